@@ -1,0 +1,40 @@
+#pragma once
+
+#include "Authenticable.h"
+#include "NetworkRequest.h"
+#include "Transport.h"
+
+#include <Result.h>
+#include <Task.h>
+
+namespace orx {
+
+//! One request with its retries. run: initialize(), prepareRequest(baseUrl()), credentials added, sent by the transport of the thread; a failed attempt is repeated as RetryPolicy says; then
+//! handleReply(). cancel() aborts the request. Thread: that of the object, which needs an event loop (or waitForFinished()).
+class ORX_NETWORK_EXPORT NetworkTask : public Task, public Retriable, public Authenticable {
+    Q_OBJECT
+public:
+    explicit NetworkTask(const QString& name, QObject* parent = nullptr);
+    ~NetworkTask() override;
+
+protected:
+    //! Called once per run; the request that all attempts send.
+    virtual Result<NetworkRequest> prepareRequest(const QUrl& baseUrl) const = 0;
+    //! \a path (beginning with "/", its segments percent-encoded where needed) appended to the path of \a baseUrl; fails with NetworkErrorCode::InvalidRequest for an invalid URL.
+    Result<NetworkRequest> prepareRequest(const QUrl& baseUrl, const QString& path, NetworkRequest::Method method) const;
+    //! The URL that requests are relative to.
+    virtual QUrl baseUrl() const = 0;
+    //! The reply that ends the task: any status, no transport error. Its error ends the task.
+    virtual Error handleReply(const NetworkReply& reply) = 0;
+    //! Called before an attempt after the first; the base does nothing.
+    virtual void aboutToRetry(const NetworkReply& failed);
+
+    void start() override;
+    void doCancel() override;
+
+private:
+    struct Private;
+    std::unique_ptr<Private> d;
+};
+
+} // namespace orx
