@@ -4,7 +4,8 @@
 
 namespace orx {
 
-//! libcurl's multi interface on the event loop of its thread: socket notifiers and one timer. Keep-alive, TCP_NODELAY, no "Expect:", bounded requests in flight.
+//! libcurl's multi interface on the event loop of its thread: socket notifiers and one timer. Keep-alive,
+//! TCP_NODELAY, no "Expect:", bounded requests in flight.
 class ORX_NETWORK_EXPORT CurlTransport final : public Transport {
 public:
     struct Options {

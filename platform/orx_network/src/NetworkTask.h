@@ -9,8 +9,9 @@
 
 namespace orx {
 
-//! One request with its retries. run: initialize(), prepareRequest(baseUrl()), credentials added, sent by the transport of the thread; a failed attempt is repeated as RetryPolicy says; then
-//! handleReply(). cancel() aborts the request. Thread: that of the object, which needs an event loop (or waitForFinished()).
+//! One request with its retries. run: initialize(), prepareRequest(baseUrl()), credentials added, sent by the
+//! transport of the thread; a failed attempt is repeated as RetryPolicy says; then handleReply(). cancel()
+//! aborts the request. Thread: that of the object, which needs an event loop (or waitForFinished()).
 class ORX_NETWORK_EXPORT NetworkTask : public Task, public Retriable, public Authenticable {
     Q_OBJECT
 public:
@@ -20,8 +21,10 @@ public:
 protected:
     //! Called once per run; the request that all attempts send.
     virtual Result<NetworkRequest> prepareRequest(const QUrl& baseUrl) const = 0;
-    //! \a path (beginning with "/", its segments percent-encoded where needed) appended to the path of \a baseUrl; fails with NetworkErrorCode::InvalidRequest for an invalid URL.
-    Result<NetworkRequest> prepareRequest(const QUrl& baseUrl, const QString& path, NetworkRequest::Method method) const;
+    //! \a path (beginning with "/", its segments percent-encoded where needed) appended to the path of \a
+    //! baseUrl; fails with NetworkErrorCode::InvalidRequest for an invalid URL.
+    Result<NetworkRequest> prepareRequest(const QUrl& baseUrl, const QString& path,
+                                          NetworkRequest::Method method) const;
     //! The URL that requests are relative to.
     virtual QUrl baseUrl() const = 0;
     //! The reply that ends the task: any status, no transport error. Its error ends the task.

@@ -4,12 +4,15 @@
 
 namespace orx {
 
-//! A task made of subtasks that add one another: initialize() starts the first, the continuation of each starts the next. The task finishes by itself when its last subtask has
-//! ended, its continuation has returned, and nothing more was added (at once after an initialize() that added nothing).
+//! A task made of subtasks that add one another: initialize() starts the first, the continuation of each
+//! starts the next. The task finishes by itself when its last subtask has ended, its continuation has
+//! returned, and nothing more was added (at once after an initialize() that added nothing).
 //!
-//! Failure of a subtask started by execSubtask(): with a failure continuation the failure is handed to it and is handled there; without one the complex
-//! task ends with the subtask's error. Failure of one started through execSubtasks(): its failure continuation is told, then the group's child failure
-//! policy decides (see GroupTask). Continuations are called on the owner's thread, also after finish(), as long as the task object lives.
+//! Failure of a subtask started by execSubtask(): with a failure continuation the failure is handed to it and
+//! is handled there; without one the complex task ends with the subtask's error. Failure of one started
+//! through execSubtasks(): its failure continuation is told, then the group's child failure policy decides
+//! (see GroupTask). Continuations are called on the owner's thread, also after finish(), as long as the task
+//! object lives.
 //!
 //! A complex task emits no progress of its own accord.
 class ORX_TASKS_EXPORT ComplexTask : public Task {
@@ -23,19 +26,22 @@ public:
     bool isIdle() const override;
 
 protected:
-    //! Adopts \a task and starts it at once. The raw-pointer form takes ownership too. \a task must have no parent that deletes it.
+    //! Adopts \a task and starts it at once. The raw-pointer form takes ownership too. \a task must have no
+    //! parent that deletes it.
     void execSubtask(BaseTask* task, Continuation onSuccess = {}, Continuation onFailure = {});
-    void execSubtask(std::unique_ptr<BaseTask> task, Continuation onSuccess = {}, Continuation onFailure = {});
+    void execSubtask(std::unique_ptr<BaseTask> task, Continuation onSuccess = {},
+                     Continuation onFailure = {});
     //! The typed form: the continuation gets the subtask as what it is.
     template <typename T, typename OnSuccess>
-        requires std::is_invocable_v<OnSuccess, T*>
-    void execSubtask(std::unique_ptr<T> task, OnSuccess onSuccess)
-    {
+    requires std::is_invocable_v<OnSuccess, T*>
+    void execSubtask(std::unique_ptr<T> task, OnSuccess onSuccess) {
         T* raw = task.get();
-        execSubtask(std::unique_ptr<BaseTask>(std::move(task)), [raw, next = std::move(onSuccess)](BaseTask*) { next(raw); });
+        execSubtask(std::unique_ptr<BaseTask>(std::move(task)),
+                    [raw, next = std::move(onSuccess)](BaseTask*) { next(raw); });
     }
     //! Adopts \a task without starting it: it waits for execSubtasks().
-    void appendSubtask(std::unique_ptr<BaseTask> task, Continuation onSuccess = {}, Continuation onFailure = {});
+    void appendSubtask(std::unique_ptr<BaseTask> task, Continuation onSuccess = {},
+                       Continuation onFailure = {});
     //! Hands all appended subtasks to the group task together.
     void execSubtasks();
 

@@ -6,13 +6,15 @@
 
 namespace orx {
 
-//! Runs child tasks side by side. Finishes when every child has ended, at once when there is none. An empty group succeeds.
+//! Runs child tasks side by side. Finishes when every child has ended, at once when there is none. An empty
+//! group succeeds.
 class ORX_TASKS_EXPORT GroupTask : public Task {
     Q_OBJECT
 public:
     //! What the failure of one child means for the others. The values are fixed.
     enum class ChildFailurePolicy : int {
-        //! Queued children never start and running ones are cancelled; each of them gets its failure continuation with isCanceled() true before the group
+        //! Queued children never start and running ones are cancelled; each of them gets its failure
+        //! continuation with isCanceled() true before the group
         //! finishes with the first real error.
         StopOnFirstFailure = 0,
         //! All children run; the group then ends with the first child's error.
@@ -20,7 +22,8 @@ public:
     };
     Q_ENUM(ChildFailurePolicy)
 
-    //! Called on the owner's thread with the child that has ended, once per run of it. Anything captured lives until the child is done.
+    //! Called on the owner's thread with the child that has ended, once per run of it. Anything captured
+    //! lives until the child is done.
     using Continuation = std::function<void(BaseTask*)>;
 
     explicit GroupTask(QObject* parent = nullptr);
@@ -30,7 +33,8 @@ public:
     void setChildFailurePolicy(ChildFailurePolicy policy);
     ChildFailurePolicy childFailurePolicy() const;
 
-    //! Adopts \a task. Started with the group, or at once when the group is running. The child is deleted (deleteLater) after its continuation, once idle.
+    //! Adopts \a task. Started with the group, or at once when the group is running. The child is deleted
+    //! (deleteLater) after its continuation, once idle.
     void addTask(std::unique_ptr<BaseTask> task, Continuation onSuccess = {}, Continuation onFailure = {});
     //! Children that were added and have not ended.
     int pendingCount() const;

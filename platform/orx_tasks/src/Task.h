@@ -4,8 +4,8 @@
 
 namespace orx {
 
-//! A task with an initialisation on the owner's thread and a body. run(): initialize(); an error ends the task with it. Otherwise the body runs by
-//! the execution mode.
+//! A task with an initialisation on the owner's thread and a body. run(): initialize(); an error ends the
+//! task with it. Otherwise the body runs by the execution mode.
 class ORX_TASKS_EXPORT Task : public BaseTask {
     Q_OBJECT
 public:
@@ -24,13 +24,16 @@ public:
     void setExecutionMode(ExecutionMode mode);
 
 protected:
-    //! Called once per run on the owner's thread before the body. May call finish(), which ends the run without the body.
+    //! Called once per run on the owner's thread before the body. May call finish(), which ends the run
+    //! without the body.
     virtual Error initialize();
-    //! The body of modes Direct and Worker; its error ends the task. In mode Worker it must touch nothing that the owner's thread touches meanwhile, and asks
-    //! isCancelRequested() now and then. The base does nothing.
+    //! The body of modes Direct and Worker; its error ends the task. In mode Worker it must touch nothing
+    //! that the owner's thread touches meanwhile, and asks isCancelRequested() now and then. The base does
+    //! nothing.
     virtual Error doExec();
-    //! What happens after a successful initialize() unless it finished the task; the base runs doExec() by the execution mode and then finishes.
-    //! Tasks whose body is asynchronous override this and call finish() themselves.
+    //! What happens after a successful initialize() unless it finished the task; the base runs doExec() by
+    //! the execution mode and then finishes. Tasks whose body is asynchronous override this and call finish()
+    //! themselves.
     virtual void start();
     //! Thread: any. True from the moment of cancel() on, and when the task object is being destroyed.
     bool isCancelRequested() const;

@@ -8,8 +8,9 @@
 
 namespace orx {
 
-//! A bounded pool of worker threads for everything that waits for a disk or computes: hashing, copying, reading. First come, first served.
-//! Thread: any for submit(); the completion runs on the thread that called submit().
+//! A bounded pool of worker threads for everything that waits for a disk or computes: hashing, copying,
+//! reading. First come, first served. Thread: any for submit(); the completion runs on the thread that called
+//! submit().
 class ORX_TASKS_EXPORT WorkerPool {
 public:
     using Job = std::function<void()>;
@@ -17,8 +18,9 @@ public:
     //! The pool of the process. Its threads end when the process does, after the jobs that run.
     static WorkerPool& instance();
 
-    //! Runs \a job on a worker, then \a completion on the calling thread, whose inbox wakes its event loop; never before submit() has returned. When \a context is gone by then, the completion
-    //! is dropped. \a context may be null (always called) and must belong to the calling thread.
+    //! Runs \a job on a worker, then \a completion on the calling thread, whose inbox wakes its event loop;
+    //! never before submit() has returned. When \a context is gone by then, the completion is dropped. \a
+    //! context may be null (always called) and must belong to the calling thread.
     void submit(Job job, QObject* context, std::function<void()> completion);
     int threadCount() const;
 

@@ -1,0 +1,18 @@
+#pragma once
+
+#include "HalvaneItems.h"
+
+namespace orx {
+
+//! Blocking and pure helpers around the connection.
+class ORX_HALVANE_EXPORT HalvaneConnectionUtils {
+public:
+    //! Blocks; thread: any that may block.
+    static Result<HalvaneFileItem> getFileItem(int fileId);
+    //! Blocks; thread: any that may block. The server's order.
+    static Result<QList<HalvaneFileItemSPtr>> files(int folderId);
+    //! The largest id among the items of exactly this name (letter case counts); -1 when there is none.
+    static int findFileIdInFiles(const QString& name, const QList<HalvaneFileItemSPtr>& files);
+};
+
+} // namespace orx

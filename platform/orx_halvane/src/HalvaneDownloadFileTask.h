@@ -1,0 +1,56 @@
+#pragma once
+
+#include "HalvaneTask.h"
+
+#include <HalvaneResourceReference.h>
+
+#include <QDir>
+
+namespace orx {
+
+//! Which file goes where.
+struct ORX_HALVANE_EXPORT HalvaneFileDownloadParameters {
+    QSharedPointer<HalvaneFileResourceReference> reference;
+    QDir targetDir;
+    HalvaneFileResourceReference::FileKind kind = HalvaneFileResourceReference::FileKind::ByName;
+    //! The name in the target directory; empty: that of the reference.
+    QString targetName;
+    //! Whether a file that is at the target may be replaced.
+    bool overwrite = false;
+};
+
+//! Brings one version of a file into a directory. The bytes go to a hidden partial file beside the target,
+//! which a later run of the same version resumes by range; they are verified against the server's SHA-256,
+//! flushed, renamed to the target's name, and the directory is flushed. Until that rename the target is what
+//! it was. Hashing and writing happen on workers. Progress: 0..100 of 100, resumed bytes included. The file's
+//! modification time becomes the one that the server recorded for the source, when it did. Fails with
+//! ErrorCode::AlreadyExists when the target exists and may not be replaced, ErrorCode::InvalidArgument for a
+//! name that is no single path component here, ErrorCode::ChecksumMismatch (partial file removed).
+class ORX_HALVANE_EXPORT HalvaneDownloadFileTask : public HalvaneComplexTask {
+    Q_OBJECT
+public:
+    explicit HalvaneDownloadFileTask(const HalvaneFileDownloadParameters& parameters,
+                                     QObject* parent = nullptr);
+    ~HalvaneDownloadFileTask() override;
+    QString targetPath() const;
+    //! After success.
+    QString sha256() const;
+    qint64 size() const;
+    int version() const;
+
+protected:
+    Error initialize() override;
+    Error doFinish() override;
+    void doCancel() override;
+
+private:
+    class Private;
+    std::unique_ptr<Private> d;
+};
+
+class ORX_HALVANE_EXPORT HalvaneDownloadFileTaskCreator {
+public:
+    static std::unique_ptr<Task> create(const HalvaneFileDownloadParameters& parameters);
+};
+
+} // namespace orx

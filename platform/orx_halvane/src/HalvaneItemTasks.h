@@ -1,0 +1,165 @@
+#pragma once
+
+#include "HalvaneItems.h"
+#include "HalvaneTask.h"
+
+#include <optional>
+
+namespace orx {
+
+//! GET /folders/ID/files: the files of one folder. Revalidated and shared: see HalvaneListings.
+class ORX_HALVANE_EXPORT HalvaneGetFilesTask : public HalvaneTask {
+    Q_OBJECT
+public:
+    explicit HalvaneGetFilesTask(int folderId, QObject* parent = nullptr);
+    QList<HalvaneFileItemSPtr> files() const { return m_files; }
+
+protected:
+    Result<NetworkRequest> prepareRequest(const QUrl& baseUrl) const override;
+    Error parseData(const QJsonObject& json) override;
+
+private:
+    int m_folderId;
+    QList<HalvaneFileItemSPtr> m_files;
+};
+
+//! GET /folders/ID/folders: the direct sub-folders of a folder, of the root without an id.
+class ORX_HALVANE_EXPORT HalvaneGetFoldersTask : public HalvaneTask {
+    Q_OBJECT
+public:
+    explicit HalvaneGetFoldersTask(std::optional<int> folderId, QObject* parent = nullptr);
+    //! Direct children only.
+    QList<HalvaneFolderTreeNodeSPtr> foldersTree() const { return m_folders; }
+
+protected:
+    Result<NetworkRequest> prepareRequest(const QUrl& baseUrl) const override;
+    Error parseData(const QJsonObject& json) override;
+
+private:
+    int m_folderId;
+    QList<HalvaneFolderTreeNodeSPtr> m_folders;
+};
+
+//! POST /folders, with an idempotency key of its own, so that a lost reply makes no second folder.
+class ORX_HALVANE_EXPORT HalvaneCreateFolderTask : public HalvaneTask {
+    Q_OBJECT
+public:
+    struct Input {
+        QString name;
+        //! None: the folder inherits its parent's privileges.
+        QList<int> userGroups;
+        int parentId = 1;
+    };
+    explicit HalvaneCreateFolderTask(const Input& input, QObject* parent = nullptr);
+    int createdFolderId() const { return m_id; }
+    QString createdFolderName() const { return m_name; }
+
+protected:
+    Result<NetworkRequest> prepareRequest(const QUrl& baseUrl) const override;
+    Error parseData(const QJsonObject& json) override;
+
+private:
+    Input m_input;
+    QByteArray m_key;
+    int m_id = -1;
+    QString m_name;
+};
+
+//! GET /folders/ID: the folder and the chain above it.
+class ORX_HALVANE_EXPORT HalvaneGetFolderTask : public HalvaneTask {
+    Q_OBJECT
+public:
+    explicit HalvaneGetFolderTask(int folderId, QObject* parent = nullptr);
+    HalvaneFolderItem folderItem() const { return m_item; }
+    //! Outermost first, the folder itself last; the root's own path holds itself.
+    QList<int> folderIdsPath() const { return m_ids; }
+    QList<QString> folderPath() const { return m_names; }
+
+protected:
+    Result<NetworkRequest> prepareRequest(const QUrl& baseUrl) const override;
+    Error parseData(const QJsonObject& json) override;
+
+private:
+    int m_folderId;
+    HalvaneFolderItem m_item;
+    QList<int> m_ids;
+    QList<QString> m_names;
+};
+
+//! GET /files/ID.
+class ORX_HALVANE_EXPORT HalvaneGetFileMetadataTask : public HalvaneTask {
+    Q_OBJECT
+public:
+    explicit HalvaneGetFileMetadataTask(int fileId, QObject* parent = nullptr);
+    HalvaneFileItem fileItem() const { return m_item; }
+
+protected:
+    Result<NetworkRequest> prepareRequest(const QUrl& baseUrl) const override;
+    Error parseData(const QJsonObject& json) override;
+
+private:
+    int m_fileId;
+    HalvaneFileItem m_item;
+};
+
+//! GET /files/ID/path: the folders above a file, outermost first, without the root.
+class ORX_HALVANE_EXPORT HalvaneGetFilePathTask : public HalvaneTask {
+    Q_OBJECT
+public:
+    explicit HalvaneGetFilePathTask(int fileId, QObject* parent = nullptr);
+    QList<int> folderIdsPath() const { return m_ids; }
+    QList<QString> folderPath() const { return m_names; }
+
+protected:
+    Result<NetworkRequest> prepareRequest(const QUrl& baseUrl) const override;
+    Error parseData(const QJsonObject& json) override;
+
+private:
+    int m_fileId;
+    QList<int> m_ids;
+    QList<QString> m_names;
+};
+
+//! One version of a file.
+struct ORX_HALVANE_EXPORT HalvaneFileVersion {
+    int version = 0;
+    qint64 size = 0;
+    QString sha256;
+    QString alias;
+    QDateTime createdAt;
+    QDateTime sourceModifiedAt;
+    QString createdBy;
+};
+
+//! GET /files/ID/versions, oldest first.
+class ORX_HALVANE_EXPORT HalvaneGetFileVersionsTask : public HalvaneTask {
+    Q_OBJECT
+public:
+    explicit HalvaneGetFileVersionsTask(int fileId, QObject* parent = nullptr);
+    QList<HalvaneFileVersion> versions() const { return m_versions; }
+
+protected:
+    Result<NetworkRequest> prepareRequest(const QUrl& baseUrl) const override;
+    Error parseData(const QJsonObject& json) override;
+
+private:
+    int m_fileId;
+    QList<HalvaneFileVersion> m_versions;
+};
+
+//! PUT /files/ID/extended-metadata.
+class ORX_HALVANE_EXPORT HalvanePutExtendedMetaDataTask : public HalvaneTask {
+    Q_OBJECT
+public:
+    HalvanePutExtendedMetaDataTask(int fileId, const QList<HalvaneCompactExtendedMetaDataValue>& values,
+                                   QObject* parent = nullptr);
+
+protected:
+    Result<NetworkRequest> prepareRequest(const QUrl& baseUrl) const override;
+
+private:
+    int m_fileId;
+    QList<HalvaneCompactExtendedMetaDataValue> m_values;
+};
+
+} // namespace orx

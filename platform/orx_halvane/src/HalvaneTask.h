@@ -1,0 +1,44 @@
+#pragma once
+
+#include "orx_halvane_export.h"
+
+#include <CustomComplexTask.h>
+#include <JsonUtils.h>
+#include <NetworkTask.h>
+
+namespace orx {
+
+//! One call of the Halvane protocol: the request goes to HalvaneConnection's API URL with its token; the
+//! reply's envelope becomes an Error of ErrorDomain::Server, or parseData() gets the whole reply object. A
+//! reply that is no such envelope (HTML, truncated JSON, another shape) is NetworkErrorCode::InvalidReply.
+class ORX_HALVANE_EXPORT HalvaneTask : public NetworkTask {
+    Q_OBJECT
+public:
+    explicit HalvaneTask(const QString& name, QObject* parent = nullptr);
+    ~HalvaneTask() override;
+
+protected:
+    //! The envelope check; subclasses call it first and then read "data". \a json is the whole reply.
+    virtual Error parseData(const QJsonObject& json);
+    //! Adds \a body as the JSON body of \a request.
+    static void setJsonBody(NetworkRequest& request, const QJsonObject& body);
+
+    using NetworkTask::prepareRequest;
+    Error initialize() override;
+    QUrl baseUrl() const override;
+    Error handleReply(const NetworkReply& reply) override;
+    //! Most calls need somebody logged in; login and health do not.
+    virtual bool needsAuthentication() const;
+};
+
+//! Base of all tasks made of several calls.
+class ORX_HALVANE_EXPORT HalvaneComplexTask : public CustomComplexTask, public Authenticable {
+    Q_OBJECT
+public:
+    HalvaneComplexTask(const QString& name, QObject* parent);
+    explicit HalvaneComplexTask(QObject* parent);
+    HalvaneComplexTask();
+    ~HalvaneComplexTask() override;
+};
+
+} // namespace orx

@@ -1,0 +1,15 @@
+#pragma once
+
+#include "ResourceHandlerFactory.h"
+
+namespace orx {
+
+//! The entry point of the resource framework.
+class ORX_RESOURCE_MANAGER_EXPORT ResourceManager {
+public:
+    //! The handler that the reference's scheme makes; ErrorCode::InvalidArgument for a null reference,
+    //! ErrorCode::NotFound while no factory is registered for the scheme.
+    static Result<QSharedPointer<ResourceHandler>> getHandler(const ResourceReferenceSPtr& reference);
+};
+
+} // namespace orx
