@@ -1,0 +1,309 @@
+#!/usr/bin/env python3
+"""Measures the programs of this repository against peers that do the same work in the same run.
+
+Every comparison is made of alternating pairs (ours, peer, ours, peer, ...). The table shows the median ratio with the interval that holds
+the true median with at least 90 % confidence (order statistics). A row fails only when the whole interval lies beyond its budget.
+"""
+import argparse
+import json
+import math
+import os
+import re
+import resource
+import shutil
+import signal
+import statistics
+import subprocess
+import sys
+import tempfile
+import time
+from pathlib import Path
+
+MIB = 1024 * 1024
+PASSWORD = b"benchmark-password\n"
+
+
+def fail(text):
+    sys.exit(f"bench: {text}")
+
+
+def median_interval(values):
+    """The narrowest symmetric pair of order statistics with at least 90 % confidence for the median, or the extremes."""
+    values = sorted(values)
+    n = len(values)
+    best = (values[0], values[-1])
+    for k in range(n // 2):
+        tail = sum(math.comb(n, i) for i in range(k + 1)) / 2**n
+        if 1 - 2 * tail >= 0.90:
+            best = (values[k], values[n - 1 - k])
+    return best
+
+
+def timed(command, **kwargs):
+    """Runs a command and returns its seconds and its peak memory in MiB."""
+    start = time.monotonic()
+    process = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, **kwargs)
+    output = process.stdout.read()
+    _, status, usage = os.wait4(process.pid, 0)
+    process.returncode = os.waitstatus_to_exitcode(status)
+    seconds = time.monotonic() - start
+    if process.returncode != 0:
+        fail(f"{command} ended with {process.returncode}:\n{output.decode(errors='replace')}")
+    return seconds, usage.ru_maxrss / 1024, output
+
+
+def wait_for(condition, what, seconds=30):
+    deadline = time.monotonic() + seconds
+    while not condition():
+        if time.monotonic() > deadline:
+            fail(f"waited {seconds} s in vain for {what}")
+        time.sleep(0.01)
+
+
+def peer_program(root, package, path):
+    """A program of a Debian package, unpacked beside the build and not installed."""
+    directory = root / "build" / "bench-peers"
+    program = directory / "root" / path.lstrip("/")
+    if program.exists():
+        return program
+    directory.mkdir(parents=True, exist_ok=True)
+    subprocess.run(["apt-get", "download", "-q", package], cwd=directory, check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    archives = sorted(directory.glob(f"{package}_*.deb"))
+    if not archives:
+        fail(f"apt-get download {package} brought nothing")
+    subprocess.run(["dpkg-deb", "-x", archives[-1], directory / "root"], check=True)
+    return program
+
+
+class Ours:
+    """The server and the client of this repository in a directory of their own."""
+
+    def __init__(self, build, work):
+        self.bin = build / "bin"
+        self.data = work / "server"
+        self.environment = {**os.environ, "HALVANE_CONFIG_DIR": str(work / "config"), "HALVANE_CACHE_DIR": str(work / "cache")}
+        subprocess.run([self.bin / "halvane-server", "init", "--data", self.data, "--admin", "bench", "--password-stdin"],
+                       input=PASSWORD, check=True, stdout=subprocess.DEVNULL)
+        port_file = work / "port"
+        self.log = open(work / "server.log", "wb")
+        self.server = subprocess.Popen([self.bin / "halvane-server", "--data", self.data, "--listen", "127.0.0.1:0", "--port-file", port_file],
+                                       stdout=self.log, stderr=self.log)
+        wait_for(port_file.exists, "the server's port file")
+        self.url = f"http://127.0.0.1:{port_file.read_text().strip()}"
+        subprocess.run([self.bin / "halvane", "login", self.url, "--user", "bench", "--password-stdin"], input=PASSWORD, check=True,
+                       env=self.environment, stdout=subprocess.DEVNULL)
+
+    def client(self, *arguments):
+        return timed([self.bin / "halvane", *map(str, arguments)], env=self.environment)
+
+    def put(self, path, name):
+        seconds, memory, output = self.client("--json", "put", path, "--to", "folder:1", "--as", name)
+        return seconds, memory, json.loads(output.decode().strip().splitlines()[-1])
+
+    def server_memory(self):
+        text = Path(f"/proc/{self.server.pid}/status").read_text()
+        return int(re.search(r"VmHWM:\s+(\d+)", text).group(1)) / 1024
+
+    def stop(self):
+        self.server.send_signal(signal.SIGTERM)
+        self.server.wait(timeout=30)
+
+
+class Nginx:
+    """nginx with its DAV module as the peer: stores what it is sent, without checksums, versions or flushes."""
+
+    def __init__(self, program, work):
+        self.files = work / "nginx" / "files"
+        for name in ("files", "temp", "logs"):
+            (work / "nginx" / name).mkdir(parents=True)
+        self.port = self.free_port()
+        user = "user root;" if os.getuid() == 0 else ""
+        config = work / "nginx" / "nginx.conf"
+        config.write_text(f"""{user}
+daemon off; pid {work}/nginx/pid; error_log {work}/nginx/logs/error.log; worker_processes 2;
+events {{ worker_connections 512; }}
+http {{
+  access_log off; sendfile on; tcp_nodelay on; client_max_body_size 0; client_body_temp_path {work}/nginx/temp;
+  proxy_temp_path {work}/nginx/temp/p; fastcgi_temp_path {work}/nginx/temp/f; uwsgi_temp_path {work}/nginx/temp/u; scgi_temp_path {work}/nginx/temp/s;
+  server {{ listen 127.0.0.1:{self.port}; root {self.files}; location / {{ dav_methods PUT DELETE; create_full_put_path on; }} }}
+}}
+""")
+        self.process = subprocess.Popen([program, "-p", work / "nginx", "-c", config, "-e", work / "nginx" / "logs" / "error.log"],
+                                        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        self.url = f"http://127.0.0.1:{self.port}"
+        wait_for(lambda: subprocess.run(["curl", "-s", "-o", "/dev/null", self.url + "/"]).returncode == 0, "nginx")
+
+    @staticmethod
+    def free_port():
+        import socket
+        with socket.socket() as probe:
+            probe.bind(("127.0.0.1", 0))
+            return probe.getsockname()[1]
+
+    def stop(self):
+        self.process.send_signal(signal.SIGTERM)
+        self.process.wait(timeout=30)
+
+
+def make_file(path, size):
+    """Random bytes: nothing on the way can compress or share them."""
+    with open(path, "wb") as file:
+        for _ in range(size // MIB):
+            file.write(os.urandom(MIB))
+    os.sync()
+
+
+class Table:
+    def __init__(self):
+        self.rows = []
+        self.failed = False
+
+    def ratio(self, name, pairs, budget, note, scale=""):
+        ours = [a for a, _ in pairs]
+        peer = [b for _, b in pairs]
+        ratios = [a / b for a, b in pairs]
+        low, high = median_interval(ratios)
+        verdict = "FAIL" if low > budget else "ok"
+        self.failed |= verdict == "FAIL"
+        self.rows.append((name, f"{statistics.median(ours):.2f} s{scale}", f"{statistics.median(peer):.2f} s",
+                          f"{statistics.median(ratios):.2f} [{low:.2f}, {high:.2f}]", f"<= {budget:.1f} x", verdict, note))
+
+    def limit(self, name, value, unit, budget, note):
+        verdict = "FAIL" if value > budget else "ok"
+        self.failed |= verdict == "FAIL"
+        self.rows.append((name, f"{value:.1f} {unit}", "-", "-", f"<= {budget} {unit}", verdict, note))
+
+    def figure(self, name, text, note):
+        self.rows.append((name, text, "-", "-", "-", "-", note))
+
+    def show(self):
+        head = ("row", "ours", "peer", "ratio [interval]", "budget", "", "note")
+        print("| " + " | ".join(head) + " |")
+        print("|" + "---|" * len(head))
+        for row in self.rows:
+            print("| " + " | ".join(row) + " |")
+
+
+def pairs_of(count, ours, peer):
+    """One warm-up of each, then alternating pairs; each starts with nothing waiting to be written."""
+    ours(), peer()
+    result = []
+    for index in range(count):
+        os.sync()
+        if index % 2 == 0:
+            a = ours()
+            os.sync()
+            b = peer()
+        else:
+            b = peer()
+            os.sync()
+            a = ours()
+        result.append((a, b))
+    return result
+
+
+def bench_large_file(table, ours, nginx, work, size, count):
+    label = f"{size // MIB} MiB"
+    source = work / "source"
+    make_file(source, size)
+    last = {}
+
+    def up_ours():
+        seconds, _, last["file"] = ours.put(source, "large.bin")
+        return seconds
+
+    def up_peer():
+        start = time.monotonic()
+        subprocess.run(["curl", "-s", "-f", "-T", source, f"{nginx.url}/large.bin"], check=True, stdout=subprocess.DEVNULL)
+        subprocess.run(["sync", nginx.files / "large.bin"], check=True)
+        return time.monotonic() - start
+
+    table.ratio(f"one {label} file up, durable", pairs_of(count, up_ours, up_peer), 1.0,
+                "the peer makes no checksum and no version")
+    target, other = work / "down-ours", work / "down-peer"
+
+    def down_ours():
+        target.unlink(missing_ok=True)
+        return ours.client("get", f"file:{last['file']['id']}", "--to", target)[0]
+
+    def down_peer():
+        other.unlink(missing_ok=True)
+        start = time.monotonic()
+        subprocess.run(["curl", "-s", "-f", "-o", other, f"{nginx.url}/large.bin"], check=True)
+        subprocess.run(["sync", other, work], check=True)
+        return time.monotonic() - start
+
+    table.ratio(f"one {label} file down, durable", pairs_of(count, down_ours, down_peer), 1.0,
+                "ours verifies the SHA-256; the peer does not; no cache on either side")
+    if subprocess.run(["cmp", "-s", source, target]).returncode != 0:
+        fail("the file that came down differs from the one that went up")
+    for path in (source, target, other):
+        path.unlink(missing_ok=True)
+
+
+def bench_memory(table, ours, work, size):
+    source = work / "huge"
+    make_file(source, size)
+    seconds, memory, file = ours.put(source, "huge.bin")
+    label = f"{size // MIB} MiB of random bytes"
+    table.limit(f"client memory, {label} up", memory, "MiB", 150, f"high-water mark; {size / MIB / seconds:.0f} MiB/s")
+    seconds, memory, _ = ours.client("get", f"file:{file['id']}", "--to", work / "huge-down")
+    table.limit(f"client memory, {label} down", memory, "MiB", 150, f"high-water mark; {size / MIB / seconds:.0f} MiB/s")
+    table.limit("server memory, all rows so far", ours.server_memory(), "MiB", 150, "high-water mark")
+    source.unlink()
+    (work / "huge-down").unlink()
+
+
+def bench_growth(table, ours, work, size):
+    rates = []
+    for factor in (0.25, 1, 4):
+        source = work / "growth"
+        make_file(source, int(size * factor))
+        times = []
+        for _ in range(3):
+            os.sync()
+            times.append(ours.put(source, "growth.bin")[0])
+        rates.append(f"{size * factor / MIB:.0f} MiB: {statistics.median(times):.2f} s")
+        source.unlink()
+    table.figure("growth of an upload with its size", ", ".join(rates), "medians of 3; linear is the aim")
+
+
+def bench_stall(table, ours, build, work, size):
+    source = work / "stall"
+    make_file(source, size)
+    program = build / "bin" / "bench_event_loop"
+    _, _, output = timed([program, ours.url, "bench", PASSWORD.decode().strip(), source, work / "stall-down"], env=ours.environment)
+    for name, gap in json.loads(output.decode().strip().splitlines()[-1]).items():
+        table.limit(f"longest stall of the event loop, {size // MIB} MiB {name}", gap, "ms", 50, "a timer of 1 ms in the same loop")
+    source.unlink()
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("root", type=Path)
+    parser.add_argument("--quick", action="store_true", help="small sizes and few pairs: shows that it works, proves nothing")
+    options = parser.parse_args()
+    root = options.root
+    build = root / "build" / "bench"
+    work = Path(tempfile.mkdtemp(prefix="orx-bench-"))
+    resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
+    size, count = (64 * MIB, 3) if options.quick else (1024 * MIB, 7)
+    table = Table()
+    servers = []
+    try:
+        servers.append(ours := Ours(build, work))
+        servers.append(nginx := Nginx(peer_program(root, "nginx", "/usr/sbin/nginx"), work))
+        bench_large_file(table, ours, nginx, work, size, count)
+        bench_memory(table, ours, work, 4 * size)
+        bench_growth(table, ours, work, size)
+        bench_stall(table, ours, build, work, size)
+    finally:
+        for server in servers:
+            server.stop()
+        shutil.rmtree(work, ignore_errors=True)
+    table.show()
+    sys.exit(1 if table.failed else 0)
+
+
+if __name__ == "__main__":
+    main()
