@@ -65,6 +65,13 @@ RealServer::~RealServer()
 
 bool RealServer::start()
 {
+    const bool up = tryStart();
+    EXPECT_TRUE(up) << "halvane-server did not start: " << qPrintable(m_process->errorString()) << log().constData();
+    return up;
+}
+
+bool RealServer::tryStart()
+{
     const QString portFile = m_temporary.filePath(QStringLiteral("port"));
     QFile::remove(portFile);
     m_process = std::make_unique<QProcess>();
@@ -81,7 +88,6 @@ bool RealServer::start()
                          m_arguments);
     const bool up = waitUntil(
         [&] { return QFileInfo::exists(portFile) || m_process->state() == QProcess::NotRunning; }) && QFileInfo::exists(portFile);
-    EXPECT_TRUE(up) << "halvane-server did not start: " << qPrintable(m_process->errorString()) << log().constData();
     QFile file(portFile);
     if (up && file.open(QIODevice::ReadOnly))
         m_port = file.readAll().trimmed().toUShort();
@@ -166,12 +172,18 @@ ClientEnvironment::~ClientEnvironment()
 
 bool ClientEnvironment::login(const QString& user, const QString& password)
 {
+    const Error error = tryLogin(user, password);
+    EXPECT_FALSE(error.hasError()) << qPrintable(error.traceText());
+    return !error.hasError();
+}
+
+Error ClientEnvironment::tryLogin(const QString& user, const QString& password)
+{
     HalvaneLoginTask task(user, password);
     task.exec();
     const Error error = task.waitForFinished();
-    EXPECT_FALSE(error.hasError()) << qPrintable(error.traceText());
-    HalvaneConnection::instance().setCredentials(user, task.token());
-    return !error.hasError();
+    HalvaneConnection::instance().setCredentials(user, error.hasError() ? QByteArray() : task.token());
+    return error;
 }
 
 QString ClientEnvironment::makeFile(const QString& name, qint64 size, quint32 seed) const

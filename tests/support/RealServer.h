@@ -1,5 +1,7 @@
 #pragma once
 
+#include <Error.h>
+
 #include <QHash>
 #include <QProcess>
 #include <QTemporaryDir>
@@ -41,6 +43,8 @@ public:
     void setEnvironment(const QString& name, const QString& value) { m_environment.insert(name, value); }
     //! Starts the process and waits until it listens. After the first start the same port is asked for again.
     bool start();
+    //! The same, but a server that does not come up is no test failure.
+    bool tryStart();
     //! SIGTERM; returns whether the process ended with code 0.
     bool stop();
     //! SIGKILL.
@@ -78,9 +82,12 @@ class ClientEnvironment {
 public:
     explicit ClientEnvironment(const QUrl& url);
     ~ClientEnvironment();
-    //! Logs in and keeps the token; returns whether it worked.
+    //! Logs in and keeps the token; failing is a test failure.
     bool login(const QString& user = QString::fromLatin1(RealServer::AdminName),
                const QString& password = QString::fromLatin1(RealServer::AdminPassword));
+    //! The same, but failing is no test failure.
+    Error tryLogin(const QString& user = QString::fromLatin1(RealServer::AdminName),
+                   const QString& password = QString::fromLatin1(RealServer::AdminPassword));
     QString configDir() const { return m_dir.filePath(QStringLiteral("config")); }
     //! A directory for files of the test.
     QString workDir() const { return m_dir.filePath(QStringLiteral("work")); }
