@@ -36,8 +36,9 @@ protected:
     requires std::is_invocable_v<OnSuccess, T*>
     void execSubtask(std::unique_ptr<T> task, OnSuccess onSuccess) {
         T* raw = task.get();
+        // A bare lambda would choose this template again, without end.
         execSubtask(std::unique_ptr<BaseTask>(std::move(task)),
-                    [raw, next = std::move(onSuccess)](BaseTask*) { next(raw); });
+                    Continuation([raw, next = std::move(onSuccess)](BaseTask*) { next(raw); }));
     }
     //! Adopts \a task without starting it: it waits for execSubtasks().
     void appendSubtask(std::unique_ptr<BaseTask> task, Continuation onSuccess = {},
