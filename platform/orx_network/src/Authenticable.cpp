@@ -1,0 +1,8 @@
+#include "Authenticable.h"
+
+namespace orx {
+
+Authenticable::~Authenticable() = default;
+Retriable::~Retriable() = default;
+
+} // namespace orx

@@ -1,0 +1,55 @@
+#pragma once
+
+#include <CurlTransport.h>
+#include <NetworkError.h>
+
+#include <LoopbackServer.h>
+
+#include <QEventLoop>
+
+#include <optional>
+
+namespace orx::testing {
+
+inline NetworkRequest requestTo(const LoopbackServer& server, const std::string& path = "/",
+                                NetworkRequest::Method method = NetworkRequest::Method::Get) {
+    NetworkRequest request;
+    request.url = QUrl(QString::fromStdString(server.url(path)));
+    request.method = method;
+    return request;
+}
+
+//! Runs the event loop of this thread until \a condition, which only events of this thread may make true.
+inline void runUntil(const std::function<bool()>& condition) {
+    QEventLoop loop;
+    while (!condition())
+        loop.processEvents(QEventLoop::WaitForMoreEvents);
+}
+
+//! A request on its way, and its reply once it came.
+struct Exchange {
+    Exchange(Transport& transport, const NetworkRequest& request)
+        : call(transport.send(request, [this](const NetworkReply& came) {
+            reply = came;
+            ++calls;
+        })) {}
+    const NetworkReply& wait() {
+        runUntil([this] { return reply.has_value(); });
+        return *reply;
+    }
+
+    std::optional<NetworkReply> reply;
+    int calls = 0;
+    std::unique_ptr<TransportCall> call;
+};
+
+inline NetworkReply exchange(Transport& transport, const NetworkRequest& request) {
+    return Exchange(transport, request).wait();
+}
+
+//! The code of a network error, 0 for anything else.
+inline int networkCode(const Error& error) {
+    return error.domain() == ErrorDomain::Network ? error.code() : 0;
+}
+
+} // namespace orx::testing
