@@ -37,6 +37,7 @@ public:
     LoopbackConnection(Socket& socket, std::mutex& socketMutex, int index)
         : m_socket(socket), m_socketMutex(socketMutex), m_index(index) {}
 
+    const Socket& socket() const { return m_socket; }
     //! Which accepted connection this is, from 0.
     int index() const { return m_index; }
     //! Nothing when the client has closed.
