@@ -2,9 +2,11 @@
 
 #include "HalvaneSettings.h"
 
-#include <NetworkTask.h>
+#include <Error.h>
 
 namespace orx {
+
+class NetworkTask;
 
 //! The server that this process talks to and who it is there. Thread: any; the state is copied in and out.
 class ORX_HALVANE_EXPORT HalvaneConnection {

@@ -32,7 +32,8 @@ struct ORX_HALVANE_EXPORT HalvaneFileUploadParameters {
     int originalTargetId = -1;
 
     //! Accepts empty and missing paths (the tasks report them). Fails with ErrorCode::InvalidArgument for a
-    //! target id below 1 and for extended metadata that the server would refuse (an empty key).
+    //! target id below 1 and for extended metadata that the server would refuse (an empty key, one over 255
+    //! bytes, a value over 64 KiB, more than 1,000 pairs).
     static Result<HalvaneFileUploadParameters>
     create(const QString& localPath, int targetId, ItemType targetItemType, const QString& alias,
            const std::optional<QList<HalvaneCompactExtendedMetaDataValue>>& extendedMetadata,
@@ -41,6 +42,12 @@ struct ORX_HALVANE_EXPORT HalvaneFileUploadParameters {
     create(const QString& localPath, int targetId, ItemType targetItemType, const QString& alias,
            const std::optional<QList<HalvaneExtendedMetaDataValue>>& extendedMetadata,
            HalvaneUploadPolicyOptions policyOptions, const std::optional<QString>& targetFileName);
+    //! Without extended metadata: a plain std::nullopt would fit both of the others.
+    static Result<HalvaneFileUploadParameters> create(const QString& localPath, int targetId,
+                                                      ItemType targetItemType, const QString& alias,
+                                                      std::nullopt_t,
+                                                      HalvaneUploadPolicyOptions policyOptions,
+                                                      const std::optional<QString>& targetFileName);
 };
 
 } // namespace orx

@@ -26,7 +26,8 @@ struct ORX_HALVANE_EXPORT HalvaneTransferSnapshot {
     std::optional<std::chrono::seconds> remaining;
 };
 
-//! One transfer's own counter; gone when it is destroyed.
+//! One transfer's own counter. When it is destroyed, a complete transfer stays in the sums; an incomplete one
+//! leaves them (a later run of it counts its bytes as resumed), except for what it moved.
 class ORX_HALVANE_EXPORT HalvaneTransfer {
 public:
     ~HalvaneTransfer();
@@ -50,7 +51,7 @@ public:
     using Clock = std::chrono::steady_clock;
     static std::shared_ptr<HalvaneTransfer> begin(qint64 totalBytes);
     static HalvaneTransferSnapshot snapshot(Clock::time_point now = Clock::now());
-    //! Forgets all sums; for hosts that run several jobs.
+    //! Forgets the sums of transfers that are gone and the rate; for hosts that run several jobs.
     static void reset();
 };
 

@@ -1,0 +1,92 @@
+#include "HalvaneConnection.h"
+
+#include <QMutex>
+#include <QMutexLocker>
+
+namespace orx {
+
+namespace {
+
+bool isUsable(const QUrl& url) {
+    const QString scheme = url.scheme().toLower();
+    return url.isValid() && !url.host().isEmpty() &&
+           (scheme == QStringLiteral("http") || scheme == QStringLiteral("https"));
+}
+
+} // namespace
+
+struct HalvaneConnection::Private {
+    mutable QMutex mutex;
+    HalvaneSettings settings;
+    QString userName;
+    QByteArray token;
+
+    QUrl url() const {
+        const QMutexLocker lock(&mutex);
+        return settings.machineSettingsPtr()->url();
+    }
+};
+
+HalvaneConnection::HalvaneConnection() : d(new Private) {}
+
+HalvaneConnection::~HalvaneConnection() {
+    delete d;
+}
+
+HalvaneConnection& HalvaneConnection::instance() {
+    static HalvaneConnection connection;
+    return connection;
+}
+
+HalvaneSettings HalvaneConnection::settings() const {
+    const QMutexLocker lock(&d->mutex);
+    return d->settings;
+}
+
+void HalvaneConnection::setSettings(const HalvaneSettings& settings) {
+    const QMutexLocker lock(&d->mutex);
+    d->settings = settings;
+}
+
+QUrl HalvaneConnection::apiUrl() const {
+    QUrl url = d->url();
+    if (!isUsable(url))
+        return QUrl();
+    url = url.adjusted(QUrl::RemoveUserInfo | QUrl::RemoveQuery | QUrl::RemoveFragment);
+    QString path = url.path(QUrl::FullyEncoded);
+    while (path.endsWith(u'/'))
+        path.chop(1);
+    url.setPath(path + QStringLiteral("/api/v1"), QUrl::TolerantMode);
+    return url;
+}
+
+QString HalvaneConnection::serverKey() const {
+    const QUrl url = d->url();
+    if (!isUsable(url))
+        return QString();
+    const QString scheme = url.scheme().toLower();
+    // The default port is written out, so that a URL with it and one without name the same server.
+    const int port = url.port(scheme == QStringLiteral("https") ? 443 : 80);
+    QString host = url.host(QUrl::FullyEncoded).toLower();
+    if (host.contains(u':') && !host.startsWith(u'['))
+        host = u'[' + host + u']';
+    return QStringLiteral("%1://%2:%3").arg(scheme, host).arg(port);
+}
+
+QByteArray HalvaneConnection::token() const {
+    const QMutexLocker lock(&d->mutex);
+    return d->token;
+}
+
+QString HalvaneConnection::userName() const {
+    const QMutexLocker lock(&d->mutex);
+    return d->userName;
+}
+
+void HalvaneConnection::setCredentials(const QString& userName, const QByteArray& token) {
+    const QMutexLocker lock(&d->mutex);
+    d->userName = userName;
+    d->token = token;
+}
+
+} // namespace orx

@@ -1,0 +1,66 @@
+#include "HalvaneHistory.h"
+
+#include "HalvaneConnection.h"
+#include "HalvaneDatabase.h"
+#include "HalvaneTemporaryDirs.h"
+
+#include <QCoreApplication>
+
+#include <SQLiteCpp/Column.h>
+#include <SQLiteCpp/Statement.h>
+
+namespace orx {
+
+namespace {
+
+void bindFile(SQLite::Statement& statement, const QString& localPath, int fileId) {
+    statement.bind(":server", HalvaneConnection::instance().serverKey().toStdString());
+    statement.bind(":path", canonicalLocalPath(localPath).toStdString());
+    statement.bind(":file", fileId);
+}
+
+} // namespace
+
+Result<std::optional<int>> HalvaneHistory::fileVersion(const QString& localPath, int fileId) const {
+    std::optional<int> version;
+    ORX_RETURN_ON_ERROR(HalvaneDatabase::run(HalvaneDatabase::Access::Read, [&](SQLite::Database& database) {
+        SQLite::Statement query(
+            database,
+            "SELECT version FROM history WHERE server = :server AND path = :path AND file_id = :file");
+        bindFile(query, localPath, fileId);
+        if (query.executeStep())
+            version = query.getColumn(0).getInt();
+    }));
+    return version;
+}
+
+Error HalvaneHistory::setFileVersion(const QString& localPath, int fileId, int version) {
+    if (localPath.isEmpty() || fileId < 1 || version < 1)
+        return ORX_ECATCH(Error(
+            ErrorCode::InvalidArgument,
+            QCoreApplication::translate(
+                "orx::HalvaneHistory", "Version %3 of the file with the id %2 cannot be recorded for \"%1\".")
+                .arg(localPath)
+                .arg(fileId)
+                .arg(version)));
+    if (HalvaneTemporaryDirs::contains(canonicalLocalPath(localPath)))
+        return Error();
+    return ORX_ECATCH(HalvaneDatabase::run(HalvaneDatabase::Access::Write, [&](SQLite::Database& database) {
+        SQLite::Statement statement(database,
+                                    "INSERT OR REPLACE INTO history (server, path, file_id, version) "
+                                    "VALUES (:server, :path, :file, :version)");
+        bindFile(statement, localPath, fileId);
+        statement.bind(":version", version);
+        statement.exec();
+    }));
+}
+
+void HalvaneHistory::registerTemporaryDir(const QString& dir) {
+    HalvaneTemporaryDirs::add(dir);
+}
+
+void HalvaneHistory::unregisterTemporaryDir(const QString& dir) {
+    HalvaneTemporaryDirs::remove(dir);
+}
+
+} // namespace orx

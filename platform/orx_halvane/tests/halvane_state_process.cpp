@@ -1,0 +1,71 @@
+// A process beside a test that works on the same history and journal:
+//   halvane_state_process SERVER hold PATH FOLDER     acquires the record of an upload, prints its row and
+//   key, and
+//                                                     keeps it until its input ends
+//   halvane_state_process SERVER record PATH COUNT    records the versions 1 of COUNT file ids from 1 on
+//   halvane_state_process SERVER acquire PATH COUNT   acquires COUNT new records, one per folder from 1 on
+#include "HalvaneConnection.h"
+#include "HalvaneHistory.h"
+#include "HalvaneUploadJournal.h"
+
+#include <QCoreApplication>
+
+#include <cstdio>
+
+using namespace orx;
+
+namespace {
+
+Result<HalvaneUploadRecord> acquire(const QString& path, int folderId) {
+    auto parameters =
+        HalvaneFileUploadParameters::create(path, folderId, HalvaneResourceReference::ItemType::Folder,
+                                            QString(), std::nullopt, {}, std::nullopt);
+    if (parameters.hasError())
+        return std::move(parameters).error();
+    auto record = HalvaneUploadJournal::describe(*parameters);
+    if (record.hasError())
+        return record;
+    return HalvaneUploadJournal::acquire(*record);
+}
+
+Error hold(const QString& path, int folderId) {
+    const auto record = acquire(path, folderId);
+    if (record.hasError())
+        return record.error();
+    std::printf("%lld %s\n", static_cast<long long>(record->rowId), record->idempotencyKey.constData());
+    std::fflush(stdout);
+    while (std::getchar() != EOF) {
+    }
+    return Error();
+}
+
+Error work(const QString& command, const QString& path, int number) {
+    if (command == QStringLiteral("hold"))
+        return hold(path, number);
+    for (int i = 1; i <= number; ++i) {
+        if (command == QStringLiteral("record")) {
+            ORX_RETURN_ON_ERROR(HalvaneHistory().setFileVersion(path, i, 1));
+        } else {
+            const auto record = acquire(path, i);
+            if (record.hasError())
+                return record.error();
+        }
+    }
+    return Error();
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    const QCoreApplication application(argc, argv);
+    const QStringList arguments = QCoreApplication::arguments();
+    if (arguments.size() != 5)
+        return 2;
+    HalvaneConnection::instance().setSettings(
+        HalvaneSettings(HalvaneMachineSettings(QUrl(arguments.at(1))), HalvaneUserSettings()));
+    HalvaneConnection::instance().setCredentials(QStringLiteral("anna"), "token");
+    const Error error = work(arguments.at(2), arguments.at(3), arguments.at(4).toInt());
+    if (error.hasError())
+        std::fprintf(stderr, "%s\n", qPrintable(error.traceText()));
+    return error.hasError() ? 1 : 0;
+}
