@@ -11,7 +11,7 @@ public:
     struct Options {
         int maxRequestsInFlight = 16;
         //! Added to the system's certificates; for servers with a certificate of their own.
-        QString caFile;
+        QString caFile = {};
     };
 
     CurlTransport();
