@@ -1,0 +1,60 @@
+#include <BufferPool.h>
+#include <ContentHash.h>
+
+#include <gtest/gtest.h>
+
+using namespace orx;
+
+namespace {
+
+TEST(ContentHash, GivesTheDigestsOfTheStandard) {
+    ContentHash hash;
+    EXPECT_EQ(hash.hexDigest(), "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
+    hash.add("a", 1);
+    EXPECT_TRUE(ContentHash::isHexDigest(hash.hexDigest()));
+    hash.add("bc", 2);
+    EXPECT_EQ(hash.hexDigest(), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
+    hash.reset();
+    EXPECT_EQ(hash.hexDigest(), "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
+}
+
+TEST(ContentHash, TellsDigestsFromOtherTexts) {
+    EXPECT_TRUE(ContentHash::isHexDigest(QByteArray(64, 'a')));
+    EXPECT_FALSE(ContentHash::isHexDigest(QByteArray(63, 'a')));
+    EXPECT_FALSE(ContentHash::isHexDigest(QByteArray(64, 'A')));
+    EXPECT_FALSE(ContentHash::isHexDigest(QByteArray(64, 'g')));
+    EXPECT_FALSE(ContentHash::isHexDigest(QByteArray()));
+}
+
+TEST(ChunkHash, IsTheCanonicalFormWhateverThePieces) {
+    EXPECT_EQ(ChunkHash::of(QByteArray()), "99aa06d3014798d86001c324468d497f");
+    ChunkHash pieces;
+    pieces.add("ab", 2);
+    pieces.add("c", 1);
+    EXPECT_EQ(pieces.hexDigest(), "06b05ab6733a618578af5f94892f3950");
+    EXPECT_EQ(ChunkHash::of("abc"), pieces.hexDigest());
+}
+
+TEST(BufferPool, GivesABufferOutAgainWhenItsLastHolderLetsGo) {
+    BufferPool pool(1 << 20, 2);
+    std::shared_ptr<QByteArray> first = pool.take();
+    EXPECT_EQ(first->size(), 1 << 20);
+    const QByteArray* raw = first.get();
+    first->resize(3);
+    std::shared_ptr<const QByteArray> second = std::move(first);
+    EXPECT_NE(pool.take().get(), raw) << "it is still held";
+    second.reset();
+    const std::shared_ptr<QByteArray> again = pool.take();
+    EXPECT_EQ(again.get(), raw);
+    EXPECT_EQ(again->size(), 1 << 20);
+}
+
+TEST(BufferPool, BuffersMayOutliveThePool) {
+    auto pool = std::make_unique<BufferPool>(16, 1);
+    const std::shared_ptr<QByteArray> buffer = pool->take();
+    pool.reset();
+    buffer->fill('x');
+    EXPECT_EQ(*buffer, QByteArray(16, 'x'));
+}
+
+} // namespace
