@@ -1,0 +1,82 @@
+#pragma once
+
+#include "ContentHash.h"
+
+#include <Result.h>
+
+#include <QDateTime>
+
+namespace orx {
+
+//! A download on the disk: a hidden partial file beside the target that grows, is locked against others, and
+//! becomes the target when it is whole. What is at the target stays as it is until then. Every byte of the
+//! partial file is hashed once. Blocks on the disk; thread: one at a time, a worker.
+//!
+//! The partial file stays when this object goes, for a later run to resume, unless it is empty.
+class ORX_HALVANE_EXPORT PartialFile {
+public:
+    struct Location {
+        QString directory;
+        QString targetName;
+        QString partialName;
+        //! Whether a file at the target may be replaced.
+        bool overwrite = false;
+    };
+    //! What the whole must be.
+    struct Expected {
+        qint64 size = 0;
+        //! Hexadecimal.
+        QByteArray sha256;
+        //! Becomes the file's modification time when valid.
+        QDateTime modified;
+    };
+
+    explicit PartialFile(const Location& location);
+    ~PartialFile();
+    PartialFile(const PartialFile&) = delete;
+    PartialFile& operator=(const PartialFile&) = delete;
+
+    //! Opens the partial file of an earlier run or makes one, and locks it. Fails with ErrorCode::NotFound
+    //! for a missing directory, ErrorCode::AlreadyExists for a target that may not or (a directory) cannot be
+    //! replaced, ErrorCode::Busy when another download holds the partial file, else with the system's error.
+    //! Nothing is made in these cases.
+    Error open();
+    //! Bytes that are there.
+    qint64 size() const { return m_size; }
+    //! Hashes up to \a bytes more of what an earlier run left; true when all of it is hashed.
+    Result<bool> hashMore(qint64 bytes);
+    //! ENOSPC when the file system has no room for \a totalSize bytes in all.
+    Error checkRoom(qint64 totalSize) const;
+    //! Throws away what is there.
+    Error startOver();
+    //! Writes \a data after what is there. A full disk is ENOSPC with a message that says what to do; what
+    //! was written stays and counts.
+    Error append(const QByteArray& data);
+    //! Verifies, flushes and renames to the target, and flushes the directory. Fails with
+    //! ErrorCode::ChecksumMismatch (the partial file is empty then), or ErrorCode::AlreadyExists when
+    //! something is at the target by now that may not be replaced (the partial file stays).
+    Error publish(const Expected& expected);
+
+private:
+    Error openDirectory();
+    Error checkTarget() const;
+    Error openPartial();
+    //! False when the file was renamed or removed between opening and locking it.
+    bool isStillThere() const;
+    Error rename();
+    Error renameWithoutReplacing();
+    Error noRoom(qint64 missing) const;
+    Error system(const char* text) const;
+    QString targetPath() const;
+
+    Location m_location;
+    int m_directory = -1;
+    int m_file = -1;
+    qint64 m_size = 0;
+    qint64 m_hashed = 0;
+    qint64 m_writtenBack = 0;
+    bool m_published = false;
+    ContentHash m_hash;
+};
+
+} // namespace orx
