@@ -1,0 +1,183 @@
+// The finalisations of the SQLite catalogue: the commit point of every version.
+#include "store/sqlite_access.h"
+#include "store/sqlite_catalog.h"
+
+namespace halvane::server {
+
+namespace {
+
+// The upload as the transaction sees it.
+struct OpenUpload {
+    std::string name;
+    std::int64_t size = 0;
+    Id targetId = 0;
+    bool isNewVersion = false;
+    std::optional<std::int64_t> expectedVersion;
+    std::optional<TimeMs> sourceModifiedAt;
+    std::string blobName;
+};
+
+std::optional<FinalizedFile> findFinalized(SqliteConnection& connection, Id file, std::int64_t version) {
+    Query query(connection, "SELECT f.id, v.version, f.folder_id, f.name, v.size, v.sha256 FROM files f"
+                            " JOIN versions v ON v.file_id = f.id WHERE f.id = ?1 AND v.version = ?2");
+    if (!query.bind(file, version).next())
+        return std::nullopt;
+    return FinalizedFile{query.integer(0), query.integer(1), query.integer(2),
+                         query.text(3),    query.integer(4), query.digest<Sha256Digest>(5)};
+}
+
+OpenUpload requireCompleteUpload(SqliteConnection& connection, const Finalisation& request) {
+    Query query(connection,
+                "SELECT name, size, target_id, target_type, expected_version, source_modified_at, blob_name,"
+                " chunk_size, final_file, (SELECT count(*) FROM upload_chunks WHERE upload_id = ?1)"
+                " FROM uploads WHERE id = ?1 AND user_id = ?2");
+    const std::string id = std::to_string(request.uploadId);
+    if (!query.bind(request.uploadId, request.caller.userId).next())
+        throw ApiError(ErrorCode::NotFound, "There is no upload with the id " + id + ".");
+    if (!query.isNull(8))
+        throw ApiError(ErrorCode::UploadGone, "The upload " + id + " was finalised already.");
+    const std::int64_t chunkSize = query.integer(7);
+    if (query.integer(9) != (query.integer(1) + chunkSize - 1) / chunkSize)
+        throw ApiError(ErrorCode::UploadIncomplete, "The upload " + id + " lacks chunks.");
+    return {query.text(0),         query.integer(1),         query.integer(2),
+            query.integer(3) == 0, query.optionalInteger(4), query.optionalInteger(5),
+            query.text(6)};
+}
+
+struct Target {
+    Id fileId = 0;
+    std::int64_t version = 1;
+    Id folderId = 0;
+};
+
+Target newVersionOf(SqliteConnection& connection, const Finalisation& request, const OpenUpload& upload) {
+    const FolderAccess access = requireReadableFile(connection, request.caller, upload.targetId);
+    requirePrivilege(access, Privilege::AddFiles, "add files to");
+    Query query(connection, "SELECT last_version, name FROM files WHERE id = ?1");
+    query.bind(upload.targetId).next();
+    const std::int64_t last = query.integer(0);
+    if (upload.expectedVersion && *upload.expectedVersion != last)
+        throw ApiError(ErrorCode::VersionConflict,
+                       "The file '" + query.text(1) + "' (id " + std::to_string(upload.targetId) +
+                           ") has the version " + std::to_string(last) + " by now, not " +
+                           std::to_string(*upload.expectedVersion) + ".");
+    Query(connection, "UPDATE files SET last_version = ?2 WHERE id = ?1")
+        .bind(upload.targetId, last + 1)
+        .run();
+    return {upload.targetId, last + 1, access.folder().id};
+}
+
+Target newFileIn(SqliteConnection& connection, const Finalisation& request, const OpenUpload& upload,
+                 TimeMs now) {
+    const FolderAccess access = requireReadable(connection, request.caller, upload.targetId);
+    requirePrivilege(access, Privilege::AddFiles, "add files to");
+    Query(connection, "INSERT INTO files (folder_id, name, last_version, created_at, created_by) VALUES (?1, "
+                      "?2, 1, ?3, ?4)")
+        .bind(upload.targetId, upload.name, now, request.caller.userId)
+        .run();
+    return {connection.database().getLastInsertRowid(), 1, upload.targetId};
+}
+
+void insertVersion(SqliteConnection& connection, const Finalisation& request, const OpenUpload& upload,
+                   const Target& target, TimeMs now) {
+    std::optional<Id> smallContent;
+    std::optional<std::string> blobName;
+    if (upload.size < inlineContentLimit) {
+        const auto* data = reinterpret_cast<const unsigned char*>(request.inlineContent.data());
+        Query(connection, "INSERT INTO small_contents (content) VALUES (?1)")
+            .bind(std::span(data, request.inlineContent.size()))
+            .run();
+        smallContent = connection.database().getLastInsertRowid();
+    } else {
+        blobName = upload.blobName;
+    }
+    Query(connection,
+          "INSERT INTO versions (file_id, version, size, sha256, alias, data_type, source_modified_at,"
+          " created_at, created_by, blob_name, small_content_id)"
+          " VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11)")
+        .bind(target.fileId, target.version, upload.size, std::span<const unsigned char>(request.sha256),
+              request.alias, request.dataType, upload.sourceModifiedAt, now, request.caller.userId, blobName,
+              smallContent)
+        .run();
+    if (request.trace != "{}")
+        Query(connection, "INSERT INTO traces (file_id, version, trace) VALUES (?1, ?2, ?3)")
+            .bind(target.fileId, target.version, request.trace)
+            .run();
+}
+
+void closeUpload(SqliteConnection& connection, Id upload, const Target& target, TimeMs now) {
+    Query(connection, "DELETE FROM upload_chunks WHERE upload_id = ?1").bind(upload).run();
+    Query(connection, "UPDATE uploads SET final_file = ?2, final_version = ?3, expires_at = ?4 WHERE id = ?1")
+        .bind(upload, target.fileId, target.version, now)
+        .run();
+    Query(connection, "UPDATE folders SET files_change = files_change + 1 WHERE id = ?1")
+        .bind(target.folderId)
+        .run();
+}
+
+FinalizedFile commitOne(SqliteConnection& connection, const Finalisation& request) {
+    const Id user = request.caller.userId;
+    if (const auto earlier = findCallResult(connection, user, finalizeCall, request.key))
+        if (auto file = findFinalized(connection, earlier->id, earlier->version))
+            return std::move(*file);
+    const TimeMs now = currentTime();
+    const OpenUpload upload = requireCompleteUpload(connection, request);
+    const Target target = upload.isNewVersion ? newVersionOf(connection, request, upload)
+                                              : newFileIn(connection, request, upload, now);
+    insertVersion(connection, request, upload, target, now);
+    closeUpload(connection, request.uploadId, target, now);
+    rememberCallResult(connection, user, finalizeCall, request.key, {target.fileId, target.version});
+    return findFinalized(connection, target.fileId, target.version).value();
+}
+
+} // namespace
+
+std::vector<FinalisationOutcome> SqliteCatalog::commit(std::span<const Finalisation> batch) {
+    std::vector<FinalizedFile> files(batch.size());
+    std::vector<SqliteWriter::Work> works;
+    for (std::size_t i = 0; i < batch.size(); ++i)
+        works.push_back([&file = files[i], &request = batch[i]](SqliteConnection& connection) {
+            file = commitOne(connection, request);
+        });
+    std::vector<std::future<void>> done = m_writer.submit(Durability::Flushed, std::move(works));
+    std::vector<FinalisationOutcome> outcomes;
+    for (std::size_t i = 0; i < batch.size(); ++i) {
+        try {
+            done[i].get();
+            outcomes.emplace_back(std::move(files[i]));
+        } catch (const ApiError& error) {
+            outcomes.emplace_back(error);
+        } catch (const std::exception& error) {
+            outcomes.emplace_back(ApiError(ErrorCode::Internal, error.what()));
+        }
+    }
+    return outcomes;
+}
+
+std::optional<FinalizedFile> SqliteCatalog::finalizedOfKey(const Caller& caller, const CallKey& key) {
+    std::optional<FinalizedFile> result;
+    read([&](SqliteConnection& connection) {
+        if (const auto earlier = findCallResult(connection, caller.userId, finalizeCall, key))
+            result = findFinalized(connection, earlier->id, earlier->version);
+    });
+    return result;
+}
+
+std::optional<FinalizedFile> SqliteCatalog::finalizedOfKey(const Caller& caller, const std::string& key) {
+    std::optional<FinalizedFile> result;
+    read([&](SqliteConnection& connection) {
+        if (const auto earlier = findCallResult(connection, caller.userId, finalizeCall, key))
+            result = findFinalized(connection, earlier->id, earlier->version);
+    });
+    return result;
+}
+
+FinalizedFile SqliteCatalog::finalizedFile(Id file, std::int64_t version) {
+    std::optional<FinalizedFile> result;
+    read([&](SqliteConnection& connection) { result = findFinalized(connection, file, version); });
+    if (!result)
+        throw ApiError(ErrorCode::NotFound, "The file " + std::to_string(file) + " was removed.");
+    return std::move(*result);
+}
+
+} // namespace halvane::server

@@ -1,0 +1,79 @@
+// The one thread of a process that writes to the catalogue. Writes that arrive together share a transaction
+// and its flush.
+#pragma once
+
+#include "store/sqlite_connection.h"
+
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <future>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace halvane::server {
+
+enum class Durability {
+    Relaxed, // committed: survives the end of the process, in a power cut only when a later flushed write was
+             // done
+    Flushed, // on the disk when it is acknowledged
+};
+
+// Thread-safe. Destroying it finishes what was submitted.
+class SqliteWriter {
+public:
+    // Runs inside a transaction; may run again from the start when its batch had to be rolled back, and so
+    // must only touch the connection and its own outputs. What it throws rolls its own changes back and goes
+    // to the submitter.
+    using Work = std::function<void(SqliteConnection&)>;
+
+    explicit SqliteWriter(const std::string& path);
+    ~SqliteWriter();
+    SqliteWriter(const SqliteWriter&) = delete;
+    SqliteWriter& operator=(const SqliteWriter&) = delete;
+
+    // Blocks until the work is committed. Throws ApiError.
+    void run(Durability durability, Work work);
+    // Queues all of them next to each other, so that they come into one transaction as far as a batch holds
+    // them.
+    std::vector<std::future<void>> submit(Durability durability, std::vector<Work> works);
+
+private:
+    struct Job {
+        Durability durability;
+        Work work;
+        std::promise<void> done;
+    };
+
+    static constexpr std::size_t maximumBatch = 256;
+
+    void threadMain();
+    void checkpointMain();
+    std::vector<Job> nextBatch();
+    void process(std::vector<Job>& batch);
+    bool runTogether(std::vector<Job>& batch);
+    void runAlone(Job& job);
+    void prepareTransaction(Durability durability);
+    void rollBack();
+    void afterCommit();
+    std::exception_ptr translatedCurrent();
+
+    std::string m_path;
+    SqliteConnection m_connection;
+    Durability m_synchronous = Durability::Flushed;
+    int m_walPages = 0;
+
+    std::mutex m_mutex;
+    std::condition_variable m_wake;
+    std::condition_variable m_wakeCheckpoint;
+    std::deque<Job> m_queue;
+    bool m_stop = false;
+    bool m_checkpointDue = false;
+    std::thread m_checkpointThread;
+    std::thread m_thread;
+};
+
+} // namespace halvane::server
