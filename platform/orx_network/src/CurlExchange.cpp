@@ -122,6 +122,9 @@ void CurlExchange::setOptions() {
     // A proxy named by the environment cannot reach this machine's own loopback interface.
     if (isLoopback(m_request.url.host()))
         set(CURLOPT_NOPROXY, "*");
+    // On a kept connection that ends without an answer libcurl sends any request again by itself.
+    if (!m_request.isSafe() && !m_request.idempotent)
+        set(CURLOPT_FRESH_CONNECT, 1L);
     if (m_request.sink)
         set(CURLOPT_BUFFERSIZE, largeBuffer);
     set(CURLOPT_HEADERFUNCTION, &CurlExchange::headerCallback);

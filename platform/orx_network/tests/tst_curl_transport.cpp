@@ -73,6 +73,7 @@ TEST(CurlTransport, SpeaksEveryMethodWithAndWithoutABody) {
     const auto answer = [&](Method method, const std::shared_ptr<const QByteArray>& body) {
         NetworkRequest request = requestTo(server, "/x", method);
         request.body = body;
+        request.idempotent = true;
         const NetworkReply reply = exchange(transport, request);
         EXPECT_FALSE(reply.error.hasError()) << qPrintable(reply.error.errorMessage());
         return reply.body.left(reply.body.lastIndexOf(' '));

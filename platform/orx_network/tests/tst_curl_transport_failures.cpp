@@ -137,6 +137,27 @@ TEST(CurlTransportFailures, SaysThatAConnectionWasResetInTheMiddleOfABody) {
     EXPECT_EQ(failureOf(request).code, int(NetworkErrorCode::ConnectionLost));
 }
 
+TEST(CurlTransportFailures, NeverSendsAnUnsafeRequestTwiceOnAKeptConnectionThatEndsWithoutAnAnswer) {
+    std::atomic<int> posts = 0;
+    const LoopbackServer server([&](LoopbackConnection& connection) {
+        while (const auto request = connection.readRequest()) {
+            if (request->method() == "POST") {
+                ++posts;
+                return;
+            }
+            connection.reply(200, "");
+        }
+    });
+    CurlTransport transport;
+    NetworkRequest post = requestTo(server, "/", Method::Post);
+    post.body = std::make_shared<const QByteArray>("make one");
+    for (int i = 1; i <= 3; ++i) {
+        EXPECT_EQ(exchange(transport, requestTo(server)).status, 200);
+        EXPECT_EQ(networkCode(exchange(transport, post).error), int(NetworkErrorCode::ConnectionLost));
+        EXPECT_EQ(posts, i);
+    }
+}
+
 TEST(CurlTransportFailures, FailsWhenTheServerStaysSilent) {
     Gate over;
     const LoopbackServer server([&](LoopbackConnection& connection) {
