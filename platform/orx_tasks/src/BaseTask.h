@@ -11,6 +11,8 @@
 
 namespace orx {
 
+class TaskObserver;
+
 //! The life cycle that all tasks share: created -> running -> finished.
 //!
 //! Signals of one run, in this order: started, then progressInitiated and progress as the task reports them,
@@ -19,8 +21,11 @@ namespace orx {
 //!
 //! finish() ends the run at once even while descendants of the task still work; the task is idle, and idle()
 //! is emitted, when they have ended too. A task is not to be deleted by its owner before it is idle;
-//! destroying a running task all the same cancels it and leaves no callback behind, and emits neither
-//! finished nor idle.
+//! destroying a running task all the same cancels it, leaves no callback behind and emits neither finished
+//! nor idle. It may be destroyed from within its own signals and continuations.
+//!
+//! A task whose body runs on a worker (see Task) has one duty more: its most derived destructor calls
+//! stopBody() first, because the body uses the members that the destructor destroys.
 class ORX_TASKS_EXPORT BaseTask : public ErrorCancelable {
     Q_OBJECT
 public:
@@ -42,17 +47,19 @@ public:
 
     //! Starts the run. Only for a task in state Created; anything else is a fault of the caller that is
     //! logged and changes nothing. A task that was cancelled before it started finishes at once with the
-    //! cancel error and runs nothing.
+    //! cancel error, without started(), and runs nothing but doFinish().
     void exec();
 
     //! Blocks until the task is finished and returns its error; ErrorCode::TimedOut when \a timeoutMs (-1:
-    //! none) went by first. Needs no running event loop; events of this thread are processed meanwhile.
+    //! none; 0: events that are there are processed once) went by first, ErrorCode::Canceled when the task
+    //! was destroyed meanwhile. Needs no running event loop; events of this thread are processed meanwhile.
     Error waitForFinished(int timeoutMs = -1);
-    //! The same for several tasks; the first error in list order, or ErrorCode::TimedOut.
+    //! The same for several tasks; ErrorCode::TimedOut, or else the first error in list order.
     static Error waitForAllFinished(const QList<BaseTask*>& tasks, int timeoutMs = -1);
 
-    //! Sets the cancel error synchronously, reaches every running descendant, emits canceled(), and lets the
-    //! task finish soon. Idempotent; nothing on a finished task.
+    //! Sets the cancel error synchronously, emits canceled(), reaches every running descendant and lets the
+    //! task finish soon, possibly before this returns. Idempotent. A finished task stays as it ended;
+    //! descendants of it that still run are cancelled.
     void cancel() override;
 
     //! Ends the run: holds \a error (unless one is held already), calls doFinish(), emits finished. Nothing
@@ -72,21 +79,37 @@ Q_SIGNALS:
 protected:
     //! The body: called once per run after started was emitted; ends with finish(), at once or later.
     virtual void run() = 0;
+    //! What exec() calls instead of run() when the task was cancelled before it started. The base finishes.
+    virtual void runCanceled();
     //! Called by finish() before finished is emitted; returns the error the task ends with. The base returns
-    //! the error held. Runs after a failed initialisation and after cancellation too.
+    //! the error held. Runs after a failed initialisation and after cancellation too; the error of a
+    //! cancelled task cannot be taken back.
     virtual Error doFinish();
-    //! Called by cancel() once per run, after the error is set and before canceled() is emitted, while the
-    //! task is running.
+    //! Called by cancel() once per run, after canceled() was emitted, while the task is running. A task that
+    //! waits for something ends the wait and calls finish().
     virtual void doCancel();
+    //! Passes a cancellation on to the descendants that run; called for finished tasks too.
+    virtual void cancelDescendants();
 
     void setVariantResult(const QVariant& result);
-    //! Brings a finished task back to running: clears the error and the cancelled state. The caller then
-    //! starts what is to run.
+    //! Brings a finished task back to running: clears the error and the cancelled state, emits nothing. The
+    //! caller then starts what is to run; the run ends by another finish().
     void restart();
     //! Re-evaluates isIdle() after something changed, and emits idle() when due.
     void checkIdle();
 
+    //! Thread: any. True from the moment of cancel() on, and when the task object is being destroyed.
+    bool isCancelRequested() const;
+    //! For destructors: makes isCancelRequested() true and blocks until no body of this task or of a
+    //! descendant runs on a worker.
+    void stopBody();
+    //! The two halves of stopBody(), each for this task and its descendants.
+    virtual void requestStop();
+    virtual void awaitBody();
+
 private:
+    friend class SubtaskSet;
+    friend class ComplexTask;
     struct Private;
     std::unique_ptr<Private> d;
 };

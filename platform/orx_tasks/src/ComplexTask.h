@@ -2,6 +2,8 @@
 
 #include "GroupTask.h"
 
+#include <type_traits>
+
 namespace orx {
 
 //! A task made of subtasks that add one another: initialize() starts the first, the continuation of each
@@ -9,12 +11,20 @@ namespace orx {
 //! returned, and nothing more was added (at once after an initialize() that added nothing).
 //!
 //! Failure of a subtask started by execSubtask(): with a failure continuation the failure is handed to it and
-//! is handled there; without one the complex task ends with the subtask's error. Failure of one started
-//! through execSubtasks(): its failure continuation is told, then the group's child failure policy decides
-//! (see GroupTask). Continuations are called on the owner's thread, also after finish(), as long as the task
-//! object lives.
+//! is handled there; without one the complex task ends at once with the subtask's error, and the others go
+//! on. Failure of one started through execSubtasks(): its failure continuation is told, then the group's
+//! child failure policy decides (see GroupTask); the complex task ends with the group's error. A failure that
+//! comes when the task has finished is logged.
 //!
-//! A complex task emits no progress of its own accord.
+//! Continuations are called on the owner's thread, also after finish(), as long as the task object lives; not
+//! inside the continuation that added them. One of a subtask that ends within its exec() is called before
+//! execSubtask() returns to initialize().
+//!
+//! Cancelled, it cancels its subtasks, tells their failure continuations and finishes when they have ended.
+//! Whatever is started after that is cancelled before it runs: a failure continuation that tries again asks
+//! isCanceled().
+//!
+//! A complex task emits no progress of its own accord. Its doExec() is not used.
 class ORX_TASKS_EXPORT ComplexTask : public Task {
     Q_OBJECT
 public:
@@ -26,21 +36,25 @@ public:
     bool isIdle() const override;
 
 protected:
-    //! Adopts \a task and starts it at once. The raw-pointer form takes ownership too. \a task must have no
-    //! parent that deletes it.
+    //! Adopts \a task and starts it at once. The raw-pointer form takes ownership too. A task that was
+    //! appended is started in the group with the continuations it was appended with (those given here replace
+    //! them).
     void execSubtask(BaseTask* task, Continuation onSuccess = {}, Continuation onFailure = {});
     void execSubtask(std::unique_ptr<BaseTask> task, Continuation onSuccess = {},
                      Continuation onFailure = {});
     //! The typed form: the continuation gets the subtask as what it is.
     template <typename T, typename OnSuccess>
-    requires std::is_invocable_v<OnSuccess, T*>
-    void execSubtask(std::unique_ptr<T> task, OnSuccess onSuccess) {
+    requires(std::is_invocable_v<OnSuccess&, T*> &&
+             !std::is_same_v<std::remove_cvref_t<OnSuccess>,
+                             Continuation>) void execSubtask(std::unique_ptr<T> task, OnSuccess onSuccess,
+                                                             Continuation onFailure = {}) {
         T* raw = task.get();
-        // A bare lambda would choose this template again, without end.
         execSubtask(std::unique_ptr<BaseTask>(std::move(task)),
-                    Continuation([raw, next = std::move(onSuccess)](BaseTask*) { next(raw); }));
+                    Continuation([raw, next = std::move(onSuccess)](BaseTask*) mutable { next(raw); }),
+                    std::move(onFailure));
     }
-    //! Adopts \a task without starting it: it waits for execSubtasks().
+    //! Adopts \a task without starting it: it waits for execSubtasks() or execSubtask(). It does not keep the
+    //! task running, and is deleted with it when it was never started.
     void appendSubtask(std::unique_ptr<BaseTask> task, Continuation onSuccess = {},
                        Continuation onFailure = {});
     //! Hands all appended subtasks to the group task together.
@@ -48,13 +62,21 @@ protected:
 
     //! The group that runs the appended subtasks; owned by this task; never null.
     GroupTask* groupTask() const;
-    //! Replaces the group before anything was appended. Takes ownership.
+    //! Replaces the group, before anything was started in it. Takes ownership.
     void setGroupTask(std::unique_ptr<GroupTask> group);
-    //! Brings the finished task and its group back to running.
+    //! Brings the finished task and its group back to running. What is to run is then started by
+    //! execSubtask() or execSubtasks(), or the task is finished.
     void restartWithGroup();
+    //! Starts these appended subtasks together.
+    void startInGroup(const QList<BaseTask*>& tasks);
+    //! Whether the task stays running until the subtasks of its group have ended.
+    virtual bool waitsForGroup() const;
 
     void start() override;
-    void doCancel() override;
+    void runCanceled() override;
+    void cancelDescendants() override;
+    void requestStop() override;
+    void awaitBody() override;
 
 private:
     struct Private;

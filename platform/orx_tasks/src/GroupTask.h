@@ -6,24 +6,27 @@
 
 namespace orx {
 
-//! Runs child tasks side by side. Finishes when every child has ended, at once when there is none. An empty
-//! group succeeds.
+//! Runs child tasks side by side. Finishes when every child has ended, its continuation has returned and it
+//! is idle; at once when there is none. An empty group succeeds. The bookkeeping costs the same for every
+//! child, however many there are, and children that end inside their exec() do not deepen the stack.
+//!
+//! Cancelled (also before it started), it cancels the children that run and those that wait; each gets its
+//! failure continuation before the group finishes. Whatever is added after that ends in the same way.
 class ORX_TASKS_EXPORT GroupTask : public Task {
     Q_OBJECT
 public:
     //! What the failure of one child means for the others. The values are fixed.
     enum class ChildFailurePolicy : int {
         //! Queued children never start and running ones are cancelled; each of them gets its failure
-        //! continuation with isCanceled() true before the group
-        //! finishes with the first real error.
+        //! continuation with isCanceled() true before the group finishes with the first real error.
         StopOnFirstFailure = 0,
-        //! All children run; the group then ends with the first child's error.
+        //! All children run; the group then ends with the error of the child that failed first.
         RunAll = 1
     };
     Q_ENUM(ChildFailurePolicy)
 
-    //! Called on the owner's thread with the child that has ended, once per run of it. Anything captured
-    //! lives until the child is done.
+    //! Called on the owner's thread with the child that has ended, once per run of it; before addTask() has
+    //! returned when the child ends within its exec(). Anything captured lives until the child is done.
     using Continuation = std::function<void(BaseTask*)>;
 
     explicit GroupTask(QObject* parent = nullptr);
@@ -33,20 +36,26 @@ public:
     void setChildFailurePolicy(ChildFailurePolicy policy);
     ChildFailurePolicy childFailurePolicy() const;
 
-    //! Adopts \a task. Started with the group, or at once when the group is running. The child is deleted
-    //! (deleteLater) after its continuation, once idle.
+    //! Adopts \a task. Started with the group, or at once when the group is running (in turn, when other
+    //! children are just being started); kept for a restart when it has finished. The child is deleted (as by
+    //! deleteLater) after its continuation, once idle; pending ones with the group.
     void addTask(std::unique_ptr<BaseTask> task, Continuation onSuccess = {}, Continuation onFailure = {});
-    //! Children that were added and have not ended.
+    //! Children that were added and are not both ended and idle.
     int pendingCount() const;
     bool isIdle() const override;
-    //! See BaseTask: a group is restarted by the complex task it belongs to.
-    using BaseTask::restart;
+    //! Brings the finished group back to running, with what was added since. Without any it stays running
+    //! until children were added and have ended. A group is restarted by the complex task it belongs to.
+    void restart();
 
 protected:
     void start() override;
-    void doCancel() override;
+    void runCanceled() override;
+    void cancelDescendants() override;
+    void requestStop() override;
+    void awaitBody() override;
 
 private:
+    friend class ComplexTask;
     struct Private;
     std::unique_ptr<Private> d;
 };

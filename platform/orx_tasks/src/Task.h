@@ -6,6 +6,10 @@ namespace orx {
 
 //! A task with an initialisation on the owner's thread and a body. run(): initialize(); an error ends the
 //! task with it. Otherwise the body runs by the execution mode.
+//!
+//! A class whose body may run on a worker calls stopBody() first thing in its destructor (and is final, or
+//! says so to those who derive from it). A task is not idle before its body has returned, so that tasks,
+//! which delete their subtasks only when these are idle, never wait for one.
 class ORX_TASKS_EXPORT Task : public BaseTask {
     Q_OBJECT
 public:
@@ -22,6 +26,7 @@ public:
     ExecutionMode executionMode() const;
     //! Direct by default; has an effect only before exec().
     void setExecutionMode(ExecutionMode mode);
+    bool isIdle() const override;
 
 protected:
     //! Called once per run on the owner's thread before the body. May call finish(), which ends the run
@@ -31,15 +36,15 @@ protected:
     //! that the owner's thread touches meanwhile, and asks isCancelRequested() now and then. The base does
     //! nothing.
     virtual Error doExec();
-    //! What happens after a successful initialize() unless it finished the task; the base runs doExec() by
-    //! the execution mode and then finishes. Tasks whose body is asynchronous override this and call finish()
-    //! themselves.
+    //! What happens after a successful initialize() unless it finished or cancelled the task; the base runs
+    //! doExec() by the execution mode and then finishes. Tasks whose body is asynchronous override this and
+    //! doCancel(), and call finish() themselves.
     virtual void start();
-    //! Thread: any. True from the moment of cancel() on, and when the task object is being destroyed.
-    bool isCancelRequested() const;
 
     void run() final;
+    //! Finishes at once when the worker has not begun with the body.
     void doCancel() override;
+    void awaitBody() override;
 
 private:
     struct Private;

@@ -15,13 +15,16 @@ class ORX_TASKS_EXPORT WorkerPool {
 public:
     using Job = std::function<void()>;
 
-    //! The pool of the process. Its threads end when the process does, after the jobs that run.
+    //! The pool of the process. Its threads end when the process does, after the jobs that run; jobs that
+    //! have not begun are dropped.
     static WorkerPool& instance();
 
     //! Runs \a job on a worker, then \a completion on the calling thread, whose inbox wakes its event loop;
-    //! never before submit() has returned. When \a context is gone by then, the completion is dropped. \a
-    //! context may be null (always called) and must belong to the calling thread.
+    //! never before submit() has returned. What the job holds is released before that. When \a context is
+    //! gone by then, the completion is dropped. \a context may be null (always called) and must belong to the
+    //! calling thread. A job must not wait for another job, nor for the thread that submitted it.
     void submit(Job job, QObject* context, std::function<void()> completion);
+    //! The most jobs that run at one time.
     int threadCount() const;
 
 private:

@@ -1,0 +1,187 @@
+#include "BaseTask_p.h"
+#include "OwnerInbox.h"
+#include "TasksLog.h"
+
+#include <QPointer>
+
+#include <algorithm>
+
+namespace orx {
+
+BaseTask::BaseTask(const QString& name, QObject* parent)
+    : ErrorCancelable(parent), d(std::make_unique<Private>()) {
+    d->name = name;
+}
+
+BaseTask::~BaseTask() {
+    d->cancelRequested = true;
+    if (d->observer)
+        d->observer->taskDestroyed(this);
+}
+
+QString BaseTask::name() const {
+    return d->name;
+}
+
+BaseTask::State BaseTask::state() const {
+    return d->state;
+}
+
+bool BaseTask::isIdle() const {
+    return d->state != State::Running;
+}
+
+QVariant BaseTask::variantResult() const {
+    return d->result;
+}
+
+void BaseTask::setVariantResult(const QVariant& result) {
+    d->result = result;
+}
+
+void BaseTask::exec() {
+    if (d->state != State::Created) {
+        qCWarning(tasksLog).noquote() << "task" << d->name << "was executed a second time; nothing is done";
+        return;
+    }
+    d->state = State::Running;
+    if (isCanceled()) {
+        runCanceled();
+        return;
+    }
+    const QPointer<BaseTask> guard(this);
+    Q_EMIT started();
+    if (!guard || d->state != State::Running)
+        return;
+    if (isCanceled())
+        runCanceled();
+    else
+        run();
+}
+
+void BaseTask::runCanceled() {
+    finish(Error());
+}
+
+void BaseTask::cancel() {
+    if (d->state == State::Finished) {
+        cancelDescendants();
+        return;
+    }
+    if (isCanceled())
+        return;
+    d->cancelRequested = true;
+    const QPointer<BaseTask> guard(this);
+    const int run = d->run;
+    ErrorCancelable::cancel();
+    if (!guard || d->run != run || d->state != State::Running)
+        return;
+    cancelDescendants();
+    if (guard && d->run == run && d->state == State::Running)
+        doCancel();
+}
+
+void BaseTask::finish(const Error& error) {
+    if (d->state != State::Running || d->finishing)
+        return;
+    d->finishing = true;
+    if (!hasError()) {
+        Error held = error;
+        held.addWarnings(this->error().warnings());
+        setError(held);
+    }
+    const QPointer<BaseTask> guard(this);
+    const Error result = doFinish();
+    if (!guard)
+        return;
+    if (result.hasError() || !isCanceled())
+        setError(result);
+    d->finishing = false;
+    d->state = State::Finished;
+    const int run = d->run;
+    Q_EMIT finished();
+    if (guard && d->run == run && d->observer)
+        d->observer->taskFinished(this);
+    if (guard && d->run == run)
+        checkIdle();
+}
+
+Error BaseTask::doFinish() {
+    return error();
+}
+
+void BaseTask::doCancel() {}
+
+void BaseTask::cancelDescendants() {}
+
+void BaseTask::restart() {
+    if (d->state != State::Finished) {
+        qCWarning(tasksLog).noquote()
+            << "task" << d->name << "was restarted before it had finished; nothing is done";
+        return;
+    }
+    resetErrorAndCanceled();
+    d->cancelRequested = false;
+    d->idleReported = false;
+    d->state = State::Running;
+    ++d->run;
+}
+
+void BaseTask::checkIdle() {
+    if (d->state != State::Finished)
+        return;
+    if (!isIdle()) {
+        d->idleReported = false;
+        return;
+    }
+    if (d->idleReported)
+        return;
+    d->idleReported = true;
+    const QPointer<BaseTask> guard(this);
+    Q_EMIT idle();
+    if (guard && d->observer)
+        d->observer->taskIdle(this);
+}
+
+bool BaseTask::isCancelRequested() const {
+    return d->cancelRequested;
+}
+
+void BaseTask::stopBody() {
+    requestStop();
+    awaitBody();
+}
+
+void BaseTask::requestStop() {
+    d->cancelRequested = true;
+}
+
+void BaseTask::awaitBody() {}
+
+Error BaseTask::waitForFinished(int timeoutMs) {
+    return waitForAllFinished({this}, timeoutMs);
+}
+
+Error BaseTask::waitForAllFinished(const QList<BaseTask*>& tasks, int timeoutMs) {
+    QList<QPointer<BaseTask>> waited(tasks.begin(), tasks.end());
+    qsizetype ended = 0; // the tasks before this one have ended: each is looked at a bounded number of times
+    const auto done = [&] {
+        while (ended < waited.size() && (!waited[ended] || waited[ended]->isFinished()))
+            ++ended;
+        return ended == waited.size();
+    };
+    const auto timeout = timeoutMs < 0 ? std::nullopt : std::optional<std::chrono::milliseconds>(timeoutMs);
+    if (!OwnerInbox::ofThisThread()->waitUntil(done, timeout))
+        return Error(
+            ErrorCode::TimedOut,
+            tr("The task \"%1\" did not finish within %2 ms.").arg(waited[ended]->name()).arg(timeoutMs));
+    for (const QPointer<BaseTask>& task : waited) {
+        if (!task)
+            return Error(ErrorCode::Canceled, tr("A task was destroyed while it was waited for."));
+        if (task->hasError())
+            return task->error();
+    }
+    return Error();
+}
+
+} // namespace orx

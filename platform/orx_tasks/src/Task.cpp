@@ -1,0 +1,154 @@
+#include "Task.h"
+#include "TasksLog.h"
+#include "WorkerPool.h"
+
+#include <QPointer>
+
+#include <condition_variable>
+#include <mutex>
+
+namespace orx {
+
+const QLoggingCategory& tasksLog() {
+    static const QLoggingCategory category("orx.tasks");
+    return category;
+}
+
+namespace {
+
+//! One run of a body on a worker, shared by the worker's job and the task, so that neither depends on the
+//! other's life.
+class WorkerBody {
+public:
+    //! Thread: worker. Does nothing when the body was given up before.
+    void run(const std::function<Error()>& body) {
+        {
+            const std::lock_guard lock(m_mutex);
+            if (m_phase == Phase::GivenUp)
+                return;
+            m_phase = Phase::Running;
+        }
+        Error result = body();
+        const std::lock_guard lock(m_mutex);
+        m_result = std::move(result);
+        m_phase = Phase::Returned;
+        m_changed.notify_all();
+    }
+
+    //! Thread: owner. Gives the body up unless it has begun; returns whether it never will run.
+    bool giveUpWaiting() {
+        const std::lock_guard lock(m_mutex);
+        if (m_phase == Phase::Waiting)
+            m_phase = Phase::GivenUp;
+        return m_phase == Phase::GivenUp;
+    }
+
+    //! Thread: owner. After this the body neither runs nor ever will. Returns whether it was running.
+    bool giveUp() {
+        std::unique_lock lock(m_mutex);
+        const bool wasRunning = m_phase == Phase::Running;
+        if (m_phase == Phase::Waiting)
+            m_phase = Phase::GivenUp;
+        m_changed.wait(lock, [this] { return m_phase != Phase::Running; });
+        return wasRunning;
+    }
+
+    Error takeResult() {
+        const std::lock_guard lock(m_mutex);
+        return std::move(m_result);
+    }
+
+private:
+    enum class Phase { Waiting, Running, Returned, GivenUp };
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    Phase m_phase = Phase::Waiting;
+    Error m_result;
+};
+
+} // namespace
+
+struct Task::Private {
+    ExecutionMode mode = ExecutionMode::Direct;
+    std::shared_ptr<WorkerBody> body; //!< from start() until its result was taken over
+};
+
+Task::Task(const QString& name, QObject* parent) : BaseTask(name, parent), d(std::make_unique<Private>()) {}
+
+Task::~Task() {
+    BaseTask::requestStop();
+    if (d->body && d->body->giveUp())
+        qCCritical(tasksLog).noquote()
+            << "task" << name() << "was destroyed while its body ran: its destructor must call stopBody()";
+}
+
+Task::ExecutionMode Task::executionMode() const {
+    return d->mode;
+}
+
+void Task::setExecutionMode(ExecutionMode mode) {
+    d->mode = mode;
+}
+
+bool Task::isIdle() const {
+    return BaseTask::isIdle() && !d->body;
+}
+
+Error Task::initialize() {
+    return Error();
+}
+
+Error Task::doExec() {
+    return Error();
+}
+
+void Task::run() {
+    const QPointer<Task> guard(this);
+    Error error = initialize();
+    if (!guard || !isRunning())
+        return;
+    if (error.hasError())
+        finish(error);
+    else if (isCanceled())
+        runCanceled();
+    else
+        start();
+}
+
+void Task::start() {
+    if (d->mode == ExecutionMode::Direct) {
+        const QPointer<Task> guard(this);
+        const Error error = doExec();
+        if (guard)
+            finish(error);
+        return;
+    }
+    auto body = std::make_shared<WorkerBody>();
+    d->body = body;
+    WorkerPool::instance().submit([this, body] { body->run([this] { return doExec(); }); }, this,
+                                  [this, body] {
+                                      if (d->body != body)
+                                          return;
+                                      d->body.reset();
+                                      const QPointer<Task> guard(this);
+                                      finish(body->takeResult());
+                                      if (guard)
+                                          checkIdle();
+                                  });
+}
+
+void Task::doCancel() {
+    if (d->body && d->body->giveUpWaiting()) {
+        d->body.reset();
+        finish(Error());
+    }
+}
+
+void Task::awaitBody() {
+    if (d->body) {
+        d->body->giveUp();
+        d->body.reset();
+    }
+}
+
+} // namespace orx
