@@ -116,6 +116,8 @@ public:
     void run() {
         while (relayRequest()) {
         }
+        if (m_isRepliedEarly)
+            linger();
     }
 
 private:
@@ -135,6 +137,13 @@ private:
         if (has(Action::DropBefore) || !connectToServer())
             return false;
         return m_server.send(head->text) && relayRequestBody(*head) && relayReply();
+    }
+
+    //! Closing while the client still sends would reset the connection and take the reply from it.
+    void linger() {
+        m_client.shutdownSending();
+        while (m_fromClient.receive())
+            m_fromClient.clear();
     }
 
     bool connectToServer() {
@@ -237,6 +246,7 @@ private:
             if (!m_client.send(piece) || !goesOn)
                 return false;
         }
+        m_isRepliedEarly = !m_isRequestComplete;
         return m_isRequestComplete;
     }
 
@@ -290,6 +300,7 @@ private:
     std::optional<Rule> m_rule;
     std::optional<HttpHead> m_replyHead;
     bool m_isRequestComplete = false;
+    bool m_isRepliedEarly = false;
 };
 
 FaultProxy::FaultProxy(std::string host, std::uint16_t port)
@@ -341,11 +352,10 @@ void FaultProxy::run() {
         connection.client = std::move(accepted);
         connection.thread = std::thread([this, &connection] {
             Relay(*this, connection).run();
-            // Shut down rather than closed: the numbers of the sockets stay taken while the proxy may still
-            // end them.
+            // The mutex: nobody may shut down a number that belongs to another socket already.
             const std::lock_guard guard(m_mutex);
-            connection.client.shutdown();
-            connection.server.shutdown();
+            connection.client.close();
+            connection.server.close();
         });
     }
 }

@@ -109,11 +109,9 @@ void LoopbackServer::run() {
         served.thread = std::thread([this, &served, index] {
             LoopbackConnection connection(served.socket, m_mutex, index);
             m_script(connection);
-            // Shut down rather than closed: the number of the socket stays taken while the server may still
-            // end it.
+            // The mutex: the destructor must not shut down a number that belongs to another socket already.
             const std::lock_guard guard(m_mutex);
-            if (served.socket.isOpen())
-                served.socket.shutdown();
+            served.socket.close();
         });
     }
 }

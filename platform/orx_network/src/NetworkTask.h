@@ -9,6 +9,8 @@
 
 namespace orx {
 
+struct RetryPolicy;
+
 //! One request with its retries. run: initialize(), prepareRequest(baseUrl()), credentials added, sent by the
 //! transport of the thread; a failed attempt is repeated as RetryPolicy says; then handleReply(). cancel()
 //! aborts the request. Thread: that of the object, which needs an event loop (or waitForFinished()).
@@ -17,6 +19,9 @@ class ORX_NETWORK_EXPORT NetworkTask : public Task, public Retriable, public Aut
 public:
     explicit NetworkTask(const QString& name, QObject* parent = nullptr);
     ~NetworkTask() override;
+
+    //! Replaces the waits between attempts and, with them, maxAttempts(); for the attempts from now on.
+    void setRetryPolicy(const RetryPolicy& policy);
 
 protected:
     //! Called once per run; the request that all attempts send.
@@ -29,13 +34,18 @@ protected:
     virtual QUrl baseUrl() const = 0;
     //! The reply that ends the task: any status, no transport error. Its error ends the task.
     virtual Error handleReply(const NetworkReply& reply) = 0;
-    //! Called before an attempt after the first; the base does nothing.
+    //! Called right before an attempt after the first, with what the one before came to; may finish the task.
+    //! The base does nothing.
     virtual void aboutToRetry(const NetworkReply& failed);
 
     void start() override;
     void doCancel() override;
 
 private:
+    void attempt();
+    void retry();
+    void onReply(const NetworkReply& reply);
+
     struct Private;
     std::unique_ptr<Private> d;
 };

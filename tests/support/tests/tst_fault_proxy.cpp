@@ -249,6 +249,7 @@ TEST(FaultProxyEarlyReplies, PassOnAnAnswerThatComesBeforeTheEndOfTheRequest) {
     const LoopbackServer server([](LoopbackConnection& connection) {
         connection.readHead();
         connection.reply(413, "too large");
+        connection.waitForClient();
     });
     const FaultProxy proxy("127.0.0.1", server.port());
     Client client(proxy);
