@@ -1,5 +1,8 @@
 #include "HalvaneConnection.h"
 
+#include <NetworkTask.h>
+
+#include <QCoreApplication>
 #include <QMutex>
 #include <QMutexLocker>
 
@@ -87,6 +90,22 @@ void HalvaneConnection::setCredentials(const QString& userName, const QByteArray
     const QMutexLocker lock(&d->mutex);
     d->userName = userName;
     d->token = token;
+}
+
+Error HalvaneConnection::sendRequest(NetworkTask* task) {
+    if (!task)
+        return ORX_ECATCH(
+            Error(ErrorCode::InvalidArgument,
+                  QCoreApplication::translate("orx::HalvaneConnection", "There is no request to send.")));
+    const QByteArray currentToken = token();
+    if (currentToken.isEmpty())
+        return ORX_ECATCH(
+            Error(ErrorCode::NotAuthenticated,
+                  QCoreApplication::translate("orx::HalvaneConnection",
+                                              "Nobody is logged in at a Halvane server. Log in first.")));
+    task->setAuthenticationToken(currentToken);
+    task->exec();
+    return Error();
 }
 
 } // namespace orx

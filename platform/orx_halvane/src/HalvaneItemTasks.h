@@ -7,7 +7,8 @@
 
 namespace orx {
 
-//! GET /folders/ID/files: the files of one folder. Revalidated and shared: see HalvaneListings.
+//! GET /folders/ID/files: the files of one folder, in the server's order. Every run asks the server. An
+//! element that is no file is an error that names it.
 class ORX_HALVANE_EXPORT HalvaneGetFilesTask : public HalvaneTask {
     Q_OBJECT
 public:

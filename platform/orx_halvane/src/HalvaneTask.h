@@ -10,7 +10,10 @@ namespace orx {
 
 //! One call of the Halvane protocol: the request goes to HalvaneConnection's API URL with its token; the
 //! reply's envelope becomes an Error of ErrorDomain::Server, or parseData() gets the whole reply object. A
-//! reply that is no such envelope (HTML, truncated JSON, another shape) is NetworkErrorCode::InvalidReply.
+//! reply that is no such envelope (HTML, truncated JSON, another shape), or whose envelope contradicts its
+//! HTTP status, is NetworkErrorCode::InvalidReply; a failure status without an envelope (a proxy's page) is
+//! NetworkErrorCode::HttpStatus. Fails with ErrorCode::NotAuthenticated, and sends nothing, when nobody is
+//! logged in.
 class ORX_HALVANE_EXPORT HalvaneTask : public NetworkTask {
     Q_OBJECT
 public:
@@ -20,6 +23,9 @@ public:
 protected:
     //! The envelope check; subclasses call it first and then read "data". \a json is the whole reply.
     virtual Error parseData(const QJsonObject& json);
+    //! An error about the content of "data" as NetworkErrorCode::InvalidReply that names the server; no
+    //! error, and errors of other domains, as they are.
+    static Error asInvalidReply(const Error& error);
     //! Adds \a body as the JSON body of \a request.
     static void setJsonBody(NetworkRequest& request, const QJsonObject& body);
 
@@ -29,6 +35,9 @@ protected:
     Error handleReply(const NetworkReply& reply) override;
     //! Most calls need somebody logged in; login and health do not.
     virtual bool needsAuthentication() const;
+
+private:
+    static Error notAServer(const QString& detail);
 };
 
 //! Base of all tasks made of several calls.
