@@ -1,0 +1,569 @@
+#include "ScriptedHalvaneService.h"
+
+#include <HalvaneError.h>
+
+#include <QCryptographicHash>
+#include <QJsonDocument>
+
+#include <xxhash.h>
+
+namespace orx::testing {
+namespace {
+
+using Code = HalvaneServerErrorCode;
+
+const QString Time = QStringLiteral("2026-03-01T12:00:00.000Z");
+
+ScriptedReply jsonReply(int status, const QJsonObject& object) {
+    return {
+        status, {{"Content-Type", "application/json"}}, QJsonDocument(object).toJson(QJsonDocument::Compact)};
+}
+
+ScriptedReply success(const QJsonObject& data = {}) {
+    return jsonReply(200,
+                     {{QStringLiteral("status"), QStringLiteral("success")}, {QStringLiteral("data"), data}});
+}
+
+ScriptedReply failure(int status, Code code, const QString& message) {
+    const QJsonObject error{{QStringLiteral("code"), int(code)}, {QStringLiteral("message"), message}};
+    return jsonReply(status,
+                     {{QStringLiteral("status"), QStringLiteral("error")}, {QStringLiteral("error"), error}});
+}
+
+ScriptedReply notFound(const QString& what) {
+    return failure(404, Code::NotFound, QStringLiteral("There is no %1.").arg(what));
+}
+
+ScriptedReply badField(const QString& name) {
+    return failure(400, Code::BadRequest,
+                   QStringLiteral("The field \"%1\" is missing or mistyped.").arg(name));
+}
+
+//! A name that the server would refuse gives the reply that says so.
+std::optional<ScriptedReply> nameProblem(const QString& name) {
+    const bool control = std::any_of(name.begin(), name.end(), [](QChar c) {
+        return c.unicode() < 0x20 || (c.unicode() >= 0x7f && c.unicode() <= 0x9f) || c == u'/';
+    });
+    if (name.isEmpty() || name == u"." || name == u".." || name.toUtf8().size() > 255 || control)
+        return failure(422, Code::InvalidName, QStringLiteral("The name \"%1\" is not allowed.").arg(name));
+    return std::nullopt;
+}
+
+std::optional<int> intField(const QJsonObject& object, const QString& key) {
+    const QJsonValue value = object.value(key);
+    return value.isDouble() ? std::optional(value.toInt(-1)) : std::nullopt;
+}
+
+QJsonValue textOrNull(const QString& text) {
+    return text.isEmpty() ? QJsonValue() : QJsonValue(text);
+}
+
+//! What `Range` asks of \a size bytes, as offset and length; nothing when it lies outside.
+std::optional<std::pair<qint64, qint64>> parseRange(const QByteArray& range, qint64 size) {
+    const QByteArray text = range.mid(6);
+    const qsizetype dash = text.indexOf('-');
+    const QByteArray first = text.left(dash);
+    const QByteArray last = text.mid(dash + 1);
+    if (first.isEmpty()) {
+        const qint64 count = std::min(last.toLongLong(), size);
+        return count > 0 ? std::optional(std::pair(size - count, count)) : std::nullopt;
+    }
+    const qint64 begin = first.toLongLong();
+    const qint64 end = last.isEmpty() ? size - 1 : std::min(last.toLongLong(), size - 1);
+    return begin < size && begin <= end ? std::optional(std::pair(begin, end - begin + 1)) : std::nullopt;
+}
+
+} // namespace
+
+QByteArray xxh3Hex(const QByteArray& data) {
+    XXH128_canonical_t canonical;
+    XXH128_canonicalFromHash(&canonical, XXH3_128bits(data.constData(), size_t(data.size())));
+    return QByteArray(reinterpret_cast<const char*>(canonical.digest), sizeof(canonical.digest)).toHex();
+}
+
+QByteArray sha256Hex(const QByteArray& data) {
+    return QCryptographicHash::hash(data, QCryptographicHash::Sha256).toHex();
+}
+
+QString ScriptedRequest::line() const {
+    return QString::fromLatin1(method) + u' ' + path;
+}
+
+QJsonObject ScriptedRequest::json() const {
+    return QJsonDocument::fromJson(body).object();
+}
+
+QJsonObject ScriptedHalvaneService::File::toJson() const {
+    const Version& last = versions.last();
+    return {{QStringLiteral("id"), id},
+            {QStringLiteral("folder_id"), folderId},
+            {QStringLiteral("name"), name},
+            {QStringLiteral("alias"), last.alias},
+            {QStringLiteral("last_version"), int(versions.size())},
+            {QStringLiteral("size"), last.content.size()},
+            {QStringLiteral("sha256"), QString::fromLatin1(sha256Hex(last.content))},
+            {QStringLiteral("data_type"), last.dataType},
+            {QStringLiteral("created_at"), Time},
+            {QStringLiteral("modified_at"), Time},
+            {QStringLiteral("source_modified_at"), textOrNull(last.sourceModifiedAt)},
+            {QStringLiteral("created_by"), QStringLiteral("anna")}};
+}
+
+int ScriptedHalvaneService::Upload::chunkCount() const {
+    return int((size + chunkSize - 1) / chunkSize);
+}
+
+QJsonObject ScriptedHalvaneService::Upload::toJson() const {
+    QJsonArray received;
+    for (auto it = chunks.begin(); it != chunks.end(); ++it) {
+        received.append(QJsonObject{{QStringLiteral("index"), it.key()},
+                                    {QStringLiteral("xxh3"), QString::fromLatin1(xxh3Hex(it.value()))}});
+    }
+    return {{QStringLiteral("upload_id"), id},
+            {QStringLiteral("name"), name},
+            {QStringLiteral("size"), size},
+            {QStringLiteral("target_id"), targetId},
+            {QStringLiteral("target_type"), targetType},
+            {QStringLiteral("chunk_size"), chunkSize},
+            {QStringLiteral("received"), received},
+            {QStringLiteral("content_sha256"), textOrNull(contentSha256)},
+            {QStringLiteral("created_at"), Time},
+            {QStringLiteral("expires_at"), Time}};
+}
+
+ScriptedHalvaneService::ScriptedHalvaneService() {
+    m_folders.insert(RootFolder, Folder{RootFolder, -1, QStringLiteral("/"), {}, 0});
+}
+
+int ScriptedHalvaneService::addFolder(const QString& name, int parentId, int id) {
+    const int folderId = id == -1 ? m_nextFolder : id;
+    m_nextFolder = std::max(m_nextFolder, folderId + 1);
+    m_folders.insert(folderId, Folder{folderId, parentId, name, {}, 0});
+    ++m_folders[parentId].changes;
+    return folderId;
+}
+
+int ScriptedHalvaneService::addFile(const QString& name, const QByteArray& content, int folderId, int id) {
+    const int fileId = id == -1 ? m_nextFile : id;
+    m_nextFile = std::max(m_nextFile, fileId + 1);
+    m_files.insert(fileId, File{fileId, folderId, name, {}, {}});
+    addVersion(fileId, content);
+    return fileId;
+}
+
+void ScriptedHalvaneService::addVersion(int fileId, const QByteArray& content) {
+    File& file = m_files[fileId];
+    file.versions.append(Version{content, QString(), QStringLiteral("Regular"), QString(), {}});
+    ++m_folders[file.folderId].changes;
+}
+
+int ScriptedHalvaneService::openUploadCount() const {
+    return int(std::count_if(m_uploads.begin(), m_uploads.end(), [](const Upload& u) { return u.open; }));
+}
+
+ScriptedReply ScriptedHalvaneService::answer(const ScriptedRequest& request) {
+    const Parts parts = request.path.split(u'/', Qt::SkipEmptyParts);
+    if (request.line() == u"GET /health")
+        return success({{QStringLiteral("healthy"), true}});
+    if (request.line() == u"POST /login")
+        return login(request.json());
+    if (request.header("Authorization") != "Bearer " + m_token)
+        return failure(401, Code::NotAuthenticated, QStringLiteral("Log in first."));
+    return route(request, parts);
+}
+
+ScriptedReply ScriptedHalvaneService::login(const QJsonObject& body) const {
+    if (body[QStringLiteral("user")] != m_user || body[QStringLiteral("password")] != m_password)
+        return failure(401, Code::NotAuthenticated,
+                       QStringLiteral("The user name or the password is wrong."));
+    return success({{QStringLiteral("token"), QString::fromLatin1(m_token)},
+                    {QStringLiteral("expires_at"), Time},
+                    {QStringLiteral("user"), userJson()}});
+}
+
+QJsonObject ScriptedHalvaneService::userJson() const {
+    return {{QStringLiteral("id"), 1},
+            {QStringLiteral("name"), m_user},
+            {QStringLiteral("is_admin"), true},
+            {QStringLiteral("groups"), QJsonArray()}};
+}
+
+ScriptedReply ScriptedHalvaneService::route(const ScriptedRequest& request, const Parts& parts) {
+    const QString line = request.line();
+    if (line == u"POST /logout")
+        return success();
+    if (line == u"GET /whoami") {
+        return success(
+            {{QStringLiteral("user"), userJson()},
+             {QStringLiteral("token_expires_at"), Time},
+             {QStringLiteral("server"), QJsonObject{{QStringLiteral("name"), QStringLiteral("scripted")},
+                                                    {QStringLiteral("version"), QStringLiteral("1")}}}});
+    }
+    if (!parts.isEmpty() && parts[0] == u"folders")
+        return routeFolders(request, parts);
+    if (!parts.isEmpty() && parts[0] == u"files")
+        return routeFiles(request, parts);
+    if (!parts.isEmpty() && parts[0] == u"uploads")
+        return routeUploads(request, parts);
+    return notFound(QStringLiteral("call ") + line);
+}
+
+// Folders
+
+ScriptedReply ScriptedHalvaneService::routeFolders(const ScriptedRequest& request, const Parts& parts) {
+    if (request.line() == u"POST /folders")
+        return createFolder(request);
+    const auto folder = m_folders.constFind(parts.value(1).toInt());
+    if (request.method != "GET" || folder == m_folders.cend())
+        return notFound(QStringLiteral("folder with the id %1").arg(parts.value(1)));
+    if (parts.size() == 2)
+        return success(folderJson(*folder, true));
+    return listing(request, *folder, parts[2]);
+}
+
+ScriptedReply ScriptedHalvaneService::createFolder(const ScriptedRequest& request) {
+    if (const auto reply = remembered("folders", request))
+        return *reply;
+    const QJsonObject body = request.json();
+    const QString name = body[QStringLiteral("name")].toString();
+    const std::optional<int> parentId = intField(body, QStringLiteral("parent_id"));
+    if (!body[QStringLiteral("name")].isString())
+        return badField(QStringLiteral("name"));
+    if (!parentId)
+        return badField(QStringLiteral("parent_id"));
+    if (const auto problem = nameProblem(name))
+        return *problem;
+    if (!m_folders.contains(*parentId))
+        return notFound(QStringLiteral("folder with the id %1").arg(*parentId));
+    const int id = addFolder(name, *parentId);
+    return remember("folders", request,
+                    success({{QStringLiteral("id"), id}, {QStringLiteral("name"), name}}));
+}
+
+ScriptedReply ScriptedHalvaneService::listing(const ScriptedRequest& request, const Folder& folder,
+                                              const QString& key) const {
+    const QByteArray tag =
+        '"' + QByteArray::number(folder.id) + '-' + QByteArray::number(folder.changes) + '"';
+    if (request.header("If-None-Match") == tag)
+        return {304, {{"ETag", tag}}, {}};
+    QJsonArray items;
+    if (key == u"files") {
+        for (const File& file : m_files) {
+            if (file.folderId == folder.id)
+                items.append(file.toJson());
+        }
+    } else {
+        for (const Folder& child : m_folders) {
+            if (child.parentId == folder.id)
+                items.append(folderJson(child, false));
+        }
+    }
+    ScriptedReply reply = success({{key, items}});
+    reply.headers.append({"ETag", tag});
+    return reply;
+}
+
+QJsonObject ScriptedHalvaneService::folderJson(const Folder& folder, bool withPath) const {
+    const bool hasChildren = std::any_of(m_folders.begin(), m_folders.end(),
+                                         [&](const Folder& f) { return f.parentId == folder.id; });
+    QJsonObject object{{QStringLiteral("id"), folder.id},
+                       {QStringLiteral("name"), folder.name},
+                       {QStringLiteral("parent_id"), folder.parentId},
+                       {QStringLiteral("has_children"), hasChildren},
+                       {QStringLiteral("usergroup_ids"), QJsonValue()},
+                       {QStringLiteral("privilege_ids"), QStringLiteral("1,2,3,4,5")}};
+    if (withPath)
+        object.insert(QStringLiteral("path"), chain(folder.id));
+    return object;
+}
+
+QJsonArray ScriptedHalvaneService::chain(int folderId) const {
+    QJsonArray path;
+    int id = folderId;
+    do {
+        const Folder folder = m_folders.value(id);
+        path.prepend(QJsonObject{{QStringLiteral("folder_id"), folder.id},
+                                 {QStringLiteral("folder_name"), folder.name}});
+        id = folder.parentId;
+    } while (id > RootFolder);
+    return path;
+}
+
+// Files
+
+ScriptedReply ScriptedHalvaneService::routeFiles(const ScriptedRequest& request, const Parts& parts) {
+    const auto found = m_files.find(parts.value(1).toInt());
+    if (found == m_files.end())
+        return notFound(QStringLiteral("file with the id %1").arg(parts.value(1)));
+    const QString rest = parts.mid(2).join(u'/');
+    const bool reads = request.method == "GET";
+    if (reads && rest.isEmpty())
+        return success(found->toJson());
+    if (reads && rest == u"path") {
+        const QJsonArray path = found->folderId == RootFolder ? QJsonArray() : chain(found->folderId);
+        return success({{QStringLiteral("path"), path}});
+    }
+    if (reads && rest == u"versions")
+        return versions(*found);
+    if (reads && rest == u"extended-metadata")
+        return success({{QStringLiteral("values"), found->extendedMetadata}});
+    if (request.method == "PUT" && rest == u"extended-metadata")
+        return putMetadata(request, *found);
+    if ((reads || request.method == "HEAD") && parts.size() == 5 && parts[4] == u"content")
+        return content(request, *found, parts[3]);
+    return notFound(QStringLiteral("call ") + request.line());
+}
+
+ScriptedReply ScriptedHalvaneService::versions(const File& file) const {
+    QJsonArray list;
+    for (const Version& version : file.versions) {
+        list.append(QJsonObject{{QStringLiteral("version"), int(list.size()) + 1},
+                                {QStringLiteral("size"), version.content.size()},
+                                {QStringLiteral("sha256"), QString::fromLatin1(sha256Hex(version.content))},
+                                {QStringLiteral("alias"), version.alias},
+                                {QStringLiteral("data_type"), version.dataType},
+                                {QStringLiteral("created_at"), Time},
+                                {QStringLiteral("source_modified_at"), textOrNull(version.sourceModifiedAt)},
+                                {QStringLiteral("created_by"), m_user},
+                                {QStringLiteral("verified"), true}});
+    }
+    return success({{QStringLiteral("versions"), list}});
+}
+
+ScriptedReply ScriptedHalvaneService::content(const ScriptedRequest& request, const File& file,
+                                              const QString& version) const {
+    const int number = version == u"latest" ? int(file.versions.size()) : version.toInt();
+    if (number < 1 || number > file.versions.size())
+        return notFound(QStringLiteral("version %1 of the file %2").arg(version).arg(file.id));
+    const QByteArray bytes = file.versions[number - 1].content;
+    const QByteArray sha256 = sha256Hex(bytes);
+    const QByteArray tag =
+        '"' + QByteArray::number(file.id) + '-' + QByteArray::number(number) + '-' + sha256 + '"';
+    ScriptedReply reply{200,
+                        {{"ETag", tag},
+                         {"Accept-Ranges", "bytes"},
+                         {"Halvane-Content-Sha256", sha256},
+                         {"Halvane-File-Version", QByteArray::number(number)},
+                         {"Content-Type", "application/octet-stream"}},
+                        bytes};
+    const QByteArray range = request.header("Range");
+    const QByteArray validator = request.header("If-Range");
+    if (!range.isEmpty() && (validator.isEmpty() || validator == tag)) {
+        const auto part = parseRange(range, bytes.size());
+        if (!part)
+            return failure(416, Code::RangeNotSatisfiable, QStringLiteral("The content is shorter."));
+        reply.status = 206;
+        reply.body = bytes.mid(part->first, part->second);
+        reply.headers.append({"Content-Range", "bytes " + QByteArray::number(part->first) + '-' +
+                                                   QByteArray::number(part->first + part->second - 1) + '/' +
+                                                   QByteArray::number(bytes.size())});
+    }
+    reply.headers.append({"Content-Length", QByteArray::number(reply.body.size())});
+    if (request.method == "HEAD")
+        reply.body.clear();
+    return reply;
+}
+
+ScriptedReply ScriptedHalvaneService::putMetadata(const ScriptedRequest& request, File& file) {
+    const QJsonValue values = request.json().value(QStringLiteral("values"));
+    if (!values.isArray())
+        return badField(QStringLiteral("values"));
+    file.extendedMetadata = values.toArray();
+    return success();
+}
+
+// Uploads
+
+ScriptedReply ScriptedHalvaneService::routeUploads(const ScriptedRequest& request, const Parts& parts) {
+    const QString line = request.line();
+    if (line == u"POST /uploads")
+        return openUpload(request);
+    if (line == u"POST /uploads/finalize")
+        return finalize(request);
+    if (line == u"GET /uploads") {
+        QJsonArray list;
+        for (const Upload& upload : m_uploads) {
+            if (upload.open)
+                list.append(upload.toJson());
+        }
+        return success({{QStringLiteral("uploads"), list}});
+    }
+    if (request.method == "GET" && parts.value(1) == u"by-key")
+        return byKey(parts.value(2));
+    const auto upload = m_uploads.find(parts.value(1).toInt());
+    if (upload == m_uploads.end())
+        return notFound(QStringLiteral("upload with the id %1").arg(parts.value(1)));
+    if (!upload->open)
+        return failure(410, Code::UploadGone, QStringLiteral("The upload %1 is gone.").arg(upload->id));
+    if (request.method == "PUT" && parts.size() == 4 && parts[2] == u"chunks")
+        return putChunk(request, *upload, parts[3]);
+    if (request.method == "PUT" && parts.value(2) == u"content-sha256")
+        return putContentSha256(request, *upload);
+    if (request.method == "GET" && parts.size() == 2)
+        return success(upload->toJson());
+    if (request.method == "DELETE" && parts.size() == 2) {
+        upload->open = false;
+        return success();
+    }
+    return notFound(QStringLiteral("call ") + line);
+}
+
+ScriptedReply ScriptedHalvaneService::openUpload(const ScriptedRequest& request) {
+    if (const auto reply = remembered("uploads", request))
+        return reply->status == 200 ? reopened(request.header("Idempotency-Key")) : *reply;
+    const QJsonObject body = request.json();
+    Upload upload;
+    upload.id = int(m_uploads.size()) + 1;
+    upload.name = body[QStringLiteral("name")].toString();
+    upload.size = qint64(body[QStringLiteral("size")].toDouble(-1));
+    upload.targetId = body[QStringLiteral("target_id")].toInt(-1);
+    upload.targetType = body[QStringLiteral("target_type")].toInt(-1);
+    upload.sourceModifiedAt = body[QStringLiteral("source_modified_at")].toString();
+    upload.expectedVersion = intField(body, QStringLiteral("expected_version"));
+    upload.chunkSize = m_chunkSize;
+    upload.key = request.header("Idempotency-Key");
+    if (upload.size < 0)
+        return badField(QStringLiteral("size"));
+    if (upload.targetType != 0 && upload.targetType != 1)
+        return badField(QStringLiteral("target_type"));
+    if (const auto problem = nameProblem(upload.name))
+        return *problem;
+    const bool toFile = upload.targetType == 0;
+    if (toFile ? !m_files.contains(upload.targetId) : !m_folders.contains(upload.targetId)) {
+        return notFound(
+            (toFile ? QStringLiteral("file with the id %1") : QStringLiteral("folder with the id %1"))
+                .arg(upload.targetId));
+    }
+    m_uploads.insert(upload.id, upload);
+    return remember("uploads", request, success(upload.toJson()));
+}
+
+ScriptedReply ScriptedHalvaneService::reopened(const QByteArray& key) const {
+    for (const Upload& upload : m_uploads) {
+        if (upload.key == key && upload.open)
+            return success(upload.toJson());
+    }
+    return failure(410, Code::UploadGone, QStringLiteral("The upload is gone."));
+}
+
+ScriptedReply ScriptedHalvaneService::putChunk(const ScriptedRequest& request, Upload& upload,
+                                               const QString& index) {
+    const int number = index.toInt();
+    if (number < 0 || number >= upload.chunkCount())
+        return failure(400, Code::BadRequest, QStringLiteral("There is no chunk %1.").arg(index));
+    const QByteArray checksum = request.header("Halvane-Chunk-Xxh3");
+    if (checksum.isEmpty())
+        return failure(400, Code::BadRequest,
+                       QStringLiteral("The header \"Halvane-Chunk-Xxh3\" is missing."));
+    const qint64 length = std::min(upload.chunkSize, upload.size - number * upload.chunkSize);
+    if (request.body.size() != length || checksum != xxh3Hex(request.body)) {
+        return failure(422, Code::ChecksumMismatch,
+                       QStringLiteral("The chunk %1 differs from its checksum.").arg(number));
+    }
+    upload.chunks.insert(number, request.body);
+    if (const QByteArray sha256 = request.header("Halvane-Content-Sha256"); !sha256.isEmpty())
+        upload.contentSha256 = QString::fromLatin1(sha256);
+    return success({{QStringLiteral("index"), number}});
+}
+
+ScriptedReply ScriptedHalvaneService::putContentSha256(const ScriptedRequest& request, Upload& upload) {
+    const QByteArray sha256 = request.header("Halvane-Content-Sha256");
+    if (sha256.isEmpty())
+        return failure(400, Code::BadRequest,
+                       QStringLiteral("The header \"Halvane-Content-Sha256\" is missing."));
+    upload.contentSha256 = QString::fromLatin1(sha256);
+    return success();
+}
+
+ScriptedReply ScriptedHalvaneService::finalize(const ScriptedRequest& request) {
+    if (const auto reply = remembered("finalize", request))
+        return *reply;
+    const QJsonObject body = request.json();
+    const std::optional<int> id = intField(body, QStringLiteral("upload_id"));
+    if (!id)
+        return badField(QStringLiteral("upload_id"));
+    const QString type = body[QStringLiteral("force_data_type")].toString(QStringLiteral("Regular"));
+    if (type != u"Regular" && type != u"MS")
+        return badField(QStringLiteral("force_data_type"));
+    const auto upload = m_uploads.find(*id);
+    if (upload == m_uploads.end())
+        return notFound(QStringLiteral("upload with the id %1").arg(*id));
+    if (!upload->open)
+        return failure(410, Code::UploadGone, QStringLiteral("The upload %1 is gone.").arg(*id));
+    if (upload->chunks.size() < upload->chunkCount() || upload->contentSha256.isEmpty())
+        return failure(409, Code::UploadIncomplete, QStringLiteral("Chunks of the upload are missing."));
+    const ScriptedReply reply = commit(*upload, body);
+    return reply.status == 200 ? remember("finalize", request, reply) : reply;
+}
+
+ScriptedReply ScriptedHalvaneService::commit(Upload& upload, const QJsonObject& body) {
+    QByteArray bytes;
+    for (const QByteArray& chunk : upload.chunks)
+        bytes += chunk;
+    if (QString::fromLatin1(sha256Hex(bytes)) != upload.contentSha256) {
+        upload.contentSha256.clear();
+        return failure(422, Code::ChecksumMismatch, QStringLiteral("The content differs from its checksum."));
+    }
+    int fileId = upload.targetId;
+    if (upload.targetType == 0) {
+        if (upload.expectedVersion && *upload.expectedVersion != m_files[fileId].versions.size())
+            return failure(409, Code::VersionConflict, QStringLiteral("The file has a newer version."));
+        addVersion(fileId, bytes);
+    } else {
+        fileId = addFile(upload.name, bytes, upload.targetId);
+    }
+    File& file = m_files[fileId];
+    Version& version = file.versions.last();
+    version.alias = body[QStringLiteral("file_alias")].toString();
+    version.dataType = body[QStringLiteral("force_data_type")].toString(QStringLiteral("Regular"));
+    version.vonkTrace = body[QStringLiteral("vonk_trace")].toObject();
+    version.sourceModifiedAt = upload.sourceModifiedAt;
+    upload.open = false;
+    upload.result = QJsonObject{{QStringLiteral("id"), fileId},
+                                {QStringLiteral("version"), int(file.versions.size())},
+                                {QStringLiteral("folder_id"), file.folderId},
+                                {QStringLiteral("name"), file.name},
+                                {QStringLiteral("size"), bytes.size()},
+                                {QStringLiteral("sha256"), QString::fromLatin1(sha256Hex(bytes))}};
+    return success({{QStringLiteral("file"), *upload.result}});
+}
+
+ScriptedReply ScriptedHalvaneService::byKey(const QString& key) const {
+    for (const Upload& upload : m_uploads) {
+        if (QString::fromLatin1(upload.key) != key)
+            continue;
+        if (upload.result) {
+            return success({{QStringLiteral("state"), QStringLiteral("finalized")},
+                            {QStringLiteral("file"), *upload.result}});
+        }
+        if (upload.open) {
+            return success({{QStringLiteral("state"), QStringLiteral("open")},
+                            {QStringLiteral("upload"), upload.toJson()}});
+        }
+    }
+    return notFound(QStringLiteral("upload with the key \"%1\"").arg(key));
+}
+
+// Idempotency
+
+std::optional<ScriptedReply> ScriptedHalvaneService::remembered(const QByteArray& call,
+                                                                const ScriptedRequest& request) const {
+    const QByteArray key = request.header("Idempotency-Key");
+    const auto found = m_keyed.constFind(call + ' ' + key);
+    if (key.isEmpty() || found == m_keyed.cend())
+        return std::nullopt;
+    if (found->request != request.body) {
+        return failure(422, Code::IdempotencyMismatch,
+                       QStringLiteral("The idempotency key belongs to another request."));
+    }
+    return found->reply;
+}
+
+ScriptedReply ScriptedHalvaneService::remember(const QByteArray& call, const ScriptedRequest& request,
+                                               const ScriptedReply& reply) {
+    if (const QByteArray key = request.header("Idempotency-Key"); !key.isEmpty())
+        m_keyed.insert(call + ' ' + key, Keyed{request.body, reply});
+    return reply;
+}
+
+} // namespace orx::testing
