@@ -86,6 +86,10 @@ Error invalidRequest(const QString& message) {
     return networkError(NetworkErrorCode::InvalidRequest, message);
 }
 
+Error headersTooLarge(const NetworkRequest& request) {
+    return invalidReplyError(request, QStringLiteral("its headers are too large"));
+}
+
 Error replyTooLarge(const NetworkRequest& request) {
     return networkError(
         NetworkErrorCode::InvalidReply,

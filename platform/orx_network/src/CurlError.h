@@ -21,6 +21,9 @@ Error silenceError(const NetworkRequest& request);
 //! An error of ErrorDomain::Network that says InvalidRequest.
 Error invalidRequest(const QString& message);
 
+//! The headers of the reply have no end.
+Error headersTooLarge(const NetworkRequest& request);
+
 //! The reply is larger than the request's maxReplySize.
 Error replyTooLarge(const NetworkRequest& request);
 

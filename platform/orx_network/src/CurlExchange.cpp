@@ -13,6 +13,8 @@ namespace {
 //! For bodies that are worth few system calls; small requests do with libcurl's own 16 and 64 KiB.
 constexpr long largeBuffer = 512 * 1024;
 constexpr qint64 smallBody = 64 * 1024;
+//! Of all header lines of one reply, interim ones and trailers included.
+constexpr qint64 headerLimit = 256 * 1024;
 
 Error abortedBySink() {
     return Error(ErrorCode::Canceled, QStringLiteral("The download was stopped."));
@@ -201,6 +203,11 @@ bool CurlExchange::goesToSink() const {
 
 size_t CurlExchange::onHeader(const char* line, size_t size) {
     touch();
+    m_headerSize += qint64(size);
+    if (m_headerSize > headerLimit) {
+        stopError = headersTooLarge(m_request);
+        return 0;
+    }
     const QByteArray text = QByteArray(line, qsizetype(size)).trimmed();
     if (text.startsWith("HTTP/")) {
         // Also after an interim reply such as 100, whose headers do not count.

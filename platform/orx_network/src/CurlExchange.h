@@ -73,6 +73,7 @@ private:
     NetworkReply m_reply;
     curl_slist* m_headerList = nullptr;
     CURLcode m_setupCode = CURLE_OK;
+    qint64 m_headerSize = 0;
     qint64 m_bodyOffset = 0;
     qint64 m_sent = 0;
     qint64 m_received = 0;

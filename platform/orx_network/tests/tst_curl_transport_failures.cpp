@@ -115,6 +115,19 @@ TEST(CurlTransportFailures, SaysThatWhatCameIsNoHttp) {
     EXPECT_TRUE(failureAfter("nonsense\r\n\r\n").text.contains(QStringLiteral("is not a valid HTTP reply")));
 }
 
+TEST(CurlTransportFailures, RefusesHeadersWithoutEnd) {
+    const LoopbackServer server([](LoopbackConnection& connection) {
+        connection.readRequest();
+        connection.send("HTTP/1.1 200 OK\r\n");
+        while (connection.send("X-More: " + std::string(1000, 'x') + "\r\n")) {
+        }
+    });
+    const Failure failure = failureOf(requestTo(server));
+    EXPECT_EQ(failure.code, int(NetworkErrorCode::InvalidReply));
+    EXPECT_TRUE(failure.text.contains(QStringLiteral("its headers are too large")))
+        << qPrintable(failure.text);
+}
+
 TEST(CurlTransportFailures, SaysThatAConnectionWasResetInTheMiddleOfABody) {
     Gate received;
     const LoopbackServer server([&](LoopbackConnection& connection) {
@@ -172,6 +185,24 @@ TEST(CurlTransportFailures, FailsWhenTheServerStaysSilent) {
     EXPECT_TRUE(failure.text.startsWith(
         QStringLiteral("Nothing came from 127.0.0.1:%1 for 0.02 s.").arg(server.port())))
         << qPrintable(failure.text);
+}
+
+TEST(CurlTransportFailures, FailsWhenTheServerTakesNoMoreOfAnUpload) {
+    Gate over;
+    const LoopbackServer server([&](LoopbackConnection& connection) {
+        connection.readHead();
+        over.wait();
+    });
+    NetworkRequest request = requestTo(server, "/", Method::Put);
+    request.body = std::make_shared<const QByteArray>(64 * 1024 * 1024, 'x');
+    qint64 sent = 0;
+    request.onBytesSent = [&](qint64 sum) { sent = sum; };
+    request.silenceTimeout = 50ms;
+    const Failure failure = failureOf(request);
+    over.open();
+    EXPECT_EQ(failure.code, int(NetworkErrorCode::TimedOut));
+    EXPECT_GT(sent, 0);
+    EXPECT_LT(sent, 64 * 1024 * 1024);
 }
 
 TEST(CurlTransportFailures, FailsWhenTheServerFallsSilentInTheMiddleOfABodyAndGoesOnWithTheOthers) {

@@ -46,6 +46,7 @@ public:
         if (request) {
             request->idempotent = idempotent;
             request->body = body;
+            request->sink = sink;
         }
         return request;
     }
@@ -67,6 +68,7 @@ public:
     Method method = Method::Get;
     bool idempotent = false;
     std::shared_ptr<const QByteArray> body;
+    std::shared_ptr<BodySink> sink;
     std::function<Error()> onReply;
     std::function<void()> onRetry;
 };
@@ -365,6 +367,68 @@ TEST_F(NetworkTasksOnLoopback, RunOnAThreadOfTheirOwn) {
     thread.join();
     EXPECT_EQ(log.count(QStringLiteral("reply 200 /things/7")), 20);
     EXPECT_EQ(server.acceptedConnections(), 1);
+}
+
+TEST_F(NetworkTasksOnLoopback, MayBeCancelledOrDestroyedByTheirOwnSink) {
+    const LoopbackServer server(LoopbackServer::answering([](LoopbackConnection& connection, const Request&) {
+        connection.reply(200, std::string(1'000'000, 'x'));
+    }));
+    struct Sink : BodySink {
+        explicit Sink(std::function<void()> function) : act(std::move(function)) {}
+        Verdict begin(int, const QList<HttpHeader>&) override { return Verdict::Taken; }
+        Verdict take(const char*, qint64) override {
+            ++taken;
+            act();
+            return Verdict::Taken;
+        }
+        std::function<void()> act;
+        int taken = 0;
+    };
+    auto task = taskFor(server);
+    const auto cancelling = std::make_shared<Sink>([&] { task->cancel(); });
+    task->sink = cancelling;
+    task->exec();
+    EXPECT_TRUE(task->waitForFinished().isCanceled());
+    EXPECT_EQ(cancelling->taken, 1);
+
+    task = taskFor(server);
+    const auto destroying = std::make_shared<Sink>([&] { task.reset(); });
+    task->sink = destroying;
+    task->exec();
+    runUntil([&] { return !task; });
+    QCoreApplication::processEvents();
+    EXPECT_EQ(destroying->taken, 1);
+    EXPECT_TRUE(log.filter(QStringLiteral("reply")).isEmpty());
+}
+
+TEST_F(NetworkTasksOnLoopback, BeginTheirSinkAnewWithEachAttempt) {
+    const LoopbackServer server([&](LoopbackConnection& connection) {
+        connection.readRequest();
+        if (connection.index() < 2)
+            connection.send("HTTP/1.1 200 OK\r\nContent-Length: 6\r\n\r\nabc");
+        else
+            connection.reply(200, "abcdef");
+    });
+    struct Sink : BodySink {
+        Verdict begin(int, const QList<HttpHeader>&) override {
+            ++begun;
+            content.clear();
+            return Verdict::Taken;
+        }
+        Verdict take(const char* data, qint64 size) override {
+            content.append(data, qsizetype(size));
+            return Verdict::Taken;
+        }
+        int begun = 0;
+        QByteArray content;
+    };
+    const auto sink = std::make_shared<Sink>();
+    const auto task = taskFor(server);
+    task->sink = sink;
+    task->exec();
+    EXPECT_FALSE(task->waitForFinished().hasError());
+    EXPECT_EQ(sink->begun, 3);
+    EXPECT_EQ(sink->content, "abcdef");
 }
 
 TEST_F(NetworkTasksOnLoopback, PutALargeBodyOverConnectionsThatTheServerClosesAfterEachReply) {
