@@ -16,18 +16,39 @@ bool isUsable(const QUrl& url) {
            (scheme == QStringLiteral("http") || scheme == QStringLiteral("https"));
 }
 
+QByteArray apiUrlOf(const QUrl& given) {
+    if (!isUsable(given))
+        return QByteArray();
+    QUrl url = given.adjusted(QUrl::RemoveUserInfo | QUrl::RemoveQuery | QUrl::RemoveFragment);
+    QString path = url.path(QUrl::FullyEncoded);
+    while (path.endsWith(u'/'))
+        path.chop(1);
+    url.setPath(path + QStringLiteral("/api/v1"), QUrl::TolerantMode);
+    return url.toEncoded();
+}
+
+QString serverKeyOf(const QUrl& url) {
+    if (!isUsable(url))
+        return QString();
+    const QString scheme = url.scheme().toLower();
+    // The default port is written out, so that a URL with it and one without name the same server.
+    const int port = url.port(scheme == QStringLiteral("https") ? 443 : 80);
+    QString host = url.host(QUrl::FullyEncoded).toLower();
+    if (host.contains(u':') && !host.startsWith(u'['))
+        host = u'[' + host + u']';
+    return QStringLiteral("%1://%2:%3").arg(scheme, host).arg(port);
+}
+
 } // namespace
 
 struct HalvaneConnection::Private {
     mutable QMutex mutex;
     HalvaneSettings settings;
+    //! Made from the settings; encoded, so that no two threads share the parts of one URL.
+    QByteArray apiUrl;
+    QString serverKey;
     QString userName;
     QByteArray token;
-
-    QUrl url() const {
-        const QMutexLocker lock(&mutex);
-        return settings.machineSettingsPtr()->url();
-    }
 };
 
 HalvaneConnection::HalvaneConnection() : d(new Private) {}
@@ -47,33 +68,23 @@ HalvaneSettings HalvaneConnection::settings() const {
 }
 
 void HalvaneConnection::setSettings(const HalvaneSettings& settings) {
+    const QUrl url = settings.machineSettingsPtr()->url();
+    const QByteArray newApiUrl = apiUrlOf(url);
+    const QString newServerKey = serverKeyOf(url);
     const QMutexLocker lock(&d->mutex);
     d->settings = settings;
+    d->apiUrl = newApiUrl;
+    d->serverKey = newServerKey;
 }
 
 QUrl HalvaneConnection::apiUrl() const {
-    QUrl url = d->url();
-    if (!isUsable(url))
-        return QUrl();
-    url = url.adjusted(QUrl::RemoveUserInfo | QUrl::RemoveQuery | QUrl::RemoveFragment);
-    QString path = url.path(QUrl::FullyEncoded);
-    while (path.endsWith(u'/'))
-        path.chop(1);
-    url.setPath(path + QStringLiteral("/api/v1"), QUrl::TolerantMode);
-    return url;
+    const QMutexLocker lock(&d->mutex);
+    return QUrl::fromEncoded(d->apiUrl);
 }
 
 QString HalvaneConnection::serverKey() const {
-    const QUrl url = d->url();
-    if (!isUsable(url))
-        return QString();
-    const QString scheme = url.scheme().toLower();
-    // The default port is written out, so that a URL with it and one without name the same server.
-    const int port = url.port(scheme == QStringLiteral("https") ? 443 : 80);
-    QString host = url.host(QUrl::FullyEncoded).toLower();
-    if (host.contains(u':') && !host.startsWith(u'['))
-        host = u'[' + host + u']';
-    return QStringLiteral("%1://%2:%3").arg(scheme, host).arg(port);
+    const QMutexLocker lock(&d->mutex);
+    return d->serverKey;
 }
 
 QByteArray HalvaneConnection::token() const {
