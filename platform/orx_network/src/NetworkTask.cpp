@@ -106,6 +106,11 @@ void NetworkTask::onReply(const NetworkReply& reply) {
         finish(error);
 }
 
+void NetworkTask::resumeBody() {
+    if (d->call)
+        d->call->resume();
+}
+
 void NetworkTask::doCancel() {
     d->stop();
     const QPointer<NetworkTask> guard(this);

@@ -38,6 +38,10 @@ protected:
     //! The base does nothing.
     virtual void aboutToRetry(const NetworkReply& failed);
 
+    //! Goes on with the body of the reply after its sink said BodySink::Verdict::Pause; nothing when no
+    //! attempt runs.
+    void resumeBody();
+
     void start() override;
     void doCancel() override;
 
