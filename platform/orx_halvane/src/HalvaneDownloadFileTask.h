@@ -25,7 +25,8 @@ struct ORX_HALVANE_EXPORT HalvaneFileDownloadParameters {
 //! it was. Hashing and writing happen on workers. Progress: 0..100 of 100, resumed bytes included. The file's
 //! modification time becomes the one that the server recorded for the source, when it did. Fails with
 //! ErrorCode::AlreadyExists when the target exists and may not be replaced, ErrorCode::InvalidArgument for a
-//! name that is no single path component here, ErrorCode::ChecksumMismatch (partial file removed).
+//! name that is no single path component here, ErrorCode::ChecksumMismatch (partial file removed),
+//! ErrorCode::Busy when another download of the same version to the same target runs.
 class ORX_HALVANE_EXPORT HalvaneDownloadFileTask : public HalvaneComplexTask {
     Q_OBJECT
 public:
@@ -41,7 +42,6 @@ public:
 protected:
     Error initialize() override;
     Error doFinish() override;
-    void doCancel() override;
 
 private:
     class Private;

@@ -18,14 +18,21 @@ struct ORX_HALVANE_EXPORT HalvaneUploadSession {
     //! The server committed it already under the record's key: nothing is to be sent, the finalisation
     //! answers with the result.
     bool finalized = false;
+    //! SHA-256 (hexadecimal) of what the chunk task read; empty before it was through.
+    QByteArray contentSha256;
 };
 
-//! The sessions of this process by upload id. Thread: any.
+//! The sessions of this process by upload id: from the init task's success until the upload succeeded or
+//! failed. Thread: any.
 class ORX_HALVANE_EXPORT HalvaneUploadSessions {
 public:
     static void add(int uploadId, const HalvaneUploadSession& session);
+    //! Null when there is none.
     static std::shared_ptr<const HalvaneUploadSession> find(int uploadId);
+    //! The same, and forgets it.
     static std::shared_ptr<const HalvaneUploadSession> take(int uploadId);
+    //! Nothing when there is none.
+    static void setContentSha256(int uploadId, const QByteArray& sha256);
 };
 
 } // namespace orx

@@ -1,0 +1,25 @@
+#pragma once
+
+#include "orx_halvane_export.h"
+
+#include <Task.h>
+
+#include <chrono>
+
+namespace orx {
+
+//! One step of a larger task that waits, without anything running meanwhile. Ends at once when cancelled.
+class ORX_HALVANE_EXPORT DelayStepTask : public Task {
+    Q_OBJECT
+public:
+    explicit DelayStepTask(std::chrono::milliseconds delay);
+
+protected:
+    void start() override;
+    void doCancel() override;
+
+private:
+    std::chrono::milliseconds m_delay;
+};
+
+} // namespace orx

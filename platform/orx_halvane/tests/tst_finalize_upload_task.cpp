@@ -1,0 +1,236 @@
+#include "TransferFixture.h"
+
+#include <HalvaneError.h>
+#include <HalvaneHistory.h>
+#include <HalvaneUploadSessions.h>
+
+using namespace orx;
+using orx::testing::FakeHalvane;
+
+namespace {
+
+class FinalizeUploadTask : public orx::testing::TransferFixture {
+protected:
+    int sent() {
+        const int id = init();
+        EXPECT_FALSE(postChunks(id).hasError());
+        return id;
+    }
+    std::optional<int> recordedVersion(int fileId) const {
+        const auto version = HalvaneHistory().fileVersion(path, fileId);
+        EXPECT_TRUE(version) << qPrintable(version.errorMessage());
+        return version.valueOr(std::nullopt);
+    }
+};
+
+TEST_F(FinalizeUploadTask, MakesTheFileAndRecordsItsVersion) {
+    const int id = sent();
+    const QByteArray key = fake.uploads.value(id).key;
+    HalvaneFinalizeUploadTask task(
+        {{QStringLiteral("upload_id"), id}, {QStringLiteral("file_alias"), QStringLiteral("first")}});
+    const Error error = run(task);
+    ASSERT_FALSE(error.hasError()) << qPrintable(error.traceText());
+    EXPECT_TRUE(task.error().warnings().isEmpty());
+    EXPECT_EQ(task.createdFileReference(), (HalvaneApiReference{100, 1}));
+    EXPECT_EQ(task.createdFileId(), 100);
+    EXPECT_EQ(task.sha256(),
+              QStringLiteral("72399361da6a7754fec986dca5b7cbaf1c810a28ded4abaf56b2106d06cb78b0"));
+    EXPECT_EQ(recordedVersion(100), 1);
+    EXPECT_EQ(freeRecords().size(), 0);
+    EXPECT_FALSE(HalvaneUploadSessions::find(id));
+    EXPECT_EQ(NetworkRequest::header(fake.last("finalize")->headers, "Idempotency-Key"), key);
+    EXPECT_TRUE(fake.last("finalize")->body->contains("\"file_alias\":\"first\""));
+    EXPECT_EQ(fake.last("finalize")->totalTimeout, std::chrono::seconds(120));
+    EXPECT_EQ(init(), id + 1) << "a deliberate second upload is another one";
+}
+
+TEST_F(FinalizeUploadTask, WaitsLongerForALargerFile) {
+    HalvaneUploadSession session;
+    session.size = 2'000'000'000;
+    HalvaneUploadSessions::add(5, session);
+    EXPECT_TRUE(finalize(5).hasError());
+    EXPECT_EQ(fake.last("finalize")->totalTimeout, std::chrono::seconds(220));
+    EXPECT_EQ(fake.last("finalize")->silenceTimeout, std::chrono::seconds(220));
+}
+
+TEST_F(FinalizeUploadTask, ALostReplyGivesTheSameFileAndVersion) {
+    const int id = sent();
+    fake.expectFault({"POST /finalize", FakeHalvane::Fault::LoseReply});
+    fake.expectFault({"POST /finalize", FakeHalvane::Fault::LoseReply});
+    HalvaneApiReference reference;
+    ASSERT_FALSE(finalize(id, &reference).hasError());
+    EXPECT_EQ(reference, (HalvaneApiReference{100, 1}));
+    EXPECT_EQ(fake.files.size(), 1);
+    EXPECT_EQ(fake.count("finalize"), 3);
+}
+
+TEST_F(FinalizeUploadTask, WorksForAnUploadOfAnotherProcessWithAKeyOfItsOwn) {
+    const int id = sent();
+    HalvaneUploadSessions::take(id);
+    HalvaneApiReference reference;
+    ASSERT_FALSE(finalize(id, &reference).hasError());
+    EXPECT_EQ(reference.fileId, 100);
+    EXPECT_FALSE(NetworkRequest::header(fake.last("finalize")->headers, "Idempotency-Key").isEmpty());
+}
+
+TEST_F(FinalizeUploadTask, ADamagedContentIsAbandonedAndALaterRunBeginsAfresh) {
+    const int id = sent();
+    fake.uploads[id].chunks[1] = "EFGH";
+    const Error error = finalize(id);
+    EXPECT_TRUE(isHalvaneError(error, HalvaneServerErrorCode::ChecksumMismatch));
+    EXPECT_TRUE(error.errorMessage().contains(path));
+    EXPECT_TRUE(error.errorMessage().contains(QStringLiteral("Start the upload again")));
+    EXPECT_EQ(fake.log.last(), "DELETE /uploads/1");
+    EXPECT_EQ(freeRecords().size(), 0);
+    EXPECT_EQ(init(), 2);
+}
+
+TEST_F(FinalizeUploadTask, AnIncompleteUploadCanBeResumed) {
+    const int id = sent();
+    fake.uploads[id].chunks.remove(2);
+    const Error error = finalize(id);
+    EXPECT_TRUE(isHalvaneError(error, HalvaneServerErrorCode::UploadIncomplete));
+    EXPECT_TRUE(error.errorMessage().contains(path));
+    EXPECT_EQ(freeRecords().size(), 1);
+    ASSERT_EQ(init(), id);
+    ASSERT_FALSE(postChunks(id).hasError());
+    EXPECT_FALSE(finalize(id).hasError());
+}
+
+TEST_F(FinalizeUploadTask, AnUploadThatIsGoneIsForgotten) {
+    const int id = sent();
+    fake.expectFault({"POST /finalize", FakeHalvane::Fault::Answer, FakeHalvane::failure(410, 9)});
+    EXPECT_TRUE(isHalvaneError(finalize(id), HalvaneServerErrorCode::UploadGone));
+    EXPECT_EQ(freeRecords().size(), 0);
+}
+
+TEST_F(FinalizeUploadTask, AnotherRefusalIsTheServersOwn) {
+    const int id = sent();
+    fake.expectFault({"POST /finalize", FakeHalvane::Fault::Answer, FakeHalvane::failure(409, 4, "newer")});
+    const Error error = finalize(id);
+    EXPECT_TRUE(isHalvaneError(error, HalvaneServerErrorCode::VersionConflict));
+    EXPECT_EQ(error.errorMessage(), QStringLiteral("newer"));
+    EXPECT_EQ(freeRecords().size(), 1);
+}
+
+TEST_F(FinalizeUploadTask, AnAnswerForAnotherContentIsAnError) {
+    const int id = sent();
+    fake.expectFault(
+        {"POST /finalize", FakeHalvane::Fault::Answer,
+         FakeHalvane::text(
+             200, R"({"status":"success","data":{"file":{"id":3,"version":1,"size":10,"sha256":"00"}}})")});
+    const Error error = finalize(id);
+    EXPECT_TRUE(error.is(ErrorCode::ChecksumMismatch));
+    EXPECT_TRUE(error.errorMessage().contains(path));
+    EXPECT_EQ(recordedVersion(3), std::nullopt);
+}
+
+TEST_F(FinalizeUploadTask, AHistoryThatCannotBeWrittenIsAWarning) {
+    const int id = sent();
+    qputenv("HALVANE_CONFIG_DIR", QFile::encodeName(path) + "/no directory");
+    HalvaneFinalizeUploadTask task({{QStringLiteral("upload_id"), id}});
+    const Error error = run(task);
+    EXPECT_FALSE(error.hasError()) << qPrintable(error.traceText());
+    EXPECT_EQ(task.createdFileId(), 100);
+    ASSERT_EQ(task.error().warnings().size(), 1);
+    EXPECT_TRUE(task.error().warnings().first().contains(path));
+}
+
+TEST_F(FinalizeUploadTask, CancelledItReleasesTheRecordSoThatThingsCanBeSettled) {
+    const int id = sent();
+    fake.expectFault({"POST /finalize", FakeHalvane::Fault::Hang});
+    HalvaneFinalizeUploadTask task({{QStringLiteral("upload_id"), id}});
+    task.exec();
+    processUntil([this] { return fake.count("finalize") == 1; });
+    task.cancel();
+    processUntil([&task] { return task.isFinished() && task.isIdle(); });
+    EXPECT_EQ(fake.inFlight, 0);
+    EXPECT_EQ(freeRecords().size(), 1);
+}
+
+class SettleUploadTask : public FinalizeUploadTask {
+protected:
+    //! Sent and committed, but the client never hears of it.
+    int committedUnheard() {
+        const int id = sent();
+        for (int i = 0; i < 20; ++i)
+            fake.expectFault({"POST /finalize", FakeHalvane::Fault::LoseReply});
+        HalvaneFinalizeUploadTask task({{QStringLiteral("upload_id"), id}});
+        task.exec();
+        processUntil([this, id] { return fake.uploads.value(id).fileId != 0; });
+        task.cancel();
+        processUntil([&task] { return task.isFinished() && task.isIdle(); });
+        EXPECT_EQ(freeRecords().size(), 1);
+        fake.log.clear();
+        return id;
+    }
+};
+
+TEST_F(SettleUploadTask, ReportsAndRecordsWhatTheServerCommittedUnheard) {
+    committedUnheard();
+    HalvaneSettleUploadTask task(parameters());
+    ASSERT_FALSE(run(task).hasError());
+    ASSERT_TRUE(task.committedFile());
+    EXPECT_EQ(*task.committedFile(), (HalvaneApiReference{100, 1}));
+    EXPECT_EQ(recordedVersion(100), 1);
+    EXPECT_EQ(freeRecords().size(), 0);
+    HalvaneSettleUploadTask again(parameters());
+    ASSERT_FALSE(run(again).hasError());
+    EXPECT_FALSE(again.committedFile()) << "reported once";
+    EXPECT_EQ(fake.log.size(), 1);
+}
+
+TEST_F(SettleUploadTask, LeavesAnOpenUploadForTheInitTask) {
+    const int id = init();
+    fake.expectFault({"PUT /chunks/0", FakeHalvane::Fault::Answer, FakeHalvane::failure(401, 2)});
+    ASSERT_TRUE(postChunks(id).hasError());
+    HalvaneSettleUploadTask task(parameters());
+    ASSERT_FALSE(run(task).hasError());
+    EXPECT_FALSE(task.committedFile());
+    EXPECT_EQ(freeRecords().size(), 1);
+    EXPECT_EQ(init(), id);
+}
+
+TEST_F(SettleUploadTask, RemovesWhatTheServerDoesNotKnow) {
+    const int id = init();
+    fake.expectFault({"PUT /chunks/0", FakeHalvane::Fault::Answer, FakeHalvane::failure(401, 2)});
+    ASSERT_TRUE(postChunks(id).hasError());
+    fake.uploads[id].open = false;
+    HalvaneSettleUploadTask task(parameters());
+    ASSERT_FALSE(run(task).hasError());
+    EXPECT_FALSE(task.committedFile());
+    EXPECT_EQ(freeRecords().size(), 0);
+}
+
+TEST_F(SettleUploadTask, FindsNothingForAFileThatChangedOrIsMissing) {
+    committedUnheard();
+    writeFile("another content");
+    HalvaneSettleUploadTask changed(parameters());
+    ASSERT_FALSE(run(changed).hasError());
+    EXPECT_FALSE(changed.committedFile());
+    const HalvaneFileUploadParameters before = parameters();
+    ASSERT_TRUE(QFile::remove(path));
+    HalvaneSettleUploadTask missing(before);
+    ASSERT_FALSE(run(missing).hasError());
+    EXPECT_FALSE(missing.committedFile());
+    EXPECT_TRUE(fake.log.isEmpty());
+}
+
+TEST_F(SettleUploadTask, FindsNothingForAnotherTarget) {
+    committedUnheard();
+    HalvaneSettleUploadTask task(parameters(8));
+    ASSERT_FALSE(run(task).hasError());
+    EXPECT_FALSE(task.committedFile());
+}
+
+TEST_F(SettleUploadTask, AServerThatDoesNotAnswerLeavesEverythingAsItWas) {
+    committedUnheard();
+    fake.expectFault(
+        {"GET " + fake.uploads.value(1).key, FakeHalvane::Fault::Answer, FakeHalvane::failure(401, 2)});
+    HalvaneSettleUploadTask task(parameters());
+    EXPECT_TRUE(isHalvaneError(run(task), HalvaneServerErrorCode::NotAuthenticated));
+    EXPECT_FALSE(task.committedFile());
+    EXPECT_EQ(freeRecords().size(), 1);
+}
+
+} // namespace
