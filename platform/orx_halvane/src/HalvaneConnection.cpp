@@ -41,6 +41,8 @@ QString serverKeyOf(const QUrl& url) {
 
 } // namespace
 
+//! The texts are replaced by swapping: what was there is then freed here, where the thread sanitizer sees it,
+//! and not inside Qt.
 struct HalvaneConnection::Private {
     mutable QMutex mutex;
     HalvaneSettings settings;
@@ -69,12 +71,12 @@ HalvaneSettings HalvaneConnection::settings() const {
 
 void HalvaneConnection::setSettings(const HalvaneSettings& settings) {
     const QUrl url = settings.machineSettingsPtr()->url();
-    const QByteArray newApiUrl = apiUrlOf(url);
-    const QString newServerKey = serverKeyOf(url);
+    QByteArray apiUrl = apiUrlOf(url);
+    QString serverKey = serverKeyOf(url);
     const QMutexLocker lock(&d->mutex);
     d->settings = settings;
-    d->apiUrl = newApiUrl;
-    d->serverKey = newServerKey;
+    d->apiUrl.swap(apiUrl);
+    d->serverKey.swap(serverKey);
 }
 
 QUrl HalvaneConnection::apiUrl() const {
@@ -98,9 +100,11 @@ QString HalvaneConnection::userName() const {
 }
 
 void HalvaneConnection::setCredentials(const QString& userName, const QByteArray& token) {
+    QString newUserName = userName;
+    QByteArray newToken = token;
     const QMutexLocker lock(&d->mutex);
-    d->userName = userName;
-    d->token = token;
+    d->userName.swap(newUserName);
+    d->token.swap(newToken);
 }
 
 Error HalvaneConnection::sendRequest(NetworkTask* task) {

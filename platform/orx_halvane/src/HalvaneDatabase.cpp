@@ -199,9 +199,7 @@ Error ensureOpen(Connection& current, const QString& path) {
             ErrorCode::ParseError,
             translated("The file \"%1\" has the format %2 of a newer release; this one knows formats up to "
                        "%3. Update this program, or let it use another directory (HALVANE_CONFIG_DIR).")
-                .arg(path)
-                .arg(version)
-                .arg(kSchemaVersion));
+                .arg(path, QString::number(version), QString::number(kSchemaVersion)));
     current.database = std::move(database);
     current.path = path;
     current.identity = identity(path);

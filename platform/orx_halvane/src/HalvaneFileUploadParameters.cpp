@@ -33,13 +33,11 @@ Error checkExtendedMetadata(const CompactValues& values) {
                 translated("A value of the extended metadata (\"%1\") has no key.").arg(value.value));
         if (value.key.toUtf8().size() > kMaxKeyBytes)
             return invalid(translated("The extended metadata key \"%1\" is longer than %2 bytes.")
-                               .arg(value.key)
-                               .arg(kMaxKeyBytes));
+                               .arg(value.key, QString::number(kMaxKeyBytes)));
         if (value.value.toUtf8().size() > kMaxValueBytes)
             return invalid(
                 translated("The value of the extended metadata key \"%1\" is longer than %2 bytes.")
-                    .arg(value.key)
-                    .arg(kMaxValueBytes));
+                    .arg(value.key, QString::number(kMaxValueBytes)));
     }
     return Error();
 }

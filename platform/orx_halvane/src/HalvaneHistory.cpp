@@ -40,9 +40,7 @@ Error HalvaneHistory::setFileVersion(const QString& localPath, int fileId, int v
             ErrorCode::InvalidArgument,
             QCoreApplication::translate(
                 "orx::HalvaneHistory", "Version %3 of the file with the id %2 cannot be recorded for \"%1\".")
-                .arg(localPath)
-                .arg(fileId)
-                .arg(version)));
+                .arg(localPath, QString::number(fileId), QString::number(version))));
     if (HalvaneTemporaryDirs::contains(canonicalLocalPath(localPath)))
         return Error();
     return ORX_ECATCH(HalvaneDatabase::run(HalvaneDatabase::Access::Write, [&](SQLite::Database& database) {

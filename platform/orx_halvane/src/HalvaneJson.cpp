@@ -91,9 +91,9 @@ Error takeOptional(const QJsonObject& object, const QString& key, QList<int>& ta
     for (const QString& part : text.split(u',', Qt::SkipEmptyParts)) {
         const Result<int> number = NumberUtils::toInt(part);
         if (number.hasError())
-            return ORX_ECATCH(
-                Error(ErrorCode::ParseError,
-                      translated("The value of the key \"%1\": %2").arg(key, number.errorMessage())));
+            return ORX_ECATCH(Error(ErrorCode::ParseError,
+                                    translated("The value of the key \"%1\" is no list of numbers: %2.")
+                                        .arg(key, number.errorMessage())));
         target.append(*number);
     }
     return Error();

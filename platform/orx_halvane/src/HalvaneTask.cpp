@@ -130,10 +130,8 @@ Error HalvaneTask::handleReply(const NetworkReply& reply) {
     return ORX_ECATCH(
         Error(ErrorDomain::Network, int(NetworkErrorCode::HttpStatus),
               tr("\"%1\" answered with the HTTP status %2 and no explanation that a Halvane server gives. "
-                 "Check the "
-                 "server's URL; something between here and the server (a proxy) may be the cause.")
-                  .arg(serverName())
-                  .arg(reply.status)));
+                 "Check the server's URL; something between here and the server (a proxy) may be the cause.")
+                  .arg(serverName(), QString::number(reply.status))));
 }
 
 HalvaneComplexTask::HalvaneComplexTask(const QString& name, QObject* parent)

@@ -74,6 +74,8 @@ TEST_F(HistoryTest, RefusesWhatIsNoVersionOfAFile) {
     EXPECT_TRUE(HalvaneHistory().setFileVersion(QString(), 1, 1).is(ErrorCode::InvalidArgument));
     EXPECT_TRUE(HalvaneHistory().setFileVersion(QStringLiteral("/a"), 0, 1).is(ErrorCode::InvalidArgument));
     EXPECT_TRUE(HalvaneHistory().setFileVersion(QStringLiteral("/a"), 1, 0).is(ErrorCode::InvalidArgument));
+    EXPECT_EQ(HalvaneHistory().setFileVersion(QStringLiteral("/%1%2%3"), 7, 0).errorMessage(),
+              QStringLiteral("Version 0 of the file with the id 7 cannot be recorded for \"/%1%2%3\"."));
 }
 
 TEST_F(HistoryTest, LeavesOutTemporaryDirectoriesOfThisProcess) {
