@@ -92,7 +92,8 @@ Error HalvaneInitUploadTask::doFinish() {
 
 void HalvaneInitUploadTask::Private::prepare() {
     const auto prepared = std::make_shared<Prepared>();
-    const auto job = [prepared, wanted = parameters] { return prepareRecord(wanted, *prepared); };
+    const auto wanted = std::make_shared<const HalvaneFileUploadParameters>(parameters);
+    const auto job = [prepared, wanted] { return prepareRecord(*wanted, *prepared); };
     q->execSubtask(std::make_unique<WorkerStepTask>(QStringLiteral("PrepareUpload"), job),
                    [this, prepared](WorkerStepTask*) {
                        hold = std::move(prepared->hold);

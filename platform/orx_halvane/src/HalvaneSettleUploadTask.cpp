@@ -44,8 +44,9 @@ Error HalvaneSettleUploadTask::initialize() {
 
 void HalvaneSettleUploadTask::Private::find() {
     const auto found = std::make_shared<QList<HalvaneUploadRecord>>();
-    const auto job = [found, wanted = parameters]() -> Error {
-        const Result<HalvaneUploadRecord> described = HalvaneUploadJournal::describe(wanted);
+    const auto wanted = std::make_shared<const HalvaneFileUploadParameters>(parameters);
+    const auto job = [found, wanted]() -> Error {
+        const Result<HalvaneUploadRecord> described = HalvaneUploadJournal::describe(*wanted);
         if (!described)
             return Error(); // the upload says what is wrong with the file
         JournalHold::awaitReleases();
