@@ -1,0 +1,122 @@
+#include "DownloadFileJob.h"
+
+#include "HostTasks.h"
+#include "ResolveItemTask.h"
+
+#include <HalvaneDownloadFileTask.h>
+#include <HalvaneHistory.h>
+
+#include <QFileInfo>
+
+namespace halvane::host {
+
+using orx::BaseTask;
+using orx::Error;
+using orx::ErrorCode;
+using orx::HalvaneDownloadFileTask;
+using orx::HalvaneFileDownloadParameters;
+using orx::HalvaneFileResourceReference;
+
+DownloadFileJob::DownloadFileJob(const DownloadRequest& request, QObject* parent)
+    : ComplexTask(QStringLiteral("Download:File(%1)").arg(request.source), parent), m_request(request) {}
+
+DownloadFileJob::~DownloadFileJob() = default;
+
+QString DownloadFileJob::localPath() const {
+    return m_targetDir.absoluteFilePath(m_targetName);
+}
+
+Error DownloadFileJob::initialize() {
+    ORX_RETURN_ON_ERROR(ResolveItemTask::checkText(m_request.source));
+    ORX_RETURN_ON_ERROR(chooseTarget());
+    if (!m_targetName.isEmpty())
+        ORX_RETURN_ON_ERROR(checkExisting());
+    execSubtask(std::make_unique<ResolveItemTask>(m_request.source, ResolveItemTask::Wanted::File),
+                [this](ResolveItemTask* task) { onResolved(task->item()); });
+    return {};
+}
+
+// An existing directory takes the file under its own name; anything else is the path of the file itself.
+Error DownloadFileJob::chooseTarget() {
+    const QFileInfo target(m_request.targetPath);
+    if (target.isDir()) {
+        m_targetDir = QDir(m_request.targetPath);
+        return {};
+    }
+    if (m_request.targetPath.endsWith(u'/') || !QFileInfo(target.absolutePath()).isDir())
+        return Error(
+            ErrorCode::FileNotWritable,
+            QStringLiteral("The directory \"%1\" does not exist; make it first.")
+                .arg(m_request.targetPath.endsWith(u'/') ? m_request.targetPath : target.absolutePath()));
+    m_targetDir = QDir(target.absolutePath());
+    m_targetName = target.fileName();
+    return {};
+}
+
+Error DownloadFileJob::checkExisting() {
+    const QFileInfo target(localPath());
+    const bool exists = target.exists() || target.isSymLink();
+    if (!exists)
+        return {};
+    if (target.isDir())
+        return Error(
+            ErrorCode::FileNotWritable,
+            QStringLiteral("\"%1\" is a directory; the file cannot take its place.").arg(localPath()));
+    if (m_request.ifExists == DownloadRequest::IfExists::Fail)
+        return Error(
+            ErrorCode::AlreadyExists,
+            QStringLiteral("\"%1\" exists already and stays as it is. Give another path, or say what is to "
+                           "happen with --if-exists overwrite or --if-exists skip.")
+                .arg(localPath()));
+    m_skipped = m_request.ifExists == DownloadRequest::IfExists::Skip;
+    return {};
+}
+
+void DownloadFileJob::onResolved(const RemoteItem& item) {
+    m_item = item;
+    if (m_targetName.isEmpty()) {
+        m_targetName = item.name;
+        if (!isUsableLocalName(item.name)) {
+            m_targetName.clear();
+            return finish(
+                Error(ErrorCode::InvalidArgument,
+                      QStringLiteral("The name \"%1\" on the server cannot be the name of a local file; give "
+                                     "the path of the file to be with --to.")
+                          .arg(item.name)));
+        }
+        if (const Error error = checkExisting(); error.hasError())
+            return finish(error);
+    }
+    if (!m_skipped)
+        download();
+}
+
+void DownloadFileJob::download() {
+    const auto reference = HalvaneFileResourceReference::create(m_item.id, m_item.version, m_item.name);
+    if (reference.hasError())
+        return finish(reference.error());
+    HalvaneFileDownloadParameters parameters;
+    parameters.reference = reference.value();
+    parameters.targetDir = m_targetDir;
+    parameters.targetName = m_targetName;
+    parameters.overwrite = m_request.ifExists == DownloadRequest::IfExists::Overwrite;
+    execSubtask(std::make_unique<HalvaneDownloadFileTask>(parameters), [this](HalvaneDownloadFileTask* task) {
+        m_item.sha256 = task->sha256();
+        m_item.size = task->size();
+        recordVersion();
+    });
+}
+
+// The file is there and whole whatever becomes of the record, so that a failure is only a warning.
+void DownloadFileJob::recordVersion() {
+    auto record = std::make_unique<WorkerTask>(
+        QStringLiteral("Record version"), [path = localPath(), id = m_item.id, version = m_item.version] {
+            return orx::HalvaneHistory().setFileVersion(path, id, version);
+        });
+    execSubtask(std::unique_ptr<BaseTask>(std::move(record)), {}, [this](BaseTask* task) {
+        addWarning(QStringLiteral("The version could not be recorded in the local history: %1")
+                       .arg(task->error().errorMessage()));
+    });
+}
+
+} // namespace halvane::host

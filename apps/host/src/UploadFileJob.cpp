@@ -1,0 +1,215 @@
+#include "UploadFileJob.h"
+
+#include "ErrorText.h"
+#include "ResolveItemTask.h"
+
+#include <HalvaneConnectionUtils.h>
+#include <HalvaneError.h>
+#include <HalvaneFileUploadTask.h>
+#include <HalvaneHistory.h>
+#include <HalvaneUploadTasks.h>
+
+#include <QFile>
+#include <QFileInfo>
+
+namespace halvane::host {
+
+using orx::BaseTask;
+using orx::Error;
+using orx::ErrorCode;
+using orx::HalvaneApiReference;
+using orx::HalvaneFileUploadParameters;
+using orx::HalvaneFileUploadTask;
+using orx::HalvaneGetFileMetadataTask;
+using orx::HalvaneGetFilesTask;
+using orx::HalvaneGetFileVersionsTask;
+using orx::HalvanePutExtendedMetaDataTask;
+using orx::HalvaneServerErrorCode;
+using orx::HalvaneSettleUploadTask;
+using orx::HalvaneUploadPolicyOption;
+using orx::HalvaneUploadPolicyOptions;
+using orx::HalvaneUploadTask;
+
+namespace {
+
+HalvaneUploadPolicyOptions policyOptions(const UploadRequest& request) {
+    HalvaneUploadPolicyOptions options = HalvaneUploadTask::DEFAULT_UPLOAD_POLICY_OPTIONS;
+    options.setFlag(HalvaneUploadPolicyOption::NewVersionByName,
+                    request.versioning == UploadRequest::Versioning::NewVersionByName);
+    if (request.checkVersion)
+        options.setFlag(HalvaneUploadPolicyOption::ReplaceWithoutVersionCheck, false);
+    return options;
+}
+
+QString conflictText(const QString& localPath, const RemoteItem& onServer, std::optional<int> here) {
+    const QString known = here ? QStringLiteral("this machine last had version %1").arg(*here)
+                               : QStringLiteral("this machine has not recorded that version");
+    return QStringLiteral(
+               "\"%1\" was not uploaded: \"%2\" (file:%3) has version %4 on the server, and %5. Fetch the "
+               "newer version with \"halvane get file:%3 --to PATH\", or put this file on top of it with "
+               "--new-version and without --check-version.")
+        .arg(localPath, onServer.name, QString::number(onServer.id), QString::number(onServer.version),
+             known);
+}
+
+} // namespace
+
+UploadFileJob::UploadFileJob(const UploadRequest& request, QObject* parent)
+    : ComplexTask(QStringLiteral("Put(%1)").arg(request.localPath), parent), m_request(request) {}
+
+UploadFileJob::~UploadFileJob() = default;
+
+Error UploadFileJob::checkLocalFile(const QString& path) {
+    const QFileInfo info(path);
+    if (info.isDir())
+        return Error(ErrorCode::InvalidArgument,
+                     QStringLiteral("\"%1\" is a directory; put uploads one file at a time.").arg(path));
+    if (!info.exists())
+        return Error(ErrorCode::NotFound,
+                     info.isSymLink()
+                         ? QStringLiteral("\"%1\" is a link to a file that does not exist.").arg(path)
+                         : QStringLiteral("There is no file \"%1\".").arg(path));
+    if (!info.isFile())
+        return Error(ErrorCode::InvalidArgument, QStringLiteral("\"%1\" is not a regular file.").arg(path));
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return Error(ErrorCode::FileNotReadable,
+                     QStringLiteral("The file \"%1\" cannot be read: %2.").arg(path, file.errorString()));
+    return {};
+}
+
+Error UploadFileJob::initialize() {
+    ORX_RETURN_ON_ERROR(ResolveItemTask::checkText(m_request.target));
+    ORX_RETURN_ON_ERROR(checkLocalFile(m_request.localPath));
+    execSubtask(std::make_unique<ResolveItemTask>(m_request.target, ResolveItemTask::Wanted::Any),
+                [this](ResolveItemTask* task) { onTargetResolved(task->item(), task->versionWasGiven()); });
+    return {};
+}
+
+void UploadFileJob::onTargetResolved(const RemoteItem& target, bool versionWasGiven) {
+    if (target.isFile() && versionWasGiven)
+        return finish(Error(
+            ErrorCode::InvalidArgument,
+            QStringLiteral("A new version always follows the last one: put to file:%1.").arg(target.id)));
+    if (target.isFile() && !m_request.name.isEmpty())
+        return finish(
+            Error(ErrorCode::InvalidArgument,
+                  QStringLiteral("A new version keeps the name of its file, \"%1\": leave out --as.")
+                      .arg(target.name)));
+    const bool byName = m_request.versioning == UploadRequest::Versioning::NewVersionByName;
+    if (target.isFolder() && byName && !m_request.name.isEmpty())
+        return findFileByName(target);
+    prepare(target.id, target.type);
+}
+
+// The upload task looks for the local file's own name; under another name the file is found here.
+void UploadFileJob::findFileByName(const RemoteItem& folder) {
+    execSubtask(std::make_unique<HalvaneGetFilesTask>(folder.id), [this, folder](HalvaneGetFilesTask* task) {
+        const int fileId = orx::HalvaneConnectionUtils::findFileIdInFiles(m_request.name, task->files());
+        if (fileId == -1)
+            prepare(folder.id, RemoteItem::ItemType::Folder);
+        else
+            prepare(fileId, RemoteItem::ItemType::File);
+    });
+}
+
+void UploadFileJob::prepare(int targetId, RemoteItem::ItemType targetType) {
+    const std::optional<QString> name =
+        m_request.name.isEmpty() ? std::nullopt : std::optional<QString>(m_request.name);
+    const auto parameters =
+        HalvaneFileUploadParameters::create(m_request.localPath, targetId, targetType, m_request.alias,
+                                            m_request.metadata, policyOptions(m_request), name);
+    if (parameters.hasError())
+        return finish(parameters.error());
+    m_parameters = parameters.value();
+    settle();
+}
+
+void UploadFileJob::settle() {
+    execSubtask(std::make_unique<HalvaneSettleUploadTask>(m_parameters),
+                [this](HalvaneSettleUploadTask* task) {
+                    const std::optional<HalvaneApiReference> committed = task->committedFile();
+                    if (!committed)
+                        return upload();
+                    m_foundCommitted = true;
+                    if (m_request.metadata)
+                        putMetadata(*committed);
+                    else
+                        describe(*committed);
+                });
+}
+
+// The run that made the file did not live to attach its metadata.
+void UploadFileJob::putMetadata(const HalvaneApiReference& file) {
+    execSubtask(std::make_unique<HalvanePutExtendedMetaDataTask>(file.fileId, *m_request.metadata),
+                [this, file](HalvanePutExtendedMetaDataTask*) { describe(file); });
+}
+
+void UploadFileJob::upload() {
+    std::unique_ptr<HalvaneFileUploadTask> task = HalvaneFileUploadTask::create(m_parameters);
+    HalvaneFileUploadTask* raw = task.get();
+    const auto onSuccess = [this, raw](BaseTask*) {
+        if (const auto uploaded = raw->uploadedFile())
+            return describe(uploaded->reference());
+        finish(Error(ErrorCode::General,
+                     QStringLiteral("The upload of \"%1\" ended without the server's record of "
+                                    "the file.")
+                         .arg(m_request.localPath)));
+    };
+    const auto onFailure = [this, raw](BaseTask*) { onUploadFailed(*raw, raw->targetId()); };
+    execSubtask(std::unique_ptr<BaseTask>(std::move(task)), onSuccess, onFailure);
+}
+
+void UploadFileJob::onUploadFailed(const BaseTask& task, int fileId) {
+    if (isHalvaneError(task.error(), HalvaneServerErrorCode::VersionConflict))
+        return explainConflict(task.error(), fileId);
+    finish(task.error());
+}
+
+void UploadFileJob::explainConflict(const Error& conflict, int fileId) {
+    auto metadata = std::make_unique<HalvaneGetFileMetadataTask>(fileId);
+    HalvaneGetFileMetadataTask* raw = metadata.get();
+    const auto onSuccess = [this, conflict, raw, fileId](BaseTask*) {
+        const auto known = orx::HalvaneHistory().fileVersion(m_request.localPath, fileId);
+        const RemoteItem onServer = RemoteItem::fromFile(raw->fileItem(), {});
+        finish(withMessage(conflict,
+                           conflictText(m_request.localPath, onServer, known.valueOr(std::optional<int>()))));
+    };
+    const auto onFailure = [this, conflict](BaseTask*) { finish(conflict); };
+    execSubtask(std::unique_ptr<BaseTask>(std::move(metadata)), onSuccess, onFailure);
+}
+
+// What the server holds is asked for after the upload. It is safe there by then, so that a failure of this
+// question is a warning.
+void UploadFileJob::describe(const HalvaneApiReference& file) {
+    m_item.type = RemoteItem::ItemType::File;
+    m_item.id = file.fileId;
+    m_item.version = file.version;
+    m_item.name = m_parameters.targetFileName;
+    m_item.size = QFileInfo(m_request.localPath).size();
+    auto metadata = std::make_unique<HalvaneGetFileMetadataTask>(file.fileId);
+    HalvaneGetFileMetadataTask* raw = metadata.get();
+    const auto onSuccess = [this, raw, version = file.version](BaseTask*) {
+        m_item = RemoteItem::fromFile(raw->fileItem(), {});
+        if (m_item.version != version)
+            describeVersion(version);
+    };
+    const auto onFailure = [this](BaseTask* task) {
+        addWarning(QStringLiteral("The file is on the server, but its record could not be read: %1")
+                       .arg(errorText(task->error())));
+    };
+    execSubtask(std::unique_ptr<BaseTask>(std::move(metadata)), onSuccess, onFailure);
+}
+
+// Somebody has put a newer version since; this run's own one is among the versions.
+void UploadFileJob::describeVersion(int version) {
+    execSubtask(std::make_unique<HalvaneGetFileVersionsTask>(m_item.id),
+                [this, version](HalvaneGetFileVersionsTask* task) {
+                    for (const orx::HalvaneFileVersion& candidate : task->versions()) {
+                        if (candidate.version == version)
+                            m_item.setVersion(candidate);
+                    }
+                });
+}
+
+} // namespace halvane::host

@@ -1,0 +1,72 @@
+#pragma once
+
+#include "RemoteItem.h"
+
+#include <ComplexTask.h>
+#include <HalvaneFileUploadParameters.h>
+
+namespace halvane::host {
+
+//! What `put` is asked for.
+struct UploadRequest {
+    QString localPath;
+    //! A remote path or a reference: a folder receives a file, a file receives a new version.
+    QString target;
+    //! The name on the server; empty: that of the local file. Only for folders.
+    QString name;
+    //! A further name kept with the version.
+    QString alias;
+    enum class Versioning {
+        NewFile,         //!< always another file, whatever the folder holds
+        NewVersionByName //!< a file of the same name in the folder receives a new version
+    };
+    Versioning versioning = Versioning::NewFile;
+    //! Stop when the server has a newer version than this machine last had.
+    bool checkVersion = false;
+    //! Absent: the file's extended metadata stays; present: it is replaced.
+    std::optional<QList<orx::HalvaneCompactExtendedMetaDataValue>> metadata;
+};
+
+//! Uploads one local file. First settles what an interrupted run of the same upload left behind: when the
+//! server had committed it, that file is reported and nothing is sent. An interrupted upload of the unchanged
+//! file goes on where it stopped. Thread: that of the object.
+//!
+//! Errors: a local file that is missing (ErrorCode::NotFound), a directory (ErrorCode::InvalidArgument) or
+//! unreadable (ErrorCode::FileNotReadable) is found before any call; then those of ResolveItemTask and of the
+//! upload. A version conflict says which version is here and which on the server.
+class HALVANE_HOST_EXPORT UploadFileJob : public orx::ComplexTask {
+    Q_OBJECT
+public:
+    explicit UploadFileJob(const UploadRequest& request, QObject* parent = nullptr);
+    ~UploadFileJob() override;
+
+    //! After success: the file in the version that was made.
+    const RemoteItem& item() const { return m_item; }
+    //! An earlier, interrupted run had made the version already; nothing was sent.
+    bool foundCommitted() const { return m_foundCommitted; }
+
+    //! Whether the file can be put at all, without a call.
+    static orx::Error checkLocalFile(const QString& path);
+
+protected:
+    orx::Error initialize() override;
+
+private:
+    void onTargetResolved(const RemoteItem& target, bool versionWasGiven);
+    void findFileByName(const RemoteItem& folder);
+    void prepare(int targetId, RemoteItem::ItemType targetType);
+    void settle();
+    void putMetadata(const orx::HalvaneApiReference& file);
+    void upload();
+    void onUploadFailed(const orx::BaseTask& task, int fileId);
+    void explainConflict(const orx::Error& conflict, int fileId);
+    void describe(const orx::HalvaneApiReference& file);
+    void describeVersion(int version);
+
+    UploadRequest m_request;
+    orx::HalvaneFileUploadParameters m_parameters;
+    RemoteItem m_item;
+    bool m_foundCommitted = false;
+};
+
+} // namespace halvane::host
