@@ -1,0 +1,321 @@
+#include "CommandLine.h"
+
+#include <ExitCodes.h>
+#include <MakeFolderTask.h>
+#include <Profiles.h>
+#include <ResolveItemTask.h>
+
+#include <QStringDecoder>
+
+#include <CLI/CLI.hpp>
+
+namespace halvane::cli {
+
+using host::DownloadRequest;
+using host::ExitCode;
+using host::MakeFolderTask;
+using host::Profiles;
+using host::ResolveItemTask;
+using host::UploadRequest;
+using orx::Error;
+using orx::ErrorCode;
+
+namespace {
+
+// The texts as the parser fills them in; they become typed values once all of them are known to be valid.
+struct RawArguments {
+    bool json = false;
+    bool quiet = false;
+    bool traceErrors = false;
+    std::string profile;
+    std::string traceFile;
+
+    std::string url;
+    std::string user;
+    bool passwordFromStdin = false;
+
+    std::string path;
+    bool parents = false;
+    bool longFormat = false;
+
+    std::string file;
+    std::string target;
+    std::string name;
+    std::string alias;
+    bool newVersion = false;
+    bool checkVersion = false;
+    std::vector<std::string> metadata;
+    std::string ifExists = "fail";
+};
+
+// A mistake in the arguments, on its way to the one place that reports it.
+struct UsageError {
+    QString message;
+};
+
+void require(const Error& error) {
+    if (error.hasError())
+        throw UsageError{error.errorMessage()};
+}
+
+// Names are UTF-8 on both sides; anything else could not be given back unchanged.
+QString textOf(const std::string& argument, const char* what) {
+    QStringDecoder decoder(QStringDecoder::Utf8);
+    const QString text = decoder.decode(QByteArrayView(argument.data(), qsizetype(argument.size())));
+    if (decoder.hasError())
+        throw UsageError{QStringLiteral("%1 is not valid UTF-8.").arg(QLatin1String(what))};
+    return text;
+}
+
+QString filledTextOf(const std::string& argument, const char* what) {
+    const QString text = textOf(argument, what);
+    if (text.isEmpty())
+        throw UsageError{QStringLiteral("%1 must not be empty.").arg(QLatin1String(what))};
+    return text;
+}
+
+std::string exitCodesFooter() {
+    std::string text = "Exit codes:\n";
+    for (const host::ExitCodeInfo& info : host::exitCodes()) {
+        const std::string number = std::to_string(int(info.code));
+        text += std::string(5 - number.size(), ' ') + number + "  " + info.meaning + "\n";
+    }
+    return text;
+}
+
+const char* mainFooter =
+    R"(A remote item is written as a path (/raw/2026/run1.mzML) or as a reference: file:12, file:12@3 (version 3),
+folder:7.
+
+Examples:
+  halvane login https://halvane.example.org --user anna
+  halvane mkdir -p /raw/2026
+  halvane put run1.mzML --to /raw/2026
+  halvane ls -l /raw/2026
+  halvane get /raw/2026/run1.mzML --to .
+
+Environment:
+  HALVANE_PROFILE     the profile to use when --profile is not given
+  HALVANE_CONFIG_DIR  directory of settings, tokens, history and journal
+  HALVANE_CACHE_DIR   directory of the cache
+)";
+
+class Parser {
+public:
+    Parser() : m_app("Keeps measurements on a Halvane server.", "halvane") { addCommands(); }
+
+    std::variant<CommandLine, CommandLineEnd> parse(int argc, char** argv) {
+        try {
+            m_app.parse(argc, argv);
+            return commandLine();
+        } catch (const CLI::ParseError& error) {
+            return endOf(error, argc, argv);
+        } catch (const UsageError& error) {
+            return CommandLineEnd{int(ExitCode::Usage), error.message, m_raw.json};
+        }
+    }
+
+private:
+    void addCommands() {
+        m_app.require_subcommand(1);
+        m_app.fallthrough();
+        m_app.set_version_flag("--version", std::string("halvane " HALVANE_VERSION), "Print the version");
+        m_app.add_flag("--json", m_raw.json, "One JSON object a line for each item concerned");
+        m_app.add_flag("-q,--quiet", m_raw.quiet, "Print nothing but results and errors");
+        m_app.add_option("--profile", m_raw.profile, "Which server, as named at the login")
+            ->type_name("NAME");
+        m_app.add_flag("--trace-errors", m_raw.traceErrors,
+                       "With an error, print the places it went through");
+        m_app.add_option("--trace", m_raw.traceFile, "Write a trace of the uploads for a trace viewer")
+            ->type_name("FILE");
+        m_app.footer(mainFooter + std::string("\n") + exitCodesFooter());
+        addSessionCommands();
+        addFolderCommands();
+        addPut();
+        addGet();
+    }
+
+    CLI::App* addCommand(const char* name, const char* description, const char* examples) {
+        CLI::App* command = m_app.add_subcommand(name, description);
+        command->fallthrough();
+        command->footer(std::string("Examples:\n") + examples +
+                        "\nThe options of every command and the exit codes: halvane --help\n");
+        return command;
+    }
+
+    void addSessionCommands() {
+        CLI::App* login =
+            addCommand("login", "Log in at a server and make it the current one",
+                       "  halvane login https://halvane.example.org --user anna\n"
+                       "  halvane login http://127.0.0.1:8080 --user ci --password-stdin < password\n"
+                       "  halvane --profile archive login https://archive.example.org --user anna\n");
+        login->add_option("URL", m_raw.url, "Address of the server, http or https")->required();
+        login->add_option("--user", m_raw.user, "User name")->required()->type_name("NAME");
+        login->add_flag("--password-stdin", m_raw.passwordFromStdin, "Read the password from standard input");
+        addCommand("logout", "Make the login void, here and at the server", "  halvane logout\n");
+        addCommand("whoami", "Show who is logged in, and where",
+                   "  halvane whoami\n  halvane --json whoami\n");
+    }
+
+    void addFolderCommands() {
+        CLI::App* mkdir = addCommand("mkdir", "Make a folder on the server",
+                                     "  halvane mkdir /raw\n  halvane mkdir -p /raw/2026/march\n");
+        mkdir->add_option("PATH", m_raw.path, "Remote path of the folder")->required();
+        mkdir->add_flag("-p,--parents", m_raw.parents,
+                        "Make missing folders above too; a folder that exists is no error");
+        CLI::App* ls = addCommand("ls", "List a folder, or show one file",
+                                  "  halvane ls\n  halvane ls -l /raw/2026\n  halvane --json ls folder:7\n");
+        ls->add_option("REF", m_raw.target, "Remote path or reference (default: /)");
+        ls->add_flag("-l,--long", m_raw.longFormat, "With reference, size, time and user");
+    }
+
+    void addPut() {
+        CLI::App* put =
+            addCommand("put", "Upload one file; an interrupted upload goes on where it stopped",
+                       "  halvane put run1.mzML --to /raw/2026\n"
+                       "  halvane put run1.mzML --to /raw/2026 --as first.mzML --metadata operator=anna\n"
+                       "  halvane put run1.mzML --to /raw/2026 --new-version --check-version\n"
+                       "  halvane put run1.mzML --to file:12        (a new version of that very file)\n");
+        put->add_option("FILE", m_raw.file, "The local file")->required();
+        put->add_option("--to", m_raw.target,
+                        "Remote path or reference: a folder receives a file, a file a new version")
+            ->required()
+            ->type_name("REF");
+        put->add_option("--as", m_raw.name, "Name on the server (default: the file's own)")
+            ->type_name("NAME");
+        put->add_option("--alias", m_raw.alias, "A further name kept with the version")->type_name("A");
+        put->add_flag("--new-version", m_raw.newVersion,
+                      "A file of the same name in the folder receives a new version (default: another file)");
+        put->add_flag("--check-version", m_raw.checkVersion,
+                      "Stop when the server has a newer version than this machine last had");
+        put->add_option("--metadata", m_raw.metadata, "Extended metadata of the file; may be repeated")
+            ->allow_extra_args(false)
+            ->type_name("KEY=VALUE");
+    }
+
+    void addGet() {
+        CLI::App* get = addCommand("get", "Download one file, verified",
+                                   "  halvane get /raw/2026/run1.mzML --to .\n"
+                                   "  halvane get file:12@3 --to old.mzML\n"
+                                   "  halvane get /raw/2026/run1.mzML --to data/ --if-exists skip\n");
+        get->add_option("REF", m_raw.target, "Remote path or reference of a file")->required();
+        get->add_option("--to", m_raw.path, "A directory that exists, or the path of the file to be")
+            ->required()
+            ->type_name("PATH");
+        get->add_option("--if-exists", m_raw.ifExists,
+                        "When a file is there: fail (default), overwrite or skip")
+            ->check(CLI::IsMember({"fail", "overwrite", "skip"}))
+            ->type_name("WHAT");
+    }
+
+    CommandLineEnd endOf(const CLI::ParseError& error, int argc, char** argv) const {
+        std::ostringstream out;
+        std::ostringstream err;
+        if (m_app.exit(error, out, err) == 0)
+            return {0, QString::fromStdString(out.str()), m_raw.json};
+        const bool json = std::any_of(
+            argv, argv + argc, [](const char* argument) { return std::string_view(argument) == "--json"; });
+        return {
+            int(ExitCode::Usage),
+            QStringLiteral("%1. \"halvane --help\" tells more.").arg(QString::fromStdString(error.what())),
+            json};
+    }
+
+    CommandLine commandLine() const {
+        CommandLine line;
+        line.global.json = m_raw.json;
+        line.global.quiet = m_raw.quiet;
+        line.global.traceErrors = m_raw.traceErrors;
+        line.global.profile = textOf(m_raw.profile, "The profile's name");
+        line.global.traceFile = textOf(m_raw.traceFile, "The trace file's path");
+        if (!line.global.profile.isEmpty())
+            require(Profiles::checkName(line.global.profile));
+        line.command = command();
+        return line;
+    }
+
+    Command command() const {
+        const std::string name = m_app.get_subcommands().front()->get_name();
+        if (name == "login")
+            return login();
+        if (name == "logout")
+            return LogoutCommand{};
+        if (name == "whoami")
+            return WhoAmICommand{};
+        if (name == "mkdir")
+            return mkdir();
+        if (name == "ls")
+            return ls();
+        return name == "put" ? Command(put()) : Command(get());
+    }
+
+    LoginCommand login() const {
+        const auto url = Profiles::parseServerUrl(textOf(m_raw.url, "The address"));
+        require(url.error());
+        return {url.value(), filledTextOf(m_raw.user, "The user name"), m_raw.passwordFromStdin};
+    }
+
+    MkdirCommand mkdir() const {
+        const QString path = filledTextOf(m_raw.path, "The path");
+        require(MakeFolderTask::checkPath(path).error());
+        return {path, m_raw.parents};
+    }
+
+    LsCommand ls() const {
+        const QString reference = m_raw.target.empty() ? QStringLiteral("/") : textOf(m_raw.target, "REF");
+        require(ResolveItemTask::checkText(reference));
+        return {reference, m_raw.longFormat};
+    }
+
+    PutCommand put() const {
+        PutCommand command;
+        UploadRequest& request = command.request;
+        request.localPath = filledTextOf(m_raw.file, "FILE");
+        request.target = filledTextOf(m_raw.target, "--to");
+        require(ResolveItemTask::checkText(request.target));
+        const bool named = m_app.get_subcommand("put")->count("--as") > 0;
+        request.name = named ? filledTextOf(m_raw.name, "--as") : QString();
+        request.alias = textOf(m_raw.alias, "--alias");
+        if (m_raw.newVersion)
+            request.versioning = UploadRequest::Versioning::NewVersionByName;
+        request.checkVersion = m_raw.checkVersion;
+        if (!m_raw.metadata.empty())
+            request.metadata = metadata();
+        return command;
+    }
+
+    QList<orx::HalvaneCompactExtendedMetaDataValue> metadata() const {
+        QList<orx::HalvaneCompactExtendedMetaDataValue> values;
+        for (const std::string& argument : m_raw.metadata) {
+            const QString text = textOf(argument, "--metadata");
+            const qsizetype equals = text.indexOf(u'=');
+            if (equals <= 0)
+                throw UsageError{QStringLiteral("--metadata needs KEY=VALUE, and \"%1\" is not.").arg(text)};
+            values.append({text.left(equals), text.mid(equals + 1)});
+        }
+        return values;
+    }
+
+    GetCommand get() const {
+        GetCommand command;
+        command.request.source = filledTextOf(m_raw.target, "REF");
+        require(ResolveItemTask::checkText(command.request.source));
+        command.request.targetPath = filledTextOf(m_raw.path, "--to");
+        if (m_raw.ifExists == "overwrite")
+            command.request.ifExists = DownloadRequest::IfExists::Overwrite;
+        else if (m_raw.ifExists == "skip")
+            command.request.ifExists = DownloadRequest::IfExists::Skip;
+        return command;
+    }
+
+    RawArguments m_raw;
+    CLI::App m_app;
+};
+
+} // namespace
+
+std::variant<CommandLine, CommandLineEnd> parseCommandLine(int argc, char** argv) {
+    return Parser().parse(argc, argv);
+}
+
+} // namespace halvane::cli

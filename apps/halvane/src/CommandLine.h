@@ -1,0 +1,64 @@
+#pragma once
+
+#include <DownloadFileJob.h>
+#include <UploadFileJob.h>
+
+#include <QUrl>
+
+#include <variant>
+
+namespace halvane::cli {
+
+//! Options that every command has.
+struct GlobalOptions {
+    bool json = false;
+    bool quiet = false;
+    bool traceErrors = false;
+    QString profile;
+    QString traceFile;
+};
+
+struct LoginCommand {
+    QUrl url;
+    QString user;
+    bool passwordFromStdin = false;
+};
+struct LogoutCommand {};
+struct WhoAmICommand {};
+struct MkdirCommand {
+    QString path;
+    bool parents = false;
+};
+struct LsCommand {
+    QString reference;
+    bool longFormat = false;
+};
+struct PutCommand {
+    host::UploadRequest request;
+};
+struct GetCommand {
+    host::DownloadRequest request;
+};
+
+using Command =
+    std::variant<LoginCommand, LogoutCommand, WhoAmICommand, MkdirCommand, LsCommand, PutCommand, GetCommand>;
+
+//! What the arguments ask for.
+struct CommandLine {
+    GlobalOptions global;
+    Command command;
+};
+
+//! The arguments end the program themselves: help or version (exit code 0, \a text is for standard output) or
+//! a mistake (exit code 2, \a text says what is wrong).
+struct CommandLineEnd {
+    int exitCode = 0;
+    QString text;
+    //! Whether --json was among the arguments.
+    bool json = false;
+};
+
+//! Reads and checks the arguments without touching the network or the disk.
+std::variant<CommandLine, CommandLineEnd> parseCommandLine(int argc, char** argv);
+
+} // namespace halvane::cli

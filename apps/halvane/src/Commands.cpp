@@ -1,0 +1,219 @@
+#include "Commands.h"
+
+#include "Interruption.h"
+#include "Output.h"
+#include "PasswordInput.h"
+#include "ProgressReport.h"
+#include "TextForms.h"
+
+#include <ErrorText.h>
+#include <ExitCodes.h>
+#include <HostTasks.h>
+#include <ListItemsTask.h>
+#include <MakeFolderTask.h>
+#include <Session.h>
+
+#include <QFileInfo>
+
+namespace halvane::cli {
+
+using host::DownloadFileJob;
+using host::ExitCode;
+using host::ListItemsTask;
+using host::LoginTask;
+using host::LogoutTask;
+using host::MakeFolderTask;
+using host::Profile;
+using host::Profiles;
+using host::RemoteItem;
+using host::Session;
+using host::UploadFileJob;
+using orx::Error;
+using orx::ErrorCode;
+using orx::Result;
+
+namespace {
+
+bool isLoopback(const QString& hostName) {
+    return hostName == u"localhost" || hostName == u"::1" || hostName.startsWith(QStringLiteral("127."));
+}
+
+QString withSummary(const QString& text, const QString& summary) {
+    return summary.isEmpty() ? text : text + QStringLiteral(", ") + summary;
+}
+
+class Runner {
+public:
+    Runner(const CommandLine& commandLine, const Output& output, Interruption& interruption)
+        : m_global(commandLine.global), m_output(output), m_interruption(interruption) {}
+
+    int operator()(const LoginCommand& command);
+    int operator()(const LogoutCommand& command);
+    int operator()(const WhoAmICommand& command);
+    int operator()(const MkdirCommand& command);
+    int operator()(const LsCommand& command);
+    int operator()(const PutCommand& command);
+    int operator()(const GetCommand& command);
+
+private:
+    Error run(orx::BaseTask& task);
+    //! An interrupted transfer can go on later; says so.
+    int transferFailed(const Error& error);
+    void warnOfPlainHttp(const QUrl& url) const;
+
+    GlobalOptions m_global;
+    const Output& m_output;
+    Interruption& m_interruption;
+};
+
+Error Runner::run(orx::BaseTask& task) {
+    m_interruption.watch(&task);
+    Error error = host::runUntilIdle(task);
+    m_interruption.watch(nullptr);
+    if (!error.hasError())
+        m_output.warnings(error.warnings());
+    return error;
+}
+
+int Runner::transferFailed(const Error& error) {
+    if (!error.isCanceled())
+        return m_output.error(error);
+    return m_output.error(
+        error, QStringLiteral("Interrupted. Run the same command again to go on where it stopped."));
+}
+
+void Runner::warnOfPlainHttp(const QUrl& url) const {
+    if (url.scheme() == u"http" && !isLoopback(url.host()))
+        m_output.warnings(
+            {QStringLiteral("%1 is not encrypted: the password and all data can be read on the way.")
+                 .arg(url.toString())});
+}
+
+int Runner::operator()(const LoginCommand& command) {
+    const Result<QString> profileName = Profiles::nameForLogin(m_global.profile, command.url);
+    if (profileName.hasError())
+        return m_output.error(profileName.error());
+    warnOfPlainHttp(command.url);
+    const QString question =
+        QStringLiteral("Password of %1 at %2: ").arg(m_output.shown(command.user), command.url.toString());
+    const Result<QString> password =
+        command.passwordFromStdin ? passwordFromStandardInput() : promptForPassword(question);
+    if (password.hasError())
+        return m_output.error(password.error());
+    const Profile profile{profileName.value(), command.url, command.user};
+    LoginTask task(profile, password.value());
+    // The remedy that other commands give for this failure is what was just tried.
+    if (const Error error = run(task); error.hasError())
+        return error.errorMessage().isEmpty() ? m_output.error(error)
+                                              : m_output.error(error, error.errorMessage());
+    m_output.session(profile, task.user(), task.expiresAt(), QStringLiteral("logged_in"));
+    return int(ExitCode::Success);
+}
+
+int Runner::operator()(const LogoutCommand&) {
+    const Result<Profile> profile = Session::open(m_global.profile);
+    if (profile.hasError())
+        return m_output.error(profile.error());
+    LogoutTask task(profile.value());
+    if (const Error error = run(task); error.hasError())
+        return m_output.error(error);
+    m_output.loggedOut(profile.value());
+    return int(ExitCode::Success);
+}
+
+int Runner::operator()(const WhoAmICommand&) {
+    const Result<Profile> profile = Session::open(m_global.profile);
+    if (profile.hasError())
+        return m_output.error(profile.error());
+    orx::HalvaneWhoAmITask task;
+    if (const Error error = run(task); error.hasError())
+        return m_output.error(error);
+    m_output.session(profile.value(), task.user(), task.tokenExpiresAt(), QStringLiteral("logged_in"));
+    return int(ExitCode::Success);
+}
+
+int Runner::operator()(const MkdirCommand& command) {
+    if (const auto session = Session::open(m_global.profile); session.hasError())
+        return m_output.error(session.error());
+    MakeFolderTask task(command.path,
+                        command.parents ? MakeFolderTask::Parents::Make : MakeFolderTask::Parents::MustExist);
+    const Error error = run(task);
+    for (const RemoteItem& folder : task.createdFolders())
+        m_output.item(folder, folder.path, QStringLiteral("created"),
+                      QStringLiteral("made %1 (%2)").arg(m_output.shown(folder.path), folder.reference()));
+    if (error.hasError())
+        return m_output.error(error);
+    if (task.createdFolders().isEmpty())
+        m_output.item(task.folder(), task.folder().path, QStringLiteral("exists"),
+                      QStringLiteral("%1 was there already (%2)")
+                          .arg(m_output.shown(task.folder().path), task.folder().reference()));
+    return int(ExitCode::Success);
+}
+
+int Runner::operator()(const LsCommand& command) {
+    if (const auto session = Session::open(m_global.profile); session.hasError())
+        return m_output.error(session.error());
+    ListItemsTask task(command.reference);
+    if (const Error error = run(task); error.hasError())
+        return m_output.error(error);
+    m_output.listing(task.items(), command.longFormat);
+    return int(ExitCode::Success);
+}
+
+int Runner::operator()(const PutCommand& command) {
+    if (const Error error = UploadFileJob::checkLocalFile(command.request.localPath); error.hasError())
+        return m_output.error(error);
+    if (const auto session = Session::open(m_global.profile); session.hasError())
+        return m_output.error(session.error());
+    const QFileInfo file(command.request.localPath);
+    UploadFileJob job(command.request);
+    QString summary;
+    Error error;
+    {
+        const ProgressReport progress(m_output.shown(file.fileName()), m_global.quiet);
+        error = run(job);
+        summary = progress.summary();
+    }
+    if (error.hasError())
+        return transferFailed(error);
+    const QString how = job.foundCommitted() ? QStringLiteral("%1 -> %2 as %3, finished by an earlier run")
+                                             : QStringLiteral("%1 -> %2 as %3");
+    const QString text = how.arg(m_output.shown(command.request.localPath), job.item().reference(),
+                                 m_output.shown(job.item().name));
+    m_output.item(job.item(), file.absoluteFilePath(),
+                  job.foundCommitted() ? QStringLiteral("found") : QStringLiteral("uploaded"),
+                  withSummary(text, summary));
+    return int(ExitCode::Success);
+}
+
+int Runner::operator()(const GetCommand& command) {
+    if (const auto session = Session::open(m_global.profile); session.hasError())
+        return m_output.error(session.error());
+    DownloadFileJob job(command.request);
+    QString summary;
+    Error error;
+    {
+        const ProgressReport progress(m_output.shown(command.request.source), m_global.quiet);
+        error = run(job);
+        summary = progress.summary();
+    }
+    if (error.hasError())
+        return transferFailed(error);
+    const QString shownPath = m_output.shown(job.localPath());
+    if (job.skipped())
+        m_output.item(job.item(), job.localPath(), QStringLiteral("skipped"),
+                      QStringLiteral("%1 is there already, nothing was fetched").arg(shownPath));
+    else
+        m_output.item(
+            job.item(), job.localPath(), QStringLiteral("downloaded"),
+            withSummary(QStringLiteral("%1 -> %2").arg(job.item().reference(), shownPath), summary));
+    return int(ExitCode::Success);
+}
+
+} // namespace
+
+int runCommand(const CommandLine& commandLine, const Output& output, Interruption& interruption) {
+    return std::visit(Runner(commandLine, output, interruption), commandLine.command);
+}
+
+} // namespace halvane::cli

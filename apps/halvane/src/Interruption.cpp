@@ -1,0 +1,66 @@
+#include "Interruption.h"
+
+#include <atomic>
+#include <csignal>
+
+#include <errno.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace halvane::cli {
+
+namespace {
+
+std::atomic<bool> requested{false};
+int pipeEnds[2] = {-1, -1};
+
+// Only what is allowed in a signal handler: a flag and one byte into the pipe that the event loop watches.
+extern "C" void onSignal(int) {
+    const int kept = errno;
+    requested.store(true);
+    const char byte = 1;
+    [[maybe_unused]] const ssize_t written = ::write(pipeEnds[1], &byte, 1);
+    errno = kept;
+}
+
+void install(int signal) {
+    // One time only: a second signal has its usual effect. Without SA_RESTART a blocking read returns.
+    struct sigaction action = {};
+    action.sa_handler = onSignal;
+    action.sa_flags = int(SA_RESETHAND);
+    sigemptyset(&action.sa_mask);
+    ::sigaction(signal, &action, nullptr);
+}
+
+} // namespace
+
+Interruption::Interruption(QObject* parent) : QObject(parent) {
+    if (::pipe2(pipeEnds, O_CLOEXEC | O_NONBLOCK) != 0)
+        return;
+    m_notifier = std::make_unique<QSocketNotifier>(pipeEnds[0], QSocketNotifier::Read);
+    connect(m_notifier.get(), &QSocketNotifier::activated, this, &Interruption::onReadable);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP})
+        install(signal);
+}
+
+Interruption::~Interruption() = default;
+
+bool Interruption::wasRequested() {
+    return requested.load();
+}
+
+void Interruption::watch(orx::BaseTask* task) {
+    m_task = task;
+    if (wasRequested() && m_task)
+        m_task->cancel();
+}
+
+void Interruption::onReadable() {
+    char byte = 0;
+    while (::read(pipeEnds[0], &byte, 1) == 1) {
+    }
+    if (m_task)
+        m_task->cancel();
+}
+
+} // namespace halvane::cli

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <BaseTask.h>
+
+#include <QObject>
+#include <QPointer>
+#include <QSocketNotifier>
+
+#include <memory>
+
+namespace halvane::cli {
+
+//! Turns SIGINT, SIGTERM and SIGHUP into the cancellation of the task that runs. The second signal ends the
+//! program at once, as if it had never been caught. One per process; thread: the main one.
+class Interruption : public QObject {
+    Q_OBJECT
+public:
+    explicit Interruption(QObject* parent = nullptr);
+    ~Interruption() override;
+
+    //! A signal has come.
+    static bool wasRequested();
+    //! The task to cancel when a signal comes; cancelled at once when one has come already. Not owned.
+    void watch(orx::BaseTask* task);
+
+private:
+    void onReadable();
+
+    std::unique_ptr<QSocketNotifier> m_notifier;
+    QPointer<orx::BaseTask> m_task;
+};
+
+} // namespace halvane::cli

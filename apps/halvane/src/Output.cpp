@@ -1,0 +1,193 @@
+#include "Output.h"
+
+#include "TextForms.h"
+
+#include <ErrorText.h>
+#include <ExitCodes.h>
+
+#include <QJsonArray>
+#include <QJsonDocument>
+
+#include <cstdio>
+
+#include <unistd.h>
+
+namespace halvane::cli {
+
+using host::RemoteItem;
+using orx::Error;
+
+namespace {
+
+void writeLine(FILE* stream, const QByteArray& line) {
+    std::fwrite(line.constData(), 1, size_t(line.size()), stream);
+    std::fputc('\n', stream);
+    std::fflush(stream);
+}
+
+void writeText(FILE* stream, const QString& text) {
+    writeLine(stream, text.toUtf8());
+}
+
+void writeJson(const QJsonObject& object) {
+    writeLine(stdout, QJsonDocument(object).toJson(QJsonDocument::Compact));
+}
+
+QJsonValue timeValue(const QDateTime& time) {
+    return time.isValid() ? QJsonValue(time.toUTC().toString(Qt::ISODateWithMs)) : QJsonValue();
+}
+
+QJsonObject jsonOf(const RemoteItem& item, const QString& path) {
+    QJsonObject object{
+        {QStringLiteral("type"), item.isFile() ? QStringLiteral("file") : QStringLiteral("folder")},
+        {QStringLiteral("id"), item.id},
+        {QStringLiteral("name"), item.name},
+        {QStringLiteral("path"), path},
+        {QStringLiteral("reference"), item.reference()},
+        {QStringLiteral("version"), QJsonValue()},
+        {QStringLiteral("size"), QJsonValue()},
+        {QStringLiteral("sha256"), QJsonValue()}};
+    if (item.isFolder())
+        return object;
+    object[QStringLiteral("version")] = item.version;
+    object[QStringLiteral("size")] = item.size;
+    if (!item.sha256.isEmpty())
+        object[QStringLiteral("sha256")] = item.sha256;
+    object[QStringLiteral("alias")] = item.alias;
+    object[QStringLiteral("modified_at")] = timeValue(item.modifiedAt);
+    return object;
+}
+
+QJsonObject jsonOf(const orx::HalvaneUser& user) {
+    QJsonArray groups;
+    for (const orx::HalvaneUser::Group& group : user.groups)
+        groups.append(QJsonObject{{QStringLiteral("id"), group.id}, {QStringLiteral("name"), group.name}});
+    return {{QStringLiteral("type"), QStringLiteral("user")},
+            {QStringLiteral("id"), user.id},
+            {QStringLiteral("name"), user.name},
+            {QStringLiteral("is_admin"), user.isAdmin},
+            {QStringLiteral("groups"), groups}};
+}
+
+// Columns that line up: everything but the last one is padded to its widest cell.
+QStringList aligned(const QList<QStringList>& rows) {
+    QList<qsizetype> widths;
+    for (const QStringList& row : rows) {
+        widths.resize(std::max(widths.size(), row.size()));
+        for (qsizetype i = 0; i < row.size(); ++i)
+            widths[i] = std::max(widths[i], row[i].size());
+    }
+    QStringList lines;
+    for (const QStringList& row : rows) {
+        QString line;
+        for (qsizetype i = 0; i + 1 < row.size(); ++i)
+            line += row[i].leftJustified(widths[i]) + QStringLiteral("  ");
+        lines.append(line + row.last());
+    }
+    return lines;
+}
+
+} // namespace
+
+Output::Output(const GlobalOptions& options)
+    : m_options(options), m_terminal(::isatty(STDOUT_FILENO) || ::isatty(STDERR_FILENO)) {}
+
+QString Output::shown(const QString& name) const {
+    return printable(name, m_terminal ? Escaping::AlsoDirectionMarks : Escaping::ControlCharacters);
+}
+
+void Output::item(const RemoteItem& item, const QString& path, const QString& outcome,
+                  const QString& text) const {
+    if (!m_options.json)
+        return writeText(stdout, text);
+    QJsonObject object = jsonOf(item, path);
+    object[QStringLiteral("outcome")] = outcome;
+    writeJson(object);
+}
+
+void Output::listing(const QList<RemoteItem>& items, bool longFormat) const {
+    QList<QStringList> rows;
+    for (const RemoteItem& item : items) {
+        if (m_options.json) {
+            writeJson(jsonOf(item, item.path));
+            continue;
+        }
+        const QString name =
+            shown(item.name) + (item.isFolder() && item.name != u"/" ? QStringLiteral("/") : QString());
+        if (!longFormat)
+            rows.append({name});
+        else
+            rows.append({item.reference(), item.isFile() ? bytesText(item.size) : QStringLiteral("-"),
+                         timeText(item.modifiedAt),
+                         item.createdBy.isEmpty() ? QStringLiteral("-") : shown(item.createdBy), name});
+    }
+    for (const QString& line : aligned(rows))
+        writeText(stdout, line);
+}
+
+void Output::session(const host::Profile& profile, const orx::HalvaneUser& user, const QDateTime& expiresAt,
+                     const QString& outcome) const {
+    if (m_options.json) {
+        QJsonObject object = jsonOf(user);
+        object[QStringLiteral("server")] = profile.url.toString();
+        object[QStringLiteral("profile")] = profile.name;
+        object[QStringLiteral("token_expires_at")] = timeValue(expiresAt);
+        object[QStringLiteral("outcome")] = outcome;
+        return writeJson(object);
+    }
+    QStringList groups;
+    for (const orx::HalvaneUser::Group& group : user.groups)
+        groups.append(shown(group.name));
+    QString text =
+        QStringLiteral("%1 at %2 (profile %3)").arg(shown(user.name), profile.url.toString(), profile.name);
+    if (user.isAdmin)
+        text += QStringLiteral(", administrator");
+    if (!groups.isEmpty())
+        text += QStringLiteral(", groups: ") + groups.join(QStringLiteral(", "));
+    if (expiresAt.isValid())
+        text += QStringLiteral(", until ") + timeText(expiresAt);
+    writeText(stdout, text);
+}
+
+void Output::loggedOut(const host::Profile& profile) const {
+    if (m_options.json)
+        return writeJson({{QStringLiteral("type"), QStringLiteral("logout")},
+                          {QStringLiteral("name"), profile.userName},
+                          {QStringLiteral("server"), profile.url.toString()},
+                          {QStringLiteral("profile"), profile.name}});
+    writeText(stdout,
+              QStringLiteral("logged out of %1 (profile %2)").arg(profile.url.toString(), profile.name));
+}
+
+void Output::note(const QString& text) const {
+    if (!m_options.quiet)
+        writeText(stderr, shown(text));
+}
+
+void Output::warnings(const orx::Warnings& warnings) const {
+    for (const QString& warning : warnings)
+        writeText(stderr, QStringLiteral("halvane: warning: ") + shown(warning));
+}
+
+int Output::error(const Error& error) const {
+    return this->error(error, host::errorText(error));
+}
+
+int Output::error(const Error& error, const QString& text) const {
+    const int exitCode = int(host::exitCodeOf(error));
+    warnings(error.warnings());
+    writeText(stderr, QStringLiteral("halvane: ") + shown(text));
+    if (m_options.traceErrors) {
+        for (const QString& line : error.traceText().split(u'\n', Qt::SkipEmptyParts))
+            writeText(stderr, QStringLiteral("  ") + shown(line));
+    }
+    if (m_options.json)
+        writeJson({{QStringLiteral("error"), host::errorName(error.domain(), error.code())},
+                   {QStringLiteral("domain"), int(error.domain())},
+                   {QStringLiteral("code"), error.code()},
+                   {QStringLiteral("exit_code"), exitCode},
+                   {QStringLiteral("message"), text}});
+    return exitCode;
+}
+
+} // namespace halvane::cli

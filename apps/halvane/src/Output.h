@@ -1,0 +1,50 @@
+#pragma once
+
+#include "CommandLine.h"
+
+#include <Error.h>
+#include <HalvaneSessionTasks.h>
+#include <Profiles.h>
+#include <RemoteItem.h>
+
+#include <QJsonObject>
+
+namespace halvane::cli {
+
+//! Everything the program prints goes through here. Results go to standard output, as text for people or as
+//! one JSON object a line; messages and errors go to standard error. With --json an error is an object on
+//! standard output too, so that a script needs to read one stream only. Names are escaped in text and exact
+//! in JSON.
+class Output {
+public:
+    explicit Output(const GlobalOptions& options);
+
+    //! One item concerned. \a path is the local path (put, get) or the remote one. \a outcome is a word for
+    //! scripts ("uploaded", "downloaded", "skipped", "created", "exists", "listed"); \a text the line for
+    //! people.
+    void item(const host::RemoteItem& item, const QString& path, const QString& outcome,
+              const QString& text) const;
+    //! The lines of a listing.
+    void listing(const QList<host::RemoteItem>& items, bool longFormat) const;
+    void session(const host::Profile& profile, const orx::HalvaneUser& user, const QDateTime& expiresAt,
+                 const QString& outcome) const;
+    void loggedOut(const host::Profile& profile) const;
+    //! A text for people on standard error; nothing with --quiet.
+    void note(const QString& text) const;
+    //! Warnings are printed with --quiet too.
+    void warnings(const orx::Warnings& warnings) const;
+    //! Prints the error; returns its exit code.
+    int error(const orx::Error& error) const;
+    //! \a error with \a text in the place of its own words.
+    int error(const orx::Error& error, const QString& text) const;
+
+    //! A name or a path for people.
+    QString shown(const QString& name) const;
+    bool isQuiet() const { return m_options.quiet; }
+
+private:
+    GlobalOptions m_options;
+    bool m_terminal;
+};
+
+} // namespace halvane::cli
