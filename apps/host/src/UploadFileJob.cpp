@@ -5,7 +5,7 @@
 
 #include <HalvaneConnectionUtils.h>
 #include <HalvaneError.h>
-#include <HalvaneFileUploadTask.h>
+#include <tasks/HalvaneFileUploadTask.h>
 #include <HalvaneHistory.h>
 #include <HalvaneUploadTasks.h>
 

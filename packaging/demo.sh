@@ -1,0 +1,171 @@
+#!/usr/bin/env bash
+# Called by ./run demo with the root of the repository, whose build/release is built: takes real measurement files to a server
+# of its own and back, and shows what a version conflict looks like. Leaves nothing behind; fails when any step does.
+set -euo pipefail
+
+ROOT=$1
+BIN=$ROOT/build/release/bin
+DATA=$ROOT/build/data
+PACKAGE=python-pymzml-doc
+work=
+server=
+
+fail() { printf 'demo: FAILED: %s\n' "$*" >&2; exit 1; }
+step() { printf '\n== %s\n' "$*"; }
+# Shows a command as a person would type it, then runs it.
+show() { printf '$ halvane'; printf ' %q' "$@"; printf '\n'; "$BIN/halvane" "$@"; }
+
+clean_up() {
+  local code=$?
+  trap - EXIT
+  if [ -n "$server" ] && kill -0 "$server" 2>/dev/null; then
+    kill -KILL "$server"
+    wait "$server" 2>/dev/null || code=$((code == 0 ? 1 : code))
+  fi
+  [ -z "$work" ] || rm -rf -- "$work"
+  [ "$code" -eq 0 ] || printf 'demo: FAILED (exit code %s)\n' "$code" >&2
+  exit "$code"
+}
+trap clean_up EXIT
+trap 'exit 130' INT
+trap 'exit 143' TERM
+
+# The value of one key of a JSON line on standard input.
+field() { python3 -c 'import json, sys; print(json.loads(sys.stdin.readline())[sys.argv[1]])' "$1"; }
+
+# Brings the larger files into build/data, once. Prints nothing but problems.
+fetch_larger_files() {
+  [ ! -e "$DATA/complete" ] || return 0
+  rm -rf -- "$DATA"
+  mkdir -p "$DATA/package"
+  (cd "$DATA/package" && apt-get download -q -o APT::Sandbox::User=root "$PACKAGE" >../download.log 2>&1) || return 1
+  dpkg-deb -x "$DATA"/package/"$PACKAGE"_*.deb "$DATA/package" || return 1
+  local from=$DATA/package/usr/share/doc/python3-pymzml/tests/data
+  gunzip -c "$from/BSA1.mzML.gz" >"$DATA/BSA1.mzML" || return 1
+  cp "$from/example_no_obo_version.mzML" "$DATA/example.mzML" || return 1
+  cp "$DATA/package/usr/share/doc/$PACKAGE/copyright" "$DATA/copyright" || return 1
+  rm -rf -- "$DATA/package"
+  touch "$DATA/complete"
+}
+
+start_server() {
+  printf '%s\n' "$password" |
+    "$BIN/halvane-server" init --data "$work/data" --admin anna --password-stdin >"$work/init.log" 2>&1 ||
+    { cat "$work/init.log" >&2; fail "the data directory could not be prepared"; }
+  "$BIN/halvane-server" --data "$work/data" --listen 127.0.0.1:0 --port-file "$work/port" >"$work/server.log" 2>&1 &
+  server=$!
+  local tries=0
+  until [ -s "$work/port" ]; do
+    kill -0 "$server" 2>/dev/null || { cat "$work/server.log" >&2; fail "the server did not start"; }
+    tries=$((tries + 1))
+    [ "$tries" -lt 600 ] || fail "the server does not listen after a minute"
+    sleep 0.1
+  done
+  url=http://127.0.0.1:$(tr -d '[:space:]' <"$work/port")
+}
+
+# as CLIENT COMMAND...: runs the command with the settings of one of two independent clients.
+as() {
+  local client=$1
+  shift
+  HALVANE_CONFIG_DIR=$work/$client/config HALVANE_CACHE_DIR=$work/$client/cache "$@"
+}
+
+same() { cmp -- "$1" "$2" || fail "$2 differs from $1"; }
+
+sha256_of() { sha256sum -- "$1" | cut -d' ' -f1; }
+
+work=$(mktemp -d "${TMPDIR:-/tmp}/halvane-demo.XXXXXX")
+export HOME=$work/home
+mkdir -p "$HOME" "$work/up" "$work/down" "$work/colleague/files"
+unset HALVANE_PROFILE
+password=$(od -An -N12 -tx1 /dev/urandom | tr -d ' \n')
+
+step "Real measurement files"
+origin="tests/data and Debian's $PACKAGE"
+if fetch_larger_files; then
+  cp "$DATA"/*.mzML "$work/up/"
+else
+  origin="tests/data only"
+  echo "The package $PACKAGE could not be downloaded (offline?); going on with the small files of tests/data."
+  rm -rf -- "$DATA"
+fi
+cp "$ROOT"/tests/data/*.mzML "$ROOT"/tests/data/*.mzXML "$work/up/"
+(cd "$work/up" && ls -l --time-style=+ | awk 'NF > 4 {printf "%12d bytes  %s\n", $5, $NF}')
+
+step "A server in a temporary directory"
+start_server
+echo "halvane-server listens at $url"
+
+step "Log in and make a folder"
+printf '%s\n' "$password" | as anna show login "$url" --user anna --password-stdin
+as anna show mkdir -p /raw/2026
+
+step "Put the files"
+count=0
+for file in "$work"/up/*; do
+  line=$(as anna "$BIN/halvane" --json put "$file" --to /raw/2026)
+  [ "$(field sha256 <<<"$line")" = "$(sha256_of "$file")" ] || fail "the server's SHA-256 of $file is another one"
+  printf '%s -> %s, sha256 %.16s...\n' "$(basename "$file")" "$(field reference <<<"$line")" "$(field sha256 <<<"$line")"
+  count=$((count + 1))
+done
+
+step "List the folder"
+as anna show ls -l /raw/2026
+listed=$(as anna "$BIN/halvane" --json ls /raw/2026 | wc -l)
+[ "$listed" -eq "$count" ] || fail "$count files were put and $listed are listed"
+
+step "Get them back and compare"
+bytes=0
+for file in "$work"/up/*; do
+  name=$(basename "$file")
+  as anna "$BIN/halvane" --quiet get "/raw/2026/$name" --to "$work/down" >/dev/null
+  same "$file" "$work/down/$name"
+  [ "$(sha256_of "$file")" = "$(sha256_of "$work/down/$name")" ] || fail "the SHA-256 of $name differs"
+  bytes=$((bytes + $(stat -c %s "$file")))
+  echo "$name: identical"
+done
+
+step "A colleague on another machine gets a file"
+printf '%s\n' "$password" | as colleague "$BIN/halvane" --quiet login "$url" --user anna --password-stdin >/dev/null
+as colleague show get /raw/2026/tiny.mzML --to "$work/colleague/files"
+same "$work/up/tiny.mzML" "$work/colleague/files/tiny.mzML"
+
+step "Meanwhile it is changed and put as a new version"
+cp "$work/up/tiny.mzML" "$work/first.mzML"
+printf '<!-- checked again -->\n' >>"$work/up/tiny.mzML"
+line=$(as anna "$BIN/halvane" --json put "$work/up/tiny.mzML" --to /raw/2026 --new-version --check-version)
+[ "$(field version <<<"$line")" = 2 ] || fail "version 2 was expected: $line"
+id=$(field id <<<"$line")
+echo "file:$id has version 2"
+
+step "The colleague's older copy is not put on top of it"
+printf '<!-- a remark on the old version -->\n' >>"$work/colleague/files/tiny.mzML"
+code=0
+as colleague show put "$work/colleague/files/tiny.mzML" --to /raw/2026 --new-version --check-version || code=$?
+[ "$code" -eq 8 ] || fail "the version conflict should end with exit code 8, not $code"
+last=$(as anna "$BIN/halvane" --json ls "file:$id" | field version)
+[ "$last" = 2 ] || fail "the conflict changed the server: version $last"
+
+step "Both versions are there"
+as anna show --quiet get "file:$id@1" --to "$work/down/version-1.mzML"
+as anna show --quiet get "file:$id@2" --to "$work/down/version-2.mzML"
+same "$work/first.mzML" "$work/down/version-1.mzML"
+same "$work/up/tiny.mzML" "$work/down/version-2.mzML"
+
+step "Stop the server"
+kill -TERM "$server"
+code=0
+wait "$server" || code=$?
+server=
+[ "$code" -eq 0 ] || { cat "$work/server.log" >&2; fail "the server ended with exit code $code"; }
+echo "ended with exit code 0"
+
+cat <<SUMMARY
+
+== Summary
+  $count real files ($bytes bytes; $origin) went up and came back byte for byte, by cmp and by SHA-256.
+  One of them got a second version; version 1 and version 2 can both be fetched.
+  A client that knew version 1 only was told so (exit code 8) instead of hiding version 2.
+  The server's data, both clients' settings and all copies were in a temporary directory that is now removed.
+SUMMARY
