@@ -1,4 +1,5 @@
-// What people and servers get wrong: each case has its message and its documented exit code, and leaves nothing behind.
+// What people and servers get wrong: each case has its message and its documented exit code, and leaves
+// nothing behind.
 #include "Client.h"
 
 #include <LoopbackServer.h>
@@ -18,15 +19,13 @@ namespace {
 using ::testing::HasSubstr;
 using ::testing::Not;
 
-std::string messageOf(const Outcome& outcome)
-{
+std::string messageOf(const Outcome& outcome) {
     return outcome.object()["message"].toString().toStdString();
 }
 
 class BadInput : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
+    void SetUp() override {
         ASSERT_TRUE(server.start());
         ASSERT_TRUE(client.login(server.url()));
         client.mustRun({"mkdir", "/raw"});
@@ -35,15 +34,13 @@ protected:
     }
 
     //! The run fails with this exit code, says so in JSON and in words, and opens no upload.
-    Outcome expectFailure(const QStringList& arguments, int exitCode, const QString& error)
-    {
+    Outcome expectFailure(const QStringList& arguments, int exitCode, const QString& error) {
         const Outcome outcome = client.run(QStringList{"--json"} + arguments);
         expectOutcome(outcome, exitCode, error);
         return outcome;
     }
 
-    void expectOutcome(const Outcome& outcome, int exitCode, const QString& error)
-    {
+    void expectOutcome(const Outcome& outcome, int exitCode, const QString& error) {
         EXPECT_TRUE(outcome.ended);
         EXPECT_EQ(outcome.exitCode, exitCode) << outcome.err.constData();
         const QJsonObject object = outcome.object();
@@ -55,12 +52,12 @@ protected:
         expectNothingUploaded();
     }
 
-    void expectNothingUploaded()
-    {
+    void expectNothingUploaded() {
         if (!server.isRunning())
             return;
         for (const RealServer::Request& request : server.requests())
-            EXPECT_FALSE(request.method == "POST" && request.path.endsWith("/uploads") && request.status == 200)
+            EXPECT_FALSE(request.method == "POST" && request.path.endsWith("/uploads") &&
+                         request.status == 200)
                 << qPrintable(request.path);
     }
 
@@ -69,17 +66,16 @@ protected:
     QString file;
 };
 
-TEST_F(BadInput, AMissingFile)
-{
+TEST_F(BadInput, AMissingFile) {
     const Outcome outcome = expectFailure({"put", "nowhere.mzML", "--to", "/raw"}, 3, "NotFound");
     EXPECT_EQ(messageOf(outcome), "There is no file \"nowhere.mzML\".");
     EXPECT_TRUE(server.requests().isEmpty());
     ASSERT_TRUE(QFile::link("gone", client.path("link.mzML")));
-    EXPECT_THAT(messageOf(expectFailure({"put", "link.mzML", "--to", "/raw"}, 3, "NotFound")), HasSubstr("link"));
+    EXPECT_THAT(messageOf(expectFailure({"put", "link.mzML", "--to", "/raw"}, 3, "NotFound")),
+                HasSubstr("link"));
 }
 
-TEST_F(BadInput, ADirectoryWhereAFileIsExpected)
-{
+TEST_F(BadInput, ADirectoryWhereAFileIsExpected) {
     ASSERT_TRUE(QDir(client.path({})).mkdir("directory"));
     const Outcome outcome = expectFailure({"put", "directory", "--to", "/raw"}, 2, "InvalidArgument");
     EXPECT_THAT(messageOf(outcome), HasSubstr("is a directory"));
@@ -89,8 +85,7 @@ TEST_F(BadInput, ADirectoryWhereAFileIsExpected)
     EXPECT_TRUE(server.requests().isEmpty());
 }
 
-TEST_F(BadInput, AnUnreadableFile)
-{
+TEST_F(BadInput, AnUnreadableFile) {
     ASSERT_TRUE(QFile::setPermissions(file, {}));
     const QStringList arguments{"--json", "put", file, "--to", "/raw"};
     // Root reads everything unless it gives that up.
@@ -103,8 +98,7 @@ TEST_F(BadInput, AnUnreadableFile)
     EXPECT_TRUE(server.requests().isEmpty());
 }
 
-TEST_F(BadInput, AnUnknownFolder)
-{
+TEST_F(BadInput, AnUnknownFolder) {
     EXPECT_THAT(messageOf(expectFailure({"put", file, "--to", "/raw/none/deeper"}, 6, "NotFound")),
                 HasSubstr("There is no \"none\" in the folder \"/raw\""));
     expectFailure({"put", file, "--to", "/raw/run.mzML"}, 6, "NotFound");
@@ -115,17 +109,16 @@ TEST_F(BadInput, AnUnknownFolder)
     EXPECT_EQ(client.filesIn(), QStringList{"run.mzML"});
 }
 
-TEST_F(BadInput, TheWrongKindOfItem)
-{
+TEST_F(BadInput, TheWrongKindOfItem) {
     client.mustRun({"put", file, "--to", "/raw"});
     server.clearRequests();
-    EXPECT_THAT(messageOf(expectFailure({"get", "/raw", "--to", "."}, 2, "InvalidArgument")), HasSubstr("is a folder"));
+    EXPECT_THAT(messageOf(expectFailure({"get", "/raw", "--to", "."}, 2, "InvalidArgument")),
+                HasSubstr("is a folder"));
     expectFailure({"get", "folder:1", "--to", "."}, 2, "InvalidArgument");
     expectFailure({"ls", "/raw/run.mzML/"}, 6, "NotFound");
 }
 
-TEST_F(BadInput, ArgumentsAreCheckedBeforeTheNetwork)
-{
+TEST_F(BadInput, ArgumentsAreCheckedBeforeTheNetwork) {
     expectFailure({"put", file}, 2, "InvalidArgument");
     expectFailure({"put", file, "--to", ""}, 2, "InvalidArgument");
     expectFailure({"put", file, "--to", "raw"}, 2, "InvalidArgument");
@@ -141,10 +134,10 @@ TEST_F(BadInput, ArgumentsAreCheckedBeforeTheNetwork)
     EXPECT_TRUE(server.requests().isEmpty());
 }
 
-TEST_F(BadInput, AddressesOfServers)
-{
+TEST_F(BadInput, AddressesOfServers) {
     const auto login = [this](const QString& url) {
-        return messageOf(expectFailure({"login", url, "--user", "anna", "--password-stdin"}, 2, "InvalidArgument"));
+        return messageOf(
+            expectFailure({"login", url, "--user", "anna", "--password-stdin"}, 2, "InvalidArgument"));
     };
     EXPECT_THAT(login("halvane.example.org"), HasSubstr("does not begin with https://"));
     EXPECT_THAT(login("ftp://halvane.example.org"), HasSubstr("neither https nor http"));
@@ -154,41 +147,42 @@ TEST_F(BadInput, AddressesOfServers)
     EXPECT_THAT(login("http://host:99999"), HasSubstr("not the address of a server"));
 }
 
-TEST_F(BadInput, PasswordsAreAskedForOnTerminalsOnly)
-{
-    const Outcome outcome = client.run({"--json", "login", server.url().toString(), "--user", "admin"}, "secret\n");
+TEST_F(BadInput, PasswordsAreAskedForOnTerminalsOnly) {
+    const Outcome outcome =
+        client.run({"--json", "login", server.url().toString(), "--user", "admin"}, "secret\n");
     EXPECT_EQ(outcome.exitCode, 2);
     EXPECT_THAT(messageOf(outcome), HasSubstr("--password-stdin"));
     EXPECT_TRUE(server.requests().isEmpty());
 }
 
-TEST_F(BadInput, AWrongPassword)
-{
-    const QStringList login{"--json", "login", server.url().toString(), "--user", "admin", "--password-stdin"};
+TEST_F(BadInput, AWrongPassword) {
+    const QStringList login{"--json", "login", server.url().toString(),
+                            "--user", "admin", "--password-stdin"};
     const Outcome outcome = client.run(login, "not the password\n");
     expectOutcome(outcome, 5, "NotAuthenticated");
     EXPECT_THAT(outcome.err.toStdString(), Not(HasSubstr("not the password")));
-    expectOutcome(client.run({"--json", "login", server.url().toString(), "--user", "nobody", "--password-stdin"}, "x\n"), 5,
-                  "NotAuthenticated");
+    expectOutcome(
+        client.run({"--json", "login", server.url().toString(), "--user", "nobody", "--password-stdin"},
+                   "x\n"),
+        5, "NotAuthenticated");
     expectOutcome(client.run(login, "\n"), 2, "InvalidArgument");
     // The login that was there before still holds.
     client.mustRun({"ls"});
 }
 
-TEST_F(BadInput, NobodyLoggedIn)
-{
+TEST_F(BadInput, NobodyLoggedIn) {
     const Client stranger;
     for (const QStringList& arguments :
-         {QStringList{"ls"}, QStringList{"put", file, "--to", "/raw"}, QStringList{"get", "/raw/x", "--to", "."},
-          QStringList{"mkdir", "/x"}, QStringList{"whoami"}, QStringList{"logout"}}) {
+         {QStringList{"ls"}, QStringList{"put", file, "--to", "/raw"},
+          QStringList{"get", "/raw/x", "--to", "."}, QStringList{"mkdir", "/x"}, QStringList{"whoami"},
+          QStringList{"logout"}}) {
         const Outcome outcome = stranger.run(QStringList{"--json"} + arguments);
         expectOutcome(outcome, 5, "NotAuthenticated");
         EXPECT_THAT(messageOf(outcome), HasSubstr("halvane login"));
     }
 }
 
-TEST_F(BadInput, AnExpiredLogin)
-{
+TEST_F(BadInput, AnExpiredLogin) {
     ASSERT_TRUE(server.stop());
     server.setArguments({"--token-lifetime", "0"});
     ASSERT_TRUE(server.start());
@@ -200,19 +194,18 @@ TEST_F(BadInput, AnExpiredLogin)
     client.mustRun({"logout"});
 }
 
-TEST_F(BadInput, AServerThatIsGone)
-{
+TEST_F(BadInput, AServerThatIsGone) {
     server.kill();
     expectFailure({"ls"}, 10, "ConnectionFailed");
     expectFailure({"put", file, "--to", "/raw"}, 10, "ConnectionFailed");
 }
 
-TEST_F(BadInput, NamesThatTheServerRefuses)
-{
+TEST_F(BadInput, NamesThatTheServerRefuses) {
     const QString tooLong = QString(128, QChar(0xE9));
-    EXPECT_THAT(messageOf(expectFailure({"put", file, "--to", "/raw", "--as", tooLong}, 9, "InvalidName")), HasSubstr("255"));
-    for (const QString& name : {QString("."), QString(".."), QString("a/b"), QString("line\nbreak"), QString("bell\a"),
-                                QString(QChar(0x85))})
+    EXPECT_THAT(messageOf(expectFailure({"put", file, "--to", "/raw", "--as", tooLong}, 9, "InvalidName")),
+                HasSubstr("255"));
+    for (const QString& name : {QString("."), QString(".."), QString("a/b"), QString("line\nbreak"),
+                                QString("bell\a"), QString(QChar(0x85))})
         expectFailure({"put", file, "--to", "/raw", "--as", name}, 9, "InvalidName");
     expectFailure({"mkdir", "/raw/tab\there"}, 9, "InvalidName");
     EXPECT_EQ(client.mustRun({"--json", "ls", "/raw"}).objects().size(), 0);
@@ -220,8 +213,7 @@ TEST_F(BadInput, NamesThatTheServerRefuses)
     client.mustRun({"put", file, "--to", "/raw", "--as", QString(127, QChar(0xE9)) + 'x'});
 }
 
-TEST_F(BadInput, NamesAreEscapedForPeopleAndExactInJson)
-{
+TEST_F(BadInput, NamesAreEscapedForPeopleAndExactInJson) {
     const Outcome outcome = client.run({"--json", "ls", QString("/a\x1b[31mred\nline")});
     EXPECT_EQ(outcome.exitCode, 6);
     EXPECT_THAT(outcome.err.toStdString(), HasSubstr("\\u{1B}[31mred\\u{A}line"));
@@ -229,8 +221,7 @@ TEST_F(BadInput, NamesAreEscapedForPeopleAndExactInJson)
     EXPECT_TRUE(outcome.object()["message"].toString().contains("\x1b[31mred\nline"));
 }
 
-TEST_F(BadInput, AFolderThatOneMayReadButNotWrite)
-{
+TEST_F(BadInput, AFolderThatOneMayReadButNotWrite) {
     server.admin({"group", "add", "readers"});
     server.admin({"user", "add", "ben", "--group", "readers", "--password-stdin"}, "ben's password\n");
     server.admin({"grant", "/raw", "--group", "readers", "--privileges", "read"});
@@ -241,8 +232,7 @@ TEST_F(BadInput, AFolderThatOneMayReadButNotWrite)
     expectFailure({"mkdir", "/raw/new"}, 7, "NoPrivilege");
 }
 
-TEST_F(BadInput, WhatOneMayNotReadLooksAbsent)
-{
+TEST_F(BadInput, WhatOneMayNotReadLooksAbsent) {
     server.admin({"user", "add", "carl", "--password-stdin"}, "carl's password\n");
     ASSERT_TRUE(client.login(server.url(), "carl", "carl's password"));
     const QString hidden = messageOf(expectFailure({"ls", "/raw"}, 6, "NotFound")).c_str();
@@ -250,25 +240,26 @@ TEST_F(BadInput, WhatOneMayNotReadLooksAbsent)
     EXPECT_EQ(QString(hidden).replace("raw", "none"), absent);
 }
 
-TEST_F(BadInput, ATargetThatCannotBeWritten)
-{
+TEST_F(BadInput, ATargetThatCannotBeWritten) {
     client.mustRun({"put", file, "--to", "/raw"});
     server.clearRequests();
     expectFailure({"get", "/raw/run.mzML", "--to", "none/run.mzML"}, 4, "FileNotWritable");
     expectFailure({"get", "/raw/run.mzML", "--to", "none/"}, 4, "FileNotWritable");
     EXPECT_TRUE(server.requests().isEmpty());
     ASSERT_TRUE(QDir(client.path({})).mkpath("target/run.mzML"));
-    expectFailure({"get", "/raw/run.mzML", "--to", "target", "--if-exists", "overwrite"}, 4, "FileNotWritable");
+    expectFailure({"get", "/raw/run.mzML", "--to", "target", "--if-exists", "overwrite"}, 4,
+                  "FileNotWritable");
     EXPECT_EQ(client.filesIn("target/run.mzML"), QStringList());
 }
 
 // A server that gives the same bytes to every call, and what the client makes of them.
 class StrangeServer : public ::testing::Test {
 protected:
-    Outcome loginAt(int status, const std::string& body, const std::string& headers)
-    {
+    Outcome loginAt(int status, const std::string& body, const std::string& headers) {
         LoopbackServer server(LoopbackServer::answering(
-            [&](LoopbackConnection& connection, const LoopbackConnection::Request&) { connection.reply(status, body, headers); }));
+            [&](LoopbackConnection& connection, const LoopbackConnection::Request&) {
+                connection.reply(status, body, headers);
+            }));
         const QString url = QString::fromStdString(server.url());
         return client.run({"--json", "login", url, "--user", "anna", "--password-stdin"}, "secret\n");
     }
@@ -276,9 +267,9 @@ protected:
     Client client;
 };
 
-TEST_F(StrangeServer, Html)
-{
-    const Outcome outcome = loginAt(200, "<html><body>Welcome to the hotel's network</body></html>", "Content-Type: text/html\r\n");
+TEST_F(StrangeServer, Html) {
+    const Outcome outcome = loginAt(200, "<html><body>Welcome to the hotel's network</body></html>",
+                                    "Content-Type: text/html\r\n");
     EXPECT_EQ(outcome.exitCode, 11);
     EXPECT_EQ(outcome.object()["error"], "InvalidReply");
     EXPECT_THAT(outcome.err.toStdString(), Not(HasSubstr("secret")));
@@ -286,16 +277,18 @@ TEST_F(StrangeServer, Html)
     EXPECT_EQ(loginAt(404, "<html>Not here</html>", "Content-Type: text/html\r\n").exitCode, 11);
 }
 
-TEST_F(StrangeServer, TruncatedJson)
-{
-    EXPECT_EQ(loginAt(200, R"({"status": "success", "data": {"token": "abc)", "Content-Type: application/json\r\n").exitCode, 11);
+TEST_F(StrangeServer, TruncatedJson) {
+    EXPECT_EQ(
+        loginAt(200, R"({"status": "success", "data": {"token": "abc)", "Content-Type: application/json\r\n")
+            .exitCode,
+        11);
     EXPECT_EQ(loginAt(200, "", "Content-Type: application/json\r\n").exitCode, 11);
 }
 
-TEST_F(StrangeServer, AWrongEnvelope)
-{
-    for (const char* body : {R"({"token": "abc"})", R"([1, 2, 3])", R"({"status": "success"})",
-                             R"({"status": "perhaps", "data": {}})", R"({"status": "success", "data": {"token": 5}})"}) {
+TEST_F(StrangeServer, AWrongEnvelope) {
+    for (const char* body :
+         {R"({"token": "abc"})", R"([1, 2, 3])", R"({"status": "success"})",
+          R"({"status": "perhaps", "data": {}})", R"({"status": "success", "data": {"token": 5}})"}) {
         const Outcome outcome = loginAt(200, body, "Content-Type: application/json\r\n");
         EXPECT_EQ(outcome.exitCode, 11) << body << outcome.err.constData();
     }

@@ -15,23 +15,20 @@ using ::testing::HasSubstr;
 
 class PutGet : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
+    void SetUp() override {
         ASSERT_TRUE(server.start());
         ASSERT_TRUE(client.login(server.url()));
         client.mustRun({"mkdir", "-p", "/raw/2026"});
     }
 
     //! Puts and returns the JSON object.
-    const QJsonObject put(const QStringList& arguments)
-    {
+    const QJsonObject put(const QStringList& arguments) {
         const Outcome outcome = client.run(QStringList{"--json", "put"} + arguments);
         EXPECT_EQ(outcome.exitCode, 0) << outcome.err.constData();
         return outcome.object();
     }
 
-    QList<QJsonObject> listing(const QString& reference = "/raw/2026")
-    {
+    QList<QJsonObject> listing(const QString& reference = "/raw/2026") {
         return client.mustRun({"--json", "ls", reference}).objects();
     }
 
@@ -39,8 +36,7 @@ protected:
     Client client;
 };
 
-TEST_F(PutGet, ARealFileComesBackByteForByte)
-{
+TEST_F(PutGet, ARealFileComesBackByteForByte) {
     const QString source = QStringLiteral(ORX_TEST_DATA_DIR "/tiny.mzML");
     const QJsonObject uploaded = put({source, "--to", "/raw/2026"});
     EXPECT_EQ(uploaded["type"], "file");
@@ -50,7 +46,8 @@ TEST_F(PutGet, ARealFileComesBackByteForByte)
     EXPECT_EQ(uploaded["path"], source);
     EXPECT_EQ(uploaded["sha256"], sha256Of(Client::contentOf(source)));
 
-    const QJsonObject fetched = client.mustRun({"--json", "get", "/raw/2026/tiny.mzML", "--to", "."}).object();
+    const QJsonObject fetched =
+        client.mustRun({"--json", "get", "/raw/2026/tiny.mzML", "--to", "."}).object();
     EXPECT_EQ(fetched["path"], QDir(client.path({})).canonicalPath() + "/tiny.mzML");
     EXPECT_EQ(fetched["sha256"], uploaded["sha256"]);
     EXPECT_EQ(fetched["id"], uploaded["id"]);
@@ -58,21 +55,21 @@ TEST_F(PutGet, ARealFileComesBackByteForByte)
     EXPECT_EQ(client.filesIn(), QStringList{"tiny.mzML"});
 }
 
-TEST_F(PutGet, FilesOfEverySizeComeBack)
-{
+TEST_F(PutGet, FilesOfEverySizeComeBack) {
     // Around the border between the catalogue and files, and around those of chunks.
     const qint64 chunk = 8 * 1024 * 1024;
-    for (const qint64 size : {qint64(0), qint64(1), qint64(65535), qint64(65536), chunk - 1, chunk, chunk + 1, 2 * chunk + 12345}) {
+    for (const qint64 size : {qint64(0), qint64(1), qint64(65535), qint64(65536), chunk - 1, chunk, chunk + 1,
+                              2 * chunk + 12345}) {
         const QString name = QStringLiteral("size-%1.bin").arg(size);
         const QString source = client.makeLargeFile(name, size, quint32(size + 7));
         EXPECT_EQ(put({source, "--to", "/raw/2026"})["size"].toInteger(), size);
-        client.mustRun({"get", "/raw/2026/" + name, "--to", client.path("back.bin"), "--if-exists", "overwrite"});
+        client.mustRun(
+            {"get", "/raw/2026/" + name, "--to", client.path("back.bin"), "--if-exists", "overwrite"});
         EXPECT_TRUE(Client::contentOf(client.path("back.bin")) == Client::contentOf(source)) << size;
     }
 }
 
-TEST_F(PutGet, AListingShowsFoldersAndFiles)
-{
+TEST_F(PutGet, AListingShowsFoldersAndFiles) {
     client.mustRun({"mkdir", "/raw/2026/blanks"});
     put({client.makeFile("b.mzML", "second"), "--to", "/raw/2026"});
     put({client.makeFile("a.mzML", "first"), "--to", "/raw/2026", "--alias", "reference run"});
@@ -98,8 +95,7 @@ TEST_F(PutGet, AListingShowsFoldersAndFiles)
     EXPECT_EQ(listing("/").size(), 1);
 }
 
-TEST_F(PutGet, ADeliberateSecondPutMakesASecondFile)
-{
+TEST_F(PutGet, ADeliberateSecondPutMakesASecondFile) {
     const QString file = client.makeFile("run.mzML", "content");
     const QJsonObject first = put({file, "--to", "/raw/2026"});
     const QJsonObject second = put({file, "--to", "/raw/2026"});
@@ -108,21 +104,20 @@ TEST_F(PutGet, ADeliberateSecondPutMakesASecondFile)
     EXPECT_EQ(listing().size(), 2);
 }
 
-TEST_F(PutGet, SeveralFilesOfOneNameAreNotChosenFrom)
-{
+TEST_F(PutGet, SeveralFilesOfOneNameAreNotChosenFrom) {
     const QString file = client.makeFile("run.mzML", "content");
     const int first = put({file, "--to", "/raw/2026"})["id"].toInt();
     const int second = put({file, "--to", "/raw/2026"})["id"].toInt();
     const Outcome outcome = client.run({"--json", "get", "/raw/2026/run.mzML", "--to", client.path("back")});
     EXPECT_EQ(outcome.exitCode, 2);
     EXPECT_EQ(outcome.object()["error"], "InvalidArgument");
-    EXPECT_THAT(outcome.object()["message"].toString().toStdString(), HasSubstr(qPrintable(QStringLiteral("file:%1, file:%2").arg(first).arg(second))));
+    EXPECT_THAT(outcome.object()["message"].toString().toStdString(),
+                HasSubstr(qPrintable(QStringLiteral("file:%1, file:%2").arg(first).arg(second))));
     EXPECT_EQ(client.filesIn(), QStringList{"run.mzML"});
     client.mustRun({"get", QStringLiteral("file:%1").arg(first), "--to", client.path("back")});
 }
 
-TEST_F(PutGet, NewVersionsKeepTheOldOnes)
-{
+TEST_F(PutGet, NewVersionsKeepTheOldOnes) {
     const QString file = client.makeFile("run.mzML", "one");
     const QJsonObject first = put({file, "--to", "/raw/2026", "--new-version"});
     client.makeFile("run.mzML", "two, longer");
@@ -133,7 +128,8 @@ TEST_F(PutGet, NewVersionsKeepTheOldOnes)
     EXPECT_EQ(listing().size(), 1);
 
     const QString reference = QStringLiteral("file:%1").arg(first["id"].toInt());
-    const QJsonObject old = client.mustRun({"--json", "get", reference + "@1", "--to", client.path("old")}).object();
+    const QJsonObject old =
+        client.mustRun({"--json", "get", reference + "@1", "--to", client.path("old")}).object();
     EXPECT_EQ(old["version"], 1);
     EXPECT_EQ(old["sha256"], sha256Of("one"));
     EXPECT_EQ(Client::contentOf(client.path("old")), "one");
@@ -143,8 +139,7 @@ TEST_F(PutGet, NewVersionsKeepTheOldOnes)
     EXPECT_FALSE(QFile::exists(client.path("none")));
 }
 
-TEST_F(PutGet, PutToAFileMakesANewVersionOfIt)
-{
+TEST_F(PutGet, PutToAFileMakesANewVersionOfIt) {
     const QJsonObject first = put({client.makeFile("run.mzML", "one"), "--to", "/raw/2026"});
     const QString other = client.makeFile("other-name.mzML", "two");
     const QJsonObject second = put({other, "--to", QStringLiteral("file:%1").arg(first["id"].toInt())});
@@ -161,8 +156,7 @@ TEST_F(PutGet, PutToAFileMakesANewVersionOfIt)
     EXPECT_EQ(listing()[0]["version"], 3);
 }
 
-TEST_F(PutGet, AnotherNameOnTheServer)
-{
+TEST_F(PutGet, AnotherNameOnTheServer) {
     const QString file = client.makeFile("run.mzML", "one");
     const QJsonObject first = put({file, "--to", "/raw/2026", "--as", "reference.mzML"});
     EXPECT_EQ(first["name"], "reference.mzML");
@@ -173,8 +167,7 @@ TEST_F(PutGet, AnotherNameOnTheServer)
     EXPECT_EQ(listing().size(), 2);
 }
 
-TEST_F(PutGet, AStaleClientIsStoppedByTheVersionCheck)
-{
+TEST_F(PutGet, AStaleClientIsStoppedByTheVersionCheck) {
     const QString file = client.makeFile("run.mzML", "one");
     const int id = put({file, "--to", "/raw/2026"})["id"].toInt();
     Client colleague;
@@ -185,7 +178,8 @@ TEST_F(PutGet, AStaleClientIsStoppedByTheVersionCheck)
 
     colleague.makeFile("run.mzML", "other");
     server.clearRequests();
-    const QStringList again{"--json", "put", "run.mzML", "--to", "/raw/2026", "--new-version", "--check-version"};
+    const QStringList again{"--json",    "put",           "run.mzML",       "--to",
+                            "/raw/2026", "--new-version", "--check-version"};
     const Outcome conflict = colleague.run(again);
     EXPECT_EQ(conflict.exitCode, 8);
     EXPECT_EQ(conflict.object()["error"], "VersionConflict");
@@ -206,8 +200,7 @@ TEST_F(PutGet, AStaleClientIsStoppedByTheVersionCheck)
     EXPECT_EQ(put({file, "--to", "/raw/2026", "--new-version"})["version"], 4);
 }
 
-TEST_F(PutGet, ExtendedMetadataIsAttached)
-{
+TEST_F(PutGet, ExtendedMetadataIsAttached) {
     const QString file = client.makeFile("run.mzML", "one");
     server.clearRequests();
     put({file, "--to", "/raw/2026", "--metadata", "operator=anna", "--metadata", "remark=a=b c"});
@@ -218,8 +211,7 @@ TEST_F(PutGet, ExtendedMetadataIsAttached)
     EXPECT_EQ(client.run({"put", file, "--to", "/raw/2026", "--metadata", "=value"}).exitCode, 2);
 }
 
-TEST_F(PutGet, AnExistingFileIsNotReplacedUnlessAskedFor)
-{
+TEST_F(PutGet, AnExistingFileIsNotReplacedUnlessAskedFor) {
     put({client.makeFile("run.mzML", "from the server"), "--to", "/raw/2026"});
     client.makeFile("run.mzML", "local work");
     const Outcome refused = client.run({"--json", "get", "/raw/2026/run.mzML", "--to", "."});
@@ -229,7 +221,8 @@ TEST_F(PutGet, AnExistingFileIsNotReplacedUnlessAskedFor)
     EXPECT_EQ(client.run({"get", "/raw/2026/run.mzML", "--to", "run.mzML"}).exitCode, 4);
     EXPECT_EQ(Client::contentOf(client.path("run.mzML")), "local work");
 
-    const Outcome skipped = client.mustRun({"--json", "get", "/raw/2026/run.mzML", "--to", ".", "--if-exists", "skip"});
+    const Outcome skipped =
+        client.mustRun({"--json", "get", "/raw/2026/run.mzML", "--to", ".", "--if-exists", "skip"});
     EXPECT_EQ(skipped.object()["outcome"], "skipped");
     EXPECT_EQ(Client::contentOf(client.path("run.mzML")), "local work");
     client.mustRun({"get", "/raw/2026/run.mzML", "--to", ".", "--if-exists", "overwrite"});
@@ -237,21 +230,30 @@ TEST_F(PutGet, AnExistingFileIsNotReplacedUnlessAskedFor)
     EXPECT_EQ(client.filesIn(), QStringList{"run.mzML"});
 }
 
-TEST_F(PutGet, OddNamesComeBackUnchanged)
-{
-    const QStringList names{
-        "plain.mzML",           QStringLiteral("\U0001F9EA run.mzML"), QStringLiteral("e\u0301te\u0301.mzML"),
-        QStringLiteral("\u200Fabc\u202Edef.mzML"), ".leading dot",     "..two dots",
-        "trailing blanks   ",   "back\\slash.mzML",                    "file:12",
-        "%41%00.mzML",          "a?b#c&d=e.mzML",                      "quote\"s'.mzML",
-        " leading blank",       "-dash",                               "~"};
+TEST_F(PutGet, OddNamesComeBackUnchanged) {
+    const QStringList names{"plain.mzML",
+                            QStringLiteral("\U0001F9EA run.mzML"),
+                            QStringLiteral("e\u0301te\u0301.mzML"),
+                            QStringLiteral("\u200Fabc\u202Edef.mzML"),
+                            ".leading dot",
+                            "..two dots",
+                            "trailing blanks   ",
+                            "back\\slash.mzML",
+                            "file:12",
+                            "%41%00.mzML",
+                            "a?b#c&d=e.mzML",
+                            "quote\"s'.mzML",
+                            " leading blank",
+                            "-dash",
+                            "~"};
     for (const QString& name : names) {
         const QString source = client.makeFile(name, name.toUtf8());
         const QJsonObject uploaded = put({"--to", "/raw/2026", "--", source});
         EXPECT_EQ(uploaded["name"].toString(), name);
         EXPECT_EQ(client.mustRun({"--json", "ls", "/raw/2026/" + name}).object()["name"].toString(), name);
         ASSERT_TRUE(QFile::remove(source));
-        const QJsonObject fetched = client.mustRun({"--json", "get", "/raw/2026/" + name, "--to", "."}).object();
+        const QJsonObject fetched =
+            client.mustRun({"--json", "get", "/raw/2026/" + name, "--to", "."}).object();
         EXPECT_EQ(fetched["path"].toString(), QDir(client.path({})).canonicalPath() + '/' + name);
         EXPECT_EQ(Client::contentOf(source), name.toUtf8());
     }
@@ -260,8 +262,7 @@ TEST_F(PutGet, OddNamesComeBackUnchanged)
     client.mustRun({"put", "plain.mzML", "--to", QStringLiteral("/raw/2026/dir \U0001F9EA ")});
 }
 
-TEST_F(PutGet, FoldersAreMadeOnce)
-{
+TEST_F(PutGet, FoldersAreMadeOnce) {
     EXPECT_EQ(client.run({"mkdir", "/raw"}).exitCode, 4);
     EXPECT_EQ(client.run({"mkdir", "/a/b/c"}).exitCode, 6);
     const QList<QJsonObject> made = client.mustRun({"--json", "mkdir", "-p", "/a/b/c"}).objects();
@@ -274,8 +275,7 @@ TEST_F(PutGet, FoldersAreMadeOnce)
     EXPECT_EQ(listing("/").size(), 2);
 }
 
-TEST_F(PutGet, ATraceOfTheUploadCanBeWritten)
-{
+TEST_F(PutGet, ATraceOfTheUploadCanBeWritten) {
     put({client.makeFile("run.mzML", "one"), "--to", "/raw/2026", "--trace", client.path("trace.json")});
     const QJsonDocument trace = QJsonDocument::fromJson(Client::contentOf(client.path("trace.json")));
     ASSERT_TRUE(trace.isArray());
@@ -285,8 +285,7 @@ TEST_F(PutGet, ATraceOfTheUploadCanBeWritten)
     EXPECT_EQ(spans, 2);
 }
 
-TEST_F(PutGet, ProfilesStandSideBySide)
-{
+TEST_F(PutGet, ProfilesStandSideBySide) {
     RealServer second;
     ASSERT_TRUE(second.start());
     ASSERT_TRUE(client.login(second.url(), "admin", RealServer::AdminPassword, {"--profile", "second"}));
@@ -307,8 +306,7 @@ TEST_F(PutGet, ProfilesStandSideBySide)
     EXPECT_THAT(unknown.err.toStdString(), HasSubstr("second"));
 }
 
-TEST_F(PutGet, TheTokenIsReadableByItsOwnerOnlyAndNeverPrinted)
-{
+TEST_F(PutGet, TheTokenIsReadableByItsOwnerOnlyAndNeverPrinted) {
     const QDir profiles(client.configDir() + "/profiles");
     const QStringList tokens = profiles.entryList({"*.token"});
     ASSERT_EQ(tokens.size(), 1);

@@ -5,9 +5,9 @@
 
 #include <HalvaneConnectionUtils.h>
 #include <HalvaneError.h>
-#include <tasks/HalvaneFileUploadTask.h>
 #include <HalvaneHistory.h>
 #include <HalvaneUploadTasks.h>
+#include <tasks/HalvaneFileUploadTask.h>
 
 #include <QFile>
 #include <QFileInfo>
