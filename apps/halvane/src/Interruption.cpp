@@ -24,6 +24,10 @@ extern "C" void onSignal(int) {
 }
 
 void install(int signal) {
+    // What the caller chose to ignore (nohup, a job in the background) stays ignored.
+    struct sigaction before = {};
+    if (::sigaction(signal, nullptr, &before) == 0 && before.sa_handler == SIG_IGN)
+        return;
     // One time only: a second signal has its usual effect. Without SA_RESTART a blocking read returns.
     struct sigaction action = {};
     action.sa_handler = onSignal;

@@ -159,11 +159,6 @@ void Output::loggedOut(const host::Profile& profile) const {
               QStringLiteral("logged out of %1 (profile %2)").arg(profile.url.toString(), profile.name));
 }
 
-void Output::note(const QString& text) const {
-    if (!m_options.quiet)
-        writeText(stderr, shown(text));
-}
-
 void Output::warnings(const orx::Warnings& warnings) const {
     for (const QString& warning : warnings)
         writeText(stderr, QStringLiteral("halvane: warning: ") + shown(warning));

@@ -29,8 +29,6 @@ public:
     void session(const host::Profile& profile, const orx::HalvaneUser& user, const QDateTime& expiresAt,
                  const QString& outcome) const;
     void loggedOut(const host::Profile& profile) const;
-    //! A text for people on standard error; nothing with --quiet.
-    void note(const QString& text) const;
     //! Warnings are printed with --quiet too.
     void warnings(const orx::Warnings& warnings) const;
     //! Prints the error; returns its exit code.
@@ -40,7 +38,6 @@ public:
 
     //! A name or a path for people.
     QString shown(const QString& name) const;
-    bool isQuiet() const { return m_options.quiet; }
 
 private:
     GlobalOptions m_options;
