@@ -222,9 +222,10 @@ TEST_F(BadInput, NamesAreEscapedForPeopleAndExactInJson) {
 }
 
 TEST_F(BadInput, AFolderThatOneMayReadButNotWrite) {
-    server.admin({"group", "add", "readers"});
-    server.admin({"user", "add", "ben", "--group", "readers", "--password-stdin"}, "ben's password\n");
-    server.admin({"grant", "/raw", "--group", "readers", "--privileges", "read"});
+    const QString folder = QString::number(client.mustRun({"--json", "mkdir", "-p", "/raw"}).object()["id"].toInt());
+    server.admin({"group", "add", "--name", "readers"});
+    server.admin({"user", "add", "--name", "ben", "--group", "readers", "--password-stdin"}, "ben's password\n");
+    server.admin({"grant", "--folder", folder, "--group", "readers", "--privileges", "1"});
     ASSERT_TRUE(client.login(server.url(), "ben", "ben's password"));
     client.mustRun({"ls", "/raw"});
     server.clearRequests();
@@ -233,7 +234,7 @@ TEST_F(BadInput, AFolderThatOneMayReadButNotWrite) {
 }
 
 TEST_F(BadInput, WhatOneMayNotReadLooksAbsent) {
-    server.admin({"user", "add", "carl", "--password-stdin"}, "carl's password\n");
+    server.admin({"user", "add", "--name", "carl", "--password-stdin"}, "carl's password\n");
     ASSERT_TRUE(client.login(server.url(), "carl", "carl's password"));
     const QString hidden = messageOf(expectFailure({"ls", "/raw"}, 6, "NotFound")).c_str();
     const QString absent = messageOf(expectFailure({"ls", "/none"}, 6, "NotFound")).c_str();

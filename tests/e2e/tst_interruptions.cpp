@@ -17,7 +17,8 @@ namespace {
 
 using ::testing::HasSubstr;
 
-constexpr qint64 chunkSize = 8 * 1024 * 1024;
+// Small chunks keep the files small.
+constexpr qint64 chunkSize = 512 * 1024;
 constexpr int chunkCount = 5;
 const std::string chunkPath = ".*/chunks/[0-9]+";
 const std::string finalizePath = ".*/uploads/finalize";
@@ -30,6 +31,7 @@ FaultProxy::Match chunk(int index) {
 class Interruptions : public ::testing::Test {
 protected:
     void SetUp() override {
+        server.setArguments({"--chunk-size", QString::number(chunkSize)});
         ASSERT_TRUE(server.start());
         proxy = std::make_unique<FaultProxy>("127.0.0.1", server.port());
         ASSERT_TRUE(client.login(QUrl(QString::fromStdString(proxy->url()))));
@@ -238,7 +240,7 @@ TEST_F(Interruptions, AFileThatChangesWhileItIsSentIsRefused) {
 }
 
 TEST_F(Interruptions, ABrokenConnectionInAChunkIsMendedByItself) {
-    proxy->cutRequestBody(chunk(1), 1'000'000);
+    proxy->cutRequestBody(chunk(1), 100'000);
     proxy->dropAfterForwarding(chunk(3));
     const QJsonObject uploaded = client.mustRun({"--json", "put", file, "--to", "/raw"}).object();
     EXPECT_EQ(uploaded["version"], 1);
@@ -247,7 +249,7 @@ TEST_F(Interruptions, ABrokenConnectionInAChunkIsMendedByItself) {
 }
 
 TEST_F(Interruptions, ADamagedChunkNeverCounts) {
-    proxy->corruptRequestBody(chunk(1), 4'000'000);
+    proxy->corruptRequestBody(chunk(1), 400'000);
     Outcome outcome = client.run({"--json", "put", file, "--to", "/raw"});
     if (outcome.exitCode != 0) {
         EXPECT_EQ(outcome.exitCode, 13) << outcome.err.constData();
@@ -262,7 +264,7 @@ TEST_F(Interruptions, ADamagedChunkNeverCounts) {
 TEST_F(Interruptions, ADownloadGoesOnWhereItStopped) {
     client.mustRun({"put", file, "--to", "/raw"});
     client.makeFile("back", "what was there");
-    proxy->cutReplyBody({"GET", contentPath, 0, -1}, 20'000'000);
+    proxy->cutReplyBody({"GET", contentPath, 0, -1}, 1'200'000);
     const QStringList get{"--json",      "get",      "/raw/run.mzML", "--to", client.path("back"),
                           "--if-exists", "overwrite"};
     const Outcome first = client.run(get);
@@ -282,7 +284,7 @@ TEST_F(Interruptions, ADownloadGoesOnWhereItStopped) {
 TEST_F(Interruptions, ADamagedDownloadNeverReachesItsName) {
     client.mustRun({"put", file, "--to", "/raw"});
     client.makeFile("back", "what was there");
-    proxy->corruptReplyBody({"GET", contentPath, 0, -1}, 12'345'678);
+    proxy->corruptReplyBody({"GET", contentPath, 0, -1}, 1'234'567);
     const Outcome outcome = client.run(
         {"--json", "get", "/raw/run.mzML", "--to", client.path("back"), "--if-exists", "overwrite"});
     EXPECT_EQ(outcome.exitCode, 13) << outcome.err.constData();
