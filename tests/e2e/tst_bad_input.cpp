@@ -61,6 +61,12 @@ protected:
                 << qPrintable(request.path);
     }
 
+    //! A user of a new group, with the password "the password".
+    void addUser(const QString& name, const QString& group) {
+        server.admin({"group", "add", "--name", group});
+        server.admin({"user", "add", "--name", name, "--group", group, "--password-stdin"}, "the password\n");
+    }
+
     RealServer server;
     Client client;
     QString file;
@@ -222,11 +228,9 @@ TEST_F(BadInput, NamesAreEscapedForPeopleAndExactInJson) {
 }
 
 TEST_F(BadInput, AFolderThatOneMayReadButNotWrite) {
-    const QString folder = QString::number(client.mustRun({"--json", "mkdir", "-p", "/raw"}).object()["id"].toInt());
-    server.admin({"group", "add", "--name", "readers"});
-    server.admin({"user", "add", "--name", "ben", "--group", "readers", "--password-stdin"}, "ben's password\n");
-    server.admin({"grant", "--folder", folder, "--group", "readers", "--privileges", "1"});
-    ASSERT_TRUE(client.login(server.url(), "ben", "ben's password"));
+    addUser("ben", "readers");
+    server.admin({"grant", "--folder", "1", "--group", "readers", "--privileges", "1"});
+    ASSERT_TRUE(client.login(server.url(), "ben", "the password"));
     client.mustRun({"ls", "/raw"});
     server.clearRequests();
     expectFailure({"put", file, "--to", "/raw"}, 7, "NoPrivilege");
@@ -234,11 +238,33 @@ TEST_F(BadInput, AFolderThatOneMayReadButNotWrite) {
 }
 
 TEST_F(BadInput, WhatOneMayNotReadLooksAbsent) {
-    server.admin({"user", "add", "--name", "carl", "--password-stdin"}, "carl's password\n");
-    ASSERT_TRUE(client.login(server.url(), "carl", "carl's password"));
-    const QString hidden = messageOf(expectFailure({"ls", "/raw"}, 6, "NotFound")).c_str();
-    const QString absent = messageOf(expectFailure({"ls", "/none"}, 6, "NotFound")).c_str();
+    const QString raw =
+        QString::number(client.mustRun({"--json", "mkdir", "-p", "/raw"}).object()["id"].toInt());
+    addUser("carl", "visitors");
+    server.admin({"group", "add", "--name", "owners"});
+    server.admin({"grant", "--folder", "1", "--group", "visitors", "--privileges", "1"});
+    server.admin({"grant", "--folder", raw, "--group", "owners", "--privileges", "1,2,3"});
+    ASSERT_TRUE(client.login(server.url(), "carl", "the password"));
+    EXPECT_EQ(client.mustRun({"ls"}).out, "");
+    const QString hidden = QString::fromStdString(messageOf(expectFailure({"ls", "/raw"}, 6, "NotFound")));
+    const QString absent = QString::fromStdString(messageOf(expectFailure({"ls", "/none"}, 6, "NotFound")));
     EXPECT_EQ(QString(hidden).replace("raw", "none"), absent);
+    const QString hiddenId =
+        QString::fromStdString(messageOf(expectFailure({"ls", "folder:" + raw}, 6, "NotFound")));
+    const QString absentId =
+        QString::fromStdString(messageOf(expectFailure({"ls", "folder:4711"}, 6, "NotFound")));
+    EXPECT_EQ(QString(hiddenId).replace(raw, "4711"), absentId);
+}
+
+TEST_F(BadInput, WithoutTheRootThereAreReferences) {
+    addUser("dora", "guests");
+    const QString raw =
+        QString::number(client.mustRun({"--json", "mkdir", "-p", "/raw"}).object()["id"].toInt());
+    server.admin({"grant", "--folder", raw, "--group", "guests", "--privileges", "1,2"});
+    ASSERT_TRUE(client.login(server.url(), "dora", "the password"));
+    EXPECT_THAT(messageOf(expectFailure({"ls", "/raw"}, 6, "NotFound")), HasSubstr("folder:7"));
+    client.mustRun({"put", file, "--to", "folder:" + raw});
+    EXPECT_EQ(client.mustRun({"ls", "folder:" + raw}).out, "run.mzML\n");
 }
 
 TEST_F(BadInput, ATargetThatCannotBeWritten) {

@@ -1,5 +1,7 @@
 #include "ResolveItemTask.h"
 
+#include "ErrorText.h"
+
 #include <HalvaneError.h>
 
 namespace halvane::host {
@@ -36,6 +38,13 @@ Error ambiguous(const QString& name, const QString& folderPath, const QList<Remo
         QStringLiteral("\"%1\" names %2 things in the folder \"%3\": %4. Say which one by its reference.")
             .arg(name, QString::number(candidates.size()), folderPath,
                  references.join(QStringLiteral(", "))));
+}
+
+// Who may read a folder but not the root above it reaches it by its reference only.
+Error withoutRoot(const Error& error) {
+    return withMessage(
+        error, QStringLiteral("You may not read the root folder of this server, so that paths cannot be "
+                              "followed from there; use references such as folder:7."));
 }
 
 std::optional<int> folderArgument(int folderId) {
@@ -122,19 +131,13 @@ void ResolveItemTask::descend(int folderId, const QString& folderPath, qsizetype
     if (depth == m_path.names().size() - 1)
         return lookUpLast(folderId, folderPath);
     const QString name = m_path.names().at(depth);
-    execSubtask(std::make_unique<HalvaneGetFoldersTask>(folderArgument(folderId)),
-                [this, name, folderPath, depth](HalvaneGetFoldersTask* task) {
-                    QList<RemoteItem> found;
-                    for (const auto& folder : task->foldersTree()) {
-                        if (folder->name() == name)
-                            found.append(RemoteItem::fromFolder(*folder, folderPath));
-                    }
-                    if (found.isEmpty())
-                        return finish(notFound(name, folderPath));
-                    if (found.size() > 1)
-                        return finish(ambiguous(name, folderPath, found));
-                    descend(found.first().id, found.first().path, depth + 1);
-                });
+    findFolders(folderId, folderPath, name, [this, name, folderPath, depth](const QList<RemoteItem>& found) {
+        if (found.isEmpty())
+            return finish(notFound(name, folderPath));
+        if (found.size() > 1)
+            return finish(ambiguous(name, folderPath, found));
+        descend(found.first().id, found.first().path, depth + 1);
+    });
 }
 
 // Asks first for the kind that is wanted; the other kind then only serves a clear message.
@@ -155,25 +158,47 @@ void ResolveItemTask::lookUpLast(int folderId, const QString& folderPath) {
 }
 
 void ResolveItemTask::addFolders(int folderId, const QString& folderPath, std::function<void()> next) {
-    execSubtask(std::make_unique<HalvaneGetFoldersTask>(folderArgument(folderId)),
-                [this, folderPath, next = std::move(next)](HalvaneGetFoldersTask* task) {
-                    for (const auto& folder : task->foldersTree()) {
-                        if (folder->name() == m_path.names().last())
-                            m_candidates.append(RemoteItem::fromFolder(*folder, folderPath));
-                    }
+    findFolders(folderId, folderPath, m_path.names().last(),
+                [this, next = std::move(next)](const QList<RemoteItem>& found) {
+                    m_candidates.append(found);
                     next();
                 });
 }
 
+void ResolveItemTask::findFolders(int folderId, const QString& folderPath, const QString& name,
+                                  std::function<void(const QList<RemoteItem>&)> next) {
+    auto listing = std::make_unique<HalvaneGetFoldersTask>(folderArgument(folderId));
+    HalvaneGetFoldersTask* raw = listing.get();
+    const auto onSuccess = [raw, folderPath, name, next = std::move(next)](BaseTask*) {
+        QList<RemoteItem> found;
+        for (const auto& folder : raw->foldersTree()) {
+            if (folder->name() == name)
+                found.append(RemoteItem::fromFolder(*folder, folderPath));
+        }
+        next(found);
+    };
+    execSubtask(std::unique_ptr<BaseTask>(std::move(listing)), onSuccess,
+                [this, folderId](BaseTask* task) { onListingFailed(task->error(), folderId); });
+}
+
 void ResolveItemTask::addFiles(int folderId, const QString& folderPath, std::function<void()> next) {
-    execSubtask(std::make_unique<HalvaneGetFilesTask>(folderId),
-                [this, folderPath, next = std::move(next)](HalvaneGetFilesTask* task) {
-                    for (const auto& file : task->files()) {
-                        if (file->name() == m_path.names().last())
-                            m_candidates.append(RemoteItem::fromFile(*file, folderPath));
-                    }
-                    next();
-                });
+    auto listing = std::make_unique<HalvaneGetFilesTask>(folderId);
+    HalvaneGetFilesTask* raw = listing.get();
+    const auto onSuccess = [this, raw, folderPath, next = std::move(next)](BaseTask*) {
+        for (const auto& file : raw->files()) {
+            if (file->name() == m_path.names().last())
+                m_candidates.append(RemoteItem::fromFile(*file, folderPath));
+        }
+        next();
+    };
+    execSubtask(std::unique_ptr<BaseTask>(std::move(listing)), onSuccess,
+                [this, folderId](BaseTask* task) { onListingFailed(task->error(), folderId); });
+}
+
+void ResolveItemTask::onListingFailed(const Error& error, int folderId) {
+    const bool rootIsHidden =
+        folderId == RemoteItem::root().id && isHalvaneError(error, HalvaneServerErrorCode::NotFound);
+    finish(rootIsHidden ? withoutRoot(error) : error);
 }
 
 void ResolveItemTask::decide(const QString& folderPath) {
