@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
-# Called by ./run demo with the root of the repository, whose build/release is built: takes real measurement files to a server
-# of its own and back, and shows what a version conflict looks like. Leaves nothing behind; fails when any step does.
+# usage: demo.sh ROOT [BIN]: takes real measurement files to a server of its own and back, and shows what a version conflict looks
+# like. ROOT is the repository, BIN holds the programs (default: those of build/release). Leaves nothing behind; fails when any step does.
 set -euo pipefail
 
 ROOT=$1
-BIN=$ROOT/build/release/bin
+BIN=${2:-$ROOT/build/release/bin}
 DATA=$ROOT/build/data
 PACKAGE=python-pymzml-doc
 work=
