@@ -11,7 +11,7 @@ done
 HOME=$place/home TMPDIR=$place/tmp PATH=$place/stubs:$PATH "$1/packaging/demo.sh" "$1" "$2"
 left=$(find "$place/home" "$place/tmp" -mindepth 1)
 [ -z "$left" ] || { echo "left behind: $left"; exit 1; }
-if pgrep -f -- "--port-file $place/tmp" >/dev/null; then
-  echo "a server still runs"
-  exit 1
-fi
+for commandline in /proc/[0-9]*/cmdline; do
+  { command=$(tr '\0' ' ' <"$commandline"); } 2>/dev/null || continue
+  [[ $command != *"$place/tmp"* ]] || { echo "still runs: $command"; exit 1; }
+done
