@@ -13,7 +13,7 @@ enum class ExitCode : int {
     Success = 0,
     General = 1,          //!< anything that has no code of its own
     Usage = 2,            //!< an argument, a path or a name is not usable as it was given
-    LocalRead = 3,        //!< a local file does not exist or cannot be read
+    LocalRead = 3,        //!< a local file does not exist, cannot be read or is damaged
     LocalWrite = 4,       //!< a local file cannot be written, exists already, or the disk is full
     NotAuthenticated = 5, //!< nobody is logged in, the login has expired, or user name or password is wrong
     NotFoundOnServer = 6, //!< no such file or folder on the server, or none that one may read
