@@ -7,6 +7,15 @@
 #include <QTemporaryDir>
 
 #include <memory>
+#include <ostream>
+
+//! How failures show texts.
+inline void PrintTo(const QString& text, std::ostream* out) {
+    *out << '"' << text.toStdString() << '"';
+}
+inline void PrintTo(const QByteArray& text, std::ostream* out) {
+    *out << '"' << text.toStdString() << '"';
+}
 
 namespace orx::testing {
 

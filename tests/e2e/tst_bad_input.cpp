@@ -9,6 +9,8 @@
 
 #include <QDir>
 #include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -319,6 +321,74 @@ TEST_F(StrangeServer, AWrongEnvelope) {
         const Outcome outcome = loginAt(200, body, "Content-Type: application/json\r\n");
         EXPECT_EQ(outcome.exitCode, 11) << body << outcome.err.constData();
     }
+}
+
+// A server that speaks the protocol and gives names that no honest one would.
+class MaliciousServer : public ::testing::Test {
+protected:
+    MaliciousServer()
+        : server(LoopbackServer::answering(
+              [this](LoopbackConnection& connection, const LoopbackConnection::Request& request) {
+                  connection.reply(200, answerTo(request.target()), "Content-Type: application/json\r\n");
+              })) {}
+
+    std::string answerTo(const std::string& target) const {
+        const QString path = QString::fromStdString(target);
+        QJsonObject data;
+        if (path.endsWith("/login"))
+            data = {
+                {"token", "abc"},
+                {"expires_at", "2100-01-01T00:00:00.000Z"},
+                {"user",
+                 QJsonObject{{"id", 1}, {"name", "anna"}, {"is_admin", false}, {"groups", QJsonArray()}}}};
+        else if (path.endsWith("/folders/1/folders"))
+            data = {{"folders", QJsonArray()}};
+        else if (path.endsWith("/folders/1/files"))
+            data = {{"files", files()}};
+        else
+            data = files().at(path.section('/', -1).toInt() - 1).toObject();
+        return QJsonDocument(QJsonObject{{"status", "success"}, {"data", data}}).toJson().toStdString();
+    }
+
+    QJsonArray files() const {
+        QJsonArray all;
+        for (const QString& name : names)
+            all.append(QJsonObject{{"id", all.size() + 1},
+                                   {"folder_id", 1},
+                                   {"name", name},
+                                   {"alias", ""},
+                                   {"last_version", 1},
+                                   {"size", 3},
+                                   {"sha256", sha256Of("abc")},
+                                   {"data_type", "Regular"},
+                                   {"created_at", "2026-01-01T00:00:00.000Z"},
+                                   {"modified_at", "2026-01-01T00:00:00.000Z"},
+                                   {"source_modified_at", QJsonValue()},
+                                   {"created_by", "anna"}});
+        return all;
+    }
+
+    const QStringList names{
+        "../../escaped",  "/etc/escaped", "..", ".", "a/b", QString("nul") + QChar(0) + "nul",
+        QString(300, 'x')};
+    LoopbackServer server;
+    Client client;
+};
+
+TEST_F(MaliciousServer, NamesNeverLeaveTheTargetDirectory) {
+    ASSERT_TRUE(client.login(QUrl(QString::fromStdString(server.url()))));
+    ASSERT_TRUE(QDir(client.path({})).mkpath("in/side"));
+    const QList<QJsonObject> listed = client.mustRun({"--json", "ls"}).objects();
+    ASSERT_EQ(listed.size(), names.size());
+    for (qsizetype i = 0; i < names.size(); ++i) {
+        const QString reference = QStringLiteral("file:%1").arg(i + 1);
+        const Outcome outcome = client.run({"--json", "get", reference, "--to", "in/side"});
+        EXPECT_EQ(outcome.exitCode, 2) << qPrintable(names[i]) << outcome.err.constData();
+        EXPECT_THAT(messageOf(outcome), HasSubstr("--to"));
+    }
+    EXPECT_EQ(client.filesIn("in/side"), QStringList());
+    EXPECT_EQ(client.filesIn("in"), QStringList{"side"});
+    EXPECT_EQ(client.filesIn(), QStringList{"in"});
 }
 
 } // namespace
