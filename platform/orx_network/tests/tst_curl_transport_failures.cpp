@@ -197,7 +197,7 @@ TEST(CurlTransportFailures, FailsWhenTheServerTakesNoMoreOfAnUpload) {
     request.body = std::make_shared<const QByteArray>(64 * 1024 * 1024, 'x');
     qint64 sent = 0;
     request.onBytesSent = [&](qint64 sum) { sent = sum; };
-    request.silenceTimeout = 50ms;
+    request.silenceTimeout = 500ms;
     const Failure failure = failureOf(request);
     over.open();
     EXPECT_EQ(failure.code, int(NetworkErrorCode::TimedOut));
@@ -235,11 +235,11 @@ TEST(CurlTransportFailures, FailsWhenTheWholeRequestTakesTooLong) {
         }
     });
     NetworkRequest request = requestTo(server);
-    request.totalTimeout = 50ms;
+    request.totalTimeout = 300ms;
     const Failure failure = failureOf(request);
     over = true;
     EXPECT_EQ(failure.code, int(NetworkErrorCode::TimedOut));
-    EXPECT_TRUE(failure.text.contains(QStringLiteral("did not complete its reply within 0.05 s")))
+    EXPECT_TRUE(failure.text.contains(QStringLiteral("did not complete its reply within 0.3 s")))
         << qPrintable(failure.text);
 }
 

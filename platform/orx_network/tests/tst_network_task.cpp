@@ -267,6 +267,17 @@ TEST_F(NetworkTasks, StopWhenCancelledDuringTheWaitForAnotherAttempt) {
     EXPECT_EQ(log.count(QStringLiteral("finished")), 1);
 }
 
+TEST_F(NetworkTasks, ForgetAnAttemptThatIsDueAlreadyWhenTheyAreCancelled) {
+    transport.thenStatus(503);
+    task->exec();
+    runUntil([this] { return transport.openCalls == 0; });
+    ASSERT_TRUE(log.filter(QStringLiteral("retry")).isEmpty());
+    task->cancel();
+    processEvents();
+    EXPECT_TRUE(log.filter(QStringLiteral("retry")).isEmpty());
+    EXPECT_EQ(transport.log.size(), 1);
+}
+
 TEST_F(NetworkTasks, StopWhenCancelledWhileTheReplyIsHandledOrAnAttemptIsPrepared) {
     transport.thenStatus(200);
     task->onReply = [this] {
