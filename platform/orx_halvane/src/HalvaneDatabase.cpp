@@ -132,9 +132,19 @@ struct Connection {
     std::unique_ptr<SQLite::Database> database;
 };
 
+struct ClosedAtExit {
+    Connection& connection;
+    ~ClosedAtExit() {
+        const QMutexLocker lock(&connection.mutex);
+        connection.database.reset();
+    }
+};
+
+//! Workers may use it while the process ends: it is closed then, and never destroyed.
 Connection& connection() {
-    static Connection instance;
-    return instance;
+    static Connection* const instance = new Connection;
+    static const ClosedAtExit closed{*instance};
+    return *instance;
 }
 
 int schemaVersion(SQLite::Database& database) {

@@ -21,9 +21,10 @@ struct Pending {
     }
 };
 
+// Workers may use it while the process ends, so that it is never destroyed.
 Pending& pending() {
-    static Pending instance;
-    return instance;
+    static Pending* const instance = new Pending;
+    return *instance;
 }
 
 } // namespace
