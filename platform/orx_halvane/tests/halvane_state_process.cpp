@@ -1,9 +1,7 @@
-// A process beside a test that works on the same history and journal:
-//   halvane_state_process SERVER hold PATH FOLDER     acquires the record of an upload, prints its row and
-//   key, and
-//                                                     keeps it until its input ends
-//   halvane_state_process SERVER record PATH COUNT    records the versions 1 of COUNT file ids from 1 on
-//   halvane_state_process SERVER acquire PATH COUNT   acquires COUNT new records, one per folder from 1 on
+// A process beside a test that works on the same history and journal. Arguments: SERVER and one of
+//   hold PATH FOLDER    acquires the record of an upload, prints its row and key, keeps it until its input
+//   ends record PATH COUNT   records version 1 of the file ids 1 to COUNT acquire PATH COUNT  acquires
+//   records for the folders 1 to COUNT, keeps them until its input ends
 #include "HalvaneConnection.h"
 #include "HalvaneHistory.h"
 #include "HalvaneUploadJournal.h"
@@ -28,14 +26,18 @@ Result<HalvaneUploadRecord> acquire(const QString& path, int folderId) {
     return HalvaneUploadJournal::acquire(*record);
 }
 
+void waitForEndOfInput() {
+    while (std::getchar() != EOF) {
+    }
+}
+
 Error hold(const QString& path, int folderId) {
     const auto record = acquire(path, folderId);
     if (record.hasError())
         return record.error();
     std::printf("%lld %s\n", static_cast<long long>(record->rowId), record->idempotencyKey.constData());
     std::fflush(stdout);
-    while (std::getchar() != EOF) {
-    }
+    waitForEndOfInput();
     return Error();
 }
 
@@ -51,6 +53,8 @@ Error work(const QString& command, const QString& path, int number) {
                 return record.error();
         }
     }
+    if (command == QStringLiteral("acquire"))
+        waitForEndOfInput();
     return Error();
 }
 

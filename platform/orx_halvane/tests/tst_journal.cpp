@@ -228,6 +228,7 @@ TEST_F(JournalTest, AThousandRecordsFromTwoProcessesAreAllThere) {
     orx::testing::StateProcess other({kServer, QStringLiteral("acquire"), path, QStringLiteral("500")});
     for (int folder = 1; folder <= 500; ++folder)
         acquire(recordFor(path, folder));
+    // The other process lives until here, so that neither takes a record of the other's.
     ASSERT_EQ(other.finish(), 0);
     // What the other process held is free; what this one holds is not.
     for (int folder = 1; folder <= 500; ++folder)
