@@ -1,7 +1,7 @@
-// A process beside a test that works on the same history and journal. Arguments: SERVER and one of
-//   hold PATH FOLDER    acquires the record of an upload, prints its row and key, keeps it until its input
-//   ends record PATH COUNT   records version 1 of the file ids 1 to COUNT acquire PATH COUNT  acquires
-//   records for the folders 1 to COUNT, keeps them until its input ends
+// A process beside a test that works on the same history and journal. The arguments are a server and one of:
+// - hold PATH FOLDER: acquires the record of an upload, prints row and key, keeps it until its input ends
+// - record PATH COUNT: records version 1 of the file ids 1 to COUNT
+// - acquire PATH COUNT: acquires records for the folders 1 to COUNT, keeps them until its input ends
 #include "HalvaneConnection.h"
 #include "HalvaneHistory.h"
 #include "HalvaneUploadJournal.h"
