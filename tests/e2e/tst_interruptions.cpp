@@ -222,13 +222,22 @@ INSTANTIATE_TEST_SUITE_P(Put, InterruptedPut,
                          });
 
 TEST_F(Interruptions, AFileThatChangesWhileItIsSentIsRefused) {
-    for (const qint64 newSize : {qint64(5 * chunkSize), qint64(3 * chunkSize)}) {
+    // Longer than what is read ahead while two requests wait.
+    const qint64 size = 20 * chunkSize;
+    for (const qint64 newSize : {size + 1, size - 1, 6 * chunkSize, size}) {
         SCOPED_TRACE(newSize);
-        const auto hold = proxy->holdReply(chunk(1));
+        file = client.makeLargeFile("run.mzML", size);
+        const auto first = proxy->holdReply(chunk(0));
+        const auto second = proxy->holdReply(chunk(1));
         const auto process = client.start({"--json", "put", file, "--to", "/raw"});
-        hold->waitUntilAnswered();
-        ASSERT_TRUE(QFile::resize(file, newSize));
-        hold->release();
+        first->waitUntilAnswered();
+        second->waitUntilAnswered();
+        if (newSize == size)
+            client.makeLargeFile("run.mzML", size, 99);
+        else
+            ASSERT_TRUE(QFile::resize(file, newSize));
+        first->release();
+        second->release();
         const Outcome outcome = Client::finish(*process);
         EXPECT_EQ(outcome.exitCode, 13) << outcome.err.constData();
         EXPECT_EQ(outcome.object()["error"], "FileChanged");
