@@ -47,6 +47,7 @@ std::size_t hashingThreads() {
 void serve(const ServeOptions& options) {
     raiseDescriptorLimit();
     std::signal(SIGPIPE, SIG_IGN); // sendfile has no flag for it
+    std::signal(SIGXFSZ, SIG_IGN); // a limit on the size of files fails the write, not the service
     ::mallopt(M_ARENA_MAX, 4);
 
     const std::unique_ptr<CatalogStore> catalog = openCatalog(options.dataDirectory);

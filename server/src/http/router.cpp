@@ -44,8 +44,7 @@ void Router::addStream(const std::string& method, const std::string& pattern, st
 }
 
 Match Router::match(std::string_view method, std::string_view path) const {
-    const std::string shown(path.substr(0, 200));
-    if (!path.starts_with(basePath))
+    if (!path.starts_with(basePath) || (path.size() > basePath.size() && path[basePath.size()] != '/'))
         throw ApiError(ErrorCode::NotFound, "There is nothing here; the calls are below /api/v1.");
     const std::vector<std::string> segments = segmentsOf(path.substr(basePath.size()));
     Match match;

@@ -262,13 +262,14 @@ asio::awaitable<void> Session::answerStreamed(Exchange& exchange, const Match& m
     std::exception_ptr failed;
     bool ended = false;
     const int socket = m_connection->directSocket();
+    // What is taken counts as read also when the sink refuses it.
     const auto take = [&](Bytes data) {
+        exchange.bodyLeft -= data.size();
+        exchange.bytesReceived += data.size();
         if (!sink)
             sink = match.route->stream(exchange.request, match.values);
         if (!data.empty())
             sink->write(data);
-        exchange.bodyLeft -= data.size();
-        exchange.bytesReceived += data.size();
         if (exchange.bodyLeft == 0) {
             exchange.response = sink->finish();
             sink.reset();
@@ -276,9 +277,10 @@ asio::awaitable<void> Session::answerStreamed(Exchange& exchange, const Match& m
     };
     const auto pump = [&] {
         try {
-            const std::size_t buffered = std::min<std::size_t>(m_input.size(), exchange.bodyLeft);
-            take(bytesOf(std::string_view(m_input).substr(0, buffered)));
-            m_input.erase(0, buffered);
+            const std::string buffered =
+                m_input.substr(0, std::min<std::size_t>(m_input.size(), exchange.bodyLeft));
+            m_input.erase(0, buffered.size());
+            take(bytesOf(buffered));
             thread_local std::vector<std::byte> buffer(pieceSize);
             while (exchange.bodyLeft > 0 && socket >= 0) {
                 const ssize_t got =
@@ -313,10 +315,8 @@ asio::awaitable<void> Session::answerStreamed(Exchange& exchange, const Match& m
     }
     sink.reset();
     exchange.aborted = ended || (m_closed && !failed);
-    if (failed) {
-        m_input.clear();
+    if (failed)
         exchange.response = errorReply(failed, m_context.log, exchange.request.id);
-    }
 }
 
 asio::awaitable<void> Session::skipBody(Exchange& exchange) {

@@ -1,0 +1,374 @@
+// The catalogue, the blob store and the committer on a directory of their own.
+#include "blobs/blob_store.h"
+#include "store/sqlite_catalog.h"
+#include "support/temporary_directory.h"
+#include "uploads/committer.h"
+#include "uploads/sweeper.h"
+#include "uploads/upload_sessions.h"
+
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <gtest/gtest.h>
+
+namespace halvane::server {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+class CatalogTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        SqliteCatalog::create(path(), {{"password_passes", "1"}});
+        BlobStore::create(m_directory.path());
+        reopen();
+        m_admin = m_catalog->caller(m_catalog->createUser({"root", "hash", true, {}}));
+    }
+
+    std::string path() const { return m_directory.file("catalog.sqlite3"); }
+    void reopen() {
+        m_catalog.reset();
+        m_catalog = std::make_unique<SqliteCatalog>(path());
+    }
+    NewUpload newUpload(const std::string& name, std::int64_t size) const {
+        NewUpload upload;
+        upload.name = name;
+        upload.size = size;
+        upload.targetId = rootFolderId;
+        upload.chunkSize = 100'000;
+        upload.stagingName = BlobStore::newName();
+        return upload;
+    }
+    // An upload of a small content that lacks nothing but its finalisation.
+    Finalisation completeUpload(const std::string& name, const std::string& content) {
+        const UploadRecord upload =
+            m_catalog->openUpload(m_admin, newUpload(name, static_cast<std::int64_t>(content.size())), {});
+        if (!content.empty())
+            m_catalog->recordChunk(upload.id, {0, Xxh3::of(content)}, content, Sha256::of(content));
+        Finalisation request;
+        request.caller = m_admin;
+        request.uploadId = upload.id;
+        request.dataType = "Regular";
+        request.trace = "{}";
+        request.sha256 = Sha256::of(content);
+        request.inlineContent = content;
+        return request;
+    }
+    static ErrorCode codeOf(const std::function<void()>& call) {
+        try {
+            call();
+        } catch (const ApiError& error) {
+            return error.code();
+        }
+        ADD_FAILURE() << "nothing was thrown";
+        return {};
+    }
+
+    TemporaryDirectory m_directory;
+    std::unique_ptr<SqliteCatalog> m_catalog;
+    Caller m_admin;
+    Metrics m_metrics;
+};
+
+} // namespace
+
+TEST_F(CatalogTest, ABatchIsOneTransactionInWhichAFailingMemberHarmsNoOther) {
+    std::vector<Finalisation> batch{completeUpload("a", "one"), completeUpload("b", "two"),
+                                    completeUpload("c", "three")};
+    batch[1].uploadId = 999;
+    const auto outcomes = m_catalog->commit(batch);
+    EXPECT_EQ(std::get<FinalizedFile>(outcomes[0]).name, "a");
+    EXPECT_EQ(std::get<ApiError>(outcomes[1]).code(), ErrorCode::NotFound);
+    EXPECT_EQ(std::get<FinalizedFile>(outcomes[2]).name, "c");
+    EXPECT_EQ(m_catalog->content(m_admin, std::get<FinalizedFile>(outcomes[2]).fileId, 1).inlineContent,
+              "three");
+}
+
+TEST_F(CatalogTest, AKeyIsRememberedOverARestartAndRefusesAnotherRequest) {
+    Finalisation request = completeUpload("a", "one");
+    request.key = {"k", Sha256::of("this")};
+    const auto first = std::get<FinalizedFile>(m_catalog->commit({&request, 1})[0]);
+    reopen();
+    const auto again = std::get<FinalizedFile>(m_catalog->commit({&request, 1})[0]);
+    EXPECT_EQ(again.fileId, first.fileId);
+    EXPECT_EQ(again.version, 1);
+    request.key.fingerprint = Sha256::of("that");
+    EXPECT_EQ(std::get<ApiError>(m_catalog->commit({&request, 1})[0]).code(), ErrorCode::IdempotencyMismatch);
+}
+
+TEST_F(CatalogTest, IdsAreNeverUsedTwice) {
+    const Id first = m_catalog->createFolder(m_admin, rootFolderId, "a", {}, {});
+    m_catalog->removeFolder(first);
+    EXPECT_GT(m_catalog->createFolder(m_admin, rootFolderId, "b", {}, {}), first);
+}
+
+TEST_F(CatalogTest, UploadsAreSuspectOnlyAfterAnUncleanStop) {
+    m_catalog->beginServing();
+    const Id id = m_catalog->openUpload(m_admin, newUpload("a", 500'000), {}).id;
+    m_catalog->endServing();
+    m_catalog->beginServing();
+    EXPECT_FALSE(m_catalog->upload(m_admin, id).suspect);
+    m_catalog->beginServing(); // the last process did not say that it ended
+    EXPECT_TRUE(m_catalog->upload(m_admin, id).suspect);
+    EXPECT_GT(m_catalog->openUpload(m_admin, newUpload("b", 1), {}).id,
+              id + 10'000); // no id of a lost upload comes again
+    m_catalog->clearSuspicion(id);
+    EXPECT_FALSE(m_catalog->upload(m_admin, id).suspect);
+}
+
+TEST_F(CatalogTest, AnExpiredUploadIsGoneWithItsKey) {
+    const UploadRecord upload = m_catalog->openUpload(m_admin, newUpload("a", 10), {"k", {}});
+    const TimeMs eightDays = currentTime() + std::chrono::milliseconds(std::chrono::days(8)).count();
+    EXPECT_EQ(m_catalog->expire(currentTime()), std::vector<std::string>());
+    EXPECT_EQ(m_catalog->expire(eightDays), std::vector<std::string>{upload.blobName});
+    EXPECT_EQ(codeOf([&] { (void)m_catalog->upload(m_admin, upload.id); }), ErrorCode::NotFound);
+    EXPECT_FALSE(m_catalog->uploadOfKey(m_admin, "k"));
+}
+
+TEST_F(CatalogTest, ListingsHaveANewTagExactlyWhenTheyChange) {
+    const auto tags = [this](Id folder) {
+        const auto unknown = [](const std::string&) { return false; };
+        const auto folders = m_catalog->subfolders(m_admin, folder, unknown, [](const FolderRecord&) {});
+        const auto files = m_catalog->files(m_admin, folder, unknown, [](const FileRecord&) {});
+        return std::make_pair(folders.etag, files.etag);
+    };
+    const auto begin = tags(rootFolderId);
+    const Id folder = m_catalog->createFolder(m_admin, rootFolderId, "a", {}, {});
+    const auto withFolder = tags(rootFolderId);
+    EXPECT_NE(withFolder.first, begin.first);
+    EXPECT_EQ(withFolder.second, begin.second);
+    (void)m_catalog->createFolder(m_admin, folder, "b", {},
+                                  {}); // the root's listing shows that a has children now
+    const auto withGrandchild = tags(rootFolderId);
+    EXPECT_NE(withGrandchild.first, withFolder.first);
+    const std::vector<Finalisation> batch{completeUpload("f", "x")};
+    (void)m_catalog->commit(batch);
+    EXPECT_NE(tags(rootFolderId).second, begin.second);
+    EXPECT_EQ(tags(rootFolderId).first, withGrandchild.first);
+    m_catalog->createGroup("lab");
+    m_catalog->grant(folder, "lab", PrivilegeSet::all());
+    EXPECT_NE(tags(rootFolderId).first, withGrandchild.first);
+}
+
+TEST_F(CatalogTest, AFullDatabaseFailsTheWriteThatFillsItAndNoOther) {
+    // SQLite's own limit stands for the disk's: it fails at the same place.
+    SqliteWriter writer(path());
+    writer.run(Durability::Flushed,
+               [](SqliteConnection& connection) { connection.execute("PRAGMA max_page_count=200"); });
+    const auto insert = [](std::size_t bytes) {
+        return [bytes](SqliteConnection& connection) {
+            Query(connection, "INSERT INTO small_contents (content) VALUES (?1)")
+                .bind(std::string(bytes, 'x'))
+                .run();
+        };
+    };
+    auto done = writer.submit(Durability::Flushed, {insert(10), insert(5'000'000), insert(20)});
+    EXPECT_NO_THROW(done[0].get());
+    EXPECT_EQ(codeOf([&] { done[1].get(); }), ErrorCode::StorageFull);
+    EXPECT_NO_THROW(done[2].get());
+    std::int64_t rows = 0;
+    writer.run(Durability::Flushed, [&rows](SqliteConnection& connection) {
+        Query count(connection, "SELECT count(*) FROM small_contents");
+        count.next();
+        rows = count.integer(0);
+    });
+    EXPECT_EQ(rows, 2);
+}
+
+TEST_F(CatalogTest, TheSweepTakesLeftoversAndNothingThatIsNeeded) {
+    BlobStore blobs(m_directory.path());
+    const UploadRecord open = m_catalog->openUpload(m_admin, newUpload("open", 500'000), {});
+    (void)blobs.openStaged(open.blobName, open.size);
+    const std::string leftover = BlobStore::newName();
+    (void)blobs.openStaged(leftover, 10);
+    const std::string unnamedBlob = BlobStore::newName();
+    (void)blobs.openStaged(unnamedBlob, 10);
+    blobs.place(unnamedBlob);
+    Log log;
+    Sweeper(*m_catalog, blobs, log, m_metrics, std::chrono::hours(1)).sweepLeftovers();
+    EXPECT_TRUE(blobs.openExistingStaged(open.blobName).isOpen());
+    EXPECT_FALSE(blobs.openExistingStaged(leftover).isOpen());
+    EXPECT_FALSE(blobs.openBlob(unnamedBlob).isOpen());
+}
+
+TEST_F(CatalogTest, APlacedBlobOfAFailedFinalisationIsFoundAgain) {
+    BlobStore blobs(m_directory.path());
+    const std::string name = BlobStore::newName();
+    (void)blobs.openStaged(name, 10);
+    const std::string directory = blobs.place(name);
+    EXPECT_EQ(blobs.place(name), directory);
+    EXPECT_TRUE(blobs.openStaged(name, 10).isOpen());
+    EXPECT_FALSE(fs::exists(m_directory.file("staging/" + name)));
+    EXPECT_EQ(codeOf([&] { blobs.place(BlobStore::newName()); }), ErrorCode::Internal);
+}
+
+TEST_F(CatalogTest, TheCommitterAnswersEveryMember) {
+    BlobStore blobs(m_directory.path());
+    std::vector<Finalisation> requests;
+    for (int i = 0; i < 100; ++i)
+        requests.push_back(completeUpload("f" + std::to_string(i), "content " + std::to_string(i)));
+    std::atomic<int> made{0};
+    {
+        Committer committer(*m_catalog, blobs, m_metrics);
+        for (Finalisation& request : requests)
+            committer.submit(std::move(request), {}, [&](const FinalisationOutcome& outcome) {
+                made += std::holds_alternative<FinalizedFile>(outcome) ? 1 : 0;
+            });
+        committer.submit(completeUpload("lost", "x"), "20260101-missing",
+                         [](const FinalisationOutcome& outcome) {
+                             EXPECT_EQ(std::get<ApiError>(outcome).code(), ErrorCode::Internal);
+                         });
+    }
+    EXPECT_EQ(made, 100);
+    EXPECT_EQ(m_metrics.versionsCommitted, 100U);
+    EXPECT_LE(m_metrics.commitBatches, 100U);
+}
+
+namespace {
+
+class UploadSessionTest : public CatalogTest {
+protected:
+    void SetUp() override {
+        CatalogTest::SetUp();
+        m_upload = m_catalog->openUpload(m_admin, newUpload("a", 250'000), {});
+        restart();
+    }
+    void TearDown() override { m_hashing.finish(); }
+
+    void restart() { m_sessions = std::make_unique<UploadSessions>(m_blobs, *m_catalog, m_hashing); }
+    std::shared_ptr<UploadSession> session() { return m_sessions->session(m_admin, m_upload.id); }
+    std::string chunk(int index, char fill) const {
+        return std::string(static_cast<std::size_t>(m_upload.chunkLength(index)), fill);
+    }
+    std::unique_ptr<ChunkWriter> begin(
+        int index, char fill, std::function<void()> abort = [] {}) {
+        return session()->beginChunk(index, Xxh3::of(chunk(index, fill)), std::move(abort));
+    }
+    void put(int index, char fill) {
+        const auto writer = begin(index, fill);
+        writer->write(bytesOf(chunk(index, fill)));
+        writer->finish({});
+    }
+    std::string received() {
+        std::string indexes;
+        for (const ReceivedChunk& one : m_catalog->upload(m_admin, m_upload.id).chunks)
+            indexes += std::to_string(one.index);
+        return indexes;
+    }
+    Sha256Digest expected(const std::string& fills) const {
+        return Sha256::of(chunk(0, fills[0]) + chunk(1, fills[1]) + chunk(2, fills[2]));
+    }
+
+    BlobStore m_blobs{m_directory.path()};
+    UploadRecord m_upload;
+    WorkerPool m_hashing{2};
+    std::unique_ptr<UploadSessions> m_sessions;
+};
+
+} // namespace
+
+TEST_F(UploadSessionTest, TheDigestIsThatOfTheContentWhateverTheOrderOfTheChunks) {
+    put(2, 'c');
+    put(0, 'a');
+    put(1, 'b');
+    session()->beginFinalising();
+    EXPECT_EQ(session()->contentDigest(), expected("abc"));
+    EXPECT_EQ(session()->contentDigest(), expected("abc"));
+}
+
+TEST_F(UploadSessionTest, AReplacedChunkCountsInTheDigestAlsoWhenItWasHashedAlready) {
+    put(0, 'a');
+    put(1, 'b');
+    put(0, 'x');
+    put(2, 'c');
+    session()->beginFinalising();
+    EXPECT_EQ(session()->contentDigest(), expected("xbc"));
+}
+
+TEST_F(UploadSessionTest, AChunkThatIsBeingReplacedIsNotReceivedUntilItIsThereAgain) {
+    put(0, 'a');
+    {
+        const auto writer = begin(0, 'x');
+        EXPECT_EQ(received(), "");
+        writer->write(bytesOf("half of it"));
+    }
+    EXPECT_EQ(received(), "");
+    EXPECT_EQ(codeOf([&] { session()->beginFinalising(); }), ErrorCode::UploadIncomplete);
+}
+
+TEST_F(UploadSessionTest, TheSameChunkSentAgainStaysReceivedEvenWhenItBreaksOff) {
+    put(0, 'a');
+    {
+        const auto writer = begin(0, 'a');
+        writer->write(bytesOf("xx"));
+        EXPECT_EQ(codeOf([&] { writer->finish({}); }), ErrorCode::ChecksumMismatch);
+    }
+    EXPECT_EQ(received(), "0");
+    put(1, 'b');
+    put(2, 'c');
+    session()->beginFinalising();
+    EXPECT_EQ(session()->contentDigest(), expected("abc"));
+}
+
+TEST_F(UploadSessionTest, AWrongChunkDoesNotCountAndMayBeSentAgain) {
+    const auto writer = begin(1, 'b');
+    writer->write(bytesOf(chunk(1, 'x')));
+    EXPECT_EQ(codeOf([&] { writer->finish({}); }), ErrorCode::ChecksumMismatch);
+    EXPECT_EQ(codeOf([&] { writer->write(bytesOf("more")); }), ErrorCode::ChecksumMismatch);
+    EXPECT_EQ(received(), "");
+}
+
+TEST_F(UploadSessionTest, TheLaterWriterOfAChunkEndsTheEarlierOne) {
+    std::unique_ptr<ChunkWriter> first;
+    std::promise<void> aborted;
+    first = begin(0, 'x', [&] { aborted.set_value(); });
+    first->write(bytesOf("xx"));
+    auto second = std::async(std::launch::async, [&] { put(0, 'a'); });
+    aborted.get_future().wait();
+    EXPECT_EQ(codeOf([&] { first->write(bytesOf("xx")); }), ErrorCode::Internal);
+    first.reset();
+    EXPECT_NO_THROW(second.get());
+    EXPECT_EQ(received(), "0");
+}
+
+TEST_F(UploadSessionTest, NoChunkChangesWhileTheUploadIsFinalised) {
+    put(0, 'a');
+    put(1, 'b');
+    put(2, 'c');
+    session()->beginFinalising();
+    EXPECT_EQ(codeOf([&] { (void)begin(1, 'x'); }), ErrorCode::UploadGone);
+    EXPECT_NO_THROW(put(1, 'b'));
+    session()->endFinalising();
+    EXPECT_NO_THROW(put(1, 'x'));
+}
+
+TEST_F(UploadSessionTest, BytesLostInAPowerCutAreNoticedWhenTheUploadIsSuspect) {
+    put(0, 'a');
+    put(1, 'b');
+    restart();
+    const std::string staged = m_directory.file("staging/" + m_upload.blobName);
+    {
+        std::fstream file(staged, std::ios::in | std::ios::out | std::ios::binary);
+        file.seekp(150'000);
+        file.put('\0');
+    }
+    m_catalog->beginServing();
+    m_catalog->beginServing();
+    EXPECT_EQ(m_sessions->session(m_admin, m_upload.id)->forgetDamagedChunks(),
+              0U); // forgotten when the session was made
+    EXPECT_EQ(received(), "0");
+    EXPECT_FALSE(m_catalog->upload(m_admin, m_upload.id).suspect);
+}
+
+TEST_F(UploadSessionTest, AStagingFileThatIsGoneLosesItsChunks) {
+    put(0, 'a');
+    restart();
+    fs::remove(m_directory.file("staging/" + m_upload.blobName));
+    m_catalog->beginServing();
+    m_catalog->beginServing();
+    (void)session();
+    EXPECT_EQ(received(), "");
+}
+
+} // namespace halvane::server
