@@ -124,6 +124,9 @@ TEST_F(UploadCalls, ALaterRequestForTheSameChunkTakesOver) {
                     "/chunks/0 HTTP/1.1\r\nHost: x\r\nAuthorization: Bearer " + token() +
                     "\r\nContent-Length: 100000\r\nHalvane-Chunk-Xxh3: " + xxh3Text(content) + "\r\n\r\n" +
                     std::string(60'000, 'x'));
+    // Its bytes arrive, so that it is the earlier one.
+    while (filesBelow("staging").empty() || !readFile(filesBelow("staging").at(0)).starts_with("xxx"))
+        std::this_thread::yield();
     EXPECT_EQ(putChunk(id, 0, content).status, 200);
     EXPECT_TRUE(hanging.readToEnd());
     ASSERT_EQ(declareSha256(id, content).status, 200);

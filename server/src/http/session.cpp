@@ -29,6 +29,20 @@ std::string nextRequestId() {
     return process + '-' + std::to_string(++count);
 }
 
+// A path may hold any byte; a log line is JSON.
+std::string loggable(const std::string& path) {
+    constexpr char digits[] = "0123456789ABCDEF";
+    std::string text;
+    for (const char c : path) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte < 0x80)
+            text += c;
+        else
+            text.append({'%', digits[byte >> 4], digits[byte & 15]});
+    }
+    return text;
+}
+
 } // namespace
 
 struct Session::Exchange {
@@ -471,7 +485,7 @@ void Session::logRequest(const Exchange& exchange) const {
         object.field("id", exchange.request.id)
             .field("peer", exchange.request.peer)
             .field("user", exchange.request.user);
-        object.field("method", exchange.request.method).field("path", exchange.request.path);
+        object.field("method", exchange.request.method).field("path", loggable(exchange.request.path));
         object.field("status", static_cast<std::int64_t>(exchange.response.status));
         object.field("bytes_in", static_cast<std::int64_t>(exchange.bytesReceived));
         object.field("bytes_out", static_cast<std::int64_t>(exchange.bytesSent));

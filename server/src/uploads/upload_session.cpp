@@ -117,10 +117,12 @@ void UploadSession::finish(ChunkWriter& writer, const std::optional<Sha256Digest
             m_catalog.setContentSha256(m_upload.id, contentSha256);
         return;
     }
-    // The disk begins at once, so that the flush at the end finds little to do. It is a hint: a failure shows
-    // in that flush.
-    ::sync_file_range(m_file.get(), chunkOffset(writer.m_index), length, SYNC_FILE_RANGE_WRITE);
     m_catalog.recordChunk(m_upload.id, {writer.m_index, writer.m_expected}, {}, contentSha256);
+    // The disk begins at once, so that the flush at the end finds little to do; on another thread, since the
+    // kernel may wait for a full request queue. It is a hint: a failure shows in that flush.
+    m_hashing.post([self = shared_from_this(), offset = chunkOffset(writer.m_index), length] {
+        ::sync_file_range(self->m_file.get(), offset, length, SYNC_FILE_RANGE_WRITE);
+    });
     const std::lock_guard lock(m_mutex);
     m_received[static_cast<std::size_t>(writer.m_index)] = writer.m_expected;
     if (!m_hashBusy && writer.m_index == m_hashedChunks) {
