@@ -54,6 +54,7 @@ public:
     Outcome mustRun(const QStringList& arguments) const;
 
     void setEnvironment(const QString& name, const QString& value) { m_environment.insert(name, value); }
+    const QProcessEnvironment& environment() const { return m_environment; }
     QString configDir() const { return m_dir.filePath(QStringLiteral("config")); }
     //! An absolute path in the client's working directory.
     QString path(const QString& name) const;

@@ -248,6 +248,20 @@ TEST_F(Interruptions, AFileThatChangesWhileItIsSentIsRefused) {
     expectContent("/raw/run.mzML");
 }
 
+TEST_F(Interruptions, TwoPutsAtATimeAreTwoPuts) {
+    const auto hold = proxy->holdReply(chunk(2));
+    const auto first = client.start({"--json", "put", file, "--to", "/raw"});
+    hold->waitUntilAnswered();
+    // The first one lives and works on its upload, so that the second has one of its own.
+    const QJsonObject second = client.mustRun({"--json", "put", file, "--to", "/raw"}).object();
+    EXPECT_EQ(second["outcome"], "uploaded");
+    hold->release();
+    const Outcome outcome = Client::finish(*first);
+    EXPECT_EQ(outcome.exitCode, 0) << outcome.err.constData();
+    EXPECT_NE(outcome.object()["id"].toInt(), second["id"].toInt());
+    EXPECT_EQ(listing().size(), 2);
+}
+
 TEST_F(Interruptions, ABrokenConnectionInAChunkIsMendedByItself) {
     proxy->cutRequestBody(chunk(1), 100'000);
     proxy->dropAfterForwarding(chunk(3));

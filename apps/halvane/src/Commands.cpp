@@ -6,7 +6,6 @@
 #include "ProgressReport.h"
 #include "TextForms.h"
 
-#include <ErrorText.h>
 #include <ExitCodes.h>
 #include <HostTasks.h>
 #include <ListItemsTask.h>

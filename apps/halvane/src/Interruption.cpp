@@ -5,6 +5,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 
 namespace halvane::cli {
@@ -28,7 +29,7 @@ void install(int signal) {
     struct sigaction before = {};
     if (::sigaction(signal, nullptr, &before) == 0 && before.sa_handler == SIG_IGN)
         return;
-    // One time only: a second signal has its usual effect. Without SA_RESTART a blocking read returns.
+    // One time only: a second signal has its usual effect.
     struct sigaction action = {};
     action.sa_handler = onSignal;
     action.sa_flags = int(SA_RESETHAND);
@@ -51,6 +52,14 @@ Interruption::~Interruption() = default;
 
 bool Interruption::wasRequested() {
     return requested.load();
+}
+
+bool Interruption::waitForInput(int descriptor) {
+    // The pipe wakes the wait even when the signal comes just before it begins.
+    pollfd entries[2] = {{descriptor, POLLIN, 0}, {pipeEnds[0], POLLIN, 0}};
+    while (!wasRequested() && ::poll(entries, 2, -1) < 0 && errno == EINTR) {
+    }
+    return !wasRequested();
 }
 
 void Interruption::watch(orx::BaseTask* task) {

@@ -20,6 +20,8 @@ public:
 
     //! A signal has come.
     static bool wasRequested();
+    //! Blocks until \a descriptor can be read; false when a signal came instead, also when it came before.
+    static bool waitForInput(int descriptor);
     //! The task to cancel when a signal comes; cancelled at once when one has come already. Not owned.
     void watch(orx::BaseTask* task);
 

@@ -47,10 +47,10 @@ enum class Until { EndOfLine, EndOfInput };
 Result<QString> readPassword(Until until) {
     QByteArray text;
     for (;;) {
+        if (!Interruption::waitForInput(STDIN_FILENO))
+            return Error(ErrorCode::Canceled, QStringLiteral("Interrupted."));
         char byte = 0;
         const ssize_t count = ::read(STDIN_FILENO, &byte, 1);
-        if (Interruption::wasRequested())
-            return Error(ErrorCode::Canceled, QStringLiteral("Interrupted."));
         if (count < 0 && errno != EINTR)
             return Error::fromErrno(errno,
                                     QStringLiteral("The password cannot be read from standard input."));

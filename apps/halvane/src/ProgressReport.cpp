@@ -46,7 +46,8 @@ ProgressReport::~ProgressReport() {
 
 void ProgressReport::show() {
     const HalvaneTransferSnapshot now = HalvaneTransferMonitor::snapshot();
-    if (now.running == 0)
+    // Nothing runs while the server makes the last chunk durable; the line stays up to date all the same.
+    if (now.running == 0 && now.bytesTotal == 0)
         return;
     m_shown = true;
     const QString text = progressText(m_name, now.bytesDone, now.bytesTotal, now.bytesPerSecond,
