@@ -122,8 +122,13 @@ TEST_F(FolderCalls, WhatOneMayNotReadLooksAbsent) {
     const std::string fileId = std::to_string(file.at("id").get<int>());
     actAsAnna();
     const std::string base = "/files/" + fileId;
-    const std::vector<std::string> paths{"/folders/1", "/folders/1/folders", "/folders/" + std::to_string(hidden),
-                                         base, base + "/path", base + "/versions", base + "/versions/1/content",
+    const std::vector<std::string> paths{"/folders/1",
+                                         "/folders/1/folders",
+                                         "/folders/" + std::to_string(hidden),
+                                         base,
+                                         base + "/path",
+                                         base + "/versions",
+                                         base + "/versions/1/content",
                                          base + "/extended-metadata"};
     for (const std::string& path : paths) {
         const Reply reply = get(path);

@@ -73,9 +73,10 @@ TEST_F(Limits, ABodyWithoutALengthIsRefused) {
 }
 
 TEST_F(Limits, JsonThatIsMalformedOrTooDeepIsRefused) {
-    for (const std::string& body : {std::string(), std::string("{"), std::string("<html>"), std::string("[1]"),
-                                   std::string("{\"a\": \"\xFF\"}"),
-                                   "{\"a\":" + std::string(100'000, '[') + std::string(100'000, ']') + "}"}) {
+    for (const std::string& body :
+         {std::string(), std::string("{"), std::string("<html>"), std::string("[1]"),
+          std::string("{\"a\": \"\xFF\"}"),
+          "{\"a\":" + std::string(100'000, '[') + std::string(100'000, ']') + "}"}) {
         const Reply reply = rawCall("POST", "/folders", body);
         EXPECT_EQ(reply.status, 400) << body.substr(0, 20);
         EXPECT_EQ(reply.errorCode(), 1) << body.substr(0, 20);
