@@ -7,9 +7,9 @@
 #include "TextForms.h"
 
 #include <ExitCodes.h>
-#include <HostTasks.h>
 #include <ListItemsTask.h>
 #include <MakeFolderTask.h>
+#include <RunUntilIdle.h>
 #include <Session.h>
 
 #include <QFileInfo>

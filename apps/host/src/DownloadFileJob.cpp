@@ -1,16 +1,13 @@
 #include "DownloadFileJob.h"
 
-#include "HostTasks.h"
 #include "ResolveItemTask.h"
 
 #include <HalvaneDownloadFileTask.h>
-#include <HalvaneHistory.h>
 
 #include <QFileInfo>
 
 namespace halvane::host {
 
-using orx::BaseTask;
 using orx::Error;
 using orx::ErrorCode;
 using orx::HalvaneDownloadFileTask;
@@ -103,19 +100,8 @@ void DownloadFileJob::download() {
     execSubtask(std::make_unique<HalvaneDownloadFileTask>(parameters), [this](HalvaneDownloadFileTask* task) {
         m_item.sha256 = task->sha256();
         m_item.size = task->size();
-        recordVersion();
-    });
-}
-
-// The file is there and whole whatever becomes of the record, so that a failure is only a warning.
-void DownloadFileJob::recordVersion() {
-    auto record = std::make_unique<WorkerTask>(
-        QStringLiteral("Record version"), [path = localPath(), id = m_item.id, version = m_item.version] {
-            return orx::HalvaneHistory().setFileVersion(path, id, version);
-        });
-    execSubtask(std::unique_ptr<BaseTask>(std::move(record)), {}, [this](BaseTask* task) {
-        addWarning(QStringLiteral("The version could not be recorded in the local history: %1")
-                       .arg(task->error().errorMessage()));
+        for (const QString& warning : task->error().warnings())
+            addWarning(warning);
     });
 }
 

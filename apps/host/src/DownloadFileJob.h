@@ -19,8 +19,8 @@ struct DownloadRequest {
 };
 
 //! Brings one file of the server to a local path. What is at the path stays as it is until the new content is
-//! there, verified and durable. Records the version in the local history. Errors: those of ResolveItemTask
-//! and of HalvaneDownloadFileTask; a target that cannot be is found before any call
+//! there, verified and durable. The download task records the version in the local history. Errors: those of
+//! ResolveItemTask and of HalvaneDownloadFileTask; a target that cannot be is found before any call
 //! (ErrorCode::FileNotWritable, ErrorCode::AlreadyExists). Thread: that of the object.
 class HALVANE_HOST_EXPORT DownloadFileJob : public orx::ComplexTask {
     Q_OBJECT
@@ -43,7 +43,6 @@ private:
     orx::Error checkExisting();
     void onResolved(const RemoteItem& item);
     void download();
-    void recordVersion();
 
     DownloadRequest m_request;
     RemoteItem m_item;
