@@ -65,6 +65,7 @@ void BaseTask::runCanceled() {
 
 void BaseTask::cancel() {
     if (d->state == State::Finished) {
+        d->cancelRequested = d->cancelRequested || !isIdle(); // a body may still run
         cancelDescendants();
         return;
     }

@@ -110,6 +110,7 @@ protected:
 private:
     friend class SubtaskSet;
     friend class ComplexTask;
+    friend class Task;
     struct Private;
     std::unique_ptr<Private> d;
 };

@@ -187,6 +187,7 @@ void ComplexTask::restartWithGroup() {
     if (!isFinished())
         return;
     restart();
+    d->opened = true;
     if (groupTask()->isFinished())
         d->group->d->reopen();
 }

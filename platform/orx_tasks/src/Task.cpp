@@ -1,4 +1,5 @@
 #include "Task.h"
+#include "BaseTask_p.h"
 #include "TasksLog.h"
 #include "WorkerPool.h"
 
@@ -14,11 +15,9 @@ const QLoggingCategory& tasksLog() {
     return category;
 }
 
-namespace {
-
 //! One run of a body on a worker, shared by the worker's job and the task, so that neither depends on the
 //! other's life.
-class WorkerBody {
+class Task::WorkerBody {
 public:
     //! Thread: worker. Does nothing when the body was given up before.
     void run(const std::function<Error()>& body) {
@@ -66,8 +65,6 @@ private:
     Error m_result;
 };
 
-} // namespace
-
 struct Task::Private {
     ExecutionMode mode = ExecutionMode::Direct;
     std::shared_ptr<WorkerBody> body; //!< from start() until its result was taken over
@@ -104,8 +101,9 @@ Error Task::doExec() {
 
 void Task::run() {
     const QPointer<Task> guard(this);
+    const int thisRun = BaseTask::d->run;
     Error error = initialize();
-    if (!guard || !isRunning())
+    if (!guard || !isRunning() || BaseTask::d->run != thisRun)
         return;
     if (error.hasError())
         finish(error);
@@ -118,23 +116,27 @@ void Task::run() {
 void Task::start() {
     if (d->mode == ExecutionMode::Direct) {
         const QPointer<Task> guard(this);
+        const int thisRun = BaseTask::d->run;
         const Error error = doExec();
-        if (guard)
+        if (guard && BaseTask::d->run == thisRun)
             finish(error);
         return;
     }
     auto body = std::make_shared<WorkerBody>();
     d->body = body;
     WorkerPool::instance().submit([this, body] { body->run([this] { return doExec(); }); }, this,
-                                  [this, body] {
-                                      if (d->body != body)
-                                          return;
-                                      d->body.reset();
-                                      const QPointer<Task> guard(this);
-                                      finish(body->takeResult());
-                                      if (guard)
-                                          checkIdle();
-                                  });
+                                  [this, body, thisRun = BaseTask::d->run] { takeOver(body, thisRun); });
+}
+
+void Task::takeOver(const std::shared_ptr<WorkerBody>& body, int ofRun) {
+    if (d->body != body)
+        return;
+    d->body.reset();
+    const QPointer<Task> guard(this);
+    if (BaseTask::d->run == ofRun)
+        finish(body->takeResult());
+    if (guard)
+        checkIdle();
 }
 
 void Task::doCancel() {

@@ -47,6 +47,8 @@ protected:
     void awaitBody() override;
 
 private:
+    class WorkerBody;
+    void takeOver(const std::shared_ptr<WorkerBody>& body, int ofRun);
     struct Private;
     std::unique_ptr<Private> d;
 };
