@@ -4,6 +4,7 @@
 
 #include <QJsonDocument>
 #include <QObject>
+#include <QPointer>
 
 namespace orx::testing {
 namespace {
@@ -84,8 +85,11 @@ private:
     void deliver() {
         if (!m_server)
             return;
-        if (m_request.onBytesSent && m_request.body)
-            m_request.onBytesSent(m_request.body->size());
+        const QPointer<Call> guard(this);
+        if (const auto tell = m_request.onBytesSent; tell && m_request.body)
+            tell(m_request.body->size());
+        if (!guard)
+            return;
         if (m_request.sink && m_reply.status / 100 == 2 && !feedSink())
             return;
         m_server->m_calls.removeOne(this);

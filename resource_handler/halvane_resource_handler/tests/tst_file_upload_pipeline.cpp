@@ -487,5 +487,57 @@ TEST_F(FileUploadPipeline, AnUploadThatWaitsForADeadServerCanBeCancelled) {
     EXPECT_EQ(server.inFlightCount(), 0);
 }
 
+// Destroying the task from one of its own signals
+
+class DestroyedBySignal : public FileUploadPipeline, public ::testing::WithParamInterface<int> {};
+
+TEST_P(DestroyedBySignal, AnUploadMayBeDestroyedByWhoHearsOfItsProgress) {
+    server.service().setChunkSize(1);
+    auto task = std::make_unique<HalvaneFileUploadTask>(
+        uploadOf(path, 1, ItemType::Folder, Replace, Operator), nullptr);
+    const EventLog events(task.get());
+    QObject receiver;
+    QObject::connect(task.get(), &BaseTask::progress, &receiver, [&](int value) {
+        if (value >= GetParam())
+            task.reset();
+    });
+    task->exec();
+    ASSERT_TRUE(waitUntil([&] { return !task; }));
+    const qsizetype sent = server.log().size();
+    for (int i = 0; i < 5; ++i)
+        QCoreApplication::processEvents();
+    EXPECT_EQ(server.log().size(), sent);
+    EXPECT_EQ(server.inFlightCount(), 0);
+    EXPECT_EQ(events.count(QStringLiteral("finished")), 0);
+    EXPECT_EQ(cache.lookups, 0);
+    EXPECT_FALSE(isOpenHere(path));
+}
+
+// The upload is open; it is finalised; the metadata are there.
+INSTANTIATE_TEST_SUITE_P(FileUploadPipeline, DestroyedBySignal, ::testing::Values(1, 102, 103));
+
+TEST_F(FileUploadPipeline, AnUploadMayBeDestroyedByWhoHearsOfItsEnd) {
+    auto task = std::make_unique<HalvaneFileUploadTask>(uploadOf(path), nullptr);
+    QObject receiver;
+    QObject::connect(task.get(), &BaseTask::finished, &receiver, [&] { task.reset(); });
+    task->exec();
+    EXPECT_TRUE(waitUntil([&] { return !task; }));
+    EXPECT_EQ(server.service().files().size(), 1);
+}
+
+TEST_F(FileUploadPipeline, AFailedUploadMayBeDestroyedByWhoHearsOfItsEnd) {
+    server.service().addFile(QStringLiteral("run.mzML"), "old", 1, 7);
+    breakHistory();
+    for (const ItemType type : {ItemType::Folder, ItemType::File}) {
+        auto task = std::make_unique<HalvaneFileUploadTask>(
+            uploadOf(path, type == ItemType::File ? 7 : 1, type, ByName), nullptr);
+        QObject receiver;
+        QObject::connect(task.get(), &BaseTask::finished, &receiver, [&] { task.reset(); });
+        task->exec();
+        EXPECT_TRUE(waitUntil([&] { return !task; }));
+    }
+    EXPECT_EQ(server.count(QStringLiteral("POST /uploads")), 0);
+}
+
 } // namespace
 } // namespace orx::testing

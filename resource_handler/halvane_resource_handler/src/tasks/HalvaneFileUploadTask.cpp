@@ -12,6 +12,7 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QMap>
+#include <QPointer>
 
 namespace orx {
 namespace {
@@ -60,7 +61,8 @@ public:
     void onUploadFinalized(const HalvaneFinalizeUploadTask& task);
     void appendPutExtendedMetadataTask(int fileId);
 
-    void addProgress(int difference);
+    //! Adds and reports; returns false when a receiver destroyed the task, and this object with it.
+    bool addProgress(int difference);
 
     int currentProgress = 0;
     //! The raw value of the chunk task's last progress signal, not its percentage.
@@ -167,8 +169,9 @@ void HalvaneFileUploadTask::Private::onFilesListed(const HalvaneGetFilesTask& ta
         upload.targetItemType = HalvaneResourceReference::ItemType::File;
         q->setParameters(upload);
     }
-    if (Error error = initializeUpload(replacePolicy()); error.hasError())
-        q->finish(ORX_ECATCH(error));
+    const QPointer<HalvaneFileUploadTask> guard(q);
+    if (Error error = initializeUpload(replacePolicy()); error.hasError() && guard)
+        guard->finish(ORX_ECATCH(error));
 }
 
 Error HalvaneFileUploadTask::Private::initializeUpload(ReplacePolicy policy) {
@@ -214,8 +217,10 @@ void HalvaneFileUploadTask::Private::appendInitTask() {
 }
 
 void HalvaneFileUploadTask::Private::onUploadInitialized(const HalvaneInitUploadTask& task) {
-    addProgress(1);
-    uploadId = task.uploadId();
+    const int id = task.uploadId();
+    if (!addProgress(1))
+        return;
+    uploadId = id;
     appendPostChunksTask();
 }
 
@@ -245,12 +250,14 @@ void HalvaneFileUploadTask::Private::appendFinalizeTask(const QJsonObject& reque
 }
 
 void HalvaneFileUploadTask::Private::onUploadFinalized(const HalvaneFinalizeUploadTask& task) {
-    addProgress(1);
+    const HalvaneApiReference reference = task.createdFileReference();
+    const int fileId = task.createdFileId();
+    if (!addProgress(1))
+        return;
     const HalvaneFileUploadParameters upload = q->parameters();
-    q->setUploadedFile(
-        HalvaneUploadedFileInfo(task.createdFileReference(), upload.localPath, upload.targetFileName));
+    q->setUploadedFile(HalvaneUploadedFileInfo(reference, upload.localPath, upload.targetFileName));
     if (upload.extendedMetadata)
-        appendPutExtendedMetadataTask(task.createdFileId());
+        appendPutExtendedMetadataTask(fileId);
 }
 
 void HalvaneFileUploadTask::Private::appendPutExtendedMetadataTask(int fileId) {
@@ -259,9 +266,11 @@ void HalvaneFileUploadTask::Private::appendPutExtendedMetadataTask(int fileId) {
                    [this](HalvanePutExtendedMetaDataTask*) { addProgress(1); });
 }
 
-void HalvaneFileUploadTask::Private::addProgress(int difference) {
+bool HalvaneFileUploadTask::Private::addProgress(int difference) {
+    const QPointer<HalvaneFileUploadTask> guard(q);
     currentProgress = int(quint32(currentProgress) + quint32(difference));
     Q_EMIT q->progress(currentProgress, maxProgress);
+    return bool(guard);
 }
 
 } // namespace orx
