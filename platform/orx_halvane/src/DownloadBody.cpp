@@ -16,7 +16,10 @@ QByteArray contentRange(qint64 offset, qint64 size) {
 } // namespace
 
 DownloadBody::DownloadBody(const Expected& expected, std::function<void()> onBlock, const Limits& limits)
-    : m_expected(expected), m_onBlock(std::move(onBlock)), m_limits(limits) {}
+    : m_expected(expected)
+    , m_onBlock(std::move(onBlock))
+    , m_limits(limits)
+    , m_pool(limits.blockSize, 2 * limits.blocks) {}
 
 DownloadBody::DownloadBody(const Expected& expected, std::function<void()> onBlock)
     : DownloadBody(expected, std::move(onBlock), Limits()) {}
@@ -61,8 +64,8 @@ BodySink::Verdict DownloadBody::take(const char* data, qint64 size) {
 
 void DownloadBody::addToBlock(const char* data, qint64 size) {
     if (!m_filling) {
-        m_filling = std::make_shared<QByteArray>();
-        m_filling->reserve(m_limits.blockSize);
+        m_filling = m_pool.take();
+        m_filling->resize(0); // keeps the memory
     }
     m_filling->append(data, size);
     if (m_filling->size() == m_limits.blockSize)

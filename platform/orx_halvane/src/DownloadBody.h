@@ -1,6 +1,6 @@
 #pragma once
 
-#include "orx_halvane_export.h"
+#include "BufferPool.h"
 
 #include <NetworkRequest.h>
 
@@ -17,7 +17,7 @@ public:
     using Block = std::shared_ptr<const QByteArray>;
 
     struct Limits {
-        qint64 blockSize = 1024 * 1024;
+        qint64 blockSize = 512 * 1024;
         int blocks = 8;
     };
     struct Expected {
@@ -53,6 +53,8 @@ private:
     Expected m_expected;
     std::function<void()> m_onBlock;
     Limits m_limits;
+    //! As many blocks are being written as are complete; fresh memory would cost the event loop page faults.
+    BufferPool m_pool;
     qint64 m_left = 0;
     bool m_startsOver = false;
     bool m_paused = false;
