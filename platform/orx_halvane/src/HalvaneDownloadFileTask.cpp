@@ -64,7 +64,8 @@ public:
     //! Runs a job on the partial file; what is there of it is known afterwards.
     void runOnPartial(const QString& name, std::function<Error(PartialFile&)> job, std::function<void()> next,
                       std::function<void(const Error&)> onFailure = {});
-    void showProgress();
+    //! False when who heard of it destroyed the task, and this object with it.
+    bool showProgress();
 
     HalvaneDownloadFileTask* q;
     HalvaneFileDownloadParameters parameters;
@@ -118,15 +119,18 @@ int HalvaneDownloadFileTask::version() const {
 
 Error HalvaneDownloadFileTask::initialize() {
     ORX_RETURN_ON_ERROR(d->checkParameters());
+    const QPointer<HalvaneDownloadFileTask> guard(this);
     Q_EMIT progressInitiated(TransferProgress::maximum);
-    d->openPartial();
+    if (guard && isRunning())
+        d->openPartial();
     return Error();
 }
 
 Error HalvaneDownloadFileTask::doFinish() {
     if (!hasError()) {
         d->progress.complete();
-        d->showProgress();
+        if (!d->showProgress())
+            return Error();
     }
     d->partial.reset();
     d->transfer.reset();
@@ -206,8 +210,8 @@ void HalvaneDownloadFileTask::Private::hashWhatIsThere() {
             }
             resumed = arrived;
             progress.addResumed(resumed);
-            showProgress();
-            fetch();
+            if (showProgress())
+                fetch();
         });
 }
 
@@ -261,8 +265,8 @@ void HalvaneDownloadFileTask::Private::write() {
 void HalvaneDownloadFileTask::Private::onWritten() {
     writing = false;
     progress.setUnderWay(0, qMax(qint64(0), arrived - resumed));
-    showProgress();
-    write();
+    if (showProgress())
+        write();
 }
 
 void HalvaneDownloadFileTask::Private::onCallEnded(HalvaneContentCall* ended) {
@@ -372,13 +376,15 @@ void HalvaneDownloadFileTask::Private::runOnPartial(const QString& name,
         });
 }
 
-void HalvaneDownloadFileTask::Private::showProgress() {
+bool HalvaneDownloadFileTask::Private::showProgress() {
+    const QPointer<HalvaneDownloadFileTask> guard(q);
     if (transfer) {
         transfer->setResumed(progress.resumed());
         transfer->setDone(progress.done());
     }
     if (const std::optional<int> percent = progress.takePercent())
         Q_EMIT q->progress(*percent, TransferProgress::maximum);
+    return bool(guard);
 }
 
 std::unique_ptr<Task>

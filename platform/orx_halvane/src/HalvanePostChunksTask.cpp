@@ -59,7 +59,8 @@ public:
     void concludeFailure();
     void abandon();
     void forgetRecord();
-    void showProgress();
+    //! False when who heard of it destroyed the task, and this object with it.
+    bool showProgress();
 
     HalvanePostChunksTask* q;
     Input input;
@@ -97,18 +98,24 @@ HalvanePostChunksTask::HalvanePostChunksTask(const Input& input, QFile* file, QO
 HalvanePostChunksTask::~HalvanePostChunksTask() = default;
 
 Error HalvanePostChunksTask::initialize() {
+    const QPointer<HalvanePostChunksTask> guard(this);
     Q_EMIT progressInitiated(TransferProgress::maximum);
+    if (!guard || !isRunning())
+        return Error();
     d->takeSession();
     ORX_RETURN_ON_ERROR(d->takeDescriptor());
     return ORX_ECATCH(d->begin());
 }
 
 Error HalvanePostChunksTask::doFinish() {
-    if (hasError()) {
+    if (!hasError()) {
+        d->progress.complete();
+        if (!d->showProgress())
+            return Error();
+    }
+    if (hasError()) { // also when who heard of the end cancelled it
         d->giveUpSession();
     } else {
-        d->progress.complete();
-        d->showProgress();
         HalvaneUploadSessions::setContentSha256(d->input.uploadId, d->contentSha256);
         d->hold.dismiss(); // the finalisation holds it from here
     }
@@ -218,8 +225,8 @@ void HalvanePostChunksTask::Private::onRead(int index, ChunkReader::Chunk chunk)
         held.insert(index, std::move(chunk));
     else
         progress.addResumed(plan->length(index));
-    showProgress();
-    goOn();
+    if (showProgress())
+        goOn();
 }
 
 void HalvanePostChunksTask::Private::readEmpty() {
@@ -256,8 +263,8 @@ void HalvanePostChunksTask::Private::onSent(int index) {
     held.remove(index);
     progress.settle(index, plan->length(index));
     schedule->onSent(index);
-    showProgress();
-    goOn();
+    if (showProgress())
+        goOn();
 }
 
 void HalvanePostChunksTask::Private::onRefused(BaseTask* call, int index) {
@@ -359,13 +366,15 @@ void HalvanePostChunksTask::Private::forgetRecord() {
         });
 }
 
-void HalvanePostChunksTask::Private::showProgress() {
+bool HalvanePostChunksTask::Private::showProgress() {
+    const QPointer<HalvanePostChunksTask> guard(q);
     if (transfer) {
         transfer->setResumed(progress.resumed());
         transfer->setDone(progress.done());
     }
     if (const std::optional<int> percent = progress.takePercent())
         Q_EMIT q->progress(*percent, TransferProgress::maximum);
+    return bool(guard);
 }
 
 } // namespace orx

@@ -56,7 +56,7 @@ public:
         m_reply = reply;
         m_limit = bodyLimit;
         if (m_request.onBytesSent && m_request.body)
-            later([this] { m_request.onBytesSent(m_request.body->size() / 2); });
+            later([this] { (void)tellSent(m_request.body->size() / 2); });
         later([this] { begin(); });
     }
 
@@ -68,9 +68,16 @@ private:
         --m_fake.inFlight;
         m_fake.chunksInFlight -= m_isChunk;
     }
+    //! False when who heard of it deleted this object.
+    bool tellSent(qint64 bytes) {
+        const QPointer<Call> guard(this);
+        if (const auto tell = m_request.onBytesSent)
+            tell(bytes);
+        return bool(guard);
+    }
     void begin() {
-        if (m_request.onBytesSent && m_request.body && m_reply.status != 0)
-            m_request.onBytesSent(m_request.body->size());
+        if (m_request.body && m_reply.status != 0 && !tellSent(m_request.body->size()))
+            return;
         const bool toSink = m_request.sink && m_reply.status >= 200 && m_reply.status < 300;
         if (!toSink) {
             deliver(m_reply);

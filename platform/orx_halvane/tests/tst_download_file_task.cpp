@@ -344,6 +344,26 @@ TEST_F(DownloadFileTask, TheCreatorMakesOne) {
     EXPECT_EQ(get(name), content);
 }
 
+class DownloadDestroyedByProgress : public DownloadFileTask, public ::testing::WithParamInterface<int> {};
+
+TEST_P(DownloadDestroyedByProgress, LeavesNothingRunning) {
+    put(partial, content.left(4));
+    fake.expectFault({"GET /content", FakeHalvane::Fault::CutBody, {}, 12});
+    auto task = std::make_unique<HalvaneDownloadFileTask>(download());
+    QObject receiver;
+    QObject::connect(task.get(), &BaseTask::progress, &receiver, [&task](int value) {
+        if (value >= GetParam())
+            task.reset();
+    });
+    task->exec();
+    processUntil([&task] { return !task; });
+    EXPECT_EQ(fake.inFlight, 0);
+    EXPECT_EQ(entries(), QStringList{GetParam() == 100 ? name : partial});
+}
+
+// When what was there is known, when bytes were written, at the end.
+INSTANTIATE_TEST_SUITE_P(Values, DownloadDestroyedByProgress, ::testing::Values(1, 20, 100));
+
 class DownloadBodyTest : public ::testing::Test {
 protected:
     DownloadBody::Expected expected(qint64 offset) const { return {offset, 10, QByteArray(64, 'a')}; }

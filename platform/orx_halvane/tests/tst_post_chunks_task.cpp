@@ -316,4 +316,39 @@ TEST_F(PostChunksTask, DestroyedWhileItRunsItLeavesNoRequestAndNoDescriptor) {
     EXPECT_EQ(freeRecords().size(), 1);
 }
 
+class DestroyedByProgress : public PostChunksTask, public ::testing::WithParamInterface<int> {};
+
+TEST_P(DestroyedByProgress, LeavesNothingRunningAndTheRecordFree) {
+    const int id = init();
+    QFile file(path);
+    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+    auto task = std::make_unique<HalvanePostChunksTask>(input(id), &file);
+    QObject receiver;
+    QObject::connect(task.get(), &BaseTask::progress, &receiver, [&task](int value) {
+        if (value >= GetParam())
+            task.reset();
+    });
+    task->exec();
+    processUntil([&task] { return !task; });
+    EXPECT_EQ(fake.inFlight, 0);
+    EXPECT_EQ(freeRecords().size(), 1);
+    EXPECT_FALSE(HalvaneUploadSessions::find(id));
+}
+
+// While bytes go out, when a chunk has arrived, at the end.
+INSTANTIATE_TEST_SUITE_P(Values, DestroyedByProgress, ::testing::Values(1, 40, 100));
+
+TEST_F(PostChunksTask, CancelledByWhoHearsOfItsEndItReleasesTheRecord) {
+    const int id = init();
+    QFile file(path);
+    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+    HalvanePostChunksTask task(input(id), &file);
+    QObject::connect(&task, &BaseTask::progress, &task, [&task](int value) {
+        if (value == 100)
+            task.cancel();
+    });
+    EXPECT_TRUE(run(task).isCanceled());
+    EXPECT_EQ(freeRecords().size(), 1);
+}
+
 } // namespace
