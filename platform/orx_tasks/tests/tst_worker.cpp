@@ -4,10 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include <QCoreApplication>
 #include <QEventLoop>
-#include <QThread>
-#include <QTimer>
 
 #include <atomic>
 #include <future>
@@ -135,24 +132,21 @@ TEST(WorkerTask, AComplexTaskOfWorkersIsAwaitedOnAPlainThread) {
 }
 
 TEST(WorkerTask, RunsOnAThreadWithItsOwnEventLoop) {
-    QThread thread;
-    thread.start();
-    QObject context;
-    context.moveToThread(&thread);
-    std::promise<bool> ended;
-    std::unique_ptr<ScriptedTask> task;
-    QMetaObject::invokeMethod(&context, [&] {
-        task = workerTask([](ScriptedTask*) { return Error(); });
-        QObject::connect(task.get(), &BaseTask::idle, &context, [&] {
-            const bool onOwner = QThread::currentThread() == &thread;
-            task.release()->deleteLater();
-            ended.set_value(onOwner);
+    bool endedOnOwner = false;
+    // A plain thread with an event loop: what Qt hands over between its own threads is unknown to thread
+    // sanitizers.
+    std::thread([&] {
+        const std::thread::id owner = std::this_thread::get_id();
+        QEventLoop loop;
+        auto task = workerTask([](ScriptedTask*) { return Error(); });
+        QObject::connect(task.get(), &BaseTask::idle, &loop, [&] {
+            endedOnOwner = std::this_thread::get_id() == owner;
+            loop.quit();
         });
         task->exec();
-    });
-    EXPECT_TRUE(ended.get_future().get());
-    thread.quit();
-    thread.wait();
+        loop.exec();
+    }).join();
+    EXPECT_TRUE(endedOnOwner);
 }
 
 TEST(WorkerTask, TimesOutWhileTheBodyRuns) {
