@@ -23,6 +23,9 @@ if(ORX_SANITIZE)
   endif()
   # The interposed string functions of the sanitizers confuse this analysis.
   target_compile_options(orx_compile_options INTERFACE $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
+else()
+  # Copies of empty std::optional members are reported by the optimiser of GCC 12.
+  target_compile_options(orx_compile_options INTERFACE $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
 endif()
 target_compile_definitions(orx_compile_options INTERFACE
   QT_NO_CAST_FROM_ASCII QT_NO_CAST_TO_ASCII QT_NO_URL_CAST_FROM_STRING QT_NO_KEYWORDS

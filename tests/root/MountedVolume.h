@@ -7,7 +7,8 @@
 
 namespace orx::testing {
 
-//! A file system of its own for one test: mounted at path(), unmounted and removed at the end. Needs root. Failures are fatal test failures with the command's own words.
+//! A file system of its own for one test: mounted at path(), unmounted and removed at the end. Needs root.
+//! Failures are fatal test failures with the command's own words.
 class MountedVolume {
 public:
     //! A memory file system of \a megabytes, to be filled up.
@@ -17,7 +18,8 @@ public:
     ~MountedVolume();
 
     QString path() const { return m_dir.filePath(QStringLiteral("mnt")); }
-    //! What the disk would hold if the power went off now: the image is copied as it is, without telling the file system, and the copy is mounted, which replays its journal.
+    //! What the disk would hold if the power went off now: the image is copied as it is, without telling the
+    //! file system, and the copy is mounted, which replays its journal.
     std::unique_ptr<MountedVolume> afterPowerCut() const;
 
 private:

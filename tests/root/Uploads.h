@@ -13,11 +13,11 @@ struct Acknowledged {
 };
 
 //! Uploads one file into the root folder with the default options and waits for the end.
-inline Result<Acknowledged> upload(const QString& path)
-{
-    auto parameters = HalvaneFileUploadParameters::create(path, 1, HalvaneResourceReference::ItemType::Folder, QString(),
-                                                          std::optional<QList<HalvaneCompactExtendedMetaDataValue>>(),
-                                                          HalvaneUploadTask::DEFAULT_UPLOAD_POLICY_OPTIONS, std::nullopt);
+inline Result<Acknowledged> upload(const QString& path) {
+    auto parameters =
+        HalvaneFileUploadParameters::create(path, 1, HalvaneResourceReference::ItemType::Folder, QString(),
+                                            std::optional<QList<HalvaneCompactExtendedMetaDataValue>>(),
+                                            HalvaneUploadTask::DEFAULT_UPLOAD_POLICY_OPTIONS, std::nullopt);
     if (parameters.hasError())
         return parameters.error();
     const auto task = HalvaneFileUploadTask::create(*parameters);

@@ -19,8 +19,7 @@ using namespace orx::testing;
 
 namespace {
 
-int filesInRoot()
-{
+int filesInRoot() {
     HalvaneGetFilesTask task(1);
     task.exec();
     const Error error = task.waitForFinished();
@@ -30,8 +29,7 @@ int filesInRoot()
 
 } // namespace
 
-TEST(DiskFull, OfTheServerFailsTheUploadAndNothingElse)
-{
+TEST(DiskFull, OfTheServerFailsTheUploadAndNothingElse) {
     const auto disk = MountedVolume::tmpfs(24);
     ASSERT_TRUE(disk);
     RealServer server(disk->path() + QStringLiteral("/data"));
@@ -42,14 +40,14 @@ TEST(DiskFull, OfTheServerFailsTheUploadAndNothingElse)
 
     const Result<Acknowledged> large = upload(client.makeFile(QStringLiteral("large"), 40'000'000));
     ASSERT_TRUE(large.hasError());
-    EXPECT_TRUE(isHalvaneError(large.error(), HalvaneServerErrorCode::StorageFull)) << qPrintable(large.error().traceText());
+    EXPECT_TRUE(isHalvaneError(large.error(), HalvaneServerErrorCode::StorageFull))
+        << qPrintable(large.error().traceText());
     EXPECT_FALSE(large.errorMessage().isEmpty());
     EXPECT_EQ(filesInRoot(), 1);
     EXPECT_TRUE(server.isRunning());
 }
 
-TEST(DiskFull, OfTheServerLeavesRoomForOthersAfterTheUploadIsAbandoned)
-{
+TEST(DiskFull, OfTheServerLeavesRoomForOthersAfterTheUploadIsAbandoned) {
     const auto disk = MountedVolume::tmpfs(24);
     ASSERT_TRUE(disk);
     const QString filler = disk->path() + QStringLiteral("/filler");
@@ -70,8 +68,7 @@ TEST(DiskFull, OfTheServerLeavesRoomForOthersAfterTheUploadIsAbandoned)
     EXPECT_EQ(filesInRoot(), 1);
 }
 
-TEST(DiskFull, OfTheClientFailsTheDownloadAndKeepsTheOldFile)
-{
+TEST(DiskFull, OfTheClientFailsTheDownloadAndKeepsTheOldFile) {
     RealServer server;
     ASSERT_TRUE(server.start());
     ClientEnvironment client(server.url());
@@ -87,11 +84,16 @@ TEST(DiskFull, OfTheClientFailsTheDownloadAndKeepsTheOldFile)
         ASSERT_TRUE(old.open(QIODevice::WriteOnly));
         old.write("old content");
     }
-    auto reference = HalvaneFileResourceReference::create(sent->reference.fileId, sent->reference.version, QStringLiteral("measurement"));
-    HalvaneDownloadFileTask download({.reference = *reference, .targetDir = QDir(disk->path()), .overwrite = true});
+    auto reference = HalvaneFileResourceReference::create(sent->reference.fileId, sent->reference.version,
+                                                          QStringLiteral("measurement"));
+    HalvaneDownloadFileTask download({.reference = *reference,
+                                      .targetDir = QDir(disk->path()),
+                                      .targetName = QString(),
+                                      .overwrite = true});
     download.exec();
     const Error error = download.waitForFinished();
-    EXPECT_TRUE(error.is(ErrorDomain::OperatingSystem, ENOSPC) || error.is(ErrorCode::StorageFull)) << qPrintable(error.traceText());
+    EXPECT_TRUE(error.is(ErrorDomain::OperatingSystem, ENOSPC) || error.is(ErrorCode::StorageFull))
+        << qPrintable(error.traceText());
     EXPECT_TRUE(error.errorMessage().contains(disk->path())) << qPrintable(error.errorMessage());
     QFile old(target);
     ASSERT_TRUE(old.open(QIODevice::ReadOnly));

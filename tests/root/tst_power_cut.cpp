@@ -1,5 +1,7 @@
-// Cuts the power under a server that acknowledges uploads and looks whether everything acknowledged is on the disk. The server's data lies on a file system in an image file; what a disk would hold
-// after a power cut is a copy of that image, taken right after the last acknowledgement. Killing the process alone would prove nothing: the kernel keeps what was written.
+// Cuts the power under a server that acknowledges uploads and looks whether everything acknowledged is on the
+// disk. The server's data lies on a file system in an image file; what a disk would hold after a power cut is
+// a copy of that image, taken right after the last acknowledgement. Killing the process alone would prove
+// nothing: the kernel keeps what was written.
 #include "MountedVolume.h"
 #include "RealServer.h"
 #include "Uploads.h"
@@ -17,19 +19,18 @@ using namespace orx::testing;
 
 namespace {
 
-QByteArray contentOf(const QString& path)
-{
+QByteArray contentOf(const QString& path) {
     QFile file(path);
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("unreadable");
 }
 
 //! Uploads files below and above the size that goes into the database until \a count are acknowledged.
-QList<Acknowledged> uploadMany(const ClientEnvironment& client, int count)
-{
+QList<Acknowledged> uploadMany(const ClientEnvironment& client, int count) {
     QList<Acknowledged> acknowledged;
     for (int i = 0; i < count; ++i) {
         const qint64 size = i % 3 == 0 ? 3'000 + i : 100'000 + 70'000 * (i % 5);
-        const Result<Acknowledged> one = upload(client.makeFile(QStringLiteral("f%1").arg(i), size, quint32(i)));
+        const Result<Acknowledged> one =
+            upload(client.makeFile(QStringLiteral("f%1").arg(i), size, quint32(i)));
         EXPECT_FALSE(one.hasError()) << qPrintable(one.errorMessage());
         if (!one.hasError())
             acknowledged.append(*one);
@@ -38,23 +39,26 @@ QList<Acknowledged> uploadMany(const ClientEnvironment& client, int count)
 }
 
 //! How many of the acknowledged files cannot be read back whole from \a server.
-int countLost(const ClientEnvironment& client, const QList<Acknowledged>& acknowledged)
-{
+int countLost(const ClientEnvironment& client, const QList<Acknowledged>& acknowledged) {
     int lost = 0;
     for (const Acknowledged& file : acknowledged) {
-        auto reference = HalvaneFileResourceReference::create(file.reference.fileId, file.reference.version, QStringLiteral("f"));
-        HalvaneDownloadFileTask download(
-            {.reference = *reference, .targetDir = QDir(client.workDir()), .targetName = QStringLiteral("back"), .overwrite = true});
+        auto reference = HalvaneFileResourceReference::create(file.reference.fileId, file.reference.version,
+                                                              QStringLiteral("f"));
+        HalvaneDownloadFileTask download({.reference = *reference,
+                                          .targetDir = QDir(client.workDir()),
+                                          .targetName = QStringLiteral("back"),
+                                          .overwrite = true});
         download.exec();
-        const bool whole = !download.waitForFinished().hasError() && contentOf(download.targetPath()) == contentOf(file.localPath);
+        const bool whole = !download.waitForFinished().hasError() &&
+                           contentOf(download.targetPath()) == contentOf(file.localPath);
         lost += whole ? 0 : 1;
     }
     return lost;
 }
 
-//! One power cut after \a count acknowledgements; how many of them are gone: all when the server does not even start from what is left. With \a preload in the server process.
-int lostAfterPowerCut(int count, const QString& preload = QString())
-{
+//! One power cut after \a count acknowledgements; how many of them are gone: all when the server does not
+//! even start from what is left. With \a preload in the server process.
+int lostAfterPowerCut(int count, const QString& preload = QString()) {
     const auto disk = MountedVolume::ext4(192);
     if (!disk)
         return -1;
@@ -81,15 +85,13 @@ int lostAfterPowerCut(int count, const QString& preload = QString())
 
 } // namespace
 
-TEST(PowerCut, LosesNothingThatWasAcknowledged)
-{
+TEST(PowerCut, LosesNothingThatWasAcknowledged) {
     for (int round = 0; round < 3; ++round) {
         const int count = 6 + int(QRandomGenerator::global()->bounded(12));
         EXPECT_EQ(lostAfterPowerCut(count), 0) << "after " << count << " uploads";
     }
 }
 
-TEST(PowerCut, IsNoticedWhenTheServerDoesNotFlush)
-{
+TEST(PowerCut, IsNoticedWhenTheServerDoesNotFlush) {
     EXPECT_GT(lostAfterPowerCut(10, QStringLiteral(ORX_NO_FLUSH_LIBRARY)), 0);
 }

@@ -22,17 +22,16 @@ namespace {
 
 constexpr int WatchdogMs = 120'000;
 
-bool ranWell(const QProcess& process)
-{
+bool ranWell(const QProcess& process) {
     return process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
 }
 
 } // namespace
 
-bool waitUntil(const std::function<bool()>& condition)
-{
+bool waitUntil(const std::function<bool()>& condition) {
     const QDeadlineTimer watchdog(WatchdogMs);
-    // Conditions may depend on other processes, of which the event loop hears nothing: look again every few milliseconds.
+    // Conditions may depend on other processes, of which the event loop hears nothing: look again every few
+    // milliseconds.
     QTimer tick;
     tick.start(5);
     while (!condition()) {
@@ -43,35 +42,32 @@ bool waitUntil(const std::function<bool()>& condition)
     return true;
 }
 
-QString programPath(const QString& name)
-{
+QString programPath(const QString& name) {
     return QDir(QStringLiteral(ORX_BINARY_DIR)).filePath(name);
 }
 
 RealServer::RealServer(const QString& dataDir)
     : m_dataDir(dataDir.isEmpty() ? m_temporary.filePath(QStringLiteral("data")) : dataDir)
-    , m_logFile(m_temporary.filePath(QStringLiteral("server.log")))
-{
+    , m_logFile(m_temporary.filePath(QStringLiteral("server.log"))) {
     if (QFileInfo::exists(m_dataDir) && !QDir(m_dataDir).isEmpty())
         return;
-    admin({QStringLiteral("init"), QStringLiteral("--admin"), QString::fromLatin1(AdminName), QStringLiteral("--password-stdin")},
+    admin({QStringLiteral("init"), QStringLiteral("--admin"), QString::fromLatin1(AdminName),
+           QStringLiteral("--password-stdin")},
           QByteArray(AdminPassword) + '\n');
 }
 
-RealServer::~RealServer()
-{
+RealServer::~RealServer() {
     kill();
 }
 
-bool RealServer::start()
-{
+bool RealServer::start() {
     const bool up = tryStart();
-    EXPECT_TRUE(up) << "halvane-server did not start: " << qPrintable(m_process->errorString()) << log().constData();
+    EXPECT_TRUE(up) << "halvane-server did not start: " << qPrintable(m_process->errorString())
+                    << log().constData();
     return up;
 }
 
-bool RealServer::tryStart()
-{
+bool RealServer::tryStart() {
     const QString portFile = m_temporary.filePath(QStringLiteral("port"));
     QFile::remove(portFile);
     m_process = std::make_unique<QProcess>();
@@ -84,40 +80,39 @@ bool RealServer::tryStart()
     clearRequests();
     m_process->start(programPath(QStringLiteral("halvane-server")),
                      QStringList{QStringLiteral("--data"), m_dataDir, QStringLiteral("--listen"),
-                                 QStringLiteral("127.0.0.1:%1").arg(m_port), QStringLiteral("--port-file"), portFile} +
+                                 QStringLiteral("127.0.0.1:%1").arg(m_port), QStringLiteral("--port-file"),
+                                 portFile} +
                          m_arguments);
-    const bool up = waitUntil(
-        [&] { return QFileInfo::exists(portFile) || m_process->state() == QProcess::NotRunning; }) && QFileInfo::exists(portFile);
+    const bool up = waitUntil([&] {
+                        return QFileInfo::exists(portFile) || m_process->state() == QProcess::NotRunning;
+                    }) &&
+                    QFileInfo::exists(portFile);
     QFile file(portFile);
     if (up && file.open(QIODevice::ReadOnly))
         m_port = file.readAll().trimmed().toUShort();
     return up && m_port != 0;
 }
 
-bool RealServer::stop()
-{
+bool RealServer::stop() {
     if (!isRunning())
         return false;
     m_process->terminate();
     return m_process->waitForFinished(WatchdogMs) && ranWell(*m_process);
 }
 
-void RealServer::kill()
-{
+void RealServer::kill() {
     if (!isRunning())
         return;
     m_process->kill();
     m_process->waitForFinished(WatchdogMs);
 }
 
-QByteArray RealServer::log() const
-{
+QByteArray RealServer::log() const {
     QFile file(m_logFile);
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
-QList<RealServer::Request> RealServer::requests() const
-{
+QList<RealServer::Request> RealServer::requests() const {
     QList<Request> found;
     const QList<QByteArray> lines = log().mid(m_logMark).split('\n');
     for (const QByteArray& line : lines) {
@@ -125,28 +120,27 @@ QList<RealServer::Request> RealServer::requests() const
         if (!object.contains(QStringLiteral("method")))
             continue;
         found.append({object[QStringLiteral("method")].toString(), object[QStringLiteral("path")].toString(),
-                      object[QStringLiteral("status")].toInt(), qint64(object[QStringLiteral("bytes_in")].toDouble()),
+                      object[QStringLiteral("status")].toInt(),
+                      qint64(object[QStringLiteral("bytes_in")].toDouble()),
                       qint64(object[QStringLiteral("bytes_out")].toDouble())});
     }
     return found;
 }
 
-void RealServer::clearRequests()
-{
+void RealServer::clearRequests() {
     m_logMark = QFileInfo(m_logFile).size();
 }
 
-int RealServer::countRequests(const QString& method, const QString& part) const
-{
+int RealServer::countRequests(const QString& method, const QString& part) const {
     const QList<Request> all = requests();
     return int(std::count_if(all.begin(), all.end(),
                              [&](const Request& r) { return r.method == method && r.path.contains(part); }));
 }
 
-QByteArray RealServer::admin(const QStringList& arguments, const QByteArray& standardInput)
-{
+QByteArray RealServer::admin(const QStringList& arguments, const QByteArray& standardInput) {
     QProcess process;
-    process.start(programPath(QStringLiteral("halvane-server")), arguments + QStringList{QStringLiteral("--data"), m_dataDir});
+    process.start(programPath(QStringLiteral("halvane-server")),
+                  arguments + QStringList{QStringLiteral("--data"), m_dataDir});
     process.write(standardInput);
     process.closeWriteChannel();
     EXPECT_TRUE(process.waitForFinished(WatchdogMs) && ranWell(process))
@@ -154,31 +148,28 @@ QByteArray RealServer::admin(const QStringList& arguments, const QByteArray& sta
     return process.readAllStandardOutput();
 }
 
-ClientEnvironment::ClientEnvironment(const QUrl& url)
-{
+ClientEnvironment::ClientEnvironment(const QUrl& url) {
     EXPECT_TRUE(QDir().mkpath(configDir()) && QDir().mkpath(workDir()));
     qputenv("HALVANE_CONFIG_DIR", QFile::encodeName(configDir()));
     qputenv("HALVANE_CACHE_DIR", QFile::encodeName(m_dir.filePath(QStringLiteral("cache"))));
-    HalvaneConnection::instance().setSettings(HalvaneSettings(HalvaneMachineSettings(url), HalvaneUserSettings()));
+    HalvaneConnection::instance().setSettings(
+        HalvaneSettings(HalvaneMachineSettings(url), HalvaneUserSettings()));
 }
 
-ClientEnvironment::~ClientEnvironment()
-{
+ClientEnvironment::~ClientEnvironment() {
     HalvaneConnection::instance().setCredentials(QString(), QByteArray());
     HalvaneConnection::instance().setSettings(HalvaneSettings());
     qunsetenv("HALVANE_CONFIG_DIR");
     qunsetenv("HALVANE_CACHE_DIR");
 }
 
-bool ClientEnvironment::login(const QString& user, const QString& password)
-{
+bool ClientEnvironment::login(const QString& user, const QString& password) {
     const Error error = tryLogin(user, password);
     EXPECT_FALSE(error.hasError()) << qPrintable(error.traceText());
     return !error.hasError();
 }
 
-Error ClientEnvironment::tryLogin(const QString& user, const QString& password)
-{
+Error ClientEnvironment::tryLogin(const QString& user, const QString& password) {
     HalvaneLoginTask task(user, password);
     task.exec();
     const Error error = task.waitForFinished();
@@ -186,8 +177,7 @@ Error ClientEnvironment::tryLogin(const QString& user, const QString& password)
     return error;
 }
 
-QString ClientEnvironment::makeFile(const QString& name, qint64 size, quint32 seed) const
-{
+QString ClientEnvironment::makeFile(const QString& name, qint64 size, quint32 seed) const {
     const QString path = QDir(workDir()).filePath(name);
     QFile file(path);
     EXPECT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
@@ -195,7 +185,8 @@ QString ClientEnvironment::makeFile(const QString& name, qint64 size, quint32 se
     QByteArray block(64 * 1024, Qt::Uninitialized);
     for (qint64 left = size; left > 0; left -= block.size()) {
         random.fillRange(reinterpret_cast<quint32*>(block.data()), block.size() / qsizetype(sizeof(quint32)));
-        EXPECT_EQ(file.write(block.constData(), qMin<qint64>(left, block.size())), qMin<qint64>(left, block.size()));
+        EXPECT_EQ(file.write(block.constData(), qMin<qint64>(left, block.size())),
+                  qMin<qint64>(left, block.size()));
     }
     return path;
 }

@@ -12,13 +12,15 @@
 
 namespace orx::testing {
 
-//! Processes this thread's events until \a condition is true; false after a generous watchdog (30 s, times ten under sanitizers).
+//! Processes this thread's events until \a condition is true; false after a generous watchdog (30 s, times
+//! ten under sanitizers).
 bool waitUntil(const std::function<bool()>& condition);
 //! bin/NAME of the build that this test belongs to.
 QString programPath(const QString& name);
 
-//! The real halvane-server as a process on an ephemeral port of the loopback interface. Failures of the process are test failures with its own words. The server is killed
-//! and its data removed when the object goes.
+//! The real halvane-server as a process on an ephemeral port of the loopback interface. Failures of the
+//! process are test failures with its own words. The server is killed and its data removed when the object
+//! goes.
 class RealServer {
 public:
     //! One line of the request log.
@@ -33,7 +35,8 @@ public:
     static constexpr auto AdminName = "admin";
     static constexpr auto AdminPassword = "correct horse battery";
 
-    //! Prepares a data directory (in \a dataDir, or in a temporary one when that is empty) unless it is prepared already. Does not start the server.
+    //! Prepares a data directory (in \a dataDir, or in a temporary one when that is empty) unless it is
+    //! prepared already. Does not start the server.
     explicit RealServer(const QString& dataDir = QString());
     ~RealServer();
 
@@ -57,13 +60,15 @@ public:
     QString dataDir() const { return m_dataDir; }
     //! What the process printed; its structured log.
     QByteArray log() const;
-    //! The request lines of the log since the last start or clearRequests(), in the order in which the replies went out.
+    //! The request lines of the log since the last start or clearRequests(), in the order in which the
+    //! replies went out.
     QList<Request> requests() const;
     void clearRequests();
     //! Requests whose method is \a method and whose path contains \a part.
     int countRequests(const QString& method, const QString& part) const;
 
-    //! Runs an administrative command of the server program on this data directory ("--data" is added); its standard output.
+    //! Runs an administrative command of the server program on this data directory ("--data" is added); its
+    //! standard output.
     QByteArray admin(const QStringList& arguments, const QByteArray& standardInput = QByteArray());
 
 private:
@@ -77,7 +82,8 @@ private:
     qint64 m_logMark = 0;
 };
 
-//! Points HalvaneConnection, the configuration and the cache directory of this process at a server and at temporary directories for the life of the object, and logs in.
+//! Points HalvaneConnection, the configuration and the cache directory of this process at a server and at
+//! temporary directories for the life of the object, and logs in.
 class ClientEnvironment {
 public:
     explicit ClientEnvironment(const QUrl& url);
