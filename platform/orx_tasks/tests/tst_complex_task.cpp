@@ -394,6 +394,39 @@ TEST(ComplexGroup, AFailedChildIsToldAndEndsTheTaskWithTheGroupsError) {
     EXPECT_FALSE(task.isCanceled());
 }
 
+TEST(ComplexGroup, TheGroupsErrorIsNotLostWhenTheLastStepEndsWithinItsFinished) {
+    Running c;
+    c.task.appendSubtask(instant(failure(u"child broke"_qs)));
+    QObject::connect(c.task.groupTask(), &BaseTask::finished, &c.task, [&] { c.keeper->finish(Error()); });
+    c.task.execSubtasks();
+    EXPECT_TRUE(c.task.isFinished());
+    EXPECT_EQ(c.task.error().errorMessage(), u"child broke");
+}
+
+TEST(ComplexGroup, ABatchStartedInACancelledTaskIsToldAndNeverRuns) {
+    EventLog log;
+    Complex task;
+    Manual first, second;
+    log.watch(first.task, u"first"_qs);
+    log.watch(second.task, u"second"_qs);
+    task.onInitialize = [&](Complex* self) {
+        self->execSubtask(instant(), [&, self](BaseTask*) {
+            self->cancel();
+            for (Manual* child : {&first, &second}) {
+                const QString name = child == &first ? u"first failed"_qs : u"second failed"_qs;
+                self->appendSubtask(child->take(), {}, log.note(name));
+                self->execSubtasks();
+            }
+        });
+        return Error();
+    };
+    task.exec();
+    EXPECT_EQ(log.str(), "first canceled, first finished, first idle, first failed (canceled), "
+                         "second canceled, second finished, second idle, second failed (canceled)");
+    EXPECT_TRUE(task.groupTask()->isCanceled());
+    EXPECT_TRUE(task.isFinished());
+}
+
 TEST(ComplexGroup, WithRunAllTheTaskEndsWhenAllHaveEndedWithTheFirstError) {
     EventLog log;
     Complex task;
@@ -596,6 +629,8 @@ TEST(CustomComplexTask, StartsTheNamedSubtasksOnly) {
         return Error();
     };
     task.exec();
+    EXPECT_TRUE(task.isRunning());
+    EXPECT_EQ(task.groupTask()->pendingCount(), 1);
     EXPECT_TRUE(a->isRunning());
     EXPECT_EQ(b->state(), BaseTask::State::Created);
     a->finish(Error());

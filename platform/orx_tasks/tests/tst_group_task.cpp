@@ -304,6 +304,41 @@ TEST(GroupNesting, ACancelReachesTheDescendantsOfAFinishedChild) {
     EXPECT_TRUE(outer.isFinished());
 }
 
+TEST(GroupNesting, AChildThatRestartsWithinFinishedIsContinuedWhenItHasEndedForGood) {
+    EventLog log;
+    GroupTask group;
+    auto child = std::make_unique<ScriptedTask>();
+    ScriptedTask* const raw = child.get();
+    bool again = true;
+    QObject::connect(raw, &BaseTask::finished, raw, [&] {
+        if (std::exchange(again, false))
+            raw->restart();
+    });
+    group.addTask(std::move(child), log.note(u"ok"_qs), log.note(u"failed"_qs));
+    group.exec();
+    EXPECT_EQ(log.str(), "");
+    EXPECT_TRUE(group.isRunning());
+    raw->finish(failure(u"second run"_qs));
+    EXPECT_EQ(log.str(), "failed");
+    EXPECT_TRUE(group.isFinished());
+}
+
+TEST(GroupDestruction, SilencesAChildThatFinishesInItsDestructor) {
+    class Abrupt : public ManualTask {
+    public:
+        ~Abrupt() override { finish(Error()); }
+    };
+    EventLog log;
+    auto group = std::make_unique<GroupTask>();
+    auto child = std::make_unique<Abrupt>();
+    log.watch(child.get(), u"child"_qs);
+    group->addTask(std::move(child), log.note(u"ok"_qs), log.note(u"failed"_qs));
+    group->exec();
+    log.clear();
+    group.reset();
+    EXPECT_EQ(log.str(), "");
+}
+
 TEST(GroupDestruction, WhileRunningLeavesNoCallback) {
     EventLog log;
     auto group = std::make_unique<GroupTask>();
@@ -357,6 +392,25 @@ TEST(GroupCaptures, LiveUntilTheChildIsDone) {
     group.exec();
     EXPECT_FALSE(watch.expired());
     a->finish(Error());
+    EXPECT_TRUE(watch.expired());
+}
+
+TEST(GroupCaptures, LiveUntilAFinishedChildIsIdle) {
+    auto token = std::make_shared<int>(1);
+    const std::weak_ptr<int> watch(token);
+    GroupTask group;
+    Manual grandchild;
+    auto child = std::make_unique<Complex>();
+    child->onInitialize = [&](Complex* self) {
+        self->execSubtask(grandchild.take());
+        self->finish(Error());
+        return Error();
+    };
+    group.addTask(std::move(child), [token](BaseTask*) {});
+    token.reset();
+    group.exec();
+    EXPECT_FALSE(watch.expired());
+    grandchild->finish(Error());
     EXPECT_TRUE(watch.expired());
 }
 

@@ -292,20 +292,27 @@ TEST(WorkerDestruction, OfATreeWaitsForEveryBodyWithoutHelpOfTheSubtasks) {
     EXPECT_EQ(returned, 2);
 }
 
-TEST(WorkerPoolSubmit, RunsTheCompletionOnTheSubmittersThreadAfterTheJob) {
-    std::atomic<bool> jobDone = false;
-    bool completed = false;
-    auto held = std::make_shared<int>(1);
-    const std::weak_ptr<int> watch(held);
-    bool released = false;
+TEST(WorkerPoolSubmit, RunsTheCompletionOnTheSubmittersThreadAfterTheJobAndItsCaptures) {
+    std::atomic<bool> jobDone = false, released = false;
+    bool completed = false, last = false;
+    // Takes its time, so that a completion which does not wait for it is seen to come first.
+    const auto release = [&](int* value) {
+        for (int i = 0; i < 10'000; ++i)
+            std::this_thread::yield();
+        delete value;
+        released = true;
+    };
+    std::shared_ptr<int> held(new int(1), release);
     WorkerPool::instance().submit([&, held = std::move(held)] { jobDone = true; }, nullptr,
                                   [&] {
-                                      completed = jobDone;
-                                      released = watch.expired();
+                                      completed = true;
+                                      last = jobDone && released;
                                   });
     EXPECT_FALSE(completed);
     EXPECT_TRUE(OwnerInbox::ofThisThread()->waitUntil([&] { return completed; }, std::nullopt));
-    EXPECT_TRUE(released);
+    EXPECT_TRUE(last);
+    while (!released) // what it refers to is of this function
+        std::this_thread::yield();
 }
 
 TEST(WorkerPoolSubmit, DropsTheCompletionWhenTheContextIsGone) {
@@ -352,6 +359,22 @@ TEST(WorkerPoolSubmit, AThreadThatEndsDropsWhatIsLeftForIt) {
     bool later = false;
     WorkerPool::instance().submit([] {}, nullptr, [&] { later = true; });
     OwnerInbox::ofThisThread()->waitUntil([&] { return later; }, std::nullopt);
+    EXPECT_FALSE(called);
+}
+
+TEST(OwnerInboxOfAnEndedThread, DropsCallsAtOnce) {
+    auto token = std::make_shared<int>(1);
+    const std::weak_ptr<int> watch(token);
+    std::shared_ptr<OwnerInbox> inbox;
+    bool called = false;
+    std::thread([&] {
+        inbox = OwnerInbox::ofThisThread();
+        inbox->post([&, token] { called = true; });
+    }).join();
+    EXPECT_EQ(token.use_count(), 1);
+    inbox->post([&, token] { called = true; });
+    token.reset();
+    EXPECT_TRUE(watch.expired());
     EXPECT_FALSE(called);
 }
 
