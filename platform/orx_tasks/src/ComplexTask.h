@@ -16,9 +16,10 @@ namespace orx {
 //! child failure policy decides (see GroupTask); the complex task ends with the group's error. A failure that
 //! comes when the task has finished is logged.
 //!
-//! Continuations are called on the owner's thread, also after finish(), as long as the task object lives; not
-//! inside the continuation that added them. One of a subtask that ends within its exec() is called before
-//! execSubtask() returns to initialize().
+//! Continuations are called on the owner's thread, also after finish(), as long as the task object lives. One
+//! of a subtask that ends within its exec() is called before execSubtask() or execSubtasks() returns; but
+//! what the continuation of a step starts as a further step, or that of a group's child in the group, is
+//! continued when that continuation has returned.
 //!
 //! Cancelled, it cancels its subtasks, tells their failure continuations and finishes when they have ended.
 //! Whatever is started after that is cancelled before it runs: a failure continuation that tries again asks
