@@ -32,8 +32,8 @@ private:
 //! 100 for empty and fully resumed files too. A chunk counts as there only when its XXH3-128, taken now from
 //! the file, equals the server's. The SHA-256 of the whole content goes with the last request. Reading and
 //! hashing happen on workers; two chunks in flight, from pooled buffers. A file that shrinks, grows or is
-//! changed meanwhile fails with ErrorCode::FileChanged, and the upload is abandoned; after any other failure a
-//! later run goes on with it.
+//! changed meanwhile fails with ErrorCode::FileChanged, and the upload is abandoned; after any other failure
+//! a later run goes on with it.
 class ORX_HALVANE_EXPORT HalvanePostChunksTask : public HalvaneComplexTask {
     Q_OBJECT
 public:
