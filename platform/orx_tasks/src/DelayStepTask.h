@@ -1,15 +1,15 @@
 #pragma once
 
-#include "orx_halvane_export.h"
+#include "orx_tasks_export.h"
 
-#include <Task.h>
+#include "Task.h"
 
 #include <chrono>
 
 namespace orx {
 
 //! One step of a larger task that waits, without anything running meanwhile. Ends at once when cancelled.
-class ORX_HALVANE_EXPORT DelayStepTask : public Task {
+class ORX_TASKS_EXPORT DelayStepTask : public Task {
     Q_OBJECT
 public:
     explicit DelayStepTask(std::chrono::milliseconds delay);

@@ -1,6 +1,6 @@
 #include "WorkerStepTask.h"
 
-#include <WorkerPool.h>
+#include "WorkerPool.h"
 
 namespace orx {
 

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "orx_halvane_export.h"
+#include "orx_tasks_export.h"
 
-#include <Task.h>
+#include "Task.h"
 
 #include <atomic>
 #include <functional>
@@ -14,7 +14,7 @@ namespace orx {
 //! it works on, so that the task may be destroyed while it runs. Cancelled, the step does not begin a job
 //! that waits, and ends when a job that runs has returned: after the step nothing touches what the job works
 //! on. Jobs are to be short.
-class ORX_HALVANE_EXPORT WorkerStepTask : public Task {
+class ORX_TASKS_EXPORT WorkerStepTask : public Task {
     Q_OBJECT
 public:
     using Job = std::function<Error()>;

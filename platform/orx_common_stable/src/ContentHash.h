@@ -1,6 +1,6 @@
 #pragma once
 
-#include "orx_halvane_export.h"
+#include "orx_common_stable_export.h"
 
 #include <QByteArray>
 
@@ -10,7 +10,7 @@ struct XXH3_state_s;
 namespace orx {
 
 //! SHA-256 of a content that comes piece by piece. Thread: one at a time.
-class ORX_HALVANE_EXPORT ContentHash {
+class ORX_COMMON_STABLE_EXPORT ContentHash {
 public:
     ContentHash();
     ~ContentHash();
@@ -30,7 +30,7 @@ private:
 };
 
 //! XXH3-128 of one chunk that comes piece by piece. Thread: one at a time.
-class ORX_HALVANE_EXPORT ChunkHash {
+class ORX_COMMON_STABLE_EXPORT ChunkHash {
 public:
     ChunkHash();
     ~ChunkHash();
