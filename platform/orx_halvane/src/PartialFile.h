@@ -1,6 +1,8 @@
 #pragma once
 
-#include "ContentHash.h"
+#include "orx_halvane_export.h"
+
+#include <ContentHash.h>
 
 #include <Result.h>
 
