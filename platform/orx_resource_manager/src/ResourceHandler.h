@@ -1,43 +1,87 @@
 #pragma once
 
-#include "orx_resource_manager_export.h"
+#include "GetSiblingsTask.h"
+#include "ResourceHandlerTypes.h"
+#include "ResourceMetadata.h"
 
 #include <PathImpl.h>
-#include <ResourceReference.h>
-#include <Result.h>
+#include <Task.h>
 
-#include <functional>
+#include <optional>
 
 namespace orx {
 
 class ResourceCache;
 
-//! Answers for one reference. Held by QSharedPointer. Thread: that of its maker.
+//! Asks a person during a retrieval. Thread: that of the handler's user.
+class ORX_RESOURCE_MANAGER_EXPORT ResourcePromptingInterface {
+public:
+    virtual ~ResourcePromptingInterface();
+    //! Whether \a reference, which is not here, may be fetched.
+    virtual bool mayFetch(const ResourceReference& reference) = 0;
+};
+
+//! Answers for one reference. Held by QSharedPointer. Thread: that of its maker. The calls named "blocking"
+//! process events of the thread while they wait; the others never wait.
 class ORX_RESOURCE_MANAGER_EXPORT ResourceHandler {
 public:
+    //! The values are fixed.
+    enum class RetrieveMode : int {
+        Refresh = 0,    //!< fetched anew; the entry that is there is replaced when the new one is whole
+        CacheFirst = 1, //!< from the cache when valid there, else fetched into it; the default
+        CacheOnly = 2   //!< ErrorCode::NotFound when not valid in the cache
+    };
+    //! The values are fixed.
+    enum class AsyncProcessingType : int {
+        StartedHere = 0, //!< the returned task runs already
+        RunByCaller = 1  //!< the caller runs the returned task
+    };
+
     virtual ~ResourceHandler();
+    virtual Result<ResourceCleanupPolicy> cleanupPolicy() const = 0;
+    virtual Error setCleanupPolicy(ResourceCleanupPolicy policy) = 0;
+    //! Whether expectedPath() holds the resource, whole, by its size and time.
+    virtual bool isAvailableLocally() const = 0;
+    //! The base fails with ErrorCode::InvalidArgument: such a resource has no siblings to list.
+    virtual Result<std::unique_ptr<GetSiblingsTask>> siblings() const;
+
     ResourceReferenceSPtr reference() const { return m_reference; }
+    //! For the following retrievals of this handler.
+    void overrideRetrieveMode(RetrieveMode mode) { m_retrieveMode = mode; }
+    RetrieveMode retrieveMode() const { return m_retrieveMode; }
+    //! Where the resource lies when it is available locally; it need not be there.
+    Result<PathImpl<PathType::Unknown>> expectedPath() const { return localPath(); }
+    //! A task that makes the resource available, by the retrieve mode; null when nothing needs to be fetched.
+    //! \a prompting may be null (nobody is asked); a refusal is ErrorCode::Canceled. From a successful
+    //! retrieval on, this handler keeps what lies at expectedPath() from being pruned until it is destroyed.
+    Result<std::unique_ptr<Task>> retrieveAsync(AsyncProcessingType type,
+                                                ResourcePromptingInterface* prompting);
+    //! Blocking: makes it available and returns expectedPath().
+    Result<PathImpl<PathType::Unknown>> retrieve(ResourcePromptingInterface* prompting = nullptr);
+    //! The task's variant result holds a QSharedPointer<orx::ResourceMetadata>.
+    std::unique_ptr<Task> retrieveMetadataAsync() const { return retrieveMetadataTask(); }
+    //! Blocking.
+    Result<QSharedPointer<ResourceMetadata>> retrieveMetadata() const;
+    //! The task's variant result is a bool.
+    std::unique_ptr<Task> existsAsync() const { return existsTask(); }
+    //! Blocking.
+    Result<bool> exists() const;
 
 protected:
-    ResourceHandler(const ResourceReferenceSPtr& reference, ResourceCache* cache);
+    ResourceHandler(const QSharedPointer<ResourceReference>& reference, ResourceCache* cache);
     //! Not owned; may be null.
     ResourceCache* cache() const { return m_cache; }
 
+    virtual std::unique_ptr<Task> existsTask() const = 0;
+    //! What retrieveAsync() returns, by the retrieve mode; none when nothing needs to be fetched.
+    virtual std::optional<std::unique_ptr<Task>> retrieveTask() = 0;
+    virtual std::unique_ptr<Task> retrieveMetadataTask() const = 0;
+    virtual Result<PathImpl<PathType::Unknown>> localPath() const = 0;
+
 private:
-    ResourceReferenceSPtr m_reference;
+    QSharedPointer<ResourceReference> m_reference;
     ResourceCache* m_cache;
-};
-
-//! A handler whose resource lies elsewhere and is kept in the cache.
-class ORX_RESOURCE_MANAGER_EXPORT RemoteResourceHandler : public ResourceHandler {
-public:
-    using Writer = std::function<Error()>;
-    ~RemoteResourceHandler() override;
-    //! Makes \a localPath the cached content of the resource.
-    virtual Error addToCache(const Path& localPath) = 0;
-
-protected:
-    using ResourceHandler::ResourceHandler;
+    RetrieveMode m_retrieveMode = RetrieveMode::CacheFirst;
 };
 
 } // namespace orx

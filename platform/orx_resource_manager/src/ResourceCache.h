@@ -1,0 +1,125 @@
+#pragma once
+
+#include "ResourceHandlerTypes.h"
+
+#include <PathImpl.h>
+#include <Result.h>
+#include <ResourceReference.h>
+#include <Task.h>
+
+#include <QDateTime>
+#include <QList>
+
+#include <chrono>
+#include <functional>
+#include <optional>
+
+namespace orx {
+
+//! One entry, as a listing shows it.
+struct ORX_RESOURCE_MANAGER_EXPORT ResourceCacheEntry {
+    QString subPath;
+    PathType type = PathType::Unknown;
+    qint64 bytes = 0;
+    qint64 files = 0;
+    //! Of a file: 64 lower-case hexadecimal digits; empty for a directory.
+    QString sha256;
+    QDateTime addedAt;
+    QDateTime lastUsedAt;
+    ResourceCleanupPolicy policy = ResourceCleanupPolicy::Automatic;
+};
+
+//! Keeps an entry from being removed while it lives, also by other processes. Movable.
+class ORX_RESOURCE_MANAGER_EXPORT ResourceCacheLease {
+public:
+    ResourceCacheLease();
+    ~ResourceCacheLease();
+    ResourceCacheLease(ResourceCacheLease&&) noexcept;
+    ResourceCacheLease& operator=(ResourceCacheLease&&) noexcept;
+    bool isHeld() const;
+
+private:
+    friend class ResourceCache;
+    struct Private;
+    std::unique_ptr<Private> d;
+};
+
+//! What remote resources are kept in on this machine: one directory, shared by any number of processes. An
+//! entry appears whole or not at all; its size and time are compared with its record at each use, and an
+//! entry that differs is not there (the next retrieval fetches it again). Thread: any, unless said otherwise.
+//! docs/cache.md tells the layout and the locking.
+class ORX_RESOURCE_MANAGER_EXPORT ResourceCache {
+public:
+    struct Limits {
+        //! Of all content together; entries beyond it go, least recently used first.
+        std::optional<qint64> maxBytes;
+        //! Since the last use.
+        std::optional<std::chrono::seconds> maxAge;
+    };
+    struct PruneReport {
+        QList<ResourceCacheEntry> removed;
+        qint64 bytesRemoved = 0;
+        qint64 bytesLeft = 0;
+        //! Would have gone, but somebody uses them.
+        int inUse = 0;
+    };
+    struct VerifyReport {
+        qint64 entries = 0;
+        qint64 bytes = 0;
+        //! Damaged entries, each with what is wrong; they are removed from the cache.
+        QList<std::pair<QString, QString>> damaged;
+    };
+    //! What the server said the content of a resource is; hexadecimal SHA-256, empty when unknown.
+    using ChecksumSource = std::function<QString(const ResourceReference&)>;
+
+    //! Nothing is touched on the disk before the first use; the directories are made with access for the
+    //! owner only.
+    explicit ResourceCache(const QString& rootDir);
+    ~ResourceCache();
+
+    QString rootDir() const;
+    void setLimits(const Limits& limits);
+    void setChecksumSource(ChecksumSource source);
+
+    //! Where \a subPath lies. ErrorCode::InvalidArgument for one that is empty, absolute, has an empty, "."
+    //! or ".." component, a NUL, or a component that this file system cannot hold (over 255 bytes).
+    Result<Path> expectedPath(const QString& subPath) const;
+    //! Whether there is a whole entry whose size and time are as recorded.
+    bool contains(const QString& subPath) const;
+    //! A lease of a valid entry, which also counts as its use; none when it is not there.
+    std::optional<ResourceCacheLease> lease(const QString& subPath);
+    Result<ResourceCleanupPolicy> cleanupPolicy(const QString& subPath) const;
+    //! ErrorCode::NotFound without an entry.
+    Error setCleanupPolicy(const QString& subPath, ResourceCleanupPolicy policy);
+
+    //! Fills the entry: \a fetch makes the task that brings the content into the directory it is given, under
+    //! the last component of \a subPath. Of several tasks and processes that fill one entry one works and the
+    //! others wait for it. What an interrupted fill left is there for the next one of the same entry to
+    //! resume. With \a replace an entry that is there is fetched anew. The task ends when the entry is
+    //! durable and visible, with progress of the fetch. Thread: the owner's.
+    std::unique_ptr<Task> fillTask(const ResourceReferenceSPtr& reference, const QString& subPath,
+                                   std::function<std::unique_ptr<Task>(const DirPath&)> fetch, bool replace);
+
+    //! See RemoteResourceHandler::addToCache(). Thread: one with an event loop or WorkerPool completions.
+    Error add(const ResourceReferenceSPtr& reference, const QString& subPath, const Path& source);
+    Error add(const ResourceReferenceSPtr& reference, const QString& subPath,
+              const std::function<Error()>& writer);
+    //! Blocks until what add() began is in the cache or has failed; the failures, for people.
+    QStringList waitForPending();
+    //! Gives up what add() began; what is half done disappears.
+    void dropPending();
+
+    //! By sub-path. Blocks on the disk, like those below.
+    Result<QList<ResourceCacheEntry>> entries() const;
+    Result<VerifyReport> verify(const std::function<bool(qint64 bytesDone)>& progress = {});
+    //! \a limits instead of the cache's own, where given.
+    Result<PruneReport> prune(const Limits& limits = {});
+    //! ErrorCode::Busy when somebody uses it.
+    Error remove(const QString& subPath);
+
+private:
+    struct Private;
+    std::unique_ptr<Private> d;
+};
+
+} // namespace orx
