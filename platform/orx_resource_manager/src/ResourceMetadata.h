@@ -7,8 +7,10 @@
 
 #include <QJsonObject>
 #include <QList>
+#include <QMetaType>
 #include <QObject>
 #include <QSharedPointer>
+#include <QVariant>
 
 namespace orx {
 
@@ -37,6 +39,14 @@ public:
     virtual QJsonObject toJson() const;
     //! Replaces the content; what was read before the first failure stays changed.
     virtual Error loadFromJson(const QJsonObject& json) = 0;
+
+    //! The type of a task's variant result that holds metadata; registered, once, under the name
+    //! "QSharedPointer<orx::ResourceMetadata>". Thread: any.
+    static QMetaType sharedPointerType();
+    //! \a metadata as such a result.
+    static QVariant toVariant(const QSharedPointer<ResourceMetadata>& metadata);
+    //! What toVariant() was given; null for a variant of any other type.
+    static QSharedPointer<ResourceMetadata> fromVariant(const QVariant& variant);
 
     //! A default-constructed T (which may name this class a friend) that has read \a json, or the error of
     //! its loadFromJson().

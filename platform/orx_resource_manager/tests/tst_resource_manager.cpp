@@ -1,32 +1,12 @@
-#include "ResourceManager.h"
-
-#include <HalvaneResourceReference.h>
-
-#include <gtest/gtest.h>
+// Which scheme makes which handler.
+#include "ResourceProbes.h"
 
 using namespace orx;
+using namespace orx::probes;
 
 namespace {
 
 constexpr auto kScheme = ResourceReference::Scheme::Halvane;
-
-class FakeHandler final : public RemoteResourceHandler {
-public:
-    explicit FakeHandler(const ResourceReferenceSPtr& reference)
-        : RemoteResourceHandler(reference, nullptr) {}
-    Error addToCache(const Path& localPath) override {
-        m_added = localPath;
-        return Error();
-    }
-    Path added() const { return m_added; }
-
-private:
-    Path m_added;
-};
-
-ResourceReferenceSPtr sampleReference() {
-    return *HalvaneFileResourceReference::create(12, 3, QStringLiteral("run1.mzML"));
-}
 
 class ResourceManagerTest : public ::testing::Test {
 protected:
@@ -35,8 +15,8 @@ protected:
 
 ResourceHandlerFactory::Factory fakeFactory() {
     return [](const ResourceReferenceSPtr& reference,
-              ResourceCache*) -> Result<QSharedPointer<ResourceHandler>> {
-        return QSharedPointer<ResourceHandler>(new FakeHandler(reference));
+              ResourceCache* cache) -> Result<QSharedPointer<ResourceHandler>> {
+        return QSharedPointer<ResourceHandler>(new SampleHandler(reference, cache));
     };
 }
 
@@ -52,7 +32,9 @@ TEST_F(ResourceManagerTest, SaysWhichSchemeIsNotRegistered) {
 }
 
 TEST_F(ResourceManagerTest, RefusesANullReference) {
-    EXPECT_TRUE(ResourceManager::getHandler(nullptr).error().is(ErrorCode::InvalidArgument));
+    ResourceHandlerFactory::registerResourceHandlerScheme(kScheme, fakeFactory());
+    expectError(ResourceManager::getHandler(nullptr), ErrorCode::InvalidArgument,
+                QStringLiteral("No reference was given to make a handler for."));
 }
 
 TEST_F(ResourceManagerTest, GivesTheHandlerThatTheSchemeMakes) {
@@ -61,10 +43,7 @@ TEST_F(ResourceManagerTest, GivesTheHandlerThatTheSchemeMakes) {
     const auto handler = ResourceManager::getHandler(reference);
     ASSERT_TRUE(handler) << qPrintable(handler.errorMessage());
     EXPECT_EQ((*handler)->reference(), reference);
-    const auto remote = handler->dynamicCast<RemoteResourceHandler>();
-    ASSERT_TRUE(remote);
-    EXPECT_FALSE(remote->addToCache(Path(QStringLiteral("/a"), PathType::File)).hasError());
-    EXPECT_EQ(remote.staticCast<FakeHandler>()->added().type(), PathType::File);
+    EXPECT_EQ(handler->staticCast<SampleHandler>()->cache(), nullptr);
 }
 
 TEST_F(ResourceManagerTest, ALaterRegistrationReplacesTheEarlier) {
@@ -88,7 +67,8 @@ TEST_F(ResourceManagerTest, AFactoryThatMakesNothingIsAnError) {
         kScheme, [](const ResourceReferenceSPtr&, ResourceCache*) -> Result<QSharedPointer<ResourceHandler>> {
             return QSharedPointer<ResourceHandler>();
         });
-    EXPECT_TRUE(ResourceManager::getHandler(sampleReference()).error().is(ErrorCode::General));
+    expectError(ResourceManager::getHandler(sampleReference()), ErrorCode::General,
+                QStringLiteral("No handler was made for \"run1.mzML (file:12@3)\"."));
 }
 
 TEST_F(ResourceManagerTest, AFactoryMayUseTheRegistryItself) {

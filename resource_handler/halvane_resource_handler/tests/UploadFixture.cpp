@@ -25,24 +25,42 @@ void keepErrors(QtMsgType type, const QMessageLogContext& context, const QString
     }
 }
 
-class ProbedRemoteHandler : public RemoteResourceHandler {
+//! What uploads ask of no handler.
+template <typename Base>
+class ProbedHandler : public Base {
+public:
+    ProbedHandler(const ResourceReferenceSPtr& reference, ResourceCache* cache) : Base(reference, cache) {}
+    Result<ResourceCleanupPolicy> cleanupPolicy() const override { return ResourceCleanupPolicy::Automatic; }
+    Error setCleanupPolicy(ResourceCleanupPolicy) override { return Error(); }
+    bool isAvailableLocally() const override { return false; }
+
+protected:
+    std::unique_ptr<Task> existsTask() const override { return nullptr; }
+    std::unique_ptr<Task> retrieveMetadataTask() const override { return nullptr; }
+    using Base::retrieveTask;
+    std::optional<std::unique_ptr<Task>> retrieveTask() override { return std::nullopt; }
+    Result<Path> localPath() const override { return Path(QStringLiteral("/nowhere")); }
+};
+
+class ProbedRemoteHandler : public ProbedHandler<RemoteResourceHandler> {
 public:
     ProbedRemoteHandler(const ResourceReferenceSPtr& reference, ResourceCache* cache, CacheProbe* probe)
-        : RemoteResourceHandler(reference, cache), m_probe(probe) {}
+        : ProbedHandler(reference, cache), m_probe(probe) {}
     Error addToCache(const Path& localPath) override {
         m_probe->cached.append(localPath);
         return m_probe->answer;
     }
 
+protected:
+    using ProbedHandler::retrieveTask;
+    std::unique_ptr<Task> retrieveTask(const DirPath&) override { return nullptr; }
+    QString subCachePath() const override { return QStringLiteral("nowhere"); }
+
 private:
     CacheProbe* m_probe;
 };
 
-class OtherHandler : public ResourceHandler {
-public:
-    OtherHandler(const ResourceReferenceSPtr& reference, ResourceCache* cache)
-        : ResourceHandler(reference, cache) {}
-};
+using OtherHandler = ProbedHandler<ResourceHandler>;
 
 } // namespace
 

@@ -5,7 +5,7 @@
 #include <HalvaneFileUploadParameters.h>
 #include <HalvaneUploadedInfo.h>
 #include <PathImpl.h>
-#include <ResourceHandler.h>
+#include <RemoteResourceHandler.h>
 
 #include <optional>
 
