@@ -93,7 +93,8 @@ protected:
 
     void setVariantResult(const QVariant& result);
     //! Brings a finished task back to running: clears the error and the cancelled state, emits nothing. The
-    //! caller then starts what is to run; the run ends by another finish().
+    //! caller then starts what is to run; the run ends by another finish(). Not while a body of this task
+    //! still runs on a worker (see isIdle()).
     void restart();
     //! Re-evaluates isIdle() after something changed, and emits idle() when due.
     void checkIdle();
@@ -110,6 +111,7 @@ protected:
 private:
     friend class SubtaskSet;
     friend class ComplexTask;
+    friend class GroupTask;
     friend class Task;
     struct Private;
     std::unique_ptr<Private> d;

@@ -28,6 +28,7 @@ struct ComplexTask::Private : TaskObserver {
     std::list<Subtask> appended;
     SubtaskSet steps;
     bool opened = false;    //!< initialize() succeeded: from now on the task finishes by itself
+    bool awaiting = false;  //!< restarted, and nothing was started since
     bool groupRuns = false; //!< from its start until it was heard to have finished
 };
 
@@ -49,6 +50,7 @@ void ComplexTask::Private::setGroup(std::unique_ptr<GroupTask> newGroup) {
 void ComplexTask::Private::startGroup() {
     const QPointer<GroupTask> guard(group.get());
     groupRuns = true;
+    awaiting = false;
     switch (group->state()) {
     case State::Created:
         if (q->isCanceled())
@@ -89,7 +91,8 @@ void ComplexTask::Private::taskFinished(BaseTask*) {
 void ComplexTask::Private::settle() {
     if (!steps.isSettled())
         return;
-    if (opened && q->isRunning() && steps.isEmpty() && !(isGroupBusy() && q->waitsForGroup()))
+    const bool mayEnd = opened && (!awaiting || q->isCanceled());
+    if (mayEnd && q->isRunning() && steps.isEmpty() && !(isGroupBusy() && q->waitsForGroup()))
         q->finish(Error());
     else
         q->checkIdle();
@@ -129,6 +132,7 @@ void ComplexTask::execSubtask(std::unique_ptr<BaseTask> task, Continuation onSuc
         finish(ORX_ECATCH(Error(ErrorCode::InvalidArgument, tr("A subtask is missing."))));
         return;
     }
+    d->awaiting = false;
     std::list<Subtask> list;
     SubtaskSet::enlist(list, &list, std::move(task), std::move(onSuccess), std::move(onFailure));
     d->steps.start(list, list.begin(), isCanceled());
@@ -184,10 +188,14 @@ void ComplexTask::setGroupTask(std::unique_ptr<GroupTask> group) {
 }
 
 void ComplexTask::restartWithGroup() {
-    if (!isFinished())
+    const QPointer<ComplexTask> guard(this);
+    if (isFinished() && d->isGroupBusy())
+        d->group->finish(Error()); // its children go on; it may take new ones even if it was cancelled
+    if (!guard || !isFinished())
         return;
     restart();
-    d->opened = true;
+    d->steps.beginRun();
+    d->opened = d->awaiting = true;
     if (groupTask()->isFinished())
         d->group->d->reopen();
 }

@@ -66,7 +66,8 @@ protected:
     //! Replaces the group, before anything was started in it. Takes ownership.
     void setGroupTask(std::unique_ptr<GroupTask> group);
     //! Brings the finished task and its group back to running. What is to run is then started by
-    //! execSubtask() or execSubtasks(), or the task is finished.
+    //! execSubtask() or execSubtasks(), or the task is finished. Subtasks that the last run left behind go on
+    //! and are waited for; they do not end the new run, and what fails of them is only logged.
     void restartWithGroup();
     //! Starts these appended subtasks together.
     void startInGroup(const QList<BaseTask*>& tasks);

@@ -22,9 +22,11 @@ void GroupTask::Private::adopt(std::list<Subtask>& subtasks) {
 
 void GroupTask::Private::reopen() {
     q->BaseTask::restart();
+    running.beginRun();
     firstError = Error();
     stopping = false;
     opened = true;
+    awaiting = true;
 }
 
 void GroupTask::Private::startWaiting() {
@@ -33,6 +35,7 @@ void GroupTask::Private::startWaiting() {
     const QPointer<GroupTask> guard(q);
     starting = true;
     while (!waiting.empty()) {
+        awaiting = false;
         running.start(waiting, waiting.begin(), stopping || q->isCanceled());
         if (!guard)
             return;
@@ -56,7 +59,13 @@ void GroupTask::Private::onChildFailed(const Error& error) {
 void GroupTask::Private::settle() {
     if (starting || !running.isSettled())
         return;
-    if (running.isEmpty() && waiting.empty() && opened && q->isRunning()) {
+    const bool due = running.isEmpty() && waiting.empty() && opened && q->isRunning();
+    if (due && awaiting && !q->isCanceled()) {
+        if (q->BaseTask::d->observer) // what was left behind has ended
+            q->BaseTask::d->observer->taskIdle(q);
+        return;
+    }
+    if (due) {
         opened = false;
         q->finish(firstError.hasError() ? ORX_ECATCH(firstError) : firstError);
         return;

@@ -44,7 +44,9 @@ public:
     int pendingCount() const;
     bool isIdle() const override;
     //! Brings the finished group back to running, with what was added since. Without any it stays running
-    //! until children were added and have ended. A group is restarted by the complex task it belongs to.
+    //! until children were added and have ended. Children that the last run left behind (it was ended by
+    //! finish()) are waited for; what fails of them is only logged. A group is restarted by the complex task
+    //! it belongs to.
     void restart();
 
 protected:

@@ -25,6 +25,7 @@ struct GroupTask::Private {
     SubtaskSet running;
     Error firstError;
     bool opened = false;   //!< the run has come to its children
+    bool awaiting = false; //!< reopened, and nothing was started since
     bool starting = false; //!< startWaiting() is at work
     bool stopping = false; //!< a failure ended the run: whatever remains is cancelled
 };

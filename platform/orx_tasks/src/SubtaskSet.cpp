@@ -96,6 +96,11 @@ void SubtaskSet::start(std::list<Subtask>& list, std::list<Subtask>::iterator su
     work();
 }
 
+void SubtaskSet::beginRun() {
+    for (Subtask& subtask : m_subtasks)
+        subtask.leftBehind = true;
+}
+
 void SubtaskSet::cancelAll() {
     const auto alive = m_alive;
     ++m_depth;
@@ -191,17 +196,25 @@ bool SubtaskSet::tell(Subtask& subtask) {
     const bool told = bool(continuation);
     slot = std::move(continuation);
     if (error.hasError())
-        m_owner.failed(error, told);
+        report(error, told, subtask.leftBehind);
     return *alive;
+}
+
+void SubtaskSet::report(const Error& error, bool told, bool leftBehind) {
+    if (!leftBehind)
+        m_owner.failed(error, told);
+    else if (!told)
+        qCWarning(tasksLog).noquote() << "a subtask of an earlier run failed:" << error.errorMessage();
 }
 
 bool SubtaskSet::forget(Subtask& subtask) {
     const auto alive = m_alive;
     const bool lost = subtask.lost;
+    const bool leftBehind = subtask.leftBehind;
     m_subtasks.erase(subtask.self);
     if (lost)
-        m_owner.failed(Error(ErrorCode::General, BaseTask::tr("A subtask was deleted before it had ended.")),
-                       false);
+        report(Error(ErrorCode::General, BaseTask::tr("A subtask was deleted before it had ended.")), false,
+               leftBehind);
     return *alive;
 }
 

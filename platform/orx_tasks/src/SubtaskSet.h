@@ -16,9 +16,10 @@ struct Subtask {
     GroupTask::Continuation onFailure;
     const void* owner = nullptr; //!< the set or the list that holds it
     std::list<Subtask>::iterator self;
-    bool queued = false; //!< in the set's queue of changes
-    bool ended = false;  //!< finished, and its continuation has not been called for it
-    bool lost = false;   //!< destroyed by somebody else before it had ended
+    bool queued = false;     //!< in the set's queue of changes
+    bool ended = false;      //!< finished, and its continuation has not been called for it
+    bool lost = false;       //!< destroyed by somebody else before it had ended
+    bool leftBehind = false; //!< of an earlier run of the owner
 };
 
 //! Deletes \a task when control returns to the event loop, or when the thread ends. One deferred event serves
@@ -44,6 +45,8 @@ public:
 
     //! Starts the task of \a list's element and moves it here; cancels it first if \a canceled.
     void start(std::list<Subtask>& list, std::list<Subtask>::iterator subtask, bool canceled);
+    //! The owner runs again: what fails of those that are here is no failure of the new run, and is logged.
+    void beginRun();
     //! Cancels all that are here.
     void cancelAll();
     void requestStop();
@@ -69,6 +72,7 @@ private:
     void work();
     bool workOff(Subtask& subtask);
     bool tell(Subtask& subtask);
+    void report(const Error& error, bool told, bool leftBehind);
     bool forget(Subtask& subtask);
     void retire(Subtask& subtask);
 

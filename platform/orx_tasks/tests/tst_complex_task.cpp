@@ -614,6 +614,147 @@ TEST(ComplexRetry, MayBeAskedForWithinFinished) {
     EXPECT_FALSE(task.hasError());
 }
 
+TEST(ComplexRetry, WhatTheLastRunLeftBehindDoesNotEndTheNext) {
+    Running c;
+    c.task.finish(Error());
+    c.task.restartWithGroup();
+    c.keeper->finish(Error());
+    EXPECT_TRUE(c.task.isRunning());
+    EXPECT_EQ(c.log.str(), "c finished");
+
+    Manual again;
+    c.task.execSubtask(again.take(), c.log.note(u"again ok"_qs));
+    again->finish(Error());
+    EXPECT_EQ(c.log.str(), "c finished, again ok, c finished, c idle");
+    EXPECT_FALSE(c.task.hasError());
+}
+
+TEST(ComplexRetry, AFailureOfWhatTheLastRunLeftBehindIsLoggedAndDoesNotEndTheNext) {
+    static QStringList messages;
+    messages.clear();
+    Running c;
+    c.task.finish(Error());
+    c.task.restartWithGroup();
+    Manual again;
+    c.task.execSubtask(again.take());
+    const auto previous = qInstallMessageHandler(
+        [](QtMsgType, const QMessageLogContext&, const QString& text) { messages << text; });
+    c.keeper->finish(failure(u"of the last run"_qs));
+    qInstallMessageHandler(previous);
+    EXPECT_TRUE(messages.join(u'\n').contains(u"of the last run"_qs));
+    EXPECT_TRUE(c.task.isRunning());
+    again->finish(Error());
+    EXPECT_TRUE(c.task.isFinished());
+    EXPECT_FALSE(c.task.hasError());
+}
+
+TEST(ComplexRetry, ACancelledOneThatStartedNothingEnds) {
+    Complex task;
+    task.onInitialize = [](Complex* self) {
+        self->appendSubtask(instant());
+        self->execSubtasks();
+        return Error();
+    };
+    task.exec();
+    task.restartWithGroup();
+    ASSERT_TRUE(task.isRunning());
+    ASSERT_TRUE(task.groupTask()->isRunning());
+    task.cancel();
+    EXPECT_TRUE(task.isFinished());
+    EXPECT_TRUE(task.groupTask()->isFinished());
+    EXPECT_TRUE(task.error().isCanceled());
+}
+
+TEST(ComplexRetry, ChildrenThatTheLastRunLeftBehindDoNotEndTheNext) {
+    Running c;
+    Manual left, again;
+    c.task.appendSubtask(left.take());
+    c.task.execSubtasks();
+    c.keeper->finish(Error());
+    c.task.finish(Error());
+    c.task.restartWithGroup();
+    EXPECT_TRUE(c.task.groupTask()->isRunning());
+    c.task.appendSubtask(again.take(), c.log.note(u"again ok"_qs));
+    c.task.execSubtasks();
+    left->finish(failure(u"of the last run"_qs));
+    EXPECT_TRUE(c.task.isRunning());
+    EXPECT_FALSE(again->isCanceled());
+    again->finish(Error());
+    EXPECT_EQ(c.log.str(), "c finished, again ok, c finished, c idle");
+    EXPECT_FALSE(c.task.hasError());
+}
+
+TEST(ComplexRetry, EndsWhenItsStepsAndTheChildrenLeftBehindHaveEnded) {
+    Running c;
+    Manual left;
+    c.task.appendSubtask(left.take());
+    c.task.execSubtasks();
+    c.keeper->finish(Error());
+    c.task.finish(Error());
+    c.task.restartWithGroup();
+    c.task.execSubtask(instant());
+    EXPECT_TRUE(c.task.isRunning());
+    left->finish(Error());
+    EXPECT_TRUE(c.task.isFinished());
+    EXPECT_TRUE(c.task.isIdle());
+}
+
+TEST(ComplexRetry, AGroupThatWasCancelledInTheLastRunTakesNewChildren) {
+    Running c;
+    Manual again;
+    auto* stubborn = new StubbornTask;
+    c.task.appendSubtask(std::unique_ptr<BaseTask>(stubborn));
+    c.task.execSubtasks();
+    c.task.cancel();
+    c.task.finish(Error());
+    c.task.restartWithGroup();
+    c.task.appendSubtask(again.take());
+    c.task.execSubtasks();
+    EXPECT_FALSE(again->isCanceled());
+    stubborn->finish(Error());
+    again->finish(Error());
+    EXPECT_TRUE(c.task.isFinished());
+    EXPECT_FALSE(c.task.hasError());
+}
+
+class ComplexAppended : public testing::TestWithParam<bool> {};
+
+TEST_P(ComplexAppended, ContinuationsGivenAtTheStartReplaceThoseItWasAppendedWith) {
+    const bool fails = GetParam();
+    EventLog log;
+    Complex task;
+    task.onInitialize = [&](Complex* self) {
+        auto step = instant(fails ? failure(u"broke"_qs) : Error());
+        BaseTask* const raw = step.get();
+        self->appendSubtask(std::move(step), log.note(u"appended ok"_qs), log.note(u"appended failed"_qs));
+        self->execSubtask(raw, log.note(u"given ok"_qs), log.note(u"given failed"_qs));
+        return Error();
+    };
+    task.exec();
+    EXPECT_EQ(log.str(), fails ? "given failed" : "given ok");
+    EXPECT_EQ(task.error().errorMessage(), fails ? u"broke"_qs : QString());
+}
+
+TEST_P(ComplexAppended, AContinuationThatIsNotGivenAtTheStartIsKept) {
+    const bool fails = GetParam();
+    EventLog log;
+    Complex task;
+    task.onInitialize = [&](Complex* self) {
+        auto step = instant(fails ? failure(u"broke"_qs) : Error());
+        BaseTask* const raw = step.get();
+        self->appendSubtask(std::move(step), log.note(u"appended ok"_qs), log.note(u"appended failed"_qs));
+        if (fails)
+            self->execSubtask(raw, log.note(u"given ok"_qs));
+        else
+            self->execSubtask(raw, {}, log.note(u"given failed"_qs));
+        return Error();
+    };
+    task.exec();
+    EXPECT_EQ(log.str(), fails ? "appended failed" : "appended ok");
+}
+
+INSTANTIATE_TEST_SUITE_P(Ends, ComplexAppended, testing::Bool());
+
 TEST(CustomComplexTask, WaitsForItsSubtasksUnlessItSaysOtherwise) {
     EXPECT_EQ(CustomComplexTask().waitMode(), CustomComplexTask::WaitMode::WaitForSubtasks);
 }
@@ -635,6 +776,31 @@ TEST(CustomComplexTask, StartsTheNamedSubtasksOnly) {
     EXPECT_EQ(b->state(), BaseTask::State::Created);
     a->finish(Error());
     EXPECT_TRUE(task.isFinished());
+}
+
+TEST(CustomComplexTask, StartsEachNamedSubtaskOnceInTheOrderOfTheList) {
+    EventLog log;
+    CustomComplex task;
+    Manual a, b;
+    BaseTask* const rawA = a.task;
+    BaseTask* const rawB = b.task;
+    log.watch(rawA, u"a"_qs);
+    log.watch(rawB, u"b"_qs);
+    task.onInitialize = [&](CustomComplex* self) {
+        self->appendSubtask(a.take(), log.note(u"a ok"_qs));
+        self->appendSubtask(b.take(), log.note(u"b ok"_qs));
+        self->execSubtasks({rawB, rawA, nullptr, rawB});
+        self->execSubtasks({rawA, rawB});
+        return Error();
+    };
+    task.exec();
+    EXPECT_EQ(log.str(), "b started, a started");
+    EXPECT_EQ(task.groupTask()->pendingCount(), 2);
+    a->finish(Error());
+    b->finish(Error());
+    EXPECT_EQ(log.str(), "b started, a started, a finished, a ok, a idle, b finished, b ok, b idle");
+    EXPECT_TRUE(task.isFinished());
+    EXPECT_FALSE(task.hasError());
 }
 
 TEST(CustomComplexTask, AnEmptyListDoesNothing) {

@@ -323,6 +323,47 @@ TEST(GroupNesting, AChildThatRestartsWithinFinishedIsContinuedWhenItHasEndedForG
     EXPECT_TRUE(group.isFinished());
 }
 
+TEST(GroupRestart, WhatTheLastRunLeftBehindDoesNotEndTheNext) {
+    GroupTask group;
+    Manual left, again;
+    group.addTask(left.take());
+    group.exec();
+    group.finish(Error());
+    group.restart();
+    left->finish(failure(u"of the last run"_qs));
+    EXPECT_TRUE(group.isRunning());
+    group.addTask(again.take());
+    EXPECT_TRUE(again->isRunning());
+    again->finish(Error());
+    EXPECT_TRUE(group.isFinished());
+    EXPECT_FALSE(group.hasError());
+}
+
+TEST(GroupRestart, AChildOfTheLastRunThatFailsCancelsNobody) {
+    GroupTask group;
+    Manual left, again;
+    group.addTask(left.take());
+    group.exec();
+    group.finish(Error());
+    group.restart();
+    group.addTask(again.take());
+    left->finish(failure(u"of the last run"_qs));
+    EXPECT_FALSE(again->isCanceled());
+    again->finish(Error());
+    EXPECT_TRUE(group.isFinished());
+    EXPECT_FALSE(group.hasError());
+}
+
+TEST(GroupRestart, WithNothingToRunItStaysRunningUntilItIsCancelled) {
+    GroupTask group;
+    group.exec();
+    group.restart();
+    EXPECT_TRUE(group.isRunning());
+    group.cancel();
+    EXPECT_TRUE(group.isFinished());
+    EXPECT_TRUE(group.error().isCanceled());
+}
+
 TEST(GroupDestruction, SilencesAChildThatFinishesInItsDestructor) {
     class Abrupt : public ManualTask {
     public:

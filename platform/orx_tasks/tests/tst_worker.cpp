@@ -223,6 +223,35 @@ TEST(WorkerIdle, AFinishedTaskIsBusyUntilItsBodyHasReturned) {
     EXPECT_EQ(log.count(u"t idle"_qs), 1);
 }
 
+TEST(WorkerIdle, AGroupWaitsForEveryBodyBeforeItFinishes) {
+    Endless first, second;
+    GroupTask group;
+    QList<QPointer<ScriptedTask>> children;
+    for (Endless* endless : {&first, &second}) {
+        auto child = endless->task();
+        children << child.get();
+        group.addTask(std::move(child));
+    }
+    group.exec();
+    first.begun.wait();
+    second.begun.wait();
+    bool allReturned = false;
+    QObject::connect(&group, &BaseTask::finished, &group,
+                     [&] { allReturned = first.returned && second.returned; });
+    for (const QPointer<ScriptedTask>& child : children)
+        child->finish(Error());
+    EXPECT_EQ(group.pendingCount(), 2);
+
+    children[0]->cancel(); // ends the body of the finished task
+    EXPECT_TRUE(OwnerInbox::ofThisThread()->waitUntil([&] { return group.pendingCount() == 1; },
+                                                      std::chrono::seconds(60)));
+    EXPECT_TRUE(group.isRunning());
+    EXPECT_FALSE(second.returned);
+    children[1]->cancel();
+    EXPECT_FALSE(group.waitForFinished().hasError());
+    EXPECT_TRUE(allReturned);
+}
+
 TEST(WorkerDestruction, WaitsForTheBodyAndLeavesNoCallback) {
     EventLog log;
     Endless endless;
