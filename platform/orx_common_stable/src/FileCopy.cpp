@@ -1,0 +1,292 @@
+#include "FileCopy.h"
+
+#include "AtomicFile.h"
+#include "Result.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QRandomGenerator>
+
+#include <cerrno>
+#include <cstdio>
+#include <dirent.h>
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <memory>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+namespace orx {
+namespace {
+
+// What is copied between two requests to begin writing back, so that the flush at the end has little to do.
+constexpr size_t sliceSize = size_t(8) * 1024 * 1024;
+// Leaves room for the dot, the random part and the suffix within 255 bytes.
+constexpr int longestStem = 200;
+
+QString translated(const char* text) {
+    return QCoreApplication::translate("orx::FileCopy", text);
+}
+
+class Descriptor {
+public:
+    explicit Descriptor(int number) : m_number(number) {}
+    ~Descriptor() {
+        if (m_number >= 0)
+            ::close(m_number);
+    }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    int operator*() const { return m_number; }
+    bool isOpen() const { return m_number >= 0; }
+    // Closing can be where a network file system tells of a lost write.
+    bool close() { return ::close(std::exchange(m_number, -1)) == 0; }
+
+private:
+    int m_number;
+};
+
+Error readFailure(int error, const QByteArray& path) {
+    const QString name = QFile::decodeName(path);
+    if (error == ENOENT)
+        return Error(ErrorCode::NotFound, translated("\"%1\" does not exist.").arg(name));
+    return Error(ErrorCode::FileNotReadable,
+                 translated("Could not read \"%1\": %2").arg(name, qt_error_string(error)));
+}
+
+Error writeFailure(int error, const QByteArray& path) {
+    const QString name = QFile::decodeName(path);
+    if (error == ENOSPC || error == EDQUOT)
+        return Error::fromErrno(error, translated("There is no room for \"%1\"; free some space").arg(name));
+    if (error == EEXIST)
+        return Error(ErrorCode::AlreadyExists, translated("\"%1\" exists already.").arg(name));
+    return Error(ErrorCode::FileNotWritable,
+                 translated("Could not write \"%1\": %2").arg(name, qt_error_string(error)));
+}
+
+Error notCopied(const QByteArray& path) {
+    return Error(ErrorCode::FileNotReadable,
+                 translated("\"%1\" is neither a file nor a directory; it is not copied.")
+                     .arg(QFile::decodeName(path)));
+}
+
+// A name beside the target that nobody uses; hidden, so that listings made meanwhile do not take it for data.
+QByteArray temporaryBeside(const QByteArray& target) {
+    const qsizetype slash = target.lastIndexOf('/');
+    const QByteArray directory = target.left(slash + 1);
+    const QByteArray stem = target.mid(slash + 1).left(longestStem);
+    const QByteArray random = QByteArray::number(QRandomGenerator::global()->generate64(), 36);
+    return directory + '.' + stem + '.' + random + ".part";
+}
+
+// One file, from what was opened to a new file; nothing is left of that after a failure.
+class ContentCopy {
+public:
+    ContentCopy(const QByteArray& source, const QByteArray& target) : m_source(source), m_target(target) {}
+
+    Error run() {
+        const Descriptor source(::open(m_source.constData(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+        if (!source.isOpen())
+            return errno == ELOOP ? notCopied(m_source) : readFailure(errno, m_source);
+        if (::fstat(*source, &m_before) != 0)
+            return readFailure(errno, m_source);
+        if (!S_ISREG(m_before.st_mode))
+            return notCopied(m_source);
+        Descriptor target(::open(m_target.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC,
+                                 0666 | (m_before.st_mode & 0111)));
+        if (!target.isOpen())
+            return writeFailure(errno, m_target);
+        Error error = fill(*source, *target);
+        if (!error.hasError() && !target.close())
+            error = writeFailure(errno, m_target);
+        if (error.hasError())
+            ::unlink(m_target.constData());
+        return error;
+    }
+
+private:
+    Error fill(int source, int target) {
+        if (::ioctl(target, FICLONE, source) != 0)
+            ORX_RETURN_ON_ERROR(copyBytes(source, target));
+        ORX_RETURN_ON_ERROR(checkUnchanged(source));
+        const timespec times[] = {m_before.st_atim, m_before.st_mtim};
+        if (::futimens(target, times) != 0 || ::fsync(target) != 0)
+            return writeFailure(errno, m_target);
+        return {};
+    }
+
+    Error copyBytes(int source, int target) {
+        if (m_before.st_size > 0 && ::fallocate(target, 0, 0, m_before.st_size) != 0 &&
+            (errno == ENOSPC || errno == EDQUOT))
+            return writeFailure(errno, m_target);
+        off_t done = 0;
+        while (done < m_before.st_size) {
+            Result<qint64> copied = copySlice(source, target, done);
+            if (copied.hasError())
+                return copied.error();
+            if (*copied == 0)
+                return changed();
+            ::sync_file_range(target, done, *copied, SYNC_FILE_RANGE_WRITE);
+            done += *copied;
+        }
+        return {};
+    }
+
+    // The kernel copies; where it cannot for this pair of file systems, this process does.
+    Result<qint64> copySlice(int source, int target, off_t from) {
+        off_t to = from;
+        while (!m_byHand) {
+            off_t at = from;
+            const ssize_t copied = ::copy_file_range(source, &at, target, &to, sliceSize, 0);
+            if (copied >= 0)
+                return qint64(copied);
+            if (errno == ENOSPC || errno == EDQUOT || errno == EIO)
+                return writeFailure(errno, m_target);
+            m_byHand = errno != EINTR;
+        }
+        m_buffer.resize(1024 * 1024);
+        const ssize_t bytes =
+            retried([&] { return ::pread(source, m_buffer.data(), m_buffer.size(), from); });
+        if (bytes < 0)
+            return readFailure(errno, m_source);
+        for (ssize_t written = 0; written < bytes;) {
+            const ssize_t more = retried([&] {
+                return ::pwrite(target, m_buffer.data() + written, size_t(bytes - written), from + written);
+            });
+            if (more < 0)
+                return writeFailure(errno, m_target);
+            written += more;
+        }
+        return qint64(bytes);
+    }
+
+    template <typename Call>
+    static ssize_t retried(Call call) {
+        ssize_t result = 0;
+        do
+            result = call();
+        while (result < 0 && errno == EINTR);
+        return result;
+    }
+
+    Error checkUnchanged(int source) const {
+        struct stat after = {};
+        if (::fstat(source, &after) != 0)
+            return readFailure(errno, m_source);
+        const bool same = after.st_size == m_before.st_size &&
+                          after.st_mtim.tv_sec == m_before.st_mtim.tv_sec &&
+                          after.st_mtim.tv_nsec == m_before.st_mtim.tv_nsec;
+        return same ? Error() : changed();
+    }
+
+    Error changed() const {
+        return Error(
+            ErrorCode::FileChanged,
+            translated("\"%1\" changed while it was copied; copy it again when nothing writes to it.")
+                .arg(QFile::decodeName(m_source)));
+    }
+
+    QByteArray m_source;
+    QByteArray m_target;
+    struct stat m_before = {};
+    std::vector<char> m_buffer;
+    bool m_byHand = false;
+};
+
+Error renameInto(const QByteArray& temporary, const QByteArray& target, FileCopy::IfExists ifExists) {
+    const unsigned flags = ifExists == FileCopy::IfExists::Fail ? RENAME_NOREPLACE : 0;
+    if (::renameat2(AT_FDCWD, temporary.constData(), AT_FDCWD, target.constData(), flags) != 0)
+        return writeFailure(errno, target);
+    return AtomicFile::syncDirectory(QFileInfo(QFile::decodeName(target)).path());
+}
+
+// Entries of a directory, and a directory's own copy, as bytes: names need not be valid text here.
+class TreeCopy {
+public:
+    explicit TreeCopy(const FileCopy::Filter& filter) : m_filter(filter) {}
+
+    Error copy(const QByteArray& source, const QByteArray& target) {
+        struct stat info = {};
+        if (::lstat(source.constData(), &info) != 0)
+            return readFailure(errno, source);
+        if (!S_ISDIR(info.st_mode))
+            return notCopied(source);
+        if (::mkdir(target.constData(), 0777) != 0)
+            return writeFailure(errno, target);
+        const std::unique_ptr<DIR, int (*)(DIR*)> listing(::opendir(source.constData()), &::closedir);
+        if (!listing)
+            return readFailure(errno, source);
+        ORX_RETURN_ON_ERROR(copyEntries(listing.get(), source, target));
+        const timespec times[] = {info.st_atim, info.st_mtim};
+        if (::utimensat(AT_FDCWD, target.constData(), times, 0) != 0)
+            return writeFailure(errno, target);
+        return AtomicFile::syncDirectory(QFile::decodeName(target));
+    }
+
+private:
+    Error copyEntries(DIR* listing, const QByteArray& source, const QByteArray& target) {
+        for (;;) {
+            errno = 0;
+            const dirent* const entry = ::readdir(listing);
+            if (!entry)
+                return errno == 0 ? Error() : readFailure(errno, source);
+            const QByteArray name(entry->d_name);
+            if (name == "." || name == "..")
+                continue;
+            const QByteArray path = source + '/' + name;
+            if (!m_filter || m_filter(QFile::decodeName(path)))
+                ORX_RETURN_ON_ERROR(copyEntry(path, target + '/' + name));
+        }
+    }
+
+    Error copyEntry(const QByteArray& source, const QByteArray& target) {
+        struct stat info = {};
+        if (::lstat(source.constData(), &info) != 0)
+            return readFailure(errno, source);
+        return S_ISDIR(info.st_mode) ? copy(source, target) : ContentCopy(source, target).run();
+    }
+
+    const FileCopy::Filter& m_filter;
+};
+
+QByteArray encoded(const QString& path) {
+    return QFile::encodeName(QDir::cleanPath(QFileInfo(path).absoluteFilePath()));
+}
+
+} // namespace
+
+Error FileCopy::file(const QString& source, const QString& target, IfExists ifExists) {
+    const QByteArray targetPath = encoded(target);
+    if (ifExists == IfExists::Fail &&
+        ::faccessat(AT_FDCWD, targetPath.constData(), F_OK, AT_SYMLINK_NOFOLLOW) == 0)
+        return ORX_ECATCH(writeFailure(EEXIST, targetPath));
+    const QByteArray temporary = temporaryBeside(targetPath);
+    ORX_RETURN_ON_ERROR(ContentCopy(encoded(source), temporary).run());
+    Error error = renameInto(temporary, targetPath, ifExists);
+    if (error.hasError()) {
+        ::unlink(temporary.constData());
+        return ORX_ECATCH(error);
+    }
+    return {};
+}
+
+Error FileCopy::directory(const QString& source, const QString& target, const Filter& filter) {
+    const QByteArray targetPath = encoded(target);
+    if (::faccessat(AT_FDCWD, targetPath.constData(), F_OK, AT_SYMLINK_NOFOLLOW) == 0)
+        return ORX_ECATCH(writeFailure(EEXIST, targetPath));
+    const QByteArray temporary = temporaryBeside(targetPath);
+    Error error = TreeCopy(filter).copy(encoded(source), temporary);
+    if (!error.hasError())
+        error = renameInto(temporary, targetPath, IfExists::Fail);
+    if (error.hasError()) {
+        QDir(QFile::decodeName(temporary)).removeRecursively();
+        return ORX_ECATCH(error);
+    }
+    return {};
+}
+
+} // namespace orx
