@@ -100,8 +100,6 @@ void DownloadFileJob::download() {
     execSubtask(std::make_unique<HalvaneDownloadFileTask>(parameters), [this](HalvaneDownloadFileTask* task) {
         m_item.sha256 = task->sha256();
         m_item.size = task->size();
-        for (const QString& warning : task->error().warnings())
-            addWarning(warning);
     });
 }
 

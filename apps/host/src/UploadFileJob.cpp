@@ -149,8 +149,6 @@ void UploadFileJob::upload() {
     std::unique_ptr<HalvaneFileUploadTask> task = HalvaneFileUploadTask::create(m_parameters);
     HalvaneFileUploadTask* raw = task.get();
     const auto onSuccess = [this, raw](BaseTask*) {
-        for (const QString& warning : raw->error().warnings())
-            addWarning(warning);
         if (const auto uploaded = raw->uploadedFile())
             return describe(uploaded->reference());
         finish(Error(ErrorCode::General,

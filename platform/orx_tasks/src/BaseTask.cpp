@@ -144,6 +144,16 @@ void BaseTask::checkIdle() {
         d->observer->taskIdle(this);
 }
 
+void BaseTask::adoptWarnings(const Warnings& warnings) {
+    for (const QString& warning : warnings) {
+        if (isRunning())
+            addWarning(warning);
+        else
+            qCWarning(tasksLog).noquote()
+                << "a subtask of the finished task" << d->name << "warns:" << warning;
+    }
+}
+
 bool BaseTask::isCancelRequested() const {
     return d->cancelRequested;
 }

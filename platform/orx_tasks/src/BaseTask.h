@@ -109,6 +109,9 @@ protected:
     virtual void awaitBody();
 
 private:
+    //! What a subtask warned of becomes a warning of this task, and is logged when it has finished.
+    void adoptWarnings(const Warnings& warnings);
+
     friend class SubtaskSet;
     friend class ComplexTask;
     friend class GroupTask;

@@ -10,7 +10,7 @@ struct ComplexTask::Private : TaskObserver {
     explicit Private(ComplexTask* task)
         : q(task)
         , steps({[this](const Error& error, bool handled) { onStepFailed(error, handled); },
-                 [this] { settle(); }}) {}
+                 [this](const Warnings& warnings) { q->adoptWarnings(warnings); }, [this] { settle(); }}) {}
 
     Subtask* appendedRecord(BaseTask* task) const;
     void startGroup();
@@ -84,6 +84,8 @@ bool ComplexTask::Private::isGroupBusy() const {
 
 void ComplexTask::Private::taskFinished(BaseTask*) {
     groupRuns = false;
+    if (!group->hasError())
+        q->adoptWarnings(group->error().warnings());
     onStepFailed(group->error(), !group->hasError());
 }
 

@@ -16,6 +16,9 @@ namespace orx {
 //! child failure policy decides (see GroupTask); the complex task ends with the group's error. A failure that
 //! comes when the task has finished is logged.
 //!
+//! The warnings of subtasks that succeed become warnings of the complex task, before their continuations are
+//! called; those of one that fails go with its error.
+//!
 //! Continuations are called on the owner's thread, also after finish(), as long as the task object lives. One
 //! of a subtask that ends within its exec() is called before execSubtask() or execSubtasks() returns; but
 //! what the continuation of a step starts as a further step, or that of a group's child in the group, is

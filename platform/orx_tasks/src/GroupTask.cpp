@@ -6,7 +6,9 @@
 namespace orx {
 
 GroupTask::Private::Private(GroupTask* task)
-    : q(task), running({[this](const Error& error, bool) { onChildFailed(error); }, [this] { settle(); }}) {}
+    : q(task)
+    , running({[this](const Error& error, bool) { onChildFailed(error); },
+               [this](const Warnings& warnings) { q->adoptWarnings(warnings); }, [this] { settle(); }}) {}
 
 GroupTask::Private::~Private() = default;
 

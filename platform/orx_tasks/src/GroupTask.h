@@ -10,6 +10,8 @@ namespace orx {
 //! is idle; at once when there is none. An empty group succeeds. The bookkeeping costs the same for every
 //! child, however many there are, and children that end inside their exec() do not deepen the stack.
 //!
+//! The warnings of children that succeed become warnings of the group.
+//!
 //! Cancelled (also before it started), it cancels the children that run and those that wait; each gets its
 //! failure continuation before the group finishes. Whatever is added after that ends in the same way.
 class ORX_TASKS_EXPORT GroupTask : public Task {

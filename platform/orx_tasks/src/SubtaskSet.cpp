@@ -187,6 +187,8 @@ bool SubtaskSet::workOff(Subtask& subtask) {
 bool SubtaskSet::tell(Subtask& subtask) {
     const auto alive = m_alive;
     const Error error = subtask.task->error();
+    if (!error.hasError() && !error.warnings().isEmpty())
+        m_owner.warned(error.warnings());
     auto& slot = error.hasError() ? subtask.onFailure : subtask.onSuccess;
     auto continuation = std::move(slot); // outlives the set, which the continuation may destroy
     if (continuation)

@@ -36,6 +36,8 @@ public:
     struct Owner {
         //! A subtask has ended with an error, and its continuation was told (\a handled) or there was none.
         std::function<void(const Error& error, bool handled)> failed;
+        //! What a subtask that succeeded warns of; called before its continuation.
+        std::function<void(const Warnings& warnings)> warned;
         //! The set may have become empty; called outside continuations only.
         std::function<void()> settled;
     };

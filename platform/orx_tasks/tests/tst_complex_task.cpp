@@ -225,6 +225,58 @@ TEST(ComplexFailure, AFailedInitializeLetsTheStartedStepsGoOn) {
     EXPECT_EQ(task.error().errorMessage(), u"no");
 }
 
+namespace {
+
+std::unique_ptr<BaseTask> warning(const QString& text, Error error = Error()) {
+    error.addWarning(text);
+    return instant(error);
+}
+
+} // namespace
+
+TEST(ComplexWarnings, OfStepsAndChildrenThatSucceedBecomeTheTasks) {
+    Complex task;
+    Warnings atContinuation;
+    task.onInitialize = [&](Complex* self) {
+        self->execSubtask(warning(u"of a step"_qs), [&, self](BaseTask*) {
+            atContinuation = self->error().warnings();
+            self->appendSubtask(warning(u"of a child"_qs));
+            self->execSubtasks();
+        });
+        return Error();
+    };
+    task.exec();
+    EXPECT_FALSE(task.hasError());
+    EXPECT_EQ(atContinuation, Warnings{u"of a step"_qs});
+    EXPECT_EQ(task.error().warnings(), (Warnings{u"of a step"_qs, u"of a child"_qs}));
+}
+
+TEST(ComplexWarnings, OfAStepThatFailsGoWithItsError) {
+    Complex task;
+    task.onInitialize = [](Complex* self) {
+        self->execSubtask(warning(u"of a step"_qs));
+        self->execSubtask(warning(u"of the failed step"_qs, failure(u"broke"_qs)));
+        return Error();
+    };
+    task.exec();
+    EXPECT_EQ(task.error().errorMessage(), u"broke");
+    EXPECT_EQ(task.error().warnings(), (Warnings{u"of the failed step"_qs, u"of a step"_qs}));
+}
+
+TEST(ComplexWarnings, AfterTheEndAreLogged) {
+    static QStringList messages;
+    messages.clear();
+    Running c;
+    c.task.finish(Error());
+    c.keeper->addWarning(u"too late to tell"_qs);
+    const auto previous = qInstallMessageHandler(
+        [](QtMsgType, const QMessageLogContext&, const QString& text) { messages << text; });
+    c.keeper->finish(Error());
+    qInstallMessageHandler(previous);
+    EXPECT_TRUE(messages.join(u'\n').contains(u"too late to tell"_qs));
+    EXPECT_TRUE(c.task.error().warnings().isEmpty());
+}
+
 TEST(ComplexFinish, WhileStepsRunEmitsFinishedAtOnceAndOnlyOnce) {
     Running c;
     Manual later;

@@ -323,6 +323,20 @@ TEST(GroupNesting, AChildThatRestartsWithinFinishedIsContinuedWhenItHasEndedForG
     EXPECT_TRUE(group.isFinished());
 }
 
+TEST(GroupWarnings, OfItsChildrenBecomeTheGroups) {
+    GroupTask group;
+    Manual a, b;
+    group.addTask(a.take());
+    group.addTask(b.take());
+    group.exec();
+    a->addWarning(u"of a"_qs);
+    b->addWarning(u"of b"_qs);
+    b->finish(Error());
+    a->finish(Error());
+    EXPECT_FALSE(group.hasError());
+    EXPECT_EQ(group.error().warnings(), (Warnings{u"of b"_qs, u"of a"_qs}));
+}
+
 TEST(GroupRestart, WhatTheLastRunLeftBehindDoesNotEndTheNext) {
     GroupTask group;
     Manual left, again;
