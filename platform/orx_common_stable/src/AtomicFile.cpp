@@ -3,12 +3,11 @@
 #include <QCoreApplication>
 #include <QFile>
 #include <QFileInfo>
+#include <QRandomGenerator>
 
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace orx {
@@ -33,14 +32,20 @@ Error writeAll(int descriptor, const QByteArray& content, const QString& path) {
     return Error();
 }
 
-Error fillAndSync(int descriptor, const QByteArray& content, const QString& path, AtomicFile::Access access) {
-    if (access == AtomicFile::Access::Default) {
-        const mode_t mask = ::umask(0);
-        ::umask(mask);
-        if (::fchmod(descriptor, 0666 & ~mask) != 0)
-            return Error::fromErrno(errno,
-                                    translated("Could not set the permissions of the file \"%1\"").arg(path));
-    }
+//! Creates a file beside \a path and sets \a temporary to its name; -1 and errno after a failure. The system
+//! applies the umask, which no thread can ask for without changing it for all others meanwhile.
+int createSibling(const QString& path, AtomicFile::Access access, QByteArray& temporary) {
+    const mode_t mode = access == AtomicFile::Access::OwnerOnly ? 0600 : 0666;
+    int descriptor = -1;
+    do {
+        temporary =
+            QFile::encodeName(path) + '.' + QByteArray::number(QRandomGenerator::system()->generate64(), 36);
+        descriptor = ::open(temporary.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
+    } while (descriptor < 0 && (errno == EEXIST || errno == EINTR));
+    return descriptor;
+}
+
+Error fillAndSync(int descriptor, const QByteArray& content, const QString& path) {
     if (Error error = writeAll(descriptor, content, path); error.hasError())
         return error;
     if (::fsync(descriptor) != 0)
@@ -51,11 +56,11 @@ Error fillAndSync(int descriptor, const QByteArray& content, const QString& path
 } // namespace
 
 Error AtomicFile::write(const QString& path, const QByteArray& content, Access access) {
-    QByteArray temporary = QFile::encodeName(path) + ".XXXXXX";
-    const int descriptor = ::mkostemp(temporary.data(), O_CLOEXEC); // made with mode 0600
+    QByteArray temporary;
+    const int descriptor = createSibling(path, access, temporary);
     if (descriptor < 0)
         return Error::fromErrno(errno, translated("Could not create a file beside \"%1\"").arg(path));
-    Error error = fillAndSync(descriptor, content, path, access);
+    Error error = fillAndSync(descriptor, content, path);
     if (::close(descriptor) != 0 && !error.hasError())
         error = Error::fromErrno(errno, translated("Could not close the file \"%1\"").arg(path));
     if (!error.hasError() && std::rename(temporary.constData(), QFile::encodeName(path).constData()) != 0)

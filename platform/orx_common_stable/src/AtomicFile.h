@@ -13,7 +13,9 @@ public:
     //! Access of a written file to others than its owner.
     enum class Access { OwnerOnly, Default };
 
-    //! Replaces \a path by \a content. After a failure the old file is untouched and no sibling is left.
+    //! Replaces \a path by \a content. After a failure no sibling is left and the old file is untouched,
+    //! unless only the directory could not be flushed: then the new file is there, but may not survive a
+    //! power cut.
     static Error write(const QString& path, const QByteArray& content, Access access = Access::Default);
     //! The whole file; at most \a limit bytes, more is an error. A missing file is ErrorCode::NotFound.
     static Result<QByteArray> read(const QString& path, qint64 limit = 64 * 1024 * 1024);

@@ -7,6 +7,8 @@
 #include <QFileInfo>
 #include <QTemporaryDir>
 
+#include <sys/stat.h>
+
 using namespace orx;
 
 TEST(AtomicFile, ReplacesTheWholeFileAndLeavesNoSibling) {
@@ -25,6 +27,18 @@ TEST(AtomicFile, KeepsSecretsToTheOwner) {
     const auto others =
         QFileDevice::ReadGroup | QFileDevice::ReadOther | QFileDevice::WriteGroup | QFileDevice::WriteOther;
     EXPECT_EQ(QFileInfo(path).permissions() & others, QFileDevice::Permissions());
+}
+
+TEST(AtomicFile, HonoursTheUmaskAndLeavesItAlone) {
+    const QTemporaryDir dir;
+    const QString path = dir.filePath(QStringLiteral("record"));
+    const mode_t before = ::umask(0027);
+    const Error error = AtomicFile::write(path, "content");
+    EXPECT_EQ(::umask(before), mode_t(0027));
+    ASSERT_FALSE(error.hasError());
+    struct stat status = {};
+    ASSERT_EQ(::stat(QFile::encodeName(path).constData(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, mode_t(0640));
 }
 
 TEST(AtomicFile, LeavesTheTargetAloneWhenItCannotBeReplaced) {
