@@ -191,6 +191,24 @@ TEST_F(FileUploadPipeline, TheUploadIsOpenedWithTheParameters) {
     EXPECT_EQ(opened[QStringLiteral("target_type")].toInt(), 1);
 }
 
+TEST_F(FileUploadPipeline, TheChunksAreSentForTheSizeThatTheParametersTell) {
+    HalvaneFileUploadTask task(uploadOf(path), nullptr);
+    QObject::connect(&task, &BaseTask::progress, &task, [&](int value) {
+        if (value != 1)
+            return;
+        ASSERT_TRUE(QFile::remove(path)); // or the size would be looked up
+        HalvaneFileUploadParameters parameters = task.parameters();
+        parameters.fileSize = 99;
+        task.setParameters(parameters);
+    });
+    const Error error = run(task);
+    EXPECT_TRUE(error.is(ErrorCode::FileChanged));
+    EXPECT_TRUE(error.errorMessage().contains(path));
+    EXPECT_TRUE(error.errorMessage().contains(QStringLiteral("12 bytes, but 99")))
+        << qPrintable(error.errorMessage());
+    EXPECT_EQ(server.count(QStringLiteral("PUT /uploads/*")), 0);
+}
+
 TEST_F(FileUploadPipeline, TheFinalisationNamesUploadAliasAndDataType) {
     HalvaneFileUploadParameters parameters = uploadOf(path);
     parameters.alias = QStringLiteral("first run");
@@ -379,6 +397,20 @@ TEST_F(FileUploadPipeline, ALostReplyOfTheFinalisationMakesNoSecondFile) {
     EXPECT_EQ(task.currentProgress(), 102);
 }
 
+TEST_F(FileUploadPipeline, AVersionThatCannotBeRecordedHereIsAWarningOfTheUpload) {
+    server.onRequest = [&](const ScriptedRequest& request) {
+        if (request.line() == u"POST /uploads/finalize")
+            breakHistory();
+    };
+    HalvaneFileUploadTask task(uploadOf(path), nullptr);
+    EXPECT_FALSE(run(task).hasError());
+    EXPECT_TRUE(task.uploadedFile().has_value());
+    ASSERT_EQ(task.error().warnings().size(), 1);
+    EXPECT_TRUE(task.error().warnings()[0].contains(
+        QStringLiteral("\"%1\" was uploaded, but that could not be recorded here").arg(path)))
+        << qPrintable(task.error().warnings()[0]);
+}
+
 TEST_F(FileUploadPipeline, ACacheThatFailsIsNoFailureOfTheUpload) {
     const ErrorLog errors;
     cache.answer = Error(ErrorCode::StorageFull, QStringLiteral("no room for it"));
@@ -442,9 +474,11 @@ TEST_P(EveryStage, ADestroyedUploadReportsAndSendsNothingMore) {
     const EventLog events(task.get());
     ASSERT_NO_FATAL_FAILURE(bringToStage(*task));
     const qsizetype sent = server.log().size();
+    const QStringList reported = events.lines();
     task.reset();
     server.release();
     QCoreApplication::processEvents();
+    EXPECT_EQ(events.lines(), reported);
     EXPECT_EQ(events.count(QStringLiteral("finished")), 0);
     EXPECT_EQ(server.log().size(), sent);
     EXPECT_EQ(server.inFlightCount(), 0);
@@ -515,8 +549,8 @@ TEST_P(DestroyedBySignal, AnUploadMayBeDestroyedByWhoHearsOfItsProgress) {
     EXPECT_FALSE(isOpenHere(path));
 }
 
-// The upload is open; it is finalised; the metadata are there.
-INSTANTIATE_TEST_SUITE_P(FileUploadPipeline, DestroyedBySignal, ::testing::Values(1, 102, 103));
+// The upload is open; chunks are being sent; they are there; it is finalised; the metadata are there.
+INSTANTIATE_TEST_SUITE_P(FileUploadPipeline, DestroyedBySignal, ::testing::Values(1, 2, 50, 101, 102, 103));
 
 TEST_F(FileUploadPipeline, AnUploadMayBeDestroyedByWhoHearsOfItsEnd) {
     auto task = std::make_unique<HalvaneFileUploadTask>(uploadOf(path), nullptr);

@@ -42,6 +42,13 @@ protected:
             .arg(body[QStringLiteral("target_id")].toInt(-1));
     }
 
+    //! Nobody may read the file, but others than its owner may look at it.
+    void makeUnreadable() const {
+        for (const QString& directory : {client.workDir(), client.workDir() + QStringLiteral("/..")})
+            ASSERT_EQ(::chmod(QFile::encodeName(directory).constData(), 0755), 0);
+        ASSERT_EQ(::chmod(QFile::encodeName(path).constData(), 0000), 0);
+    }
+
     QString path;
     CacheProbe cache;
 };
@@ -138,10 +145,7 @@ TEST_F(FileUploadStart, ANamedPipeIsNoFile) {
 }
 
 TEST_F(FileUploadStart, AFileThatMayNotBeReadFailsBeforeAnyNetworkCall) {
-    // The test's directories are their owner's alone; another user must be able to look at the file.
-    for (const QString& directory : {client.workDir(), client.workDir() + QStringLiteral("/..")})
-        ASSERT_EQ(::chmod(QFile::encodeName(directory).constData(), 0755), 0);
-    ASSERT_EQ(::chmod(QFile::encodeName(path).constData(), 0000), 0);
+    ASSERT_NO_FATAL_FAILURE(makeUnreadable());
     HalvaneFileUploadTask task(uploadOf(path), nullptr);
     const WithoutPrivileges nobody;
     const Error error = run(task);
@@ -155,6 +159,12 @@ TEST_F(FileUploadStart, TheMessagesAreTranslatedInTheContextOfTheClass) {
     const ContextTranslator translator;
     HalvaneFileUploadTask task(uploadOf(filePath(QStringLiteral("missing"))), nullptr);
     EXPECT_TRUE(run(task).errorMessage().startsWith(QStringLiteral("orx::HalvaneFileUploadTask|Path \"")));
+
+    ASSERT_NO_FATAL_FAILURE(makeUnreadable());
+    HalvaneFileUploadTask unreadable(uploadOf(path), nullptr);
+    const WithoutPrivileges nobody;
+    EXPECT_EQ(run(unreadable).errorMessage(),
+              QStringLiteral("orx::HalvaneFileUploadTask|Could not read file \"%1\".").arg(path));
 }
 
 TEST_F(FileUploadStart, AnErrorOfInitializeIsStampedThere) {

@@ -20,6 +20,8 @@ protected:
 
 static_assert(std::is_abstract_v<HalvaneUploadTask>);
 static_assert(std::is_base_of_v<HalvaneComplexTask, HalvaneUploadTask>);
+static_assert(std::is_base_of_v<CustomComplexTask, HalvaneUploadTask>);
+static_assert(std::is_base_of_v<Authenticable, HalvaneUploadTask>);
 static_assert(sizeof(HalvaneUploadTask) == sizeof(HalvaneComplexTask), "the root has no data of its own");
 static_assert(HalvaneUploadTask::DEFAULT_UPLOAD_POLICY_OPTIONS.toInt() == 2);
 static_assert(std::is_same_v<const QFlags<HalvaneUploadPolicyOption>,

@@ -25,7 +25,7 @@ QString dataTypeName(HalvaneUploadTask::UploadDataType type) {
     return names.value(type);
 }
 
-//! Decided once per process, so that no span is ended that was not begun.
+//! Decided once per process: a span that was begun is ended, even when the settings changed meanwhile.
 bool isTracingEnabled() {
     static const bool enabled =
         Tracer::categorySettings().isEnabled(QStringLiteral("FILE_UPLOAD")) && Tracer::isInitialized();
