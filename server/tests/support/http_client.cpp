@@ -31,8 +31,11 @@ HttpClient::HttpClient(std::uint16_t port) {
     address.sin_family = AF_INET;
     address.sin_port = htons(port);
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (::connect(m_socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+    if (::connect(m_socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        ::close(
+            m_socket); // no destructor runs; who tries until the server is back would run out of descriptors
         throw std::runtime_error("cannot connect");
+    }
 }
 
 HttpClient::~HttpClient() {
