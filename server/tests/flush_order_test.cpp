@@ -69,10 +69,12 @@ std::size_t completed(const std::vector<std::string>& lines, const std::string& 
 
 } // namespace
 
-class FlushOrder : public ServerTest {};
+class FlushOrder : public ServerTest {
+protected:
+    void expectContentThenNameThenCatalogueThenReply(const std::string& content);
+};
 
-TEST_F(FlushOrder, ALargeContentIsDurableBeforeItIsAcknowledged) {
-    const std::string content = sampleBytes(250'000);
+void FlushOrder::expectContentThenNameThenCatalogueThenReply(const std::string& content) {
     storeFile("the day's directory is there from here on", content);
     const nlohmann::json upload = openUpload("a", content.size());
     putAll(upload, content);
@@ -90,6 +92,16 @@ TEST_F(FlushOrder, ALargeContentIsDurableBeforeItIsAcknowledged) {
         at = completed(lines, step, at);
         ASSERT_NE(at, std::string::npos) << "not found in this order: " << step << "\n" << all;
     }
+}
+
+TEST_F(FlushOrder, ALargeContentIsDurableBeforeItIsAcknowledged) {
+    expectContentThenNameThenCatalogueThenReply(sampleBytes(250'000));
+}
+
+TEST_F(FlushOrder, AContentThatWasWrittenDirectlyIsDurableBeforeItIsAcknowledged) {
+    ASSERT_EQ(stop(), 0);
+    start({"--chunk-size", "2097152"});
+    expectContentThenNameThenCatalogueThenReply(sampleBytes(5'000'000));
 }
 
 TEST_F(FlushOrder, ASmallContentIsDurableBeforeItIsAcknowledged) {

@@ -139,6 +139,7 @@ public:
                     std::optional<Sha256Digest> contentSha256)
         : m_writer(std::move(writer)), m_index(index), m_contentSha256(contentSha256) {}
 
+    std::span<std::byte> room() override { return m_writer->room(); }
     void write(Bytes data) override { m_writer->write(data); }
     Response finish() override {
         m_writer->finish(m_contentSha256);

@@ -67,6 +67,13 @@ Descriptor BlobStore::openExistingStaged(const std::string& name) {
     return descriptor.isOpen() ? std::move(descriptor) : openExisting(blobPath(name), O_RDWR);
 }
 
+Descriptor BlobStore::openStagedDirectly(const std::string& name) {
+    for (const std::string& path : {stagedPath(name), blobPath(name)})
+        if (Descriptor descriptor(::open(path.c_str(), O_WRONLY | O_DIRECT | O_CLOEXEC)); descriptor.isOpen())
+            return descriptor;
+    return {};
+}
+
 Descriptor BlobStore::openStaged(const std::string& name, std::int64_t size) {
     Descriptor existing = openExistingStaged(name);
     if (existing.isOpen())
@@ -130,6 +137,22 @@ void writeAt(int descriptor, Bytes data, std::int64_t offset, const std::string&
         data = data.subspan(static_cast<std::size_t>(written));
         offset += written;
     }
+}
+
+std::size_t writeDirectlyAt(int descriptor, Bytes data, std::int64_t offset, const std::string& what) {
+    std::size_t done = 0;
+    while (done < data.size()) {
+        const ssize_t written = ::pwrite(descriptor, data.data() + done, data.size() - done,
+                                         offset + static_cast<std::int64_t>(done));
+        if (written < 0 && errno == EINTR)
+            continue;
+        if (written == 0 || (written < 0 && errno == EINVAL))
+            break;
+        if (written < 0)
+            throw systemError("write to '" + what + "'", errno);
+        done += static_cast<std::size_t>(written);
+    }
+    return done;
 }
 
 void readAt(int descriptor, std::span<std::byte> into, std::int64_t offset, const std::string& what) {

@@ -27,6 +27,9 @@ public:
     // Opens the staging file of an open upload for reading and writing, made with that size when missing. It
     // may lie among the blobs already, when a finalisation failed after its rename.
     Descriptor openStaged(const std::string& name, std::int64_t size);
+    // The same for direct writes, which go to the disk without a copy in memory; not open where the file
+    // system has none.
+    Descriptor openStagedDirectly(const std::string& name);
     // Not open when neither exists.
     Descriptor openExistingStaged(const std::string& name);
     // Opens a blob for reading; not open when there is none.
@@ -56,6 +59,9 @@ private:
 
 // Writes or reads all of it at that offset; a short read is an error. `what` names the file for the message.
 void writeAt(int descriptor, Bytes data, std::int64_t offset, const std::string& what);
+// The same for aligned memory, offset and length on a descriptor for direct writes. Returns how many bytes
+// were written, fewer when the file system wants them aligned to more than directAlignment.
+std::size_t writeDirectlyAt(int descriptor, Bytes data, std::int64_t offset, const std::string& what);
 void readAt(int descriptor, std::span<std::byte> into, std::int64_t offset, const std::string& what);
 
 // Makes a directory's entries durable.

@@ -63,6 +63,8 @@ Response failure(const ApiError& error);
 class BodySink {
 public:
     virtual ~BodySink() = default;
+    // Where the next bytes may be put before they are given to write(), which spares a copy; empty: anywhere.
+    virtual std::span<std::byte> room() { return {}; }
     virtual void write(Bytes data) = 0;
     virtual Response finish() = 0;
 };

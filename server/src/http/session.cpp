@@ -297,15 +297,17 @@ asio::awaitable<void> Session::answerStreamed(Exchange& exchange, const Match& m
             take(bytesOf(buffered));
             thread_local std::vector<std::byte> buffer(pieceSize);
             while (exchange.bodyLeft > 0 && socket >= 0) {
-                const ssize_t got =
-                    ::recv(socket, buffer.data(), std::min<std::uint64_t>(buffer.size(), exchange.bodyLeft),
-                           MSG_DONTWAIT);
+                const std::span<std::byte> room = sink->room();
+                const std::span<std::byte> into = room.empty() ? std::span(buffer) : room;
+                const ssize_t got = ::recv(
+                    socket, into.data(), std::min<std::uint64_t>({into.size(), pieceSize, exchange.bodyLeft}),
+                    MSG_DONTWAIT);
                 if (got < 0 && (errno == EAGAIN || errno == EINTR))
                     return;
                 ended = got <= 0;
                 if (ended)
                     return;
-                take(std::span(buffer).first(static_cast<std::size_t>(got)));
+                take(into.first(static_cast<std::size_t>(got)));
             }
         } catch (...) {
             failed = std::current_exception();

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <fcntl.h>
 
 namespace halvane::server {
@@ -10,6 +11,9 @@ namespace halvane::server {
 namespace {
 
 constexpr std::size_t readSize = 256 * 1024;
+// Shorter ones are flushed soonest by way of the page cache, where their first readers find them too.
+constexpr std::int64_t directMinimum = 1024 * 1024;
+constexpr std::int64_t directPiece = 1024 * 1024;
 constexpr auto supersedeTimeout = std::chrono::seconds(30);
 
 template <typename Hash>
@@ -36,6 +40,10 @@ ChunkWriter::~ChunkWriter() {
     m_session->release(*this);
 }
 
+std::span<std::byte> ChunkWriter::room() const {
+    return m_session->room(*this);
+}
+
 void ChunkWriter::write(Bytes data) {
     m_session->write(*this, data);
 }
@@ -45,12 +53,15 @@ void ChunkWriter::finish(const std::optional<Sha256Digest>& contentSha256) {
 }
 
 UploadSession::UploadSession(const UploadRecord& upload, BlobStore& blobs, CatalogStore& catalog,
-                             WorkerPool& hashing)
+                             WorkerPool& hashing, ChunkBuffers& buffers)
     : m_upload(upload)
     , m_catalog(catalog)
     , m_hashing(hashing)
+    , m_buffers(buffers)
     , m_file(blobs.openStaged(upload.blobName, upload.size))
     , m_received(static_cast<std::size_t>(upload.chunkCount())) {
+    if (goesDirectly(0))
+        m_directFile = blobs.openStagedDirectly(upload.blobName);
     for (const ReceivedChunk& chunk : upload.chunks)
         m_received.at(static_cast<std::size_t>(chunk.index)) = chunk.xxh3;
     if (upload.suspect) {
@@ -82,6 +93,7 @@ std::unique_ptr<ChunkWriter> UploadSession::beginChunk(std::int64_t index, const
         replaces = received && !same;
         if (replaces) {
             received.reset();
+            m_toHash.erase(index);
             if (index < m_hashedChunks || m_hashBusy)
                 restartHash();
         }
@@ -89,7 +101,21 @@ std::unique_ptr<ChunkWriter> UploadSession::beginChunk(std::int64_t index, const
     // Before the first byte of it is overwritten, so that no kill leaves a chunk marked that is not there.
     if (replaces)
         m_catalog.forgetChunks(m_upload.id, {index});
+    if (m_directFile.isOpen() && goesDirectly(index) && !writer->m_onlyVerify)
+        writer->m_buffer = m_buffers.take(static_cast<std::size_t>(m_upload.chunkSize));
     return writer;
+}
+
+bool UploadSession::goesDirectly(std::int64_t index) const {
+    return m_upload.size > 0 && m_upload.chunkSize % static_cast<std::int64_t>(directAlignment) == 0 &&
+           m_upload.chunkLength(index) >= directMinimum;
+}
+
+std::span<std::byte> UploadSession::room(const ChunkWriter& writer) const {
+    if (!writer.m_buffer)
+        return {};
+    return writer.m_buffer->first(static_cast<std::size_t>(m_upload.chunkLength(writer.m_index)))
+        .subspan(static_cast<std::size_t>(writer.m_position));
 }
 
 void UploadSession::write(ChunkWriter& writer, Bytes data) {
@@ -102,9 +128,37 @@ void UploadSession::write(ChunkWriter& writer, Bytes data) {
     if (writer.m_position + size > m_upload.chunkLength(writer.m_index))
         throw ApiError(ErrorCode::ChecksumMismatch, "The chunk is longer than it should be.");
     writer.m_hash.update(data);
-    if (!writer.m_onlyVerify)
+    if (writer.m_buffer) {
+        std::byte* const place = writer.m_buffer->data() + writer.m_position;
+        if (place != data.data())
+            std::memcpy(place, data.data(), data.size());
+    } else if (!writer.m_onlyVerify) {
         writeAt(m_file.get(), data, chunkOffset(writer.m_index) + writer.m_position, m_upload.blobName);
+    }
     writer.m_position += size;
+    const std::int64_t waiting = writer.m_position - writer.m_stored;
+    if (writer.m_buffer &&
+        (waiting >= directPiece || writer.m_position == m_upload.chunkLength(writer.m_index)))
+        store(writer, waiting);
+}
+
+// Writes the next bytes of the buffer; all but the last bytes of the content are aligned.
+void UploadSession::store(ChunkWriter& writer, std::int64_t length) {
+    const std::int64_t begin = chunkOffset(writer.m_index);
+    if (writer.m_stored ==
+        0) // a hint, which keeps the chunk in one piece on the disk; a write tells what is wrong
+        ::fallocate(m_directFile.get(), 0, begin, m_upload.chunkLength(writer.m_index));
+    const bool isLast = writer.m_position == m_upload.chunkLength(writer.m_index);
+    const auto aligned = length - length % static_cast<std::int64_t>(directAlignment);
+    const Bytes data = writer.m_buffer->subspan(static_cast<std::size_t>(writer.m_stored),
+                                                static_cast<std::size_t>(isLast ? length : aligned));
+    const std::size_t done =
+        writeDirectlyAt(m_directFile.get(), data.first(static_cast<std::size_t>(aligned)),
+                        begin + writer.m_stored, m_upload.blobName);
+    if (done < data.size())
+        writeAt(m_file.get(), data.subspan(done), begin + writer.m_stored + static_cast<std::int64_t>(done),
+                m_upload.blobName);
+    writer.m_stored += static_cast<std::int64_t>(data.size());
 }
 
 void UploadSession::finish(ChunkWriter& writer, const std::optional<Sha256Digest>& contentSha256) {
@@ -120,11 +174,14 @@ void UploadSession::finish(ChunkWriter& writer, const std::optional<Sha256Digest
     m_catalog.recordChunk(m_upload.id, {writer.m_index, writer.m_expected}, {}, contentSha256);
     // The disk begins at once, so that the flush at the end finds little to do; on another thread, since the
     // kernel may wait for a full request queue. It is a hint: a failure shows in that flush.
-    m_hashing.post([self = shared_from_this(), offset = chunkOffset(writer.m_index), length] {
-        ::sync_file_range(self->m_file.get(), offset, length, SYNC_FILE_RANGE_WRITE);
-    });
+    if (!writer.m_buffer)
+        m_hashing.post([self = shared_from_this(), offset = chunkOffset(writer.m_index), length] {
+            ::sync_file_range(self->m_file.get(), offset, length, SYNC_FILE_RANGE_WRITE);
+        });
     const std::lock_guard lock(m_mutex);
     m_received[static_cast<std::size_t>(writer.m_index)] = writer.m_expected;
+    if (writer.m_buffer && writer.m_index >= m_hashedChunks && hashWillReach(writer.m_index))
+        m_toHash[writer.m_index] = std::move(writer.m_buffer);
     if (!m_hashBusy && writer.m_index == m_hashedChunks) {
         m_hashBusy = true;
         m_hashing.post([self = shared_from_this()] { self->hashAvailable(); });
@@ -137,8 +194,18 @@ void UploadSession::release(const ChunkWriter& writer) {
         const auto found = m_writers.find(writer.m_index);
         if (found != m_writers.end() && found->second == &writer)
             m_writers.erase(found);
+        std::erase_if(m_toHash, [this](const auto& waiting) { return !hashWillReach(waiting.first); });
     }
     m_changed.notify_all();
+}
+
+// With the mutex held: whether every chunk that the hash needs before this one is there or on its way, so
+// that no memory waits for a sender that is gone.
+bool UploadSession::hashWillReach(std::int64_t index) const {
+    for (std::int64_t i = m_hashedChunks; i < index; ++i)
+        if (!m_received[static_cast<std::size_t>(i)] && !m_writers.contains(i))
+            return false;
+    return true;
 }
 
 // With the mutex held.
@@ -177,8 +244,17 @@ void UploadSession::hashAvailable() {
     m_changed.notify_all();
 }
 
-void UploadSession::hashChunk(std::int64_t index, Sha256& into) const {
-    hashRange(m_file.get(), chunkOffset(index), m_upload.chunkLength(index), m_upload.blobName, into);
+void UploadSession::hashChunk(std::int64_t index, Sha256& into) {
+    ChunkBuffers::Buffer buffer;
+    {
+        const std::lock_guard lock(m_mutex);
+        if (auto waiting = m_toHash.extract(index))
+            buffer = std::move(waiting.mapped());
+    }
+    if (buffer)
+        into.update(buffer->first(static_cast<std::size_t>(m_upload.chunkLength(index))));
+    else
+        hashRange(m_file.get(), chunkOffset(index), m_upload.chunkLength(index), m_upload.blobName, into);
 }
 
 bool UploadSession::chunkIsIntact(std::int64_t index, const Xxh3Digest& expected) const {
@@ -245,6 +321,7 @@ std::size_t UploadSession::forgetDamagedChunks() {
     const std::lock_guard lock(m_mutex);
     for (const std::int64_t index : damaged)
         m_received[static_cast<std::size_t>(index)].reset();
+    m_toHash.clear();
     restartHash();
     return damaged.size();
 }

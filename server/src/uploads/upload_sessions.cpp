@@ -11,8 +11,8 @@ std::shared_ptr<UploadSession> UploadSessions::session(const Caller& caller, Id 
     const std::shared_ptr<Slot> slot = this->slot(upload);
     const std::lock_guard lock(slot->mutex);
     if (!slot->session)
-        slot->session =
-            std::make_shared<UploadSession>(m_catalog.upload(caller, upload), m_blobs, m_catalog, m_hashing);
+        slot->session = std::make_shared<UploadSession>(m_catalog.upload(caller, upload), m_blobs, m_catalog,
+                                                        m_hashing, m_buffers);
     return slot->session;
 }
 

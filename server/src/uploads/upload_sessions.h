@@ -30,9 +30,13 @@ private:
 
     static constexpr std::size_t maximumIdle = 256;
 
+    // What all chunks on their way to the disk or the hash may take; further ones go through the page cache.
+    static constexpr std::size_t chunkMemory = 32 * 1024 * 1024;
+
     BlobStore& m_blobs;
     CatalogStore& m_catalog;
     WorkerPool& m_hashing;
+    ChunkBuffers m_buffers{chunkMemory};
     std::mutex m_mutex;
     std::uint64_t m_uses = 0;
     std::map<Id, std::shared_ptr<Slot>> m_slots;
