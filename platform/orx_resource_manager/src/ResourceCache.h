@@ -3,8 +3,8 @@
 #include "ResourceHandlerTypes.h"
 
 #include <PathImpl.h>
-#include <Result.h>
 #include <ResourceReference.h>
+#include <Result.h>
 #include <Task.h>
 
 #include <QDateTime>
@@ -12,6 +12,7 @@
 
 #include <chrono>
 #include <functional>
+#include <memory>
 #include <optional>
 
 namespace orx {
@@ -44,6 +45,28 @@ private:
     std::unique_ptr<Private> d;
 };
 
+//! What a fetch says in its variant result (BaseTask::variantResult()) when it knows the digest of the file
+//! that it wrote: the content is not read again then.
+struct ORX_RESOURCE_MANAGER_EXPORT ResourceCacheDigest {
+    //! 64 lower-case hexadecimal digits.
+    QByteArray sha256;
+};
+
+//! The part of a writer's work that goes on after the writer returned; see ResourceCache::deferSeal(). Gone
+//! without finished() it has failed. Thread: any.
+class ORX_RESOURCE_MANAGER_EXPORT ResourceCacheWork {
+public:
+    ~ResourceCacheWork();
+    //! The content is complete at the expected path, or never will be. Later calls change nothing.
+    void finished(const Error& error);
+
+private:
+    friend class ResourceCache;
+    ResourceCacheWork();
+    struct Private;
+    std::unique_ptr<Private> d;
+};
+
 //! What remote resources are kept in on this machine: one directory, shared by any number of processes. An
 //! entry appears whole or not at all; its size and time are compared with its record at each use, and an
 //! entry that differs is not there (the next retrieval fetches it again). Thread: any, unless said otherwise.
@@ -66,10 +89,11 @@ public:
     struct VerifyReport {
         qint64 entries = 0;
         qint64 bytes = 0;
-        //! Damaged entries, each with what is wrong; they are removed from the cache.
+        //! Damaged entries, each with what is wrong; they are not there any more.
         QList<std::pair<QString, QString>> damaged;
     };
-    //! What the server said the content of a resource is; hexadecimal SHA-256, empty when unknown.
+    //! What the server said the content of a resource is; hexadecimal SHA-256, empty when unknown. Called on
+    //! the thread that adds or fills; must not block.
     using ChecksumSource = std::function<QString(const ResourceReference&)>;
 
     //! Nothing is touched on the disk before the first use; the directories are made with access for the
@@ -101,10 +125,17 @@ public:
                                    std::function<std::unique_ptr<Task>(const DirPath&)> fetch, bool replace);
 
     //! See RemoteResourceHandler::addToCache(). Thread: one with an event loop or WorkerPool completions.
+    //! The first fails for a source that cannot be opened, has links in it, or is larger than the cache may
+    //! be. The second removes what the entry held before the writer runs; ErrorCode::Busy when somebody uses
+    //! or fills the entry.
     Error add(const ResourceReferenceSPtr& reference, const QString& subPath, const Path& source);
     Error add(const ResourceReferenceSPtr& reference, const QString& subPath,
               const std::function<Error()>& writer);
-    //! Blocks until what add() began is in the cache or has failed; the failures, for people.
+    //! For a writer of add() whose work goes on after it returned: the entry is sealed when finished() was
+    //! called on all works that the writer asked for. Null unless a writer of \a subPath is running.
+    std::shared_ptr<ResourceCacheWork> deferSeal(const QString& subPath);
+    //! Processes this thread's events until what add() began is in the cache or has failed; the failures, for
+    //! people.
     QStringList waitForPending();
     //! Gives up what add() began; what is half done disappears.
     void dropPending();
@@ -123,3 +154,5 @@ private:
 };
 
 } // namespace orx
+
+Q_DECLARE_METATYPE(orx::ResourceCacheDigest)

@@ -1,0 +1,106 @@
+#include "CacheFill.h"
+
+#include "CacheKeeper.h"
+
+#include <QCoreApplication>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+namespace orx {
+
+using namespace CacheFiles;
+
+namespace {
+
+QString translated(const char* text) {
+    return QCoreApplication::translate("orx::ResourceCache", text);
+}
+
+} // namespace
+
+QString CacheFill::directory() const {
+    return m_store->stagingDir() + u'/' + QString::fromLatin1(stagingName());
+}
+
+Result<CacheFill::Begun> CacheFill::waitForOther() {
+    if (!m_hasWaited) {
+        const auto record = m_store->valid(m_place);
+        if (record)
+            m_addedBefore = record->entry.addedAt;
+    }
+    m_hasWaited = true;
+    return Begun::Waiting;
+}
+
+Result<CacheFill::Begun> CacheFill::begin() {
+    const auto root = m_store->root();
+    if (root.hasError())
+        return root.error();
+    m_fill = (*root)->locks->tryExclusive(CacheLocks::offset(m_place.key(), CacheLocks::kFill));
+    if (!m_fill)
+        return waitForOther();
+    const auto record = m_store->valid(m_place);
+    if (record.hasError() && record.error().is(ErrorCode::InvalidArgument))
+        return record.error();
+    // What another fill brought while this one waited for it is new enough.
+    const bool isGood = record && (!m_isReplacing || (m_hasWaited && m_addedBefore != record->entry.addedAt));
+    m_lease = isGood ? m_store->lease(m_place) : std::nullopt;
+    if (m_lease) {
+        m_fill.reset();
+        return Begun::Done;
+    }
+    ORX_RETURN_ON_ERROR(prepareDirectory(**root));
+    return Begun::Fetch;
+}
+
+//! A file under the final name comes from a fill that was killed before it knew whether it was whole.
+Error CacheFill::prepareDirectory(const CacheRoot& root) {
+    const auto directory = ensureDirectory(root.staging.get(), stagingName(), this->directory());
+    if (directory.hasError())
+        return directory.error();
+    struct stat status {};
+    if (::fstatat(directory->get(), m_place.name().constData(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+        !S_ISDIR(status.st_mode))
+        return removeTree(directory->get(), m_place.name(), this->directory());
+    return Error();
+}
+
+Error CacheFill::finish(const QByteArray& sha256, const QString& expected,
+                        const ResourceCache::Limits& limits) {
+    const auto root = m_store->root();
+    if (root.hasError())
+        return root.error();
+    const auto staging = openDirectory((*root)->staging.get(), stagingName(), directory());
+    if (staging.hasError())
+        return staging.error();
+    const QString shown = m_store->placePath(m_place);
+    auto payload = CachePayload::look(staging->get(), m_place.name(), shown);
+    if (payload.hasError() && payload.error().is(ErrorCode::NotFound))
+        return Error(ErrorCode::NotFound,
+                     translated("What was fetched for the cache holds no \"%1\".").arg(m_place.text()));
+    if (payload.hasError())
+        return std::move(payload).error();
+    if (!sha256.isEmpty() && payload->type == PathType::File)
+        payload->sha256 = sha256;
+    else
+        ORX_RETURN_ON_ERROR(payload->hash(staging->get(), m_place.name(), shown, &m_isCanceled));
+    if (Error error = CacheStore::compare(*payload, expected, m_place.text()); error.hasError()) {
+        const Error removed = removeTree(staging->get(), m_place.name(), directory());
+        qCWarning(cacheLog).noquote() << error.errorMessage() << removed.errorMessage();
+        return error;
+    }
+    ORX_RETURN_ON_ERROR(payload->flush(staging->get(), m_place.name(), shown));
+    ORX_RETURN_ON_ERROR(m_store->seal(m_place, staging->get(), m_place.name(), *payload));
+    m_lease = m_store->lease(m_place);
+    m_fill.reset();
+    // The entry is there; what follows is housekeeping.
+    const Error swept = removeTree((*root)->staging.get(), stagingName(), directory());
+    const auto enforced = CacheKeeper(*m_store).enforce(limits);
+    for (const Error& error : {swept, enforced.error()})
+        if (error.hasError())
+            qCWarning(cacheLog).noquote() << error.errorMessage();
+    return Error();
+}
+
+} // namespace orx

@@ -1,0 +1,50 @@
+#pragma once
+
+#include "CacheStore.h"
+#include "ResourceCache.h"
+
+#include <memory>
+#include <optional>
+
+namespace orx {
+
+//! One fill of an entry, as its disk sees it. begin(), then the content is brought into directory(), then
+//! finish(). What is in the directory when the object goes before that is there for the next fill. Thread:
+//! one at a time; blocks on the disk.
+class CacheFill {
+public:
+    enum class Begun {
+        Waiting, //!< somebody else fills the entry: to be asked again
+        Done,    //!< the entry is there, leased
+        Fetch    //!< the content is to be brought
+    };
+
+    CacheFill(std::shared_ptr<CacheStore> store, const CacheSubPath& place, bool isReplacing)
+        : m_store(std::move(store)), m_place(place), m_isReplacing(isReplacing) {}
+
+    Result<Begun> begin();
+    //! Where the content is to be brought, under the place's name.
+    QString directory() const;
+    //! \a sha256: of the file, by who wrote it; empty when it is to be taken here. \a expected as in
+    //! CacheStore::compare(). The entry is durable, visible and leased after that, and the limits are kept.
+    Error finish(const QByteArray& sha256, const QString& expected, const ResourceCache::Limits& limits);
+    //! Thread: any. Makes finish() end early with ErrorCode::Canceled.
+    void cancel() { m_isCanceled = true; }
+
+private:
+    QByteArray stagingName() const { return "fill-" + m_place.key(); }
+    Result<Begun> waitForOther();
+    Error prepareDirectory(const CacheRoot& root);
+
+    std::shared_ptr<CacheStore> m_store;
+    CacheSubPath m_place;
+    bool m_isReplacing;
+    //! When the entry that is there while another fill is waited for was made.
+    std::optional<QDateTime> m_addedBefore;
+    bool m_hasWaited = false;
+    std::optional<CacheLock> m_fill;
+    std::optional<CacheLock> m_lease;
+    CacheFiles::CancelFlag m_isCanceled = false;
+};
+
+} // namespace orx

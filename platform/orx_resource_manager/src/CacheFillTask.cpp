@@ -1,0 +1,92 @@
+#include "CacheFillTask.h"
+
+#include <DelayStepTask.h>
+#include <WorkerStepTask.h>
+
+#include <QCoreApplication>
+
+#include <algorithm>
+
+namespace orx {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+//! Between two looks whether another process has ended its fill; grows up to the second one.
+constexpr auto kFirstPause = 10ms;
+constexpr auto kLongestPause = 250ms;
+
+} // namespace
+
+CacheFillTask::CacheFillTask(std::shared_ptr<CacheFill> fill, Fetch fetch, std::function<QString()> checksum,
+                             std::function<ResourceCache::Limits()> limits)
+    : ComplexTask(QStringLiteral("Fill the cache"))
+    , m_fill(std::move(fill))
+    , m_fetch(std::move(fetch))
+    , m_checksum(std::move(checksum))
+    , m_limits(std::move(limits))
+    , m_pause(kFirstPause) {}
+
+CacheFillTask::~CacheFillTask() {
+    m_fill->cancel();
+}
+
+Error CacheFillTask::initialize() {
+    begin();
+    return Error();
+}
+
+void CacheFillTask::doCancel() {
+    m_fill->cancel();
+    ComplexTask::doCancel();
+}
+
+void CacheFillTask::begin() {
+    const auto begun = std::make_shared<CacheFill::Begun>();
+    execSubtask(std::make_unique<WorkerStepTask>(QStringLiteral("Begin to fill the cache"),
+                                                 [fill = m_fill, begun] {
+                                                     auto result = fill->begin();
+                                                     if (result.hasError())
+                                                         return std::move(result).error();
+                                                     *begun = *result;
+                                                     return Error();
+                                                 }),
+                [this, begun](BaseTask*) { onBegun(*begun); });
+}
+
+void CacheFillTask::onBegun(CacheFill::Begun begun) {
+    if (begun == CacheFill::Begun::Fetch)
+        fetchContent();
+    if (begun != CacheFill::Begun::Waiting)
+        return;
+    const auto pause = m_pause;
+    m_pause = std::min<std::chrono::milliseconds>(2 * m_pause, kLongestPause);
+    execSubtask(std::make_unique<DelayStepTask>(pause), [this](BaseTask*) { begin(); });
+}
+
+void CacheFillTask::fetchContent() {
+    std::unique_ptr<Task> fetch = m_fetch(DirPath(m_fill->directory()));
+    if (!fetch) {
+        finish(Error(ErrorCode::General,
+                     QCoreApplication::translate("orx::ResourceCache",
+                                                 "There is no way to fetch the content for the cache.")));
+        return;
+    }
+    connect(fetch.get(), &BaseTask::progressInitiated, this, &BaseTask::progressInitiated);
+    connect(fetch.get(), &BaseTask::progress, this, &BaseTask::progress);
+    // The entry stays locked until nothing can write into its directory any more.
+    connect(fetch.get(), &QObject::destroyed, [fill = m_fill] {});
+    execSubtask(std::unique_ptr<BaseTask>(std::move(fetch)), [this](BaseTask* task) { seal(task); });
+}
+
+void CacheFillTask::seal(BaseTask* fetched) {
+    const auto digest = fetched->variantResult().value<ResourceCacheDigest>();
+    execSubtask(std::make_unique<WorkerStepTask>(
+        QStringLiteral("Seal the entry of the cache"),
+        [fill = m_fill, digest, expected = m_checksum(), limits = m_limits()] {
+            return fill->finish(digest.sha256, expected, limits);
+        }));
+}
+
+} // namespace orx

@@ -1,0 +1,283 @@
+#include "CacheKeeper.h"
+
+#include <QCoreApplication>
+#include <QDateTime>
+#include <QFile>
+
+#include <algorithm>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+namespace orx {
+
+using namespace CacheFiles;
+
+namespace {
+
+//! Records that go in one transaction.
+constexpr std::ptrdiff_t kBatch = 256;
+//! What an interrupted fill left is of no use to anybody after that.
+constexpr qint64 kFillLeftoverMs = 24 * 60 * 60 * 1000;
+
+QString translated(const char* text) {
+    return QCoreApplication::translate("orx::ResourceCache", text);
+}
+
+CacheRecords::Bounds boundsOf(const ResourceCache::Limits& limits) {
+    CacheRecords::Bounds bounds;
+    bounds.maxBytes = limits.maxBytes;
+    if (limits.maxAge)
+        bounds.usedBeforeMs = QDateTime::currentMSecsSinceEpoch() -
+                              std::chrono::duration_cast<std::chrono::milliseconds>(*limits.maxAge).count();
+    return bounds;
+}
+
+} // namespace
+
+//! An entry that goes, held against all others.
+struct CacheKeeper::Removal {
+    CacheSubPath place;
+    const CacheRecords::Record* record;
+    CacheLock use;
+    CacheLock atPlace;
+};
+
+Error CacheKeeper::removeBatch(Records::const_iterator begin, Records::const_iterator end,
+                               QSet<qint64>& spared, ResourceCache::PruneReport& report) {
+    const auto root = m_store.root();
+    if (root.hasError())
+        return root.error();
+    CacheLocks& locks = *(*root)->locks;
+    std::vector<Removal> removals;
+    std::vector<qint64> ids;
+    for (auto record = begin; record != end; ++record) {
+        const auto place = m_store.parse(record->entry.subPath);
+        const QByteArray key = place ? place->key() : QByteArray();
+        auto use = place ? locks.tryExclusive(CacheLocks::offset(key, CacheLocks::kUse)) : std::nullopt;
+        auto atPlace = use ? locks.tryExclusive(CacheLocks::offset(key, CacheLocks::kPlace)) : std::nullopt;
+        if (!atPlace) {
+            spared.insert(record->id);
+            ++report.inUse;
+            continue;
+        }
+        ids.push_back(record->id);
+        removals.push_back({*place, &*record, std::move(*use), std::move(*atPlace)});
+    }
+    ORX_RETURN_ON_ERROR(m_store.records().remove(ids));
+    for (const Removal& removal : removals) {
+        report.removed << removal.record->entry;
+        report.bytesRemoved += removal.record->entry.bytes;
+        // The entry is gone; what could not be removed is left to the next sweep.
+        if (const Error error = m_store.clearPlace(removal.place); error.hasError())
+            qCWarning(cacheLog).noquote() << error.errorMessage();
+    }
+    return Error();
+}
+
+//! False when there is nothing more to remove.
+Result<bool> CacheKeeper::removeSome(const ResourceCache::Limits& limits, QSet<qint64>& spared,
+                                     ResourceCache::PruneReport& report) {
+    const auto victims = m_store.records().beyond(boundsOf(limits), spared);
+    if (victims.hasError())
+        return victims.error();
+    for (auto begin = victims->begin(); begin != victims->end();) {
+        const auto end = begin + std::min(kBatch, victims->end() - begin);
+        ORX_RETURN_ON_ERROR(removeBatch(begin, end, spared, report));
+        begin = end;
+    }
+    return !victims->empty();
+}
+
+Result<ResourceCache::PruneReport> CacheKeeper::enforce(const ResourceCache::Limits& limits) {
+    const auto root = m_store.root();
+    if (root.hasError())
+        return root.error();
+    ORX_RETURN_ON_ERROR(m_store.writeUses());
+    ResourceCache::PruneReport report;
+    QSet<qint64> spared;
+    for (bool isMore = true; isMore;) {
+        auto removed = removeSome(limits, spared, report);
+        if (removed.hasError())
+            return std::move(removed).error();
+        isMore = *removed;
+    }
+    auto left = m_store.records().totalBytes();
+    if (left.hasError())
+        return std::move(left).error();
+    report.bytesLeft = *left;
+    return report;
+}
+
+Error CacheKeeper::sweep() {
+    const auto root = m_store.root();
+    if (root.hasError())
+        return root.error();
+    ORX_RETURN_ON_ERROR(sweepStaging(**root));
+    return sweepContent(**root);
+}
+
+namespace {
+
+//! Of a directory and what lies directly in it.
+qint64 newestMs(int parent, const QByteArray& name) {
+    qint64 newest = 0;
+    const auto see = [&newest](int directory, const QByteArray& entry) {
+        struct stat status {};
+        if (::fstatat(directory, entry.constData(), &status, AT_SYMLINK_NOFOLLOW) == 0)
+            newest = std::max(newest, modifiedNs(status) / 1'000'000);
+        return Error();
+    };
+    Error ignored = see(parent, name);
+    const auto directory = openDirectory(parent, name, QString());
+    if (directory)
+        ignored = forEachName(directory->get(), QString(),
+                              [&](const QByteArray& entry) { return see(directory->get(), entry); });
+    return newest;
+}
+
+} // namespace
+
+//! The names are "fill-" and "add-" with the key of their lock.
+Error CacheKeeper::sweepStaging(const CacheRoot& root) {
+    const qint64 oldMs = QDateTime::currentMSecsSinceEpoch() - kFillLeftoverMs;
+    QByteArrayList names;
+    ORX_RETURN_ON_ERROR(forEachName(root.staging.get(), m_store.stagingDir(), [&](const QByteArray& name) {
+        names << name;
+        return Error();
+    }));
+    for (const QByteArray& name : names) {
+        const auto lock =
+            root.locks->tryExclusive(CacheLocks::offset(name.mid(name.indexOf('-') + 1), CacheLocks::kFill));
+        if (lock && (!name.startsWith("fill-") || newestMs(root.staging.get(), name) < oldMs))
+            ORX_RETURN_ON_ERROR(removeTree(root.staging.get(), name, m_store.stagingDir()));
+    }
+    return Error();
+}
+
+namespace {
+
+//! Removes what is neither an entry nor on the way to one.
+class ContentSweep {
+public:
+    explicit ContentSweep(const std::vector<CacheRecords::Record>& records) {
+        for (const CacheRecords::Record& record : records) {
+            const QByteArray path = QFile::encodeName(record.entry.subPath);
+            m_entries.insert(path);
+            for (auto end = path.lastIndexOf('/'); end > 0; end = path.lastIndexOf('/', end - 1))
+                m_above.insert(path.left(end));
+        }
+    }
+
+    Error sweep(int directory, const QByteArray& prefix, const QString& shown) const {
+        QByteArrayList names;
+        ORX_RETURN_ON_ERROR(forEachName(directory, shown, [&](const QByteArray& name) {
+            names << name;
+            return Error();
+        }));
+        for (const QByteArray& name : names) {
+            const QByteArray path = prefix + name;
+            const QString childShown = shown + u'/' + QFile::decodeName(name);
+            if (m_entries.contains(path))
+                continue;
+            const auto child = m_above.contains(path) ? openDirectory(directory, name, childShown)
+                                                      : Result<CacheDescriptor>(CacheDescriptor());
+            if (child && child->isOpen())
+                ORX_RETURN_ON_ERROR(sweep(child->get(), path + '/', childShown));
+            else
+                ORX_RETURN_ON_ERROR(removeTree(directory, name, childShown));
+        }
+        return Error();
+    }
+
+private:
+    QSet<QByteArray> m_entries;
+    QSet<QByteArray> m_above;
+};
+
+} // namespace
+
+Error CacheKeeper::sweepContent(const CacheRoot& root) {
+    const auto lock = root.locks->tryExclusive(CacheLocks::kSweep);
+    if (!lock)
+        return Error();
+    const auto records = m_store.records().all();
+    if (records.hasError())
+        return records.error();
+    return ContentSweep(*records).sweep(root.content.get(), QByteArray(), m_store.contentDir());
+}
+
+//! What is wrong with an entry; empty when nothing is.
+Result<QString> CacheKeeper::damageOf(const CacheSubPath& place, CacheRecords::Record& record,
+                                      const std::function<bool(qint64)>& onBytes) {
+    const QString shown = m_store.placePath(place);
+    const auto parent = m_store.openParent(place);
+    if (parent.hasError())
+        return parent.errorMessage();
+    auto disk = CachePayload::look(parent->get(), place.name(), shown);
+    if (disk.hasError())
+        return disk.errorMessage();
+    if (const QString difference = record.payload.differenceFrom(*disk); !difference.isEmpty())
+        return difference;
+    if (Error error = disk->hash(parent->get(), place.name(), shown, nullptr, onBytes); error.hasError()) {
+        if (error.isCanceled())
+            return error;
+        return error.errorMessage();
+    }
+    if (disk->sha256 != record.payload.sha256)
+        return translated("its checksum is not the recorded one");
+    for (size_t i = 0; i < disk->items.size(); ++i)
+        if (disk->items[i].sha256 != record.payload.items[i].sha256)
+            return translated("the checksum of \"%1\" in it is not the recorded one")
+                .arg(QFile::decodeName(disk->items[i].path));
+    return QString();
+}
+
+Error CacheKeeper::verifyEntry(const CacheRecords::Record& listed, ResourceCache::VerifyReport& report,
+                               const std::function<bool(qint64)>& onBytes) {
+    const auto place = m_store.parse(listed.entry.subPath);
+    const auto root = m_store.root();
+    if (place.hasError() || root.hasError())
+        return place.hasError() ? place.error() : root.error();
+    auto lock = (*root)->locks->tryShared(CacheLocks::offset(place->key(), CacheLocks::kUse));
+    auto record = lock ? m_store.records().find(listed.entry.subPath)
+                       : Result<CacheRecords::Record>(CacheStore::busy(listed.entry.subPath));
+    // It is being removed, or was.
+    if (record.hasError())
+        return record.error().is(ErrorCode::NotFound) || !lock ? Error() : record.error();
+    auto damage = damageOf(*place, *record, onBytes);
+    if (damage.hasError())
+        return std::move(damage).error();
+    ++report.entries;
+    report.bytes += record->entry.bytes;
+    if (damage->isEmpty())
+        return Error();
+    // A fill may have replaced it meanwhile.
+    const auto now = m_store.records().find(listed.entry.subPath);
+    if (now.hasError() || now->entry.addedAt != record->entry.addedAt)
+        return Error();
+    report.damaged << std::pair(listed.entry.subPath, *damage);
+    ORX_RETURN_ON_ERROR(m_store.records().setDamaged(record->id));
+    lock.reset();
+    const Error removed = m_store.remove(*place);
+    return removed.is(ErrorCode::Busy) ? Error() : removed;
+}
+
+Result<ResourceCache::VerifyReport> CacheKeeper::verify(const std::function<bool(qint64)>& progress) {
+    const auto root = m_store.root();
+    if (root.hasError())
+        return root.error();
+    const auto records = m_store.records().all();
+    if (records.hasError())
+        return records.error();
+    ResourceCache::VerifyReport report;
+    qint64 done = 0;
+    const auto onBytes = [&](qint64 bytes) {
+        done += bytes;
+        return !progress || progress(done);
+    };
+    for (const CacheRecords::Record& record : *records)
+        ORX_RETURN_ON_ERROR(verifyEntry(record, report, onBytes));
+    return report;
+}
+
+} // namespace orx

@@ -1,0 +1,59 @@
+#pragma once
+
+#include "CachePayload.h"
+#include "ResourceCache.h"
+
+#include <SqliteFile.h>
+
+#include <QHash>
+#include <QSet>
+
+#include <vector>
+
+namespace orx {
+
+//! The cache's records in its database. Thread: any, one call at a time; blocks on the disk.
+class CacheRecords {
+public:
+    struct Record {
+        qint64 id = 0;
+        ResourceCacheEntry entry;
+        //! Without the items of a directory, unless it was asked for by find().
+        CachePayload payload;
+        //! Known to be damaged though size and time do not show it.
+        bool isDamaged = false;
+    };
+    //! What the cache's limits ask to remove.
+    struct Bounds {
+        std::optional<qint64> maxBytes;
+        //! Those not used since then go; milliseconds since the epoch.
+        std::optional<qint64> usedBeforeMs;
+    };
+
+    //! \a onDamage as in SqliteFile::Format.
+    CacheRecords(const QString& path, std::function<bool(const QString&, const QString&)> onDamage);
+
+    //! With the items of a directory; ErrorCode::NotFound.
+    Result<Record> find(const QString& subPath);
+    //! All, by sub-path.
+    Result<std::vector<Record>> all();
+    //! Replaces what is recorded of the place; the policy stays. ErrorCode::AlreadyExists when the place lies
+    //! within another entry or holds others.
+    Error put(const QString& subPath, const CachePayload& payload);
+    Error setPolicy(const QString& subPath, ResourceCleanupPolicy policy);
+    Error setDamaged(qint64 id);
+    //! Milliseconds since the epoch; never sets a time back.
+    Error setUsed(const QHash<QString, qint64>& uses);
+    //! In one transaction.
+    Error remove(const std::vector<qint64>& ids);
+    Result<qint64> totalBytes();
+    //! What is to be removed to keep the bounds, the first to go first; without \a spared, which stay.
+    Result<std::vector<Record>> beyond(const Bounds& bounds, const QSet<qint64>& spared);
+    //! Whether there is an entry at \a subPath, within which it lies, or below it.
+    Result<bool> isTaken(const QString& subPath);
+
+private:
+    SqliteFile m_file;
+};
+
+} // namespace orx

@@ -1,0 +1,379 @@
+#include "CacheStore.h"
+
+#include <QCoreApplication>
+#include <QDateTime>
+#include <QDir>
+#include <QFile>
+#include <QMutexLocker>
+#include <QUuid>
+
+#include <SQLiteCpp/Column.h>
+#include <SQLiteCpp/Database.h>
+#include <SQLiteCpp/Exception.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace orx {
+
+using namespace CacheFiles;
+
+namespace {
+
+//! Directories above a place may be removed, being empty, just when they are to be used.
+constexpr int kAttempts = 20;
+
+QString translated(const char* text) {
+    return QCoreApplication::translate("orx::ResourceCache", text);
+}
+
+bool isMissing(const Error& error) {
+    return error.is(ErrorCode::NotFound) || error.is(ErrorDomain::OperatingSystem, ENOENT);
+}
+
+QString databasePath(const QString& rootDir) {
+    return rootDir + QStringLiteral("/state/cache.sqlite");
+}
+
+bool isSameFile(const QString& path, int descriptor) {
+    struct stat named {
+    }, opened{};
+    return ::stat(QFile::encodeName(path).constData(), &named) == 0 && ::fstat(descriptor, &opened) == 0 &&
+           named.st_dev == opened.st_dev && named.st_ino == opened.st_ino;
+}
+
+bool isSound(const QString& path) {
+    try {
+        SQLite::Database database(QFile::encodeName(path).toStdString(), SQLite::OPEN_READWRITE, 10'000);
+        return std::string(database.execAndGet("PRAGMA quick_check(1)").getText()) == "ok";
+    } catch (const SQLite::Exception&) {
+        return false;
+    }
+}
+
+} // namespace
+
+const QLoggingCategory& cacheLog() {
+    static const QLoggingCategory category("orx.cache");
+    return category;
+}
+
+CacheStore::CacheStore(const QString& rootDir)
+    : m_rootDir(QDir::cleanPath(rootDir))
+    , m_quick(databasePath(m_rootDir), [this](auto& path, auto& why) { return setAsideDatabase(path, why); })
+    , m_work(databasePath(m_rootDir), [this](auto& path, auto& why) { return setAsideDatabase(path, why); }) {
+}
+
+CacheStore::~CacheStore() {
+    if (const Error error = writeUses(); error.hasError())
+        qCWarning(cacheLog).noquote() << error.errorMessage();
+}
+
+QString CacheStore::contentDir() const {
+    return m_rootDir + QStringLiteral("/content");
+}
+
+QString CacheStore::stagingDir() const {
+    return m_rootDir + QStringLiteral("/state/staging");
+}
+
+QString CacheStore::placePath(const CacheSubPath& place) const {
+    return contentDir() + u'/' + place.text();
+}
+
+Result<CacheSubPath> CacheStore::parse(const QString& subPath) const {
+    return CacheSubPath::parse(subPath, QFile::encodeName(contentDir()).size());
+}
+
+Error CacheStore::busy(const QString& subPath) {
+    return Error(
+        ErrorCode::Busy,
+        translated("\"%1\" in the cache is being used. Try again when that has ended.").arg(subPath));
+}
+
+bool CacheStore::isStillThere(const CacheRoot& root) const {
+    return isSameFile(stagingDir(), root.staging.get()) && isSameFile(contentDir(), root.content.get());
+}
+
+Error CacheStore::openRoot(CacheRoot& root) const {
+    if (!QDir().mkpath(QFileInfo(m_rootDir).path()))
+        return systemError("Could not create the directory of the cache \"%1\"", m_rootDir);
+    if (::mkdir(QFile::encodeName(m_rootDir).constData(), 0700) != 0 && errno != EEXIST)
+        return systemError("Could not create the directory of the cache \"%1\"", m_rootDir);
+    const CacheDescriptor top(
+        ::open(QFile::encodeName(m_rootDir).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!top.isOpen())
+        return systemError("Could not open the directory of the cache \"%1\"", m_rootDir);
+    const auto ensure = [](CacheDescriptor& directory, int parent, const char* name, const QString& shown) {
+        auto opened = ensureDirectory(parent, name, shown);
+        if (opened.hasError())
+            return std::move(opened).error();
+        directory = std::move(*opened);
+        return Error();
+    };
+    ORX_RETURN_ON_ERROR(ensure(root.content, top.get(), "content", contentDir()));
+    ORX_RETURN_ON_ERROR(ensure(root.state, top.get(), "state", m_rootDir + QStringLiteral("/state")));
+    ORX_RETURN_ON_ERROR(ensure(root.staging, root.state.get(), "staging", stagingDir()));
+    CacheDescriptor locks(
+        ::openat(root.state.get(), "locks", O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+    struct flock probe {};
+    probe.l_type = F_RDLCK;
+    probe.l_whence = SEEK_SET;
+    probe.l_len = 1;
+    if (!locks.isOpen() || ::fcntl(locks.get(), F_OFD_GETLK, &probe) != 0)
+        return systemError("Could not use locks in the cache \"%1\"; let it use a local disk", m_rootDir);
+    root.locks = std::make_shared<CacheLocks>(std::move(locks));
+    return Error();
+}
+
+Result<std::shared_ptr<CacheRoot>> CacheStore::root() {
+    const QMutexLocker lock(&m_mutex);
+    if (m_root && isStillThere(*m_root))
+        return m_root;
+    auto fresh = std::make_shared<CacheRoot>();
+    ORX_RETURN_ON_ERROR(openRoot(*fresh));
+    m_root = fresh;
+    return fresh;
+}
+
+//! Called while the connection that met the damage is closed.
+bool CacheStore::setAsideDatabase(const QString& path, const QString& reason) {
+    const auto opened = root();
+    if (opened.hasError())
+        return false;
+    const auto lock = (*opened)->locks->waitExclusive(CacheLocks::kDatabase);
+    if (!lock)
+        return false;
+    // Another process or connection may have been first.
+    if (isSound(path))
+        return true;
+    const QString aside = path + QStringLiteral(".damaged-%1").arg(QDateTime::currentMSecsSinceEpoch());
+    const QByteArray from = QFile::encodeName(path);
+    const QByteArray to = QFile::encodeName(aside);
+    if (std::rename(from.constData(), to.constData()) != 0)
+        return false;
+    std::rename((from + "-wal").constData(), (to + "-wal").constData());
+    ::unlink((from + "-shm").constData());
+    qCWarning(cacheLog).noquote() << translated(
+                                         "The records of the cache were damaged (%1) and are now at \"%2\". "
+                                         "What the cache holds is fetched again.")
+                                         .arg(reason, aside);
+    return true;
+}
+
+Result<CacheDescriptor> CacheStore::openParent(const CacheSubPath& place) {
+    const auto opened = root();
+    if (opened.hasError())
+        return opened.error();
+    QByteArrayList above = place.components();
+    above.removeLast();
+    return openDirectories((*opened)->content.get(), above, placePath(place));
+}
+
+Result<CacheDescriptor> CacheStore::ensureParent(const CacheSubPath& place) {
+    const auto opened = root();
+    if (opened.hasError())
+        return opened.error();
+    QByteArrayList above = place.components();
+    above.removeLast();
+    for (int attempt = 1;; ++attempt) {
+        auto parent = ensureDirectories((*opened)->content.get(), above, placePath(place));
+        if (parent || attempt == kAttempts || !isMissing(parent.error()))
+            return parent;
+    }
+}
+
+Result<CacheRecords::Record> CacheStore::valid(const CacheSubPath& place) {
+    const auto opened = root();
+    if (opened.hasError())
+        return opened.error();
+    auto record = m_quick.find(place.text());
+    if (record.hasError())
+        return record;
+    const auto parent = openParent(place);
+    if (parent.hasError())
+        return parent.error();
+    const auto disk = CachePayload::look(parent->get(), place.name(), placePath(place));
+    if (disk.hasError())
+        return disk.error();
+    const QString difference =
+        record->isDamaged ? translated("its content is damaged") : record->payload.differenceFrom(*disk);
+    if (!difference.isEmpty())
+        return Error(ErrorCode::NotFound,
+                     translated("\"%1\" in the cache is not whole: %2.").arg(place.text(), difference));
+    return record;
+}
+
+std::optional<CacheLock> CacheStore::lease(const CacheSubPath& place) {
+    const auto opened = root();
+    if (opened.hasError()) {
+        qCWarning(cacheLog).noquote() << opened.errorMessage();
+        return std::nullopt;
+    }
+    auto lock = (*opened)->locks->tryShared(CacheLocks::offset(place.key(), CacheLocks::kUse));
+    if (!lock)
+        return std::nullopt;
+    if (const auto record = valid(place); record.hasError()) {
+        if (!isMissing(record.error()))
+            qCWarning(cacheLog).noquote() << record.errorMessage();
+        return std::nullopt;
+    }
+    noteUse(place.text());
+    return lock;
+}
+
+void CacheStore::noteUse(const QString& subPath) {
+    const QMutexLocker lock(&m_mutex);
+    m_uses[subPath] = QDateTime::currentMSecsSinceEpoch();
+}
+
+Error CacheStore::writeUses() {
+    QHash<QString, qint64> uses;
+    {
+        const QMutexLocker lock(&m_mutex);
+        uses.swap(m_uses);
+    }
+    return uses.isEmpty() ? Error() : m_work.setUsed(uses);
+}
+
+Error CacheStore::seal(const CacheSubPath& place, int staging, const QByteArray& name,
+                       const CachePayload& payload) {
+    const auto opened = root();
+    if (opened.hasError())
+        return opened.error();
+    CacheLocks& locks = *(*opened)->locks;
+    const auto sweep = locks.waitShared(CacheLocks::kSweep);
+    const auto lock = locks.waitExclusive(CacheLocks::offset(place.key(), CacheLocks::kPlace));
+    if (!sweep || !lock)
+        return busy(place.text());
+    const auto taken = m_work.isTaken(place.text());
+    if (taken.hasError())
+        return taken.error();
+    if (*taken)
+        return m_work.put(place.text(), payload); // tells why not
+    return exchange(place, staging, name, payload);
+}
+
+namespace {
+
+//! For file systems that cannot exchange: for a moment there is nothing at the place.
+int swapByRenames(int from, const char* name, int to, const char* there) {
+    const QByteArray aside = QByteArray(".aside-") + QUuid::createUuid().toByteArray(QUuid::Id128);
+    const bool wasThere = ::renameat(to, there, from, aside.constData()) == 0;
+    if (!wasThere && errno != ENOENT)
+        return errno;
+    if (::renameat(from, name, to, there) != 0) {
+        const int failure = errno;
+        if (wasThere)
+            ::renameat(from, aside.constData(), to, there);
+        return failure;
+    }
+    return !wasThere || ::renameat(from, aside.constData(), from, name) == 0 ? 0 : errno;
+}
+
+//! Exchanges two names, the second of which may be free. Called the other way round it undoes itself. Returns
+//! 0 or errno.
+int swapNames(int from, const char* name, int to, const char* there) {
+    if (::renameat2(from, name, to, there, RENAME_EXCHANGE) == 0)
+        return 0;
+    if (errno == ENOENT && ::renameat2(from, name, to, there, RENAME_NOREPLACE) == 0)
+        return 0;
+    const bool isUnknown = errno == EINVAL || errno == ENOSYS || errno == ENOTSUP;
+    return isUnknown ? swapByRenames(from, name, to, there) : errno;
+}
+
+} // namespace
+
+Error CacheStore::exchange(const CacheSubPath& place, int staging, const QByteArray& name,
+                           const CachePayload& payload) {
+    const QString shown = placePath(place);
+    const char* there = place.name().constData();
+    for (int attempt = 1;; ++attempt) {
+        const auto parent = ensureParent(place);
+        if (parent.hasError())
+            return parent.error();
+        const int failure = swapNames(staging, name.constData(), parent->get(), there);
+        if ((failure == ENOENT || failure == EEXIST) && attempt < kAttempts)
+            continue;
+        errno = failure;
+        if (failure != 0)
+            return systemError("Could not bring \"%1\" to its place in the cache", shown);
+        Error error = flush(parent->get(), shown);
+        if (!error.hasError())
+            error = m_work.put(place.text(), payload);
+        if (error.hasError() && swapNames(parent->get(), there, staging, name.constData()) != 0)
+            qCWarning(cacheLog).noquote() << systemError("Could not bring back \"%1\"", shown).errorMessage();
+        return error;
+    }
+}
+
+Error CacheStore::sealInPlace(const CacheSubPath& place, const CachePayload& payload) {
+    const auto parent = openParent(place);
+    if (parent.hasError())
+        return parent.error();
+    ORX_RETURN_ON_ERROR(flush(parent->get(), placePath(place)));
+    const auto opened = root();
+    if (opened.hasError())
+        return opened.error();
+    const auto lock = (*opened)->locks->waitExclusive(CacheLocks::offset(place.key(), CacheLocks::kPlace));
+    return lock ? m_work.put(place.text(), payload) : busy(place.text());
+}
+
+Error CacheStore::clearPlace(const CacheSubPath& place) {
+    const auto opened = root();
+    if (opened.hasError())
+        return opened.error();
+    const auto parent = openParent(place);
+    if (parent.hasError())
+        return isMissing(parent.error()) ? Error() : parent.error();
+    ORX_RETURN_ON_ERROR(removeTree(parent->get(), place.name(), placePath(place)));
+    QByteArrayList above = place.components();
+    above.removeLast();
+    while (!above.isEmpty()) {
+        const QByteArray name = above.takeLast();
+        const auto directory = openDirectories((*opened)->content.get(), above, placePath(place));
+        // One that is not empty, or used by now, ends it.
+        if (directory.hasError() || ::unlinkat(directory->get(), name.constData(), AT_REMOVEDIR) != 0)
+            break;
+    }
+    return Error();
+}
+
+Error CacheStore::remove(const CacheSubPath& place) {
+    const auto opened = root();
+    if (opened.hasError())
+        return opened.error();
+    CacheLocks& locks = *(*opened)->locks;
+    const auto use = locks.tryExclusive(CacheLocks::offset(place.key(), CacheLocks::kUse));
+    const auto lock =
+        use ? locks.waitExclusive(CacheLocks::offset(place.key(), CacheLocks::kPlace)) : std::nullopt;
+    if (!lock)
+        return busy(place.text());
+    const auto taken = m_work.isTaken(place.text());
+    if (taken.hasError())
+        return taken.error();
+    if (*taken)
+        return Error(ErrorCode::InvalidArgument,
+                     translated("\"%1\" is no entry of the cache.").arg(place.text()));
+    const auto record = m_work.find(place.text());
+    if (record.hasError() && !record.error().is(ErrorCode::NotFound))
+        return record.error();
+    if (record)
+        ORX_RETURN_ON_ERROR(m_work.remove({record->id}));
+    return clearPlace(place);
+}
+
+Error CacheStore::compare(const CachePayload& payload, const QString& expected, const QString& shown) {
+    if (expected.isEmpty() || payload.type != PathType::File ||
+        expected.compare(QLatin1String(payload.sha256), Qt::CaseInsensitive) == 0)
+        return Error();
+    return Error(ErrorCode::ChecksumMismatch,
+                 translated("The content of \"%1\" for the cache is not what the server has (SHA-256 %2 "
+                            "instead of %3); it was not kept.")
+                     .arg(shown, QString::fromLatin1(payload.sha256), expected.toLower()));
+}
+
+} // namespace orx

@@ -1,0 +1,89 @@
+#pragma once
+
+#include "CacheLocks.h"
+#include "CachePayload.h"
+#include "CacheRecords.h"
+#include "CacheSubPath.h"
+
+#include <QLoggingCategory>
+
+#include <memory>
+
+namespace orx {
+
+//! Category "orx.cache".
+const QLoggingCategory& cacheLog();
+
+//! The open directories of a cache and its locks.
+struct CacheRoot {
+    CacheDescriptor content;
+    CacheDescriptor state;
+    CacheDescriptor staging;
+    std::shared_ptr<CacheLocks> locks;
+};
+
+//! The cache's state on the disk: places, records and locks, and how content comes to its place and goes.
+//! Shared by the cache and what works for it. Thread: any; blocks on the disk.
+class CacheStore {
+public:
+    explicit CacheStore(const QString& rootDir);
+    ~CacheStore();
+    CacheStore(const CacheStore&) = delete;
+    CacheStore& operator=(const CacheStore&) = delete;
+
+    QString rootDir() const { return m_rootDir; }
+    QString contentDir() const;
+    QString stagingDir() const;
+    QString placePath(const CacheSubPath& place) const;
+    Result<CacheSubPath> parse(const QString& subPath) const;
+    //! Makes or opens the directories; anew when they were removed behind our back.
+    Result<std::shared_ptr<CacheRoot>> root();
+    //! For what is short, and for what is long: neither waits for the other.
+    CacheRecords& quickRecords() { return m_quick; }
+    CacheRecords& records() { return m_work; }
+
+    //! The record of an entry that is whole by sizes and times; ErrorCode::NotFound otherwise.
+    Result<CacheRecords::Record> valid(const CacheSubPath& place);
+    //! Keeps a valid entry from being removed, and counts as its use.
+    std::optional<CacheLock> lease(const CacheSubPath& place);
+    //! Writes down the uses that leases counted.
+    Error writeUses();
+
+    //! Brings \a name in the directory \a staging, which is \a payload and on the disk, to its place and
+    //! records it. What was at the place is in \a staging then, or nothing. After a failure the place and the
+    //! record are as before.
+    Error seal(const CacheSubPath& place, int staging, const QByteArray& name, const CachePayload& payload);
+    //! Records what lies at the place already.
+    Error sealInPlace(const CacheSubPath& place, const CachePayload& payload);
+    //! The directory above the place, made when missing.
+    Result<CacheDescriptor> ensureParent(const CacheSubPath& place);
+    //! The directory above the place; ErrorCode::NotFound.
+    Result<CacheDescriptor> openParent(const CacheSubPath& place);
+    //! Removes what lies at the place, which nobody uses and no record tells of, and the directories above it
+    //! that are empty then.
+    Error clearPlace(const CacheSubPath& place);
+    //! Record and content; ErrorCode::Busy when somebody uses it. Nothing when there is neither.
+    Error remove(const CacheSubPath& place);
+
+    //! ErrorCode::ChecksumMismatch when \a expected (hexadecimal; empty: unknown) is not a file's digest.
+    static Error compare(const CachePayload& payload, const QString& expected, const QString& shown);
+    //! ErrorCode::Busy, naming \a place.
+    static Error busy(const QString& subPath);
+
+private:
+    Error openRoot(CacheRoot& root) const;
+    bool isStillThere(const CacheRoot& root) const;
+    bool setAsideDatabase(const QString& path, const QString& reason);
+    void noteUse(const QString& subPath);
+    Error exchange(const CacheSubPath& place, int staging, const QByteArray& name,
+                   const CachePayload& payload);
+
+    const QString m_rootDir;
+    QMutex m_mutex;
+    std::shared_ptr<CacheRoot> m_root;
+    QHash<QString, qint64> m_uses;
+    CacheRecords m_quick;
+    CacheRecords m_work;
+};
+
+} // namespace orx
