@@ -122,9 +122,9 @@ TEST_F(FolderCalls, WhatOneMayNotReadLooksAbsent) {
     const std::string fileId = std::to_string(file.at("id").get<int>());
     actAsAnna();
     const std::string base = "/files/" + fileId;
-    const std::vector<std::string> paths{"/folders/1",
-                                         "/folders/1/folders",
-                                         "/folders/" + std::to_string(hidden),
+    const std::vector<std::string> paths{"/folders/" + std::to_string(hidden),
+                                         "/folders/" + std::to_string(hidden) + "/folders",
+                                         "/folders/" + std::to_string(hidden) + "/files",
                                          base,
                                          base + "/path",
                                          base + "/versions",
@@ -140,6 +140,66 @@ TEST_F(FolderCalls, WhatOneMayNotReadLooksAbsent) {
         call("POST", "/uploads", {{"name", "a"}, {"size", 1}, {"target_id", hidden}, {"target_type", 1}})
             .errorCode(),
         3);
+}
+
+// Paths begin at the root, so that it is there for everybody.
+TEST_F(FolderCalls, ARootThatOneMayNotReadHoldsOnlyWhatOneMayRead) {
+    addGroup("lab");
+    const json file = storeFile("f", "x");
+    const int hidden = makeFolder("hidden");
+    const int open = makeFolder("open");
+    const int below = makeFolder("below", open);
+    grant(open, "lab", "1,2");
+    actAsAnna();
+    EXPECT_EQ(get("/folders/1").data(), (json{{"id", 1},
+                                              {"name", "/"},
+                                              {"parent_id", -1},
+                                              {"has_children", true},
+                                              {"path", {{{"folder_id", 1}, {"folder_name", "/"}}}},
+                                              {"usergroup_ids", nullptr},
+                                              {"privilege_ids", ""}}));
+    EXPECT_EQ(names("/folders/1/folders", "folders"), "open;");
+    EXPECT_EQ(names("/folders/1/files", "files"), "");
+    EXPECT_EQ(get("/files/" + std::to_string(file.at("id").get<int>())).status, 404);
+    EXPECT_EQ(get("/folders/" + std::to_string(hidden)).status, 404);
+    EXPECT_EQ(get("/folders/" + std::to_string(below)).data().at("path").at(0).at("folder_name"), "open");
+    EXPECT_EQ(call("POST", "/folders", {{"name", "a"}, {"parent_id", 1}}).errorCode(), 5);
+    EXPECT_EQ(call("POST", "/uploads", {{"name", "a"}, {"size", 1}, {"target_id", 1}, {"target_type", 1}})
+                  .errorCode(),
+              5);
+}
+
+TEST_F(FolderCalls, ARootOfHiddenFoldersHasNoChildren) {
+    addGroup("lab");
+    makeFolder("hidden");
+    actAsAnna();
+    EXPECT_EQ(get("/folders/1").data().at("has_children"), false);
+    EXPECT_EQ(names("/folders/1/folders", "folders"), "");
+}
+
+// Without reading, no other privilege is worth anything.
+TEST_F(FolderCalls, ARootThatOneMayNotReadCannotBeWritten) {
+    addGroup("lab");
+    grant(1, "lab", "2,3");
+    actAsAnna();
+    EXPECT_EQ(get("/folders/1").data().at("privilege_ids"), "");
+    EXPECT_EQ(call("POST", "/folders", {{"name", "a"}, {"parent_id", 1}}).errorCode(), 5);
+    EXPECT_EQ(call("POST", "/uploads", {{"name", "a"}, {"size", 1}, {"target_id", 1}, {"target_type", 1}})
+                  .errorCode(),
+              5);
+}
+
+TEST_F(FolderCalls, TheRootsFilesAppearWithThePrivilege) {
+    addGroup("lab");
+    storeFile("f", "x");
+    actAsAnna();
+    const std::string hidden = get("/folders/1/files").headers.at("etag");
+    grant(1, "lab", "1");
+    EXPECT_EQ(get("/folders/1/files", {{"If-None-Match", hidden}}).status, 200);
+    const std::string shown = get("/folders/1/files").headers.at("etag");
+    grant(1, "lab", "2");
+    EXPECT_EQ(get("/folders/1/files", {{"If-None-Match", shown}}).status, 200);
+    EXPECT_EQ(names("/folders/1/files", "files"), "");
 }
 
 TEST_F(FolderCalls, WhatOneMayOnlyReadCannotBeWritten) {

@@ -4,12 +4,17 @@ namespace halvane::server {
 
 std::vector<PathStep> FolderAccess::visiblePath() const {
     std::vector<PathStep> path;
-    for (std::size_t i = visibleFrom(privileges); i < chain.size(); ++i)
+    // The root is there for everybody.
+    const std::size_t from = chain.size() == 1 ? 0 : visibleFrom(privileges);
+    for (std::size_t i = from; i < chain.size(); ++i)
         path.push_back({chain[i].id, chain[i].name});
     return path;
 }
 
-std::optional<FolderAccess> readableFolder(SqliteConnection& connection, const Caller& caller, Id folder) {
+namespace {
+
+// An empty chain when there is no such folder.
+FolderAccess accessOf(SqliteConnection& connection, const Caller& caller, Id folder) {
     Query query(connection, "WITH RECURSIVE up (id, parent_id, name, distance) AS ("
                             " SELECT id, parent_id, name, 0 FROM folders WHERE id = ?1"
                             " UNION ALL SELECT f.id, f.parent_id, f.name, up.distance + 1"
@@ -26,6 +31,17 @@ std::optional<FolderAccess> readableFolder(SqliteConnection& connection, const C
                 {query.integer(2), PrivilegeSet(static_cast<std::uint32_t>(query.integer(3)))});
     }
     access.privileges = privilegesAlong(access.chain, caller.identity());
+    return access;
+}
+
+ApiError noSuchFolder(Id folder) {
+    return ApiError(ErrorCode::NotFound, "There is no folder with the id " + std::to_string(folder) + ".");
+}
+
+} // namespace
+
+std::optional<FolderAccess> readableFolder(SqliteConnection& connection, const Caller& caller, Id folder) {
+    FolderAccess access = accessOf(connection, caller, folder);
     if (access.chain.empty() || !access.here().has(Privilege::Read))
         return std::nullopt;
     return access;
@@ -34,8 +50,18 @@ std::optional<FolderAccess> readableFolder(SqliteConnection& connection, const C
 FolderAccess requireReadable(SqliteConnection& connection, const Caller& caller, Id folder) {
     auto access = readableFolder(connection, caller, folder);
     if (!access)
-        throw ApiError(ErrorCode::NotFound, "There is no folder with the id " + std::to_string(folder) + ".");
+        throw noSuchFolder(folder);
     return std::move(*access);
+}
+
+FolderAccess requireReadableOrRoot(SqliteConnection& connection, const Caller& caller, Id folder) {
+    if (folder != rootFolderId)
+        return requireReadable(connection, caller, folder);
+    FolderAccess access = accessOf(connection, caller, folder);
+    // Without reading, the other privileges are worth nothing.
+    if (!access.here().has(Privilege::Read))
+        access.privileges.back() = PrivilegeSet();
+    return access;
 }
 
 void requirePrivilege(const FolderAccess& access, Privilege privilege, const std::string& action) {

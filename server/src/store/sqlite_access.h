@@ -22,6 +22,9 @@ struct FolderAccess {
 std::optional<FolderAccess> readableFolder(SqliteConnection& connection, const Caller& caller, Id folder);
 // The same, but throws NotFound.
 FolderAccess requireReadable(SqliteConnection& connection, const Caller& caller, Id folder);
+// The same, but the root is there for everybody: paths begin at it. Whoever may not read it has no privilege
+// there, and finds nothing in it but the sub-folders that he may read.
+FolderAccess requireReadableOrRoot(SqliteConnection& connection, const Caller& caller, Id folder);
 // Throws NoPrivilege with "You may not <action> the folder ..." unless the privilege is there.
 void requirePrivilege(const FolderAccess& access, Privilege privilege, const std::string& action);
 // The folder of a file that the caller may read; throws NotFound.

@@ -46,12 +46,13 @@ ListingState SqliteCatalog::files(const Caller& caller, Id id,
                                   const std::function<void(const FileRecord&)>& item) {
     ListingState state;
     read([&](SqliteConnection& connection) {
-        (void)requireReadable(connection, caller, id);
+        const FolderAccess access = requireReadableOrRoot(connection, caller, id);
+        const bool hidden = !access.here().has(Privilege::Read);
         Query change(connection, "SELECT files_change FROM folders WHERE id = ?1");
         change.bind(id).next();
-        state.etag = "\"f" + std::to_string(id) + '-' + change.text(0) + '"';
+        state.etag = "\"f" + std::to_string(id) + '-' + change.text(0) + (hidden ? "-hidden\"" : "\"");
         state.notModified = isKnown(state.etag);
-        if (state.notModified)
+        if (state.notModified || hidden)
             return;
         Query query(connection, HALVANE_FILE_COLUMNS " WHERE f.folder_id = ?1 ORDER BY f.id");
         query.bind(id);

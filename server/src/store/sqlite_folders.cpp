@@ -11,11 +11,11 @@ namespace {
 // Bounds the cost of walking up from a folder.
 constexpr std::int64_t maximumDepth = 256;
 
-// True for a folder f that has a sub-folder which the caller (?2: administrator, ?3: ids of the groups) may
-// read, given that the caller may read f.
+// True for a folder f that has a sub-folder which the caller (?2: administrator, ?3: ids of the groups, ?4:
+// may read f) may read.
 #define HALVANE_HAS_READABLE_CHILD                                                                           \
     "EXISTS (SELECT 1 FROM folders c WHERE c.parent_id = f.id AND (?2"                                       \
-    " OR NOT EXISTS (SELECT 1 FROM grants g WHERE g.folder_id = c.id)"                                       \
+    " OR (?4 AND NOT EXISTS (SELECT 1 FROM grants g WHERE g.folder_id = c.id))"                              \
     " OR EXISTS (SELECT 1 FROM grants g WHERE g.folder_id = c.id AND g.privileges & 1"                       \
     " AND g.group_id IN (SELECT value FROM json_each(?3)))))"
 
@@ -77,11 +77,11 @@ Id insertFolder(SqliteConnection& connection, const Caller& caller, const Folder
 FolderRecord SqliteCatalog::folder(const Caller& caller, Id id) {
     FolderRecord result;
     read([&](SqliteConnection& connection) {
-        const FolderAccess access = requireReadable(connection, caller, id);
+        const FolderAccess access = requireReadableOrRoot(connection, caller, id);
         const FolderLink& own = access.folder();
         Query query(connection,
                     "SELECT parent_id, " HALVANE_HAS_READABLE_CHILD " FROM folders f WHERE f.id = ?1");
-        query.bind(id, caller.isAdmin, groupIdsJson(caller)).next();
+        query.bind(id, caller.isAdmin, groupIdsJson(caller), access.here().has(Privilege::Read)).next();
         result = {own.id,
                   own.name,
                   query.optionalInteger(0).value_or(-1),
@@ -98,7 +98,7 @@ ListingState SqliteCatalog::subfolders(const Caller& caller, Id id,
                                        const std::function<void(const FolderRecord&)>& item) {
     ListingState state;
     read([&](SqliteConnection& connection) {
-        const FolderAccess access = requireReadable(connection, caller, id);
+        const FolderAccess access = requireReadableOrRoot(connection, caller, id);
         state.etag = subfoldersTag(connection, caller, id);
         state.notModified = isKnown(state.etag);
         if (state.notModified)
@@ -108,7 +108,7 @@ ListingState SqliteCatalog::subfolders(const Caller& caller, Id id,
             connection,
             "SELECT f.id, f.name, " HALVANE_HAS_READABLE_CHILD ", o.group_id, o.privileges FROM folders f"
             " LEFT JOIN grants o ON o.folder_id = f.id WHERE f.parent_id = ?1 ORDER BY f.id, o.group_id");
-        query.bind(id, caller.isAdmin, groupIdsJson(caller));
+        query.bind(id, caller.isAdmin, groupIdsJson(caller), true); // only what may be read is shown
         FolderRecord current;
         std::vector<Grant> grants;
         const auto emit = [&] {
@@ -140,7 +140,7 @@ Id SqliteCatalog::createFolder(const Caller& caller, Id parent, const std::strin
             id = earlier->id;
             return;
         }
-        const FolderAccess access = requireReadable(connection, caller, parent);
+        const FolderAccess access = requireReadableOrRoot(connection, caller, parent);
         requirePrivilege(access, Privilege::CreateFolders, "create folders in");
         requireVisibleGroups(connection, caller, groups);
         id = insertFolder(connection, caller, access, name, groups);

@@ -79,7 +79,7 @@ UploadRecord requireOpenUpload(SqliteConnection& connection, const Caller& calle
 void requireTarget(SqliteConnection& connection, const Caller& caller, const NewUpload& upload) {
     const FolderAccess access = upload.targetType == TargetType::File
                                     ? requireReadableFile(connection, caller, upload.targetId)
-                                    : requireReadable(connection, caller, upload.targetId);
+                                    : requireReadableOrRoot(connection, caller, upload.targetId);
     requirePrivilege(access, Privilege::AddFiles, "add files to");
 }
 
