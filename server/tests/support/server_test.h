@@ -5,6 +5,7 @@
 #include "support/http_client.h"
 #include "support/temporary_directory.h"
 
+#include <atomic>
 #include <gtest/gtest.h>
 #include <memory>
 #include <optional>
@@ -39,6 +40,8 @@ protected:
     // SIGTERM; returns the exit code.
     int stop();
     void kill();
+    // False when the process has ended, or did not come up.
+    bool isServing() const;
     pid_t pid() const { return m_process; }
     std::uint16_t port() const { return m_port; }
     std::string dataDirectory() const { return m_directory.file("data"); }
@@ -85,7 +88,7 @@ protected:
 
 private:
     pid_t m_process = -1;
-    std::uint16_t m_port = 0;
+    std::atomic<std::uint16_t> m_port{0}; // threads of a test go on calling while the server is started anew
     std::string m_token;
 };
 
