@@ -57,6 +57,27 @@ TEST_F(Commands, WrongOptionsAreUsageErrors) {
     EXPECT_EQ(command({"grant", "--folder", "1", "--group", "lab", "--privileges", "7"}).exitCode, 2);
 }
 
+TEST_F(Commands, MistakesSayWhatIsWrong) {
+    prepare();
+    const auto message = [this](const std::vector<std::string>& arguments, int exitCode) {
+        const ProgramResult result = command(arguments);
+        EXPECT_EQ(result.exitCode, exitCode) << result.err;
+        EXPECT_TRUE(result.err.starts_with("halvane-server: ")) << result.err;
+        return result.err;
+    };
+    EXPECT_NE(message({"--nonsense"}, 2).find("--help"), std::string::npos);
+    EXPECT_NE(message({"--listen", "somewhere:0"}, 1).find("no numerical address"), std::string::npos);
+    const std::string missing = temporaryFile("missing.pem");
+    const std::string told =
+        message({"--listen", "127.0.0.1:0", "--tls-cert", missing, "--tls-key", missing}, 1);
+    EXPECT_NE(told.find(missing), std::string::npos) << told;
+    EXPECT_NE(told.find("No such file"), std::string::npos) << told;
+    std::ofstream(missing) << "no certificate";
+    EXPECT_NE(
+        message({"--listen", "127.0.0.1:0", "--tls-cert", missing, "--tls-key", missing}, 1).find("PEM"),
+        std::string::npos);
+}
+
 TEST_F(Commands, AnAddressInUseIsTold) {
     prepare();
     start();

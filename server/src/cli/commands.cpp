@@ -274,6 +274,9 @@ int runCommandLine(int argc, char** argv) {
         "--password-stdin\n"
         "  halvane-server --data /srv/halvane --listen 0.0.0.0:8390 --tls-cert cert.pem --tls-key key.pem\n"
         "  halvane-server --data /srv/halvane --listen 127.0.0.1:0 --port-file port.txt\n"));
+    app.failure_message([](const CLI::App*, const CLI::Error& error) {
+        return std::string("halvane-server: ") + error.what() + ". 'halvane-server --help' tells more.\n";
+    });
     ServeArguments arguments;
     addServe(app, arguments);
     addInit(app);

@@ -8,8 +8,11 @@
 #include <boost/asio/signal_set.hpp>
 #include <boost/asio/use_awaitable.hpp>
 
+#include <cerrno>
+#include <fcntl.h>
 #include <set>
 #include <sys/socket.h>
+#include <unistd.h>
 
 namespace halvane::server {
 
@@ -26,10 +29,22 @@ void requireOperator(const error_code& error, const std::string& action) {
         throw ApiError(ErrorCode::Internal, "Cannot " + action + ": " + error.message() + ".");
 }
 
+// OpenSSL's own messages do not say that a file is missing.
+void requireReadable(const std::string& path, const char* what) {
+    const int file = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (file < 0)
+        throw systemError("read the " + std::string(what) + " '" + path + "'", errno);
+    ::close(file);
+}
+
 tcp::endpoint endpointOf(const HttpOptions& options) {
     error_code error;
     const auto address = asio::ip::make_address(options.address, error);
-    requireOperator(error, "listen on '" + options.address + "'");
+    if (error)
+        throw ApiError(ErrorCode::Internal,
+                       "Cannot listen on '" + options.address +
+                           "': it is no numerical address, such as 127.0.0.1, 0.0.0.0 (all "
+                           "interfaces) or [::1].");
     return {address, options.port};
 }
 
@@ -96,13 +111,16 @@ void HttpServer::run() {
 void HttpServer::Private::prepareTls() {
     if (options.certificateFile.empty())
         return;
+    requireReadable(options.certificateFile, "certificate");
+    requireReadable(options.keyFile, "key");
     tls.emplace(asio::ssl::context::tls_server);
     tls->set_options(asio::ssl::context::no_tlsv1 | asio::ssl::context::no_tlsv1_1);
     error_code error;
     tls->use_certificate_chain_file(options.certificateFile, error);
-    requireOperator(error, "read the certificate '" + options.certificateFile + "'");
+    requireOperator(error,
+                    "use the certificate '" + options.certificateFile + "', which must be a chain in PEM");
     tls->use_private_key_file(options.keyFile, asio::ssl::context::pem, error);
-    requireOperator(error, "read the key '" + options.keyFile + "'");
+    requireOperator(error, "use the key '" + options.keyFile + "', which must be the certificate's, in PEM");
 }
 
 void HttpServer::Private::listen() {
