@@ -16,14 +16,19 @@ bool isUsable(const QUrl& url) {
            (scheme == QStringLiteral("http") || scheme == QStringLiteral("https"));
 }
 
+//! Encoded, without a slash at its end.
+QString basePathOf(const QUrl& url) {
+    QString path = url.path(QUrl::FullyEncoded);
+    while (path.endsWith(u'/'))
+        path.chop(1);
+    return path;
+}
+
 QByteArray apiUrlOf(const QUrl& given) {
     if (!isUsable(given))
         return QByteArray();
     QUrl url = given.adjusted(QUrl::RemoveUserInfo | QUrl::RemoveQuery | QUrl::RemoveFragment);
-    QString path = url.path(QUrl::FullyEncoded);
-    while (path.endsWith(u'/'))
-        path.chop(1);
-    url.setPath(path + QStringLiteral("/api/v1"), QUrl::TolerantMode);
+    url.setPath(basePathOf(url) + QStringLiteral("/api/v1"), QUrl::TolerantMode);
     return url.toEncoded();
 }
 
@@ -36,7 +41,8 @@ QString serverKeyOf(const QUrl& url) {
     QString host = url.host(QUrl::FullyEncoded).toLower();
     if (host.contains(u':') && !host.startsWith(u'['))
         host = u'[' + host + u']';
-    return QStringLiteral("%1://%2:%3").arg(scheme, host).arg(port);
+    // Two servers may be below one host and port.
+    return QStringLiteral("%1://%2:%3").arg(scheme, host).arg(port) + basePathOf(url);
 }
 
 } // namespace
