@@ -59,6 +59,11 @@ Error DownloadFileJob::checkExisting() {
         return Error(
             ErrorCode::FileNotWritable,
             QStringLiteral("\"%1\" is a directory; the file cannot take its place.").arg(localPath()));
+    // A device or a pipe would be replaced by a file of its name.
+    if (!target.isSymLink() && !target.isFile())
+        return Error(ErrorCode::FileNotWritable,
+                     QStringLiteral("\"%1\" is not a regular file and stays as it is; give another path.")
+                         .arg(localPath()));
     if (m_request.ifExists == DownloadRequest::IfExists::Fail)
         return Error(
             ErrorCode::AlreadyExists,

@@ -87,6 +87,11 @@ Error PartialFile::checkTarget() const {
             ErrorCode::AlreadyExists,
             translated("\"%1\" is a directory, which a file does not replace. Choose another name or place.")
                 .arg(targetPath()));
+    if (!S_ISREG(status.st_mode) && !S_ISLNK(status.st_mode))
+        return Error(ErrorCode::AlreadyExists,
+                     translated("\"%1\" is a device or a pipe, which a file does not replace. Choose another "
+                                "name or place.")
+                         .arg(targetPath()));
     if (!m_location.overwrite)
         return Error(
             ErrorCode::AlreadyExists,

@@ -9,6 +9,7 @@
 
 #include <csignal>
 #include <sys/resource.h>
+#include <sys/stat.h>
 
 using namespace orx;
 
@@ -169,6 +170,12 @@ TEST_F(PartialFileTest, ADirectoryAtTheTargetIsNeverReplaced) {
     const Error error = file.open();
     EXPECT_TRUE(error.is(ErrorCode::AlreadyExists));
     EXPECT_TRUE(error.errorMessage().contains(QStringLiteral("is a directory")));
+}
+
+TEST_F(PartialFileTest, ADeviceOrAPipeAtTheTargetIsNeverReplaced) {
+    ASSERT_EQ(::mkfifo(QFile::encodeName(m_dir.filePath(QStringLiteral("run"))).constData(), 0600), 0);
+    PartialFile file(location(true));
+    EXPECT_TRUE(file.open().is(ErrorCode::AlreadyExists));
 }
 
 TEST_F(PartialFileTest, ADirectoryThatAppearsAtTheTargetIsNotReplacedEither) {
