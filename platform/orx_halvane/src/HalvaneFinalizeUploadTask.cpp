@@ -34,6 +34,7 @@ public:
 
     void takeSession();
     void giveUpSession();
+    void checkFile();
     void call();
     void onFinalized(const HalvaneFinalizedFile& finalized);
     void onRefused(const Error& error);
@@ -72,7 +73,10 @@ QString HalvaneFinalizeUploadTask::sha256() const {
 
 Error HalvaneFinalizeUploadTask::initialize() {
     d->takeSession();
-    d->call();
+    if (d->session && !d->session->finalized)
+        d->checkFile();
+    else
+        d->call();
     return Error();
 }
 
@@ -93,6 +97,25 @@ void HalvaneFinalizeUploadTask::Private::giveUpSession() {
         takeSession(); // cancelled before it began
     HalvaneUploadSessions::take(uploadId);
     hold.release();
+}
+
+//! The file may have changed after its last chunk was read: this is the last moment at which no version comes
+//! of it.
+void HalvaneFinalizeUploadTask::Private::checkFile() {
+    const auto job = [record = session->record]() -> Error {
+        if (!HalvaneUploadJournal::isChanged(record))
+            return Error();
+        return ORX_ECATCH(Error(ErrorCode::FileChanged, tr("The file \"%1\" changed while it was being sent; "
+                                                           "nothing of it counts. Start the upload again.")
+                                                            .arg(record.localPath)));
+    };
+    q->execSubtask(
+        std::make_unique<WorkerStepTask>(QStringLiteral("CheckFile"), job),
+        [this](WorkerStepTask*) { call(); },
+        [this](BaseTask* step) {
+            if (!q->isCanceled())
+                abandon(step->error());
+        });
 }
 
 void HalvaneFinalizeUploadTask::Private::call() {

@@ -23,6 +23,7 @@ public:
     void open();
     void onOpened(const HalvaneUploadReply& upload);
     void onCallFailed(BaseTask* call, bool recordIsVoid);
+    void forgetRecord(const Error& reason);
     void succeed(int id, const HalvaneUploadReply& upload, bool finalized);
     QJsonObject requestBody() const;
 
@@ -42,6 +43,14 @@ struct Prepared {
     HalvaneUploadRecord record;
     JournalHold hold;
 };
+
+//! The request itself cannot be carried out, however often it is repeated.
+bool isRefusal(const Error& error) {
+    return isHalvaneError(error, HalvaneServerErrorCode::BadRequest) ||
+           isHalvaneError(error, HalvaneServerErrorCode::NotFound) ||
+           isHalvaneError(error, HalvaneServerErrorCode::NoPrivilege) ||
+           isHalvaneError(error, HalvaneServerErrorCode::InvalidName);
+}
 
 Error acquire(const HalvaneUploadRecord& wanted, Prepared& prepared) {
     JournalHold::awaitReleases();
@@ -168,8 +177,28 @@ void HalvaneInitUploadTask::Private::open() {
         std::make_unique<HalvaneOpenUploadCall>(requestBody(), record.idempotencyKey),
         [this](HalvaneOpenUploadCall* call) { onOpened(call->upload()); },
         [this](BaseTask* call) {
+            if (!q->isCanceled() && isRefusal(call->error()))
+                return forgetRecord(call->error());
             onCallFailed(call, isHalvaneError(call->error(), HalvaneServerErrorCode::IdempotencyMismatch) ||
                                    isHalvaneError(call->error(), HalvaneServerErrorCode::UploadGone));
+        });
+}
+
+//! Nothing is open under the record's key: it would only be left over.
+void HalvaneInitUploadTask::Private::forgetRecord(const Error& reason) {
+    q->execSubtask(
+        std::make_unique<WorkerStepTask>(
+            QStringLiteral("ForgetUpload"),
+            [rowId = hold.rowId()] { return HalvaneUploadJournal::remove(rowId); }),
+        [this, reason](WorkerStepTask*) {
+            hold.dismiss();
+            q->finish(ORX_ECATCH(Error(reason)));
+        },
+        [this, reason](BaseTask* step) {
+            if (q->isCanceled())
+                return;
+            q->addWarning(step->error().errorMessage());
+            q->finish(ORX_ECATCH(Error(reason)));
         });
 }
 

@@ -114,7 +114,26 @@ void takeOver(SQLite::Database& database, qint64 rowId) {
     update.exec();
 }
 
+void removeRecord(SQLite::Database& database, qint64 rowId) {
+    SQLite::Statement statement(database, "DELETE FROM uploads WHERE row_id = :row");
+    statement.bind(":row", int64_t(rowId));
+    statement.exec();
+}
+
+//! Twice as long as a server remembers the result of an upload: of no use to anybody by then.
+void forgetOldRecords(SQLite::Database& database) {
+    QList<qint64> old;
+    SQLite::Statement query(database,
+                            "SELECT * FROM uploads WHERE begun_at < strftime('%Y-%m-%d', 'now', '-60 days')");
+    while (query.executeStep())
+        if (!hasLivingOwner(query))
+            old.append(query.getColumn("row_id").getInt64());
+    for (const qint64 rowId : old)
+        removeRecord(database, rowId);
+}
+
 HalvaneUploadRecord insertNew(SQLite::Database& database, HalvaneUploadRecord record) {
+    forgetOldRecords(database);
     record.idempotencyKey = QUuid::createUuid().toByteArray(QUuid::WithoutBraces);
     record.uploadId = -1;
     SQLite::Statement insert(
@@ -146,6 +165,12 @@ Error unreadable(const QString& path, int errnoValue) {
                  translated("Could not read file \"%1\": %2").arg(path, qt_error_string(errnoValue)));
 }
 
+//! In nanoseconds since the epoch.
+qint64 modificationTime(const struct stat& status) {
+    constexpr qint64 kNanosecondsPerSecond = 1'000'000'000;
+    return status.st_mtim.tv_sec * kNanosecondsPerSecond + status.st_mtim.tv_nsec;
+}
+
 //! Size and modification time of a regular file that can be opened.
 Error describeContent(const QString& path, HalvaneUploadRecord& record) {
     // Without O_NONBLOCK a pipe in the place of the file would hold the caller up.
@@ -159,9 +184,8 @@ Error describeContent(const QString& path, HalvaneUploadRecord& record) {
         return unreadable(path, failure);
     if (!S_ISREG(status.st_mode))
         return Error(ErrorCode::FileNotReadable, translated("\"%1\" is not a regular file.").arg(path));
-    constexpr qint64 kNanosecondsPerSecond = 1'000'000'000;
     record.size = status.st_size;
-    record.modifiedNs = status.st_mtim.tv_sec * kNanosecondsPerSecond + status.st_mtim.tv_nsec;
+    record.modifiedNs = modificationTime(status);
     return Error();
 }
 
@@ -210,11 +234,8 @@ Error HalvaneUploadJournal::release(qint64 rowId) {
 }
 
 Error HalvaneUploadJournal::remove(qint64 rowId) {
-    return ORX_ECATCH(HalvaneDatabase::run(Access::Write, [&](SQLite::Database& database) {
-        SQLite::Statement statement(database, "DELETE FROM uploads WHERE row_id = :row");
-        statement.bind(":row", int64_t(rowId));
-        statement.exec();
-    }));
+    return ORX_ECATCH(HalvaneDatabase::run(
+        Access::Write, [&](SQLite::Database& database) { removeRecord(database, rowId); }));
 }
 
 Result<QList<HalvaneUploadRecord>> HalvaneUploadJournal::unsettled(const HalvaneUploadRecord& wanted) {
@@ -223,6 +244,14 @@ Result<QList<HalvaneUploadRecord>> HalvaneUploadJournal::unsettled(const Halvane
         records = freeRecords(database, wanted, Target::Original);
     }));
     return records;
+}
+
+bool HalvaneUploadJournal::isChanged(const HalvaneUploadRecord& record) {
+    struct stat status {};
+    if (record.temporary || ::stat(QFile::encodeName(record.localPath).constData(), &status) != 0)
+        return false;
+    return !S_ISREG(status.st_mode) || status.st_size != record.size ||
+           modificationTime(status) != record.modifiedNs;
 }
 
 Result<HalvaneUploadRecord> HalvaneUploadJournal::describe(const HalvaneFileUploadParameters& parameters) {

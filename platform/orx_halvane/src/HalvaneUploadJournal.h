@@ -49,6 +49,9 @@ public:
     //! Records of an unchanged local file and its original target that no living process holds, newest first.
     //! \a targetFileName must match.
     static Result<QList<HalvaneUploadRecord>> unsettled(const HalvaneUploadRecord& wanted);
+    //! True when a file of another size or modification time than the record's is at its path. A file that
+    //! has gone has not changed, and neither has a temporary copy, which has another time with every run.
+    static bool isChanged(const HalvaneUploadRecord& record);
     //! The record that describes uploading the file of \a parameters as it is now: canonical path, size and
     //! time from the disk. Fails when it cannot be read.
     static Result<HalvaneUploadRecord> describe(const HalvaneFileUploadParameters& parameters);

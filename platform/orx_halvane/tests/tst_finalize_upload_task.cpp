@@ -85,6 +85,30 @@ TEST_F(FinalizeUploadTask, ADamagedContentIsAbandonedAndALaterRunBeginsAfresh) {
     EXPECT_EQ(init(), 2);
 }
 
+TEST_F(FinalizeUploadTask, AFileThatChangedAfterItsLastChunkIsRefused) {
+    for (const char* content : {"klmnopqrst", "abcdefghij and more", ""}) {
+        SCOPED_TRACE(content);
+        writeFile("abcdefghij");
+        const int id = sent();
+        const int asked = fake.count("POST /finalize");
+        writeFile(content);
+        const Error error = finalize(id);
+        EXPECT_TRUE(error.is(ErrorCode::FileChanged)) << qPrintable(error.traceText());
+        EXPECT_TRUE(error.errorMessage().contains(path));
+        EXPECT_EQ(fake.count("POST /finalize"), asked);
+        EXPECT_EQ(fake.log.last(), "DELETE /uploads/" + QByteArray::number(id));
+        EXPECT_EQ(freeRecords().size(), 0);
+        EXPECT_TRUE(fake.files.isEmpty());
+    }
+}
+
+TEST_F(FinalizeUploadTask, AFileThatHasGoneWasSentAllTheSame) {
+    const int id = sent();
+    ASSERT_TRUE(QFile::remove(path));
+    EXPECT_FALSE(finalize(id).hasError());
+    EXPECT_EQ(fake.files.size(), 1);
+}
+
 TEST_F(FinalizeUploadTask, AnIncompleteUploadCanBeResumed) {
     const int id = sent();
     fake.uploads[id].chunks.remove(2);

@@ -122,7 +122,7 @@ TEST_F(InitUploadTask, DoesNotTryForEver) {
     EXPECT_LT(fake.log.size(), 50);
 }
 
-TEST_F(InitUploadTask, ReportsTheServersRefusalAndReleasesTheRecord) {
+TEST_F(InitUploadTask, ReportsTheServersRefusalAndForgetsTheRecord) {
     fake.expectFault({"POST /uploads", FakeHalvane::Fault::Answer,
                       FakeHalvane::failure(404, 3, "There is no folder with the id 7.")});
     HalvaneInitUploadTask task(parameters());
@@ -130,7 +130,17 @@ TEST_F(InitUploadTask, ReportsTheServersRefusalAndReleasesTheRecord) {
     EXPECT_TRUE(isHalvaneError(error, HalvaneServerErrorCode::NotFound));
     EXPECT_EQ(error.errorMessage(), QStringLiteral("There is no folder with the id 7."));
     EXPECT_EQ(task.uploadId(), -1);
-    EXPECT_EQ(freeRecords().size(), 1);
+    EXPECT_EQ(freeRecords().size(), 0);
+}
+
+TEST_F(InitUploadTask, AServerInTroubleLeavesTheRecordForTheNextRun) {
+    fake.expectFault({"POST /uploads", FakeHalvane::Fault::Answer, FakeHalvane::failure(507, 10)});
+    HalvaneInitUploadTask task(parameters());
+    EXPECT_TRUE(isHalvaneError(run(task), HalvaneServerErrorCode::StorageFull));
+    const QList<HalvaneUploadRecord> left = freeRecords();
+    ASSERT_EQ(left.size(), 1);
+    EXPECT_EQ(init(), 1);
+    EXPECT_EQ(fake.uploads.value(1).key, left.first().idempotencyKey);
 }
 
 TEST_F(InitUploadTask, AFileOfAnotherSizeThanPreparedIsChanged) {

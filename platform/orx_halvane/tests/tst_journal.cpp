@@ -6,6 +6,9 @@
 #include <QRegularExpression>
 #include <QSet>
 
+#include <SQLiteCpp/Database.h>
+#include <SQLiteCpp/Statement.h>
+
 #include <algorithm>
 
 using namespace orx;
@@ -243,6 +246,31 @@ TEST_F(JournalTest, DescribesTheFileOnTheDisk) {
     EXPECT_EQ(record.size, 5);
     EXPECT_GT(record.modifiedNs, 0);
     EXPECT_EQ(record.targetFileName, QStringLiteral("link"));
+}
+
+TEST_F(JournalTest, ForgetsWhatNoServerRemembers) {
+    const HalvaneUploadRecord old = acquire(recordFor(makeFile(QStringLiteral("old"), "1")));
+    const HalvaneUploadRecord held = acquire(recordFor(makeFile(QStringLiteral("held"), "2")));
+    const HalvaneUploadRecord recent = acquire(recordFor(makeFile(QStringLiteral("recent"), "3")));
+    release(old);
+    release(recent);
+    const auto age = [this](const HalvaneUploadRecord& record, const char* days) {
+        SQLite::Database database(databasePath().toStdString(), SQLite::OPEN_READWRITE);
+        SQLite::Statement update(database, "UPDATE uploads SET begun_at = strftime('%Y-%m-%dT%H:%M:%fZ', "
+                                           "'now', ?) WHERE row_id = ?");
+        update.bind(1, days);
+        update.bind(2, int64_t(record.rowId));
+        ASSERT_EQ(update.exec(), 1);
+    };
+    age(old, "-62 days");
+    age(held, "-62 days");
+    age(recent, "-58 days");
+    EXPECT_EQ(unsettled(old).size(), 1);
+    acquire(recordFor(makeFile(QStringLiteral("new"), "4")));
+    EXPECT_EQ(unsettled(old).size(), 0);
+    EXPECT_EQ(unsettled(recent).size(), 1);
+    release(held);
+    EXPECT_EQ(unsettled(held).size(), 1);
 }
 
 TEST_F(JournalTest, DescribesOnlyFilesThatCanBeRead) {
