@@ -109,7 +109,9 @@ TEST_F(BadInput, AnUnreadableFile) {
 TEST_F(BadInput, AnUnknownFolder) {
     EXPECT_THAT(messageOf(expectFailure({"put", file, "--to", "/raw/none/deeper"}, 6, "NotFound")),
                 HasSubstr("There is no \"none\" in the folder \"/raw\""));
-    expectFailure({"put", file, "--to", "/raw/run.mzML"}, 6, "NotFound");
+    // Who copies files elsewhere expects to name the new one like this.
+    EXPECT_THAT(messageOf(expectFailure({"put", file, "--to", "/raw/run.mzML"}, 6, "NotFound")),
+                HasSubstr("--as"));
     expectFailure({"put", file, "--to", "folder:4711"}, 6, "NotFound");
     expectFailure({"put", file, "--to", "file:4711"}, 6, "NotFound");
     expectFailure({"ls", "/none"}, 6, "NotFound");
@@ -206,6 +208,34 @@ TEST_F(BadInput, AServerThatIsGone) {
     server.kill();
     expectFailure({"ls"}, 10, "ConnectionFailed");
     expectFailure({"put", file, "--to", "/raw"}, 10, "ConnectionFailed");
+    // Whoever leaves the machine can still make it forget the login, and learns what that does not do.
+    EXPECT_THAT(messageOf(expectFailure({"logout"}, 10, "ConnectionFailed")), HasSubstr("remains valid"));
+    expectFailure({"ls"}, 5, "NotAuthenticated");
+}
+
+TEST_F(BadInput, AnAddressWithAPathTooMany) {
+    const Outcome outcome = client.run(
+        {"--json", "login", server.url().toString() + "/files", "--user", "admin", "--password-stdin"},
+        "secret\n");
+    expectOutcome(outcome, 11, "HttpStatus");
+    EXPECT_THAT(messageOf(outcome), HasSubstr(server.url().toString().toStdString() + "/files\""));
+}
+
+TEST_F(BadInput, ADamagedProfile) {
+    client.makeFile("../config/profiles/lab.ini", "no settings");
+    const std::string message = messageOf(expectFailure({"--profile", "lab", "ls"}, 5, "NotAuthenticated"));
+    EXPECT_THAT(message, HasSubstr("profiles/lab.ini"));
+    EXPECT_THAT(message, HasSubstr("halvane login"));
+}
+
+TEST_F(BadInput, OutputThatCannotBeWritten) {
+    const Outcome full = client.runWrapped({"sh", "-c", "exec \"$@\" > /dev/full", "sh"}, {"--json", "ls"});
+    EXPECT_EQ(full.exitCode, 4);
+    EXPECT_THAT(full.err.toStdString(), HasSubstr("standard output: No space left"));
+    const Outcome closed =
+        client.runWrapped({"bash", "-c", "set -o pipefail; \"$@\" | exec true", "sh"}, {"--json", "ls"});
+    EXPECT_EQ(closed.exitCode, 0) << "a reader that has gone wants no more";
+    EXPECT_EQ(closed.err, "");
 }
 
 TEST_F(BadInput, NamesThatTheServerRefuses) {
@@ -258,15 +288,21 @@ TEST_F(BadInput, WhatOneMayNotReadLooksAbsent) {
     EXPECT_EQ(QString(hiddenId).replace(raw, "4711"), absentId);
 }
 
-TEST_F(BadInput, WithoutTheRootThereAreReferences) {
+TEST_F(BadInput, PathsWorkBelowARootThatOneMayNotRead) {
     addUser("dora", "guests");
     const QString raw =
         QString::number(client.mustRun({"--json", "mkdir", "-p", "/raw"}).object()["id"].toInt());
+    client.mustRun({"mkdir", "/hidden"});
     server.admin({"grant", "--folder", raw, "--group", "guests", "--privileges", "1,2"});
     ASSERT_TRUE(client.login(server.url(), "dora", "the password"));
-    EXPECT_THAT(messageOf(expectFailure({"ls", "/raw"}, 6, "NotFound")), HasSubstr("folder:7"));
-    client.mustRun({"put", file, "--to", "folder:" + raw});
+    EXPECT_EQ(client.mustRun({"ls"}).out, "raw/\n");
+    EXPECT_THAT(messageOf(expectFailure({"ls", "/hidden"}, 6, "NotFound")), HasSubstr("hidden"));
+    expectFailure({"put", file, "--to", "/"}, 7, "NoPrivilege");
+    expectFailure({"mkdir", "/own"}, 7, "NoPrivilege");
+    client.mustRun({"put", file, "--to", "/raw"});
     EXPECT_EQ(client.mustRun({"ls", "folder:" + raw}).out, "run.mzML\n");
+    EXPECT_EQ(client.mustRun({"--json", "ls", "file:1"}).object()["path"], "/raw/run.mzML");
+    client.mustRun({"get", "/raw/run.mzML", "--to", client.path("back")});
 }
 
 TEST_F(BadInput, ATargetThatCannotBeWritten) {
@@ -278,6 +314,16 @@ TEST_F(BadInput, ATargetThatCannotBeWritten) {
     ASSERT_TRUE(QDir(client.path({})).mkpath("target/run.mzML"));
     expectFailure({"get", "/raw/run.mzML", "--to", "target", "--if-exists", "overwrite"}, 4,
                   "FileNotWritable");
+    // Replaced by rename, a device would become a file.
+    const QByteArray pipe = QFile::encodeName(client.path("pipe"));
+    ASSERT_EQ(::mkfifo(pipe.constData(), 0600), 0);
+    EXPECT_THAT(messageOf(expectFailure(
+                    {"get", "/raw/run.mzML", "--to", client.path("pipe"), "--if-exists", "overwrite"}, 4,
+                    "FileNotWritable")),
+                HasSubstr("not a regular file"));
+    struct stat status {};
+    ASSERT_EQ(::stat(pipe.constData(), &status), 0);
+    EXPECT_TRUE(S_ISFIFO(status.st_mode));
     EXPECT_EQ(client.filesIn("target/run.mzML"), QStringList());
 }
 

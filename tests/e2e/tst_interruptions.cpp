@@ -125,6 +125,7 @@ TEST_P(InterruptedPut, TheServerIsKilledDuringTheChunks) {
     dropHeld();
     const Outcome failed = Client::finish(*process);
     EXPECT_EQ(failed.exitCode, 10) << failed.err.constData();
+    EXPECT_THAT(failed.err.toStdString(), HasSubstr("Run the same command again"));
     ASSERT_TRUE(server.start());
     expectResumed(1, "uploaded");
     expectDeliberatePutCounts();
@@ -220,6 +221,28 @@ INSTANTIATE_TEST_SUITE_P(Put, InterruptedPut,
                                                 : options.size() == 1 ? "NewVersion"
                                                                       : "NewVersionChecked");
                          });
+
+// The file is looked for by another name than its own; the first run made it, and the second one must not
+// take it for an older version.
+TEST_F(Interruptions, APutUnderAnotherNameIsFoundAgain) {
+    const QStringList command{"--json", "put", file, "--to", "/raw", "--as", "first.mzML", "--new-version"};
+    for (const int version : {1, 2}) {
+        SCOPED_TRACE(version);
+        file = client.makeLargeFile("run.mzML", 2 * chunkSize, unsigned(version));
+        const auto hold = proxy->holdReply({"POST", finalizePath});
+        const auto process = client.start(command);
+        hold->waitUntilAnswered();
+        process->kill();
+        ASSERT_TRUE(process->waitForFinished());
+        hold->drop();
+        const QJsonObject found = client.mustRun(command).object();
+        EXPECT_EQ(found["outcome"], "found");
+        EXPECT_EQ(found["version"], version);
+        const QList<QJsonObject> files = listing();
+        ASSERT_EQ(files.size(), 1);
+        EXPECT_EQ(files[0]["version"], version);
+    }
+}
 
 TEST_F(Interruptions, AFileThatChangesWhileItIsSentIsRefused) {
     // Longer than what is read ahead while two requests wait.

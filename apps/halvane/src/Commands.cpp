@@ -6,6 +6,7 @@
 #include "ProgressReport.h"
 #include "TextForms.h"
 
+#include <ErrorText.h>
 #include <ExitCodes.h>
 #include <ListItemsTask.h>
 #include <MakeFolderTask.h>
@@ -56,8 +57,8 @@ public:
 
 private:
     Error run(orx::BaseTask& task);
-    //! An interrupted transfer can go on later; says so.
-    int transferFailed(const Error& error);
+    //! An interrupted transfer can go on later; says so. \a summary is what was moved, empty for nothing.
+    int transferFailed(const Error& error, const QString& summary);
     void warnOfPlainHttp(const QUrl& url) const;
 
     GlobalOptions m_global;
@@ -74,11 +75,15 @@ Error Runner::run(orx::BaseTask& task) {
     return error;
 }
 
-int Runner::transferFailed(const Error& error) {
-    if (!error.isCanceled())
-        return m_output.error(error);
-    return m_output.error(
-        error, QStringLiteral("Interrupted. Run the same command again to go on where it stopped."));
+int Runner::transferFailed(const Error& error, const QString& summary) {
+    const QString goOn = QStringLiteral("Run the same command again to go on where it stopped.");
+    if (error.isCanceled())
+        return m_output.error(error, host::joinedSentences(QStringLiteral("Interrupted."), goOn));
+    const ExitCode code = host::exitCodeOf(error);
+    const bool canGoOn = code == ExitCode::Network || code == ExitCode::ServerTrouble;
+    if (canGoOn && !summary.isEmpty())
+        return m_output.error(error, host::joinedSentences(host::errorText(error), goOn));
+    return m_output.error(error);
 }
 
 void Runner::warnOfPlainHttp(const QUrl& url) const {
@@ -174,7 +179,7 @@ int Runner::operator()(const PutCommand& command) {
         summary = progress.summary();
     }
     if (error.hasError())
-        return transferFailed(error);
+        return transferFailed(error, summary);
     const QString how = job.foundCommitted() ? QStringLiteral("%1 -> %2 as %3, finished by an earlier run")
                                              : QStringLiteral("%1 -> %2 as %3");
     const QString text = how.arg(m_output.shown(command.request.localPath), job.item().reference(),
@@ -197,7 +202,7 @@ int Runner::operator()(const GetCommand& command) {
         summary = progress.summary();
     }
     if (error.hasError())
-        return transferFailed(error);
+        return transferFailed(error, summary);
     const QString shownPath = m_output.shown(job.localPath());
     if (job.skipped())
         m_output.item(job.item(), job.localPath(), QStringLiteral("skipped"),

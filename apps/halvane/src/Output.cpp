@@ -10,6 +10,7 @@
 
 #include <cstdio>
 
+#include <errno.h>
 #include <unistd.h>
 
 namespace halvane::cli {
@@ -19,10 +20,15 @@ using orx::Error;
 
 namespace {
 
+// errno of the first write to standard output that failed.
+int outputErrno = 0;
+
 void writeLine(FILE* stream, const QByteArray& line) {
-    std::fwrite(line.constData(), 1, size_t(line.size()), stream);
-    std::fputc('\n', stream);
-    std::fflush(stream);
+    const bool written =
+        std::fwrite(line.constData(), 1, size_t(line.size()), stream) == size_t(line.size()) &&
+        std::fputc('\n', stream) != EOF && std::fflush(stream) == 0;
+    if (!written && stream == stdout && outputErrno == 0)
+        outputErrno = errno;
 }
 
 void writeText(FILE* stream, const QString& text) {
@@ -162,6 +168,19 @@ void Output::loggedOut(const host::Profile& profile) const {
 void Output::warnings(const orx::Warnings& warnings) const {
     for (const QString& warning : warnings)
         writeText(stderr, QStringLiteral("halvane: warning: ") + shown(warning));
+}
+
+int Output::exitCodeAtEnd(int exitCode) const {
+    // Whoever closed the pipe wants no more, as "head" does.
+    if (exitCode != 0 || outputErrno == 0 || outputErrno == EPIPE)
+        return exitCode;
+    const Error error(
+        orx::ErrorCode::FileNotWritable,
+        QStringLiteral("What was asked for is done, but its result could not be written to standard "
+                       "output: %1.")
+            .arg(qt_error_string(outputErrno)));
+    writeText(stderr, QStringLiteral("halvane: ") + error.errorMessage());
+    return int(host::exitCodeOf(error));
 }
 
 int Output::error(const Error& error) const {

@@ -36,6 +36,10 @@ public:
     //! \a error with \a text in the place of its own words.
     int error(const orx::Error& error, const QString& text) const;
 
+    //! \a exitCode, unless it is 0 and what was to be printed could not be written: a script would take half
+    //! a list for the whole. Says so on standard error.
+    int exitCodeAtEnd(int exitCode) const;
+
     //! A name or a path for people.
     QString shown(const QString& name) const;
 

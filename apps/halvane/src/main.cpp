@@ -62,5 +62,5 @@ int main(int argc, char** argv) {
         return output.error(error);
     const int exitCode = runCommand(commandLine, output, interruption);
     orx::Tracer::shutdown();
-    return exitCode;
+    return output.exitCodeAtEnd(exitCode);
 }

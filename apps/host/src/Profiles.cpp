@@ -3,6 +3,7 @@
 #include <HalvanePaths.h>
 
 #include <QDir>
+#include <QFile>
 #include <QRegularExpression>
 #include <QSettings>
 
@@ -80,6 +81,10 @@ Result<Profile> Profiles::load(const QString& name) {
                     settings.value(userKey).toString()};
     if (profile.url.isValid() && !profile.url.isEmpty())
         return profile;
+    if (QFile::exists(profileFile(name)))
+        return Error(ErrorCode::NotAuthenticated,
+                     QStringLiteral("The profile \"%1\" is damaged: \"%2\" names no server.")
+                         .arg(name, profileFile(name)));
     const QStringList known = names();
     return Error(ErrorCode::NotAuthenticated,
                  known.isEmpty() ? QStringLiteral("There is no profile \"%1\".").arg(name)

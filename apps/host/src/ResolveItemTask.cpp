@@ -1,12 +1,9 @@
 #include "ResolveItemTask.h"
 
-#include "ErrorText.h"
-
 #include <HalvaneError.h>
 
 namespace halvane::host {
 
-using orx::BaseTask;
 using orx::Error;
 using orx::ErrorCode;
 using orx::HalvaneGetFileMetadataTask;
@@ -38,13 +35,6 @@ Error ambiguous(const QString& name, const QString& folderPath, const QList<Remo
         QStringLiteral("\"%1\" names %2 things in the folder \"%3\": %4. Say which one by its reference.")
             .arg(name, QString::number(candidates.size()), folderPath,
                  references.join(QStringLiteral(", "))));
-}
-
-// Who may read a folder but not the root above it reaches it by its reference only.
-Error withoutRoot(const Error& error) {
-    return withMessage(
-        error, QStringLiteral("You may not read the root folder of this server, so that paths cannot be "
-                              "followed from there; use references such as folder:7."));
 }
 
 std::optional<int> folderArgument(int folderId) {
@@ -167,38 +157,26 @@ void ResolveItemTask::addFolders(int folderId, const QString& folderPath, std::f
 
 void ResolveItemTask::findFolders(int folderId, const QString& folderPath, const QString& name,
                                   std::function<void(const QList<RemoteItem>&)> next) {
-    auto listing = std::make_unique<HalvaneGetFoldersTask>(folderArgument(folderId));
-    HalvaneGetFoldersTask* raw = listing.get();
-    const auto onSuccess = [raw, folderPath, name, next = std::move(next)](BaseTask*) {
-        QList<RemoteItem> found;
-        for (const auto& folder : raw->foldersTree()) {
-            if (folder->name() == name)
-                found.append(RemoteItem::fromFolder(*folder, folderPath));
-        }
-        next(found);
-    };
-    execSubtask(std::unique_ptr<BaseTask>(std::move(listing)), onSuccess,
-                [this, folderId](BaseTask* task) { onListingFailed(task->error(), folderId); });
+    execSubtask(std::make_unique<HalvaneGetFoldersTask>(folderArgument(folderId)),
+                [folderPath, name, next = std::move(next)](HalvaneGetFoldersTask* task) {
+                    QList<RemoteItem> found;
+                    for (const auto& folder : task->foldersTree()) {
+                        if (folder->name() == name)
+                            found.append(RemoteItem::fromFolder(*folder, folderPath));
+                    }
+                    next(found);
+                });
 }
 
 void ResolveItemTask::addFiles(int folderId, const QString& folderPath, std::function<void()> next) {
-    auto listing = std::make_unique<HalvaneGetFilesTask>(folderId);
-    HalvaneGetFilesTask* raw = listing.get();
-    const auto onSuccess = [this, raw, folderPath, next = std::move(next)](BaseTask*) {
-        for (const auto& file : raw->files()) {
-            if (file->name() == m_path.names().last())
-                m_candidates.append(RemoteItem::fromFile(*file, folderPath));
-        }
-        next();
-    };
-    execSubtask(std::unique_ptr<BaseTask>(std::move(listing)), onSuccess,
-                [this, folderId](BaseTask* task) { onListingFailed(task->error(), folderId); });
-}
-
-void ResolveItemTask::onListingFailed(const Error& error, int folderId) {
-    const bool rootIsHidden =
-        folderId == RemoteItem::root().id && isHalvaneError(error, HalvaneServerErrorCode::NotFound);
-    finish(rootIsHidden ? withoutRoot(error) : error);
+    execSubtask(std::make_unique<HalvaneGetFilesTask>(folderId),
+                [this, folderPath, next = std::move(next)](HalvaneGetFilesTask* task) {
+                    for (const auto& file : task->files()) {
+                        if (file->name() == m_path.names().last())
+                            m_candidates.append(RemoteItem::fromFile(*file, folderPath));
+                    }
+                    next();
+                });
 }
 
 void ResolveItemTask::decide(const QString& folderPath) {

@@ -45,7 +45,6 @@ private:
     void addFiles(int folderId, const QString& folderPath, std::function<void()> next);
     void findFolders(int folderId, const QString& folderPath, const QString& name,
                      std::function<void(const QList<RemoteItem>&)> next);
-    void onListingFailed(const orx::Error& error, int folderId);
     void decide(const QString& folderPath);
     orx::Error checkKind(const RemoteItem& item) const;
 

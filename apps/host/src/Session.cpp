@@ -1,20 +1,25 @@
 #include "Session.h"
 
+#include "ErrorText.h"
 #include "TokenStore.h"
 
 #include <HalvaneConnection.h>
 #include <HalvaneError.h>
+#include <NetworkError.h>
 
 namespace halvane::host {
 
 using orx::BaseTask;
 using orx::Error;
+using orx::ErrorDomain;
 using orx::HalvaneConnection;
 using orx::HalvaneLoginTask;
 using orx::HalvaneLogoutTask;
 using orx::HalvaneMachineSettings;
+using orx::HalvaneServerErrorCode;
 using orx::HalvaneSettings;
 using orx::HalvaneUserSettings;
+using orx::NetworkErrorCode;
 using orx::Result;
 
 void Session::connectTo(const QUrl& url) {
@@ -44,14 +49,29 @@ LoginTask::~LoginTask() = default;
 
 Error LoginTask::initialize() {
     Session::connectTo(m_profile.url);
-    execSubtask(std::make_unique<HalvaneLoginTask>(m_profile.userName, m_password),
-                [this](HalvaneLoginTask* task) {
-                    m_user = task->user();
-                    m_expiresAt = task->expiresAt();
-                    if (const Error error = keep(task->token()); error.hasError())
-                        finish(error);
-                });
+    auto login = std::make_unique<HalvaneLoginTask>(m_profile.userName, m_password);
+    HalvaneLoginTask* raw = login.get();
+    const auto onSuccess = [this, raw](BaseTask*) {
+        m_user = raw->user();
+        m_expiresAt = raw->expiresAt();
+        if (const Error error = keep(raw->token()); error.hasError())
+            finish(error);
+    };
+    execSubtask(std::unique_ptr<BaseTask>(std::move(login)), onSuccess,
+                [this](BaseTask* task) { onRefused(task->error()); });
     return {};
+}
+
+// A server that does not know the call of its login is at another path than the address says.
+void LoginTask::onRefused(const Error& error) {
+    if (!isHalvaneError(error, HalvaneServerErrorCode::NotFound))
+        return finish(error);
+    const QString without = m_profile.url.adjusted(QUrl::RemovePath).toString();
+    finish(Error(
+        ErrorDomain::Network, int(NetworkErrorCode::HttpStatus),
+        QStringLiteral("There is no Halvane server below \"%1\". Check the address; most servers are at "
+                       "the host itself: %2")
+            .arg(m_profile.url.toString(), without)));
 }
 
 Error LoginTask::keep(const QByteArray& token) {
@@ -72,10 +92,16 @@ Error LogoutTask::initialize() {
             finish(error);
     };
     const auto onFailure = [this, forget](BaseTask* task) {
-        if (isHalvaneError(task->error(), orx::HalvaneServerErrorCode::NotAuthenticated))
-            forget(task);
-        else
-            finish(task->error());
+        const Error error = task->error();
+        const bool unreachable = error.domain() == ErrorDomain::Network;
+        if (!unreachable && !isHalvaneError(error, HalvaneServerErrorCode::NotAuthenticated))
+            return finish(error);
+        forget(task);
+        if (unreachable && !hasError() && !isCanceled())
+            finish(
+                withMessage(error, joinedSentences(error.errorMessage(),
+                                                   QStringLiteral("The login is forgotten here, but remains "
+                                                                  "valid at the server until it expires."))));
     };
     execSubtask(std::unique_ptr<BaseTask>(std::make_unique<HalvaneLogoutTask>()), forget, onFailure);
     return {};

@@ -32,6 +32,7 @@ protected:
     orx::Error initialize() override;
 
 private:
+    void onRefused(const orx::Error& error);
     orx::Error keep(const QByteArray& token);
 
     Profile m_profile;

@@ -81,9 +81,24 @@ Error UploadFileJob::checkLocalFile(const QString& path) {
 Error UploadFileJob::initialize() {
     ORX_RETURN_ON_ERROR(ResolveItemTask::checkText(m_request.target));
     ORX_RETURN_ON_ERROR(checkLocalFile(m_request.localPath));
-    execSubtask(std::make_unique<ResolveItemTask>(m_request.target, ResolveItemTask::Wanted::Any),
-                [this](ResolveItemTask* task) { onTargetResolved(task->item(), task->versionWasGiven()); });
+    auto resolve = std::make_unique<ResolveItemTask>(m_request.target, ResolveItemTask::Wanted::Any);
+    ResolveItemTask* raw = resolve.get();
+    execSubtask(
+        std::unique_ptr<BaseTask>(std::move(resolve)),
+        [this, raw](BaseTask*) { onTargetResolved(raw->item(), raw->versionWasGiven()); },
+        [this](BaseTask* task) { onTargetFailed(task->error()); });
     return {};
+}
+
+// Who is used to copying files expects to name the new file there.
+void UploadFileJob::onTargetFailed(const Error& error) {
+    if (!isHalvaneError(error, HalvaneServerErrorCode::NotFound) || !m_request.target.startsWith(u'/'))
+        return finish(error);
+    finish(
+        withMessage(error, joinedSentences(error.errorMessage(),
+                                           QStringLiteral("--to takes what is there already: make a folder "
+                                                          "with \"halvane mkdir\", give a new file's name "
+                                                          "with --as."))));
 }
 
 void UploadFileJob::onTargetResolved(const RemoteItem& target, bool versionWasGiven) {
@@ -99,7 +114,7 @@ void UploadFileJob::onTargetResolved(const RemoteItem& target, bool versionWasGi
     const bool byName = m_request.versioning == UploadRequest::Versioning::NewVersionByName;
     if (target.isFolder() && byName && !m_request.name.isEmpty())
         return findFileByName(target);
-    prepare(target.id, target.type);
+    prepare(target.id, target.type, target);
 }
 
 // The upload task looks for the local file's own name; under another name the file is found here.
@@ -107,13 +122,13 @@ void UploadFileJob::findFileByName(const RemoteItem& folder) {
     execSubtask(std::make_unique<HalvaneGetFilesTask>(folder.id), [this, folder](HalvaneGetFilesTask* task) {
         const int fileId = orx::HalvaneConnectionUtils::findFileIdInFiles(m_request.name, task->files());
         if (fileId == -1)
-            prepare(folder.id, RemoteItem::ItemType::Folder);
+            prepare(folder.id, RemoteItem::ItemType::Folder, folder);
         else
-            prepare(fileId, RemoteItem::ItemType::File);
+            prepare(fileId, RemoteItem::ItemType::File, folder);
     });
 }
 
-void UploadFileJob::prepare(int targetId, RemoteItem::ItemType targetType) {
+void UploadFileJob::prepare(int targetId, RemoteItem::ItemType targetType, const RemoteItem& askedFor) {
     const std::optional<QString> name =
         m_request.name.isEmpty() ? std::nullopt : std::optional<QString>(m_request.name);
     const auto parameters =
@@ -122,6 +137,10 @@ void UploadFileJob::prepare(int targetId, RemoteItem::ItemType targetType) {
     if (parameters.hasError())
         return finish(parameters.error());
     m_parameters = parameters.value();
+    // An upload whose result was never heard of is found by what was asked for: by now a search by name finds
+    // the very file that it made.
+    m_parameters.originalTargetItemType = askedFor.type;
+    m_parameters.originalTargetId = askedFor.id;
     settle();
 }
 

@@ -52,9 +52,10 @@ protected:
     orx::Error initialize() override;
 
 private:
+    void onTargetFailed(const orx::Error& error);
     void onTargetResolved(const RemoteItem& target, bool versionWasGiven);
     void findFileByName(const RemoteItem& folder);
-    void prepare(int targetId, RemoteItem::ItemType targetType);
+    void prepare(int targetId, RemoteItem::ItemType targetType, const RemoteItem& askedFor);
     void settle();
     void putMetadata(const orx::HalvaneApiReference& file);
     void upload();
