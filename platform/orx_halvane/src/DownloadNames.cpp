@@ -5,8 +5,14 @@
 #include <QCoreApplication>
 #include <QFile>
 
+#include <algorithm>
+
 namespace orx {
 namespace {
+
+bool isControl(QChar c) {
+    return c.unicode() < 0x20 || (c.unicode() >= 0x7f && c.unicode() <= 0x9f);
+}
 
 Error refused(const char* text, const QString& name) {
     return Error(ErrorCode::InvalidArgument,
@@ -38,6 +44,32 @@ Error DownloadNames::check(const QString& name) {
     if (QFile::encodeName(name).size() > maxBytes)
         return refused("The name \"%1\" is too long for a file here. Give another name for it.", name);
     return Error();
+}
+
+QString DownloadNames::printable(const QString& name) {
+    QString text;
+    for (const QChar c : name)
+        text += isControl(c) ? QStringLiteral("\\x%1").arg(int(c.unicode()), 2, 16, QChar(u'0')) : QString(c);
+    return text;
+}
+
+Error DownloadNames::checkListed(const QString& name) {
+    if (std::any_of(name.begin(), name.end(), isControl))
+        return refused("The name \"%1\" holds control characters, which are dangerous in a file name. Rename "
+                       "it on the server.",
+                       printable(name));
+    if (QFile::decodeName(QFile::encodeName(name)) != name)
+        return refused("The name \"%1\" holds characters that a file name here cannot hold. Rename it on the "
+                       "server.",
+                       name);
+    return check(name);
+}
+
+QString DownloadNames::shortened(const QString& base, const QString& end) {
+    const qsizetype room = qMax<qsizetype>(0, maxBytes - QFile::encodeName(end).size());
+    if (QFile::encodeName(base).size() <= room)
+        return base + end;
+    return QFile::decodeName(beginning(base, room)) + end;
 }
 
 QString DownloadNames::partialName(const QString& name, int fileId, int version) {

@@ -15,6 +15,14 @@ public:
     //! ErrorCode::InvalidArgument, naming it, unless \a name is one path component: not empty, not "." or
     //! "..", without "/" and NUL, at most maxBytes long. Every other name is taken as it is.
     static Error check(const QString& name);
+    //! The same for a name that came with a listing rather than from a person: refuses control characters
+    //! too, and characters that a file name here cannot hold.
+    static Error checkListed(const QString& name);
+    //! \a name with its control characters as \xNN.
+    static QString printable(const QString& name);
+    //! \a base, cut between characters where necessary, with \a end: at most maxBytes long, unless \a end
+    //! alone is longer.
+    static QString shortened(const QString& base, const QString& end);
     //! The hidden sibling that holds what has arrived so far: `.NAME.halvane-part-ID-VERSION`. Of a name too
     //! long for that only the beginning is in it, with a checksum of the whole.
     static QString partialName(const QString& name, int fileId, int version);

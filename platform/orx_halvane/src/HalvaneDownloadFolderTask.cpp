@@ -1,0 +1,285 @@
+#include "HalvaneDownloadFolderTask.h"
+
+#include "DownloadNames.h"
+#include "FolderDownloadPlan.h"
+#include "FolderDownloadReport.h"
+#include "HalvaneDownloadFileTask.h"
+#include "HalvaneItemTasks.h"
+#include "TargetDirectories.h"
+#include "TreeProgress.h"
+#include "WorkerStepTask.h"
+
+#include <QPointer>
+
+namespace orx {
+
+class HalvaneDownloadFolderTaskBase::Private {
+public:
+    using Folder = FolderDownloadPlan::Folder;
+    using File = FolderDownloadPlan::File;
+
+    //! What is known of a folder while its directory is made and its two listings are on their way.
+    struct Listing {
+        Folder folder;
+        int missing = 2;
+        Error error;
+        QList<HalvaneFolderTreeNodeSPtr> folders;
+        QList<HalvaneFileItemSPtr> files;
+    };
+    using ListingPtr = std::shared_ptr<Listing>;
+
+    Private(HalvaneDownloadFolderTaskBase* task, const QSharedPointer<HalvaneFolderResourceReference>& folder,
+            const QString& targetDirPath, bool contentOnly)
+        : q(task)
+        , reference(folder)
+        , target(QDir(targetDirPath).absolutePath())
+        , rootPath(contentOnly || !folder ? QString() : folder->name())
+        , namesFolder(!contentOnly) {}
+
+    Error check() const;
+    QString pathOf(const QString& relative) const;
+    void makeTarget();
+    //! Starts whatever the plan has slots for.
+    void advance();
+    void list(const Folder& folder);
+    void askForContent(const ListingPtr& listing);
+    template <typename T, typename Keep>
+    void ask(const ListingPtr& listing, Keep keep);
+    void onAnswer(const ListingPtr& listing, const Error& error);
+    void onListed(const Listing& listing);
+    void fetch(const File& file);
+    Result<std::unique_ptr<Task>> makeTask(const File& file);
+    void onFetched(BaseTask* task, const File& file, int key);
+    //! False when who heard of it destroyed the task, and this object with it.
+    bool showProgress();
+
+    HalvaneDownloadFolderTaskBase* const q;
+    const QSharedPointer<HalvaneFolderResourceReference> reference;
+    const QString target;
+    const QString rootPath;
+    const bool namesFolder;
+    std::optional<DuplicateDownloadPolicy> policy;
+
+    FolderDownloadPlan plan;
+    FolderDownloadReport report;
+    TreeProgress progress;
+    int downloaded = 0;
+    int nextKey = 0;
+    bool advancing = false;
+    bool listingWaited = false;
+};
+
+HalvaneDownloadFolderTaskBase::HalvaneDownloadFolderTaskBase(
+    const QSharedPointer<HalvaneFolderResourceReference>& reference, const QString& targetDirPath,
+    bool contentOnly, QObject* parent)
+    : HalvaneComplexTask(
+          QStringLiteral("DownloadFolder(%1)").arg(reference ? reference->displayText() : QString()), parent)
+    , d(std::make_unique<Private>(this, reference, targetDirPath, contentOnly)) {}
+
+HalvaneDownloadFolderTaskBase::~HalvaneDownloadFolderTaskBase() = default;
+
+void HalvaneDownloadFolderTaskBase::setDuplicatePolicy(std::optional<DuplicateDownloadPolicy> policy) {
+    d->policy = policy;
+}
+
+QString HalvaneDownloadFolderTaskBase::folderPath() const {
+    return d->pathOf(d->rootPath);
+}
+
+QList<HalvaneDownloadFailure> HalvaneDownloadFolderTaskBase::failures() const {
+    return d->report.failures();
+}
+
+int HalvaneDownloadFolderTaskBase::fileCount() const {
+    return d->plan.totalFiles();
+}
+
+int HalvaneDownloadFolderTaskBase::downloadedFileCount() const {
+    return d->downloaded;
+}
+
+Error HalvaneDownloadFolderTaskBase::initialize() {
+    ORX_RETURN_ON_ERROR(d->check());
+    const QPointer<HalvaneDownloadFolderTaskBase> guard(this);
+    Q_EMIT progressInitiated(TreeProgress::maximum);
+    if (guard && isRunning())
+        d->makeTarget();
+    return Error();
+}
+
+Error HalvaneDownloadFolderTaskBase::doFinish() {
+    if (!hasError()) {
+        Error outcome = d->report.outcome(d->plan.droppedFiles());
+        outcome.addWarnings(error().warnings());
+        setError(ORX_ECATCH(outcome));
+    }
+    if (!hasError()) {
+        const QPointer<HalvaneDownloadFolderTaskBase> guard(this);
+        Q_EMIT progress(TreeProgress::maximum, TreeProgress::maximum);
+        if (!guard)
+            return Error();
+    }
+    return HalvaneComplexTask::doFinish();
+}
+
+Error HalvaneDownloadFolderTaskBase::Private::check() const {
+    if (!reference)
+        return ORX_ECATCH(Error(ErrorCode::InvalidArgument, tr("No folder was given to be downloaded.")));
+    return namesFolder ? ORX_ECATCH(DownloadNames::checkListed(rootPath)) : Error();
+}
+
+QString HalvaneDownloadFolderTaskBase::Private::pathOf(const QString& relative) const {
+    return relative.isEmpty() ? target : target + u'/' + relative;
+}
+
+void HalvaneDownloadFolderTaskBase::Private::makeTarget() {
+    q->execSubtask(
+        std::make_unique<WorkerStepTask>(QStringLiteral("MakeTarget"),
+                                         [path = target] { return TargetDirectories::makeTarget(path); }),
+        [this](WorkerStepTask*) {
+            plan.begin({reference->id(), rootPath});
+            advance();
+        });
+}
+
+void HalvaneDownloadFolderTaskBase::Private::advance() {
+    // A step that ends at once comes back here while it is being started.
+    if (advancing)
+        return;
+    advancing = true;
+    while (!q->isCanceled() && q->isRunning()) {
+        if (report.isHopeless())
+            plan.stop();
+        if (const auto folder = plan.takeFolder())
+            list(*folder);
+        else if (const auto file = plan.takeFile())
+            fetch(*file);
+        else
+            break;
+    }
+    advancing = false;
+}
+
+void HalvaneDownloadFolderTaskBase::Private::list(const Folder& folder) {
+    const auto listing = std::make_shared<Listing>();
+    listing->folder = folder;
+    const auto make = [path = pathOf(folder.path), isTarget = folder.path.isEmpty()] {
+        return isTarget ? Error() : TargetDirectories::makeInside(path);
+    };
+    q->execSubtask(
+        std::unique_ptr<BaseTask>(std::make_unique<WorkerStepTask>(QStringLiteral("MakeDirectory"), make)),
+        [this, listing](BaseTask*) { askForContent(listing); },
+        [this, listing](BaseTask* step) {
+            listing->missing = 1;
+            onAnswer(listing, step->error());
+        });
+}
+
+void HalvaneDownloadFolderTaskBase::Private::askForContent(const ListingPtr& listing) {
+    ask<HalvaneGetFoldersTask>(
+        listing, [](Listing& kept, const HalvaneGetFoldersTask& task) { kept.folders = task.foldersTree(); });
+    ask<HalvaneGetFilesTask>(
+        listing, [](Listing& kept, const HalvaneGetFilesTask& task) { kept.files = task.files(); });
+}
+
+template <typename T, typename Keep>
+void HalvaneDownloadFolderTaskBase::Private::ask(const ListingPtr& listing, Keep keep) {
+    q->execSubtask(
+        std::unique_ptr<BaseTask>(std::make_unique<T>(listing->folder.id)),
+        [this, listing, keep](BaseTask* task) {
+            keep(*listing, *static_cast<T*>(task));
+            onAnswer(listing, Error());
+        },
+        [this, listing](BaseTask* task) { onAnswer(listing, task->error()); });
+}
+
+void HalvaneDownloadFolderTaskBase::Private::onAnswer(const ListingPtr& listing, const Error& error) {
+    if (error.hasError() && !listing->error.hasError())
+        listing->error = error;
+    if (--listing->missing == 0)
+        onListed(*listing);
+}
+
+void HalvaneDownloadFolderTaskBase::Private::onListed(const Listing& listing) {
+    if (q->isCanceled())
+        return;
+    if (listing.error.hasError()) {
+        plan.notListed();
+        report.addFailure(listing.folder.path.isEmpty() ? reference->name() : listing.folder.path,
+                          listing.error);
+    } else {
+        for (const auto& refused : plan.listed(listing.folder, listing.folders, listing.files))
+            report.addFailure(refused.path, refused.error);
+    }
+    if (showProgress())
+        advance();
+}
+
+void HalvaneDownloadFolderTaskBase::Private::fetch(const File& file) {
+    auto task = makeTask(file);
+    if (task.hasError()) {
+        plan.fileEnded();
+        report.addFailure(file.path(), task.error());
+        return;
+    }
+    const int key = nextKey++;
+    Task* const raw = task->get();
+    QObject::connect(raw, &BaseTask::progress, q, [this, key, size = file.size](int value, int maximum) {
+        progress.setUnderWay(key, size, maximum > 0 ? double(value) / maximum : 0);
+        (void)showProgress();
+    });
+    const auto ended = [this, file, key](BaseTask* of) { onFetched(of, file, key); };
+    q->execSubtask(std::unique_ptr<BaseTask>(std::move(task).value()), ended, ended);
+}
+
+Result<std::unique_ptr<Task>> HalvaneDownloadFolderTaskBase::Private::makeTask(const File& file) {
+    const auto fileReference = HalvaneFileResourceReference::create(file.id, file.version, file.name);
+    if (fileReference.hasError())
+        return ORX_ECATCH(Error(fileReference.error()));
+    std::unique_ptr<Task> task(
+        q->createFileDownloadTask(*fileReference, DirPath(pathOf(file.directory)), file.localName, policy));
+    if (!task)
+        return ORX_ECATCH(Error(ErrorCode::General, tr("Nothing was found that could download it.")));
+    return task;
+}
+
+void HalvaneDownloadFolderTaskBase::Private::onFetched(BaseTask* task, const File& file, int key) {
+    if (q->isCanceled())
+        return;
+    plan.fileEnded();
+    if (task->hasError()) {
+        report.addWarnings(task->error().warnings());
+        progress.drop(key);
+        report.addFailure(file.path(), task->error());
+    } else {
+        progress.settle(key, file.size);
+        report.addSuccess();
+        ++downloaded;
+    }
+    if (showProgress())
+        advance();
+}
+
+bool HalvaneDownloadFolderTaskBase::Private::showProgress() {
+    const QPointer<HalvaneDownloadFolderTaskBase> guard(q);
+    listingWaited = listingWaited || plan.isListingPaused();
+    if (!plan.isWholeTreeKnown() && !listingWaited)
+        return true;
+    if (const auto value = progress.take(plan.totalBytes()))
+        Q_EMIT q->progress(*value, TreeProgress::maximum);
+    return bool(guard);
+}
+
+Task* HalvaneDownloadFolderTask::createFileDownloadTask(
+    const QSharedPointer<HalvaneFileResourceReference>& fileReference,
+    const PathImpl<PathType::Dir>& targetDir, const QString& name,
+    std::optional<DuplicateDownloadPolicy> policy) {
+    HalvaneFileDownloadParameters parameters;
+    parameters.reference = fileReference;
+    parameters.targetDir = QDir(targetDir.toString());
+    parameters.targetName = name;
+    parameters.overwrite = policy == DuplicateDownloadPolicy::Overwrite;
+    return HalvaneDownloadFileTaskCreator::create(parameters).release();
+}
+
+} // namespace orx

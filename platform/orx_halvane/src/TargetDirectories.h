@@ -1,0 +1,19 @@
+#pragma once
+
+#include "orx_halvane_export.h"
+
+#include <Error.h>
+
+namespace orx {
+
+//! Directories that a download makes. Blocks on the disk; thread: any.
+class ORX_HALVANE_EXPORT TargetDirectories {
+public:
+    //! Makes \a path and what is missing above it. Links on the way are the user's own and followed.
+    static Error makeTarget(const QString& path);
+    //! Makes \a path, whose parent exists, and flushes the parent's entry of it. A directory that is there is
+    //! used as it is; anything else there, links included, is ErrorCode::AlreadyExists.
+    static Error makeInside(const QString& path);
+};
+
+} // namespace orx
