@@ -230,9 +230,10 @@ TEST_F(DownloadFolderTaskTest, BreadthIsBoundedOverTheWholeTree) {
     server.script(u8("GET /files/*/content"), ScriptedFault::hold(), ScriptedHalvaneServer::Always);
     const auto task = download(raw);
     task->exec();
-    ASSERT_TRUE(waitUntil([&] { return server.heldCount() == 8 && server.inFlightCount() == 8; }));
+    // The whole tree is listed meanwhile: the root of the download and ten folders below it.
+    ASSERT_TRUE(
+        waitUntil([&] { return server.heldCount() == 8 && server.count(u8("GET /folders/*/files")) == 11; }));
     EXPECT_EQ(server.count(u8("GET /files/*/versions")), 8) << "file tasks are made as slots come free";
-    EXPECT_EQ(server.count(u8("GET /folders/*/files")), 11) << "the whole tree is listed meanwhile";
     ASSERT_TRUE(waitUntil([&] {
         server.release();
         return task->isFinished();
@@ -399,12 +400,12 @@ TEST_F(DownloadFolderTaskTest, EachFileIsMadeOnceWithItsPlaceAndThePolicy) {
 
 TEST_F(DownloadFolderTaskTest, ThousandsOfFilesThatEndAtOnceNeitherDeepenTheStackNorPileUp) {
     const int raw = folder(u8("raw"));
-    for (int i = 0; i < 5000; ++i)
+    for (int i = 0; i < 2000; ++i)
         file(QString::number(i), {}, raw);
     CountingDownload task(reference(raw, u8("raw")), target.path(), false);
     ASSERT_TRUE(succeeded(run(task)));
-    EXPECT_EQ(task.downloadedFileCount(), 5000);
-    EXPECT_EQ(task.made.size(), 5000);
+    EXPECT_EQ(task.downloadedFileCount(), 2000);
+    EXPECT_EQ(task.made.size(), 2000);
 }
 
 TEST_F(DownloadFolderTaskTest, ADeepTreeComesDown) {
