@@ -48,7 +48,8 @@ struct ORX_NETWORK_EXPORT NetworkRequest {
     //! at 0 with a retry.
     std::function<void(qint64)> onBytesSent;
     std::chrono::milliseconds connectTimeout{10'000};
-    //! Without a byte in either direction for this long the request fails: the server's thinking time counts, a pause of the sink does not. Zero: no limit.
+    //! Without a byte in either direction for this long the request fails: the server's thinking time counts,
+    //! a pause of the sink does not. Zero: no limit.
     std::chrono::milliseconds silenceTimeout{60'000};
     //! For the whole request; zero: none (contents of files).
     std::chrono::milliseconds totalTimeout{120'000};
