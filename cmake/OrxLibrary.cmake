@@ -43,6 +43,8 @@ endfunction()
 
 # orx_add_test(NAME SOURCES ... [LIBS ...] [TIMEOUT seconds] [LABELS ...] [WITHOUT_QT]): one GoogleTest program. Every case of it
 # is a test of its own for ctest, with a watchdog. Programs that use Qt get a main with a QCoreApplication.
+# The label "threads" is for tests of what has threads: ./run test runs them under the thread sanitizer too, and the target
+# orx_threads_tests builds them.
 function(orx_add_test name)
   if(NOT ORX_BUILD_TESTS)
     return()
@@ -58,13 +60,22 @@ function(orx_add_test name)
   else()
     target_sources(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests/support/qt_test_main.cpp)
     target_link_libraries(${name} PRIVATE Qt6::Core GTest::gtest)
+    if(ORX_SANITIZE MATCHES "thread")
+      target_sources(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests/support/tsan_clone.cpp)
+    endif()
   endif()
   target_link_libraries(${name} PRIVATE orx_compile_options GTest::gmock ${arg_LIBS})
+  if("threads" IN_LIST arg_LABELS)
+    add_dependencies(orx_threads_tests ${name})
+  endif()
+  # gtest_discover_tests takes lists of values apart and would keep the first label only: several labels are one of several
+  # words, of which ctest -L finds each.
+  list(JOIN arg_LABELS " " labels)
   gtest_discover_tests(${name}
     TEST_PREFIX ${name}/
     DISCOVERY_TIMEOUT 60
     DISCOVERY_MODE PRE_TEST
-    PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS "${arg_LABELS}")
+    PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS "${labels}")
 endfunction()
 
 # Writes the CMake package, so that another project finds the installed libraries with find_package(OrxHalvane).
