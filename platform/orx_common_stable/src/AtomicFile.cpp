@@ -79,7 +79,7 @@ Result<QByteArray> AtomicFile::read(const QString& path, qint64 limit) {
     if (!file.open(QIODevice::ReadOnly))
         return Error(ErrorCode::FileNotReadable,
                      translated("Could not read file \"%1\": %2").arg(path, file.errorString()));
-    const QByteArray content = file.read(limit + 1);
+    QByteArray content = file.read(limit + 1);
     if (file.error() != QFileDevice::NoError)
         return Error(ErrorCode::FileNotReadable,
                      translated("Could not read file \"%1\": %2").arg(path, file.errorString()));

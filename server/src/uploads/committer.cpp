@@ -88,6 +88,7 @@ void Committer::commit(std::vector<Member> batch) {
     if (batch.empty())
         return;
     std::vector<Finalisation> requests;
+    requests.reserve(batch.size());
     for (Member& member : batch)
         requests.push_back(std::move(member.request));
     const std::vector<FinalisationOutcome> outcomes = m_catalog.commit(requests);
