@@ -2,21 +2,45 @@
 
 #include "HalvaneItemTasks.h"
 
+#include <OwnerInbox.h>
+
+#include <QEventLoop>
+
 #include <algorithm>
 
 namespace orx {
 
+namespace {
+
+//! Runs \a task to its end. On a worker, which has no event loop, the task is cancelled when the one whose
+//! body runs there is.
+Error runBlocking(BaseTask& task) {
+    const QEventLoop dispatcherMaker; // sockets and timers need a dispatcher, which a worker may not have yet
+    const auto running = std::make_shared<BaseTask*>(&task); // of this thread only
+    const auto cancelHere = [inbox = OwnerInbox::ofThisThread(), running] {
+        inbox->post([running] {
+            if (*running)
+                (*running)->cancel();
+        });
+    };
+    const std::stop_callback onStop(Task::stopTokenOfThisThread(), cancelHere);
+    task.exec();
+    Error error = task.waitForFinished();
+    *running = nullptr;
+    return error;
+}
+
+} // namespace
+
 Result<HalvaneFileItem> HalvaneConnectionUtils::getFileItem(int fileId) {
     HalvaneGetFileMetadataTask task(fileId);
-    task.exec();
-    ORX_RETURN_ON_ERROR(task.waitForFinished());
+    ORX_RETURN_ON_ERROR(runBlocking(task));
     return task.fileItem();
 }
 
 Result<QList<HalvaneFileItemSPtr>> HalvaneConnectionUtils::files(int folderId) {
     HalvaneGetFilesTask task(folderId);
-    task.exec();
-    ORX_RETURN_ON_ERROR(task.waitForFinished());
+    ORX_RETURN_ON_ERROR(runBlocking(task));
     return task.files();
 }
 

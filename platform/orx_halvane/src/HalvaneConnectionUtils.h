@@ -4,7 +4,9 @@
 
 namespace orx {
 
-//! Blocking and pure helpers around the connection.
+//! Blocking and pure helpers around the connection. A blocking call needs no running event loop; called from
+//! the body of a task that runs on a worker, it ends with ErrorCode::Canceled soon after that task was
+//! cancelled or destroyed.
 class ORX_HALVANE_EXPORT HalvaneConnectionUtils {
 public:
     //! Blocks; thread: any that may block.

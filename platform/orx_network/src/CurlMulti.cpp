@@ -2,9 +2,13 @@
 
 #include "CurlError.h"
 
+#include <WorkerPool.h>
+
 #include <QPointer>
 
 #include <algorithm>
+#include <cstdlib>
+#include <mutex>
 
 namespace orx {
 
@@ -12,10 +16,19 @@ using std::chrono::milliseconds;
 
 namespace {
 
-void initializeLibrary() {
-    static const CURLcode code = curl_global_init(CURL_GLOBAL_DEFAULT);
+void initializeOnce() {
+    const CURLcode code = curl_global_init(CURL_GLOBAL_DEFAULT);
     if (code != CURLE_OK)
         qFatal("libcurl cannot be initialised: %s", curl_easy_strerror(code));
+    // The TLS library cleans up at exit. Transports of workers, which use it to their end, must be gone by
+    // then.
+    WorkerPool::instance();
+    std::atexit([] { WorkerPool::instance().end(); });
+}
+
+void initializeLibrary() {
+    static std::once_flag once;
+    std::call_once(once, initializeOnce);
 }
 
 void setUpTimer(QTimer& timer) {

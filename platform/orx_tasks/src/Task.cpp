@@ -15,6 +15,12 @@ const QLoggingCategory& tasksLog() {
     return category;
 }
 
+namespace {
+
+thread_local std::stop_token stopTokenOfBody;
+
+} // namespace
+
 //! One run of a body on a worker, shared by the worker's job and the task, so that neither depends on the
 //! other's life.
 class Task::WorkerBody {
@@ -27,12 +33,17 @@ public:
                 return;
             m_phase = Phase::Running;
         }
+        stopTokenOfBody = m_stop.get_token();
         Error result = body();
+        stopTokenOfBody = std::stop_token();
         const std::lock_guard lock(m_mutex);
         m_result = std::move(result);
         m_phase = Phase::Returned;
         m_changed.notify_all();
     }
+
+    //! Thread: owner. Asks a body that runs to return soon.
+    void requestStop() { m_stop.request_stop(); }
 
     //! Thread: owner. Gives the body up unless it has begun; returns whether it never will run.
     bool giveUpWaiting() {
@@ -61,6 +72,7 @@ private:
     enum class Phase { Waiting, Running, Returned, GivenUp };
     std::mutex m_mutex;
     std::condition_variable m_changed;
+    std::stop_source m_stop;
     Phase m_phase = Phase::Waiting;
     Error m_result;
 };
@@ -73,10 +85,14 @@ struct Task::Private {
 Task::Task(const QString& name, QObject* parent) : BaseTask(name, parent), d(std::make_unique<Private>()) {}
 
 Task::~Task() {
-    BaseTask::requestStop();
+    Task::requestStop();
     if (d->body && d->body->giveUp())
         qCCritical(tasksLog).noquote()
             << "task" << name() << "was destroyed while its body ran: its destructor must call stopBody()";
+}
+
+std::stop_token Task::stopTokenOfThisThread() {
+    return stopTokenOfBody;
 }
 
 Task::ExecutionMode Task::executionMode() const {
@@ -144,6 +160,17 @@ void Task::doCancel() {
         d->body.reset();
         finish(Error());
     }
+}
+
+void Task::cancelDescendants() {
+    if (d->body)
+        d->body->requestStop();
+}
+
+void Task::requestStop() {
+    BaseTask::requestStop();
+    if (d->body)
+        d->body->requestStop();
 }
 
 void Task::awaitBody() {

@@ -2,6 +2,8 @@
 
 #include "BaseTask.h"
 
+#include <stop_token>
+
 namespace orx {
 
 //! A task with an initialisation on the owner's thread and a body. run(): initialize(); an error ends the
@@ -28,6 +30,11 @@ public:
     void setExecutionMode(ExecutionMode mode);
     bool isIdle() const override;
 
+    //! For what waits within a body. Thread: any. On a worker that runs the body of a task: the token that is
+    //! asked to stop when that task is cancelled or destroyed, on the thread where this happens; elsewhere
+    //! one that is never asked.
+    static std::stop_token stopTokenOfThisThread();
+
 protected:
     //! Called once per run on the owner's thread before the body. May call finish(), which ends the run
     //! without the body.
@@ -44,6 +51,8 @@ protected:
     void run() final;
     //! Finishes at once when the worker has not begun with the body.
     void doCancel() override;
+    void cancelDescendants() override;
+    void requestStop() override;
     void awaitBody() override;
 
 private:

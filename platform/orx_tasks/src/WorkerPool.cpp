@@ -66,14 +66,20 @@ WorkerPool& WorkerPool::instance() {
 WorkerPool::WorkerPool() : d(new Private) {}
 
 WorkerPool::~WorkerPool() {
+    end();
+    delete d;
+}
+
+void WorkerPool::end() {
+    std::vector<std::thread> threads;
     {
         const std::lock_guard lock(d->mutex);
         d->ending = true;
+        threads.swap(d->threads);
     }
     d->changed.notify_all();
-    for (std::thread& thread : d->threads)
+    for (std::thread& thread : threads)
         thread.join();
-    delete d;
 }
 
 void WorkerPool::submit(Job job, QObject* context, std::function<void()> completion) {
@@ -84,6 +90,8 @@ void WorkerPool::submit(Job job, QObject* context, std::function<void()> complet
     };
     Order order{std::move(job), std::move(guarded), OwnerInbox::ofThisThread()};
     const std::lock_guard lock(d->mutex);
+    if (d->ending)
+        return;
     d->orders.push_back(std::move(order));
     if (d->orders.size() > size_t(d->idleThreads) && d->threads.size() < size_t(d->bound))
         d->threads.emplace_back([this] { d->serve(); });

@@ -24,6 +24,10 @@ public:
     //! gone by then, the completion is dropped. \a context may be null (always called) and must belong to the
     //! calling thread. A job must not wait for another job, nor for the thread that submitted it.
     void submit(Job job, QObject* context, std::function<void()> completion);
+    //! Ends the threads as the end of the process does, only sooner; what is submitted afterwards is dropped.
+    //! For who uses in jobs what a library cleans up at exit: call instance(), then register this by
+    //! std::atexit() after that library was initialised, and it runs before the clean-up.
+    void end();
     //! The most jobs that run at one time.
     int threadCount() const;
 

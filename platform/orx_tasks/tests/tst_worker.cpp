@@ -9,6 +9,7 @@
 #include <atomic>
 #include <future>
 #include <latch>
+#include <optional>
 #include <thread>
 
 using namespace orx;
@@ -198,6 +199,96 @@ TEST(WorkerCancel, ATreeOfWorkersEndsWhenAllBodiesHaveReturned) {
     EXPECT_TRUE(task.waitForFinished().isCanceled());
     EXPECT_TRUE(first.returned);
     EXPECT_TRUE(second.returned);
+}
+
+//! A body that waits until it is told to return, as one does that blocks on something else than its task.
+struct Waiting {
+    std::latch begun{1};
+    std::promise<void> told;
+    std::atomic<bool> returned = false;
+
+    std::unique_ptr<ScriptedTask> task() {
+        return workerTask([this](ScriptedTask*) {
+            const std::stop_callback onStop(Task::stopTokenOfThisThread(), [this] { told.set_value(); });
+            begun.count_down();
+            told.get_future().wait();
+            returned = true;
+            return Error();
+        });
+    }
+};
+
+TEST(WorkerStopToken, TellsABodyThatWaitsWhenItsTaskIsCancelled) {
+    Waiting waiting;
+    auto task = waiting.task();
+    task->exec();
+    waiting.begun.wait();
+    task->cancel();
+    EXPECT_TRUE(task->waitForFinished().isCanceled());
+    EXPECT_TRUE(waiting.returned);
+}
+
+TEST(WorkerStopToken, TellsABodyThatWaitsWhenItsTaskIsDestroyed) {
+    Waiting waiting;
+    auto task = waiting.task();
+    task->exec();
+    waiting.begun.wait();
+    task.reset();
+    EXPECT_TRUE(waiting.returned);
+}
+
+TEST(WorkerStopToken, TellsTheBodiesOfATreeThatIsCancelledOrDestroyed) {
+    for (const bool destroyed : {false, true}) {
+        Waiting first, second;
+        auto task = std::make_unique<Complex>();
+        task->onInitialize = [&](Complex* self) {
+            self->execSubtask(first.task());
+            self->appendSubtask(second.task());
+            self->execSubtasks();
+            return Error();
+        };
+        task->exec();
+        first.begun.wait();
+        second.begun.wait();
+        if (destroyed) {
+            task.reset();
+        } else {
+            task->cancel();
+            EXPECT_TRUE(task->waitForFinished().isCanceled());
+        }
+        EXPECT_TRUE(first.returned);
+        EXPECT_TRUE(second.returned);
+    }
+}
+
+TEST(WorkerStopToken, TellsABodyThatStillRunsWhenItsTaskHasFinished) {
+    Waiting waiting;
+    auto task = waiting.task();
+    task->exec();
+    waiting.begun.wait();
+    task->finish(Error());
+    EXPECT_FALSE(task->isIdle());
+    task->cancel();
+    EXPECT_TRUE(OwnerInbox::ofThisThread()->waitUntil([&] { return task->isIdle(); }, std::nullopt));
+    EXPECT_TRUE(waiting.returned);
+}
+
+TEST(WorkerStopToken, IsThatOfTheBodyThatRunsAndOfNoOther) {
+    EXPECT_FALSE(Task::stopTokenOfThisThread().stop_possible());
+    std::optional<std::stop_token> seen;
+    auto task = workerTask([&](ScriptedTask*) { return seen = Task::stopTokenOfThisThread(), Error(); });
+    task->exec();
+    EXPECT_FALSE(task->waitForFinished().hasError());
+    EXPECT_FALSE(seen->stop_requested());
+    // The worker of a body that has returned runs something else, which no task stops.
+    for (int i = 0; i < WorkerPool::instance().threadCount(); ++i) {
+        std::atomic<bool> possible = true;
+        bool done = false;
+        WorkerPool::instance().submit([&] { possible = Task::stopTokenOfThisThread().stop_possible(); },
+                                      nullptr, [&] { done = true; });
+        EXPECT_TRUE(OwnerInbox::ofThisThread()->waitUntil([&] { return done; }, std::nullopt));
+        EXPECT_FALSE(possible);
+    }
 }
 
 TEST(WorkerIdle, AFinishedTaskIsBusyUntilItsBodyHasReturned) {
