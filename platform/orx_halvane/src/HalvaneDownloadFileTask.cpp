@@ -3,6 +3,8 @@
 #include "DelayStepTask.h"
 #include "DownloadBody.h"
 #include "DownloadNames.h"
+#include "HalvaneAcknowledgedContents.h"
+#include "HalvaneConnection.h"
 #include "HalvaneContentCall.h"
 #include "HalvaneHistory.h"
 #include "HalvaneItemTasks.h"
@@ -326,6 +328,8 @@ void HalvaneDownloadFileTask::Private::publish() {
 
 void HalvaneDownloadFileTask::Private::onPublished(const QString& warning) {
     published = true;
+    HalvaneAcknowledgedContents::record(HalvaneConnection::instance().serverKey(), parameters.reference->id(),
+                                        version.version, version.sha256.toLatin1());
     if (!warning.isEmpty())
         q->addWarning(tr("The file \"%1\" was downloaded, but that could not be recorded here: %2")
                           .arg(q->targetPath(), warning));

@@ -1,3 +1,5 @@
+#include "HalvaneAcknowledgedContents.h"
+#include "HalvaneConnection.h"
 #include "HalvaneHistory.h"
 #include "HalvaneUploadCalls.h"
 #include "HalvaneUploadSessions.h"
@@ -144,6 +146,8 @@ void HalvaneFinalizeUploadTask::Private::onFinalized(const HalvaneFinalizedFile&
         return;
     }
     file = finalized;
+    HalvaneAcknowledgedContents::record(HalvaneConnection::instance().serverKey(), file.reference.fileId,
+                                        file.reference.version, file.sha256.toLatin1());
     if (session)
         record();
 }

@@ -2,6 +2,8 @@
 
 #include <ContentHash.h>
 #include <DownloadBody.h>
+#include <HalvaneAcknowledgedContents.h>
+#include <HalvaneConnection.h>
 #include <HalvaneDownloadFileTask.h>
 #include <HalvaneError.h>
 #include <HalvaneHistory.h>
@@ -83,6 +85,8 @@ TEST_F(DownloadFileTask, BringsAVersionIntoTheDirectory) {
     EXPECT_EQ(get(name), content);
     EXPECT_EQ(task.targetPath(), out().filePath(name));
     EXPECT_EQ(task.sha256().toLatin1(), sha256(content));
+    EXPECT_EQ(HalvaneAcknowledgedContents::find(HalvaneConnection::instance().serverKey(), 12, 2),
+              sha256(content));
     EXPECT_EQ(task.size(), content.size());
     EXPECT_EQ(task.version(), 2);
     EXPECT_TRUE(std::is_sorted(reported.progress.begin(), reported.progress.end()));

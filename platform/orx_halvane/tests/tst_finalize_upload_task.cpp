@@ -1,5 +1,7 @@
 #include "TransferFixture.h"
 
+#include <HalvaneAcknowledgedContents.h>
+#include <HalvaneConnection.h>
 #include <HalvaneError.h>
 #include <HalvaneHistory.h>
 #include <HalvaneUploadSessions.h>
@@ -35,6 +37,8 @@ TEST_F(FinalizeUploadTask, MakesTheFileAndRecordsItsVersion) {
     EXPECT_EQ(task.createdFileId(), 100);
     EXPECT_EQ(task.sha256(),
               QStringLiteral("72399361da6a7754fec986dca5b7cbaf1c810a28ded4abaf56b2106d06cb78b0"));
+    EXPECT_EQ(HalvaneAcknowledgedContents::find(HalvaneConnection::instance().serverKey(), 100, 1),
+              task.sha256().toLatin1());
     EXPECT_EQ(recordedVersion(100), 1);
     EXPECT_EQ(freeRecords().size(), 0);
     EXPECT_FALSE(HalvaneUploadSessions::find(id));
