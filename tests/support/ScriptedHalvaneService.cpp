@@ -6,6 +6,8 @@
 
 #include <xxhash.h>
 
+#include <atomic>
+
 namespace orx::testing {
 
 using namespace scripted;
@@ -65,6 +67,8 @@ QJsonObject ScriptedHalvaneService::File::toJson() const {
 }
 
 ScriptedHalvaneService::ScriptedHalvaneService() {
+    static std::atomic<int> instances = 0;
+    m_instance = ++instances;
     m_folders.insert(RootFolder, Folder{RootFolder, -1, QStringLiteral("/"), {}, 0});
 }
 
@@ -73,6 +77,9 @@ int ScriptedHalvaneService::addFolder(const QString& name, int parentId, int id)
     m_nextFolder = std::max(m_nextFolder, folderId + 1);
     m_folders.insert(folderId, Folder{folderId, parentId, name, {}, 0});
     ++m_folders[parentId].changes;
+    // The listing that this parent is in shows that it has children.
+    if (const int above = m_folders[parentId].parentId; above != -1)
+        ++m_folders[above].changes;
     return folderId;
 }
 
@@ -147,7 +154,7 @@ ScriptedReply ScriptedHalvaneService::routeFolders(const ScriptedRequest& reques
     if (request.line() == u"POST /folders")
         return createFolder(request);
     const auto folder = m_folders.constFind(parts.value(1).toInt());
-    if (request.method != "GET" || folder == m_folders.cend())
+    if (request.method != "GET" || folder == m_folders.cend() || !isReadable(folder->id))
         return notFound(QStringLiteral("folder with the id %1").arg(parts.value(1)));
     if (parts.size() == 2)
         return success(folderJson(*folder, true));
@@ -175,9 +182,9 @@ ScriptedReply ScriptedHalvaneService::createFolder(const ScriptedRequest& reques
 
 ScriptedReply ScriptedHalvaneService::listing(const ScriptedRequest& request, const Folder& folder,
                                               const QString& key) const {
-    const QByteArray tag =
-        '"' + QByteArray::number(folder.id) + '-' + QByteArray::number(folder.changes) + '"';
-    if (request.header("If-None-Match") == tag)
+    const QByteArray tag = '"' + QByteArray::number(m_instance) + '-' + QByteArray::number(folder.id) + '-' +
+                           QByteArray::number(folder.changes) + '"';
+    if (request.header("If-None-Match").contains(tag))
         return {304, {{"ETag", tag}}, {}};
     QJsonArray items;
     if (key == u"files") {
@@ -210,6 +217,7 @@ QJsonObject ScriptedHalvaneService::folderJson(const Folder& folder, bool withPa
     return object;
 }
 
+//! From the outermost readable folder on, without the root.
 QJsonArray ScriptedHalvaneService::chain(int folderId) const {
     QJsonArray path;
     int id = folderId;
@@ -217,16 +225,23 @@ QJsonArray ScriptedHalvaneService::chain(int folderId) const {
         const Folder folder = m_folders.value(id);
         path.prepend(QJsonObject{{QStringLiteral("folder_id"), folder.id},
                                  {QStringLiteral("folder_name"), folder.name}});
-        id = folder.parentId;
+        id = folder.id == m_outermost ? RootFolder : folder.parentId;
     } while (id > RootFolder);
     return path;
+}
+
+bool ScriptedHalvaneService::isReadable(int folderId) const {
+    int id = folderId;
+    while (id != m_outermost && id != -1)
+        id = m_folders.value(id).parentId;
+    return id == m_outermost;
 }
 
 // Files
 
 ScriptedReply ScriptedHalvaneService::routeFiles(const ScriptedRequest& request, const Parts& parts) {
     const auto found = m_files.find(parts.value(1).toInt());
-    if (found == m_files.end())
+    if (found == m_files.end() || !isReadable(found->folderId))
         return notFound(QStringLiteral("file with the id %1").arg(parts.value(1)));
     const QString rest = parts.mid(2).join(u'/');
     const bool reads = request.method == "GET";

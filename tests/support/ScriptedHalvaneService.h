@@ -32,7 +32,8 @@ struct ScriptedReply {
 };
 
 //! The calls of docs/protocol.md that the client library makes, answered from memory: one user who may do
-//! everything, no clock, no privileges. The contract suite holds it to the real server.
+//! everything (in one folder and what is below it, when the test says so), no clock. The contract suite holds
+//! it to the real server.
 class ScriptedHalvaneService {
 public:
     struct Version {
@@ -75,6 +76,8 @@ public:
     const QMap<int, File>& files() const { return m_files; }
     const QMap<int, Folder>& folders() const { return m_folders; }
     int openUploadCount() const;
+    //! What is neither this folder nor below it looks absent from now on.
+    void restrictTo(int folderId) { m_outermost = folderId; }
 
 private:
     struct Upload;
@@ -108,6 +111,7 @@ private:
                            const ScriptedReply& reply);
     QJsonObject folderJson(const Folder& folder, bool withPath) const;
     QJsonArray chain(int folderId) const;
+    bool isReadable(int folderId) const;
     QJsonObject userJson() const;
 
     struct Upload {
@@ -128,6 +132,10 @@ private:
         QJsonObject toJson() const;
     };
 
+    //! Entity tags of one service are not those of another.
+    int m_instance = 0;
+    //! The outermost folder that the user may read.
+    int m_outermost = RootFolder;
     QString m_user = QStringLiteral("anna");
     QString m_password = QStringLiteral("correct horse battery");
     QByteArray m_token = "scripted-token";

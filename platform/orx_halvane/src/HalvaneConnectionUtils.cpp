@@ -1,6 +1,7 @@
 #include "HalvaneConnectionUtils.h"
 
 #include "HalvaneItemTasks.h"
+#include "HalvaneListingStore.h"
 
 #include <OwnerInbox.h>
 
@@ -45,6 +46,8 @@ Result<QList<HalvaneFileItemSPtr>> HalvaneConnectionUtils::files(int folderId) {
 }
 
 int HalvaneConnectionUtils::findFileIdInFiles(const QString& name, const QList<HalvaneFileItemSPtr>& files) {
+    if (const auto listing = HalvaneListingStore::instance().holding(files))
+        return listing->findFileId(name);
     int id = -1;
     for (const HalvaneFileItemSPtr& file : files)
         if (file && file->name() == name)

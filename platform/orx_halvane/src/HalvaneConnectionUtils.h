@@ -13,7 +13,9 @@ public:
     static Result<HalvaneFileItem> getFileItem(int fileId);
     //! Blocks; thread: any that may block. The server's order.
     static Result<QList<HalvaneFileItemSPtr>> files(int folderId);
-    //! The largest id among the items of exactly this name (letter case counts); -1 when there is none.
+    //! The largest id among the items of exactly this name (letter case counts); -1 when there is none. For a
+    //! list of HalvaneGetFilesTask by an index that is made once per list, so that as many questions as there
+    //! are files cost no square of it.
     static int findFileIdInFiles(const QString& name, const QList<HalvaneFileItemSPtr>& files);
 };
 

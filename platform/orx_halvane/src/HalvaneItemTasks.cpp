@@ -1,6 +1,7 @@
 #include "HalvaneItemTasks.h"
 
 #include "HalvaneJson.h"
+#include "HalvaneListingStore.h"
 
 #include <QUuid>
 
@@ -62,30 +63,28 @@ Error readVersion(const QJsonObject& element, HalvaneFileVersion& version) {
 } // namespace
 
 HalvaneGetFilesTask::HalvaneGetFilesTask(int folderId, QObject* parent)
-    : HalvaneTask(QStringLiteral("GetFiles(FolderID=%1)").arg(folderId), parent), m_folderId(folderId) {}
+    : HalvaneListingTask(QStringLiteral("GetFiles(FolderID=%1)").arg(folderId),
+                         QStringLiteral("/folders/%1/files").arg(folderId), parent) {}
 
-Result<NetworkRequest> HalvaneGetFilesTask::prepareRequest(const QUrl& baseUrl) const {
-    return HalvaneTask::prepareRequest(baseUrl, QStringLiteral("/folders/%1/files").arg(m_folderId),
-                                       Method::Get);
+QList<HalvaneFileItemSPtr> HalvaneGetFilesTask::files() const {
+    return listing() ? listing()->files : QList<HalvaneFileItemSPtr>();
 }
 
-Error HalvaneGetFilesTask::parseData(const QJsonObject& json) {
-    ORX_RETURN_ON_ERROR(HalvaneTask::parseData(json));
-    return asInvalidReply(readItems(dataOf(json), QStringLiteral("files"), m_files));
+Error HalvaneGetFilesTask::readListing(const QJsonObject& data, HalvaneListing& listing) const {
+    return readItems(data, QStringLiteral("files"), listing.files);
 }
 
 HalvaneGetFoldersTask::HalvaneGetFoldersTask(std::optional<int> folderId, QObject* parent)
-    : HalvaneTask(QStringLiteral("GetFolders(FolderID=%1)").arg(folderId.value_or(kRootFolderId)), parent)
-    , m_folderId(folderId.value_or(kRootFolderId)) {}
+    : HalvaneListingTask(QStringLiteral("GetFolders(FolderID=%1)").arg(folderId.value_or(kRootFolderId)),
+                         QStringLiteral("/folders/%1/folders").arg(folderId.value_or(kRootFolderId)),
+                         parent) {}
 
-Result<NetworkRequest> HalvaneGetFoldersTask::prepareRequest(const QUrl& baseUrl) const {
-    return HalvaneTask::prepareRequest(baseUrl, QStringLiteral("/folders/%1/folders").arg(m_folderId),
-                                       Method::Get);
+QList<HalvaneFolderTreeNodeSPtr> HalvaneGetFoldersTask::foldersTree() const {
+    return listing() ? listing()->folders : QList<HalvaneFolderTreeNodeSPtr>();
 }
 
-Error HalvaneGetFoldersTask::parseData(const QJsonObject& json) {
-    ORX_RETURN_ON_ERROR(HalvaneTask::parseData(json));
-    return asInvalidReply(readItems(dataOf(json), QStringLiteral("folders"), m_folders));
+Error HalvaneGetFoldersTask::readListing(const QJsonObject& data, HalvaneListing& listing) const {
+    return readItems(data, QStringLiteral("folders"), listing.folders);
 }
 
 HalvaneCreateFolderTask::HalvaneCreateFolderTask(const Input& input, QObject* parent)

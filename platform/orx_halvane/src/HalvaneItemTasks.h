@@ -1,44 +1,36 @@
 #pragma once
 
 #include "HalvaneItems.h"
-#include "HalvaneTask.h"
+#include "HalvaneListingTask.h"
 
 #include <optional>
 
 namespace orx {
 
-//! GET /folders/ID/files: the files of one folder, in the server's order. Every run asks the server. An
-//! element that is no file is an error that names it.
-class ORX_HALVANE_EXPORT HalvaneGetFilesTask : public HalvaneTask {
+//! GET /folders/ID/files: the files of one folder, in the server's order. An element that is no file is an
+//! error that names it. The list and its items are shared with other runs and not to be changed.
+class ORX_HALVANE_EXPORT HalvaneGetFilesTask : public HalvaneListingTask {
     Q_OBJECT
 public:
     explicit HalvaneGetFilesTask(int folderId, QObject* parent = nullptr);
-    QList<HalvaneFileItemSPtr> files() const { return m_files; }
+    //! Empty before success.
+    QList<HalvaneFileItemSPtr> files() const;
 
 protected:
-    Result<NetworkRequest> prepareRequest(const QUrl& baseUrl) const override;
-    Error parseData(const QJsonObject& json) override;
-
-private:
-    int m_folderId;
-    QList<HalvaneFileItemSPtr> m_files;
+    Error readListing(const QJsonObject& data, HalvaneListing& listing) const override;
 };
 
 //! GET /folders/ID/folders: the direct sub-folders of a folder, of the root without an id.
-class ORX_HALVANE_EXPORT HalvaneGetFoldersTask : public HalvaneTask {
+//! Shared as the lists of files are.
+class ORX_HALVANE_EXPORT HalvaneGetFoldersTask : public HalvaneListingTask {
     Q_OBJECT
 public:
     explicit HalvaneGetFoldersTask(std::optional<int> folderId, QObject* parent = nullptr);
-    //! Direct children only.
-    QList<HalvaneFolderTreeNodeSPtr> foldersTree() const { return m_folders; }
+    //! Direct children only. Empty before success.
+    QList<HalvaneFolderTreeNodeSPtr> foldersTree() const;
 
 protected:
-    Result<NetworkRequest> prepareRequest(const QUrl& baseUrl) const override;
-    Error parseData(const QJsonObject& json) override;
-
-private:
-    int m_folderId;
-    QList<HalvaneFolderTreeNodeSPtr> m_folders;
+    Error readListing(const QJsonObject& data, HalvaneListing& listing) const override;
 };
 
 //! POST /folders, with an idempotency key of its own, so that a lost reply makes no second folder.

@@ -7,12 +7,38 @@
 #include <QRandomGenerator>
 #include <QTimer>
 
+#include <atomic>
+
 namespace orx {
+
+namespace {
+
+std::atomic<quint64> endedUnsafeRequests = 0;
+
+//! One attempt on its way, counted when it ends or is aborted.
+class Attempt {
+public:
+    Attempt(std::unique_ptr<TransportCall> call, bool isSafe) : m_call(std::move(call)), m_isSafe(isSafe) {}
+    ~Attempt() {
+        m_call.reset();
+        if (!m_isSafe)
+            ++endedUnsafeRequests;
+    }
+    Attempt(const Attempt&) = delete;
+    Attempt& operator=(const Attempt&) = delete;
+    void resume() { m_call->resume(); }
+
+private:
+    std::unique_ptr<TransportCall> m_call;
+    const bool m_isSafe;
+};
+
+} // namespace
 
 struct NetworkTask::Private {
     RetryPolicy policy;
     NetworkRequest request;
-    std::unique_ptr<TransportCall> call;
+    std::unique_ptr<Attempt> call;
     //! What the attempt that is to be repeated came to.
     NetworkReply failed;
     QTimer retryTimer;
@@ -57,6 +83,10 @@ Result<NetworkRequest> NetworkTask::prepareRequest(const QUrl& baseUrl, const QS
     return request;
 }
 
+quint64 NetworkTask::unsafeRequestsEnded() {
+    return endedUnsafeRequests;
+}
+
 void NetworkTask::aboutToRetry(const NetworkReply&) {}
 
 void NetworkTask::start() {
@@ -74,8 +104,9 @@ void NetworkTask::start() {
 
 void NetworkTask::attempt() {
     ++d->attempts;
-    d->call =
-        Transport::ofThisThread().send(d->request, [this](const NetworkReply& reply) { onReply(reply); });
+    d->call = std::make_unique<Attempt>(
+        Transport::ofThisThread().send(d->request, [this](const NetworkReply& reply) { onReply(reply); }),
+        d->request.isSafe());
 }
 
 void NetworkTask::retry() {

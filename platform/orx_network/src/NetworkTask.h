@@ -23,6 +23,11 @@ public:
     //! Replaces the waits between attempts and, with them, maxAttempts(); for the attempts from now on.
     void setRetryPolicy(const RetryPolicy& policy);
 
+    //! How many attempts of requests that may change something at a server have ended in this process, in
+    //! whatever way: what was read by a request sent while the number was another one may be out of date.
+    //! Thread: any.
+    static quint64 unsafeRequestsEnded();
+
 protected:
     //! Called once per run; the request that all attempts send.
     virtual Result<NetworkRequest> prepareRequest(const QUrl& baseUrl) const = 0;

@@ -1,0 +1,283 @@
+#include "HalvaneConnectionUtils.h"
+#include "HalvaneError.h"
+#include "HalvaneItemTasks.h"
+#include "HalvaneListingStore.h"
+#include "HalvaneTaskFixture.h"
+
+#include <RealServer.h>
+
+#include <QCoreApplication>
+
+using namespace orx;
+using namespace orx::testing;
+
+namespace {
+
+class ListingsTest : public HalvaneTaskFixture {
+protected:
+    void SetUp() override {
+        HalvaneTaskFixture::SetUp();
+        HalvaneListingStore::instance().clear();
+    }
+
+    static QStringList names(const QList<HalvaneFileItemSPtr>& files) {
+        QStringList all;
+        for (const auto& file : files)
+            all.append(file->name());
+        return all;
+    }
+    QStringList list(int folder) {
+        HalvaneGetFilesTask task(folder);
+        EXPECT_TRUE(succeeded(run(task)));
+        return names(task.files());
+    }
+    int addFolder() { return m_server.service().addFolder(QStringLiteral("raw")); }
+    int addFile(const char* name, int folder) {
+        return m_server.service().addFile(QString::fromLatin1(name), "1", folder);
+    }
+    //! A listing that is held at the server.
+    std::unique_ptr<HalvaneGetFilesTask> heldListing(int folder) {
+        m_server.script(QStringLiteral("GET /folders/%1/files").arg(folder), ScriptedFault::hold());
+        auto task = std::make_unique<HalvaneGetFilesTask>(folder);
+        task->setMaxAttempts(1);
+        task->exec();
+        EXPECT_EQ(m_server.heldCount(), 1);
+        return task;
+    }
+    int calls() const { return m_server.count(QStringLiteral("GET /folders/*")); }
+};
+
+using ListingPtr = std::shared_ptr<const HalvaneListing>;
+
+ListingPtr listingOf(int items, const QByteArray& tag = "\"1\"") {
+    auto listing = std::make_shared<HalvaneListing>();
+    listing->tag = tag;
+    for (int i = 0; i < items; ++i) {
+        auto item = HalvaneFileItemSPtr::create();
+        item->setId(i + 1);
+        item->setName(QString::number(i));
+        listing->files.append(item);
+    }
+    return listing;
+}
+
+} // namespace
+
+TEST_F(ListingsTest, AnUnchangedFolderIsConfirmedAndNotSentAgain) {
+    const int folder = addFolder();
+    addFile("a", folder);
+    HalvaneGetFilesTask first(folder);
+    ASSERT_TRUE(succeeded(run(first)));
+    HalvaneGetFilesTask second(folder);
+    ASSERT_TRUE(succeeded(run(second)));
+    EXPECT_EQ(names(second.files()), QStringList{QStringLiteral("a")});
+    EXPECT_EQ(first.files().constData(), second.files().constData()) << "one list in memory";
+    const auto requests = m_server.requests();
+    ASSERT_EQ(requests.size(), 2) << "every run asks";
+    EXPECT_TRUE(requests[0].header("If-None-Match").isEmpty());
+    EXPECT_FALSE(requests[1].header("If-None-Match").isEmpty());
+}
+
+TEST_F(ListingsTest, AChangedFolderIsReadAfresh) {
+    const int folder = addFolder();
+    const int file = addFile("a", folder);
+    EXPECT_EQ(list(folder).size(), 1);
+    addFile("b", folder);
+    EXPECT_EQ(list(folder).size(), 2);
+    m_server.service().addVersion(file, "newer");
+    HalvaneGetFilesTask task(folder);
+    ASSERT_TRUE(succeeded(run(task)));
+    EXPECT_EQ(task.files().front()->lastVersion(), 2);
+}
+
+TEST_F(ListingsTest, FoldersAreKeptLikeFilesAndNotInTheirPlace) {
+    const int folder = addFolder();
+    addFile("a", folder);
+    m_server.service().addFolder(QStringLiteral("below"), folder);
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(list(folder), QStringList{QStringLiteral("a")});
+        HalvaneGetFoldersTask folders(folder);
+        ASSERT_TRUE(succeeded(run(folders)));
+        ASSERT_EQ(folders.foldersTree().size(), 1);
+        EXPECT_EQ(folders.foldersTree().front()->name(), QStringLiteral("below"));
+    }
+    EXPECT_FALSE(m_server.requests().back().header("If-None-Match").isEmpty());
+}
+
+TEST_F(ListingsTest, WhatOneLoginWasShownIsNotShownToAnother) {
+    const int folder = addFolder();
+    addFile("a", folder);
+    EXPECT_EQ(list(folder).size(), 1);
+    HalvaneConnection::instance().setCredentials(QStringLiteral("ben"), "another token");
+    HalvaneGetFilesTask task(folder);
+    EXPECT_TRUE(isHalvaneError(run(task), HalvaneServerErrorCode::NotAuthenticated));
+    EXPECT_TRUE(m_server.requests().back().header("If-None-Match").isEmpty());
+    EXPECT_TRUE(task.files().isEmpty());
+}
+
+TEST_F(ListingsTest, AConfirmationOfNothingIsNoReply) {
+    m_server.script(QStringLiteral("*"), ScriptedFault::raw(304, {}));
+    HalvaneGetFilesTask task(1);
+    EXPECT_TRUE(isNetworkError(run(task), NetworkErrorCode::HttpStatus));
+}
+
+TEST_F(ListingsTest, AFailedListingIsNotKept) {
+    m_server.script(QStringLiteral("*"),
+                    {ScriptedFault::Kind::Reply, {200, {{"ETag", "\"bad\""}}, "{\"status\": \"success\"}"}});
+    HalvaneGetFilesTask task(1);
+    EXPECT_TRUE(isNetworkError(run(task), NetworkErrorCode::InvalidReply));
+    EXPECT_TRUE(list(1).isEmpty());
+    EXPECT_TRUE(m_server.requests().back().header("If-None-Match").isEmpty());
+}
+
+TEST_F(ListingsTest, CallsOnTheirWayAreShared) {
+    const int folder = addFolder();
+    addFile("a", folder);
+    const auto first = heldListing(folder);
+    std::vector<std::unique_ptr<HalvaneGetFilesTask>> others;
+    for (int i = 0; i < 10; ++i) {
+        others.push_back(std::make_unique<HalvaneGetFilesTask>(folder));
+        others.back()->exec();
+    }
+    HalvaneGetFoldersTask another(folder);
+    EXPECT_TRUE(succeeded(run(another))) << "another call does not wait";
+    EXPECT_EQ(calls(), 2);
+    m_server.release();
+    for (const auto& task : others) {
+        ASSERT_TRUE(succeeded(task->waitForFinished()));
+        EXPECT_EQ(names(task->files()), QStringList{QStringLiteral("a")});
+    }
+    EXPECT_TRUE(first->isFinished());
+    EXPECT_EQ(calls(), 2);
+}
+
+TEST_F(ListingsTest, ACallIsNotSharedWhenSomethingMayHaveChangedSince) {
+    const int folder = addFolder();
+    const auto first = heldListing(folder);
+    HalvaneCreateFolderTask::Input input;
+    input.name = QStringLiteral("new");
+    input.parentId = folder;
+    HalvaneCreateFolderTask create(input);
+    ASSERT_TRUE(succeeded(run(create)));
+    addFile("a", folder);
+    EXPECT_EQ(list(folder), QStringList{QStringLiteral("a")}) << "while the older call is still on its way";
+    m_server.release();
+    ASSERT_TRUE(succeeded(first->waitForFinished()));
+    EXPECT_TRUE(first->files().isEmpty());
+}
+
+TEST_F(ListingsTest, ARequestThatFailedMayHaveChangedSomethingToo) {
+    const int folder = addFolder();
+    const auto first = heldListing(folder);
+    m_server.script(QStringLiteral("POST /folders"), ScriptedFault::replyLost());
+    HalvaneCreateFolderTask::Input input;
+    input.name = QStringLiteral("new");
+    HalvaneCreateFolderTask create(input);
+    EXPECT_TRUE(run(create).hasError());
+    EXPECT_TRUE(list(folder).isEmpty());
+    EXPECT_EQ(calls(), 2);
+    m_server.release();
+    EXPECT_TRUE(succeeded(first->waitForFinished()));
+}
+
+TEST_F(ListingsTest, WhoWaitsForACancelledOrDestroyedCallMakesItAfterAll) {
+    const int folder = addFolder();
+    addFile("a", folder);
+    for (const bool destroy : {false, true}) {
+        m_server.clearLog();
+        auto first = heldListing(folder);
+        HalvaneGetFilesTask second(folder);
+        HalvaneGetFilesTask third(folder);
+        second.exec();
+        third.exec();
+        if (destroy)
+            first.reset();
+        else
+            first->cancel();
+        ASSERT_TRUE(succeeded(second.waitForFinished()));
+        ASSERT_TRUE(succeeded(third.waitForFinished()));
+        EXPECT_EQ(third.files().size(), 1);
+        EXPECT_EQ(calls(), 2) << "the third waits for the second";
+    }
+}
+
+TEST_F(ListingsTest, TheFailureOfACallIsThatOfAllWhoWait) {
+    const auto first = heldListing(999);
+    HalvaneGetFilesTask second(999);
+    second.exec();
+    m_server.release();
+    EXPECT_TRUE(isHalvaneError(second.waitForFinished(), HalvaneServerErrorCode::NotFound));
+    EXPECT_TRUE(isHalvaneError(first->error(), HalvaneServerErrorCode::NotFound));
+    EXPECT_EQ(calls(), 1);
+}
+
+TEST_F(ListingsTest, WhoWaitsMayBeCancelledOrDestroyed) {
+    const int folder = addFolder();
+    const auto first = heldListing(folder);
+    HalvaneGetFilesTask second(folder);
+    auto third = std::make_unique<HalvaneGetFilesTask>(folder);
+    second.exec();
+    third->exec();
+    second.cancel();
+    EXPECT_TRUE(second.isFinished());
+    third.reset();
+    m_server.release();
+    EXPECT_TRUE(succeeded(first->waitForFinished()));
+    QCoreApplication::processEvents();
+    EXPECT_TRUE(second.error().isCanceled());
+}
+
+TEST_F(ListingsTest, AFileIsFoundByItsNameInAKeptAndInAnyList) {
+    const int folder = addFolder();
+    addFile("a", folder);
+    const int last = addFile("a", folder);
+    const int upper = addFile("A", folder);
+    HalvaneGetFilesTask task(folder);
+    ASSERT_TRUE(succeeded(run(task)));
+    QList<HalvaneFileItemSPtr> another = task.files();
+    another.append(another.front());
+    for (const auto& files : {task.files(), another}) {
+        EXPECT_EQ(HalvaneConnectionUtils::findFileIdInFiles(QStringLiteral("a"), files), last);
+        EXPECT_EQ(HalvaneConnectionUtils::findFileIdInFiles(QStringLiteral("A"), files), upper);
+        EXPECT_EQ(HalvaneConnectionUtils::findFileIdInFiles(QStringLiteral("b"), files), -1);
+    }
+    EXPECT_TRUE(HalvaneListingStore::instance().holding(task.files()));
+    EXPECT_FALSE(HalvaneListingStore::instance().holding(another));
+    EXPECT_EQ(HalvaneConnectionUtils::findFileIdInFiles(QStringLiteral("a"), {}), -1);
+}
+
+// The store
+
+TEST(ListingStore, ForgetsWhatWasNotUsedForLongest) {
+    HalvaneListingStore store(10, 3);
+    store.keep("a", listingOf(1));
+    store.keep("b", listingOf(1));
+    store.keep("c", listingOf(1));
+    EXPECT_TRUE(store.find("a"));
+    store.keep("d", listingOf(1));
+    EXPECT_FALSE(store.find("b"));
+    EXPECT_TRUE(store.find("a"));
+    store.keep("e", listingOf(9));
+    EXPECT_TRUE(store.find("e"));
+    EXPECT_TRUE(store.find("a"));
+    EXPECT_FALSE(store.find("c"));
+    EXPECT_FALSE(store.find("d"));
+}
+
+TEST(ListingStore, KeepsTheLastOfEachKeyAndNothingThatCannotBeConfirmed) {
+    HalvaneListingStore store(10, 3);
+    const ListingPtr old = listingOf(5);
+    store.keep("a", old);
+    store.keep("a", listingOf(6, "\"2\""));
+    EXPECT_EQ(store.find("a")->tag, "\"2\"");
+    EXPECT_FALSE(store.holding(old->files));
+    EXPECT_TRUE(store.holding(store.find("a")->files));
+    store.keep("b", listingOf(1, QByteArray()));
+    EXPECT_FALSE(store.find("b"));
+    store.keep("a", listingOf(11));
+    EXPECT_FALSE(store.find("a")) << "too large, and what it replaces is out of date";
+    store.keep("c", listingOf(0));
+    EXPECT_TRUE(store.find("c"));
+    store.clear();
+    EXPECT_FALSE(store.find("c"));
+}
