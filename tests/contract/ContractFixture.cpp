@@ -138,6 +138,23 @@ int ContractTest::makeFolder(const QString& name, int parent) const {
         .toInt();
 }
 
+void ContractTest::becomeReaderOf(int folder) const {
+    if (m_scripted) {
+        m_scripted->service().restrictTo(folder);
+        return;
+    }
+    const QString group = QStringLiteral("readers");
+    const QString user = QStringLiteral("ben");
+    const QString secret = QStringLiteral("the password");
+    m_real->admin({QStringLiteral("group"), QStringLiteral("add"), QStringLiteral("--name"), group});
+    m_real->admin({QStringLiteral("user"), QStringLiteral("add"), QStringLiteral("--name"), user,
+                   QStringLiteral("--group"), group, QStringLiteral("--password-stdin")},
+                  secret.toUtf8() + '\n');
+    m_real->admin({QStringLiteral("grant"), QStringLiteral("--folder"), QString::number(folder),
+                   QStringLiteral("--group"), group, QStringLiteral("--privileges"), QStringLiteral("1")});
+    EXPECT_TRUE(m_client->login(user, secret));
+}
+
 std::string backendName(const ::testing::TestParamInfo<Backend>& info) {
     return info.param == Backend::Scripted ? "Scripted" : "Real";
 }

@@ -56,6 +56,8 @@ protected:
     int makeFile(const QString& name, const QByteArray& content, int folder = Root) const;
     int addVersion(int fileId, const QByteArray& content) const;
     int makeFolder(const QString& name, int parent = Root) const;
+    //! From now on the client is somebody who may read this folder and what is below it, and nothing else.
+    void becomeReaderOf(int folder) const;
 
 private:
     std::unique_ptr<RealServer> m_real;
