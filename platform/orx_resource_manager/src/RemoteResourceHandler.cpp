@@ -1,10 +1,146 @@
 #include "RemoteResourceHandler.h"
 
+#include "ResourceCache.h"
+
+#include <ComplexTask.h>
+
+#include <QCoreApplication>
+#include <QFileInfo>
+
 namespace orx {
 
+namespace {
+
+QString translated(const char* text) {
+    return QCoreApplication::translate("orx::RemoteResourceHandler", text);
+}
+
+//! Brings the entry into the cache and holds on to it before anybody is told that it is there.
+class RetrievalTask final : public ComplexTask {
+public:
+    RetrievalTask(std::unique_ptr<Task> fill, std::function<Error()> hold)
+        : ComplexTask(fill->name()), m_fill(std::move(fill)), m_hold(std::move(hold)) {
+        connect(m_fill.get(), &BaseTask::progressInitiated, this, &BaseTask::progressInitiated);
+        connect(m_fill.get(), &BaseTask::progress, this, &BaseTask::progress);
+    }
+    ~RetrievalTask() override { stopBody(); }
+
+protected:
+    Error initialize() override {
+        execSubtask(std::unique_ptr<BaseTask>(std::move(m_fill)), [this](BaseTask*) {
+            if (Error error = m_hold(); error.hasError())
+                finish(ORX_ECATCH(error));
+        });
+        return Error();
+    }
+
+private:
+    std::unique_ptr<Task> m_fill;
+    std::function<Error()> m_hold;
+};
+
+//! Ends at once with an error.
+class RefusedTask final : public Task {
+public:
+    explicit RefusedTask(const Error& error) : Task(QStringLiteral("Retrieve")), m_refusal(error) {}
+
+protected:
+    Error initialize() override { return m_refusal; }
+
+private:
+    Error m_refusal;
+};
+
+//! What the path says of its kind and what lies there must not contradict each other.
+Error checkKind(const Path& path) {
+    const QFileInfo info(path.toString());
+    if (path.type() == PathType::File && info.isDir())
+        return Error(ErrorCode::InvalidArgument,
+                     translated("\"%1\" is a directory, not a file.").arg(path.toString()));
+    if (path.type() == PathType::Dir && info.isFile())
+        return Error(ErrorCode::InvalidArgument,
+                     translated("\"%1\" is a file, not a directory.").arg(path.toString()));
+    return Error();
+}
+
+} // namespace
+
+struct RemoteResourceHandler::Private {
+    //! Keeps the entry from being pruned.
+    std::optional<ResourceCacheLease> lease;
+};
+
 RemoteResourceHandler::RemoteResourceHandler(const ResourceReferenceSPtr& reference, ResourceCache* cache)
-    : ResourceHandler(reference, cache) {}
+    : ResourceHandler(reference, cache), d(std::make_unique<Private>()) {}
 
 RemoteResourceHandler::~RemoteResourceHandler() = default;
+
+Error RemoteResourceHandler::checkCache() const {
+    if (cache())
+        return Error();
+    return Error(
+        ErrorCode::NotFound,
+        translated("There is no cache that \"%1\" could be kept in.").arg(reference()->displayText()));
+}
+
+Result<ResourceCleanupPolicy> RemoteResourceHandler::cleanupPolicy() const {
+    ORX_RETURN_ON_ERROR(checkCache());
+    return ORX_ECATCH(cache()->cleanupPolicy(subCachePath()));
+}
+
+Error RemoteResourceHandler::setCleanupPolicy(ResourceCleanupPolicy policy) {
+    ORX_RETURN_ON_ERROR(checkCache());
+    return ORX_ECATCH(cache()->setCleanupPolicy(subCachePath(), policy));
+}
+
+bool RemoteResourceHandler::isAvailableLocally() const {
+    return cache() && cache()->contains(subCachePath());
+}
+
+Result<Path> RemoteResourceHandler::localPath() const {
+    ORX_RETURN_ON_ERROR(checkCache());
+    return ORX_ECATCH(cache()->expectedPath(subCachePath()));
+}
+
+Error RemoteResourceHandler::addToCache(const Path& localPath) {
+    ORX_RETURN_ON_ERROR(checkCache());
+    ORX_RETURN_ON_ERROR(checkKind(localPath));
+    return ORX_ECATCH(cache()->add(reference(), subCachePath(), localPath));
+}
+
+Error RemoteResourceHandler::addToCache(const Writer& writer) {
+    ORX_RETURN_ON_ERROR(checkCache());
+    return ORX_ECATCH(cache()->add(reference(), subCachePath(), writer));
+}
+
+Error RemoteResourceHandler::hold(const QString& subPath) {
+    auto lease = cache()->lease(subPath);
+    if (!lease)
+        return Error(ErrorCode::NotFound,
+                     translated("\"%1\" is not in the cache, or what is there is damaged.")
+                         .arg(reference()->displayText()));
+    d->lease = std::move(lease);
+    return Error();
+}
+
+std::optional<std::unique_ptr<Task>> RemoteResourceHandler::retrieveTask() {
+    if (Error error = checkCache(); error.hasError())
+        return std::make_unique<RefusedTask>(ORX_ECATCH(error));
+    const QString subPath = subCachePath();
+    const bool refresh = retrieveMode() == RetrieveMode::Refresh;
+    if (!refresh) {
+        Error error = hold(subPath);
+        if (!error.hasError())
+            return std::nullopt;
+        if (retrieveMode() == RetrieveMode::CacheOnly)
+            return std::make_unique<RefusedTask>(ORX_ECATCH(error));
+    }
+    // The task asks this handler again when it runs, and tells it what to hold.
+    const auto self = sharedFromThis();
+    auto fill = cache()->fillTask(
+        reference(), subPath, [this, self](const DirPath& targetDir) { return retrieveTask(targetDir); },
+        refresh);
+    return std::make_unique<RetrievalTask>(std::move(fill), [this, self, subPath] { return hold(subPath); });
+}
 
 } // namespace orx

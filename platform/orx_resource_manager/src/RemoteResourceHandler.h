@@ -13,17 +13,41 @@ public:
     using Writer = std::function<Error()>;
 
     ~RemoteResourceHandler() override;
-    //! Makes a copy of the file or directory \a localPath the cached content.
-    virtual Error addToCache(const PathImpl<PathType::Unknown>& localPath) = 0;
+    //! Of the entry; Automatic when there is none. ErrorCode::NotFound without a cache.
+    Result<ResourceCleanupPolicy> cleanupPolicy() const override;
+    //! ErrorCode::NotFound when there is no entry.
+    Error setCleanupPolicy(ResourceCleanupPolicy policy) override;
+    bool isAvailableLocally() const override;
+
+    //! Makes a copy of the file or directory \a localPath the cached content. The source is opened before the
+    //! call returns, so that it may be removed afterwards; a worker copies. The entry appears when it is
+    //! complete and equals what the server acknowledged; a later failure is logged and leaves no entry.
+    //! ResourceCache::waitForPending() waits for it. ErrorCode::InvalidArgument when a path of known kind
+    //! names something of the other kind.
+    Error addToCache(const PathImpl<PathType::Unknown>& localPath);
+    //! The same for content that \a writer makes; it runs before the call returns, and its error is returned.
+    Error addToCache(const Writer& writer);
 
 protected:
     RemoteResourceHandler(const QSharedPointer<ResourceReference>& reference, ResourceCache* cache);
 
     using ResourceHandler::retrieveTask;
+    //! Fetches into the cache, unless the mode and the cache say that nothing needs to be fetched.
+    std::optional<std::unique_ptr<Task>> retrieveTask() override;
+    //! ResourceCache::expectedPath() of subCachePath(); ErrorCode::NotFound without a cache.
+    Result<PathImpl<PathType::Unknown>> localPath() const override;
     //! Brings the resource into \a targetDir, under the last component of subCachePath().
     virtual std::unique_ptr<Task> retrieveTask(const PathImpl<PathType::Dir>& targetDir) = 0;
     //! Names the resource's place below the cache's content root; components joined with "/".
     virtual QString subCachePath() const = 0;
+
+private:
+    Error checkCache() const;
+    //! Keeps the entry until the handler goes; ErrorCode::NotFound when there is no valid one.
+    Error hold(const QString& subPath);
+
+    struct Private;
+    std::unique_ptr<Private> d;
 };
 
 } // namespace orx

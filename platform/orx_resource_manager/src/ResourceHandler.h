@@ -7,6 +7,8 @@
 #include <PathImpl.h>
 #include <Task.h>
 
+#include <QSharedPointer>
+
 #include <optional>
 
 namespace orx {
@@ -21,9 +23,9 @@ public:
     virtual bool mayFetch(const ResourceReference& reference) = 0;
 };
 
-//! Answers for one reference. Held by QSharedPointer. Thread: that of its maker. The calls named "blocking"
-//! process events of the thread while they wait; the others never wait.
-class ORX_RESOURCE_MANAGER_EXPORT ResourceHandler {
+//! Answers for one reference. Held by QSharedPointer; retrievals keep their handler alive. Thread: that of
+//! its maker. The calls named "blocking" process events of the thread while they wait; the others never wait.
+class ORX_RESOURCE_MANAGER_EXPORT ResourceHandler : public QEnableSharedFromThis<ResourceHandler> {
 public:
     //! The values are fixed.
     enum class RetrieveMode : int {

@@ -25,42 +25,39 @@ void keepErrors(QtMsgType type, const QMessageLogContext& context, const QString
     }
 }
 
-//! What uploads ask of no handler.
-template <typename Base>
-class ProbedHandler : public Base {
-public:
-    ProbedHandler(const ResourceReferenceSPtr& reference, ResourceCache* cache) : Base(reference, cache) {}
-    Result<ResourceCleanupPolicy> cleanupPolicy() const override { return ResourceCleanupPolicy::Automatic; }
-    Error setCleanupPolicy(ResourceCleanupPolicy) override { return Error(); }
-    bool isAvailableLocally() const override { return false; }
-
-protected:
-    std::unique_ptr<Task> existsTask() const override { return nullptr; }
-    std::unique_ptr<Task> retrieveMetadataTask() const override { return nullptr; }
-    using Base::retrieveTask;
-    std::optional<std::unique_ptr<Task>> retrieveTask() override { return std::nullopt; }
-    Result<Path> localPath() const override { return Path(QStringLiteral("/nowhere")); }
-};
-
-class ProbedRemoteHandler : public ProbedHandler<RemoteResourceHandler> {
+class ProbedRemoteHandler : public RemoteResourceHandler {
 public:
     ProbedRemoteHandler(const ResourceReferenceSPtr& reference, ResourceCache* cache, CacheProbe* probe)
-        : ProbedHandler(reference, cache), m_probe(probe) {}
-    Error addToCache(const Path& localPath) override {
-        m_probe->cached.append(localPath);
-        return m_probe->answer;
-    }
+        : RemoteResourceHandler(reference, cache), m_probe(probe) {}
 
 protected:
-    using ProbedHandler::retrieveTask;
+    using RemoteResourceHandler::retrieveTask;
+    std::unique_ptr<Task> existsTask() const override { return nullptr; }
+    std::unique_ptr<Task> retrieveMetadataTask() const override { return nullptr; }
     std::unique_ptr<Task> retrieveTask(const DirPath&) override { return nullptr; }
-    QString subCachePath() const override { return QStringLiteral("nowhere"); }
+    QString subCachePath() const override {
+        ++m_probe->placesAsked;
+        return m_probe->subPath;
+    }
 
 private:
     CacheProbe* m_probe;
 };
 
-using OtherHandler = ProbedHandler<ResourceHandler>;
+//! Of a resource that is not kept in a cache.
+class OtherHandler : public ResourceHandler {
+public:
+    explicit OtherHandler(const ResourceReferenceSPtr& reference) : ResourceHandler(reference, nullptr) {}
+    Result<ResourceCleanupPolicy> cleanupPolicy() const override { return ResourceCleanupPolicy::Keep; }
+    Error setCleanupPolicy(ResourceCleanupPolicy) override { return Error(); }
+    bool isAvailableLocally() const override { return true; }
+
+protected:
+    std::unique_ptr<Task> existsTask() const override { return nullptr; }
+    std::unique_ptr<Task> retrieveMetadataTask() const override { return nullptr; }
+    std::optional<std::unique_ptr<Task>> retrieveTask() override { return std::nullopt; }
+    Result<Path> localPath() const override { return Path(reference()->name()); }
+};
 
 } // namespace
 
@@ -124,19 +121,28 @@ CacheProbe::CacheProbe(Makes makes) {
     using HandlerResult = Result<QSharedPointer<ResourceHandler>>;
     ResourceHandlerFactory::registerResourceHandlerScheme(
         HalvaneResourceReference::schemeType,
-        [this, makes](const ResourceReferenceSPtr& reference, ResourceCache* cache) -> HandlerResult {
+        [this, makes](const ResourceReferenceSPtr& reference, ResourceCache*) -> HandlerResult {
             ++lookups;
             lookedUp = reference.dynamicCast<HalvaneResourceReference>()->toText();
             if (makes == Makes::Errors)
                 return Error(ErrorCode::General, QStringLiteral("no handler today"));
             if (makes == Makes::OtherHandlers)
-                return QSharedPointer<ResourceHandler>(new OtherHandler(reference, cache));
-            return QSharedPointer<ResourceHandler>(new ProbedRemoteHandler(reference, cache, this));
+                return QSharedPointer<ResourceHandler>(new OtherHandler(reference));
+            return QSharedPointer<ResourceHandler>(new ProbedRemoteHandler(reference, &m_cache, this));
         });
 }
 
 CacheProbe::~CacheProbe() {
     ResourceHandlerFactory::unregisterResourceHandlerScheme(HalvaneResourceReference::schemeType);
+}
+
+std::optional<QByteArray> CacheProbe::content() {
+    m_cache.waitForPending();
+    if (!m_cache.contains(subPath))
+        return std::nullopt;
+    QFile file(m_cache.expectedPath(subPath)->toString());
+    EXPECT_TRUE(file.open(QIODevice::ReadOnly));
+    return file.readAll();
 }
 
 QStringList descriptorsOf(const QString& path) {

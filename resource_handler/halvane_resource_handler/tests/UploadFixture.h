@@ -4,11 +4,13 @@
 #include <ScriptedHalvaneServer.h>
 #include <tasks/HalvaneFileUploadTask.h>
 
+#include <ResourceCache.h>
 #include <ResourceManager.h>
 
 #include <gtest/gtest.h>
 
 #include <QFile>
+#include <QTemporaryDir>
 #include <QTranslator>
 
 namespace orx::testing {
@@ -59,18 +61,28 @@ public:
     QString translate(const char* context, const char* text, const char*, int) const override;
 };
 
-//! The handlers of the Halvane scheme while the object lives, and what uploads do with them.
+//! The handlers of the Halvane scheme while the object lives, and the cache into which uploads put files by
+//! them.
 class CacheProbe {
 public:
     enum class Makes { RemoteHandlers, OtherHandlers, Errors };
     explicit CacheProbe(Makes makes = Makes::RemoteHandlers);
     ~CacheProbe();
 
+    //! The content of the entry, after waiting for it; none when there is no entry.
+    std::optional<QByteArray> content();
+    bool isEmpty() { return !content().has_value(); }
+
     int lookups = 0;
     QString lookedUp; //!< text of the last reference
-    QList<Path> cached;
-    //! What the handlers' addToCache answers.
-    Error answer;
+    //! Where the handlers put what is added; one that leaves the cache is refused.
+    QString subPath = QStringLiteral("server/file/run.mzML");
+    //! How often a handler asked for it, as it does when something is added.
+    int placesAsked = 0;
+
+private:
+    QTemporaryDir m_dir;
+    ResourceCache m_cache{m_dir.path()};
 };
 
 //! The descriptors under which this process has \a path open. What a subtask had open goes with its object,

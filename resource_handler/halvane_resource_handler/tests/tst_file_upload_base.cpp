@@ -114,34 +114,42 @@ TEST_F(FileUploadBase, AnEmptyRecordClearsTheUploadedFile) {
     EXPECT_FALSE(upload.uploadedFile().has_value());
 }
 
-TEST_F(FileUploadBase, TheUploadedFileIsCachedAsAPathOfAFile) {
+TEST_F(FileUploadBase, TheUploadedFileIsCached) {
     CacheProbe cache;
     pretendUploaded();
     EXPECT_FALSE(run(upload).hasError());
     EXPECT_EQ(cache.lookedUp, QStringLiteral("file:12@3"));
-    ASSERT_EQ(cache.cached.size(), 1);
-    EXPECT_EQ(cache.cached[0].toString(), path);
-    EXPECT_EQ(int(cache.cached[0].type()), 2);
+    EXPECT_EQ(cache.content(), "twelve bytes");
     EXPECT_TRUE(ErrorLog::lines().isEmpty());
+}
+
+TEST_F(FileUploadBase, WhatIsCachedIsGivenAsAPathOfAFile) {
+    CacheProbe cache;
+    pretendUploaded();
+    upload.setParameters(uploadOf(client.workDir()));
+    EXPECT_FALSE(run(upload).hasError());
+    EXPECT_TRUE(cache.isEmpty());
+    EXPECT_TRUE(
+        ErrorLog::mentions(QStringLiteral("\"%1\" is a directory, not a file.").arg(client.workDir())));
 }
 
 TEST_F(FileUploadBase, TheFileIsCachedBeforeFinishedIsEmitted) {
     CacheProbe cache;
     pretendUploaded();
-    qsizetype cachedAtTheEnd = -1;
-    QObject::connect(&upload, &BaseTask::finished, &upload, [&] { cachedAtTheEnd = cache.cached.size(); });
+    int askedAtTheEnd = -1;
+    QObject::connect(&upload, &BaseTask::finished, &upload, [&] { askedAtTheEnd = cache.placesAsked; });
     EXPECT_FALSE(run(upload).hasError());
-    EXPECT_EQ(cachedAtTheEnd, 1);
+    EXPECT_EQ(askedAtTheEnd, 1);
+    EXPECT_EQ(cache.placesAsked, 1);
 }
 
 TEST_F(FileUploadBase, TheCurrentLocalPathIsCached) {
     CacheProbe cache;
     pretendUploaded();
-    const QString other = makeFile(QStringLiteral("other.mzML"));
+    const QString other = makeFile(QStringLiteral("other.mzML"), "another content");
     upload.setParameters(uploadOf(other));
     EXPECT_FALSE(run(upload).hasError());
-    ASSERT_EQ(cache.cached.size(), 1);
-    EXPECT_EQ(cache.cached[0].toString(), other);
+    EXPECT_EQ(cache.content(), "another content");
 }
 
 TEST_F(FileUploadBase, WithoutCachingNoHandlerIsLookedUp) {
@@ -209,17 +217,18 @@ TEST_F(FileUploadBase, AHandlerThatIsNotRemoteIsNoFailureOfTheUpload) {
     CacheProbe cache(CacheProbe::Makes::OtherHandlers);
     pretendUploaded();
     EXPECT_FALSE(run(upload).hasError());
-    EXPECT_TRUE(cache.cached.isEmpty());
+    EXPECT_TRUE(cache.isEmpty());
     EXPECT_TRUE(ErrorLog::mentions(QStringLiteral("Invalid resource handler. | code 2 ")));
 }
 
 TEST_F(FileUploadBase, AHandlerThatCannotCacheIsNoFailureOfTheUpload) {
     CacheProbe cache;
-    cache.answer = Error(ErrorCode::StorageFull, QStringLiteral("no room for it"));
+    cache.subPath = QStringLiteral("../outside");
     pretendUploaded();
     EXPECT_FALSE(run(upload).hasError());
-    EXPECT_EQ(cache.cached.size(), 1);
-    EXPECT_TRUE(ErrorLog::mentions(QStringLiteral("no room for it")));
+    EXPECT_EQ(cache.placesAsked, 1);
+    EXPECT_TRUE(cache.isEmpty());
+    EXPECT_TRUE(ErrorLog::mentions(QStringLiteral("../outside")));
     EXPECT_TRUE(ErrorLog::mentions(QStringLiteral("HalvaneFileUploadTaskBase::doFinish")));
 }
 
@@ -230,7 +239,7 @@ TEST_F(FileUploadBase, ASubclassMayMakeTheCacheEntryInItsOwnWay) {
         HalvaneUploadedFileInfo(HalvaneApiReference{12, 3}, path, QStringLiteral("run.mzML")));
     EXPECT_FALSE(run(own).hasError());
     EXPECT_EQ(own.calls, 1);
-    EXPECT_TRUE(cache.cached.isEmpty());
+    EXPECT_TRUE(cache.isEmpty());
     EXPECT_TRUE(ErrorLog::mentions(QStringLiteral("the cache is full")));
 }
 
