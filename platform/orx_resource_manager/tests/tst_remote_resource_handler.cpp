@@ -210,6 +210,16 @@ TEST_F(RemoteResourceHandlerTest, WhatIsNotThereAnyMoreIsNotFetchedWhenOnlyTheCa
     EXPECT_EQ(elsewhere.fetched, 0);
 }
 
+TEST_F(RemoteResourceHandlerTest, WhatSomebodyElseFetchedMeanwhileIsNotFetchedAgain) {
+    const auto task = handlerOf()->retrieveAsync(Processing::RunByCaller, nullptr);
+    ASSERT_TRUE(task && *task);
+    fillEntry();
+    (*task)->exec();
+    EXPECT_FALSE((*task)->waitForFinished().hasError());
+    EXPECT_EQ(elsewhere.fetched, 0);
+    EXPECT_EQ(inUseWhenPruned(), 1);
+}
+
 TEST_F(RemoteResourceHandlerTest, AFailedFetchIsTheErrorAndLeavesNoEntry) {
     elsewhere.error = Error(ErrorDomain::Server, 4, QStringLiteral("gone"));
     const auto path = handlerOf()->retrieve();

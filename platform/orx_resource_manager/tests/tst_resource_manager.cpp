@@ -10,7 +10,10 @@ constexpr auto kScheme = ResourceReference::Scheme::Halvane;
 
 class ResourceManagerTest : public ::testing::Test {
 protected:
-    void TearDown() override { ResourceHandlerFactory::unregisterResourceHandlerScheme(kScheme); }
+    void TearDown() override {
+        ResourceHandlerFactory::unregisterResourceHandlerScheme(kScheme);
+        ResourceManager::setCache(nullptr);
+    }
 };
 
 ResourceHandlerFactory::Factory fakeFactory() {
@@ -44,6 +47,17 @@ TEST_F(ResourceManagerTest, GivesTheHandlerThatTheSchemeMakes) {
     ASSERT_TRUE(handler) << qPrintable(handler.errorMessage());
     EXPECT_EQ((*handler)->reference(), reference);
     EXPECT_EQ(handler->staticCast<SampleHandler>()->cache(), nullptr);
+}
+
+TEST_F(ResourceManagerTest, NewHandlersGetTheCacheOfTheManager) {
+    ResourceHandlerFactory::registerResourceHandlerScheme(kScheme, fakeFactory());
+    EXPECT_EQ(ResourceManager::cache(), nullptr);
+    ResourceCache cache(QStringLiteral("/nowhere")); // not used, so that nothing is made there
+    ResourceManager::setCache(&cache);
+    EXPECT_EQ(ResourceManager::cache(), &cache);
+    const auto handler = ResourceManager::getHandler(sampleReference());
+    ASSERT_TRUE(handler) << qPrintable(handler.errorMessage());
+    EXPECT_EQ(handler->staticCast<SampleHandler>()->cache(), &cache);
 }
 
 TEST_F(ResourceManagerTest, ALaterRegistrationReplacesTheEarlier) {
