@@ -1,5 +1,6 @@
 #include "ContentHash.h"
 
+#include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <xxhash.h>
 
@@ -9,6 +10,10 @@
 #include <new>
 
 namespace orx {
+
+// OpenSSL ends in the reverse order of its beginning: begun here, before main, it outlives the threads that
+// hash until the process ends.
+[[maybe_unused]] static const int cryptoBegun = OPENSSL_init_crypto(0, nullptr);
 
 // Only a lack of memory makes these calls of OpenSSL fail, which is no state to go on in.
 static void require(bool done) {

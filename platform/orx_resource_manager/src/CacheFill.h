@@ -28,6 +28,10 @@ public:
     //! \a sha256: of the file, by who wrote it; empty when it is to be taken here. \a expected as in
     //! CacheStore::compare(). The entry is durable, visible and leased after that, and the limits are kept.
     Error finish(const QByteArray& sha256, const QString& expected, const ResourceCache::Limits& limits);
+    //! Lets another fill of the entry begin, whatever became of this one.
+    void releaseFill() { m_fill.reset(); }
+    //! Lets the entry go, which finish() or begin() leased.
+    void releaseEntry() { m_lease.reset(); }
     //! Thread: any. Makes finish() end early with ErrorCode::Canceled.
     void cancel() { m_isCanceled = true; }
 

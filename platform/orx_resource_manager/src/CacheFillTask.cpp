@@ -30,6 +30,9 @@ CacheFillTask::CacheFillTask(std::shared_ptr<CacheFill> fill, Fetch fetch, std::
 
 CacheFillTask::~CacheFillTask() {
     m_fill->cancel();
+    // Of a running one a worker may use it; then it goes with the worker's job.
+    if (!isRunning())
+        m_fill->releaseEntry();
 }
 
 Error CacheFillTask::initialize() {
@@ -40,6 +43,12 @@ Error CacheFillTask::initialize() {
 void CacheFillTask::doCancel() {
     m_fill->cancel();
     ComplexTask::doCancel();
+}
+
+//! No step runs any more.
+Error CacheFillTask::doFinish() {
+    m_fill->releaseFill();
+    return ComplexTask::doFinish();
 }
 
 void CacheFillTask::begin() {

@@ -24,6 +24,7 @@ public:
 protected:
     Error initialize() override;
     void doCancel() override;
+    Error doFinish() override;
 
 private:
     void begin();

@@ -1,0 +1,111 @@
+#pragma once
+
+#include "ResourceCache.h"
+#include "ResourceProbes.h"
+
+#include <ContentHash.h>
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QPointer>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace orx::testing {
+
+inline bool writeFile(const QString& path, const QByteArray& content) {
+    QDir().mkpath(QFileInfo(path).path());
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly) && file.write(content) == content.size();
+}
+
+inline QByteArray readFile(const QString& path) {
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+inline QString sha256(const QByteArray& content) {
+    ContentHash hash;
+    hash.add(content.constData(), content.size());
+    return QString::fromLatin1(hash.hexDigest());
+}
+
+//! Brings a file under \a name by a worker, as downloads do.
+inline auto fetchOf(const QString& name, const QByteArray& content) {
+    return [name, content](const DirPath& directory) -> std::unique_ptr<Task> {
+        return std::make_unique<probes::BodyTask>(
+            [path = directory.child(name), content](probes::BodyTask*) {
+                return writeFile(path, content) ? Error() : Error(ErrorCode::General, path);
+            },
+            Task::ExecutionMode::Worker);
+    };
+}
+
+inline auto noFetch() {
+    return [](const DirPath&) -> std::unique_ptr<Task> {
+        ADD_FAILURE() << "fetched without need";
+        return nullptr;
+    };
+}
+
+//! A fetch that goes on until the test ends it.
+class OpenFetch : public Task {
+public:
+    OpenFetch() : Task(QStringLiteral("open fetch")) {}
+
+protected:
+    void start() override {}
+    void doCancel() override { finish(Error()); }
+};
+
+//! Processes events until \a done.
+template <typename Done>
+void processUntil(Done done) {
+    while (!done())
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents | QEventLoop::AllEvents);
+}
+
+class CacheFixture : public ::testing::Test {
+protected:
+    QString path(const QString& name) const { return m_dir.filePath(name); }
+    QString root() const { return path(QStringLiteral("cache")); }
+    QString placeOf(const QString& subPath) const { return root() + QStringLiteral("/content/") + subPath; }
+    QString database() const { return root() + QStringLiteral("/state/cache.sqlite"); }
+    QStringList staged() const {
+        return QDir(root() + QStringLiteral("/state/staging"))
+            .entryList(QDir::AllEntries | QDir::NoDotAndDotDot);
+    }
+
+    std::unique_ptr<Task> fillTask(const QString& subPath, const QByteArray& content, bool replace = false) {
+        return cache.fillTask(nullptr, subPath, fetchOf(subPath.section(u'/', -1), content), replace);
+    }
+    Error fill(const QString& subPath, const QByteArray& content, bool replace = false) {
+        const auto task = fillTask(subPath, content, replace);
+        task->exec();
+        return task->waitForFinished();
+    }
+    QStringList subPaths() const {
+        QStringList names;
+        const auto entries = cache.entries();
+        EXPECT_TRUE(entries) << entries.errorMessage().toStdString();
+        if (entries)
+            for (const ResourceCacheEntry& entry : *entries)
+                names << entry.subPath;
+        return names;
+    }
+
+private:
+    QTemporaryDir m_dir;
+
+protected:
+    ResourceCache cache{root()};
+};
+
+} // namespace orx::testing

@@ -1,0 +1,273 @@
+#include "CacheFixture.h"
+
+#include <csignal>
+#include <sys/resource.h>
+
+using namespace orx;
+
+namespace {
+
+const QString kEntry = QStringLiteral("server/run1.mzML");
+
+class CacheFillTest : public orx::testing::CacheFixture {
+protected:
+    //! A fill whose fetch runs until the test finishes it; returns when it runs.
+    struct OpenFill {
+        std::unique_ptr<Task> task;
+        QPointer<orx::testing::OpenFetch> fetch;
+        QString directory;
+    };
+    void open(OpenFill& fill, const QString& subPath) {
+        fill.task = cache.fillTask(
+            nullptr, subPath,
+            [&fill](const DirPath& directory) -> std::unique_ptr<Task> {
+                auto fetch = std::make_unique<orx::testing::OpenFetch>();
+                fill.fetch = fetch.get();
+                fill.directory = directory.toString();
+                return fetch;
+            },
+            false);
+        fill.task->exec();
+        orx::testing::processUntil([&fill] { return fill.fetch && fill.fetch->isRunning(); });
+    }
+};
+
+} // namespace
+
+TEST_F(CacheFillTest, AValidEntryIsNotFetchedAgain) {
+    ASSERT_FALSE(fill(kEntry, "content").hasError());
+    const auto task = cache.fillTask(nullptr, kEntry, orx::testing::noFetch(), false);
+    task->exec();
+    EXPECT_FALSE(task->waitForFinished().hasError());
+}
+
+TEST_F(CacheFillTest, ReplacingFetchesAnew) {
+    ASSERT_FALSE(fill(kEntry, "old").hasError());
+    ASSERT_FALSE(fill(kEntry, "newer", true).hasError());
+    EXPECT_EQ(orx::testing::readFile(placeOf(kEntry)), "newer");
+    EXPECT_TRUE(cache.contains(kEntry));
+    EXPECT_EQ(cache.entries()->first().sha256, orx::testing::sha256("newer"));
+}
+
+TEST_F(CacheFillTest, AFailedFetchLeavesWhatWasThere) {
+    ASSERT_FALSE(fill(kEntry, "old").hasError());
+    const auto task = cache.fillTask(
+        nullptr, kEntry,
+        [](const DirPath&) { return probes::taskWith(QVariant(), Error(ErrorCode::Busy, u"no"_qs)); }, true);
+    task->exec();
+    EXPECT_TRUE(task->waitForFinished().is(ErrorCode::Busy));
+    EXPECT_TRUE(cache.contains(kEntry));
+    EXPECT_EQ(orx::testing::readFile(placeOf(kEntry)), "old");
+}
+
+TEST_F(CacheFillTest, AFetchThatBringsNothingIsAnError) {
+    const auto task = cache.fillTask(
+        nullptr, kEntry, [](const DirPath&) { return probes::taskWith(QVariant()); }, false);
+    task->exec();
+    EXPECT_TRUE(task->waitForFinished().is(ErrorCode::NotFound));
+    EXPECT_FALSE(cache.contains(kEntry));
+}
+
+TEST_F(CacheFillTest, ALinkThatWasFetchedIsRefused) {
+    const auto task = cache.fillTask(
+        nullptr, kEntry,
+        [](const DirPath& directory) {
+            EXPECT_TRUE(QFile::link(QStringLiteral("/etc/passwd"), directory.child(u"run1.mzML"_qs)));
+            return probes::taskWith(QVariant());
+        },
+        false);
+    task->exec();
+    EXPECT_TRUE(task->waitForFinished().is(ErrorCode::InvalidArgument));
+    EXPECT_FALSE(cache.contains(kEntry));
+}
+
+TEST_F(CacheFillTest, ContentThatTheServerDoesNotHaveIsNotKept) {
+    ASSERT_FALSE(fill(kEntry, "old").hasError());
+    QString expected = orx::testing::sha256("the true one");
+    cache.setChecksumSource([&](const ResourceReference& reference) {
+        EXPECT_EQ(reference.name(), u"run1.mzML"_qs);
+        return expected;
+    });
+    const auto fillKnown = [&](const QByteArray& content) {
+        const auto task = cache.fillTask(probes::sampleReference(), kEntry,
+                                         orx::testing::fetchOf(u"run1.mzML"_qs, content), true);
+        task->exec();
+        return task->waitForFinished();
+    };
+    EXPECT_TRUE(fillKnown("another one").is(ErrorCode::ChecksumMismatch));
+    EXPECT_EQ(orx::testing::readFile(placeOf(kEntry)), "old");
+    EXPECT_TRUE(cache.contains(kEntry));
+    EXPECT_FALSE(fillKnown("the true one").hasError());
+    EXPECT_EQ(orx::testing::readFile(placeOf(kEntry)), "the true one");
+}
+
+TEST_F(CacheFillTest, TheDigestThatTheFetchKnowsIsTaken) {
+    const auto task = cache.fillTask(
+        nullptr, kEntry,
+        [](const DirPath& directory) {
+            EXPECT_TRUE(orx::testing::writeFile(directory.child(u"run1.mzML"_qs), "content"));
+            return probes::taskWith(QVariant::fromValue(ResourceCacheDigest{QByteArray(64, 'a')}));
+        },
+        false);
+    task->exec();
+    ASSERT_FALSE(task->waitForFinished().hasError());
+    EXPECT_EQ(cache.entries()->first().sha256, QString(64, u'a'));
+}
+
+TEST_F(CacheFillTest, ProgressOfTheFetchIsPassedOn) {
+    OpenFill open;
+    this->open(open, kEntry);
+    QStringList events;
+    QObject::connect(open.task.get(), &BaseTask::progressInitiated, open.task.get(),
+                     [&](int maximum) { events << QStringLiteral("up to %1").arg(maximum); });
+    QObject::connect(open.task.get(), &BaseTask::progress, open.task.get(), [&](int value, int maximum) {
+        events << QStringLiteral("%1 of %2").arg(value).arg(maximum);
+    });
+    Q_EMIT open.fetch->progressInitiated(100);
+    Q_EMIT open.fetch->progress(40, 100);
+    EXPECT_EQ(events, (QStringList{u"up to 100"_qs, u"40 of 100"_qs}));
+    open.task->cancel();
+    orx::testing::processUntil([&] { return open.task->isIdle(); });
+}
+
+TEST_F(CacheFillTest, OneFetchesAndTheOthersUseWhatItBrought) {
+    OpenFill first;
+    open(first, kEntry);
+    const auto second = cache.fillTask(nullptr, kEntry, orx::testing::noFetch(), false);
+    ResourceCache beside(root());
+    const auto third = beside.fillTask(nullptr, kEntry, orx::testing::noFetch(), false);
+    second->exec();
+    third->exec();
+    ASSERT_TRUE(orx::testing::writeFile(first.directory + u"/run1.mzML"_qs, "content"));
+    EXPECT_TRUE(third->waitForFinished(0).is(ErrorCode::TimedOut));
+    EXPECT_FALSE(second->isFinished());
+    first.fetch->finish(Error());
+    EXPECT_FALSE(BaseTask::waitForAllFinished({first.task.get(), second.get(), third.get()}).hasError());
+    EXPECT_TRUE(beside.contains(kEntry));
+}
+
+TEST_F(CacheFillTest, WhenTheOneThatFetchesFailsAnotherFetches) {
+    OpenFill first;
+    open(first, kEntry);
+    const auto second = fillTask(kEntry, "content");
+    second->exec();
+    first.fetch->finish(Error(ErrorCode::General, u"gone"_qs));
+    EXPECT_FALSE(second->waitForFinished().hasError());
+    EXPECT_TRUE(first.task->error().is(ErrorCode::General));
+    EXPECT_TRUE(cache.contains(kEntry));
+}
+
+TEST_F(CacheFillTest, WhatACancelledFillLeftIsThereForTheNext) {
+    OpenFill first;
+    open(first, kEntry);
+    ASSERT_TRUE(orx::testing::writeFile(first.directory + u"/.part"_qs, "half"));
+    ASSERT_TRUE(orx::testing::writeFile(first.directory + u"/run1.mzML"_qs, "not known to be whole"));
+    first.task->cancel();
+    orx::testing::processUntil([&] { return first.task->isIdle(); });
+    EXPECT_TRUE(first.task->error().isCanceled());
+    EXPECT_FALSE(cache.contains(kEntry));
+    OpenFill second;
+    open(second, kEntry);
+    EXPECT_EQ(second.directory, first.directory);
+    EXPECT_EQ(orx::testing::readFile(second.directory + u"/.part"_qs), "half");
+    EXPECT_FALSE(QFileInfo::exists(second.directory + u"/run1.mzML"_qs));
+    ASSERT_TRUE(orx::testing::writeFile(second.directory + u"/run1.mzML"_qs, "whole"));
+    second.fetch->finish(Error());
+    EXPECT_FALSE(second.task->waitForFinished().hasError());
+    EXPECT_TRUE(cache.contains(kEntry));
+    EXPECT_TRUE(staged().isEmpty());
+}
+
+TEST_F(CacheFillTest, ADestroyedFillLetsTheNextOneBegin) {
+    {
+        OpenFill first;
+        open(first, kEntry);
+    }
+    EXPECT_FALSE(fill(kEntry, "content").hasError());
+    EXPECT_TRUE(cache.contains(kEntry));
+}
+
+TEST_F(CacheFillTest, MayBeDestroyedAtAnyMoment) {
+    // Right after the start, while it waits for another one, and while workers look.
+    for (int rounds = 0; rounds < 20; ++rounds) {
+        const auto early = fillTask(kEntry, QByteArray(100'000, 'x'), true);
+        const auto late = fillTask(kEntry, QByteArray(100'000, 'x'), true);
+        early->exec();
+        late->exec();
+        for (int turn = 0; turn < rounds; ++turn)
+            QCoreApplication::processEvents();
+    }
+    EXPECT_FALSE(fill(kEntry, "content", true).hasError());
+    EXPECT_EQ(orx::testing::readFile(placeOf(kEntry)), "content");
+    EXPECT_TRUE(cache.contains(kEntry));
+}
+
+TEST_F(CacheFillTest, OutlivesItsCache) {
+    auto other = std::make_unique<ResourceCache>(root());
+    const auto task = other->fillTask(nullptr, kEntry, orx::testing::fetchOf(u"run1.mzML"_qs, "x"), false);
+    other.reset();
+    task->exec();
+    EXPECT_FALSE(task->waitForFinished().hasError());
+    EXPECT_TRUE(cache.contains(kEntry));
+}
+
+TEST_F(CacheFillTest, TheEntryStaysAsLongAsItsTaskThoughItIsLargerThanTheCacheMayBe) {
+    cache.setLimits({10, std::nullopt});
+    auto task = fillTask(kEntry, QByteArray(100, 'x'));
+    task->exec();
+    ASSERT_FALSE(task->waitForFinished().hasError());
+    EXPECT_TRUE(cache.contains(kEntry));
+    EXPECT_EQ(cache.prune()->inUse, 1);
+    task.reset();
+    EXPECT_EQ(cache.prune()->removed.size(), 1);
+    EXPECT_FALSE(cache.contains(kEntry));
+}
+
+TEST_F(CacheFillTest, KeepsTheLimits) {
+    cache.setLimits({250, std::nullopt});
+    for (const char* name : {"a", "b", "c"})
+        ASSERT_FALSE(fill(QString::fromLatin1(name), QByteArray(100, 'x')).hasError());
+    EXPECT_EQ(subPaths(), (QStringList{u"b"_qs, u"c"_qs}));
+}
+
+//! While it lives nothing can be written: every file may have no byte.
+class FullDisk {
+public:
+    FullDisk() {
+        std::signal(SIGXFSZ, SIG_IGN);
+        ::getrlimit(RLIMIT_FSIZE, &m_before);
+        rlimit none = m_before;
+        none.rlim_cur = 0;
+        ::setrlimit(RLIMIT_FSIZE, &none);
+    }
+    ~FullDisk() { ::setrlimit(RLIMIT_FSIZE, &m_before); }
+
+private:
+    rlimit m_before{};
+};
+
+TEST_F(CacheFillTest, ARecordThatCannotBeWrittenLeavesTheOldEntry) {
+    ASSERT_FALSE(fill(kEntry, "old").hasError());
+    {
+        // An empty file can still be made; its record cannot.
+        const FullDisk full;
+        EXPECT_TRUE(fill(kEntry, "", true).hasError());
+    }
+    EXPECT_EQ(orx::testing::readFile(placeOf(kEntry)), "old");
+    EXPECT_TRUE(cache.contains(kEntry));
+    EXPECT_FALSE(fill(kEntry, "new", true).hasError());
+    EXPECT_EQ(orx::testing::readFile(placeOf(kEntry)), "new");
+}
+
+TEST_F(CacheFillTest, AnAdditionThatCannotBeWrittenLeavesTheOldEntry) {
+    ASSERT_FALSE(fill(kEntry, "old").hasError());
+    ASSERT_TRUE(orx::testing::writeFile(path(u"source"_qs), "newer"));
+    {
+        const FullDisk full;
+        ASSERT_FALSE(cache.add(nullptr, kEntry, Path(path(u"source"_qs))).hasError());
+        EXPECT_EQ(cache.waitForPending().size(), 1);
+    }
+    EXPECT_EQ(orx::testing::readFile(placeOf(kEntry)), "old");
+    EXPECT_TRUE(cache.contains(kEntry));
+    EXPECT_TRUE(staged().isEmpty());
+}

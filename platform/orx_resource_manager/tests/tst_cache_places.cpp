@@ -1,0 +1,229 @@
+#include "CacheFixture.h"
+
+using namespace orx;
+
+namespace {
+
+const QString kEntry = QStringLiteral("server/file/12/3/run1.mzML");
+
+class CachePlacesTest : public orx::testing::CacheFixture {
+protected:
+    //! Changes what lies at the entry's place, and gives it back the time it had.
+    void changeKeepingTime(const QByteArray& content) {
+        struct stat before {};
+        const QByteArray name = QFile::encodeName(placeOf(kEntry));
+        ASSERT_EQ(::stat(name.constData(), &before), 0);
+        ASSERT_TRUE(orx::testing::writeFile(placeOf(kEntry), content));
+        const struct timespec times[2] = {before.st_atim, before.st_mtim};
+        ASSERT_EQ(::utimensat(AT_FDCWD, name.constData(), times, 0), 0);
+    }
+};
+
+struct SubPathCase {
+    const char* name;
+    QString text;
+    const char* reason;
+};
+
+class RefusedSubPath : public CachePlacesTest, public ::testing::WithParamInterface<SubPathCase> {};
+
+} // namespace
+
+TEST_P(RefusedSubPath, IsRefusedEverywhereAndLeavesNothing) {
+    const QString& text = GetParam().text;
+    const auto path = cache.expectedPath(text);
+    ASSERT_TRUE(path.hasError());
+    EXPECT_TRUE(path.error().is(ErrorCode::InvalidArgument));
+    EXPECT_TRUE(path.errorMessage().contains(QString::fromLatin1(GetParam().reason)))
+        << path.errorMessage().toStdString();
+    EXPECT_FALSE(cache.contains(text));
+    EXPECT_FALSE(cache.lease(text));
+    EXPECT_TRUE(cache.remove(text).is(ErrorCode::InvalidArgument));
+    EXPECT_TRUE(cache.setCleanupPolicy(text, ResourceCleanupPolicy::Keep).is(ErrorCode::InvalidArgument));
+    EXPECT_TRUE(
+        cache.add(nullptr, text, Path(this->path(QStringLiteral("a")))).is(ErrorCode::InvalidArgument));
+    EXPECT_TRUE(cache.add(nullptr, text, [] { return Error(); }).is(ErrorCode::InvalidArgument));
+    EXPECT_TRUE(fill(text, "x").is(ErrorCode::InvalidArgument));
+    EXPECT_FALSE(QFileInfo::exists(root()));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cache, RefusedSubPath,
+    ::testing::Values(SubPathCase{"Empty", QString(), "it is empty"},
+                      SubPathCase{"Absolute", QStringLiteral("/etc/passwd"), "it is absolute"},
+                      SubPathCase{"Up", QStringLiteral("../a"), "\"..\""},
+                      SubPathCase{"UpInside", QStringLiteral("a/../../b"), "\"..\""},
+                      SubPathCase{"UpAtEnd", QStringLiteral("a/.."), "\"..\""},
+                      SubPathCase{"Dot", QStringLiteral("a/./b"), "\".\""},
+                      SubPathCase{"EmptyComponent", QStringLiteral("a//b"), "an empty component"},
+                      SubPathCase{"EndsWithSeparator", QStringLiteral("a/"), "an empty component"},
+                      SubPathCase{"Nul", QStringLiteral("a") + QChar(u'\0') + QStringLiteral("b"), "a NUL"},
+                      SubPathCase{"LongComponent", QString(256, u'a'), "longer than 255 bytes"},
+                      SubPathCase{"LongInBytesOnly", QString(128, QChar(0xe4)), "longer than 255 bytes"},
+                      SubPathCase{"LoneSurrogate", QString(QChar(0xd800)), "cannot hold"},
+                      SubPathCase{"WholeTooLong", QStringLiteral("abcdefg/").repeated(520) + u'a',
+                                  "too long"}),
+    [](const auto& tested) { return std::string(tested.param.name); });
+
+TEST_F(CachePlacesTest, NamesThatFileSystemsHoldAreGoodAsTheyAre) {
+    for (const QString& good :
+         {QStringLiteral("a"), QStringLiteral("..."), QStringLiteral("..a/b.."), QStringLiteral("a b/\\\n\""),
+          QString(255, u'a'), QString(127, QChar(0xe4)), QStringLiteral("state/cache.sqlite")}) {
+        const auto path = cache.expectedPath(good);
+        ASSERT_TRUE(path) << path.errorMessage().toStdString();
+        EXPECT_EQ(path->toString(), placeOf(good));
+    }
+    EXPECT_FALSE(QFileInfo::exists(root()));
+}
+
+TEST_F(CachePlacesTest, AnEntryIsThereOnceFilled) {
+    EXPECT_FALSE(cache.contains(kEntry));
+    ASSERT_FALSE(fill(kEntry, "content").hasError());
+    EXPECT_TRUE(cache.contains(kEntry));
+    EXPECT_EQ(orx::testing::readFile(cache.expectedPath(kEntry)->toString()), "content");
+    const auto entries = cache.entries();
+    ASSERT_TRUE(entries);
+    ASSERT_EQ(entries->size(), 1);
+    EXPECT_EQ(entries->first().subPath, kEntry);
+    EXPECT_EQ(entries->first().type, PathType::File);
+    EXPECT_EQ(entries->first().bytes, 7);
+    EXPECT_EQ(entries->first().files, 1);
+    EXPECT_EQ(entries->first().sha256, orx::testing::sha256("content"));
+    EXPECT_EQ(entries->first().policy, ResourceCleanupPolicy::Automatic);
+    EXPECT_TRUE(staged().isEmpty());
+}
+
+TEST_F(CachePlacesTest, OnlyTheOwnerMayLookIntoTheCache) {
+    ASSERT_FALSE(fill(kEntry, "content").hasError());
+    for (const QString& directory : {root(), root() + QStringLiteral("/content"),
+                                     QFileInfo(database()).path(), QFileInfo(placeOf(kEntry)).path()}) {
+        struct stat status {};
+        ASSERT_EQ(::stat(QFile::encodeName(directory).constData(), &status), 0);
+        EXPECT_EQ(status.st_mode & 0777, 0700u) << directory.toStdString();
+    }
+}
+
+TEST_F(CachePlacesTest, ATruncatedEntryOfTheSameTimeIsNotThere) {
+    ASSERT_FALSE(fill(kEntry, "content").hasError());
+    changeKeepingTime("cont");
+    EXPECT_FALSE(cache.contains(kEntry));
+    EXPECT_FALSE(cache.lease(kEntry));
+    ASSERT_FALSE(fill(kEntry, "content").hasError());
+    EXPECT_TRUE(cache.contains(kEntry));
+    EXPECT_EQ(orx::testing::readFile(placeOf(kEntry)), "content");
+    EXPECT_TRUE(staged().isEmpty());
+}
+
+TEST_F(CachePlacesTest, AnEntryOfTheSameSizeAndAnotherTimeIsNotThere) {
+    ASSERT_FALSE(fill(kEntry, "content").hasError());
+    const struct timespec times[2] = {{1, 0}, {1, 0}};
+    ASSERT_EQ(::utimensat(AT_FDCWD, QFile::encodeName(placeOf(kEntry)).constData(), times, 0), 0);
+    EXPECT_FALSE(cache.contains(kEntry));
+    EXPECT_FALSE(cache.lease(kEntry));
+}
+
+TEST_F(CachePlacesTest, AMissingFileIsNotThere) {
+    ASSERT_FALSE(fill(kEntry, "content").hasError());
+    ASSERT_TRUE(QFile::remove(placeOf(kEntry)));
+    EXPECT_FALSE(cache.contains(kEntry));
+    EXPECT_FALSE(cache.lease(kEntry));
+    ASSERT_FALSE(fill(kEntry, "content").hasError());
+    EXPECT_TRUE(cache.contains(kEntry));
+}
+
+TEST_F(CachePlacesTest, ContentWithoutARecordIsNotThereAndIsReplaced) {
+    ASSERT_TRUE(orx::testing::writeFile(placeOf(kEntry), "planted"));
+    EXPECT_FALSE(cache.contains(kEntry));
+    ASSERT_FALSE(fill(kEntry, "content").hasError());
+    EXPECT_EQ(orx::testing::readFile(placeOf(kEntry)), "content");
+}
+
+TEST_F(CachePlacesTest, ADirectoryIsThereAsLongAsNothingInItChanges) {
+    const QString entry = QStringLiteral("server/folder");
+    const auto fetch = [](const DirPath& directory) {
+        const QString top = directory.child(QStringLiteral("folder"));
+        EXPECT_TRUE(QDir().mkpath(top + QStringLiteral("/empty")));
+        EXPECT_TRUE(orx::testing::writeFile(top + QStringLiteral("/a"), "1"));
+        EXPECT_TRUE(orx::testing::writeFile(top + QStringLiteral("/b/c"), "22"));
+        return probes::taskWith(QVariant());
+    };
+    const auto refill = [&] {
+        const auto task = cache.fillTask(nullptr, entry, fetch, false);
+        task->exec();
+        EXPECT_FALSE(task->waitForFinished().hasError());
+        EXPECT_TRUE(cache.contains(entry));
+    };
+    refill();
+    EXPECT_EQ(cache.entries()->first().files, 2);
+    EXPECT_EQ(cache.entries()->first().bytes, 3);
+    ASSERT_TRUE(orx::testing::writeFile(placeOf(entry) + QStringLiteral("/more"), ""));
+    EXPECT_FALSE(cache.contains(entry));
+    refill();
+    EXPECT_FALSE(QFileInfo::exists(placeOf(entry) + QStringLiteral("/more")));
+    ASSERT_TRUE(QFile::remove(placeOf(entry) + QStringLiteral("/b/c")));
+    EXPECT_FALSE(cache.contains(entry));
+    refill();
+    ASSERT_TRUE(QDir().rmdir(placeOf(entry) + QStringLiteral("/empty")));
+    EXPECT_FALSE(cache.contains(entry));
+}
+
+TEST_F(CachePlacesTest, EntriesDoNotLieWithinOneAnother) {
+    ASSERT_FALSE(fill(QStringLiteral("a/b"), "1").hasError());
+    EXPECT_TRUE(fill(QStringLiteral("a"), "2").is(ErrorCode::AlreadyExists));
+    EXPECT_TRUE(fill(QStringLiteral("a/b/c"), "3").hasError());
+    EXPECT_EQ(subPaths(), QStringList{QStringLiteral("a/b")});
+    EXPECT_TRUE(cache.contains(QStringLiteral("a/b")));
+    EXPECT_TRUE(cache.remove(QStringLiteral("a")).is(ErrorCode::InvalidArgument));
+    EXPECT_FALSE(fill(QStringLiteral("a/b0"), "4").hasError());
+}
+
+TEST_F(CachePlacesTest, APlantedLinkIsNeverFollowed) {
+    const QString outside = path(QStringLiteral("outside"));
+    ASSERT_TRUE(orx::testing::writeFile(outside + QStringLiteral("/12/3/run1.mzML"), "precious"));
+    ASSERT_FALSE(fill(kEntry, "precious").hasError());
+    ASSERT_TRUE(QDir(placeOf(QStringLiteral("server/file"))).removeRecursively());
+    ASSERT_TRUE(QFile::link(outside, placeOf(QStringLiteral("server/file"))));
+    EXPECT_FALSE(cache.contains(kEntry));
+    EXPECT_FALSE(cache.lease(kEntry));
+    EXPECT_TRUE(fill(kEntry, "new").is(ErrorCode::InvalidArgument));
+    EXPECT_FALSE(cache.add(nullptr, kEntry, Path(outside + QStringLiteral("/12/3/run1.mzML"))).hasError());
+    EXPECT_EQ(cache.waitForPending().size(), 1);
+    EXPECT_TRUE(cache.remove(kEntry).is(ErrorCode::InvalidArgument));
+    EXPECT_EQ(orx::testing::readFile(outside + QStringLiteral("/12/3/run1.mzML")), "precious");
+    ASSERT_TRUE(cache.prune({0, std::nullopt}));
+    EXPECT_EQ(orx::testing::readFile(outside + QStringLiteral("/12/3/run1.mzML")), "precious");
+    EXPECT_FALSE(QFileInfo(placeOf(QStringLiteral("server/file"))).isSymLink());
+    EXPECT_FALSE(fill(kEntry, "new").hasError());
+}
+
+TEST_F(CachePlacesTest, ALinkInThePlaceOfTheContentIsReplacedNotFollowed) {
+    const QString outside = path(QStringLiteral("outside"));
+    ASSERT_TRUE(orx::testing::writeFile(outside, "content"));
+    ASSERT_FALSE(fill(kEntry, "content").hasError());
+    ASSERT_TRUE(QFile::remove(placeOf(kEntry)));
+    ASSERT_TRUE(QFile::link(outside, placeOf(kEntry)));
+    EXPECT_FALSE(cache.contains(kEntry));
+    const Error error = cache.remove(kEntry);
+    EXPECT_FALSE(error.hasError()) << error.errorMessage().toStdString();
+    EXPECT_EQ(orx::testing::readFile(outside), "content");
+    EXPECT_FALSE(QFileInfo(placeOf(kEntry)).isSymLink());
+}
+
+TEST_F(CachePlacesTest, ACacheRemovedByHandStartsAnew) {
+    ASSERT_FALSE(fill(kEntry, "content").hasError());
+    ASSERT_TRUE(QDir(root()).removeRecursively());
+    EXPECT_FALSE(cache.contains(kEntry));
+    ASSERT_FALSE(fill(kEntry, "content").hasError());
+    EXPECT_TRUE(cache.contains(kEntry));
+    EXPECT_EQ(subPaths(), QStringList{kEntry});
+}
+
+TEST_F(CachePlacesTest, PoliciesBelongToEntries) {
+    EXPECT_EQ(*cache.cleanupPolicy(kEntry), ResourceCleanupPolicy::Automatic);
+    EXPECT_TRUE(cache.setCleanupPolicy(kEntry, ResourceCleanupPolicy::Keep).is(ErrorCode::NotFound));
+    ASSERT_FALSE(fill(kEntry, "content").hasError());
+    EXPECT_FALSE(cache.setCleanupPolicy(kEntry, ResourceCleanupPolicy::Keep).hasError());
+    EXPECT_EQ(*cache.cleanupPolicy(kEntry), ResourceCleanupPolicy::Keep);
+    ASSERT_FALSE(fill(kEntry, "new", true).hasError());
+    EXPECT_EQ(*cache.cleanupPolicy(kEntry), ResourceCleanupPolicy::Keep);
+}

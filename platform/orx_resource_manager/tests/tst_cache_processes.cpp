@@ -1,0 +1,87 @@
+#include "CacheFixture.h"
+
+#include <QProcess>
+
+using namespace orx;
+
+namespace {
+
+const QString kEntry = QStringLiteral("server/run1.mzML");
+
+class CacheProcessesTest : public orx::testing::CacheFixture {
+protected:
+    void start(QProcess& process, const QStringList& command) {
+        process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        process.start(QStringLiteral(CACHE_PROCESS), QStringList{root(), kEntry} + command);
+        ASSERT_TRUE(process.waitForStarted());
+    }
+    static QByteArray nextLine(QProcess& process) {
+        while (!process.canReadLine())
+            if (!process.waitForReadyRead(-1))
+                return "(ended)";
+        return process.readLine().trimmed();
+    }
+};
+
+} // namespace
+
+TEST_F(CacheProcessesTest, OfTwoProcessesThatFillAnEntryOneFetches) {
+    QProcess first;
+    start(first, {u"fill"_qs, u"content of the first"_qs});
+    ASSERT_EQ(nextLine(first), "fetching");
+    const auto second = cache.fillTask(nullptr, kEntry, orx::testing::noFetch(), false);
+    second->exec();
+    QProcess third;
+    start(third, {u"fill"_qs, u"content of the third"_qs});
+    EXPECT_TRUE(second->waitForFinished(0).is(ErrorCode::TimedOut));
+    first.write("\n");
+    EXPECT_EQ(nextLine(first), "filled");
+    EXPECT_EQ(nextLine(third), "filled");
+    EXPECT_FALSE(second->waitForFinished().hasError());
+    EXPECT_EQ(orx::testing::readFile(placeOf(kEntry)), "content of the first");
+    EXPECT_TRUE(cache.contains(kEntry));
+    EXPECT_TRUE(first.waitForFinished(-1) && third.waitForFinished(-1));
+}
+
+TEST_F(CacheProcessesTest, AKilledFillLeavesNoEntryAndIsResumed) {
+    QProcess killed;
+    start(killed, {u"half"_qs, u"whole content"_qs});
+    ASSERT_EQ(nextLine(killed), "half");
+    const auto waiting = cache.fillTask(
+        nullptr, kEntry,
+        [](const DirPath& directory) {
+            const QString target = directory.child(u"run1.mzML"_qs);
+            EXPECT_EQ(orx::testing::readFile(target + u".part"_qs), "whole ");
+            EXPECT_TRUE(orx::testing::writeFile(target + u".part"_qs, "whole content"));
+            EXPECT_TRUE(QFile::rename(target + u".part"_qs, target));
+            return probes::taskWith(QVariant());
+        },
+        false);
+    waiting->exec();
+    EXPECT_TRUE(waiting->waitForFinished(0).is(ErrorCode::TimedOut));
+    EXPECT_FALSE(cache.contains(kEntry));
+    EXPECT_TRUE(subPaths().isEmpty());
+    killed.kill();
+    ASSERT_TRUE(killed.waitForFinished(-1));
+    EXPECT_FALSE(waiting->waitForFinished().hasError());
+    EXPECT_EQ(orx::testing::readFile(placeOf(kEntry)), "whole content");
+    EXPECT_TRUE(cache.contains(kEntry));
+    EXPECT_TRUE(staged().isEmpty());
+}
+
+TEST_F(CacheProcessesTest, WhatAnotherProcessReadsIsNotRemovedUntilItEnds) {
+    ASSERT_FALSE(fill(kEntry, "content").hasError());
+    QProcess reader;
+    start(reader, {u"lease"_qs});
+    ASSERT_EQ(nextLine(reader), "leased");
+    const auto report = cache.prune({0, std::nullopt});
+    ASSERT_TRUE(report);
+    EXPECT_EQ(report->inUse, 1);
+    EXPECT_TRUE(report->removed.isEmpty());
+    EXPECT_TRUE(cache.remove(kEntry).is(ErrorCode::Busy));
+    EXPECT_TRUE(cache.contains(kEntry));
+    reader.kill();
+    ASSERT_TRUE(reader.waitForFinished(-1));
+    EXPECT_EQ(cache.prune({0, std::nullopt})->removed.size(), 1);
+    EXPECT_FALSE(cache.contains(kEntry));
+}

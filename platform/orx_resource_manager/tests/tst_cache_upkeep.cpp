@@ -1,0 +1,279 @@
+#include "CacheFixture.h"
+
+#include <SQLiteCpp/Database.h>
+#include <SQLiteCpp/Statement.h>
+#include <SQLiteCpp/Transaction.h>
+
+#include <sqlite3.h>
+
+using namespace orx;
+using namespace std::chrono_literals;
+
+namespace {
+
+class CacheUpkeepTest : public orx::testing::CacheFixture {
+protected:
+    void SetUp() override {
+        for (const char* name : {"a", "b", "c"})
+            ASSERT_FALSE(fill(QString::fromLatin1(name), QByteArray(100, 'x')).hasError());
+    }
+    void execute(const std::string& statement) {
+        SQLite::Database(database().toStdString(), SQLite::OPEN_READWRITE, 10'000).exec(statement);
+    }
+    //! Changes a byte of a file that keeps its size and time.
+    void damage(const QString& name) {
+        struct stat before {};
+        const int file = ::open(QFile::encodeName(name).constData(), O_RDWR);
+        ASSERT_GE(file, 0);
+        ASSERT_EQ(::fstat(file, &before), 0);
+        ASSERT_EQ(::pwrite(file, "?", 1, 0), 1);
+        const struct timespec times[2] = {before.st_atim, before.st_mtim};
+        ASSERT_EQ(::futimens(file, times), 0);
+        ::close(file);
+    }
+    static QStringList namesOf(const QList<ResourceCacheEntry>& entries) {
+        QStringList names;
+        for (const ResourceCacheEntry& entry : entries)
+            names << entry.subPath;
+        return names;
+    }
+};
+
+} // namespace
+
+TEST_F(CacheUpkeepTest, WithoutLimitsNothingGoes) {
+    const auto report = cache.prune();
+    ASSERT_TRUE(report);
+    EXPECT_TRUE(report->removed.isEmpty());
+    EXPECT_EQ(report->bytesLeft, 300);
+    EXPECT_EQ(subPaths().size(), 3);
+}
+
+TEST_F(CacheUpkeepTest, TheLeastRecentlyUsedGoFirst) {
+    execute("UPDATE entries SET used_ms = used_ms - 1000000");
+    ASSERT_TRUE(cache.lease(u"a"_qs));
+    const auto report = cache.prune({250, std::nullopt});
+    ASSERT_TRUE(report);
+    EXPECT_EQ(namesOf(report->removed), QStringList{u"b"_qs});
+    EXPECT_EQ(report->bytesRemoved, 100);
+    EXPECT_EQ(report->bytesLeft, 200);
+    EXPECT_FALSE(QFileInfo::exists(placeOf(u"b"_qs)));
+    EXPECT_TRUE(cache.contains(u"a"_qs));
+}
+
+TEST_F(CacheUpkeepTest, TheLongUnusedGo) {
+    execute("UPDATE entries SET used_ms = used_ms - 10000000 WHERE sub_path IN ('a', 'b')");
+    const auto report = cache.prune({std::nullopt, 1h});
+    ASSERT_TRUE(report);
+    EXPECT_EQ(namesOf(report->removed), (QStringList{u"a"_qs, u"b"_qs}));
+    EXPECT_EQ(subPaths(), QStringList{u"c"_qs});
+}
+
+TEST_F(CacheUpkeepTest, PinnedEntriesStay) {
+    ASSERT_FALSE(cache.setCleanupPolicy(u"a"_qs, ResourceCleanupPolicy::Keep).hasError());
+    const auto report = cache.prune({0, 0s});
+    ASSERT_TRUE(report);
+    EXPECT_EQ(report->removed.size(), 2);
+    EXPECT_EQ(report->bytesLeft, 100);
+    EXPECT_TRUE(cache.contains(u"a"_qs));
+    EXPECT_FALSE(cache.remove(u"a"_qs).hasError());
+    EXPECT_FALSE(cache.contains(u"a"_qs));
+}
+
+TEST_F(CacheUpkeepTest, EntriesToDiscardGoWhateverTheLimits) {
+    ASSERT_FALSE(cache.setCleanupPolicy(u"c"_qs, ResourceCleanupPolicy::Discard).hasError());
+    const auto report = cache.prune({200, std::nullopt});
+    ASSERT_TRUE(report);
+    EXPECT_EQ(namesOf(report->removed), QStringList{u"c"_qs});
+    EXPECT_EQ(subPaths(), (QStringList{u"a"_qs, u"b"_qs}));
+}
+
+TEST_F(CacheUpkeepTest, WhatIsUsedStaysAndAnotherGoesInItsStead) {
+    execute("UPDATE entries SET used_ms = used_ms - 1000000 WHERE sub_path = 'a'");
+    ResourceCache other(root());
+    auto lease = other.lease(u"a"_qs);
+    ASSERT_TRUE(lease);
+    // Written down, the use of "a" would save it: it is to be the first to go.
+    ASSERT_TRUE(other.entries());
+    execute("UPDATE entries SET used_ms = 1 WHERE sub_path = 'a'");
+    const auto report = cache.prune({200, std::nullopt});
+    ASSERT_TRUE(report);
+    EXPECT_EQ(report->inUse, 1);
+    EXPECT_EQ(report->removed.size(), 1);
+    EXPECT_EQ(report->bytesLeft, 200);
+    EXPECT_TRUE(cache.contains(u"a"_qs));
+    EXPECT_TRUE(cache.remove(u"a"_qs).is(ErrorCode::Busy));
+    lease.reset();
+    EXPECT_FALSE(cache.remove(u"a"_qs).hasError());
+}
+
+TEST_F(CacheUpkeepTest, LeasesOfOneProcessAddUp) {
+    auto first = cache.lease(u"a"_qs);
+    auto second = cache.lease(u"a"_qs);
+    ASSERT_TRUE(first && second);
+    first.reset();
+    EXPECT_EQ(cache.prune({0, std::nullopt})->inUse, 1);
+    const ResourceCacheLease moved = std::move(*second);
+    second.reset();
+    EXPECT_TRUE(moved.isHeld());
+    EXPECT_TRUE(cache.remove(u"a"_qs).is(ErrorCode::Busy));
+}
+
+TEST_F(CacheUpkeepTest, EmptiedDirectoriesGoWithTheLastEntry) {
+    ASSERT_FALSE(fill(u"s/f/1"_qs, "x").hasError());
+    ASSERT_FALSE(fill(u"s/g"_qs, "x").hasError());
+    ASSERT_FALSE(cache.remove(u"s/f/1"_qs).hasError());
+    EXPECT_FALSE(QFileInfo::exists(placeOf(u"s/f"_qs)));
+    EXPECT_TRUE(cache.contains(u"s/g"_qs));
+}
+
+TEST_F(CacheUpkeepTest, RemovingWhatIsNotThereIsNoError) {
+    EXPECT_FALSE(cache.remove(u"x/y"_qs).hasError());
+}
+
+TEST_F(CacheUpkeepTest, LeftoversAreSweptByPruning) {
+    ASSERT_TRUE(orx::testing::writeFile(placeOf(u"left/over"_qs), "x"));
+    ASSERT_FALSE(fill(u"s/kept"_qs, "x").hasError());
+    ASSERT_TRUE(orx::testing::writeFile(placeOf(u"s/leftover"_qs), "x"));
+    const QString staging = root() + u"/state/staging/"_qs;
+    ASSERT_TRUE(orx::testing::writeFile(staging + u"add-0123456789abcdef0123456789abcdef/a"_qs, "x"));
+    const QString fresh = u"fill-"_qs + orx::testing::sha256("fresh");
+    const QString stale = u"fill-"_qs + orx::testing::sha256("stale");
+    ASSERT_TRUE(orx::testing::writeFile(staging + fresh + u"/part"_qs, "x"));
+    ASSERT_TRUE(orx::testing::writeFile(staging + stale + u"/part"_qs, "x"));
+    const struct timespec longAgo[2] = {{1, 0}, {1, 0}};
+    for (const QString& name : {staging + stale + u"/part"_qs, staging + stale})
+        ASSERT_EQ(::utimensat(AT_FDCWD, QFile::encodeName(name).constData(), longAgo, 0), 0);
+    ASSERT_TRUE(cache.prune());
+    EXPECT_EQ(staged(), QStringList{fresh});
+    EXPECT_EQ(QDir(placeOf(QString())).entryList(QDir::AllEntries | QDir::NoDotAndDotDot),
+              (QStringList{u"a"_qs, u"b"_qs, u"c"_qs, u"s"_qs}));
+    EXPECT_EQ(QDir(placeOf(u"s"_qs)).entryList(QDir::Files), QStringList{u"kept"_qs});
+    EXPECT_TRUE(cache.contains(u"s/kept"_qs));
+}
+
+TEST_F(CacheUpkeepTest, VerificationFindsWhatSizeAndTimeDoNotShow) {
+    damage(placeOf(u"b"_qs));
+    EXPECT_TRUE(cache.contains(u"b"_qs));
+    qint64 seen = 0;
+    const auto report = cache.verify([&](qint64 bytes) {
+        EXPECT_GE(bytes, seen);
+        seen = bytes;
+        return true;
+    });
+    ASSERT_TRUE(report);
+    EXPECT_EQ(report->entries, 3);
+    EXPECT_EQ(report->bytes, 300);
+    EXPECT_EQ(seen, 300);
+    ASSERT_EQ(report->damaged.size(), 1);
+    EXPECT_EQ(report->damaged.first().first, u"b"_qs);
+    EXPECT_FALSE(report->damaged.first().second.isEmpty());
+    EXPECT_EQ(subPaths(), (QStringList{u"a"_qs, u"c"_qs}));
+    EXPECT_FALSE(QFileInfo::exists(placeOf(u"b"_qs)));
+}
+
+TEST_F(CacheUpkeepTest, ADamagedEntryInUseIsNotServedAgain) {
+    damage(placeOf(u"b"_qs));
+    const auto lease = cache.lease(u"b"_qs);
+    ASSERT_TRUE(lease);
+    EXPECT_EQ(cache.verify()->damaged.size(), 1);
+    EXPECT_TRUE(QFileInfo::exists(placeOf(u"b"_qs)));
+    EXPECT_FALSE(cache.contains(u"b"_qs));
+    EXPECT_FALSE(fill(u"b"_qs, "good").hasError());
+    EXPECT_TRUE(cache.contains(u"b"_qs));
+}
+
+TEST_F(CacheUpkeepTest, VerificationLooksIntoDirectories) {
+    const QString top = path(u"folder"_qs);
+    ASSERT_TRUE(orx::testing::writeFile(top + u"/in/file"_qs, "content"));
+    ASSERT_FALSE(cache.add(nullptr, u"folder"_qs, Path(top)).hasError());
+    ASSERT_TRUE(cache.waitForPending().isEmpty());
+    EXPECT_TRUE(cache.verify()->damaged.isEmpty());
+    damage(placeOf(u"folder/in/file"_qs));
+    const auto report = cache.verify();
+    ASSERT_EQ(report->damaged.size(), 1);
+    EXPECT_TRUE(report->damaged.first().second.contains(u"in/file"_qs));
+    EXPECT_FALSE(QFileInfo::exists(placeOf(u"folder"_qs)));
+}
+
+TEST_F(CacheUpkeepTest, VerificationCanBeCancelled) {
+    EXPECT_TRUE(cache.verify([](qint64) { return false; }).error().isCanceled());
+    EXPECT_EQ(subPaths().size(), 3);
+}
+
+TEST_F(CacheUpkeepTest, ADamagedDatabaseIsSetAsideAndTheCacheFetchesAnew) {
+    {
+        ResourceCache first(path(u"other"_qs));
+        const auto task = first.fillTask(nullptr, u"a"_qs, orx::testing::fetchOf(u"a"_qs, "1"), false);
+        task->exec();
+        ASSERT_FALSE(task->waitForFinished().hasError());
+    }
+    const QString state = path(u"other/state"_qs);
+    ASSERT_TRUE(orx::testing::writeFile(state + u"/cache.sqlite"_qs, QByteArray(8192, 'z')));
+    QFile::remove(state + u"/cache.sqlite-wal"_qs);
+    QFile::remove(state + u"/cache.sqlite-shm"_qs);
+    ResourceCache second(path(u"other"_qs));
+    EXPECT_FALSE(second.contains(u"a"_qs));
+    EXPECT_EQ(QDir(state).entryList({u"cache.sqlite.damaged-*"_qs}).size(), 1);
+    const auto task = second.fillTask(nullptr, u"a"_qs, orx::testing::fetchOf(u"a"_qs, "2"), false);
+    task->exec();
+    EXPECT_FALSE(task->waitForFinished().hasError());
+    EXPECT_TRUE(second.contains(u"a"_qs));
+    EXPECT_EQ(second.entries()->size(), 1);
+}
+
+TEST_F(CacheUpkeepTest, ADatabaseOfALaterFormatIsRefusedAndLeftAlone) {
+    execute("PRAGMA user_version = 2");
+    ResourceCache other(root());
+    const auto entries = other.entries();
+    ASSERT_TRUE(entries.hasError());
+    EXPECT_TRUE(entries.error().is(ErrorCode::ParseError));
+    EXPECT_TRUE(entries.errorMessage().contains(u"newer release"_qs));
+    EXPECT_FALSE(other.contains(u"a"_qs));
+    EXPECT_TRUE(other.prune({0, std::nullopt}).hasError());
+    const auto task = other.fillTask(nullptr, u"n"_qs, orx::testing::fetchOf(u"n"_qs, "1"), false);
+    task->exec();
+    EXPECT_TRUE(task->waitForFinished().hasError());
+    EXPECT_EQ(orx::testing::readFile(placeOf(u"a"_qs)), QByteArray(100, 'x'));
+    EXPECT_TRUE(QDir(QFileInfo(database()).path()).entryList({u"*damaged*"_qs}).isEmpty());
+}
+
+TEST_F(CacheUpkeepTest, AHundredThousandEntriesAreListedAndPruned) {
+    constexpr int kEntries = 100'000;
+    constexpr int kFolders = 100;
+    {
+        SQLite::Database database(this->database().toStdString(), SQLite::OPEN_READWRITE, 10'000);
+        SQLite::Transaction transaction(database);
+        SQLite::Statement row(database,
+                              "INSERT INTO entries (sub_path, kind, bytes, files, modified_ns, sha256, "
+                              "added_ms, used_ms) VALUES (?, 2, 1000, 1, 1, '', 1, ?)");
+        for (int i = 0; i < kEntries; ++i) {
+            row.bind(1, "many/" + std::to_string(i % kFolders) + "/" + std::to_string(i));
+            row.bind(2, i);
+            row.exec();
+            row.reset();
+        }
+        transaction.commit();
+    }
+    for (int folder = 0; folder < kFolders; ++folder) {
+        const QString directory = placeOf(QStringLiteral("many/%1").arg(folder));
+        ASSERT_TRUE(QDir().mkpath(directory));
+        for (int i = folder; i < kEntries; i += kFolders) {
+            const QByteArray name = QFile::encodeName(directory + u'/' + QString::number(i));
+            const int file = ::open(name.constData(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+            ASSERT_GE(file, 0);
+            ASSERT_EQ(::ftruncate(file, 1000), 0);
+            ::close(file);
+        }
+    }
+    ASSERT_EQ(subPaths().size(), kEntries + 3);
+    const auto report = cache.prune({1000 * 1000 + 300, std::nullopt});
+    ASSERT_TRUE(report);
+    EXPECT_EQ(report->removed.size(), kEntries - 1000);
+    EXPECT_EQ(report->bytesLeft, 1000 * 1000 + 300);
+    EXPECT_EQ(report->removed.first().subPath, u"many/0/0"_qs);
+    EXPECT_EQ(subPaths().size(), 1000 + 3);
+    EXPECT_FALSE(QFileInfo::exists(placeOf(u"many/98/98998"_qs)));
+    EXPECT_TRUE(QFileInfo::exists(placeOf(u"many/99/99999"_qs)));
+    EXPECT_TRUE(cache.contains(u"a"_qs));
+}
