@@ -13,7 +13,7 @@ namespace orx {
 
 // OpenSSL ends in the reverse order of its beginning: begun here, before main, it outlives the threads that
 // hash until the process ends.
-[[maybe_unused]] static const int cryptoBegun = OPENSSL_init_crypto(0, nullptr);
+[[maybe_unused]] static const int cryptoBegun = OPENSSL_init_crypto(OPENSSL_INIT_LOAD_CONFIG, nullptr);
 
 // Only a lack of memory makes these calls of OpenSSL fail, which is no state to go on in.
 static void require(bool done) {

@@ -198,7 +198,9 @@ TEST_F(CacheFillTest, MayBeDestroyedAtAnyMoment) {
             QCoreApplication::processEvents();
     }
     EXPECT_FALSE(fill(kEntry, "content", true).hasError());
-    EXPECT_EQ(orx::testing::readFile(placeOf(kEntry)), "content");
+    // One of those before may have got as far as bringing its content while this one waited.
+    const QByteArray content = orx::testing::readFile(placeOf(kEntry));
+    EXPECT_TRUE(content == "content" || content == QByteArray(100'000, 'x'));
     EXPECT_TRUE(cache.contains(kEntry));
 }
 
