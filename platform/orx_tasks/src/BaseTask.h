@@ -40,6 +40,8 @@ public:
     State state() const;
     bool isRunning() const { return state() == State::Running; }
     bool isFinished() const { return state() == State::Finished; }
+    //! Finished without an error.
+    bool isSuccessful() const { return isFinished() && !hasError(); }
     //! Finished (or never started), and no descendant is running.
     virtual bool isIdle() const;
     //! What the task produced besides its error; invalid until it says otherwise.
