@@ -5,8 +5,6 @@
 
 #include <OwnerInbox.h>
 
-#include <QEventLoop>
-
 #include <algorithm>
 
 namespace orx {
@@ -16,7 +14,6 @@ namespace {
 //! Runs \a task to its end. On a worker, which has no event loop, the task is cancelled when the one whose
 //! body runs there is.
 Error runBlocking(BaseTask& task) {
-    const QEventLoop dispatcherMaker; // sockets and timers need a dispatcher, which a worker may not have yet
     const auto running = std::make_shared<BaseTask*>(&task); // of this thread only
     const auto cancelHere = [inbox = OwnerInbox::ofThisThread(), running] {
         inbox->post([running] {

@@ -82,8 +82,8 @@ TEST_F(FileMetadataTask, BothRequestsAreInFlightAtOnce) {
     server.script(QStringLiteral("GET *"), ScriptedFault::hold(), 2);
     HalvaneGetFileResourceMetadataTask task(file);
     task.exec();
-    EXPECT_EQ(server.inFlightCount(), 2);
-    EXPECT_EQ(server.heldCount(), 2);
+    ASSERT_EQ(server.inFlightCount(), 2);
+    ASSERT_EQ(server.heldCount(), 2);
     EXPECT_TRUE(task.isRunning());
     EXPECT_FALSE(task.variantResult().isValid());
     server.release();
@@ -140,7 +140,7 @@ TEST_F(FileMetadataTask, CancelledItAbortsBothRequestsAndLeavesNoResult) {
     server.script(QStringLiteral("GET *"), ScriptedFault::hang(), 2);
     HalvaneGetFileResourceMetadataTask task(file);
     task.exec();
-    EXPECT_EQ(server.inFlightCount(), 2);
+    ASSERT_EQ(server.inFlightCount(), 2);
     task.cancel();
     EXPECT_TRUE(task.waitForFinished().isCanceled());
     EXPECT_EQ(server.inFlightCount(), 0);
