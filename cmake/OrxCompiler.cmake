@@ -27,6 +27,10 @@ else()
   # Copies of empty std::optional members are reported by the optimiser of GCC 12.
   target_compile_options(orx_compile_options INTERFACE $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
 endif()
+if(ORX_BUILD_FUZZERS)
+  # Counts the branches that an input takes, in the libraries too.
+  target_compile_options(orx_compile_options INTERFACE -fsanitize=fuzzer-no-link)
+endif()
 target_compile_definitions(orx_compile_options INTERFACE
   QT_NO_CAST_FROM_ASCII QT_NO_CAST_TO_ASCII QT_NO_URL_CAST_FROM_STRING QT_NO_KEYWORDS
   QT_NO_NARROWING_CONVERSIONS_IN_CONNECT QT_DISABLE_DEPRECATED_BEFORE=0x060400)
