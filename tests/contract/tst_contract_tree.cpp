@@ -58,7 +58,7 @@ TEST_P(TreeContract, WhatOneMayNotReadLooksAbsentAndChainsBeginBelowIt) {
     const int hiddenFile = makeFile(text("hidden.raw"), "content", outer);
     const int file = makeFile(text("run.raw"), "content", inner);
     becomeReaderOf(shared);
-    for (const int folder : {Root, outer, hidden})
+    for (const int folder : {outer, hidden})
         EXPECT_EQ(exists(folder, ItemType::Folder), QVariant(false)) << folder;
     EXPECT_EQ(exists(hiddenFile, ItemType::File), QVariant(false));
     EXPECT_EQ(exists(inner, ItemType::Folder), QVariant(true));
@@ -73,6 +73,25 @@ TEST_P(TreeContract, WhatOneMayNotReadLooksAbsentAndChainsBeginBelowIt) {
     ASSERT_FALSE(run(path).hasError());
     EXPECT_EQ(path.folderIdsPath(), (QList<int>{shared, inner}));
     EXPECT_EQ(path.folderPath(), (QList<QString>{text("shared"), text("inner")}));
+}
+
+TEST_P(TreeContract, TheRootIsThereForEverybodyAndShowsOnlyWhatOneMayRead) {
+    const int hidden = makeFolder(text("hidden"));
+    const int shared = makeFolder(text("shared"));
+    makeFile(text("hidden.raw"), "content");
+    becomeReaderOf(shared);
+    EXPECT_EQ(exists(Root, ItemType::Folder), QVariant(true));
+    EXPECT_EQ(exists(hidden, ItemType::Folder), QVariant(false));
+    EXPECT_EQ(filesOf(Root), QStringList());
+    HalvaneGetFoldersTask folders(Root);
+    ASSERT_FALSE(run(folders).hasError());
+    ASSERT_EQ(folders.foldersTree().size(), 1);
+    EXPECT_EQ(folders.foldersTree().first()->id(), shared);
+    HalvaneGetFolderTask root(Root);
+    ASSERT_FALSE(run(root).hasError());
+    EXPECT_TRUE(root.folderItem().privileges().isEmpty());
+    EXPECT_TRUE(root.folderItem().hasChildren());
+    EXPECT_EQ(root.folderIdsPath(), QList<int>{Root});
 }
 
 TEST_P(TreeContract, AListingFollowsEveryChangeThatShowsInIt) {

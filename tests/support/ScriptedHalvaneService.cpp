@@ -154,7 +154,8 @@ ScriptedReply ScriptedHalvaneService::routeFolders(const ScriptedRequest& reques
     if (request.line() == u"POST /folders")
         return createFolder(request);
     const auto folder = m_folders.constFind(parts.value(1).toInt());
-    if (request.method != "GET" || folder == m_folders.cend() || !isReadable(folder->id))
+    const bool isVisible = folder != m_folders.cend() && (folder->id == RootFolder || isReadable(folder->id));
+    if (request.method != "GET" || !isVisible)
         return notFound(QStringLiteral("folder with the id %1").arg(parts.value(1)));
     if (parts.size() == 2)
         return success(folderJson(*folder, true));
@@ -189,12 +190,12 @@ ScriptedReply ScriptedHalvaneService::listing(const ScriptedRequest& request, co
     QJsonArray items;
     if (key == u"files") {
         for (const File& file : m_files) {
-            if (file.folderId == folder.id)
+            if (file.folderId == folder.id && isReadable(folder.id))
                 items.append(file.toJson());
         }
     } else {
         for (const Folder& child : m_folders) {
-            if (child.parentId == folder.id)
+            if (child.parentId == folder.id && isReadable(child.id))
                 items.append(folderJson(child, false));
         }
     }
@@ -204,14 +205,16 @@ ScriptedReply ScriptedHalvaneService::listing(const ScriptedRequest& request, co
 }
 
 QJsonObject ScriptedHalvaneService::folderJson(const Folder& folder, bool withPath) const {
-    const bool hasChildren = std::any_of(m_folders.begin(), m_folders.end(),
-                                         [&](const Folder& f) { return f.parentId == folder.id; });
-    QJsonObject object{{QStringLiteral("id"), folder.id},
-                       {QStringLiteral("name"), folder.name},
-                       {QStringLiteral("parent_id"), folder.parentId},
-                       {QStringLiteral("has_children"), hasChildren},
-                       {QStringLiteral("usergroup_ids"), QJsonValue()},
-                       {QStringLiteral("privilege_ids"), QStringLiteral("1,2,3,4,5")}};
+    const bool hasChildren = std::any_of(m_folders.begin(), m_folders.end(), [&](const Folder& f) {
+        return f.parentId == folder.id && isReadable(f.id);
+    });
+    QJsonObject object{
+        {QStringLiteral("id"), folder.id},
+        {QStringLiteral("name"), folder.name},
+        {QStringLiteral("parent_id"), folder.parentId},
+        {QStringLiteral("has_children"), hasChildren},
+        {QStringLiteral("usergroup_ids"), QJsonValue()},
+        {QStringLiteral("privilege_ids"), isReadable(folder.id) ? QStringLiteral("1,2,3,4,5") : QString()}};
     if (withPath)
         object.insert(QStringLiteral("path"), chain(folder.id));
     return object;

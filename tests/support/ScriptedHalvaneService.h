@@ -76,7 +76,7 @@ public:
     const QMap<int, File>& files() const { return m_files; }
     const QMap<int, Folder>& folders() const { return m_folders; }
     int openUploadCount() const;
-    //! What is neither this folder nor below it looks absent from now on.
+    //! What is neither this folder nor below it looks absent from now on, but for the root, which is empty.
     void restrictTo(int folderId) { m_outermost = folderId; }
 
 private:

@@ -9,10 +9,19 @@ namespace orx {
 
 namespace {
 
-//! The calls of this thread that others may wait for, by the key of the listing.
-QHash<QByteArray, HalvaneListingTask*>& callsUnderWay() {
-    static thread_local QHash<QByteArray, HalvaneListingTask*> calls;
-    return calls;
+//! The calls of one thread that others may wait for, by the key of the listing.
+struct CallsUnderWay {
+    QHash<QByteArray, HalvaneListingTask*> calls;
+    ~CallsUnderWay() { areGone = true; }
+    //! The thread ends, and tasks that it left behind may still be destroyed. Outlives the calls.
+    static thread_local bool areGone;
+};
+thread_local bool CallsUnderWay::areGone = false;
+
+//! Those of this thread; null when it ends.
+QHash<QByteArray, HalvaneListingTask*>* callsUnderWay() {
+    static thread_local CallsUnderWay own;
+    return CallsUnderWay::areGone ? nullptr : &own.calls;
 }
 
 constexpr int notModified = 304;
@@ -52,7 +61,7 @@ Error HalvaneListingTask::initialize() {
 }
 
 void HalvaneListingTask::start() {
-    HalvaneListingTask* const other = callsUnderWay().value(d->key);
+    HalvaneListingTask* const other = callsUnderWay() ? callsUnderWay()->value(d->key) : nullptr;
     if (other && other->d->unsafeRequests == unsafeRequestsEnded()) {
         d->isFollower = true;
         other->d->followers.append(this);
@@ -64,7 +73,8 @@ void HalvaneListingTask::start() {
 void HalvaneListingTask::makeTheCall() {
     d->isFollower = false;
     d->unsafeRequests = unsafeRequestsEnded();
-    callsUnderWay().insert(d->key, this);
+    if (auto* const calls = callsUnderWay())
+        calls->insert(d->key, this);
     HalvaneTask::start();
 }
 
@@ -104,8 +114,8 @@ Error HalvaneListingTask::doFinish() {
 
 //! They hear of it from the event loop: what they do then may destroy this task.
 void HalvaneListingTask::tellFollowers() {
-    if (callsUnderWay().value(d->key) == this)
-        callsUnderWay().remove(d->key);
+    if (auto* const calls = callsUnderWay(); calls && calls->value(d->key) == this)
+        calls->remove(d->key);
     const bool isAnswer = d->result || (hasError() && !isCanceled());
     for (const auto& follower : std::exchange(d->followers, {})) {
         if (!follower)

@@ -85,7 +85,11 @@ protected:
             return Error(m_resources->pathError);
         if (retrieving && m_resources->retrieveError.hasError())
             return Error(m_resources->retrieveError);
-        return Path(QDir(m_resources->directory).filePath(reference()->name()));
+        const QString place =
+            m_resources->apart
+                ? QString::number(reference().dynamicCast<HalvaneResourceReference>()->id()) + u'/'
+                : QString();
+        return Path(QDir(m_resources->directory).filePath(place + reference()->name()));
     }
 
 private:

@@ -36,6 +36,8 @@ public:
     Error retrieveError; //!< of making the retrieval
     Error fetchError;    //!< of the retrieval itself
     bool holdFetch = false;
+    //! Every file has a place of its own, named after its id; paths of cache() then begin with that.
+    bool apart = false;
 
     int fetches = 0; //!< retrievals made
     int started = 0; //!< retrievals run
