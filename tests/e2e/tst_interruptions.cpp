@@ -43,7 +43,8 @@ protected:
     QList<QJsonObject> listing() { return client.mustRun({"--json", "ls", "/raw"}).objects(); }
 
     void expectContent(const QString& reference) {
-        client.mustRun({"get", reference, "--to", client.path("back"), "--if-exists", "overwrite"});
+        client.mustRun(
+            {"get", "--no-cache", reference, "--to", client.path("back"), "--if-exists", "overwrite"});
         EXPECT_TRUE(Client::contentOf(client.path("back")) == Client::contentOf(file));
     }
 
@@ -307,12 +308,30 @@ TEST_F(Interruptions, ADamagedChunkNeverCounts) {
     expectContent("/raw/run.mzML");
 }
 
-TEST_F(Interruptions, ADownloadGoesOnWhereItStopped) {
-    client.mustRun({"put", file, "--to", "/raw"});
-    client.makeFile("back", "what was there");
+// Both ways: through the cache, and without it.
+class InterruptedGet : public Interruptions, public ::testing::WithParamInterface<QStringList> {
+protected:
+    void SetUp() override {
+        Interruptions::SetUp();
+        client.mustRun({"put", "--no-cache", file, "--to", "/raw"});
+        client.makeFile("back", "what was there");
+    }
+
+    QStringList command() const {
+        return QStringList{"--json",      "get",      "/raw/run.mzML", "--to", client.path("back"),
+                           "--if-exists", "overwrite"} +
+               GetParam();
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(Get, InterruptedGet, ::testing::Values(QStringList{}, QStringList{"--no-cache"}),
+                         [](const auto& parameters) {
+                             return std::string(parameters.param.isEmpty() ? "ThroughTheCache" : "Directly");
+                         });
+
+TEST_P(InterruptedGet, ADownloadGoesOnWhereItStopped) {
     proxy->cutReplyBody({"GET", contentPath, 0, -1}, 1'200'000);
-    const QStringList get{"--json",      "get",      "/raw/run.mzML", "--to", client.path("back"),
-                          "--if-exists", "overwrite"};
+    const QStringList get = command();
     const Outcome first = client.run(get);
     const quint64 received = proxy->traffic("GET", contentPath).replyBytes;
     proxy->clearRules();
@@ -327,14 +346,44 @@ TEST_F(Interruptions, ADownloadGoesOnWhereItStopped) {
     EXPECT_EQ(client.filesIn(), (QStringList{"back", "run.mzML"}));
 }
 
-TEST_F(Interruptions, ADamagedDownloadNeverReachesItsName) {
-    client.mustRun({"put", file, "--to", "/raw"});
-    client.makeFile("back", "what was there");
+TEST_P(InterruptedGet, TheClientIsKilledDuringTheContent) {
+    proxy->cutReplyBody({"GET", contentPath}, 1'200'000);
+    const auto hold = proxy->holdReply({"GET", contentPath});
+    const auto process = client.start(command());
+    hold->waitUntilAnswered();
+    process->kill();
+    ASSERT_TRUE(process->waitForFinished());
+    hold->drop();
+    EXPECT_EQ(Client::contentOf(client.path("back")), "what was there");
+    const quint64 before = proxy->traffic("GET", contentPath).replyBytes;
+    EXPECT_EQ(client.mustRun(command()).object()["outcome"], "downloaded");
+    const quint64 fetched = proxy->traffic("GET", contentPath).replyBytes - before;
+    EXPECT_GT(fetched, 0u);
+    EXPECT_LE(fetched, quint64(QFileInfo(file).size() - 1'000'000));
+    EXPECT_TRUE(Client::contentOf(client.path("back")) == Client::contentOf(file));
+    EXPECT_EQ(client.filesIn(), (QStringList{"back", "run.mzML"}));
+}
+
+TEST_P(InterruptedGet, CtrlCEndsItAndSaysHowToGoOn) {
+    const auto hold = proxy->holdReply({"GET", contentPath});
+    const auto process = client.start(command());
+    hold->waitUntilAnswered();
+    ASSERT_EQ(::kill(pid_t(process->processId()), SIGINT), 0);
+    const Outcome interrupted = Client::finish(*process);
+    hold->drop();
+    EXPECT_EQ(interrupted.exitCode, 130);
+    EXPECT_EQ(interrupted.object()["error"], "Canceled");
+    EXPECT_THAT(interrupted.err.toStdString(), HasSubstr("Run the same command again"));
+    EXPECT_EQ(Client::contentOf(client.path("back")), "what was there");
+    EXPECT_EQ(client.mustRun(command()).object()["outcome"], "downloaded");
+}
+
+TEST_P(InterruptedGet, ADamagedDownloadNeverReachesItsName) {
     proxy->corruptReplyBody({"GET", contentPath, 0, -1}, 1'234'567);
-    const Outcome outcome = client.run(
-        {"--json", "get", "/raw/run.mzML", "--to", client.path("back"), "--if-exists", "overwrite"});
+    const Outcome outcome = client.run(command());
     EXPECT_EQ(outcome.exitCode, 13) << outcome.err.constData();
     EXPECT_EQ(outcome.object()["error"], "ChecksumMismatch");
+    EXPECT_EQ(client.mustRun({"cache", "ls"}).out, "");
     EXPECT_EQ(Client::contentOf(client.path("back")), "what was there");
     EXPECT_EQ(client.filesIn(), (QStringList{"back", "run.mzML"}));
 }

@@ -47,7 +47,7 @@ TEST_F(PutGet, ARealFileComesBackByteForByte) {
     EXPECT_EQ(uploaded["sha256"], sha256Of(Client::contentOf(source)));
 
     const QJsonObject fetched =
-        client.mustRun({"--json", "get", "/raw/2026/tiny.mzML", "--to", "."}).object();
+        client.mustRun({"--json", "get", "--no-cache", "/raw/2026/tiny.mzML", "--to", "."}).object();
     EXPECT_EQ(fetched["path"], QDir(client.path({})).canonicalPath() + "/tiny.mzML");
     EXPECT_EQ(fetched["sha256"], uploaded["sha256"]);
     EXPECT_EQ(fetched["id"], uploaded["id"]);
@@ -63,9 +63,12 @@ TEST_F(PutGet, FilesOfEverySizeComeBack) {
         const QString name = QStringLiteral("size-%1.bin").arg(size);
         const QString source = client.makeLargeFile(name, size, quint32(size + 7));
         EXPECT_EQ(put({source, "--to", "/raw/2026"})["size"].toInteger(), size);
-        client.mustRun(
-            {"get", "/raw/2026/" + name, "--to", client.path("back.bin"), "--if-exists", "overwrite"});
-        EXPECT_TRUE(Client::contentOf(client.path("back.bin")) == Client::contentOf(source)) << size;
+        for (const QStringList& options : {QStringList{"--no-cache"}, QStringList{}}) {
+            const QStringList get{"get",         "/raw/2026/" + name, "--to", client.path("back.bin"),
+                                  "--if-exists", "overwrite"};
+            client.mustRun(get + options);
+            EXPECT_TRUE(Client::contentOf(client.path("back.bin")) == Client::contentOf(source)) << size;
+        }
     }
 }
 
@@ -252,10 +255,14 @@ TEST_F(PutGet, OddNamesComeBackUnchanged) {
         EXPECT_EQ(uploaded["name"].toString(), name);
         EXPECT_EQ(client.mustRun({"--json", "ls", "/raw/2026/" + name}).object()["name"].toString(), name);
         ASSERT_TRUE(QFile::remove(source));
-        const QJsonObject fetched =
-            client.mustRun({"--json", "get", "/raw/2026/" + name, "--to", "."}).object();
-        EXPECT_EQ(fetched["path"].toString(), QDir(client.path({})).canonicalPath() + '/' + name);
-        EXPECT_EQ(Client::contentOf(source), name.toUtf8());
+        for (const QStringList& options : {QStringList{"--no-cache"}, QStringList{}}) {
+            const QStringList get{"--json", "get",         "/raw/2026/" + name, "--to",
+                                  ".",      "--if-exists", "overwrite"};
+            const QJsonObject fetched = client.mustRun(get + options).object();
+            EXPECT_EQ(fetched["path"].toString(), QDir(client.path({})).canonicalPath() + '/' + name);
+            EXPECT_EQ(fetched["from_cache"].toBool(), options.isEmpty());
+            EXPECT_EQ(Client::contentOf(source), name.toUtf8());
+        }
     }
     EXPECT_EQ(listing().size(), names.size());
     client.mustRun({"mkdir", QStringLiteral("/raw/2026/dir \U0001F9EA ")});

@@ -3,6 +3,7 @@
 #include <ExitCodes.h>
 #include <MakeFolderTask.h>
 #include <Profiles.h>
+#include <Quantities.h>
 #include <ResolveItemTask.h>
 
 #include <QStringDecoder>
@@ -46,6 +47,9 @@ struct RawArguments {
     bool checkVersion = false;
     std::vector<std::string> metadata;
     std::string ifExists = "fail";
+    bool withoutCache = false;
+    std::string maxSize;
+    std::string maxAge;
 };
 
 // A mistake in the arguments, on its way to the one place that reports it.
@@ -95,9 +99,11 @@ Examples:
   halvane get /raw/2026/run1.mzML --to .
 
 Environment:
-  HALVANE_PROFILE     the profile to use when --profile is not given
-  HALVANE_CONFIG_DIR  directory of settings, tokens, history and journal
-  HALVANE_CACHE_DIR   directory of the cache
+  HALVANE_PROFILE         the profile to use when --profile is not given
+  HALVANE_CONFIG_DIR      directory of settings, tokens, history and journal
+  HALVANE_CACHE_DIR       directory of the cache
+  HALVANE_CACHE_MAX_SIZE  what the cache may hold, such as 500M (default: 20G)
+  HALVANE_CACHE_MAX_AGE   how long it keeps what nobody uses, such as 12h (default: 90d)
 )";
 
 class Parser {
@@ -133,6 +139,8 @@ private:
         addFolderCommands();
         addPut();
         addGet();
+        addQuestions();
+        addCache();
     }
 
     CLI::App* addCommand(const char* name, const char* description, const char* examples) {
@@ -191,6 +199,7 @@ private:
         put->add_option("--metadata", m_raw.metadata, "Extended metadata of the file; may be repeated")
             ->allow_extra_args(false)
             ->type_name("KEY=VALUE");
+        put->add_flag("--no-cache", m_raw.withoutCache, "Do not keep a copy in the cache");
     }
 
     void addGet() {
@@ -206,6 +215,61 @@ private:
                         "When a file is there: fail (default), overwrite or skip")
             ->check(CLI::IsMember({"fail", "overwrite", "skip"}))
             ->type_name("WHAT");
+        get->add_flag("--no-cache", m_raw.withoutCache,
+                      "Fetch it from the server and keep no copy in the cache");
+    }
+
+    void addReference(CLI::App* command, const char* description) {
+        command->add_option("REF", m_raw.target, description)->required();
+    }
+
+    void addQuestions() {
+        addReference(addCommand("info", "Show what the server knows of a file or folder",
+                                "  halvane info /raw/2026/run1.mzML\n  halvane --json info folder:7\n"),
+                     "Remote path or reference");
+        addReference(addCommand("siblings", "List the files of a file's folder, the file itself included",
+                                "  halvane siblings file:12\n  halvane --json siblings /raw/run1.mzML\n"),
+                     "Remote path or reference of a file");
+        addReference(addCommand("exists", "Say yes (exit code 0) or no (exit code 6)",
+                                "  halvane exists /raw/2026/run1.mzML\n"
+                                "  halvane exists -q file:12@3 && echo there\n"),
+                     "Remote path or reference");
+        CLI::App* verify = addCommand("verify-name", "Compare a name with that of a file or folder",
+                                      "  halvane verify-name file:12 run1.mzML\n"
+                                      "  halvane verify-name folder:7 2026\n");
+        addReference(verify, "Remote path or reference");
+        verify->add_option("NAME", m_raw.name, "The name to be compared; letter case counts")->required();
+    }
+
+    CLI::App* addCacheCommand(const char* name, const char* description, const char* examples) {
+        CLI::App* command = m_app.get_subcommand("cache")->add_subcommand(name, description);
+        command->fallthrough();
+        command->footer(std::string("Examples:\n") + examples);
+        return command;
+    }
+
+    void addCache() {
+        CLI::App* cache = addCommand("cache", "Look after the copies that this machine keeps",
+                                     "  halvane cache ls\n  halvane cache prune --max-size 5G\n"
+                                     "  halvane cache pin /raw/2026/run1.mzML\n");
+        cache->require_subcommand(1);
+        addCacheCommand("ls", "List what is in the cache", "  halvane cache ls\n  halvane --json cache ls\n");
+        addReference(addCacheCommand("path", "Print where the copy of a file lies; it is not to be changed",
+                                     "  halvane cache path file:12@3\n"),
+                     "Remote path or reference");
+        addCacheCommand("verify", "Read everything and remove what is damaged", "  halvane cache verify\n");
+        CLI::App* prune = addCacheCommand("prune", "Remove what exceeds the limits, and leftovers",
+                                          "  halvane cache prune\n"
+                                          "  halvane cache prune --max-size 5G --max-age 30d\n");
+        prune->add_option("--max-size", m_raw.maxSize, "What may stay, such as 500M or 20G")->type_name("N");
+        prune->add_option("--max-age", m_raw.maxAge, "Since the last use, such as 12h or 30d")
+            ->type_name("D");
+        addReference(addCacheCommand("pin", "Keep a copy whatever the limits say",
+                                     "  halvane cache pin /raw/2026/run1.mzML\n"),
+                     "Remote path or reference");
+        addReference(addCacheCommand("unpin", "Let the limits apply to a copy again",
+                                     "  halvane cache unpin file:12@3\n"),
+                     "Remote path or reference");
     }
 
     CommandLineEnd endOf(const CLI::ParseError& error, int argc, char** argv) const {
@@ -246,7 +310,56 @@ private:
             return mkdir();
         if (name == "ls")
             return ls();
-        return name == "put" ? Command(put()) : Command(get());
+        if (name == "put")
+            return put();
+        if (name == "get")
+            return get();
+        if (name == "info")
+            return InfoCommand{reference()};
+        if (name == "siblings")
+            return SiblingsCommand{reference()};
+        if (name == "exists")
+            return ExistsCommand{reference()};
+        if (name == "verify-name")
+            return VerifyNameCommand{reference(), filledTextOf(m_raw.name, "NAME")};
+        return cache();
+    }
+
+    QString reference() const {
+        const QString text = filledTextOf(m_raw.target, "REF");
+        require(ResolveItemTask::checkText(text));
+        return text;
+    }
+
+    CacheCommand cache() const {
+        using Action = CacheCommand::Action;
+        static const std::map<std::string, Action> actions{
+            {"ls", Action::List},     {"path", Action::Path}, {"verify", Action::Verify},
+            {"prune", Action::Prune}, {"pin", Action::Pin},   {"unpin", Action::Unpin}};
+        const CLI::App* chosen = m_app.get_subcommand("cache")->get_subcommands().front();
+        CacheCommand command;
+        command.action = actions.at(chosen->get_name());
+        if (command.action == Action::Path || command.action == Action::Pin ||
+            command.action == Action::Unpin)
+            command.reference = reference();
+        if (command.action == Action::Prune)
+            command.limits = limits(*chosen);
+        return command;
+    }
+
+    orx::ResourceCache::Limits limits(const CLI::App& prune) const {
+        orx::ResourceCache::Limits limits;
+        if (prune.count("--max-size") > 0) {
+            const auto size = host::parseSize(textOf(m_raw.maxSize, "--max-size"));
+            require(size.error());
+            limits.maxBytes = size.value();
+        }
+        if (prune.count("--max-age") > 0) {
+            const auto age = host::parseAge(textOf(m_raw.maxAge, "--max-age"));
+            require(age.error());
+            limits.maxAge = age.value();
+        }
+        return limits;
     }
 
     LoginCommand login() const {
@@ -279,6 +392,7 @@ private:
         if (m_raw.newVersion)
             request.versioning = UploadRequest::Versioning::NewVersionByName;
         request.checkVersion = m_raw.checkVersion;
+        request.keepInCache = !m_raw.withoutCache;
         if (!m_raw.metadata.empty())
             request.metadata = metadata();
         return command;
@@ -301,6 +415,7 @@ private:
         command.request.source = filledTextOf(m_raw.target, "REF");
         require(ResolveItemTask::checkText(command.request.source));
         command.request.targetPath = filledTextOf(m_raw.path, "--to");
+        command.request.useCache = !m_raw.withoutCache;
         if (m_raw.ifExists == "overwrite")
             command.request.ifExists = DownloadRequest::IfExists::Overwrite;
         else if (m_raw.ifExists == "skip")

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <DownloadFileJob.h>
+#include <ResourceCache.h>
 #include <UploadFileJob.h>
 
 #include <QUrl>
@@ -40,8 +41,31 @@ struct GetCommand {
     host::DownloadRequest request;
 };
 
+struct InfoCommand {
+    QString reference;
+};
+struct SiblingsCommand {
+    QString reference;
+};
+struct ExistsCommand {
+    QString reference;
+};
+struct VerifyNameCommand {
+    QString reference;
+    QString name;
+};
+struct CacheCommand {
+    enum class Action { List, Path, Verify, Prune, Pin, Unpin };
+    Action action = Action::List;
+    //! For Path, Pin and Unpin.
+    QString reference;
+    //! For Prune: instead of the cache's own, where given.
+    orx::ResourceCache::Limits limits;
+};
+
 using Command =
-    std::variant<LoginCommand, LogoutCommand, WhoAmICommand, MkdirCommand, LsCommand, PutCommand, GetCommand>;
+    std::variant<LoginCommand, LogoutCommand, WhoAmICommand, MkdirCommand, LsCommand, PutCommand, GetCommand,
+                 InfoCommand, SiblingsCommand, ExistsCommand, VerifyNameCommand, CacheCommand>;
 
 //! What the arguments ask for.
 struct CommandLine {

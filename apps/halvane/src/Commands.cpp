@@ -4,14 +4,13 @@
 #include "Output.h"
 #include "PasswordInput.h"
 #include "ProgressReport.h"
-#include "TextForms.h"
+#include "Runner.h"
 
 #include <ErrorText.h>
 #include <ExitCodes.h>
 #include <ListItemsTask.h>
 #include <MakeFolderTask.h>
 #include <RunUntilIdle.h>
-#include <Session.h>
 
 #include <QFileInfo>
 
@@ -26,6 +25,7 @@ using host::MakeFolderTask;
 using host::Profile;
 using host::Profiles;
 using host::RemoteItem;
+using host::Resources;
 using host::Session;
 using host::UploadFileJob;
 using orx::Error;
@@ -42,29 +42,7 @@ QString withSummary(const QString& text, const QString& summary) {
     return summary.isEmpty() ? text : text + QStringLiteral(", ") + summary;
 }
 
-class Runner {
-public:
-    Runner(const CommandLine& commandLine, const Output& output, Interruption& interruption)
-        : m_global(commandLine.global), m_output(output), m_interruption(interruption) {}
-
-    int operator()(const LoginCommand& command);
-    int operator()(const LogoutCommand& command);
-    int operator()(const WhoAmICommand& command);
-    int operator()(const MkdirCommand& command);
-    int operator()(const LsCommand& command);
-    int operator()(const PutCommand& command);
-    int operator()(const GetCommand& command);
-
-private:
-    Error run(orx::BaseTask& task);
-    //! An interrupted transfer can go on later; says so. \a summary is what was moved, empty for nothing.
-    int transferFailed(const Error& error, const QString& summary);
-    void warnOfPlainHttp(const QUrl& url) const;
-
-    GlobalOptions m_global;
-    const Output& m_output;
-    Interruption& m_interruption;
-};
+} // namespace
 
 Error Runner::run(orx::BaseTask& task) {
     m_interruption.watch(&task);
@@ -84,6 +62,13 @@ int Runner::transferFailed(const Error& error, const QString& summary) {
     if (canGoOn && !summary.isEmpty())
         return m_output.error(error, host::joinedSentences(host::errorText(error), goOn));
     return m_output.error(error);
+}
+
+Result<std::unique_ptr<Resources>> Runner::startResources() {
+    auto resources = Resources::start();
+    ORX_RETURN_ON_ERROR(resources.error());
+    ORX_RETURN_ON_ERROR(Session::open(m_global.profile).error());
+    return resources;
 }
 
 void Runner::warnOfPlainHttp(const QUrl& url) const {
@@ -167,8 +152,9 @@ int Runner::operator()(const LsCommand& command) {
 int Runner::operator()(const PutCommand& command) {
     if (const Error error = UploadFileJob::checkLocalFile(command.request.localPath); error.hasError())
         return m_output.error(error);
-    if (const auto session = Session::open(m_global.profile); session.hasError())
-        return m_output.error(session.error());
+    const auto resources = startResources();
+    if (resources.hasError())
+        return m_output.error(resources.error());
     const QFileInfo file(command.request.localPath);
     UploadFileJob job(command.request);
     QString summary;
@@ -187,13 +173,29 @@ int Runner::operator()(const PutCommand& command) {
     m_output.item(job.item(), file.absoluteFilePath(),
                   job.foundCommitted() ? QStringLiteral("found") : QStringLiteral("uploaded"),
                   withSummary(text, summary));
+    waitForCache((*resources)->cache());
     return int(ExitCode::Success);
 }
 
+// The file is safe on the server; its copy here is a convenience that may fail or be given up.
+void Runner::waitForCache(orx::ResourceCache& cache) {
+    m_interruption.watch([&cache] { cache.dropPending(); });
+    const QStringList failures = cache.waitForPending();
+    m_interruption.watch(std::function<void()>());
+    if (Interruption::wasRequested())
+        return;
+    for (const QString& failure : failures)
+        m_output.warnings({QStringLiteral("The file is on the server, but no copy of it is in the cache: %1")
+                               .arg(failure)});
+}
+
 int Runner::operator()(const GetCommand& command) {
-    if (const auto session = Session::open(m_global.profile); session.hasError())
-        return m_output.error(session.error());
-    DownloadFileJob job(command.request);
+    const auto resources = startResources();
+    if (resources.hasError())
+        return m_output.error(resources.error());
+    host::DownloadRequest request = command.request;
+    request.maxCachedBytes = (*resources)->limits().maxBytes;
+    DownloadFileJob job(request);
     QString summary;
     Error error;
     {
@@ -208,13 +210,12 @@ int Runner::operator()(const GetCommand& command) {
         m_output.item(job.item(), job.localPath(), QStringLiteral("skipped"),
                       QStringLiteral("%1 is there already, nothing was fetched").arg(shownPath));
     else
-        m_output.item(
-            job.item(), job.localPath(), QStringLiteral("downloaded"),
-            withSummary(QStringLiteral("%1 -> %2").arg(job.item().reference(), shownPath), summary));
+        m_output.item(job.item(), job.localPath(), QStringLiteral("downloaded"),
+                      withSummary(QStringLiteral("%1 -> %2").arg(job.item().reference(), shownPath),
+                                  job.wasInCache() ? QStringLiteral("from the cache") : summary),
+                      {{QStringLiteral("from_cache"), job.wasInCache()}});
     return int(ExitCode::Success);
 }
-
-} // namespace
 
 int runCommand(const CommandLine& commandLine, const Output& output, Interruption& interruption) {
     return std::visit(Runner(commandLine, output, interruption), commandLine.command);

@@ -68,12 +68,20 @@ void Interruption::watch(orx::BaseTask* task) {
         m_task->cancel();
 }
 
+void Interruption::watch(std::function<void()> onRequest) {
+    m_onRequest = std::move(onRequest);
+    if (wasRequested() && m_onRequest)
+        m_onRequest();
+}
+
 void Interruption::onReadable() {
     char byte = 0;
     while (::read(pipeEnds[0], &byte, 1) == 1) {
     }
     if (m_task)
         m_task->cancel();
+    if (m_onRequest)
+        m_onRequest();
 }
 
 } // namespace halvane::cli

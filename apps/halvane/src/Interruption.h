@@ -6,6 +6,7 @@
 #include <QPointer>
 #include <QSocketNotifier>
 
+#include <functional>
 #include <memory>
 
 namespace halvane::cli {
@@ -24,12 +25,16 @@ public:
     static bool waitForInput(int descriptor);
     //! The task to cancel when a signal comes; cancelled at once when one has come already. Not owned.
     void watch(orx::BaseTask* task);
+    //! What to do when a signal comes, instead of cancelling a task: called from the event loop, at once when
+    //! a signal has come already. An empty function ends that.
+    void watch(std::function<void()> onRequest);
 
 private:
     void onReadable();
 
     std::unique_ptr<QSocketNotifier> m_notifier;
     QPointer<orx::BaseTask> m_task;
+    std::function<void()> m_onRequest;
 };
 
 } // namespace halvane::cli

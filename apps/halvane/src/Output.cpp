@@ -39,32 +39,7 @@ void writeJson(const QJsonObject& object) {
     writeLine(stdout, QJsonDocument(object).toJson(QJsonDocument::Compact));
 }
 
-QJsonValue timeValue(const QDateTime& time) {
-    return time.isValid() ? QJsonValue(time.toUTC().toString(Qt::ISODateWithMs)) : QJsonValue();
-}
-
-QJsonObject jsonOf(const RemoteItem& item, const QString& path) {
-    QJsonObject object{
-        {QStringLiteral("type"), item.isFile() ? QStringLiteral("file") : QStringLiteral("folder")},
-        {QStringLiteral("id"), item.id},
-        {QStringLiteral("name"), item.name},
-        {QStringLiteral("path"), path},
-        {QStringLiteral("reference"), item.reference()},
-        {QStringLiteral("version"), QJsonValue()},
-        {QStringLiteral("size"), QJsonValue()},
-        {QStringLiteral("sha256"), QJsonValue()}};
-    if (item.isFolder())
-        return object;
-    object[QStringLiteral("version")] = item.version;
-    object[QStringLiteral("size")] = item.size;
-    if (!item.sha256.isEmpty())
-        object[QStringLiteral("sha256")] = item.sha256;
-    object[QStringLiteral("alias")] = item.alias;
-    object[QStringLiteral("modified_at")] = timeValue(item.modifiedAt);
-    return object;
-}
-
-QJsonObject jsonOf(const orx::HalvaneUser& user) {
+QJsonObject userObject(const orx::HalvaneUser& user) {
     QJsonArray groups;
     for (const orx::HalvaneUser::Group& group : user.groups)
         groups.append(QJsonObject{{QStringLiteral("id"), group.id}, {QStringLiteral("name"), group.name}});
@@ -95,6 +70,31 @@ QStringList aligned(const QList<QStringList>& rows) {
 
 } // namespace
 
+QJsonValue Output::jsonOf(const QDateTime& time) {
+    return time.isValid() ? QJsonValue(time.toUTC().toString(Qt::ISODateWithMs)) : QJsonValue();
+}
+
+QJsonObject Output::jsonOf(const RemoteItem& item, const QString& path) {
+    QJsonObject object{
+        {QStringLiteral("type"), item.isFile() ? QStringLiteral("file") : QStringLiteral("folder")},
+        {QStringLiteral("id"), item.id},
+        {QStringLiteral("name"), item.name},
+        {QStringLiteral("path"), path},
+        {QStringLiteral("reference"), item.reference()},
+        {QStringLiteral("version"), QJsonValue()},
+        {QStringLiteral("size"), QJsonValue()},
+        {QStringLiteral("sha256"), QJsonValue()}};
+    if (item.isFolder())
+        return object;
+    object[QStringLiteral("version")] = item.version;
+    object[QStringLiteral("size")] = item.size;
+    if (!item.sha256.isEmpty())
+        object[QStringLiteral("sha256")] = item.sha256;
+    object[QStringLiteral("alias")] = item.alias;
+    object[QStringLiteral("modified_at")] = jsonOf(item.modifiedAt);
+    return object;
+}
+
 Output::Output(const GlobalOptions& options)
     : m_options(options), m_terminal(::isatty(STDOUT_FILENO) || ::isatty(STDERR_FILENO)) {}
 
@@ -102,13 +102,25 @@ QString Output::shown(const QString& name) const {
     return printable(name, m_terminal ? Escaping::AlsoDirectionMarks : Escaping::ControlCharacters);
 }
 
-void Output::item(const RemoteItem& item, const QString& path, const QString& outcome,
-                  const QString& text) const {
-    if (!m_options.json)
-        return writeText(stdout, text);
+void Output::item(const RemoteItem& item, const QString& path, const QString& outcome, const QString& text,
+                  const QJsonObject& more) const {
     QJsonObject object = jsonOf(item, path);
     object[QStringLiteral("outcome")] = outcome;
-    writeJson(object);
+    for (auto key = more.begin(); key != more.end(); ++key)
+        object[key.key()] = key.value();
+    result(object, text);
+}
+
+void Output::result(const QJsonObject& object, const QString& text) const {
+    if (m_options.json)
+        writeJson(object);
+    else if (!text.isEmpty())
+        writeText(stdout, text);
+}
+
+void Output::table(const QList<QStringList>& rows) const {
+    for (const QString& line : aligned(rows))
+        writeText(stdout, line);
 }
 
 void Output::listing(const QList<RemoteItem>& items, bool longFormat) const {
@@ -127,17 +139,16 @@ void Output::listing(const QList<RemoteItem>& items, bool longFormat) const {
                          timeText(item.modifiedAt),
                          item.createdBy.isEmpty() ? QStringLiteral("-") : shown(item.createdBy), name});
     }
-    for (const QString& line : aligned(rows))
-        writeText(stdout, line);
+    table(rows);
 }
 
 void Output::session(const host::Profile& profile, const orx::HalvaneUser& user, const QDateTime& expiresAt,
                      const QString& outcome) const {
     if (m_options.json) {
-        QJsonObject object = jsonOf(user);
+        QJsonObject object = userObject(user);
         object[QStringLiteral("server")] = profile.url.toString();
         object[QStringLiteral("profile")] = profile.name;
-        object[QStringLiteral("token_expires_at")] = timeValue(expiresAt);
+        object[QStringLiteral("token_expires_at")] = jsonOf(expiresAt);
         object[QStringLiteral("outcome")] = outcome;
         return writeJson(object);
     }

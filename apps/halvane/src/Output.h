@@ -21,14 +21,23 @@ public:
 
     //! One item concerned. \a path is the local path (put, get) or the remote one. \a outcome is a word for
     //! scripts ("uploaded", "downloaded", "skipped", "created", "exists", "listed"); \a text the line for
-    //! people.
-    void item(const host::RemoteItem& item, const QString& path, const QString& outcome,
-              const QString& text) const;
+    //! people. \a more: further keys.
+    void item(const host::RemoteItem& item, const QString& path, const QString& outcome, const QString& text,
+              const QJsonObject& more = {}) const;
     //! The lines of a listing.
     void listing(const QList<host::RemoteItem>& items, bool longFormat) const;
     void session(const host::Profile& profile, const orx::HalvaneUser& user, const QDateTime& expiresAt,
                  const QString& outcome) const;
     void loggedOut(const host::Profile& profile) const;
+    //! A result of its own kind: \a object with --json, else \a text; an empty text prints nothing.
+    void result(const QJsonObject& object, const QString& text) const;
+    //! Rows in columns that line up; the cells are shown as they are: escape them before.
+    void table(const QList<QStringList>& rows) const;
+    bool isJson() const { return m_options.json; }
+    //! The keys that every item has.
+    static QJsonObject jsonOf(const host::RemoteItem& item, const QString& path);
+    //! ISO 8601 in UTC; null for an invalid time.
+    static QJsonValue jsonOf(const QDateTime& time);
     //! Warnings are printed with --quiet too.
     void warnings(const orx::Warnings& warnings) const;
     //! Prints the error; returns its exit code.

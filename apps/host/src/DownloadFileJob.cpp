@@ -1,8 +1,12 @@
 #include "DownloadFileJob.h"
 
+#include "CachedDownloadTask.h"
+#include "ErrorText.h"
+#include "RemotePath.h"
 #include "ResolveItemTask.h"
 
 #include <HalvaneDownloadFileTask.h>
+#include <ResourceManager.h>
 
 #include <QFileInfo>
 
@@ -94,6 +98,41 @@ void DownloadFileJob::onResolved(const RemoteItem& item) {
 }
 
 void DownloadFileJob::download() {
+    if (canUseCache())
+        downloadThroughCache();
+    else
+        downloadDirectly();
+}
+
+bool DownloadFileJob::canUseCache() {
+    // The name of the entry is that on the server.
+    if (!m_request.useCache || !orx::ResourceManager::cache() || !isUsableLocalName(m_item.name))
+        return false;
+    if (!m_request.maxCachedBytes || m_item.size <= *m_request.maxCachedBytes)
+        return true;
+    addWarning(
+        QStringLiteral("\"%1\" is larger than the cache may be and comes down without it.").arg(m_item.name));
+    return false;
+}
+
+void DownloadFileJob::downloadThroughCache() {
+    const bool overwrite = m_request.ifExists == DownloadRequest::IfExists::Overwrite;
+    auto task = std::make_unique<CachedDownloadTask>(
+        m_item, localPath(), overwrite ? orx::FileCopy::IfExists::Replace : orx::FileCopy::IfExists::Fail);
+    CachedDownloadTask* raw = task.get();
+    const auto onFailure = [this, raw](orx::BaseTask*) {
+        if (!raw->cacheFailed())
+            return finish(raw->error());
+        addWarning(QStringLiteral("The cache could not be used, the file comes down without it: %1")
+                       .arg(errorText(raw->error())));
+        downloadDirectly();
+    };
+    execSubtask(
+        std::unique_ptr<orx::BaseTask>(std::move(task)),
+        [this, raw](orx::BaseTask*) { m_wasInCache = raw->wasInCache(); }, onFailure);
+}
+
+void DownloadFileJob::downloadDirectly() {
     const auto reference = HalvaneFileResourceReference::create(m_item.id, m_item.version, m_item.name);
     if (reference.hasError())
         return finish(reference.error());

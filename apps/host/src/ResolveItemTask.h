@@ -27,6 +27,8 @@ public:
     const RemoteItem& item() const { return m_item; }
     //! Whether the text asked for one version of a file.
     bool versionWasGiven() const { return m_versionWasGiven; }
+    //! After a failure: several siblings answer to the path.
+    bool foundSeveral() const { return m_candidates.size() > 1; }
 
     //! The check of the text alone, without a call.
     static orx::Error checkText(const QString& text);

@@ -167,6 +167,7 @@ void UploadFileJob::putMetadata(const HalvaneApiReference& file) {
 void UploadFileJob::upload() {
     std::unique_ptr<HalvaneFileUploadTask> task = HalvaneFileUploadTask::create(m_parameters);
     HalvaneFileUploadTask* raw = task.get();
+    raw->setCachedOnFinished(m_request.keepInCache);
     const auto onSuccess = [this, raw](BaseTask*) {
         if (const auto uploaded = raw->uploadedFile())
             return describe(uploaded->reference());

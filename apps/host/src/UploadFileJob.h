@@ -25,6 +25,8 @@ struct UploadRequest {
     bool checkVersion = false;
     //! Absent: the file's extended metadata stays; present: it is replaced.
     std::optional<QList<orx::HalvaneCompactExtendedMetaDataValue>> metadata;
+    //! Begin to copy the file into the cache once the server has it.
+    bool keepInCache = true;
 };
 
 //! Uploads one local file. First settles what an interrupted run of the same upload left behind: when the

@@ -1,0 +1,437 @@
+// What the commands ask the resource framework: metadata, existence, names, and the cache.
+#include "Interruption.h"
+#include "Output.h"
+#include "Runner.h"
+#include "TextForms.h"
+
+#include <ErrorText.h>
+#include <ExitCodes.h>
+#include <HalvaneError.h>
+#include <HalvaneFileResourceMetadata.h>
+#include <HalvaneFolderResourceMetadata.h>
+#include <HalvaneResourceHandler.h>
+#include <ResolveItemTask.h>
+#include <WorkerStepTask.h>
+
+#include <QJsonArray>
+
+#include <cstdlib>
+
+namespace halvane::cli {
+
+using host::ExitCode;
+using host::RemoteItem;
+using host::ResolveItemTask;
+using host::Resources;
+using orx::Error;
+using orx::ErrorCode;
+using orx::HalvaneFileResourceMetadata;
+using orx::HalvaneFolderPrivilegeType;
+using orx::HalvaneFolderResourceMetadata;
+using orx::HalvaneReferenceText;
+using orx::HalvaneResourceMetadata;
+using orx::ResourceCache;
+using orx::ResourceCacheEntry;
+using orx::ResourceCleanupPolicy;
+using orx::Result;
+
+namespace {
+
+QString nameOf(HalvaneFolderPrivilegeType privilege) {
+    switch (privilege) {
+    case HalvaneFolderPrivilegeType::Read:
+        return QStringLiteral("read");
+    case HalvaneFolderPrivilegeType::AddFiles:
+        return QStringLiteral("add_files");
+    case HalvaneFolderPrivilegeType::CreateFolders:
+        return QStringLiteral("create_folders");
+    case HalvaneFolderPrivilegeType::Remove:
+        return QStringLiteral("remove");
+    case HalvaneFolderPrivilegeType::Manage:
+        return QStringLiteral("manage");
+    }
+    return QString::number(int(privilege));
+}
+
+QStringList textsOf(const QList<int>& numbers) {
+    QStringList texts;
+    for (const int number : numbers)
+        texts.append(QString::number(number));
+    return texts;
+}
+
+template <typename List>
+QJsonArray arrayOf(const List& values) {
+    QJsonArray array;
+    for (const auto& value : values)
+        array.append(value);
+    return array;
+}
+
+QStringList privilegesOf(const HalvaneFolderResourceMetadata& folder) {
+    QList<HalvaneFolderPrivilegeType> privileges = folder.privileges().values();
+    std::sort(privileges.begin(), privileges.end());
+    QStringList names;
+    for (const HalvaneFolderPrivilegeType privilege : privileges)
+        names.append(nameOf(privilege));
+    return names;
+}
+
+QString pathOf(const RemoteItem& item, const HalvaneResourceMetadata& metadata) {
+    if (item.id == RemoteItem::root().id && item.isFolder())
+        return RemoteItem::root().path;
+    const QString path = metadata.fullPath();
+    return path.startsWith(u'/') ? path : u'/' + path;
+}
+
+// What files and folders have in common, and what only one of them has.
+QJsonObject jsonOf(const RemoteItem& item, const HalvaneResourceMetadata& metadata) {
+    QJsonObject object = Output::jsonOf(item, pathOf(item, metadata));
+    object[QStringLiteral("ids_path")] = arrayOf(metadata.idsPath());
+    object[QStringLiteral("file_type")] = metadata.type()->name;
+    if (const auto* file = dynamic_cast<const HalvaneFileResourceMetadata*>(&metadata)) {
+        const orx::HalvaneFileItem record = file->fileItem();
+        object[QStringLiteral("parent_id")] = record.folderId();
+        object[QStringLiteral("last_version")] = record.lastVersion();
+        object[QStringLiteral("created_by")] = item.createdBy;
+        object[QStringLiteral("created_at")] = Output::jsonOf(record.createdAt());
+    } else if (const auto* folder = dynamic_cast<const HalvaneFolderResourceMetadata*>(&metadata)) {
+        object[QStringLiteral("parent_id")] = folder->parentId();
+        object[QStringLiteral("group_ids")] = arrayOf(folder->userGroups());
+        object[QStringLiteral("privileges")] = arrayOf(privilegesOf(*folder));
+    }
+    return object;
+}
+
+QString policyText(ResourceCleanupPolicy policy) {
+    return policy == ResourceCleanupPolicy::Keep ? QStringLiteral("pinned") : QStringLiteral("-");
+}
+
+QJsonObject jsonOf(const ResourceCacheEntry& entry, ResourceCache& cache) {
+    const auto path = cache.expectedPath(entry.subPath);
+    return {{QStringLiteral("type"), QStringLiteral("cache_entry")},
+            {QStringLiteral("sub_path"), entry.subPath},
+            {QStringLiteral("path"), path ? QJsonValue(path->toString()) : QJsonValue()},
+            {QStringLiteral("size"), entry.bytes},
+            {QStringLiteral("files"), entry.files},
+            {QStringLiteral("sha256"), entry.sha256.isEmpty() ? QJsonValue() : QJsonValue(entry.sha256)},
+            {QStringLiteral("added_at"), Output::jsonOf(entry.addedAt)},
+            {QStringLiteral("last_used_at"), Output::jsonOf(entry.lastUsedAt)},
+            {QStringLiteral("pinned"), entry.policy == ResourceCleanupPolicy::Keep}};
+}
+
+} // namespace
+
+Error Runner::runOnWorker(const QString& name, std::function<Error()> job) {
+    orx::WorkerStepTask task(name, std::move(job));
+    return run(task);
+}
+
+Result<RemoteItem> Runner::resolve(const QString& reference, bool onlyFiles) {
+    ResolveItemTask task(reference, onlyFiles ? ResolveItemTask::Wanted::File : ResolveItemTask::Wanted::Any);
+    ORX_RETURN_ON_ERROR(run(task));
+    return task.item();
+}
+
+int Runner::operator()(const InfoCommand& command) {
+    const auto resources = startResources();
+    if (resources.hasError())
+        return m_output.error(resources.error());
+    const auto item = resolve(command.reference);
+    if (item.hasError())
+        return m_output.error(item.error());
+    const auto handler = host::handlerOf(item.value());
+    if (handler.hasError())
+        return m_output.error(handler.error());
+    const std::unique_ptr<orx::Task> task = (*handler)->retrieveMetadataAsync();
+    if (const Error error = run(*task); error.hasError())
+        return m_output.error(error);
+    const auto metadata =
+        orx::ResourceMetadata::fromVariant(task->variantResult()).dynamicCast<HalvaneResourceMetadata>();
+    if (!metadata)
+        return m_output.error(
+            Error(ErrorCode::General,
+                  QStringLiteral("The metadata of \"%1\" did not come.").arg(command.reference)));
+    if (m_output.isJson())
+        m_output.result(jsonOf(item.value(), *metadata), QString());
+    else
+        m_output.table(infoRows(item.value(), *metadata));
+    return int(ExitCode::Success);
+}
+
+QList<QStringList> Runner::infoRows(const RemoteItem& item, const HalvaneResourceMetadata& metadata) const {
+    const QStringList ids = textsOf(metadata.idsPath());
+    QList<QStringList> rows{
+        {QStringLiteral("reference"), item.reference()},
+        {QStringLiteral("path"), m_output.shown(pathOf(item, metadata))},
+        {QStringLiteral("path by ids"), ids.join(u'/')},
+    };
+    if (const auto* file = dynamic_cast<const HalvaneFileResourceMetadata*>(&metadata)) {
+        const orx::HalvaneFileItem record = file->fileItem();
+        rows.append({{QStringLiteral("folder"), QStringLiteral("folder:%1").arg(record.folderId())},
+                     {QStringLiteral("file type"), metadata.type()->name},
+                     {QStringLiteral("version"),
+                      QStringLiteral("%1 of %2").arg(item.version).arg(record.lastVersion())},
+                     {QStringLiteral("size"),
+                      QStringLiteral("%1 (%2 bytes)").arg(bytesText(item.size), QString::number(item.size))},
+                     {QStringLiteral("sha256"), item.sha256},
+                     {QStringLiteral("alias"),
+                      item.alias.isEmpty() ? QStringLiteral("-") : m_output.shown(item.alias)},
+                     {QStringLiteral("created"), timeText(record.createdAt())},
+                     {QStringLiteral("this version"),
+                      timeText(item.modifiedAt) + QStringLiteral(" by ") + m_output.shown(item.createdBy)}});
+    } else if (const auto* folder = dynamic_cast<const HalvaneFolderResourceMetadata*>(&metadata)) {
+        const QString groups = textsOf(folder->userGroups()).join(QStringLiteral(", "));
+        const QString parent = folder->parentId() < 0 ? QStringLiteral("-")
+                                                      : QStringLiteral("folder:%1").arg(folder->parentId());
+        rows.append({{QStringLiteral("folder"), parent},
+                     {QStringLiteral("groups"), groups.isEmpty() ? QStringLiteral("-") : groups},
+                     {QStringLiteral("you may"), privilegesOf(*folder).join(QStringLiteral(", "))}});
+    }
+    return rows;
+}
+
+int Runner::operator()(const SiblingsCommand& command) {
+    const auto resources = startResources();
+    if (resources.hasError())
+        return m_output.error(resources.error());
+    const auto item = resolve(command.reference, true);
+    if (item.hasError())
+        return m_output.error(item.error());
+    const auto handler = host::handlerOf(item.value());
+    if (handler.hasError())
+        return m_output.error(handler.error());
+    const auto task = (*handler)->siblings();
+    if (task.hasError())
+        return m_output.error(task.error());
+    if (const Error error = run(**task); error.hasError())
+        return m_output.error(error);
+    printSiblings((*task)->siblings());
+    return int(ExitCode::Success);
+}
+
+void Runner::printSiblings(const QList<orx::ResourceReferenceSPtr>& siblings) const {
+    QList<QStringList> rows;
+    for (const auto& sibling : siblings) {
+        const auto file = sibling.dynamicCast<orx::HalvaneFileResourceReference>();
+        if (!file)
+            continue;
+        rows.append({file->toText(), m_output.shown(file->name())});
+        if (m_output.isJson())
+            m_output.result({{QStringLiteral("type"), QStringLiteral("file")},
+                             {QStringLiteral("id"), file->id()},
+                             {QStringLiteral("version"), file->version()},
+                             {QStringLiteral("name"), file->name()},
+                             {QStringLiteral("reference"), file->toText()}},
+                            QString());
+    }
+    if (!m_output.isJson())
+        m_output.table(rows);
+}
+
+// A reference without a version is asked for directly; anything else exists when it can be resolved, or
+// would be had one only to choose.
+Result<bool> Runner::exists(const QString& reference) {
+    if (HalvaneReferenceText::looksLikeReference(reference)) {
+        const auto parsed = HalvaneReferenceText::parse(reference);
+        ORX_RETURN_ON_ERROR(parsed.error());
+        if (parsed->version == 0)
+            return existsById(*parsed, reference);
+    }
+    ResolveItemTask task(reference, ResolveItemTask::Wanted::Any);
+    const Error error = run(task);
+    if (task.foundSeveral())
+        return true;
+    if (isHalvaneError(error, orx::HalvaneServerErrorCode::NotFound))
+        return false;
+    ORX_RETURN_ON_ERROR(error);
+    return true;
+}
+
+Result<bool> Runner::existsById(const HalvaneReferenceText& reference, const QString& text) {
+    RemoteItem item;
+    item.type = reference.itemType;
+    item.id = reference.id;
+    // Neither is looked at; a reference has them all the same.
+    item.version = 1;
+    item.name = text;
+    const auto handler = host::handlerOf(item);
+    ORX_RETURN_ON_ERROR(handler.error());
+    const std::unique_ptr<orx::Task> task = (*handler)->existsAsync();
+    ORX_RETURN_ON_ERROR(run(*task));
+    return task->variantResult().toBool();
+}
+
+int Runner::operator()(const ExistsCommand& command) {
+    const auto resources = startResources();
+    if (resources.hasError())
+        return m_output.error(resources.error());
+    const auto answer = exists(command.reference);
+    if (answer.hasError())
+        return m_output.error(answer.error());
+    const QString text = answer.value() ? QStringLiteral("yes") : QStringLiteral("no");
+    m_output.result({{QStringLiteral("type"), QStringLiteral("existence")},
+                     {QStringLiteral("asked"), command.reference},
+                     {QStringLiteral("exists"), answer.value()}},
+                    m_global.quiet ? QString() : text);
+    return int(answer.value() ? ExitCode::Success : ExitCode::NotFoundOnServer);
+}
+
+int Runner::operator()(const VerifyNameCommand& command) {
+    const auto resources = startResources();
+    if (resources.hasError())
+        return m_output.error(resources.error());
+    const auto item = resolve(command.reference);
+    if (item.hasError())
+        return m_output.error(item.error());
+    const auto reference = host::referenceOf(item.value(), command.name);
+    if (reference.hasError())
+        return m_output.error(reference.error());
+    // The check blocks; it changes nothing, so that a signal may end the program in the middle of it.
+    m_interruption.watch([this] {
+        const Error interrupted(ErrorCode::Canceled, QStringLiteral("Interrupted."));
+        std::_Exit(m_output.error(interrupted));
+    });
+    const Error error = orx::HalvaneResourceHandler::verifyResourceName(reference.value());
+    m_interruption.watch(std::function<void()>());
+    if (error.hasError())
+        return m_output.error(error);
+    m_output.result(
+        {{QStringLiteral("type"), QStringLiteral("name")},
+         {QStringLiteral("name"), command.name},
+         {QStringLiteral("reference"), item->reference()},
+         {QStringLiteral("matches"), true}},
+        m_global.quiet ? QString()
+                       : QStringLiteral("%1 is \"%2\"").arg(item->reference(), m_output.shown(command.name)));
+    return int(ExitCode::Success);
+}
+
+// ---- the cache
+
+int Runner::operator()(const CacheCommand& command) {
+    using Action = CacheCommand::Action;
+    if (command.action == Action::Path || command.action == Action::Pin || command.action == Action::Unpin)
+        return withCopy(command);
+    // No server is asked, and nobody needs to be logged in.
+    const auto resources = Resources::start();
+    if (resources.hasError())
+        return m_output.error(resources.error());
+    ResourceCache& cache = (*resources)->cache();
+    if (command.action == Action::List)
+        return listCache(cache);
+    return command.action == Action::Verify ? verifyCache(cache) : pruneCache(cache, command.limits);
+}
+
+int Runner::withCopy(const CacheCommand& command) {
+    const auto resources = startResources();
+    if (resources.hasError())
+        return m_output.error(resources.error());
+    const auto item = resolve(command.reference);
+    if (item.hasError())
+        return m_output.error(item.error());
+    const auto handler = host::handlerOf(item.value());
+    if (handler.hasError())
+        return m_output.error(handler.error());
+    if (!(*handler)->isAvailableLocally())
+        return m_output.error(
+            Error(ErrorCode::NotFound,
+                  QStringLiteral("\"%1\" (%2) is not in the cache; \"halvane get\" brings files there.")
+                      .arg(item->name, item->reference())));
+    if (command.action != CacheCommand::Action::Path) {
+        const bool pin = command.action == CacheCommand::Action::Pin;
+        const Error error = (*handler)->setCleanupPolicy(pin ? ResourceCleanupPolicy::Keep
+                                                             : ResourceCleanupPolicy::Automatic);
+        if (error.hasError())
+            return m_output.error(error);
+    }
+    const auto path = (*handler)->expectedPath();
+    if (path.hasError())
+        return m_output.error(path.error());
+    const auto policy = (*handler)->cleanupPolicy();
+    if (policy.hasError())
+        return m_output.error(policy.error());
+    const bool pinned = policy.value() == ResourceCleanupPolicy::Keep;
+    QString text = m_output.shown(path->toString());
+    if (command.action != CacheCommand::Action::Path)
+        text = QStringLiteral("%1 %2").arg(pinned ? QStringLiteral("pinned") : QStringLiteral("unpinned"),
+                                           item->reference());
+    m_output.result({{QStringLiteral("type"), QStringLiteral("copy")},
+                     {QStringLiteral("reference"), item->reference()},
+                     {QStringLiteral("name"), item->name},
+                     {QStringLiteral("path"), path->toString()},
+                     {QStringLiteral("pinned"), pinned}},
+                    text);
+    return int(ExitCode::Success);
+}
+
+int Runner::listCache(ResourceCache& cache) {
+    const auto entries = cache.entries();
+    if (entries.hasError())
+        return m_output.error(entries.error());
+    QList<QStringList> rows;
+    for (const ResourceCacheEntry& entry : entries.value()) {
+        if (m_output.isJson())
+            m_output.result(jsonOf(entry, cache), QString());
+        else
+            rows.append({bytesText(entry.bytes), timeText(entry.lastUsedAt), policyText(entry.policy),
+                         m_output.shown(entry.subPath)});
+    }
+    m_output.table(rows);
+    return int(ExitCode::Success);
+}
+
+int Runner::verifyCache(ResourceCache& cache) {
+    ResourceCache::VerifyReport report;
+    const Error error = runOnWorker(QStringLiteral("VerifyCache"), [&cache, &report]() -> Error {
+        auto verified = cache.verify([](qint64) { return !Interruption::wasRequested(); });
+        ORX_RETURN_ON_ERROR(verified.error());
+        report = std::move(verified).value();
+        return {};
+    });
+    if (error.hasError())
+        return m_output.error(error);
+    QJsonArray damaged;
+    QString text = QStringLiteral("%1 entries, %2: %3 damaged")
+                       .arg(QString::number(report.entries), bytesText(report.bytes),
+                            QString::number(report.damaged.size()));
+    for (const auto& [subPath, problem] : report.damaged) {
+        damaged.append(
+            QJsonObject{{QStringLiteral("sub_path"), subPath}, {QStringLiteral("problem"), problem}});
+        text += QStringLiteral("\nremoved %1: %2").arg(m_output.shown(subPath), m_output.shown(problem));
+    }
+    m_output.result({{QStringLiteral("type"), QStringLiteral("cache_verification")},
+                     {QStringLiteral("entries"), report.entries},
+                     {QStringLiteral("size"), report.bytes},
+                     {QStringLiteral("damaged"), damaged}},
+                    text);
+    return int(report.damaged.isEmpty() ? ExitCode::Success : ExitCode::LocalRead);
+}
+
+int Runner::pruneCache(ResourceCache& cache, const ResourceCache::Limits& limits) {
+    ResourceCache::PruneReport report;
+    const Error error = runOnWorker(QStringLiteral("PruneCache"), [&cache, &report, limits]() -> Error {
+        auto pruned = cache.prune(limits);
+        ORX_RETURN_ON_ERROR(pruned.error());
+        report = std::move(pruned).value();
+        return {};
+    });
+    if (error.hasError())
+        return m_output.error(error);
+    QJsonArray removed;
+    for (const ResourceCacheEntry& entry : report.removed)
+        removed.append(entry.subPath);
+    QString text = QStringLiteral("removed %1 entries, %2; %3 left")
+                       .arg(QString::number(report.removed.size()), bytesText(report.bytesRemoved),
+                            bytesText(report.bytesLeft));
+    if (report.inUse > 0)
+        text += QStringLiteral("; %1 in use stayed").arg(report.inUse);
+    m_output.result({{QStringLiteral("type"), QStringLiteral("cache_pruning")},
+                     {QStringLiteral("removed"), removed},
+                     {QStringLiteral("removed_size"), report.bytesRemoved},
+                     {QStringLiteral("size"), report.bytesLeft},
+                     {QStringLiteral("in_use"), report.inUse}},
+                    text);
+    return int(ExitCode::Success);
+}
+
+} // namespace halvane::cli

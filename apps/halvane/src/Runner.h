@@ -1,0 +1,65 @@
+#pragma once
+
+#include "CommandLine.h"
+
+#include <Resources.h>
+#include <Session.h>
+
+namespace orx {
+class HalvaneResourceMetadata;
+}
+
+namespace halvane::cli {
+
+class Interruption;
+class Output;
+
+//! Carries out one command; each operator returns the exit code. Thread: the main one.
+class Runner {
+public:
+    Runner(const CommandLine& commandLine, const Output& output, Interruption& interruption)
+        : m_global(commandLine.global), m_output(output), m_interruption(interruption) {}
+
+    int operator()(const LoginCommand& command);
+    int operator()(const LogoutCommand& command);
+    int operator()(const WhoAmICommand& command);
+    int operator()(const MkdirCommand& command);
+    int operator()(const LsCommand& command);
+    int operator()(const PutCommand& command);
+    int operator()(const GetCommand& command);
+    int operator()(const InfoCommand& command);
+    int operator()(const SiblingsCommand& command);
+    int operator()(const ExistsCommand& command);
+    int operator()(const VerifyNameCommand& command);
+    int operator()(const CacheCommand& command);
+
+private:
+    //! Runs it to its end, or until a signal comes; prints its warnings.
+    orx::Error run(orx::BaseTask& task);
+    //! A job that blocks, on a worker.
+    orx::Error runOnWorker(const QString& name, std::function<orx::Error()> job);
+    //! The framework with its cache, and the session.
+    orx::Result<std::unique_ptr<host::Resources>> startResources();
+    //! An interrupted transfer can go on later; says so. \a summary is what was moved, empty for nothing.
+    int transferFailed(const orx::Error& error, const QString& summary);
+    void warnOfPlainHttp(const QUrl& url) const;
+    void waitForCache(orx::ResourceCache& cache);
+
+    orx::Result<host::RemoteItem> resolve(const QString& reference, bool onlyFiles = false);
+    QList<QStringList> infoRows(const host::RemoteItem& item,
+                                const orx::HalvaneResourceMetadata& metadata) const;
+    void printSiblings(const QList<orx::ResourceReferenceSPtr>& siblings) const;
+    orx::Result<bool> exists(const QString& reference);
+    orx::Result<bool> existsById(const orx::HalvaneReferenceText& reference, const QString& text);
+    //! What has a copy in the cache, after a session was made.
+    int withCopy(const CacheCommand& command);
+    int listCache(orx::ResourceCache& cache);
+    int verifyCache(orx::ResourceCache& cache);
+    int pruneCache(orx::ResourceCache& cache, const orx::ResourceCache::Limits& limits);
+
+    GlobalOptions m_global;
+    const Output& m_output;
+    Interruption& m_interruption;
+};
+
+} // namespace halvane::cli

@@ -1,0 +1,276 @@
+// What is kept on this machine: nothing moves twice, nothing damaged is handed out, and a cache that cannot
+// be used stands in nobody's way.
+#include "Client.h"
+
+#include <FaultProxy.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonArray>
+
+namespace orx::testing {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+const std::string contentPath = ".*/content";
+
+class Cache : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(server.start());
+        ASSERT_TRUE(client.login(server.url()));
+        client.mustRun({"mkdir", "/raw"});
+        file = client.makeLargeFile("run.mzML", 100'000);
+        server.clearRequests();
+    }
+
+    QJsonObject put(const QStringList& options = {}) {
+        return client.mustRun(QStringList{"--json", "put", file, "--to", "/raw"} + options).object();
+    }
+    //! Gets /raw/run.mzML, which is to arrive; its JSON object.
+    QJsonObject get(const QStringList& options = {}) {
+        const Outcome outcome = client.mustRun(QStringList{"--json", "get", "/raw/run.mzML", "--to",
+                                                           client.path("back"), "--if-exists", "overwrite"} +
+                                               options);
+        EXPECT_TRUE(Client::contentOf(client.path("back")) == Client::contentOf(file));
+        warnings = QString::fromUtf8(outcome.err);
+        return outcome.object();
+    }
+    int contentsFetched() const { return server.countRequests("GET", "/content"); }
+    QList<QJsonObject> entries() { return client.mustRun({"--json", "cache", "ls"}).objects(); }
+    QString cachePath() {
+        return client.mustRun({"--json", "cache", "path", "/raw/run.mzML"}).object()["path"].toString();
+    }
+
+    //! Other bytes in the entry, of which size and time do not tell.
+    void damageEntry(const QString& path) {
+        QFile entry(path);
+        ASSERT_TRUE(entry.open(QIODevice::ReadWrite)) << qPrintable(path);
+        const QDateTime time = entry.fileTime(QFileDevice::FileModificationTime);
+        ASSERT_TRUE(entry.seek(50'000));
+        ASSERT_EQ(entry.write("damaged"), 7);
+        ASSERT_TRUE(entry.flush());
+        ASSERT_TRUE(entry.setFileTime(time, QFileDevice::FileModificationTime));
+    }
+
+    RealServer server;
+    Client client;
+    QString file;
+    QString warnings;
+};
+
+TEST_F(Cache, AGetAfterAPutMovesNoContent) {
+    const QJsonObject uploaded = put();
+    const QJsonObject fetched = get();
+    EXPECT_EQ(contentsFetched(), 0);
+    EXPECT_EQ(fetched["from_cache"], true);
+    EXPECT_EQ(fetched["outcome"], "downloaded");
+    EXPECT_EQ(fetched["sha256"], uploaded["sha256"]);
+    EXPECT_EQ(fetched["size"], uploaded["size"]);
+    EXPECT_EQ(QFileInfo(client.path("back")).lastModified(), QFileInfo(file).lastModified());
+    EXPECT_EQ(warnings, "");
+    ASSERT_EQ(entries().size(), 1);
+    EXPECT_EQ(entries()[0]["sha256"], uploaded["sha256"]);
+    EXPECT_EQ(entries()[0]["size"].toInteger(), 100'000);
+    // The copy of version 1 is not taken for version 2.
+    file = client.makeLargeFile("run.mzML", 100'000, 2);
+    put({"--new-version", "--no-cache"});
+    EXPECT_EQ(get()["from_cache"], false);
+    EXPECT_EQ(contentsFetched(), 1);
+}
+
+TEST_F(Cache, AFileIsFetchedOnce) {
+    put({"--no-cache"});
+    EXPECT_TRUE(entries().isEmpty());
+    EXPECT_EQ(get()["from_cache"], false);
+    EXPECT_EQ(get()["from_cache"], true);
+    EXPECT_EQ(contentsFetched(), 1);
+    EXPECT_EQ(QFileInfo(client.path("back")).lastModified().toSecsSinceEpoch(),
+              QFileInfo(file).lastModified().toSecsSinceEpoch());
+    get({"--no-cache"});
+    EXPECT_EQ(contentsFetched(), 2);
+    EXPECT_EQ(entries().size(), 1);
+}
+
+TEST_F(Cache, GetWithoutTheCacheLeavesNothingInIt) {
+    put({"--no-cache"});
+    EXPECT_EQ(get({"--no-cache"})["from_cache"], false);
+    EXPECT_TRUE(entries().isEmpty());
+}
+
+TEST_F(Cache, TheHistoryHoldsPathsOfTheUserOnly) {
+    put({"--no-cache"});
+    get();
+    client.makeFile("back", "changed");
+    const QStringList check{"--to", "/raw/run.mzML", "--check-version"};
+    const QString copy = cachePath();
+    EXPECT_EQ(client.run(QStringList{"put", copy} + check).exitCode, 8);
+    EXPECT_EQ(client.run(QStringList{"put", client.path("back")} + check).exitCode, 0);
+}
+
+TEST_F(Cache, ATruncatedEntryIsFetchedAgain) {
+    put();
+    const QString path = cachePath();
+    const QDateTime time = QFileInfo(path).lastModified();
+    ASSERT_TRUE(QFile::resize(path, 5'000));
+    QFile entry(path);
+    ASSERT_TRUE(entry.open(QIODevice::ReadWrite));
+    ASSERT_TRUE(entry.setFileTime(time, QFileDevice::FileModificationTime));
+    entry.close();
+    EXPECT_EQ(client.run({"cache", "path", "/raw/run.mzML"}).exitCode, 3);
+    EXPECT_EQ(get()["from_cache"], false);
+    EXPECT_EQ(contentsFetched(), 1);
+    EXPECT_EQ(get()["from_cache"], true);
+}
+
+TEST_F(Cache, OtherBytesOfTheSameSizeAndTimeAreNoticed) {
+    put();
+    damageEntry(cachePath());
+    EXPECT_EQ(get()["from_cache"], false);
+    EXPECT_THAT(warnings.toStdString(), HasSubstr("is not what the server has"));
+    EXPECT_EQ(get()["from_cache"], true);
+    EXPECT_EQ(warnings, "");
+    EXPECT_EQ(contentsFetched(), 1);
+}
+
+TEST_F(Cache, VerificationFindsAndRemovesWhatIsDamaged) {
+    put();
+    client.mustRun({"put", client.makeFile("whole.mzML", "whole"), "--to", "/raw"});
+    EXPECT_EQ(client.mustRun({"--json", "cache", "verify"}).object()["damaged"].toArray().size(), 0);
+    damageEntry(cachePath());
+    const Outcome found = client.run({"--json", "cache", "verify"});
+    EXPECT_EQ(found.exitCode, 3);
+    const QJsonObject report = found.object();
+    EXPECT_EQ(report["type"], "cache_verification");
+    EXPECT_EQ(report["entries"], 2);
+    ASSERT_EQ(report["damaged"].toArray().size(), 1);
+    EXPECT_TRUE(report["damaged"][0]["sub_path"].toString().endsWith("/run.mzML"));
+    EXPECT_FALSE(report["damaged"][0]["problem"].toString().isEmpty());
+    EXPECT_EQ(entries().size(), 1);
+    EXPECT_EQ(client.mustRun({"cache", "verify"}).out, "1 entries, 5 B: 0 damaged\n");
+}
+
+TEST_F(Cache, PruningKeepsWhatIsPinned) {
+    put();
+    client.mustRun({"put", client.makeFile("other.mzML", "other"), "--to", "/raw"});
+    EXPECT_EQ(client.mustRun({"--json", "cache", "pin", "/raw/run.mzML"}).object()["pinned"], true);
+    for (const QJsonObject& entry : entries())
+        EXPECT_EQ(entry["pinned"].toBool(), entry["sub_path"].toString().endsWith("/run.mzML"));
+    EXPECT_THAT(client.mustRun({"cache", "ls"}).out.toStdString(), HasSubstr("pinned"));
+
+    EXPECT_EQ(client.mustRun({"--json", "cache", "prune"}).object()["removed"].toArray().size(), 0);
+    const QJsonObject report = client.mustRun({"--json", "cache", "prune", "--max-size", "0"}).object();
+    EXPECT_EQ(report["type"], "cache_pruning");
+    ASSERT_EQ(report["removed"].toArray().size(), 1);
+    EXPECT_TRUE(report["removed"][0].toString().endsWith("/other.mzML"));
+    EXPECT_EQ(report["removed_size"], 5);
+    EXPECT_EQ(report["size"].toInteger(), 100'000);
+    EXPECT_EQ(get()["from_cache"], true);
+
+    EXPECT_EQ(client.mustRun({"--json", "cache", "unpin", "/raw/run.mzML"}).object()["pinned"], false);
+    EXPECT_EQ(client.mustRun({"cache", "prune", "--max-age", "0s"}).out,
+              "removed 1 entries, 97.7 KiB; 0 B left\n");
+    EXPECT_EQ(client.run({"cache", "pin", "/raw/run.mzML"}).exitCode, 3);
+    EXPECT_TRUE(entries().isEmpty());
+}
+
+TEST_F(Cache, ThePathOfACopyIsPrinted) {
+    put({"--no-cache"});
+    const Outcome absent = client.run({"--json", "cache", "path", "/raw/run.mzML"});
+    EXPECT_EQ(absent.exitCode, 3);
+    EXPECT_EQ(absent.object()["error"], "NotFound");
+    EXPECT_THAT(absent.err.toStdString(), HasSubstr("halvane get"));
+    get();
+    const QString path = QString::fromUtf8(client.mustRun({"cache", "path", "file:1"}).out).trimmed();
+    EXPECT_TRUE(Client::contentOf(path) == Client::contentOf(file));
+    EXPECT_EQ(path, cachePath());
+    EXPECT_EQ(client.run({"cache", "path", "file:4711"}).exitCode, 6);
+}
+
+TEST_F(Cache, LookingAfterTheCacheNeedsNoServer) {
+    put();
+    client.mustRun({"logout"});
+    ASSERT_TRUE(server.stop());
+    EXPECT_EQ(entries().size(), 1);
+    EXPECT_EQ(client.mustRun({"--json", "cache", "verify"}).object()["entries"], 1);
+    client.mustRun({"cache", "prune"});
+}
+
+TEST_F(Cache, ACacheThatCannotBeUsedStandsInNobodysWay) {
+    client.setEnvironment("HALVANE_CACHE_DIR", client.makeFile("no directory", "") + "/cache");
+    const Outcome uploaded = client.mustRun({"--json", "put", file, "--to", "/raw"});
+    EXPECT_EQ(uploaded.object()["outcome"], "uploaded");
+    EXPECT_THAT(uploaded.err.toStdString(), HasSubstr("warning: The file is on the server"));
+    EXPECT_EQ(get()["from_cache"], false);
+    EXPECT_THAT(warnings.toStdString(), HasSubstr("warning: The cache could not be used"));
+    get({"--no-cache"});
+    EXPECT_EQ(warnings, "");
+    EXPECT_NE(client.run({"cache", "ls"}).exitCode, 0);
+}
+
+TEST_F(Cache, AFileLargerThanTheCacheComesDownWithoutIt) {
+    client.setEnvironment("HALVANE_CACHE_MAX_SIZE", "10K");
+    put();
+    EXPECT_EQ(get()["from_cache"], false);
+    EXPECT_THAT(warnings.toStdString(), HasSubstr("larger than the cache may be"));
+    EXPECT_TRUE(entries().isEmpty());
+}
+
+TEST_F(Cache, TheLimitsOfTheEnvironmentHold) {
+    put();
+    client.setEnvironment("HALVANE_CACHE_MAX_SIZE", "150K");
+    client.mustRun({"put", client.makeLargeFile("other.mzML", 100'000, 2), "--to", "/raw"});
+    ASSERT_EQ(entries().size(), 1);
+    EXPECT_TRUE(entries()[0]["sub_path"].toString().endsWith("/other.mzML"));
+    client.setEnvironment("HALVANE_CACHE_MAX_AGE", "0s");
+    client.mustRun({"cache", "prune"});
+    EXPECT_TRUE(entries().isEmpty());
+
+    server.clearRequests();
+    client.setEnvironment("HALVANE_CACHE_MAX_AGE", "soon");
+    const Outcome refused = client.run({"put", file, "--to", "/raw"});
+    EXPECT_EQ(refused.exitCode, 2);
+    EXPECT_THAT(refused.err.toStdString(),
+                HasSubstr("HALVANE_CACHE_MAX_AGE cannot be used: \"soon\" is not an age"));
+    EXPECT_TRUE(server.requests().isEmpty());
+}
+
+TEST_F(Cache, TwoGetsOfOneFileShareTheDownload) {
+    put({"--no-cache"});
+    FaultProxy proxy("127.0.0.1", server.port());
+    ASSERT_TRUE(client.login(QUrl(QString::fromStdString(proxy.url()))));
+    const auto hold = proxy.holdReply({"GET", contentPath});
+    const auto first = client.start({"--json", "get", "file:1", "--to", client.path("first")});
+    hold->waitUntilAnswered();
+    const int asked = proxy.traffic("GET", ".*/files/1").replies;
+    const auto second = client.start({"--json", "get", "file:1", "--to", client.path("second")});
+    // What it asks before it turns to the cache.
+    proxy.waitForTraffic("GET", ".*/files/1",
+                         [asked](const auto& traffic) { return traffic.replies > asked; });
+    hold->release();
+    for (QProcess* process : {first.get(), second.get()}) {
+        const Outcome outcome = Client::finish(*process);
+        EXPECT_EQ(outcome.exitCode, 0) << outcome.err.constData();
+        EXPECT_EQ(outcome.err, "");
+    }
+    EXPECT_EQ(proxy.traffic("GET", contentPath).requests, 1);
+    EXPECT_TRUE(Client::contentOf(client.path("first")) == Client::contentOf(file));
+    EXPECT_TRUE(Client::contentOf(client.path("second")) == Client::contentOf(file));
+}
+
+TEST_F(Cache, ATargetThatCannotBeWrittenIsFoundBeforeAnythingIsFetched) {
+    put({"--no-cache"});
+    const Outcome outcome = client.run({"--json", "get", "/raw/run.mzML", "--to", "/proc/run.mzML"});
+    EXPECT_EQ(outcome.exitCode, 4) << outcome.err.constData();
+    EXPECT_EQ(contentsFetched(), 0);
+    EXPECT_THAT(outcome.err.toStdString(), Not(HasSubstr("cache")));
+}
+
+} // namespace
+} // namespace orx::testing
