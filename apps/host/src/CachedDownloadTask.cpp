@@ -148,11 +148,17 @@ void CachedDownloadTask::onHashed() {
     retrieve();
 }
 
+void CachedDownloadTask::doCancel() {
+    *m_givesUp = true;
+    ComplexTask::doCancel();
+}
+
 void CachedDownloadTask::copy() {
     const auto warning = std::make_shared<QString>();
     const auto job = [source = m_cachePath, target = m_targetPath, ifExists = m_ifExists, item = m_item,
-                      warning, handler = m_handler]() -> Error {
-        ORX_RETURN_ON_ERROR(orx::FileCopy::file(source, target, ifExists));
+                      warning, handler = m_handler, givesUp = m_givesUp]() -> Error {
+        ORX_RETURN_ON_ERROR(
+            orx::FileCopy::file(source, target, ifExists, [givesUp] { return givesUp->load(); }));
         *warning = orx::HalvaneHistory().setFileVersion(target, item.id, item.version).errorMessage();
         return {};
     };

@@ -6,6 +6,9 @@
 #include <FileCopy.h>
 #include <ResourceHandler.h>
 
+#include <atomic>
+#include <memory>
+
 namespace halvane::host {
 
 //! Brings one version of a file into the cache, unless it is there, and copies it to a path in one durable
@@ -28,6 +31,7 @@ public:
 
 protected:
     orx::Error initialize() override;
+    void doCancel() override;
 
 private:
     void retrieve();
@@ -44,6 +48,8 @@ private:
     QSharedPointer<orx::ResourceHandler> m_handler;
     QString m_cachePath;
     std::shared_ptr<Hashing> m_hashing;
+    //! Asked by the copy, on a worker.
+    std::shared_ptr<std::atomic<bool>> m_givesUp = std::make_shared<std::atomic<bool>>(false);
     bool m_wasInCache = false;
     bool m_cacheFailed = false;
 };

@@ -86,7 +86,8 @@ QByteArray temporaryBeside(const QByteArray& target) {
 // One file, from what was opened to a new file; nothing is left of that after a failure.
 class ContentCopy {
 public:
-    ContentCopy(const QByteArray& source, const QByteArray& target) : m_source(source), m_target(target) {}
+    ContentCopy(const QByteArray& source, const QByteArray& target, FileCopy::IsCanceled isCanceled = {})
+        : m_source(source), m_target(target), m_isCanceled(std::move(isCanceled)) {}
 
     Error run() {
         const Descriptor source(::open(m_source.constData(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
@@ -110,6 +111,7 @@ public:
 
 private:
     Error fill(int source, int target) {
+        ORX_RETURN_ON_ERROR(checkGoesOn());
         if (::ioctl(target, FICLONE, source) != 0)
             ORX_RETURN_ON_ERROR(copyBytes(source, target));
         ORX_RETURN_ON_ERROR(checkUnchanged(source));
@@ -125,6 +127,7 @@ private:
             return writeFailure(errno, m_target);
         off_t done = 0;
         while (done < m_before.st_size) {
+            ORX_RETURN_ON_ERROR(checkGoesOn());
             Result<qint64> copied = copySlice(source, target, done);
             if (copied.hasError())
                 return copied.error();
@@ -183,6 +186,13 @@ private:
         return same ? Error() : changed();
     }
 
+    Error checkGoesOn() const {
+        if (!m_isCanceled || !m_isCanceled())
+            return {};
+        return Error(ErrorCode::Canceled,
+                     translated("The copy of \"%1\" was given up.").arg(QFile::decodeName(m_source)));
+    }
+
     Error changed() const {
         return Error(
             ErrorCode::FileChanged,
@@ -192,6 +202,7 @@ private:
 
     QByteArray m_source;
     QByteArray m_target;
+    FileCopy::IsCanceled m_isCanceled;
     struct stat m_before = {};
     std::vector<char> m_buffer;
     bool m_byHand = false;
@@ -259,13 +270,14 @@ QByteArray encoded(const QString& path) {
 
 } // namespace
 
-Error FileCopy::file(const QString& source, const QString& target, IfExists ifExists) {
+Error FileCopy::file(const QString& source, const QString& target, IfExists ifExists,
+                     const IsCanceled& isCanceled) {
     const QByteArray targetPath = encoded(target);
     if (ifExists == IfExists::Fail &&
         ::faccessat(AT_FDCWD, targetPath.constData(), F_OK, AT_SYMLINK_NOFOLLOW) == 0)
         return ORX_ECATCH(writeFailure(EEXIST, targetPath));
     const QByteArray temporary = temporaryBeside(targetPath);
-    ORX_RETURN_ON_ERROR(ContentCopy(encoded(source), temporary).run());
+    ORX_RETURN_ON_ERROR(ContentCopy(encoded(source), temporary, isCanceled).run());
     Error error = renameInto(temporary, targetPath, ifExists);
     if (error.hasError()) {
         ::unlink(temporary.constData());

@@ -29,8 +29,12 @@ public:
     //! Whether an entry of a directory, given by its path, is copied.
     using Filter = std::function<bool(const QString& path)>;
 
-    //! One regular file.
-    static Error file(const QString& source, const QString& target, IfExists ifExists);
+    //! Whether to give up; asked often, while the copy is made.
+    using IsCanceled = std::function<bool()>;
+
+    //! One regular file. ErrorCode::Canceled when \a isCanceled (none: never) said so.
+    static Error file(const QString& source, const QString& target, IfExists ifExists,
+                      const IsCanceled& isCanceled = {});
     //! A directory with everything in it that \a filter (none: all) accepts, to a path where nothing is.
     static Error directory(const QString& source, const QString& target, const Filter& filter = {});
 };

@@ -312,6 +312,25 @@ TEST_F(FileUtilsTest, LinksAreNeverFollowed) {
     EXPECT_FALSE(QFileInfo::exists(to("b")));
 }
 
+TEST_F(FileUtilsTest, ACopyThatIsGivenUpLeavesTheTargetAsItWas) {
+    // Longer than what is copied at one time.
+    write(from("a"), QByteArray(20'000'000, 'A'));
+    write(to("a"), "old");
+    for (const int questions : {0, 1, 2}) {
+        int asked = 0;
+        const Error error = FileCopy::file(from("a"), to("a"), FileCopy::IfExists::Replace,
+                                           [&] { return asked++ >= questions; });
+        // Where blocks are shared there is one question only.
+        if (error.hasError() || questions == 0)
+            EXPECT_TRUE(error.isCanceled()) << qPrintable(error.errorMessage());
+        if (error.hasError())
+            EXPECT_EQ(tree(), lines({"a=old"}));
+    }
+    EXPECT_FALSE(
+        FileCopy::file(from("a"), to("a"), FileCopy::IfExists::Replace, [] { return false; }).hasError());
+    EXPECT_EQ(read(to("a")).size(), 20'000'000);
+}
+
 TEST_F(FileUtilsTest, APipeIsNotWaitedFor) {
     ASSERT_EQ(::mkfifo(QFile::encodeName(from("pipe")).constData(), 0600), 0);
     EXPECT_TRUE(
