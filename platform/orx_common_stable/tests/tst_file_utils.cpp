@@ -321,10 +321,10 @@ TEST_F(FileUtilsTest, ACopyThatIsGivenUpLeavesTheTargetAsItWas) {
         const Error error = FileCopy::file(from("a"), to("a"), FileCopy::IfExists::Replace,
                                            [&] { return asked++ >= questions; });
         // Where blocks are shared there is one question only.
-        if (error.hasError() || questions == 0)
-            EXPECT_TRUE(error.isCanceled()) << qPrintable(error.errorMessage());
-        if (error.hasError())
-            EXPECT_EQ(tree(), lines({"a=old"}));
+        if (questions > 0 && !error.hasError())
+            break;
+        EXPECT_TRUE(error.isCanceled()) << qPrintable(error.errorMessage());
+        EXPECT_EQ(tree(), lines({"a=old"}));
     }
     EXPECT_FALSE(
         FileCopy::file(from("a"), to("a"), FileCopy::IfExists::Replace, [] { return false; }).hasError());
