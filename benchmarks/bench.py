@@ -331,10 +331,13 @@ def bench_stall(table, ours, build, work, size):
     source = work / "stall"
     make_file(source, size)
     program = build / "bin" / "bench_event_loop"
-    _, _, output = timed([program, ours.url, "bench", PASSWORD.decode().strip(), source, work / "stall-down"], env=ours.environment)
+    _, _, output = timed([program, ours.url, "bench", PASSWORD.decode().strip(), source, work / "stall-down",
+                          work / "stall-cache"], env=ours.environment)
     for name, gap in json.loads(output.decode().strip().splitlines()[-1]).items():
         table.limit(f"longest stall of the event loop, {size // MIB} MiB {name}", gap, "ms", 50, "a timer of 1 ms in the same loop")
     source.unlink()
+    (work / "stall-down").unlink()
+    shutil.rmtree(work / "stall-cache")
 
 
 def main():
@@ -357,7 +360,7 @@ def main():
         if not options.only_transfers:
             bench_memory(table, ours, work, 4 * size)
             bench_growth(table, ours, work, size)
-            bench_stall(table, ours, build, work, size)
+            bench_stall(table, ours, build, work, 2 * size)
     finally:
         for server in servers:
             server.stop()

@@ -1,9 +1,11 @@
-// Uploads and downloads one file with a 1 ms timer in the same event loop and prints the longest gap between
-// two of its ticks, in milliseconds, as JSON. usage: bench_event_loop URL USER PASSWORD FILE TARGET
+// Uploads and downloads one file and puts it into a resource cache, with a 1 ms timer in the same event loop,
+// and prints the longest gaps between two of its ticks, in milliseconds, as JSON.
+// usage: bench_event_loop URL USER PASSWORD FILE TARGET CACHE
 #include <HalvaneConnection.h>
 #include <HalvaneDownloadFileTask.h>
 #include <HalvaneFileUploadTask.h>
 #include <HalvaneSessionTasks.h>
+#include <ResourceCache.h>
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
@@ -19,21 +21,38 @@ using namespace orx;
 
 namespace {
 
-//! The longest time between two turns of the loop while a task runs.
+//! The longest time between two turns of this thread's event loop while the object lives.
+class LoopProbe {
+public:
+    LoopProbe() {
+        m_timer.setTimerType(Qt::PreciseTimer);
+        QObject::connect(&m_timer, &QTimer::timeout, [this] { turn(); });
+        m_clock.start();
+        m_timer.start(1);
+    }
+    double longestGapMs() {
+        turn();
+        return double(m_longest) / 1e6;
+    }
+
+private:
+    void turn() {
+        m_longest = std::max(m_longest, m_clock.nsecsElapsed());
+        m_clock.restart();
+    }
+
+    QTimer m_timer;
+    QElapsedTimer m_clock;
+    qint64 m_longest = 0;
+};
+
 double longestGapMs(BaseTask& task) {
-    QTimer timer;
-    timer.setTimerType(Qt::PreciseTimer);
-    QElapsedTimer clock;
-    qint64 longest = 0;
-    QObject::connect(&timer, &QTimer::timeout,
-                     [&] { longest = std::max(longest, clock.nsecsElapsed()), clock.restart(); });
-    clock.start();
-    timer.start(1);
+    LoopProbe probe;
     QObject::connect(&task, &BaseTask::finished, QCoreApplication::instance(), &QCoreApplication::quit);
     task.exec();
     if (!task.isFinished())
         QCoreApplication::exec();
-    return double(std::max(longest, clock.nsecsElapsed())) / 1e6;
+    return probe.longestGapMs();
 }
 
 void require(const Error& error) {
@@ -48,8 +67,8 @@ void require(const Error& error) {
 int main(int argc, char** argv) {
     const QCoreApplication application(argc, argv);
     const QStringList arguments = QCoreApplication::arguments();
-    if (arguments.size() != 6) {
-        std::fprintf(stderr, "usage: bench_event_loop URL USER PASSWORD FILE TARGET\n");
+    if (arguments.size() != 7) {
+        std::fprintf(stderr, "usage: bench_event_loop URL USER PASSWORD FILE TARGET CACHE\n");
         return 2;
     }
     HalvaneConnection& connection = HalvaneConnection::instance();
@@ -77,7 +96,19 @@ int main(int argc, char** argv) {
     const double down = longestGapMs(download);
     require(download.error());
 
-    const QJsonObject result{{QStringLiteral("up"), up}, {QStringLiteral("down"), down}};
+    ResourceCache cache(arguments.at(6));
+    LoopProbe probe;
+    const QString subPath = QStringLiteral("bench/file");
+    require(cache.add(*reference, subPath, Path(arguments.at(4), PathType::File)));
+    for (const QString& failure : cache.waitForPending())
+        require(Error(ErrorCode::General, failure));
+    const double cached = probe.longestGapMs();
+    if (!cache.contains(subPath))
+        require(Error(ErrorCode::General, QStringLiteral("The file is not in the cache.")));
+
+    const QJsonObject result{{QStringLiteral("up"), up},
+                             {QStringLiteral("down"), down},
+                             {QStringLiteral("into the cache"), cached}};
     std::puts(QJsonDocument(result).toJson(QJsonDocument::Compact).constData());
     return 0;
 }
