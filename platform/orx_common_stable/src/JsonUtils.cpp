@@ -77,7 +77,8 @@ Result<int> JsonUtils::intValue(const QJsonObject& object, const QString& key) {
 }
 
 Result<qint64> JsonUtils::int64Value(const QJsonObject& object, const QString& key) {
-    const Result<double> number = wholeNumber(object, key, 9007199254740992.0);
+    // 2^53 is what 2^53 + 1 is rounded to.
+    const Result<double> number = wholeNumber(object, key, 9007199254740991.0);
     if (number.hasError())
         return number.error();
     return qint64(*number);

@@ -17,7 +17,7 @@ public:
     static Result<bool> boolValue(const QJsonObject& object, const QString& key);
     //! A whole number within 32 bits; 3.5 and 1e12 fail.
     static Result<int> intValue(const QJsonObject& object, const QString& key);
-    //! A whole number of at most 2^53, so that none was rounded.
+    //! A whole number whose magnitude is less than 2^53, so that none was rounded; others fail.
     static Result<qint64> int64Value(const QJsonObject& object, const QString& key);
     //! Whether the value is null; fails when the key is missing.
     static Result<bool> isNullValue(const QJsonObject& object, const QString& key);

@@ -55,6 +55,18 @@ TEST(JsonUtils, RefusesOtherTypesAndNumbersOutOfRange) {
     EXPECT_EQ(JsonUtils::intValue(edge, QStringLiteral("low")).value(), std::numeric_limits<int>::min());
 }
 
+TEST(JsonUtils, RefusesNumbersThatMayHaveBeenRounded) {
+    const auto read = [](const char* number) {
+        const QByteArray text = QByteArray("{\"n\": ") + number + "}";
+        return JsonUtils::int64Value(JsonUtils::parseObject(text).value(), QStringLiteral("n"));
+    };
+    EXPECT_EQ(read("9007199254740991").value(), 9007199254740991LL);
+    EXPECT_EQ(read("-9007199254740991").value(), -9007199254740991LL);
+    for (const char* number : {"9007199254740992", "9007199254740993", "-9007199254740992",
+                               "-9007199254740993", "9007199254740992.0", "9223372036854775807", "1e300"})
+        EXPECT_TRUE(read(number).hasError()) << number;
+}
+
 TEST(JsonUtils, ParsesOneObjectAndNothingElse) {
     EXPECT_EQ(JsonUtils::parseObject("{\"a\": 1}").value().size(), 1);
     EXPECT_TRUE(JsonUtils::parseObject("[1]").hasError());
