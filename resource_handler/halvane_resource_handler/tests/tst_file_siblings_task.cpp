@@ -109,8 +109,9 @@ TEST_F(FileSiblings, OfAnUnknownFileAreNone) {
 }
 
 TEST_F(FileSiblings, OfAFolderThatCannotBeListedAreNone) {
-    server.script(QStringLiteral("GET /folders/*"),
-                  ScriptedFault::failure(403, HalvaneServerErrorCode::NoPrivilege, QStringLiteral("Not you.")));
+    server.script(
+        QStringLiteral("GET /folders/*"),
+        ScriptedFault::failure(403, HalvaneServerErrorCode::NoPrivilege, QStringLiteral("Not you.")));
     EXPECT_EQ(siblingsOf(file), QStringList());
     EXPECT_TRUE(ErrorLog::mentions(LoadName));
 }
