@@ -65,6 +65,8 @@ CacheStore::CacheStore(const QString& rootDir)
     : m_rootDir(QDir::cleanPath(rootDir))
     , m_quick(databasePath(m_rootDir), [this](auto& path, auto& why) { return setAsideDatabase(path, why); })
     , m_work(databasePath(m_rootDir), [this](auto& path, auto& why) { return setAsideDatabase(path, why); }) {
+    // A worker may be the last to let go of this object: it shares no text with the thread that made it.
+    m_rootDir.detach();
 }
 
 CacheStore::~CacheStore() {
