@@ -58,6 +58,9 @@ protected:
     int makeFolder(const QString& name, int parent = Root) const;
     //! From now on the client is somebody who may read this folder and what is below it, and nothing else.
     void becomeReaderOf(int folder) const;
+    //! The server; one of the two is null.
+    RealServer* real() const { return m_real.get(); }
+    ScriptedHalvaneServer* scripted() const { return m_scripted.get(); }
 
 private:
     std::unique_ptr<RealServer> m_real;

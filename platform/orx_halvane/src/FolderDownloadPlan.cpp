@@ -123,8 +123,8 @@ QList<FolderDownloadPlan::Refused> FolderDownloadPlan::listed(const Folder& fold
     for (const auto& [child, name] : namedFolders)
         m_folders.push_back({child->id(), childPath(folder.path, name)});
     for (const auto& [child, name] : namedFiles) {
-        m_files.push_back(
-            {child->id(), child->lastVersion(), child->size(), child->name(), name, folder.path});
+        m_files.push_back({child->id(), child->lastVersion(), child->size(), child->sha256().toLatin1(),
+                           child->sourceModifiedAt(), child->name(), name, folder.path});
         m_totalBytes += std::max<qint64>(0, child->size());
         ++m_totalFiles;
     }

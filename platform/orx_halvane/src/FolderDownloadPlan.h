@@ -9,7 +9,7 @@ namespace orx {
 
 //! What of a folder's tree is to be listed and fetched next, and where everything goes. Keeps the breadth and
 //! the memory bounded: a bounded number of folders are listed and of files fetched at a time, and listing
-//! pauses while too many files wait. A file that waits costs about a hundred bytes. Pure; one thread.
+//! pauses while too many files wait. A file that waits costs about three hundred bytes. Pure; one thread.
 class ORX_HALVANE_EXPORT FolderDownloadPlan {
 public:
     struct Limits {
@@ -26,6 +26,9 @@ public:
         int id = -1;
         int version = 0;
         qint64 size = 0;
+        //! Hexadecimal, as bytes to take less room; empty when the listing did not say.
+        QByteArray sha256;
+        QDateTime sourceModifiedAt;
         //! On the server and in the target.
         QString name;
         QString localName;

@@ -49,7 +49,11 @@ public:
     Error checkParameters() const;
 
     void openPartial();
+    void findVersion();
     void askForVersion();
+    void takeVersion(const HalvaneFileVersion& found);
+    //! True when what a listing said turned out not to hold, and the server is asked instead.
+    bool doubtListing();
     void onVersions(const QList<HalvaneFileVersion>& versions);
     void prepareRoom();
     void hashWhatIsThere();
@@ -72,6 +76,8 @@ public:
     HalvaneDownloadFileTask* q;
     HalvaneFileDownloadParameters parameters;
     HalvaneFileVersion version;
+    //! The version is what a listing of this process said, not an answer to this task.
+    bool isFromListing = false;
     bool published = false;
 
     std::shared_ptr<PartialFile> partial;
@@ -156,10 +162,38 @@ void HalvaneDownloadFileTask::Private::openPartial() {
     partial = std::make_shared<PartialFile>(PartialFile::Location{
         parameters.targetDir.absolutePath(), targetName(),
         DownloadNames::partialName(targetName(), fileId, parameters.reference->version()),
-        parameters.overwrite});
+        parameters.overwrite, !parameters.isIntermediate});
     runOnPartial(
         QStringLiteral("OpenPartialFile"), [](PartialFile& file) { return file.open(); },
-        [this] { askForVersion(); });
+        [this] { findVersion(); });
+}
+
+//! A listing said it all as a rule. When no content has to be asked for, the server must say itself that the
+//! file is still there to be had.
+void HalvaneDownloadFileTask::Private::findVersion() {
+    const auto stated =
+        HalvaneAcknowledgedContents::findStated(HalvaneConnection::instance().serverKey(),
+                                                parameters.reference->id(), parameters.reference->version());
+    if (!stated || arrived >= stated->size) {
+        askForVersion();
+        return;
+    }
+    isFromListing = true;
+    HalvaneFileVersion listed;
+    listed.version = parameters.reference->version();
+    listed.size = stated->size;
+    listed.sha256 = QString::fromLatin1(stated->sha256);
+    listed.sourceModifiedAt = stated->sourceModifiedAt;
+    takeVersion(listed);
+}
+
+bool HalvaneDownloadFileTask::Private::doubtListing() {
+    if (!std::exchange(isFromListing, false))
+        return false;
+    HalvaneAcknowledgedContents::forget(HalvaneConnection::instance().serverKey(), parameters.reference->id(),
+                                        parameters.reference->version());
+    askForVersion();
+    return true;
 }
 
 void HalvaneDownloadFileTask::Private::askForVersion() {
@@ -177,8 +211,12 @@ void HalvaneDownloadFileTask::Private::onVersions(const QList<HalvaneFileVersion
                               .arg(QString::number(wanted), parameters.reference->displayText())));
         return;
     }
-    version = *found;
-    progress = TransferProgress(version.size);
+    takeVersion(*found);
+}
+
+void HalvaneDownloadFileTask::Private::takeVersion(const HalvaneFileVersion& found) {
+    version = found;
+    progress.startOver(version.size);
     transfer = HalvaneTransferMonitor::begin(version.size);
     prepareRoom();
 }
@@ -299,6 +337,8 @@ void HalvaneDownloadFileTask::Private::onBodyEnded() {
 
 //! Goes on from where it stopped. Attempts that brought something on do not count.
 void HalvaneDownloadFileTask::Private::tryAgain() {
+    if (body->error().hasError() && doubtListing())
+        return;
     attempts = arrived > arrivedBeforeCall ? 1 : attempts + 1;
     const double jitter = QRandomGenerator::global()->generateDouble();
     const auto delay = body->error().hasError()
@@ -316,11 +356,13 @@ void HalvaneDownloadFileTask::Private::publish() {
     const auto warning = std::make_shared<QString>();
     runOnPartial(
         QStringLiteral("PublishFile"),
-        [whole, warning, path = q->targetPath(),
-         reference = parameters.reference](PartialFile& file) -> Error {
+        [whole, warning, path = q->targetPath(), reference = parameters.reference,
+         isRecorded = !parameters.isIntermediate](PartialFile& file) -> Error {
             ORX_RETURN_ON_ERROR(file.publish(whole));
-            *warning =
-                HalvaneHistory().setFileVersion(path, reference->id(), reference->version()).errorMessage();
+            if (isRecorded)
+                *warning = HalvaneHistory()
+                               .setFileVersion(path, reference->id(), reference->version())
+                               .errorMessage();
             return Error();
         },
         [this, warning] { onPublished(*warning); }, [this](const Error& error) { onPublishFailed(error); });
@@ -342,6 +384,8 @@ void HalvaneDownloadFileTask::Private::onPublishFailed(const Error& error) {
         fetch();
         return;
     }
+    if (error.is(ErrorCode::ChecksumMismatch) && doubtListing())
+        return;
     fail(error);
 }
 
@@ -393,7 +437,9 @@ bool HalvaneDownloadFileTask::Private::showProgress() {
 
 std::unique_ptr<Task>
 HalvaneDownloadFileTaskCreator::create(const HalvaneFileDownloadParameters& parameters) {
-    return std::make_unique<HalvaneDownloadFileTask>(parameters);
+    HalvaneFileDownloadParameters ofHandler = parameters;
+    ofHandler.isIntermediate = true;
+    return std::make_unique<HalvaneDownloadFileTask>(ofHandler);
 }
 
 } // namespace orx

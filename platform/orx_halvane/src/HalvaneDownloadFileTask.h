@@ -17,6 +17,9 @@ struct ORX_HALVANE_EXPORT HalvaneFileDownloadParameters {
     QString targetName;
     //! Whether a file that is at the target may be replaced.
     bool overwrite = false;
+    //! The target is on the way to another place: who takes it there flushes it, and the history does not
+    //! hear of it.
+    bool isIntermediate = false;
 };
 
 //! Brings one version of a file into a directory. The bytes go to a hidden partial file beside the target,
@@ -50,6 +53,8 @@ private:
 
 class ORX_HALVANE_EXPORT HalvaneDownloadFileTaskCreator {
 public:
+    //! For resource handlers, whose cache takes the file on from the target directory: the target is
+    //! intermediate, whatever \a parameters say.
     static std::unique_ptr<Task> create(const HalvaneFileDownloadParameters& parameters);
 };
 

@@ -3,6 +3,8 @@
 #include "DownloadNames.h"
 #include "FolderDownloadPlan.h"
 #include "FolderDownloadReport.h"
+#include "HalvaneAcknowledgedContents.h"
+#include "HalvaneConnection.h"
 #include "HalvaneDownloadFileTask.h"
 #include "HalvaneItemTasks.h"
 #include "TargetDirectories.h"
@@ -236,6 +238,9 @@ Result<std::unique_ptr<Task>> HalvaneDownloadFolderTaskBase::Private::makeTask(c
     const auto fileReference = HalvaneFileResourceReference::create(file.id, file.version, file.name);
     if (fileReference.hasError())
         return ORX_ECATCH(Error(fileReference.error()));
+    // Whatever fetches the file need not ask for what the listing said.
+    HalvaneAcknowledgedContents::recordStated(HalvaneConnection::instance().serverKey(), file.id,
+                                              file.version, {file.size, file.sha256, file.sourceModifiedAt});
     std::unique_ptr<Task> task(
         q->createFileDownloadTask(*fileReference, DirPath(pathOf(file.directory)), file.localName, policy));
     if (!task)

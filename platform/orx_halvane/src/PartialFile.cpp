@@ -207,13 +207,13 @@ Error PartialFile::publish(const Expected& expected) {
         if (::futimens(m_file, times) != 0)
             return system("Could not set the modification time of \"%1\"");
     }
-    if (::fsync(m_file) != 0)
+    if (m_location.flush && ::fsync(m_file) != 0)
         return errno == ENOSPC || errno == EDQUOT ? noRoom(m_size)
                                                   : system("Could not flush the file \"%1\"");
     ORX_RETURN_ON_ERROR(m_location.overwrite ? rename() : renameWithoutReplacing());
     m_published = true;
     // Some file systems have nothing to flush for a directory and say so.
-    if (::fsync(m_directory) != 0 && errno != EINVAL && errno != ENOTSUP)
+    if (m_location.flush && ::fsync(m_directory) != 0 && errno != EINVAL && errno != ENOTSUP)
         return system("Could not flush the directory of the file \"%1\"");
     return Error();
 }

@@ -23,6 +23,8 @@ public:
         QString partialName;
         //! Whether a file at the target may be replaced.
         bool overwrite = false;
+        //! Whether publish() flushes; else whoever takes the file on from the target does.
+        bool flush = true;
     };
     //! What the whole must be.
     struct Expected {
@@ -54,8 +56,8 @@ public:
     //! Writes \a data after what is there. A full disk is ENOSPC with a message that says what to do; what
     //! was written stays and counts.
     Error append(const QByteArray& data);
-    //! Verifies, flushes and renames to the target, and flushes the directory. Fails with
-    //! ErrorCode::ChecksumMismatch (the partial file is empty then), or ErrorCode::AlreadyExists when
+    //! Verifies, flushes and renames to the target, and flushes the directory (where Location says so). Fails
+    //! with ErrorCode::ChecksumMismatch (the partial file is empty then), or ErrorCode::AlreadyExists when
     //! something is at the target by now that may not be replaced (the partial file stays).
     Error publish(const Expected& expected);
 

@@ -4,6 +4,13 @@ namespace orx {
 
 TransferProgress::TransferProgress(qint64 totalBytes) : m_total(totalBytes) {}
 
+void TransferProgress::startOver(qint64 totalBytes) {
+    m_total = totalBytes;
+    m_resumed = 0;
+    m_settled = 0;
+    m_underWay.clear();
+}
+
 void TransferProgress::addResumed(qint64 bytes) {
     m_resumed += bytes;
     m_settled += bytes;

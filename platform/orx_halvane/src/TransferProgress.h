@@ -18,6 +18,8 @@ public:
 
     explicit TransferProgress(qint64 totalBytes);
 
+    //! Counts anew, up to \a totalBytes; what was shown stays until more has been done.
+    void startOver(qint64 totalBytes);
     //! Bytes that were there before; they count as done.
     void addResumed(qint64 bytes);
     //! The running sum of one piece under way; starts again at 0 when the piece is sent again.

@@ -327,7 +327,9 @@ NetworkReply FakeHalvane::content(const NetworkRequest& request, int fileId, int
     const QByteArray tag =
         "\"" + QByteArray::number(fileId) + "-" + QByteArray::number(version) + "-" + wanted.sha256 + "\"";
     NetworkReply reply = text(200, wanted.content);
-    reply.headers = {{"ETag", tag}, {"Halvane-Content-Sha256", wanted.sha256}};
+    reply.headers = {{"ETag", tag}};
+    if (stateChecksum)
+        reply.headers.append({"Halvane-Content-Sha256", wanted.sha256});
     const QByteArray range = NetworkRequest::header(request.headers, "Range");
     if (range.isEmpty() || !honoursRanges || NetworkRequest::header(request.headers, "If-Range") != tag)
         return reply;

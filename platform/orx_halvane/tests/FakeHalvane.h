@@ -70,6 +70,8 @@ public:
     QHash<int, Upload> uploads;
     QHash<int, QList<Version>> files;
     bool honoursRanges = true;
+    //! Replies of contents tell the checksum.
+    bool stateChecksum = true;
     //! Bodies come in pieces of so many bytes.
     qint64 pieceSize = 3;
     //! Called for every piece of a body, and after every request was answered.

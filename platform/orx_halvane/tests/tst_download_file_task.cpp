@@ -342,11 +342,96 @@ TEST_F(DownloadFileTask, ALargeContentComesWholeThroughBoundedBuffers) {
     EXPECT_EQ(get(name), large);
 }
 
-TEST_F(DownloadFileTask, TheCreatorMakesOne) {
+TEST_F(DownloadFileTask, TheCreatorMakesOneThatTheHistoryDoesNotHearOf) {
     const std::unique_ptr<Task> task = HalvaneDownloadFileTaskCreator::create(download());
     ASSERT_FALSE(run(*task).hasError());
     EXPECT_EQ(get(name), content);
+    const auto recorded = HalvaneHistory().fileVersion(out().filePath(name), 12);
+    ASSERT_TRUE(recorded);
+    EXPECT_EQ(*recorded, std::nullopt);
 }
+
+class DownloadOfListedFile : public DownloadFileTask {
+protected:
+    void SetUp() override {
+        DownloadFileTask::SetUp();
+        state({content.size(), sha256(content), QDateTime()});
+    }
+    void TearDown() override {
+        HalvaneAcknowledgedContents::forget(HalvaneConnection::instance().serverKey(), 12, 2);
+        DownloadFileTask::TearDown();
+    }
+    static void state(const HalvaneAcknowledgedContents::Stated& stated) {
+        HalvaneAcknowledgedContents::recordStated(HalvaneConnection::instance().serverKey(), 12, 2, stated);
+    }
+};
+
+TEST_F(DownloadOfListedFile, IsOneCallAndVerifiedAsAnyOther) {
+    const auto modified =
+        QDateTime::fromString(QStringLiteral("2020-01-02T03:04:05.678Z"), Qt::ISODateWithMs);
+    state({content.size(), sha256(content), modified});
+    HalvaneDownloadFileTask task(download());
+    const Error error = run(task);
+    ASSERT_FALSE(error.hasError()) << qPrintable(error.traceText());
+    EXPECT_EQ(get(name), content);
+    EXPECT_EQ(task.sha256().toLatin1(), sha256(content));
+    EXPECT_EQ(QFileInfo(task.targetPath()).lastModified(), modified);
+    EXPECT_EQ(fake.log, QByteArrayList{"GET /files/12/versions/2/content"});
+}
+
+TEST_F(DownloadOfListedFile, GoesOnByRangeWithTheListedChecksumAsValidator) {
+    put(partial, content.left(9));
+    HalvaneDownloadFileTask task(download());
+    ASSERT_FALSE(run(task).hasError());
+    EXPECT_EQ(get(name), content);
+    EXPECT_EQ(fake.log, QByteArrayList{"GET /files/12/versions/2/content"});
+    EXPECT_EQ(NetworkRequest::header(contentRequest(0).headers, "Range"), "bytes=9-");
+    EXPECT_EQ(NetworkRequest::header(contentRequest(0).headers, "If-Range"),
+              "\"12-2-" + sha256(content) + '"');
+}
+
+TEST_F(DownloadOfListedFile, ThatNeedsNoContentIsAskedForAllTheSame) {
+    put(partial, content);
+    HalvaneDownloadFileTask whole(download());
+    ASSERT_FALSE(run(whole).hasError());
+    EXPECT_EQ(fake.log, QByteArrayList{"GET /files/12/versions"});
+    serve("");
+    HalvaneAcknowledgedContents::recordStated(HalvaneConnection::instance().serverKey(), 12, 3,
+                                              {0, sha256(""), QDateTime()});
+    HalvaneDownloadFileTask empty(download(QStringLiteral("empty"), 3));
+    ASSERT_FALSE(run(empty).hasError());
+    EXPECT_EQ(fake.log.count("GET /files/12/versions"), 2);
+    EXPECT_EQ(get(QStringLiteral("empty")), "");
+}
+
+struct WrongListing {
+    const char* name;
+    qint64 more;
+    bool isOtherContent;
+};
+
+class DownloadOfWronglyListedFile : public DownloadOfListedFile,
+                                    public ::testing::WithParamInterface<WrongListing> {};
+
+TEST_P(DownloadOfWronglyListedFile, AsksTheServerAndComesDownWhole) {
+    const QByteArray other = GetParam().isOtherContent ? sha256("another") : sha256(content);
+    state({content.size() + GetParam().more, other, QDateTime()});
+    fake.stateChecksum = !GetParam().isOtherContent || GetParam().more != 0;
+    HalvaneDownloadFileTask task(download());
+    Reported reported;
+    const Error error = run(task, &reported);
+    ASSERT_FALSE(error.hasError()) << qPrintable(error.traceText());
+    EXPECT_EQ(get(name), content);
+    EXPECT_EQ(entries(), QStringList{name});
+    EXPECT_EQ(fake.log.count("GET /files/12/versions"), 1);
+    EXPECT_TRUE(std::is_sorted(reported.progress.begin(), reported.progress.end()));
+}
+
+INSTANTIATE_TEST_SUITE_P(Listings, DownloadOfWronglyListedFile,
+                         ::testing::Values(WrongListing{"Checksum", 0, true},
+                                           WrongListing{"ChecksumAndSize", 3, true},
+                                           WrongListing{"TooSmall", -3, false}),
+                         [](const auto& testCase) { return testCase.param.name; });
 
 class DownloadDestroyedByProgress : public DownloadFileTask, public ::testing::WithParamInterface<int> {};
 

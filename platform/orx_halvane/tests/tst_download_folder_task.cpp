@@ -164,8 +164,8 @@ TEST_F(DownloadFolderTaskTest, OneFailedFileHidesNoOther) {
     const int gone = file(u8("gone"), "2", raw);
     file(u8("good"), "3", folder(u8("below"), raw));
     const auto missing = ScriptedFault::failure(404, HalvaneServerErrorCode::NotFound, u8("It went."));
-    server.script(u8("GET /files/%1/versions").arg(bad), missing);
-    server.script(u8("GET /files/%1/versions").arg(gone),
+    server.script(u8("GET /files/%1/versions/1/content").arg(bad), missing);
+    server.script(u8("GET /files/%1/versions/1/content").arg(gone),
                   ScriptedFault::failure(403, HalvaneServerErrorCode::NoPrivilege, u8("No.")));
     const auto task = download(raw);
     const Error error = run(*task);
@@ -233,7 +233,7 @@ TEST_F(DownloadFolderTaskTest, BreadthIsBoundedOverTheWholeTree) {
     // The whole tree is listed meanwhile: the root of the download and ten folders below it.
     ASSERT_TRUE(
         waitUntil([&] { return server.heldCount() == 8 && server.count(u8("GET /folders/*/files")) == 11; }));
-    EXPECT_EQ(server.count(u8("GET /files/*/versions")), 8) << "file tasks are made as slots come free";
+    EXPECT_EQ(server.count(u8("GET /files/*/content")), 8) << "file tasks are made as slots come free";
     ASSERT_TRUE(waitUntil([&] {
         server.release();
         return task->isFinished();
@@ -267,7 +267,7 @@ TEST_F(DownloadFolderTaskTest, ProgressOfAFailedDownloadDoesNotReachTheEnd) {
     const int raw = folder(u8("raw"));
     file(u8("a"), "1", raw);
     const int bad = file(u8("b"), "2", raw);
-    server.script(u8("GET /files/%1/versions").arg(bad),
+    server.script(u8("GET /files/%1/versions/1/content").arg(bad),
                   ScriptedFault::failure(404, HalvaneServerErrorCode::NotFound, u8("It went.")));
     const auto task = download(raw);
     int last = 0;
@@ -280,14 +280,14 @@ TEST_F(DownloadFolderTaskTest, WithoutAnybodyLoggedInItIsGivenUp) {
     const int raw = folder(u8("raw"));
     for (int i = 0; i < 50; ++i)
         file(QString::number(i), "x", raw);
-    server.script(u8("GET /files/*/versions"),
+    server.script(u8("GET /files/*/content"),
                   ScriptedFault::failure(401, HalvaneServerErrorCode::NotAuthenticated, u8("Log in first.")),
                   ScriptedHalvaneServer::Always);
     const auto task = download(raw);
     const Error error = run(*task);
     EXPECT_TRUE(isHalvaneError(error, HalvaneServerErrorCode::NotAuthenticated));
     EXPECT_TRUE(error.errorMessage().contains(u8("given up"))) << qPrintable(error.errorMessage());
-    EXPECT_LE(server.count(u8("GET /files/*/versions")), 16);
+    EXPECT_LE(server.count(u8("GET /files/*/content")), 16);
 }
 
 TEST_F(DownloadFolderTaskTest, CancelledItEndsAndMakesNothingMore) {

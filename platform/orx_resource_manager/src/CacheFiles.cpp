@@ -80,9 +80,7 @@ Result<CacheDescriptor> ensureDirectory(int parent, const QByteArray& name, cons
     auto directory = openDirectory(parent, name, shown);
     if (directory || !directory.error().is(ErrorCode::NotFound))
         return directory;
-    if (::mkdirat(parent, name.constData(), kOwnerOnly) == 0)
-        ORX_RETURN_ON_ERROR(flush(parent, shown));
-    else if (errno != EEXIST)
+    if (::mkdirat(parent, name.constData(), kOwnerOnly) != 0 && errno != EEXIST)
         return systemError("Could not create the directory \"%1\"", shown);
     return openDirectory(parent, name, shown);
 }

@@ -48,7 +48,7 @@ Error setModified(int file, qint64 modifiedNs, const QString& shown);
 
 //! ErrorCode::InvalidArgument for a link.
 Result<CacheDescriptor> openDirectory(int parent, const QByteArray& name, const QString& shown);
-//! Makes it, for the owner only, when it is missing, and flushes the parent then.
+//! Makes it, for the owner only, when it is missing; the parent is not flushed.
 Result<CacheDescriptor> ensureDirectory(int parent, const QByteArray& name, const QString& shown);
 //! Below \a top, through all of \a components.
 Result<CacheDescriptor> openDirectories(int top, const QByteArrayList& components, const QString& shown);

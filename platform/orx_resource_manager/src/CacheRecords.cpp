@@ -201,9 +201,11 @@ Result<std::vector<CacheRecords::Record>> CacheRecords::all() {
     return records;
 }
 
-Error CacheRecords::put(const QString& subPath, const CachePayload& payload) {
+Error CacheRecords::put(const QString& subPath, const CachePayload& payload, Durability durability) {
     bool isOverlapping = false;
-    ORX_RETURN_ON_ERROR(m_file.run(SqliteFile::Access::Write, [&](SQLite::Database& database) {
+    const auto access =
+        durability == Durability::Flushed ? SqliteFile::Access::Write : SqliteFile::Access::WriteRelaxed;
+    ORX_RETURN_ON_ERROR(m_file.run(access, [&](SQLite::Database& database) {
         isOverlapping = overlaps(database, subPath);
         if (!isOverlapping)
             writeEntry(database, subPath, payload);

@@ -30,6 +30,11 @@ public:
         std::optional<qint64> usedBeforeMs;
     };
 
+    enum class Durability {
+        Flushed,
+        Relaxed //!< a power cut may undo it
+    };
+
     //! \a onDamage as in SqliteFile::Format.
     CacheRecords(const QString& path, std::function<bool(const QString&, const QString&)> onDamage);
 
@@ -39,7 +44,7 @@ public:
     Result<std::vector<Record>> all();
     //! Replaces what is recorded of the place; the policy stays. ErrorCode::AlreadyExists when the place lies
     //! within another entry or holds others.
-    Error put(const QString& subPath, const CachePayload& payload);
+    Error put(const QString& subPath, const CachePayload& payload, Durability durability);
     Error setPolicy(const QString& subPath, ResourceCleanupPolicy policy);
     Error setDamaged(qint64 id);
     //! Milliseconds since the epoch; never sets a time back.

@@ -255,7 +255,7 @@ Error CacheStore::seal(const CacheSubPath& place, int staging, const QByteArray&
     if (taken.hasError())
         return taken.error();
     if (*taken)
-        return m_work.put(place.text(), payload); // tells why not
+        return m_work.put(place.text(), payload, CacheRecords::Durability::Flushed); // tells why not
     return exchange(place, staging, name, payload);
 }
 
@@ -293,6 +293,9 @@ Error CacheStore::exchange(const CacheSubPath& place, int staging, const QByteAr
                            const CachePayload& payload) {
     const QString shown = placePath(place);
     const char* there = place.name().constData();
+    const auto recorded = m_work.find(place.text());
+    if (recorded.hasError() && !recorded.error().is(ErrorCode::NotFound))
+        return recorded.error();
     for (int attempt = 1;; ++attempt) {
         const auto parent = ensureParent(place);
         if (parent.hasError())
@@ -303,9 +306,13 @@ Error CacheStore::exchange(const CacheSubPath& place, int staging, const QByteAr
         errno = failure;
         if (failure != 0)
             return systemError("Could not bring \"%1\" to its place in the cache", shown);
-        Error error = flush(parent->get(), shown);
+        // Without an old content or record that could come back, nothing can be taken for what it is not.
+        const bool isNew =
+            !recorded && ::faccessat(staging, name.constData(), F_OK, AT_SYMLINK_NOFOLLOW) != 0;
+        Error error = isNew ? Error() : flush(parent->get(), shown);
         if (!error.hasError())
-            error = m_work.put(place.text(), payload);
+            error = m_work.put(place.text(), payload,
+                               isNew ? CacheRecords::Durability::Relaxed : CacheRecords::Durability::Flushed);
         if (error.hasError() && swapNames(parent->get(), there, staging, name.constData()) != 0)
             qCWarning(cacheLog).noquote() << systemError("Could not bring back \"%1\"", shown).errorMessage();
         return error;
@@ -321,7 +328,22 @@ Error CacheStore::sealInPlace(const CacheSubPath& place, const CachePayload& pay
     if (opened.hasError())
         return opened.error();
     const auto lock = (*opened)->locks->waitExclusive(CacheLocks::offset(place.key(), CacheLocks::kPlace));
-    return lock ? m_work.put(place.text(), payload) : busy(place.text());
+    return lock ? m_work.put(place.text(), payload, CacheRecords::Durability::Flushed) : busy(place.text());
+}
+
+Error CacheStore::flushWay(const CacheSubPath& place) {
+    const auto opened = root();
+    if (opened.hasError())
+        return opened.error();
+    QByteArrayList above = place.components();
+    do {
+        above.removeLast();
+        const auto directory = openDirectories((*opened)->content.get(), above, placePath(place));
+        if (directory.hasError())
+            return isMissing(directory.error()) ? Error() : directory.error();
+        ORX_RETURN_ON_ERROR(flush(directory->get(), placePath(place)));
+    } while (!above.isEmpty());
+    return Error();
 }
 
 Error CacheStore::clearPlace(const CacheSubPath& place) {

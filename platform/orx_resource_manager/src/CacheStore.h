@@ -59,6 +59,8 @@ public:
     Result<CacheDescriptor> ensureParent(const CacheSubPath& place);
     //! The directory above the place; ErrorCode::NotFound.
     Result<CacheDescriptor> openParent(const CacheSubPath& place);
+    //! Flushes the directories that lead to the place, as far as they are there.
+    Error flushWay(const CacheSubPath& place);
     //! Removes what lies at the place, which nobody uses and no record tells of, and the directories above it
     //! that are empty then.
     Error clearPlace(const CacheSubPath& place);

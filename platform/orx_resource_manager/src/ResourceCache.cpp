@@ -175,6 +175,8 @@ Error ResourceCache::setCleanupPolicy(const QString& subPath, ResourceCleanupPol
         return place.error();
     if (const auto root = d->store->root(); root.hasError())
         return root.error();
+    if (policy == ResourceCleanupPolicy::Keep)
+        ORX_RETURN_ON_ERROR(d->store->flushWay(*place));
     return d->store->quickRecords().setPolicy(subPath, policy);
 }
 
