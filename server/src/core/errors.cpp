@@ -18,7 +18,6 @@ int defaultStatus(ErrorCode code) {
     case ErrorCode::NoPrivilege:
         return 403;
     case ErrorCode::InvalidName:
-        return 422;
     case ErrorCode::ChecksumMismatch:
         return 422;
     case ErrorCode::UploadIncomplete:

@@ -44,6 +44,7 @@ PrivilegeSet privilegesHere(const std::vector<Grant>& own, PrivilegeSet inherite
 
 std::vector<PrivilegeSet> privilegesAlong(const std::vector<FolderLink>& chain, const Identity& who) {
     std::vector<PrivilegeSet> result;
+    result.reserve(chain.size());
     PrivilegeSet inherited;
     for (const FolderLink& link : chain)
         result.push_back(inherited = privilegesHere(link.grants, inherited, who));

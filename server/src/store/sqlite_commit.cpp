@@ -135,8 +135,9 @@ FinalizedFile commitOne(SqliteConnection& connection, const Finalisation& reques
 std::vector<FinalisationOutcome> SqliteCatalog::commit(std::span<const Finalisation> batch) {
     std::vector<FinalizedFile> files(batch.size());
     std::vector<SqliteWriter::Work> works;
+    works.reserve(batch.size());
     for (std::size_t i = 0; i < batch.size(); ++i)
-        works.push_back([&file = files[i], &request = batch[i]](SqliteConnection& connection) {
+        works.emplace_back([&file = files[i], &request = batch[i]](SqliteConnection& connection) {
             file = commitOne(connection, request);
         });
     std::vector<std::future<void>> done = m_writer.submit(Durability::Flushed, std::move(works));

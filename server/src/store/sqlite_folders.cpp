@@ -21,6 +21,7 @@ constexpr std::int64_t maximumDepth = 256;
 
 std::vector<Id> groupIds(const std::vector<Grant>& grants) {
     std::vector<Id> ids;
+    ids.reserve(grants.size());
     for (const Grant& grant : grants)
         ids.push_back(grant.groupId);
     return ids;
