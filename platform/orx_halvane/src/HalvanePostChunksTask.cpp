@@ -222,7 +222,7 @@ void HalvanePostChunksTask::Private::onRead(int index, ChunkReader::Chunk chunk)
     if (plan->isLast(index))
         contentSha256 = chunk.contentSha256;
     if (schedule->onRead(chunk.checksum) == ChunkSchedule::Verdict::Send)
-        held.insert(index, std::move(chunk));
+        held.emplace(index, std::move(chunk));
     else
         progress.addResumed(plan->length(index));
     if (showProgress())

@@ -28,7 +28,7 @@ Error readReceived(QHash<int, QByteArray>& received, const QJsonObject& object) 
     QJsonArray chunks;
     ORX_RETURN_ON_ERROR(read(chunks, JsonUtils::arrayValue, object, "received"));
     received.reserve(chunks.size());
-    for (const QJsonValue& chunk : std::as_const(chunks)) {
+    for (const auto& chunk : std::as_const(chunks)) {
         int index = 0;
         QString checksum;
         ORX_RETURN_ON_ERROR(read(index, JsonUtils::intValue, chunk.toObject(), "index"));

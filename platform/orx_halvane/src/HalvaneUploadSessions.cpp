@@ -20,7 +20,7 @@ Registry& registry() {
 void HalvaneUploadSessions::add(int uploadId, const HalvaneUploadSession& session) {
     auto shared = std::make_shared<const HalvaneUploadSession>(session);
     const std::lock_guard lock(registry().mutex);
-    registry().sessions.insert(uploadId, std::move(shared));
+    registry().sessions.emplace(uploadId, std::move(shared));
 }
 
 std::shared_ptr<const HalvaneUploadSession> HalvaneUploadSessions::find(int uploadId) {
