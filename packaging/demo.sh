@@ -115,16 +115,23 @@ as anna show ls -l /raw/2026
 listed=$(as anna "$BIN/halvane" --json ls /raw/2026 | wc -l)
 [ "$listed" -eq "$count" ] || fail "$count files were put and $listed are listed"
 
-step "Get them back and compare"
+step "Get them back from the server and compare"
 bytes=0
 for file in "$work"/up/*; do
   name=$(basename "$file")
-  as anna "$BIN/halvane" --quiet get "/raw/2026/$name" --to "$work/down" >/dev/null
+  as anna "$BIN/halvane" --quiet get --no-cache "/raw/2026/$name" --to "$work/down" >/dev/null
   same "$file" "$work/down/$name"
   [ "$(sha256_of "$file")" = "$(sha256_of "$work/down/$name")" ] || fail "the SHA-256 of $name differs"
   bytes=$((bytes + $(stat -c %s "$file")))
   echo "$name: identical"
 done
+
+step "Once more, from the cache: what was put here need not be fetched"
+mkdir "$work/again"
+line=$(as anna "$BIN/halvane" --json get /raw/2026/tiny.mzML --to "$work/again")
+[ "$(field from_cache <<<"$line")" = True ] || fail "the file was fetched: $line"
+same "$work/up/tiny.mzML" "$work/again/tiny.mzML"
+as anna show cache ls
 
 step "A colleague on another machine gets a file"
 printf '%s\n' "$password" | as colleague "$BIN/halvane" --quiet login "$url" --user anna --password-stdin >/dev/null
@@ -148,8 +155,8 @@ last=$(as anna "$BIN/halvane" --json ls "file:$id" | field version)
 [ "$last" = 2 ] || fail "the conflict changed the server: version $last"
 
 step "Both versions are there"
-as anna show --quiet get "file:$id@1" --to "$work/down/version-1.mzML"
-as anna show --quiet get "file:$id@2" --to "$work/down/version-2.mzML"
+as anna show --quiet get --no-cache "file:$id@1" --to "$work/down/version-1.mzML"
+as anna show --quiet get --no-cache "file:$id@2" --to "$work/down/version-2.mzML"
 same "$work/first.mzML" "$work/down/version-1.mzML"
 same "$work/up/tiny.mzML" "$work/down/version-2.mzML"
 

@@ -12,6 +12,8 @@
 #include <QFileInfo>
 #include <QJsonArray>
 
+#include <csignal>
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -269,6 +271,25 @@ TEST_F(Cache, TwoGetsOfOneFileShareTheDownload) {
     EXPECT_EQ(proxy.traffic("GET", contentPath).requests, 1);
     EXPECT_TRUE(Client::contentOf(client.path("first")) == Client::contentOf(file));
     EXPECT_TRUE(Client::contentOf(client.path("second")) == Client::contentOf(file));
+}
+
+TEST_F(Cache, AGetThatWaitsForAnotherOneCanBeInterrupted) {
+    put({"--no-cache"});
+    FaultProxy proxy("127.0.0.1", server.port());
+    ASSERT_TRUE(client.login(QUrl(QString::fromStdString(proxy.url()))));
+    const auto hold = proxy.holdReply({"GET", contentPath});
+    const auto first = client.start({"--json", "get", "file:1", "--to", client.path("first")});
+    hold->waitUntilAnswered();
+    const int asked = proxy.traffic("GET", ".*/files/1").replies;
+    const auto second = client.start({"--json", "get", "file:1", "--to", client.path("second")});
+    proxy.waitForTraffic("GET", ".*/files/1",
+                         [asked](const auto& traffic) { return traffic.replies > asked; });
+    ASSERT_EQ(::kill(pid_t(second->processId()), SIGINT), 0);
+    EXPECT_EQ(Client::finish(*second).exitCode, 130);
+    EXPECT_FALSE(QFile::exists(client.path("second")));
+    hold->release();
+    EXPECT_EQ(Client::finish(*first).exitCode, 0);
+    EXPECT_TRUE(Client::contentOf(client.path("first")) == Client::contentOf(file));
 }
 
 TEST_F(Cache, ATargetThatCannotBeWrittenIsFoundBeforeAnythingIsFetched) {

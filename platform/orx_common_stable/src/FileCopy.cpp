@@ -86,8 +86,12 @@ QByteArray temporaryBeside(const QByteArray& target) {
 // One file, from what was opened to a new file; nothing is left of that after a failure.
 class ContentCopy {
 public:
-    ContentCopy(const QByteArray& source, const QByteArray& target, FileCopy::IsCanceled isCanceled = {})
-        : m_source(source), m_target(target), m_isCanceled(std::move(isCanceled)) {}
+    ContentCopy(const QByteArray& source, const QByteArray& target)
+        : m_source(source), m_target(target), m_shown(target) {}
+    //! \a shown: what messages call the target, which has another name while it is made.
+    ContentCopy(const QByteArray& source, const QByteArray& target, const QByteArray& shown,
+                FileCopy::IsCanceled isCanceled)
+        : m_source(source), m_target(target), m_shown(shown), m_isCanceled(std::move(isCanceled)) {}
 
     Error run() {
         const Descriptor source(::open(m_source.constData(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
@@ -100,10 +104,10 @@ public:
         Descriptor target(::open(m_target.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC,
                                  0666 | (m_before.st_mode & 0111)));
         if (!target.isOpen())
-            return writeFailure(errno, m_target);
+            return writeFailure(errno, m_shown);
         Error error = fill(*source, *target);
         if (!error.hasError() && !target.close())
-            error = writeFailure(errno, m_target);
+            error = writeFailure(errno, m_shown);
         if (error.hasError())
             ::unlink(m_target.constData());
         return error;
@@ -117,14 +121,14 @@ private:
         ORX_RETURN_ON_ERROR(checkUnchanged(source));
         const timespec times[] = {m_before.st_atim, m_before.st_mtim};
         if (::futimens(target, times) != 0 || ::fsync(target) != 0)
-            return writeFailure(errno, m_target);
+            return writeFailure(errno, m_shown);
         return {};
     }
 
     Error copyBytes(int source, int target) {
         if (m_before.st_size > 0 && ::fallocate(target, 0, 0, m_before.st_size) != 0 &&
             (errno == ENOSPC || errno == EDQUOT))
-            return writeFailure(errno, m_target);
+            return writeFailure(errno, m_shown);
         off_t done = 0;
         while (done < m_before.st_size) {
             ORX_RETURN_ON_ERROR(checkGoesOn());
@@ -148,7 +152,7 @@ private:
             if (copied >= 0)
                 return qint64(copied);
             if (errno == ENOSPC || errno == EDQUOT || errno == EIO)
-                return writeFailure(errno, m_target);
+                return writeFailure(errno, m_shown);
             m_byHand = errno != EINTR;
         }
         m_buffer.resize(1024 * 1024);
@@ -161,7 +165,7 @@ private:
                 return ::pwrite(target, m_buffer.data() + written, size_t(bytes - written), from + written);
             });
             if (more < 0)
-                return writeFailure(errno, m_target);
+                return writeFailure(errno, m_shown);
             written += more;
         }
         return qint64(bytes);
@@ -202,6 +206,7 @@ private:
 
     QByteArray m_source;
     QByteArray m_target;
+    QByteArray m_shown;
     FileCopy::IsCanceled m_isCanceled;
     struct stat m_before = {};
     std::vector<char> m_buffer;
@@ -277,7 +282,7 @@ Error FileCopy::file(const QString& source, const QString& target, IfExists ifEx
         ::faccessat(AT_FDCWD, targetPath.constData(), F_OK, AT_SYMLINK_NOFOLLOW) == 0)
         return ORX_ECATCH(writeFailure(EEXIST, targetPath));
     const QByteArray temporary = temporaryBeside(targetPath);
-    ORX_RETURN_ON_ERROR(ContentCopy(encoded(source), temporary, isCanceled).run());
+    ORX_RETURN_ON_ERROR(ContentCopy(encoded(source), temporary, targetPath, isCanceled).run());
     Error error = renameInto(temporary, targetPath, ifExists);
     if (error.hasError()) {
         ::unlink(temporary.constData());

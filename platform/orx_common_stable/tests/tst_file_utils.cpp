@@ -331,6 +331,14 @@ TEST_F(FileUtilsTest, ACopyThatIsGivenUpLeavesTheTargetAsItWas) {
     EXPECT_EQ(read(to("a")).size(), 20'000'000);
 }
 
+TEST_F(FileUtilsTest, MessagesNameTheTargetAndNotWhatItIsCalledMeanwhile) {
+    write(from("a"), "A");
+    const Error error = FileCopy::file(from("a"), to("none/b"), FileCopy::IfExists::Fail);
+    EXPECT_TRUE(error.is(ErrorCode::FileNotWritable));
+    EXPECT_TRUE(error.errorMessage().contains(u'"' + to("none/b") + u'"'))
+        << qPrintable(error.errorMessage());
+}
+
 TEST_F(FileUtilsTest, APipeIsNotWaitedFor) {
     ASSERT_EQ(::mkfifo(QFile::encodeName(from("pipe")).constData(), 0600), 0);
     EXPECT_TRUE(
