@@ -80,7 +80,7 @@ private:
     Error exchange(const CacheSubPath& place, int staging, const QByteArray& name,
                    const CachePayload& payload);
 
-    const QString m_rootDir;
+    QString m_rootDir; // never changed
     QMutex m_mutex;
     std::shared_ptr<CacheRoot> m_root;
     QHash<QString, qint64> m_uses;
