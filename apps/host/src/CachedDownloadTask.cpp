@@ -61,14 +61,14 @@ struct CachedDownloadTask::Hashing {
     explicit Hashing(const QString& path) : file(path) {}
 
     Error more() {
-        if (!file.isOpen() && !file.open(QIODevice::ReadOnly))
+        if (!file.isOpen() && !file.open(QIODevice::ReadOnly | QIODevice::Unbuffered))
             return failure();
         for (qint64 done = 0; done < hashedAtATime && !atEnd; done += readAtATime) {
-            const QByteArray block = file.read(readAtATime);
-            if (file.error() != QFileDevice::NoError)
+            const qint64 bytes = file.read(block.data(), block.size());
+            if (bytes < 0)
                 return failure();
-            hash.add(block.constData(), block.size());
-            atEnd = block.isEmpty();
+            hash.add(block.constData(), bytes);
+            atEnd = bytes == 0;
         }
         return {};
     }
@@ -78,6 +78,7 @@ struct CachedDownloadTask::Hashing {
     }
 
     QFile file;
+    QByteArray block = QByteArray(readAtATime, Qt::Uninitialized);
     orx::ContentHash hash;
     bool atEnd = false;
 };
