@@ -12,7 +12,7 @@ using ItemType = HalvaneResourceReference::ItemType;
 TEST(HalvaneReferences, FileKnowsItsPartsAndTexts) {
     const auto reference = HalvaneFileResourceReference::create(12, 3, QStringLiteral("run1.mzML"));
     ASSERT_TRUE(reference) << qPrintable(reference.errorMessage());
-    const HalvaneFileResourceReferenceSPtr file = *reference;
+    const HalvaneFileResourceReferenceSPtr& file = *reference;
     EXPECT_EQ(file->scheme(), ResourceReference::Scheme::Halvane);
     EXPECT_EQ(file->itemType(), ItemType::File);
     EXPECT_EQ(file->id(), 12);

@@ -145,11 +145,15 @@ Error CacheSource::addItem(int directory, const QByteArray& prefix, const QByteA
     item.device = status.st_dev;
     item.inode = status.st_ino;
     m_bytes += item.bytes;
-    const QByteArray below = item.path + '/';
-    if (isFile && keep)
+    if (!isFile) {
+        const QByteArray below = item.path + '/';
+        m_items.push_back(std::move(item));
+        return walk(opened.get(), below);
+    }
+    if (keep)
         item.file = KeptFile(std::move(opened));
     m_items.push_back(std::move(item));
-    return isFile ? Error() : walk(opened.get(), below);
+    return Error();
 }
 
 QString CacheSource::shown(const Item& item) const {

@@ -145,7 +145,7 @@ Error HalvaneFolderResourceMetadata::loadFromJson(const QJsonObject& json) {
     ORX_RETURN_ON_ERROR(path.error());
     QList<int> ids;
     QStringList names;
-    for (const QJsonValue& element : *path) {
+    for (const auto& element : *path) {
         const QJsonObject folder = element.toObject();
         const auto folderName = JsonUtils::stringValue(folder, folderNameKey());
         ORX_RETURN_ON_ERROR(folderName.error());
