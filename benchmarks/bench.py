@@ -364,11 +364,63 @@ def bench_stall(table, ours, build, work, size):
     shutil.rmtree(work / "stall-cache")
 
 
+def bench_tree(table, ours, nginx, build, work, files, few, count):
+    """A deep tree of files of 10 KB down through the cache: memory and descriptors of a large one, time of a small one."""
+    program = build / "bin" / "bench_tree"
+    login = [ours.url, "bench", PASSWORD.decode().strip()]
+
+    def make(number):
+        sources = work / "tree-sources"
+        sources.mkdir()
+        _, _, output = timed([program, "make", *login, str(number), sources], env=ours.environment)
+        return json.loads(output)["folder"], sources
+
+    def get(folder, **kwargs):
+        for name in ("tree-target", "tree-cache"):
+            shutil.rmtree(work / name, ignore_errors=True)
+        output = timed([program, "get", *login, str(folder), work / "tree-target", work / "tree-cache"], env=ours.environment, **kwargs)[2]
+        return json.loads(output)
+
+    folder, sources = make(files)
+    shutil.rmtree(sources)
+    down = get(folder, preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (256, 256)))
+    if down["files"] != files:
+        fail(f"{down['files']} of {files} files came down")
+    table.limit(f"client memory, tree of {files} files of 10 KB, 12 levels, down", down["memory_mib"], "MiB", 300,
+                f"high-water mark; {down['seconds']:.1f} s; at most {down['descriptors']:.0f} descriptors of 256")
+
+    folder, sources = make(few)
+    shutil.move(sources, nginx.files / "tree")
+    names = sorted(path.name for path in (nginx.files / "tree").iterdir())
+    peer, copy, requests = work / "peer-files", work / "peer-copy", work / "peer-requests"
+    requests.write_text("".join(f'url = "{nginx.url}/tree/{name.replace(" ", "%20")}"\noutput = "{peer}/{name}"\n' for name in names))
+
+    def down_ours():
+        processor = ours.processor()
+        return get(folder)["seconds"], processor.seconds()
+
+    def down_peer():
+        for path in (peer, copy):
+            shutil.rmtree(path, ignore_errors=True)
+        peer.mkdir()
+        processor = nginx.processor()
+        start = time.monotonic()
+        subprocess.run(["curl", "-s", "-f", "-Z", "--parallel-max", "16", "-K", requests], check=True)
+        subprocess.run(["cp", "-r", peer, copy], check=True)
+        written = [peer, copy, *peer.iterdir(), *copy.iterdir()]
+        subprocess.run(["xargs", "-0", "sync"], check=True, input="\0".join(map(str, written)).encode())
+        return time.monotonic() - start, processor.seconds()
+
+    table.ratio(f"{few} files of 10 KB down, durable", pairs_of(count, down_ours, down_peer), 2.0,
+                "ours verifies each file, lists 121 folders and keeps records; the peer fetches one flat list into two directories")
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("root", type=Path)
     parser.add_argument("--quick", action="store_true", help="small sizes and few pairs: shows that it works, proves nothing")
     parser.add_argument("--only-transfers", action="store_true", help="only the rows of one file up and down")
+    parser.add_argument("--only-tree", action="store_true", help="only the rows of trees of small files")
     options = parser.parse_args()
     root = options.root
     build = root / "build" / "bench"
@@ -380,11 +432,14 @@ def main():
     try:
         servers.append(ours := Ours(build, work))
         servers.append(nginx := Nginx(peer_program(root, "nginx", "/usr/sbin/nginx"), work))
-        bench_large_file(table, ours, nginx, work, size, count)
-        if not options.only_transfers:
+        if not options.only_tree:
+            bench_large_file(table, ours, nginx, work, size, count)
+        if not options.only_transfers and not options.only_tree:
             bench_memory(table, ours, work, 4 * size)
             bench_growth(table, ours, work, size)
             bench_stall(table, ours, build, work, 2 * size)
+        if not options.only_transfers:
+            bench_tree(table, ours, nginx, build, work, 2_000 if options.quick else 20_000, 500 if options.quick else 2_000, count)
     finally:
         for server in servers:
             server.stop()

@@ -1,6 +1,8 @@
 // A tree that is wide and deep comes down with few descriptors, and a small file with few flushes.
 #include "CacheDownloads.h"
 
+#include <ResourceManager.h>
+
 #include <QDirIterator>
 
 #include <atomic>
@@ -105,6 +107,31 @@ TEST_P(LargeTree, ASmallFileIsFlushedInTheCacheAndInTheTargetAndNowhereElse) {
     EXPECT_LE(flushes, 3 * 20 + 4)
         << "the content in the cache, the copy and its directory; a few for the database";
     EXPECT_GE(flushes, 3 * 20);
+}
+
+TEST_P(LargeTree, AReplacedEntryIsFlushedWithItsDirectoryAndItsRecord) {
+    const int file = makeFile(text("a"), "content");
+    ASSERT_FALSE(run(*downloadFile(file, 1, text("a"))).hasError());
+    const auto handler =
+        ResourceManager::getHandler(*HalvaneFileResourceReference::create(file, 1, text("a")));
+    ASSERT_TRUE(handler);
+    (*handler)->overrideRetrieveMode(ResourceHandler::RetrieveMode::Refresh);
+    auto task = (*handler)->retrieveAsync(ResourceHandler::AsyncProcessingType::RunByCaller, nullptr);
+    ASSERT_TRUE(task);
+    flushes = 0;
+    ASSERT_FALSE(run(**task).hasError());
+    EXPECT_GE(flushes, 3);
+}
+
+TEST_P(LargeTree, PinningFlushesTheRecordAndAllDirectoriesOnTheWay) {
+    const int file = makeFile(text("a"), "content");
+    ASSERT_FALSE(run(*downloadFile(file, 1, text("a"))).hasError());
+    const auto entries = cache().entries();
+    ASSERT_TRUE(entries);
+    ASSERT_EQ(entries->size(), 1);
+    flushes = 0;
+    ASSERT_FALSE(cache().setCleanupPolicy(entries->first().subPath, ResourceCleanupPolicy::Keep).hasError());
+    EXPECT_GE(flushes, 1 + entries->first().subPath.count(u'/') + 1);
 }
 
 } // namespace

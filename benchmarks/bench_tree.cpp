@@ -1,0 +1,158 @@
+// Makes a deep tree of small files on a server, or brings a folder down through the cache, and prints what it
+// took as JSON.
+// usage: bench_tree make URL USER PASSWORD FILES WORK_DIRECTORY
+//        bench_tree get URL USER PASSWORD FOLDER TARGET_DIRECTORY CACHE_DIRECTORY
+#include <HalvaneConnection.h>
+#include <HalvaneDownloadFolderCacheTask.h>
+#include <HalvaneFileUploadTask.h>
+#include <HalvaneItemTasks.h>
+#include <HalvaneResourceHandler.h>
+#include <HalvaneSessionTasks.h>
+
+#include <GroupTask.h>
+#include <ResourceCache.h>
+#include <ResourceManager.h>
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QRandomGenerator>
+
+#include <algorithm>
+#include <cstdio>
+
+using namespace orx;
+
+namespace {
+
+constexpr int chains = 10;
+constexpr int levels = 12;
+constexpr int fileSize = 10'000;
+
+void require(const Error& error) {
+    if (!error.hasError())
+        return;
+    std::fprintf(stderr, "bench_tree: %s\n", qPrintable(error.traceText()));
+    std::exit(1);
+}
+
+void run(BaseTask& task) {
+    QObject::connect(&task, &BaseTask::finished, QCoreApplication::instance(), &QCoreApplication::quit);
+    task.exec();
+    if (!task.isFinished())
+        QCoreApplication::exec();
+    require(task.error());
+}
+
+void print(const QJsonObject& result) {
+    std::puts(QJsonDocument(result).toJson(QJsonDocument::Compact).constData());
+}
+
+int makeFolder(const QString& name, int parent) {
+    HalvaneCreateFolderTask task({name, {}, parent});
+    run(task);
+    return task.createdFolderId();
+}
+
+//! Random bytes in a file of its own.
+QString makeSource(const QDir& directory, int number) {
+    QFile file(directory.filePath(QStringLiteral("run %1.raw").arg(number)));
+    QList<quint32> words(fileSize / qsizetype(sizeof(quint32)));
+    QRandomGenerator::global()->fillRange(words.data(), words.size());
+    const QByteArray bytes(reinterpret_cast<const char*>(words.constData()), fileSize);
+    if (!file.open(QIODevice::WriteOnly) || file.write(bytes) != bytes.size())
+        require(Error(ErrorCode::FileNotWritable, file.errorString()));
+    return file.fileName();
+}
+
+std::unique_ptr<BaseTask> upload(const QString& path, int folder) {
+    auto parameters = HalvaneFileUploadParameters::create(
+        path, folder, HalvaneResourceReference::ItemType::Folder, QString(),
+        std::optional<QList<HalvaneCompactExtendedMetaDataValue>>(),
+        HalvaneUploadTask::DEFAULT_UPLOAD_POLICY_OPTIONS, std::nullopt);
+    require(parameters.error());
+    return HalvaneFileUploadTask::create(*parameters);
+}
+
+void makeTree(int files, const QDir& sources) {
+    const int top = makeFolder(QStringLiteral("tree"), 1);
+    const int folders = chains * levels;
+    int made = 0;
+    for (int chain = 0; chain < chains; ++chain) {
+        int folder = makeFolder(QStringLiteral("chain %1").arg(chain), top);
+        for (int level = 1; level <= levels; ++level) {
+            if (level > 1)
+                folder = makeFolder(QStringLiteral("level %1").arg(level), folder);
+            const int upTo = int(qint64(files) * (chain * levels + level) / folders);
+            GroupTask group;
+            for (; made < upTo; ++made)
+                group.addTask(upload(makeSource(sources, made), folder));
+            run(group);
+        }
+    }
+    print({{QStringLiteral("folder"), top}});
+}
+
+//! High-water mark of the resident memory.
+double peakMiB() {
+    QFile status(QStringLiteral("/proc/self/status"));
+    require(status.open(QIODevice::ReadOnly) ? Error()
+                                             : Error(ErrorCode::FileNotReadable, status.fileName()));
+    for (const QByteArray& line : status.readAll().split('\n'))
+        if (line.startsWith("VmHWM:"))
+            return line.mid(6).trimmed().split(' ').first().toDouble() / 1024;
+    return 0;
+}
+
+void getTree(int folder, const QString& target, const QString& cacheDir) {
+    HalvaneResourceHandler::registerType();
+    ResourceCache cache(cacheDir);
+    ResourceManager::setCache(&cache);
+    auto reference = HalvaneFolderResourceReference::create(folder, QStringLiteral("tree"));
+    require(reference.error());
+    QJsonObject result;
+    {
+        HalvaneDownloadFolderCacheTask task(*reference, target, true, nullptr);
+        qsizetype descriptors = 0;
+        const QDir open(QStringLiteral("/proc/self/fd"));
+        QObject::connect(&task, &BaseTask::progress, &task,
+                         [&] { descriptors = std::max(descriptors, qsizetype(open.count())); });
+        QElapsedTimer clock;
+        clock.start();
+        run(task);
+        result = {{QStringLiteral("seconds"), double(clock.elapsed()) / 1e3},
+                  {QStringLiteral("files"), task.downloadedFileCount()},
+                  {QStringLiteral("descriptors"), descriptors},
+                  {QStringLiteral("memory_mib"), peakMiB()}};
+    }
+    ResourceManager::setCache(nullptr);
+    print(result);
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    const QCoreApplication application(argc, argv);
+    const QStringList arguments = QCoreApplication::arguments();
+    const QString what = arguments.value(1);
+    const bool makes = what == u"make" && arguments.size() == 7;
+    if (!makes && !(what == u"get" && arguments.size() == 8)) {
+        std::fprintf(stderr,
+                     "usage: bench_tree make URL USER PASSWORD FILES WORK_DIRECTORY\n"
+                     "       bench_tree get URL USER PASSWORD FOLDER TARGET_DIRECTORY CACHE_DIRECTORY\n");
+        return 2;
+    }
+    HalvaneConnection& connection = HalvaneConnection::instance();
+    connection.setSettings(
+        HalvaneSettings(HalvaneMachineSettings(QUrl(arguments.at(2))), HalvaneUserSettings()));
+    HalvaneLoginTask login(arguments.at(3), arguments.at(4));
+    run(login);
+    connection.setCredentials(arguments.at(3), login.token());
+    if (makes)
+        makeTree(arguments.at(5).toInt(), QDir(arguments.at(6)));
+    else
+        getTree(arguments.at(5).toInt(), arguments.at(6), arguments.at(7));
+    return 0;
+}
