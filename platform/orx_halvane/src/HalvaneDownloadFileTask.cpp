@@ -1,5 +1,6 @@
 #include "HalvaneDownloadFileTask.h"
 
+#include "ContentCheck.h"
 #include "DelayStepTask.h"
 #include "DownloadBody.h"
 #include "DownloadNames.h"
@@ -55,6 +56,8 @@ public:
     //! True when what a listing said turned out not to hold, and the server is asked instead.
     bool doubtListing();
     void onVersions(const QList<HalvaneFileVersion>& versions);
+    void compareTarget(const std::shared_ptr<ContentCheck>& check);
+    void onTargetIsSame();
     void prepareRoom();
     void hashWhatIsThere();
     void fetch();
@@ -162,7 +165,7 @@ void HalvaneDownloadFileTask::Private::openPartial() {
     partial = std::make_shared<PartialFile>(PartialFile::Location{
         parameters.targetDir.absolutePath(), targetName(),
         DownloadNames::partialName(targetName(), fileId, parameters.reference->version()),
-        parameters.overwrite, !parameters.isIntermediate});
+        parameters.overwrite || parameters.keepSame, !parameters.isIntermediate});
     runOnPartial(
         QStringLiteral("OpenPartialFile"), [](PartialFile& file) { return file.open(); },
         [this] { findVersion(); });
@@ -218,7 +221,35 @@ void HalvaneDownloadFileTask::Private::takeVersion(const HalvaneFileVersion& fou
     version = found;
     progress.startOver(version.size);
     transfer = HalvaneTransferMonitor::begin(version.size);
-    prepareRoom();
+    if (parameters.keepSame)
+        compareTarget(
+            std::make_shared<ContentCheck>(q->targetPath(), version.size, version.sha256.toLatin1()));
+    else
+        prepareRoom();
+}
+
+void HalvaneDownloadFileTask::Private::compareTarget(const std::shared_ptr<ContentCheck>& check) {
+    const auto isSame = std::make_shared<std::optional<bool>>();
+    runOnPartial(
+        QStringLiteral("CompareTarget"),
+        [check, isSame](PartialFile&) {
+            *isSame = check->isSame(hashedAtATime);
+            return Error();
+        },
+        [this, check, isSame] {
+            if (!*isSame)
+                compareTarget(check);
+            else if (**isSame)
+                onTargetIsSame();
+            else
+                prepareRoom();
+        });
+}
+
+void HalvaneDownloadFileTask::Private::onTargetIsSame() {
+    progress.addResumed(version.size);
+    if (showProgress())
+        onPublished(QString());
 }
 
 void HalvaneDownloadFileTask::Private::prepareRoom() {

@@ -20,6 +20,9 @@ struct ORX_HALVANE_EXPORT HalvaneFileDownloadParameters {
     //! The target is on the way to another place: who takes it there flushes it, and the history does not
     //! hear of it.
     bool isIntermediate = false;
+    //! Whether a file at the target that has the version's content stays, without its content being fetched.
+    //! A file of another content is replaced then, whatever overwrite says.
+    bool keepSame = false;
 };
 
 //! Brings one version of a file into a directory. The bytes go to a hidden partial file beside the target,

@@ -41,6 +41,7 @@ public:
     Error check() const;
     QString pathOf(const QString& relative) const;
     void makeTarget();
+    void removeOthers();
     //! Starts whatever the plan has slots for.
     void advance();
     void list(const Folder& folder);
@@ -69,6 +70,9 @@ public:
     int nextKey = 0;
     bool advancing = false;
     bool listingWaited = false;
+    bool removesOthers = false;
+    //! Below the target; kept when others are to be removed.
+    QSet<QString> listed;
 };
 
 HalvaneDownloadFolderTaskBase::HalvaneDownloadFolderTaskBase(
@@ -98,6 +102,10 @@ int HalvaneDownloadFolderTaskBase::fileCount() const {
 
 int HalvaneDownloadFolderTaskBase::downloadedFileCount() const {
     return d->downloaded;
+}
+
+void HalvaneDownloadFolderTaskBase::removeWhatIsNotListed() {
+    d->removesOthers = true;
 }
 
 Error HalvaneDownloadFolderTaskBase::initialize() {
@@ -160,11 +168,23 @@ void HalvaneDownloadFolderTaskBase::Private::advance() {
             break;
     }
     advancing = false;
+    if (removesOthers && plan.isDone() && report.failures().isEmpty() && !q->isCanceled() && q->isRunning())
+        removeOthers();
+}
+
+void HalvaneDownloadFolderTaskBase::Private::removeOthers() {
+    removesOthers = false;
+    const auto remove = [path = target, top = rootPath, kept = std::exchange(listed, {})] {
+        return TargetDirectories::removeOthers(path, top, kept);
+    };
+    q->execSubtask(std::make_unique<WorkerStepTask>(QStringLiteral("RemoveOthers"), remove));
 }
 
 void HalvaneDownloadFolderTaskBase::Private::list(const Folder& folder) {
     const auto listing = std::make_shared<Listing>();
     listing->folder = folder;
+    if (removesOthers)
+        listed.insert(folder.path);
     const auto make = [path = pathOf(folder.path), isTarget = folder.path.isEmpty()] {
         return isTarget ? Error() : TargetDirectories::makeInside(path);
     };
@@ -218,6 +238,8 @@ void HalvaneDownloadFolderTaskBase::Private::onListed(const Listing& listing) {
 }
 
 void HalvaneDownloadFolderTaskBase::Private::fetch(const File& file) {
+    if (removesOthers)
+        listed.insert(file.path());
     auto task = makeTask(file);
     if (task.hasError()) {
         plan.fileEnded();
@@ -275,6 +297,11 @@ bool HalvaneDownloadFolderTaskBase::Private::showProgress() {
     return bool(guard);
 }
 
+void HalvaneDownloadFolderTask::setMirroring() {
+    m_isMirroring = true;
+    removeWhatIsNotListed();
+}
+
 Task* HalvaneDownloadFolderTask::createFileDownloadTask(
     const QSharedPointer<HalvaneFileResourceReference>& fileReference,
     const PathImpl<PathType::Dir>& targetDir, const QString& name,
@@ -284,6 +311,8 @@ Task* HalvaneDownloadFolderTask::createFileDownloadTask(
     parameters.targetDir = QDir(targetDir.toString());
     parameters.targetName = name;
     parameters.overwrite = policy == DuplicateDownloadPolicy::Overwrite;
+    parameters.keepSame = m_isMirroring;
+    parameters.isIntermediate = m_isMirroring;
     return HalvaneDownloadFileTaskCreator::create(parameters).release();
 }
 

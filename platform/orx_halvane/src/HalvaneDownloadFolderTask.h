@@ -66,6 +66,9 @@ protected:
                                          const PathImpl<PathType::Dir>& targetDir, const QString& name,
                                          std::optional<DuplicateDownloadPolicy> policy) = 0;
 
+    //! When everything came down, what else is in the directory of the folder is removed. Before the run.
+    void removeWhatIsNotListed();
+
     Error initialize() override;
     Error doFinish() override;
 
@@ -82,10 +85,19 @@ class ORX_HALVANE_EXPORT HalvaneDownloadFolderTask : public HalvaneDownloadFolde
 public:
     using HalvaneDownloadFolderTaskBase::HalvaneDownloadFolderTaskBase;
 
+    //! For a directory that is nobody's own, the cache's: after success it holds what is listed and nothing
+    //! else. Files that are there and have their listed content stay, others are replaced; an item that is a
+    //! file here and a folder there fails with ErrorCode::AlreadyExists. The history is not told. Before the
+    //! run.
+    void setMirroring();
+
 protected:
     Task* createFileDownloadTask(const QSharedPointer<HalvaneFileResourceReference>& fileReference,
                                  const PathImpl<PathType::Dir>& targetDir, const QString& name,
                                  std::optional<DuplicateDownloadPolicy> policy) override;
+
+private:
+    bool m_isMirroring = false;
 };
 
 } // namespace orx

@@ -51,4 +51,28 @@ Error TargetDirectories::makeInside(const QString& path) {
                                 .arg(path)));
 }
 
+Error TargetDirectories::removeOthers(const QString& target, const QString& directory,
+                                      const QSet<QString>& kept) {
+    const QFileInfoList entries =
+        QDir(target + u'/' + directory)
+            .entryInfoList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
+                           QDir::Unsorted);
+    for (const QFileInfo& entry : entries) {
+        const QString path = directory.isEmpty() ? entry.fileName() : directory + u'/' + entry.fileName();
+        const bool isDirectory = entry.isDir() && !entry.isSymLink();
+        if (kept.contains(path)) {
+            if (isDirectory)
+                ORX_RETURN_ON_ERROR(removeOthers(target, path, kept));
+            continue;
+        }
+        const QString there = entry.absoluteFilePath();
+        if (!(isDirectory ? QDir(there).removeRecursively() : QFile::remove(there)))
+            return ORX_ECATCH(Error(ErrorCode::FileNotWritable,
+                                    translated("\"%1\" is not on the server any more and could not be "
+                                               "removed. Check the permissions of its directory.")
+                                        .arg(there)));
+    }
+    return Error();
+}
+
 } // namespace orx

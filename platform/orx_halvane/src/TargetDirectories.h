@@ -4,6 +4,9 @@
 
 #include <Error.h>
 
+#include <QSet>
+#include <QString>
+
 namespace orx {
 
 //! Directories that a download makes. Blocks on the disk; thread: any.
@@ -14,6 +17,9 @@ public:
     //! Makes \a path, whose parent exists, and flushes the parent's entry of it. A directory that is there is
     //! used as it is; anything else there, links included, is ErrorCode::AlreadyExists.
     static Error makeInside(const QString& path);
+    //! Removes what lies anywhere in the directory \a directory of \a target and is not in \a kept, which
+    //! holds paths below \a target. Links are removed, not followed.
+    static Error removeOthers(const QString& target, const QString& directory, const QSet<QString>& kept);
 };
 
 } // namespace orx

@@ -99,6 +99,37 @@ TEST_F(DownloadFileTask, BringsAVersionIntoTheDirectory) {
     EXPECT_EQ(HalvaneTransferMonitor::snapshot().bytesDone, content.size());
 }
 
+TEST_F(DownloadFileTask, AFileThatIsTheVersionAlreadyStaysWithoutItsContentBeingFetched) {
+    put(name, content);
+    const QDateTime before = QFileInfo(out().filePath(name)).lastModified();
+    auto keeping = download();
+    keeping.keepSame = true;
+    HalvaneDownloadFileTask task(keeping);
+    Reported reported;
+    ASSERT_FALSE(run(task, &reported).hasError());
+    EXPECT_EQ(entries(), QStringList{name});
+    EXPECT_EQ(get(name), content);
+    EXPECT_EQ(QFileInfo(out().filePath(name)).lastModified(), before);
+    EXPECT_EQ(task.sha256().toLatin1(), sha256(content));
+    EXPECT_EQ(reported.progress.last(), 100);
+    EXPECT_TRUE(std::none_of(fake.log.begin(), fake.log.end(),
+                             [](const QByteArray& line) { return line.endsWith("/content"); }));
+}
+
+TEST_F(DownloadFileTask, AFileOfAnotherContentIsReplacedWhenOnlyTheSameMayStay) {
+    QByteArray other = content;
+    other[0] = 'W'; // of the same size
+    for (const QByteArray& there : {other, QByteArray("shorter"), QByteArray()}) {
+        put(name, there);
+        auto keeping = download();
+        keeping.keepSame = true;
+        HalvaneDownloadFileTask task(keeping);
+        ASSERT_FALSE(run(task).hasError());
+        EXPECT_EQ(get(name), content);
+        EXPECT_EQ(entries(), QStringList{name});
+    }
+}
+
 TEST_F(DownloadFileTask, AnOlderVersionComesWhenItIsAskedFor) {
     HalvaneDownloadFileTask task(download(QStringLiteral("old"), 1));
     ASSERT_FALSE(run(task).hasError());

@@ -91,6 +91,51 @@ TEST_F(DownloadFolderTaskTest, TheContentAloneComesIntoTheTargetItself) {
     EXPECT_EQ(tree(), (QStringList{u8("raw/"), u8("raw/a=first")}));
 }
 
+TEST_F(DownloadFolderTaskTest, AMirrorFetchesWhatDiffersAndRemovesWhatIsNotListed) {
+    const int raw = folder(u8("raw"));
+    const int year = folder(u8("2026"), raw);
+    file(u8("a"), "first", raw);
+    const int changing = file(u8("b"), "old", year);
+    const auto mirror = [&] {
+        auto task = download(raw);
+        task->setMirroring();
+        return task;
+    };
+    ASSERT_TRUE(succeeded(run(*mirror())));
+
+    server.service().addVersion(changing, "new");
+    file(u8("c"), "third", year);
+    const auto put = [this](const QString& relative) {
+        QDir().mkpath(QFileInfo(at(relative)).path());
+        QFile added(at(relative));
+        ASSERT_TRUE(added.open(QIODevice::WriteOnly));
+        ASSERT_EQ(added.write("x"), 1);
+    };
+    put(u8("raw/gone"));
+    put(u8("raw/2026/.gone.halvane-part-1-1"));
+    put(u8("raw/gone too/2025/x"));
+    put(u8("beside"));
+    ASSERT_TRUE(QFile::link(at(u8("beside")), at(u8("raw/link"))));
+    server.clearLog();
+    ASSERT_TRUE(succeeded(run(*mirror())));
+    EXPECT_EQ(tree(), (QStringList{u8("beside=x"), u8("raw/"), u8("raw/2026/"), u8("raw/2026/b=new"),
+                                   u8("raw/2026/c=third"), u8("raw/a=first")}));
+    EXPECT_EQ(server.count(u8("GET */content")), 2);
+}
+
+TEST_F(DownloadFolderTaskTest, AMirrorThatDidNotGetEverythingRemovesNothing) {
+    const int raw = folder(u8("raw"));
+    file(u8("a"), "first", raw);
+    ASSERT_TRUE(succeeded(run(*download(raw))));
+    file(u8("../b"), "second", raw);
+    QFile there(at(u8("raw/there")));
+    ASSERT_TRUE(there.open(QIODevice::WriteOnly));
+    const auto task = download(raw);
+    task->setMirroring();
+    EXPECT_TRUE(run(*task).hasError());
+    EXPECT_EQ(tree(), (QStringList{u8("raw/"), u8("raw/a=first"), u8("raw/there=")}));
+}
+
 TEST_F(DownloadFolderTaskTest, AMissingTargetIsMadeAndAnEmptyFolderIsADirectory) {
     const int raw = folder(u8("raw"));
     HalvaneDownloadFolderTask task(reference(raw, u8("raw")), at(u8("not/there")), false);

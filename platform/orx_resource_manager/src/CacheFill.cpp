@@ -6,6 +6,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace orx {
 
@@ -44,26 +45,75 @@ Result<CacheFill::Begun> CacheFill::begin() {
     if (record.hasError() && record.error().is(ErrorCode::InvalidArgument))
         return record.error();
     // What another fill brought while this one waited for it is new enough.
-    const bool isGood = record && (!m_isReplacing || (m_hasWaited && m_addedBefore != record->entry.addedAt));
+    const bool isGood = record && (m_mode == ResourceCache::FillMode::Missing ||
+                                   (m_hasWaited && m_addedBefore != record->entry.addedAt));
     m_lease = isGood ? m_store->lease(m_place) : std::nullopt;
     if (m_lease) {
         m_fill.reset();
         return Begun::Done;
     }
-    ORX_RETURN_ON_ERROR(prepareDirectory(**root));
+    ORX_RETURN_ON_ERROR(prepareDirectory(**root, record ? &record->payload : nullptr));
     return Begun::Fetch;
 }
 
-//! A file under the final name comes from a fill that was killed before it knew whether it was whole.
-Error CacheFill::prepareDirectory(const CacheRoot& root) {
+//! What is under the final name comes from a fill that ended before it knew whether it was whole: nothing can
+//! be made of it but by an update, which goes through all of it.
+Error CacheFill::prepareDirectory(const CacheRoot& root, const CachePayload* entry) {
     const auto directory = ensureDirectory(root.staging.get(), stagingName(), this->directory());
     if (directory.hasError())
         return directory.error();
     struct stat status {};
-    if (::fstatat(directory->get(), m_place.name().constData(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
-        !S_ISDIR(status.st_mode))
-        return removeTree(directory->get(), m_place.name(), this->directory());
+    const bool isLeft =
+        ::fstatat(directory->get(), m_place.name().constData(), &status, AT_SYMLINK_NOFOLLOW) == 0;
+    if (isLeft && isUpdate() && S_ISDIR(status.st_mode))
+        return Error();
+    if (isLeft)
+        ORX_RETURN_ON_ERROR(removeTree(directory->get(), m_place.name(), this->directory()));
+    if (!isUpdate() || !entry || entry->type != PathType::Dir)
+        return Error();
+    const Error unlinked = linkEntry(directory->get(), *entry);
+    if (!unlinked.hasError())
+        return Error();
+    // The update then fetches everything.
+    qCInfo(cacheLog).noquote() << unlinked.errorMessage();
+    return removeTree(directory->get(), m_place.name(), this->directory());
+}
+
+//! The fetch gets further names of the entry's files. They are never written to: what is fetched replaces
+//! them.
+Error CacheFill::linkEntry(int directory, const CachePayload& entry) const {
+    const QString shown = m_store->placePath(m_place);
+    const auto parent = m_store->openParent(m_place);
+    if (parent.hasError())
+        return parent.error();
+    const auto from = openDirectory(parent->get(), m_place.name(), shown);
+    const auto to = ensureDirectory(directory, m_place.name(), this->directory());
+    if (from.hasError() || to.hasError())
+        return from.hasError() ? from.error() : to.error();
+    for (const CachePayload::Item& item : entry.items) {
+        if (m_isCanceled)
+            return Error(ErrorCode::Canceled, translated("Cancelled."));
+        QByteArrayList above = item.path.split('/');
+        const QByteArray name = above.takeLast();
+        const auto source = openDirectories(from->get(), above, shown);
+        const auto target = openDirectories(to->get(), above, this->directory());
+        if (source.hasError() || target.hasError())
+            return source.hasError() ? source.error() : target.error();
+        const int made = item.type == PathType::Dir
+                             ? ::mkdirat(target->get(), name.constData(), 0777)
+                             : ::linkat(source->get(), name.constData(), target->get(), name.constData(), 0);
+        if (made != 0)
+            return systemError("Could not link the files of \"%1\"", shown);
+    }
     return Error();
+}
+
+Error CacheFill::startOver() {
+    m_mode = ResourceCache::FillMode::Anew;
+    const auto root = m_store->root();
+    if (root.hasError())
+        return root.error();
+    return prepareDirectory(**root, nullptr);
 }
 
 Error CacheFill::finish(const QByteArray& sha256, const QString& expected,

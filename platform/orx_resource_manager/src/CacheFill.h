@@ -19,10 +19,14 @@ public:
         Fetch    //!< the content is to be brought
     };
 
-    CacheFill(std::shared_ptr<CacheStore> store, const CacheSubPath& place, bool isReplacing)
-        : m_store(std::move(store)), m_place(place), m_isReplacing(isReplacing) {}
+    CacheFill(std::shared_ptr<CacheStore> store, const CacheSubPath& place, ResourceCache::FillMode mode)
+        : m_store(std::move(store)), m_place(place), m_mode(mode) {}
 
     Result<Begun> begin();
+    //! Whether the fetch may find content in directory() under the place's name.
+    bool isUpdate() const { return m_mode == ResourceCache::FillMode::Update; }
+    //! Throws away what the fetch found, for it to begin anew. After begin() said Fetch.
+    Error startOver();
     //! Where the content is to be brought, under the place's name.
     QString directory() const;
     //! \a sha256: of the file, by who wrote it; empty when it is to be taken here. \a expected as in
@@ -38,11 +42,12 @@ public:
 private:
     QByteArray stagingName() const { return "fill-" + m_place.key(); }
     Result<Begun> waitForOther();
-    Error prepareDirectory(const CacheRoot& root);
+    Error prepareDirectory(const CacheRoot& root, const CachePayload* entry);
+    Error linkEntry(int directory, const CachePayload& entry) const;
 
     std::shared_ptr<CacheStore> m_store;
     CacheSubPath m_place;
-    bool m_isReplacing;
+    ResourceCache::FillMode m_mode;
     //! When the entry that is there while another fill is waited for was made.
     std::optional<QDateTime> m_addedBefore;
     bool m_hasWaited = false;

@@ -86,7 +86,21 @@ void CacheFillTask::fetchContent() {
     connect(fetch.get(), &BaseTask::progress, this, &BaseTask::progress);
     // The entry stays locked until nothing can write into its directory any more.
     connect(fetch.get(), &QObject::destroyed, [fill = m_fill] {});
-    execSubtask(std::unique_ptr<BaseTask>(std::move(fetch)), [this](BaseTask* task) { seal(task); });
+    execSubtask(
+        std::unique_ptr<BaseTask>(std::move(fetch)), [this](BaseTask* task) { seal(task); },
+        [this](BaseTask* task) { onFetchFailed(task->error()); });
+}
+
+//! An update that finds something of another kind in its way is made without what was there.
+void CacheFillTask::onFetchFailed(const Error& error) {
+    if (isCanceled() || !m_fill->isUpdate() || !error.is(ErrorCode::AlreadyExists)) {
+        finish(ORX_ECATCH(Error(error)));
+        return;
+    }
+    execSubtask(std::unique_ptr<BaseTask>(
+                    std::make_unique<WorkerStepTask>(QStringLiteral("Start the fill of the cache over"),
+                                                     [fill = m_fill] { return fill->startOver(); })),
+                [this](BaseTask*) { fetchContent(); });
 }
 
 void CacheFillTask::seal(BaseTask* fetched) {

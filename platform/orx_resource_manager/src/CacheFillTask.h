@@ -30,6 +30,7 @@ private:
     void begin();
     void onBegun(CacheFill::Begun begun);
     void fetchContent();
+    void onFetchFailed(const Error& error);
     void seal(BaseTask* fetched);
 
     std::shared_ptr<CacheFill> m_fill;

@@ -209,13 +209,24 @@ Result<CacheRecords::Record> CacheStore::valid(const CacheSubPath& place) {
     return record;
 }
 
-std::optional<CacheLock> CacheStore::lease(const CacheSubPath& place) {
+std::optional<CacheLock> CacheStore::tryUse(const CacheSubPath& place) {
     const auto opened = root();
     if (opened.hasError()) {
         qCWarning(cacheLog).noquote() << opened.errorMessage();
         return std::nullopt;
     }
-    auto lock = (*opened)->locks->tryShared(CacheLocks::offset(place.key(), CacheLocks::kUse));
+    return (*opened)->locks->tryShared(CacheLocks::offset(place.key(), CacheLocks::kUse));
+}
+
+std::optional<CacheLock> CacheStore::leaseUnseen(const CacheSubPath& place) {
+    auto lock = tryUse(place);
+    if (lock)
+        noteUse(place.text());
+    return lock;
+}
+
+std::optional<CacheLock> CacheStore::lease(const CacheSubPath& place) {
+    auto lock = tryUse(place);
     if (!lock)
         return std::nullopt;
     if (const auto record = valid(place); record.hasError()) {

@@ -46,6 +46,8 @@ public:
     Result<CacheRecords::Record> valid(const CacheSubPath& place);
     //! Keeps a valid entry from being removed, and counts as its use.
     std::optional<CacheLock> lease(const CacheSubPath& place);
+    //! The same for an entry that somebody of this process keeps: whether it is valid is not looked at.
+    std::optional<CacheLock> leaseUnseen(const CacheSubPath& place);
     //! Writes down the uses that leases counted.
     Error writeUses();
 
@@ -76,6 +78,7 @@ private:
     Error openRoot(CacheRoot& root) const;
     bool isStillThere(const CacheRoot& root) const;
     bool setAsideDatabase(const QString& path, const QString& reason);
+    std::optional<CacheLock> tryUse(const CacheSubPath& place);
     void noteUse(const QString& subPath);
     Error exchange(const CacheSubPath& place, int staging, const QByteArray& name,
                    const CachePayload& payload);

@@ -18,8 +18,15 @@ QString translated(const char* text) {
 //! Brings the entry into the cache and holds on to it before anybody is told that it is there.
 class RetrievalTask final : public ComplexTask {
 public:
-    RetrievalTask(std::unique_ptr<Task> fill, std::function<Error()> hold)
-        : ComplexTask(fill->name()), m_fill(std::move(fill)), m_hold(std::move(hold)) {
+    //! Makes the task that takes what is there after a failure.
+    using Instead = std::function<std::unique_ptr<Task>(const Error&)>;
+
+    //! \a instead may be empty.
+    RetrievalTask(std::unique_ptr<Task> fill, std::function<Error()> hold, Instead instead)
+        : ComplexTask(fill->name())
+        , m_fill(std::move(fill))
+        , m_hold(std::move(hold))
+        , m_instead(std::move(instead)) {
         connect(m_fill.get(), &BaseTask::progressInitiated, this, &BaseTask::progressInitiated);
         connect(m_fill.get(), &BaseTask::progress, this, &BaseTask::progress);
     }
@@ -27,16 +34,35 @@ public:
 
 protected:
     Error initialize() override {
-        execSubtask(std::unique_ptr<BaseTask>(std::move(m_fill)), [this](BaseTask*) {
-            if (Error error = m_hold(); error.hasError())
-                finish(ORX_ECATCH(error));
-        });
+        execSubtask(
+            std::unique_ptr<BaseTask>(std::move(m_fill)), [this](BaseTask*) { onThere(); },
+            [this](BaseTask* fill) { onFailed(fill->error()); });
         return Error();
     }
 
 private:
+    void onThere() {
+        if (Error error = m_hold(); error.hasError())
+            finish(ORX_ECATCH(error));
+    }
+    void onFailed(const Error& error) {
+        if (isCanceled() || !m_instead || error.domain() != ErrorDomain::Network) {
+            finish(ORX_ECATCH(Error(error)));
+            return;
+        }
+        const QString reason = error.errorMessage();
+        execSubtask(std::unique_ptr<BaseTask>(m_instead(error)), [this, reason](BaseTask*) {
+            addWarning(
+                translated("What the cache holds was taken, since nobody could say whether it is still "
+                           "the same: %1")
+                    .arg(reason));
+            onThere();
+        });
+    }
+
     std::unique_ptr<Task> m_fill;
     std::function<Error()> m_hold;
+    Instead m_instead;
 };
 
 //! Ends at once with an error.
@@ -68,12 +94,17 @@ Error checkKind(const Path& path) {
 struct RemoteResourceHandler::Private {
     //! Keeps the entry from being pruned.
     std::optional<ResourceCacheLease> lease;
+    Content content = Content::Fixed;
 };
 
 RemoteResourceHandler::RemoteResourceHandler(const ResourceReferenceSPtr& reference, ResourceCache* cache)
     : ResourceHandler(reference, cache), d(std::make_unique<Private>()) {}
 
 RemoteResourceHandler::~RemoteResourceHandler() = default;
+
+void RemoteResourceHandler::setContent(Content content) {
+    d->content = content;
+}
 
 Error RemoteResourceHandler::checkCache() const {
     if (cache())
@@ -114,7 +145,14 @@ Error RemoteResourceHandler::addToCache(const Writer& writer) {
 }
 
 Error RemoteResourceHandler::hold(const QString& subPath) {
-    auto lease = cache()->lease(subPath);
+    return keep(cache()->lease(subPath));
+}
+
+Error RemoteResourceHandler::holdFilled(const QString& subPath) {
+    return keep(cache()->leaseFilled(subPath));
+}
+
+Error RemoteResourceHandler::keep(std::optional<ResourceCacheLease> lease) {
     if (!lease)
         return Error(ErrorCode::NotFound,
                      translated("\"%1\" is not in the cache, or what is there is damaged.")
@@ -123,24 +161,39 @@ Error RemoteResourceHandler::hold(const QString& subPath) {
     return Error();
 }
 
+//! A fill looks at the entry on a worker, and needs no fetch when it is valid.
+std::unique_ptr<Task> RemoteResourceHandler::takeEntryTask(const QString& subPath, const Error& refusal) {
+    return cache()->fillTask(
+        reference(), subPath,
+        [refusal](const DirPath&) -> std::unique_ptr<Task> { return std::make_unique<RefusedTask>(refusal); },
+        ResourceCache::FillMode::Missing);
+}
+
 std::optional<std::unique_ptr<Task>> RemoteResourceHandler::retrieveTask() {
     if (Error error = checkCache(); error.hasError())
         return std::make_unique<RefusedTask>(ORX_ECATCH(error));
     const QString subPath = subCachePath();
-    const bool refresh = retrieveMode() == RetrieveMode::Refresh;
-    if (!refresh) {
+    const RetrieveMode mode = retrieveMode();
+    const bool isChanging = d->content == Content::Changing;
+    if (mode == RetrieveMode::CacheOnly || (mode == RetrieveMode::CacheFirst && !isChanging)) {
         Error error = hold(subPath);
         if (!error.hasError())
             return std::nullopt;
-        if (retrieveMode() == RetrieveMode::CacheOnly)
+        if (mode == RetrieveMode::CacheOnly)
             return std::make_unique<RefusedTask>(ORX_ECATCH(error));
     }
     // The task asks this handler again when it runs, and tells it what to hold.
     const auto self = sharedFromThis();
     auto fill = cache()->fillTask(
         reference(), subPath, [this, self](const DirPath& targetDir) { return retrieveTask(targetDir); },
-        refresh);
-    return std::make_unique<RetrievalTask>(std::move(fill), [this, self, subPath] { return hold(subPath); });
+        isChanging                      ? ResourceCache::FillMode::Update
+        : mode == RetrieveMode::Refresh ? ResourceCache::FillMode::Anew
+                                        : ResourceCache::FillMode::Missing);
+    RetrievalTask::Instead instead;
+    if (isChanging && mode == RetrieveMode::CacheFirst)
+        instead = [this, self, subPath](const Error& refusal) { return takeEntryTask(subPath, refusal); };
+    return std::make_unique<RetrievalTask>(
+        std::move(fill), [this, self, subPath] { return holdFilled(subPath); }, std::move(instead));
 }
 
 } // namespace orx

@@ -31,6 +31,15 @@ public:
 protected:
     RemoteResourceHandler(const QSharedPointer<ResourceReference>& reference, ResourceCache* cache);
 
+    enum class Content {
+        Fixed, //!< the reference names one content for ever; what is in the cache need not be asked for again
+        Changing //!< it may be another one at any time
+    };
+    //! For constructors; Fixed unless set. Changing content is asked for by every retrieval that may ask at
+    //! all, with ResourceCache::FillMode::Update. When there is no usable answer (ErrorDomain::Network), a
+    //! valid entry is taken with a warning, unless the mode is Refresh.
+    void setContent(Content content);
+
     using ResourceHandler::retrieveTask;
     //! Fetches into the cache, unless the mode and the cache say that nothing needs to be fetched.
     std::optional<std::unique_ptr<Task>> retrieveTask() override;
@@ -45,6 +54,11 @@ private:
     Error checkCache() const;
     //! Keeps the entry until the handler goes; ErrorCode::NotFound when there is no valid one.
     Error hold(const QString& subPath);
+    Error keep(std::optional<class ResourceCacheLease> lease);
+    //! The same after a fill, whose task has not gone yet.
+    Error holdFilled(const QString& subPath);
+    //! Ends with success and the entry in use when there is a valid one, else with \a refusal.
+    std::unique_ptr<Task> takeEntryTask(const QString& subPath, const Error& refusal);
 
     struct Private;
     std::unique_ptr<Private> d;

@@ -140,8 +140,16 @@ bool ResourceCache::contains(const QString& subPath) const {
 std::optional<ResourceCacheLease> ResourceCache::lease(const QString& subPath) {
     const auto place = d->store->parse(subPath);
     auto lock = place ? d->store->lease(*place) : std::nullopt;
-    if (!lock)
-        return std::nullopt;
+    return lock ? std::optional(leaseOf(std::move(*lock))) : std::nullopt;
+}
+
+std::optional<ResourceCacheLease> ResourceCache::leaseFilled(const QString& subPath) {
+    const auto place = d->store->parse(subPath);
+    auto lock = place ? d->store->leaseUnseen(*place) : std::nullopt;
+    return lock ? std::optional(leaseOf(std::move(*lock))) : std::nullopt;
+}
+
+ResourceCacheLease ResourceCache::leaseOf(CacheLock lock) {
     // Neither the record of the use nor its transaction holds the caller up.
     WorkerPool::instance().submit(
         [store = d->store] {
@@ -151,7 +159,7 @@ std::optional<ResourceCacheLease> ResourceCache::lease(const QString& subPath) {
         nullptr, {});
     ResourceCacheLease lease;
     lease.d = std::make_unique<ResourceCacheLease::Private>();
-    lease.d->lock = std::move(*lock);
+    lease.d->lock = std::move(lock);
     return lease;
 }
 
@@ -182,14 +190,14 @@ Error ResourceCache::setCleanupPolicy(const QString& subPath, ResourceCleanupPol
 
 std::unique_ptr<Task> ResourceCache::fillTask(const ResourceReferenceSPtr& reference, const QString& subPath,
                                               std::function<std::unique_ptr<Task>(const DirPath&)> fetch,
-                                              bool replace) {
+                                              FillMode mode) {
     const auto place = d->store->parse(subPath);
     if (place.hasError())
         return std::make_unique<WorkerStepTask>(QStringLiteral("Refuse to fill the cache"),
                                                 [error = place.error()] { return error; });
     const auto settings = d->settings;
     return std::make_unique<CacheFillTask>(
-        std::make_shared<CacheFill>(d->store, *place, replace), std::move(fetch),
+        std::make_shared<CacheFill>(d->store, *place, mode), std::move(fetch),
         [settings, reference] { return settings->checksum(reference); },
         [settings] { return settings->limits(); });
 }

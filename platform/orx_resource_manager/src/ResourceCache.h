@@ -92,6 +92,13 @@ public:
         //! Damaged entries, each with what is wrong; they are not there any more.
         QList<std::pair<QString, QString>> damaged;
     };
+    //! What a fill does about what is there. What it fetches replaces the entry when it is whole.
+    enum class FillMode {
+        Missing, //!< a valid entry is taken as it is
+        Anew,    //!< fetched anew
+        Update   //!< as Anew, but the fetch finds in its directory the files of a directory entry, or what an
+                 //!< interrupted update left, and brings that up to date: it replaces or removes what differs
+    };
     //! What the server said the content of a resource is; hexadecimal SHA-256, empty when unknown. Called on
     //! the thread that adds or fills; must not block.
     using ChecksumSource = std::function<QString(const ResourceReference&)>;
@@ -118,11 +125,11 @@ public:
 
     //! Fills the entry: \a fetch makes the task that brings the content into the directory it is given, under
     //! the last component of \a subPath. Of several tasks and processes that fill one entry one works and the
-    //! others wait for it. What an interrupted fill left is there for the next one of the same entry to
-    //! resume. With \a replace an entry that is there is fetched anew. The task ends when the entry is
-    //! durable and visible, with progress of the fetch. Thread: the owner's.
+    //! others wait for it. What an interrupted fill left under other names than the last component is there
+    //! for the next one of the same entry to resume. The task ends when the entry is durable and visible,
+    //! with progress of the fetch. Thread: the owner's.
     std::unique_ptr<Task> fillTask(const ResourceReferenceSPtr& reference, const QString& subPath,
-                                   std::function<std::unique_ptr<Task>(const DirPath&)> fetch, bool replace);
+                                   std::function<std::unique_ptr<Task>(const DirPath&)> fetch, FillMode mode);
 
     //! See RemoteResourceHandler::addToCache(). Thread: one with an event loop or WorkerPool completions.
     //! The first fails for a source that cannot be opened, has links in it, or is larger than the cache may
@@ -149,6 +156,11 @@ public:
     Error remove(const QString& subPath);
 
 private:
+    friend class RemoteResourceHandler;
+    //! A lease of an entry that a fill of this thread has just leased: it is not looked at again.
+    std::optional<ResourceCacheLease> leaseFilled(const QString& subPath);
+    ResourceCacheLease leaseOf(class CacheLock lock);
+
     struct Private;
     std::unique_ptr<Private> d;
 };

@@ -84,7 +84,8 @@ protected:
     }
 
     std::unique_ptr<Task> fillTask(const QString& subPath, const QByteArray& content, bool replace = false) {
-        return cache.fillTask(nullptr, subPath, fetchOf(subPath.section(u'/', -1), content), replace);
+        return cache.fillTask(nullptr, subPath, fetchOf(subPath.section(u'/', -1), content),
+                              replace ? ResourceCache::FillMode::Anew : ResourceCache::FillMode::Missing);
     }
     Error fill(const QString& subPath, const QByteArray& content, bool replace = false) {
         const auto task = fillTask(subPath, content, replace);

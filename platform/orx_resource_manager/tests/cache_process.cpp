@@ -36,7 +36,7 @@ Error fill(ResourceCache& cache, const QString& subPath, const QByteArray& conte
             return std::make_unique<probes::BodyTask>(
                 [=](probes::BodyTask*) { return bring(target, content, isHalf); });
         },
-        false);
+        ResourceCache::FillMode::Missing);
     task->exec();
     return task->waitForFinished();
 }

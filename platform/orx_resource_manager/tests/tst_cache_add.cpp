@@ -177,7 +177,8 @@ TEST_F(CacheAddTest, AWriterMayFinishLater) {
     ASSERT_TRUE(cache.prune());
     EXPECT_TRUE(QFileInfo::exists(placeOf(kEntry)));
     // Nor does anybody fill the entry meanwhile.
-    const auto waiting = cache.fillTask(nullptr, kEntry, orx::testing::noFetch(), false);
+    const auto waiting =
+        cache.fillTask(nullptr, kEntry, orx::testing::noFetch(), ResourceCache::FillMode::Missing);
     waiting->exec();
     const auto elsewhere = std::async(std::launch::async, [&work] { work->finished(Error()); });
     EXPECT_TRUE(cache.waitForPending().isEmpty());

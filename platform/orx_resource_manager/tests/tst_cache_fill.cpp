@@ -1,5 +1,8 @@
 #include "CacheFixture.h"
 
+#include <QDirIterator>
+#include <QMap>
+
 #include <csignal>
 #include <sys/resource.h>
 
@@ -26,7 +29,7 @@ protected:
                 fill.directory = directory.toString();
                 return fetch;
             },
-            false);
+            ResourceCache::FillMode::Missing);
         fill.task->exec();
         orx::testing::processUntil([&fill] { return fill.fetch && fill.fetch->isRunning(); });
     }
@@ -36,7 +39,8 @@ protected:
 
 TEST_F(CacheFillTest, AValidEntryIsNotFetchedAgain) {
     ASSERT_FALSE(fill(kEntry, "content").hasError());
-    const auto task = cache.fillTask(nullptr, kEntry, orx::testing::noFetch(), false);
+    const auto task =
+        cache.fillTask(nullptr, kEntry, orx::testing::noFetch(), ResourceCache::FillMode::Missing);
     task->exec();
     EXPECT_FALSE(task->waitForFinished().hasError());
 }
@@ -53,7 +57,8 @@ TEST_F(CacheFillTest, AFailedFetchLeavesWhatWasThere) {
     ASSERT_FALSE(fill(kEntry, "old").hasError());
     const auto task = cache.fillTask(
         nullptr, kEntry,
-        [](const DirPath&) { return probes::taskWith(QVariant(), Error(ErrorCode::Busy, u"no"_qs)); }, true);
+        [](const DirPath&) { return probes::taskWith(QVariant(), Error(ErrorCode::Busy, u"no"_qs)); },
+        ResourceCache::FillMode::Anew);
     task->exec();
     EXPECT_TRUE(task->waitForFinished().is(ErrorCode::Busy));
     EXPECT_TRUE(cache.contains(kEntry));
@@ -62,7 +67,8 @@ TEST_F(CacheFillTest, AFailedFetchLeavesWhatWasThere) {
 
 TEST_F(CacheFillTest, AFetchThatBringsNothingIsAnError) {
     const auto task = cache.fillTask(
-        nullptr, kEntry, [](const DirPath&) { return probes::taskWith(QVariant()); }, false);
+        nullptr, kEntry, [](const DirPath&) { return probes::taskWith(QVariant()); },
+        ResourceCache::FillMode::Missing);
     task->exec();
     EXPECT_TRUE(task->waitForFinished().is(ErrorCode::NotFound));
     EXPECT_FALSE(cache.contains(kEntry));
@@ -75,7 +81,7 @@ TEST_F(CacheFillTest, ALinkThatWasFetchedIsRefused) {
             EXPECT_TRUE(QFile::link(QStringLiteral("/etc/passwd"), directory.child(u"run1.mzML"_qs)));
             return probes::taskWith(QVariant());
         },
-        false);
+        ResourceCache::FillMode::Missing);
     task->exec();
     EXPECT_TRUE(task->waitForFinished().is(ErrorCode::InvalidArgument));
     EXPECT_FALSE(cache.contains(kEntry));
@@ -89,8 +95,9 @@ TEST_F(CacheFillTest, ContentThatTheServerDoesNotHaveIsNotKept) {
         return expected;
     });
     const auto fillKnown = [&](const QByteArray& content) {
-        const auto task = cache.fillTask(probes::sampleReference(), kEntry,
-                                         orx::testing::fetchOf(u"run1.mzML"_qs, content), true);
+        const auto task =
+            cache.fillTask(probes::sampleReference(), kEntry, orx::testing::fetchOf(u"run1.mzML"_qs, content),
+                           ResourceCache::FillMode::Anew);
         task->exec();
         return task->waitForFinished();
     };
@@ -108,7 +115,7 @@ TEST_F(CacheFillTest, TheDigestThatTheFetchKnowsIsTaken) {
             EXPECT_TRUE(orx::testing::writeFile(directory.child(u"run1.mzML"_qs), "content"));
             return probes::taskWith(QVariant::fromValue(ResourceCacheDigest{QByteArray(64, 'a')}));
         },
-        false);
+        ResourceCache::FillMode::Missing);
     task->exec();
     ASSERT_FALSE(task->waitForFinished().hasError());
     EXPECT_EQ(cache.entries()->first().sha256, QString(64, u'a'));
@@ -133,9 +140,11 @@ TEST_F(CacheFillTest, ProgressOfTheFetchIsPassedOn) {
 TEST_F(CacheFillTest, OneFetchesAndTheOthersUseWhatItBrought) {
     OpenFill first;
     open(first, kEntry);
-    const auto second = cache.fillTask(nullptr, kEntry, orx::testing::noFetch(), false);
+    const auto second =
+        cache.fillTask(nullptr, kEntry, orx::testing::noFetch(), ResourceCache::FillMode::Missing);
     ResourceCache beside(root());
-    const auto third = beside.fillTask(nullptr, kEntry, orx::testing::noFetch(), false);
+    const auto third =
+        beside.fillTask(nullptr, kEntry, orx::testing::noFetch(), ResourceCache::FillMode::Missing);
     second->exec();
     third->exec();
     ASSERT_TRUE(orx::testing::writeFile(first.directory + u"/run1.mzML"_qs, "content"));
@@ -178,6 +187,115 @@ TEST_F(CacheFillTest, WhatACancelledFillLeftIsThereForTheNext) {
     EXPECT_TRUE(staged().isEmpty());
 }
 
+//! Directories: what an interrupted fill left of one is of use to updates only.
+class CacheDirectoryFillTest : public CacheFillTest {
+protected:
+    using Mode = ResourceCache::FillMode;
+    using Files = QMap<QString, QByteArray>;
+
+    //! \a fetch brings the content into the directory that the entry is to become.
+    Error fillBy(Mode mode, const std::function<Error(const QString&)>& fetch) {
+        const auto task = cache.fillTask(
+            nullptr, kFolder,
+            [fetch](const DirPath& directory) {
+                return probes::taskWith(QVariant(), fetch(directory.child(u"raw"_qs)));
+            },
+            mode);
+        task->exec();
+        return task->waitForFinished();
+    }
+    Error fillWith(const Files& files) {
+        return fillBy(Mode::Anew, [files](const QString& directory) {
+            for (auto file = files.begin(); file != files.end(); ++file)
+                EXPECT_TRUE(orx::testing::writeFile(directory + u'/' + file.key(), file.value()));
+            return Error();
+        });
+    }
+    static Files filesIn(const QString& directory) {
+        Files files;
+        QDirIterator it(directory, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
+        while (it.hasNext()) {
+            const QString path = it.next();
+            files.insert(QDir(directory).relativeFilePath(path), orx::testing::readFile(path));
+        }
+        return files;
+    }
+
+    const QString kFolder = u"server/folder/7/raw"_qs;
+    const Error broken{ErrorCode::General, u"broken"_qs};
+};
+
+TEST_F(CacheDirectoryFillTest, WhatAnInterruptedFillLeftIsNoPartOfTheNext) {
+    for (const Mode mode : {Mode::Missing, Mode::Anew}) {
+        EXPECT_TRUE(fillBy(mode, [this](const QString& directory) {
+                        EXPECT_TRUE(orx::testing::writeFile(directory + u"/gone-since.raw"_qs, "x"));
+                        return broken;
+                    }).is(ErrorCode::General));
+        EXPECT_FALSE(fillBy(mode, [](const QString& directory) {
+                         EXPECT_FALSE(QFileInfo::exists(directory));
+                         EXPECT_TRUE(orx::testing::writeFile(directory + u"/a.raw"_qs, "a"));
+                         return Error();
+                     }).hasError());
+        EXPECT_EQ(filesIn(placeOf(kFolder)), (Files{{u"a.raw"_qs, "a"}}));
+        EXPECT_TRUE(cache.contains(kFolder));
+        ASSERT_FALSE(cache.remove(kFolder).hasError());
+    }
+}
+
+TEST_F(CacheDirectoryFillTest, AnUpdateBeginsWithTheEntryAndLeavesItAloneUntilItIsWhole) {
+    const Files old{{u"a.raw"_qs, "a"}, {u"sub/b.raw"_qs, "b"}};
+    ASSERT_FALSE(fillWith(old).hasError());
+    EXPECT_FALSE(fillBy(Mode::Update, [&](const QString& directory) {
+                     EXPECT_EQ(filesIn(directory), old);
+                     EXPECT_TRUE(QFile::remove(directory + u"/a.raw"_qs));
+                     EXPECT_TRUE(orx::testing::writeFile(directory + u"/a.raw"_qs, "new a"));
+                     EXPECT_TRUE(orx::testing::writeFile(directory + u"/c.raw"_qs, "c"));
+                     EXPECT_EQ(filesIn(placeOf(kFolder)), old);
+                     EXPECT_TRUE(cache.contains(kFolder));
+                     return Error();
+                 }).hasError());
+    EXPECT_EQ(filesIn(placeOf(kFolder)),
+              (Files{{u"a.raw"_qs, "new a"}, {u"c.raw"_qs, "c"}, {u"sub/b.raw"_qs, "b"}}));
+    EXPECT_TRUE(cache.contains(kFolder));
+    EXPECT_TRUE(cache.verify()->damaged.isEmpty());
+    EXPECT_TRUE(staged().isEmpty());
+}
+
+TEST_F(CacheDirectoryFillTest, AnUpdateThatFailsLeavesTheEntryAndItsWorkForTheNext) {
+    ASSERT_FALSE(fillWith({{u"a.raw"_qs, "a"}}).hasError());
+    EXPECT_TRUE(fillBy(Mode::Update, [this](const QString& directory) {
+                    EXPECT_TRUE(orx::testing::writeFile(directory + u"/b.raw"_qs, "b"));
+                    return broken;
+                }).is(ErrorCode::General));
+    EXPECT_TRUE(cache.contains(kFolder));
+    EXPECT_EQ(filesIn(placeOf(kFolder)), (Files{{u"a.raw"_qs, "a"}}));
+    EXPECT_FALSE(fillBy(Mode::Update, [](const QString& directory) {
+                     EXPECT_EQ(filesIn(directory), (Files{{u"a.raw"_qs, "a"}, {u"b.raw"_qs, "b"}}));
+                     return Error();
+                 }).hasError());
+    EXPECT_EQ(filesIn(placeOf(kFolder)).size(), 2);
+}
+
+TEST_F(CacheDirectoryFillTest, AnUpdateThatFindsSomethingInItsWayIsMadeWithoutIt) {
+    ASSERT_FALSE(fillWith({{u"a"_qs, "a file"}}).hasError());
+    int fetched = 0;
+    EXPECT_FALSE(fillBy(Mode::Update, [&fetched](const QString& directory) {
+                     ++fetched;
+                     if (QFileInfo::exists(directory + u"/a"_qs))
+                         return Error(ErrorCode::AlreadyExists, u"in the way"_qs);
+                     EXPECT_TRUE(orx::testing::writeFile(directory + u"/a/b.raw"_qs, "b"));
+                     return Error();
+                 }).hasError());
+    EXPECT_EQ(fetched, 2);
+    EXPECT_EQ(filesIn(placeOf(kFolder)), (Files{{u"a/b.raw"_qs, "b"}}));
+    // Only that which was there can be thrown away: what is in the way still is the error.
+    EXPECT_TRUE(fillBy(Mode::Update, [&fetched](const QString&) {
+                    ++fetched;
+                    return Error(ErrorCode::AlreadyExists, u"in the way"_qs);
+                }).is(ErrorCode::AlreadyExists));
+    EXPECT_EQ(fetched, 4);
+}
+
 TEST_F(CacheFillTest, ADestroyedFillLetsTheNextOneBegin) {
     {
         OpenFill first;
@@ -206,7 +324,8 @@ TEST_F(CacheFillTest, MayBeDestroyedAtAnyMoment) {
 
 TEST_F(CacheFillTest, OutlivesItsCache) {
     auto other = std::make_unique<ResourceCache>(root());
-    const auto task = other->fillTask(nullptr, kEntry, orx::testing::fetchOf(u"run1.mzML"_qs, "x"), false);
+    const auto task = other->fillTask(nullptr, kEntry, orx::testing::fetchOf(u"run1.mzML"_qs, "x"),
+                                      ResourceCache::FillMode::Missing);
     other.reset();
     task->exec();
     EXPECT_FALSE(task->waitForFinished().hasError());

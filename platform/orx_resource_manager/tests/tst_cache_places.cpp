@@ -148,7 +148,7 @@ TEST_F(CachePlacesTest, ADirectoryIsThereAsLongAsNothingInItChanges) {
         return probes::taskWith(QVariant());
     };
     const auto refill = [&] {
-        const auto task = cache.fillTask(nullptr, entry, fetch, false);
+        const auto task = cache.fillTask(nullptr, entry, fetch, ResourceCache::FillMode::Missing);
         task->exec();
         EXPECT_FALSE(task->waitForFinished().hasError());
         EXPECT_TRUE(cache.contains(entry));

@@ -29,7 +29,8 @@ TEST_F(CacheProcessesTest, OfTwoProcessesThatFillAnEntryOneFetches) {
     QProcess first;
     start(first, {u"fill"_qs, u"content of the first"_qs});
     ASSERT_EQ(nextLine(first), "fetching");
-    const auto second = cache.fillTask(nullptr, kEntry, orx::testing::noFetch(), false);
+    const auto second =
+        cache.fillTask(nullptr, kEntry, orx::testing::noFetch(), ResourceCache::FillMode::Missing);
     second->exec();
     QProcess third;
     start(third, {u"fill"_qs, u"content of the third"_qs});
@@ -57,7 +58,7 @@ TEST_F(CacheProcessesTest, AKilledFillLeavesNoEntryAndIsResumed) {
             EXPECT_TRUE(QFile::rename(target + u".part"_qs, target));
             return probes::taskWith(QVariant());
         },
-        false);
+        ResourceCache::FillMode::Missing);
     waiting->exec();
     EXPECT_TRUE(waiting->waitForFinished(0).is(ErrorCode::TimedOut));
     EXPECT_FALSE(cache.contains(kEntry));

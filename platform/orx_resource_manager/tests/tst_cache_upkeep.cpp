@@ -204,7 +204,8 @@ TEST_F(CacheUpkeepTest, VerificationCanBeCancelled) {
 TEST_F(CacheUpkeepTest, ADamagedDatabaseIsSetAsideAndTheCacheFetchesAnew) {
     {
         ResourceCache first(path(u"other"_qs));
-        const auto task = first.fillTask(nullptr, u"a"_qs, orx::testing::fetchOf(u"a"_qs, "1"), false);
+        const auto task = first.fillTask(nullptr, u"a"_qs, orx::testing::fetchOf(u"a"_qs, "1"),
+                                         ResourceCache::FillMode::Missing);
         task->exec();
         ASSERT_FALSE(task->waitForFinished().hasError());
     }
@@ -215,7 +216,8 @@ TEST_F(CacheUpkeepTest, ADamagedDatabaseIsSetAsideAndTheCacheFetchesAnew) {
     ResourceCache second(path(u"other"_qs));
     EXPECT_FALSE(second.contains(u"a"_qs));
     EXPECT_EQ(QDir(state).entryList({u"cache.sqlite.damaged-*"_qs}).size(), 1);
-    const auto task = second.fillTask(nullptr, u"a"_qs, orx::testing::fetchOf(u"a"_qs, "2"), false);
+    const auto task = second.fillTask(nullptr, u"a"_qs, orx::testing::fetchOf(u"a"_qs, "2"),
+                                      ResourceCache::FillMode::Missing);
     task->exec();
     EXPECT_FALSE(task->waitForFinished().hasError());
     EXPECT_TRUE(second.contains(u"a"_qs));
@@ -231,7 +233,8 @@ TEST_F(CacheUpkeepTest, ADatabaseOfALaterFormatIsRefusedAndLeftAlone) {
     EXPECT_TRUE(entries.errorMessage().contains(u"newer release"_qs));
     EXPECT_FALSE(other.contains(u"a"_qs));
     EXPECT_TRUE(other.prune({0, std::nullopt}).hasError());
-    const auto task = other.fillTask(nullptr, u"n"_qs, orx::testing::fetchOf(u"n"_qs, "1"), false);
+    const auto task = other.fillTask(nullptr, u"n"_qs, orx::testing::fetchOf(u"n"_qs, "1"),
+                                     ResourceCache::FillMode::Missing);
     task->exec();
     EXPECT_TRUE(task->waitForFinished().hasError());
     EXPECT_EQ(orx::testing::readFile(placeOf(u"a"_qs)), QByteArray(100, 'x'));

@@ -54,6 +54,7 @@ public:
     SampleRemoteHandler(ResourceCache* cache, Elsewhere* elsewhere, const QString& subPath = kSubPath)
         : RemoteResourceHandler(sampleReference(), cache), m_elsewhere(elsewhere), m_subPath(subPath) {}
     using RemoteResourceHandler::retrieveTask;
+    void letContentChange() { setContent(Content::Changing); }
 
 protected:
     std::unique_ptr<Task> existsTask() const override { return taskWith(true); }
@@ -248,6 +249,76 @@ TEST_F(RemoteResourceHandlerTest, AHandlerMayRefreshWhatItHolds) {
     ASSERT_TRUE(path) << qPrintable(path.errorMessage());
     EXPECT_EQ(contentOf(path->toString()), "new content");
     EXPECT_EQ(inUseWhenPruned(), 1);
+}
+
+//! Of resources whose content changes under one reference, as that of folders does.
+class ChangingContentTest : public RemoteResourceHandlerTest {
+protected:
+    HandlerSPtr changing(Mode mode = Mode::CacheFirst) {
+        const auto handler = handlerOf();
+        handler->letContentChange();
+        handler->overrideRetrieveMode(mode);
+        return handler;
+    }
+    Error retrieve(const HandlerSPtr& handler) {
+        elsewhere.fetched = 0;
+        auto task = handler->retrieveAsync(Processing::StartedHere, nullptr);
+        if (task.hasError())
+            return task.error();
+        if (!*task)
+            return Error();
+        const Error waited = (*task)->waitForFinished();
+        return waited.hasError() ? waited : (*task)->error();
+    }
+
+    const Error unreachable{ErrorDomain::Network, 1, QStringLiteral("nobody answers")};
+};
+
+TEST_F(ChangingContentTest, IsAskedForAgainThoughItIsInTheCache) {
+    ASSERT_FALSE(retrieve(changing()).hasError());
+    elsewhere.content = "the second content";
+    const auto handler = changing();
+    EXPECT_FALSE(retrieve(handler).hasError());
+    EXPECT_EQ(elsewhere.fetched, 1);
+    EXPECT_EQ(contentOf(handler->expectedPath()->toString()), elsewhere.content);
+    EXPECT_EQ(inUseWhenPruned(), 1);
+}
+
+TEST_F(ChangingContentTest, IsTakenFromTheCacheWithAWarningWhenNobodyAnswers) {
+    ASSERT_FALSE(retrieve(changing()).hasError());
+    elsewhere.error = unreachable;
+    const auto handler = changing();
+    const Error error = retrieve(handler);
+    EXPECT_FALSE(error.hasError()) << qPrintable(error.errorMessage());
+    EXPECT_EQ(error.warnings(),
+              Warnings{QStringLiteral("What the cache holds was taken, since nobody could say "
+                                      "whether it is still the same: nobody answers")});
+    EXPECT_EQ(contentOf(handler->expectedPath()->toString()), elsewhere.content);
+    EXPECT_EQ(inUseWhenPruned(), 1);
+}
+
+TEST_F(ChangingContentTest, IsNotTakenFromTheCacheForAnotherFailure) {
+    ASSERT_FALSE(retrieve(changing()).hasError());
+    elsewhere.error = Error(ErrorCode::NotFound, QStringLiteral("it is gone"));
+    EXPECT_TRUE(retrieve(changing()).is(ErrorCode::NotFound));
+    elsewhere.error = unreachable;
+    EXPECT_TRUE(retrieve(changing(Mode::Refresh)).is(ErrorDomain::Network, 1));
+}
+
+TEST_F(ChangingContentTest, WithoutAValidEntryTheFailureIsTheError) {
+    elsewhere.error = unreachable;
+    EXPECT_TRUE(retrieve(changing()).is(ErrorDomain::Network, 1));
+    elsewhere.error = Error();
+    ASSERT_FALSE(retrieve(changing()).hasError());
+    damageEntry();
+    elsewhere.error = unreachable;
+    EXPECT_TRUE(retrieve(changing()).is(ErrorDomain::Network, 1));
+}
+
+TEST_F(ChangingContentTest, IsNotAskedForWhenOnlyTheCacheMayBeAsked) {
+    ASSERT_FALSE(retrieve(changing()).hasError());
+    EXPECT_FALSE(retrieve(changing(Mode::CacheOnly)).hasError());
+    EXPECT_EQ(elsewhere.fetched, 0);
 }
 
 TEST_F(RemoteResourceHandlerTest, NobodyIsAskedForWhatIsInTheCache) {

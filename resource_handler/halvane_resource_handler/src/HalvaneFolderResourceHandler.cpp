@@ -9,7 +9,9 @@ namespace orx {
 
 HalvaneFolderResourceHandler::HalvaneFolderResourceHandler(const QSharedPointer<ResourceReference>& reference,
                                                            ResourceCache* cache)
-    : HalvaneResourceHandler(reference, cache) {}
+    : HalvaneResourceHandler(reference, cache) {
+    setContent(Content::Changing);
+}
 
 HalvaneFolderResourceHandler::~HalvaneFolderResourceHandler() = default;
 
@@ -26,7 +28,9 @@ std::unique_ptr<Task> HalvaneFolderResourceHandler::retrieveMetadataTask() const
 
 std::unique_ptr<Task> HalvaneFolderResourceHandler::retrieveTask(const PathImpl<PathType::Dir>& targetDir) {
     const auto folder = reference().dynamicCast<HalvaneFolderResourceReference>();
-    return std::make_unique<HalvaneDownloadFolderTask>(folder, targetDir.toString(), false, nullptr);
+    auto task = std::make_unique<HalvaneDownloadFolderTask>(folder, targetDir.toString(), false, nullptr);
+    task->setMirroring();
+    return task;
 }
 
 QString HalvaneFolderResourceHandler::subCachePath() const {

@@ -12,6 +12,9 @@
 #include <HalvaneConnection.h>
 #include <HalvaneDownloadFileTask.h>
 #include <HalvaneDownloadFolderTask.h>
+#include <HalvaneError.h>
+#include <HalvanePaths.h>
+#include <ResourceCache.h>
 
 #include <QDir>
 
@@ -416,6 +419,69 @@ TEST_F(FolderHandler, DownloadsTheFolderIntoTheDirectory) {
     QFile downloaded(filePath(QStringLiteral("raw/run1.mzML")));
     ASSERT_TRUE(downloaded.open(QIODevice::ReadOnly));
     EXPECT_EQ(downloaded.readAll(), QByteArray("some content"));
+}
+
+//! Folders in a cache: what is in them changes under the same reference.
+class FolderInCache : public ResourceHandlers {
+protected:
+    QSharedPointer<ResourceHandler> handler() {
+        return *HalvaneResourceHandler::create(folderReference(folder, QStringLiteral("raw")), &cache);
+    }
+    QByteArray cached(const QString& name) {
+        QFile entry(handler()->expectedPath()->toString() + u'/' + name);
+        return entry.open(QIODevice::ReadOnly) ? entry.readAll() : QByteArray("(nothing)");
+    }
+    int fetched() const { return server.count(QStringLiteral("GET */content")); }
+
+    ResourceCache cache{filePath(QStringLiteral("cache"))};
+};
+
+TEST_F(FolderInCache, IsAskedForAgainAndWhatDiffersIsFetched) {
+    ASSERT_TRUE(handler()->retrieve());
+    EXPECT_EQ(fetched(), 1);
+    server.service().addFile(QStringLiteral("run2.mzML"), "added", folder);
+    ASSERT_TRUE(handler()->retrieve());
+    EXPECT_EQ(fetched(), 2);
+    EXPECT_EQ(cached(QStringLiteral("run1.mzML")), "some content");
+    EXPECT_EQ(cached(QStringLiteral("run2.mzML")), "added");
+    server.service().addVersion(file, "second version");
+    ASSERT_TRUE(handler()->retrieve());
+    EXPECT_EQ(fetched(), 3);
+    EXPECT_EQ(cached(QStringLiteral("run1.mzML")), "second version");
+    EXPECT_TRUE(cache.verify()->damaged.isEmpty());
+}
+
+TEST_F(FolderInCache, IsCompletedAfterARetrievalThatFailedHalfWay) {
+    const int second = server.service().addFile(QStringLiteral("run2.mzML"), "second", folder);
+    server.script(QStringLiteral("GET /files/%1/*content").arg(second),
+                  ScriptedFault::failure(404, HalvaneServerErrorCode::NotFound, QStringLiteral("gone")));
+    EXPECT_TRUE(handler()->retrieve().hasError());
+    EXPECT_FALSE(handler()->isAvailableLocally());
+    const auto retrieved = handler()->retrieve();
+    ASSERT_TRUE(retrieved) << qPrintable(retrieved.errorMessage());
+    EXPECT_EQ(cached(QStringLiteral("run1.mzML")), "some content");
+    EXPECT_EQ(cached(QStringLiteral("run2.mzML")), "second");
+    EXPECT_EQ(server.count(QStringLiteral("GET /files/%1/*content").arg(file)), 1);
+}
+
+TEST_F(FolderInCache, IsTakenAsItIsWhenTheServerCannotBeReached) {
+    ASSERT_TRUE(handler()->retrieve());
+    server.script(QStringLiteral("*"), ScriptedFault::networkError(NetworkErrorCode::TlsFailed),
+                  ScriptedHalvaneServer::Always);
+    EXPECT_TRUE(handler()->retrieve());
+    EXPECT_EQ(cached(QStringLiteral("run1.mzML")), "some content");
+    const auto refreshing = handler();
+    refreshing->overrideRetrieveMode(ResourceHandler::RetrieveMode::Refresh);
+    EXPECT_EQ(refreshing->retrieve().error().domain(), ErrorDomain::Network);
+}
+
+TEST_F(FolderInCache, WhatLiesInTheCacheIsNotInTheHistory) {
+    ASSERT_TRUE(handler()->retrieve());
+    const auto fileHandler =
+        *HalvaneResourceHandler::create(fileReference(file, QStringLiteral("run1.mzML"), 1), &cache);
+    ASSERT_TRUE(fileHandler->retrieve());
+    QFile history(HalvanePaths::configDir() + QStringLiteral("/halvane.sqlite"));
+    EXPECT_FALSE(history.exists());
 }
 
 TEST_F(FolderHandler, HasTheFrameworksAnswerToSiblings) {
