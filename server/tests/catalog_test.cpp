@@ -2,7 +2,7 @@
 #include "blobs/blob_store.h"
 #include "store/sqlite_catalog.h"
 #include "support/temporary_directory.h"
-#include "uploads/committer.h"
+#include "uploads/finalizer.h"
 #include "uploads/sweeper.h"
 #include "uploads/upload_sessions.h"
 
@@ -260,6 +260,25 @@ protected:
         return Sha256::of(chunk(0, fills[0]) + chunk(1, fills[1]) + chunk(2, fills[2]));
     }
 
+    // Why the upload did not become a version of that content; nothing when it did.
+    std::optional<ErrorCode> finalised(const std::string& fills) {
+        m_catalog->setContentSha256(m_upload.id, expected(fills));
+        Committer committer(*m_catalog, m_blobs, m_metrics);
+        Finalizer finalizer(*m_catalog, *m_sessions, committer, m_hashing);
+        Finalisation request;
+        request.caller = m_admin;
+        request.uploadId = m_upload.id;
+        request.dataType = "Regular";
+        request.trace = "{}";
+        std::promise<FinalisationOutcome> outcome;
+        finalizer.finalize(std::move(request),
+                           [&](const FinalisationOutcome& made) { outcome.set_value(made); });
+        const FinalisationOutcome made = outcome.get_future().get();
+        if (const auto* error = std::get_if<ApiError>(&made))
+            return error->code();
+        return std::nullopt;
+    }
+
     BlobStore m_blobs{m_directory.path()};
     UploadRecord m_upload;
     WorkerPool m_hashing{2};
@@ -341,6 +360,18 @@ TEST_F(UploadSessionTest, NoChunkChangesWhileTheUploadIsFinalised) {
     EXPECT_NO_THROW(put(1, 'b'));
     session()->endFinalising();
     EXPECT_NO_THROW(put(1, 'x'));
+}
+
+TEST_F(UploadSessionTest, NoChunkChangesOnceTheVersionIsMade) {
+    put(0, 'a');
+    put(1, 'b');
+    put(2, 'c');
+    const std::shared_ptr<UploadSession> foundOpen = session();
+    EXPECT_EQ(finalised("abx"), ErrorCode::ChecksumMismatch);
+    EXPECT_NO_THROW(put(1, 'x'));
+    EXPECT_EQ(finalised("axc"), std::nullopt);
+    EXPECT_EQ(codeOf([&] { (void)foundOpen->beginChunk(1, Xxh3::of(chunk(1, 'y')), [] {}); }),
+              ErrorCode::UploadGone);
 }
 
 TEST_F(UploadSessionTest, BytesLostInAPowerCutAreNoticedWhenTheUploadIsSuspect) {

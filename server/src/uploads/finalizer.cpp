@@ -95,7 +95,9 @@ void Finalizer::runStaged(Finalisation request, const UploadRecord& upload) {
     session->beginFinalising();
     m_hashing.post([this, session, upload, request = std::move(request)]() mutable {
         const auto end = [this, session, id = upload.id](const FinalisationOutcome& outcome) {
-            session->endFinalising();
+            // Once it is a version no chunk changes any more, not even for a request that found it open.
+            if (std::holds_alternative<ApiError>(outcome))
+                session->endFinalising();
             conclude(id, outcome);
         };
         try {

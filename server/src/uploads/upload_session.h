@@ -60,7 +60,8 @@ public:
     std::unique_ptr<ChunkWriter> beginChunk(std::int64_t index, const Xxh3Digest& expected,
                                             std::function<void()> abort);
 
-    // From here on no chunk is accepted, until endFinalising. UploadIncomplete when one is missing.
+    // From here on no chunk is accepted, until endFinalising after a failure; after a success for ever.
+    // UploadIncomplete when one is missing.
     void beginFinalising();
     void endFinalising();
     // Between these two: the SHA-256 of the whole content; blocks while it is taken.
