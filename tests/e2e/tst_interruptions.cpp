@@ -16,6 +16,7 @@ namespace orx::testing {
 namespace {
 
 using ::testing::HasSubstr;
+using ::testing::Not;
 
 // Small chunks keep the files small.
 constexpr qint64 chunkSize = 512 * 1024;
@@ -243,6 +244,31 @@ TEST_F(Interruptions, APutUnderAnotherNameIsFoundAgain) {
         ASSERT_EQ(files.size(), 1);
         EXPECT_EQ(files[0]["version"], version);
     }
+}
+
+// Who is told to put once more would have the file twice.
+TEST_F(Interruptions, WhatStopsAPutAfterItsVersionIsMadeSaysThatTheFileIsThere) {
+    const QStringList command{"--json", "put", file, "--to", "/raw", "--metadata", "operator=anna"};
+    int files = 0;
+    for (const FaultProxy::Match& last :
+         {FaultProxy::Match{"PUT", ".*/extended-metadata"}, FaultProxy::Match{"GET", ".*/files/[0-9]+"}}) {
+        const auto hold = proxy->holdReply(last);
+        const auto process = client.start(command);
+        hold->waitUntilAnswered();
+        ASSERT_EQ(::kill(pid_t(process->processId()), SIGINT), 0);
+        const Outcome interrupted = Client::finish(*process);
+        hold->drop();
+        EXPECT_EQ(interrupted.exitCode, 130);
+        EXPECT_THAT(interrupted.err.toStdString(), HasSubstr("is on the server as file:"));
+        EXPECT_THAT(interrupted.err.toStdString(), Not(HasSubstr("Run the same command again")));
+        EXPECT_EQ(listing().size(), ++files);
+    }
+    proxy->replaceReply({"PUT", ".*/extended-metadata", 0, -1}, 200, "text/html", "<html>Maintenance</html>");
+    const Outcome failed = client.run(command);
+    EXPECT_EQ(failed.exitCode, 11) << failed.err.constData();
+    EXPECT_THAT(failed.err.toStdString(), HasSubstr("is on the server as file:"));
+    EXPECT_THAT(failed.err.toStdString(), Not(HasSubstr("Run the same command again")));
+    EXPECT_EQ(listing().size(), ++files);
 }
 
 TEST_F(Interruptions, AFileThatChangesWhileItIsSentIsRefused) {

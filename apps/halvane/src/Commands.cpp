@@ -64,6 +64,16 @@ int Runner::transferFailed(const Error& error, const QString& summary) {
     return m_output.error(error);
 }
 
+// The same command once more would make another file or version.
+int Runner::stoppedAfterUpload(const Error& error, const RemoteItem& file) {
+    if (!error.isCanceled())
+        return m_output.error(error);
+    return m_output.error(error,
+                          QStringLiteral("Interrupted, but the file is on the server as %1; putting it "
+                                         "again makes another one.")
+                              .arg(file.reference()));
+}
+
 Result<std::unique_ptr<Resources>> Runner::startResources() {
     auto resources = Resources::start();
     ORX_RETURN_ON_ERROR(resources.error());
@@ -165,7 +175,7 @@ int Runner::operator()(const PutCommand& command) {
         summary = progress.summary();
     }
     if (error.hasError())
-        return transferFailed(error, summary);
+        return job.item().id > 0 ? stoppedAfterUpload(error, job.item()) : transferFailed(error, summary);
     const QString how = job.foundCommitted() ? QStringLiteral("%1 -> %2 as %3, finished by an earlier run")
                                              : QStringLiteral("%1 -> %2 as %3");
     const QString text = how.arg(m_output.shown(command.request.localPath), job.item().reference(),

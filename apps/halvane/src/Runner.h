@@ -42,6 +42,8 @@ private:
     orx::Result<std::unique_ptr<host::Resources>> startResources();
     //! An interrupted transfer can go on later; says so. \a summary is what was moved, empty for nothing.
     int transferFailed(const orx::Error& error, const QString& summary);
+    //! An upload whose version was made can not; says that too.
+    int stoppedAfterUpload(const orx::Error& error, const host::RemoteItem& file);
     void warnOfPlainHttp(const QUrl& url) const;
     void waitForCache(orx::ResourceCache& cache);
 

@@ -160,8 +160,26 @@ void UploadFileJob::settle() {
 
 // The run that made the file did not live to attach its metadata.
 void UploadFileJob::putMetadata(const HalvaneApiReference& file) {
-    execSubtask(std::make_unique<HalvanePutExtendedMetaDataTask>(file.fileId, *m_request.metadata),
-                [this, file](HalvanePutExtendedMetaDataTask*) { describe(file); });
+    auto metadata = std::make_unique<HalvanePutExtendedMetaDataTask>(file.fileId, *m_request.metadata);
+    execSubtask(
+        std::unique_ptr<BaseTask>(std::move(metadata)), [this, file](BaseTask*) { describe(file); },
+        [this, file](BaseTask* task) { onMetadataFailed(file, task->error()); });
+}
+
+// The version is there: another run would make another one.
+void UploadFileJob::onMetadataFailed(const HalvaneApiReference& file, const Error& error) {
+    setMade(file);
+    finish(withMessage(error, QStringLiteral("\"%1\" is on the server as %2, but its metadata could not be "
+                                             "attached; putting it again makes another one. %3")
+                                  .arg(m_request.localPath, m_item.reference(), errorText(error))));
+}
+
+void UploadFileJob::setMade(const HalvaneApiReference& file) {
+    m_item.type = RemoteItem::ItemType::File;
+    m_item.id = file.fileId;
+    m_item.version = file.version;
+    m_item.name = m_parameters.targetFileName;
+    m_item.size = QFileInfo(m_request.localPath).size();
 }
 
 void UploadFileJob::upload() {
@@ -176,13 +194,15 @@ void UploadFileJob::upload() {
                                     "the file.")
                          .arg(m_request.localPath)));
     };
-    const auto onFailure = [this, raw](BaseTask*) { onUploadFailed(*raw, raw->targetId()); };
+    const auto onFailure = [this, raw](BaseTask*) { onUploadFailed(*raw); };
     execSubtask(std::unique_ptr<BaseTask>(std::move(task)), onSuccess, onFailure);
 }
 
-void UploadFileJob::onUploadFailed(const BaseTask& task, int fileId) {
+void UploadFileJob::onUploadFailed(const HalvaneFileUploadTask& task) {
+    if (const auto uploaded = task.uploadedFile())
+        return onMetadataFailed(uploaded->reference(), task.error());
     if (isHalvaneError(task.error(), HalvaneServerErrorCode::VersionConflict))
-        return explainConflict(task.error(), fileId);
+        return explainConflict(task.error(), task.targetId());
     finish(task.error());
 }
 
@@ -202,11 +222,7 @@ void UploadFileJob::explainConflict(const Error& conflict, int fileId) {
 // What the server holds is asked for after the upload. It is safe there by then, so that a failure of this
 // question is a warning.
 void UploadFileJob::describe(const HalvaneApiReference& file) {
-    m_item.type = RemoteItem::ItemType::File;
-    m_item.id = file.fileId;
-    m_item.version = file.version;
-    m_item.name = m_parameters.targetFileName;
-    m_item.size = QFileInfo(m_request.localPath).size();
+    setMade(file);
     auto metadata = std::make_unique<HalvaneGetFileMetadataTask>(file.fileId);
     HalvaneGetFileMetadataTask* raw = metadata.get();
     const auto onSuccess = [this, raw, version = file.version](BaseTask*) {
@@ -214,22 +230,27 @@ void UploadFileJob::describe(const HalvaneApiReference& file) {
         if (m_item.version != version)
             describeVersion(version);
     };
-    const auto onFailure = [this](BaseTask* task) {
-        addWarning(QStringLiteral("The file is on the server, but its record could not be read: %1")
-                       .arg(errorText(task->error())));
-    };
-    execSubtask(std::unique_ptr<BaseTask>(std::move(metadata)), onSuccess, onFailure);
+    execSubtask(std::unique_ptr<BaseTask>(std::move(metadata)), onSuccess,
+                [this](BaseTask* task) { warnOfUnread(task->error()); });
+}
+
+void UploadFileJob::warnOfUnread(const Error& error) {
+    addWarning(QStringLiteral("The file is on the server, but its record could not be read: %1")
+                   .arg(errorText(error)));
 }
 
 // Somebody has put a newer version since; this run's own one is among the versions.
 void UploadFileJob::describeVersion(int version) {
-    execSubtask(std::make_unique<HalvaneGetFileVersionsTask>(m_item.id),
-                [this, version](HalvaneGetFileVersionsTask* task) {
-                    for (const orx::HalvaneFileVersion& candidate : task->versions()) {
-                        if (candidate.version == version)
-                            m_item.setVersion(candidate);
-                    }
-                });
+    m_item.version = version;
+    execSubtask(
+        std::make_unique<HalvaneGetFileVersionsTask>(m_item.id),
+        [this, version](HalvaneGetFileVersionsTask* task) {
+            for (const orx::HalvaneFileVersion& candidate : task->versions()) {
+                if (candidate.version == version)
+                    m_item.setVersion(candidate);
+            }
+        },
+        [this](BaseTask* task) { warnOfUnread(task->error()); });
 }
 
 } // namespace halvane::host

@@ -5,6 +5,10 @@
 #include <ComplexTask.h>
 #include <HalvaneFileUploadParameters.h>
 
+namespace orx {
+class HalvaneFileUploadTask;
+}
+
 namespace halvane::host {
 
 //! What `put` is asked for.
@@ -42,7 +46,8 @@ public:
     explicit UploadFileJob(const UploadRequest& request, QObject* parent = nullptr);
     ~UploadFileJob() override;
 
-    //! After success: the file in the version that was made.
+    //! Without an id until the server has made the version; then that version, also when the job fails
+    //! afterwards or is cancelled (its metadata, its record): another run would make another one.
     const RemoteItem& item() const { return m_item; }
     //! An earlier, interrupted run had made the version already; nothing was sent.
     bool foundCommitted() const { return m_foundCommitted; }
@@ -60,11 +65,14 @@ private:
     void prepare(int targetId, RemoteItem::ItemType targetType, const RemoteItem& askedFor);
     void settle();
     void putMetadata(const orx::HalvaneApiReference& file);
+    void onMetadataFailed(const orx::HalvaneApiReference& file, const orx::Error& error);
+    void setMade(const orx::HalvaneApiReference& file);
     void upload();
-    void onUploadFailed(const orx::BaseTask& task, int fileId);
+    void onUploadFailed(const orx::HalvaneFileUploadTask& task);
     void explainConflict(const orx::Error& conflict, int fileId);
     void describe(const orx::HalvaneApiReference& file);
     void describeVersion(int version);
+    void warnOfUnread(const orx::Error& error);
 
     UploadRequest m_request;
     orx::HalvaneFileUploadParameters m_parameters;
