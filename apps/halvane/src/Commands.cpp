@@ -29,7 +29,6 @@ using host::Resources;
 using host::Session;
 using host::UploadFileJob;
 using orx::Error;
-using orx::ErrorCode;
 using orx::Result;
 
 namespace {

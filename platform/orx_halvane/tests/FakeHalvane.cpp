@@ -120,7 +120,7 @@ private:
         return reply;
     }
     //! By value: the handler deletes this object.
-    void deliver(NetworkReply reply) {
+    void deliver(NetworkReply reply) { // NOLINT(performance-unnecessary-value-param)
         leave();
         const auto handler = std::exchange(m_handler, {});
         const auto onStep = m_fake.onStep;
@@ -162,6 +162,7 @@ std::unique_ptr<TransportCall> FakeHalvane::send(const NetworkRequest& request, 
         reply = fault->reply;
     else if (kind != Fault::Lose)
         reply = answer(request, path);
+    // NOLINTNEXTLINE(misc-redundant-expression): it takes two values compared with an optional for one.
     if (kind == Fault::Lose || kind == Fault::LoseReply) {
         reply = {};
         reply.error = lost();
