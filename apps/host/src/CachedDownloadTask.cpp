@@ -61,8 +61,13 @@ struct CachedDownloadTask::Hashing {
     explicit Hashing(const QString& path) : file(path) {}
 
     Error more() {
-        if (!file.isOpen() && !file.open(QIODevice::ReadOnly | QIODevice::Unbuffered))
-            return failure();
+        if (!file.isOpen()) {
+            const auto now = orx::FileCopy::stampOf(file.fileName());
+            ORX_RETURN_ON_ERROR(now.error());
+            stamp = now.value();
+            if (!file.open(QIODevice::ReadOnly | QIODevice::Unbuffered))
+                return failure();
+        }
         for (qint64 done = 0; done < hashedAtATime && !atEnd; done += readAtATime) {
             const qint64 bytes = file.read(block.data(), block.size());
             if (bytes < 0)
@@ -78,6 +83,8 @@ struct CachedDownloadTask::Hashing {
     }
 
     QFile file;
+    //! Before the first byte was read.
+    orx::FileCopy::Stamp stamp;
     QByteArray block = QByteArray(readAtATime, Qt::Uninitialized);
     orx::ContentHash hash;
     bool atEnd = false;
@@ -139,9 +146,12 @@ void CachedDownloadTask::hashMore() {
 
 void CachedDownloadTask::onHashed() {
     const QString digest = QString::fromLatin1(m_hashing->hash.hexDigest());
+    const orx::FileCopy::Stamp stamp = m_hashing->stamp;
     m_hashing.reset();
-    if (digest == m_item.sha256)
+    if (digest == m_item.sha256) {
+        m_hashed = stamp;
         return copy();
+    }
     addWarning(
         QStringLiteral("The copy of \"%1\" in the cache is not what the server has; it is fetched anew.")
             .arg(m_item.name));
@@ -157,9 +167,9 @@ void CachedDownloadTask::doCancel() {
 void CachedDownloadTask::copy() {
     const auto warning = std::make_shared<QString>();
     const auto job = [source = m_cachePath, target = m_targetPath, ifExists = m_ifExists, item = m_item,
-                      warning, handler = m_handler, givesUp = m_givesUp]() -> Error {
-        ORX_RETURN_ON_ERROR(
-            orx::FileCopy::file(source, target, ifExists, [givesUp] { return givesUp->load(); }));
+                      warning, handler = m_handler, givesUp = m_givesUp, hashed = m_hashed]() -> Error {
+        ORX_RETURN_ON_ERROR(orx::FileCopy::file(
+            source, target, ifExists, [givesUp] { return givesUp->load(); }, hashed));
         *warning = orx::HalvaneHistory().setFileVersion(target, item.id, item.version).errorMessage();
         return {};
     };

@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <memory>
+#include <optional>
 
 namespace halvane::host {
 
@@ -48,6 +49,8 @@ private:
     QSharedPointer<orx::ResourceHandler> m_handler;
     QString m_cachePath;
     std::shared_ptr<Hashing> m_hashing;
+    //! The entry as it was when its bytes were found right; none when they were just fetched.
+    std::optional<orx::FileCopy::Stamp> m_hashed;
     //! Asked by the copy, on a worker.
     std::shared_ptr<std::atomic<bool>> m_givesUp = std::make_shared<std::atomic<bool>>(false);
     bool m_wasInCache = false;

@@ -74,6 +74,15 @@ Error notCopied(const QByteArray& path) {
                      .arg(QFile::decodeName(path)));
 }
 
+qint64 nanoseconds(const timespec& time) {
+    return qint64(time.tv_sec) * 1'000'000'000 + time.tv_nsec;
+}
+
+FileCopy::Stamp stampFrom(const struct stat& info) {
+    return {quint64(info.st_dev), quint64(info.st_ino), qint64(info.st_size), nanoseconds(info.st_mtim),
+            nanoseconds(info.st_ctim)};
+}
+
 // A name beside the target that nobody uses; hidden, so that listings made meanwhile do not take it for data.
 QByteArray temporaryBeside(const QByteArray& target) {
     const qsizetype slash = target.lastIndexOf('/');
@@ -90,8 +99,12 @@ public:
         : m_source(source), m_target(target), m_shown(target) {}
     //! \a shown: what messages call the target, which has another name while it is made.
     ContentCopy(const QByteArray& source, const QByteArray& target, const QByteArray& shown,
-                FileCopy::IsCanceled isCanceled)
-        : m_source(source), m_target(target), m_shown(shown), m_isCanceled(std::move(isCanceled)) {}
+                FileCopy::IsCanceled isCanceled, const std::optional<FileCopy::Stamp>& expected)
+        : m_source(source)
+        , m_target(target)
+        , m_shown(shown)
+        , m_isCanceled(std::move(isCanceled))
+        , m_expected(expected) {}
 
     Error run() {
         const Descriptor source(::open(m_source.constData(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
@@ -101,6 +114,8 @@ public:
             return readFailure(errno, m_source);
         if (!S_ISREG(m_before.st_mode))
             return notCopied(m_source);
+        if (m_expected && *m_expected != stampFrom(m_before))
+            return changed();
         Descriptor target(::open(m_target.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC,
                                  0666 | (m_before.st_mode & 0111)));
         if (!target.isOpen())
@@ -184,10 +199,12 @@ private:
         struct stat after = {};
         if (::fstat(source, &after) != 0)
             return readFailure(errno, m_source);
-        const bool same = after.st_size == m_before.st_size &&
-                          after.st_mtim.tv_sec == m_before.st_mtim.tv_sec &&
-                          after.st_mtim.tv_nsec == m_before.st_mtim.tv_nsec;
-        return same ? Error() : changed();
+        // What does not touch the content, such as a change of access, is a change only for who gave a stamp.
+        const FileCopy::Stamp was = stampFrom(m_before);
+        FileCopy::Stamp is = stampFrom(after);
+        if (!m_expected)
+            is.changedNs = was.changedNs;
+        return is == was ? Error() : changed();
     }
 
     Error checkGoesOn() const {
@@ -208,15 +225,41 @@ private:
     QByteArray m_target;
     QByteArray m_shown;
     FileCopy::IsCanceled m_isCanceled;
+    std::optional<FileCopy::Stamp> m_expected;
     struct stat m_before = {};
     std::vector<char> m_buffer;
     bool m_byHand = false;
 };
 
+bool isDirectory(const QByteArray& path) {
+    struct stat info = {};
+    return ::lstat(path.constData(), &info) == 0 && S_ISDIR(info.st_mode);
+}
+
+// Zero, or what was wrong.
+int giveFreeName(const QByteArray& temporary, const QByteArray& target) {
+    if (::renameat2(AT_FDCWD, temporary.constData(), AT_FDCWD, target.constData(), RENAME_NOREPLACE) == 0)
+        return 0;
+    if (errno != EINVAL && errno != ENOSYS && errno != ENOTSUP)
+        return errno;
+    // Network file systems may not have that. A link takes no name that is taken; a directory takes the place
+    // of nothing but an empty one.
+    if (isDirectory(temporary))
+        return std::rename(temporary.constData(), target.constData()) == 0 ? 0 : errno;
+    if (::link(temporary.constData(), target.constData()) != 0)
+        return errno;
+    ::unlink(temporary.constData());
+    return 0;
+}
+
 Error renameInto(const QByteArray& temporary, const QByteArray& target, FileCopy::IfExists ifExists) {
-    const unsigned flags = ifExists == FileCopy::IfExists::Fail ? RENAME_NOREPLACE : 0;
-    if (::renameat2(AT_FDCWD, temporary.constData(), AT_FDCWD, target.constData(), flags) != 0)
-        return writeFailure(errno, target);
+    int failure = 0;
+    if (ifExists == FileCopy::IfExists::Fail)
+        failure = giveFreeName(temporary, target);
+    else if (std::rename(temporary.constData(), target.constData()) != 0)
+        failure = errno;
+    if (failure != 0)
+        return writeFailure(failure, target);
     return AtomicFile::syncDirectory(QFileInfo(QFile::decodeName(target)).path());
 }
 
@@ -275,14 +318,22 @@ QByteArray encoded(const QString& path) {
 
 } // namespace
 
+Result<FileCopy::Stamp> FileCopy::stampOf(const QString& path) {
+    const QByteArray name = encoded(path);
+    struct stat info = {};
+    if (::lstat(name.constData(), &info) != 0)
+        return ORX_ECATCH(readFailure(errno, name));
+    return stampFrom(info);
+}
+
 Error FileCopy::file(const QString& source, const QString& target, IfExists ifExists,
-                     const IsCanceled& isCanceled) {
+                     const IsCanceled& isCanceled, const std::optional<Stamp>& expected) {
     const QByteArray targetPath = encoded(target);
     if (ifExists == IfExists::Fail &&
         ::faccessat(AT_FDCWD, targetPath.constData(), F_OK, AT_SYMLINK_NOFOLLOW) == 0)
         return ORX_ECATCH(writeFailure(EEXIST, targetPath));
     const QByteArray temporary = temporaryBeside(targetPath);
-    ORX_RETURN_ON_ERROR(ContentCopy(encoded(source), temporary, targetPath, isCanceled).run());
+    ORX_RETURN_ON_ERROR(ContentCopy(encoded(source), temporary, targetPath, isCanceled, expected).run());
     Error error = renameInto(temporary, targetPath, ifExists);
     if (error.hasError()) {
         ::unlink(temporary.constData());

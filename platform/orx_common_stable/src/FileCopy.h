@@ -2,12 +2,13 @@
 
 #include "orx_common_stable_export.h"
 
-#include "Error.h"
+#include "Result.h"
 
 #include <QByteArray>
 #include <QString>
 
 #include <functional>
+#include <optional>
 
 namespace orx {
 
@@ -32,9 +33,22 @@ public:
     //! Whether to give up; asked often, while the copy is made.
     using IsCanceled = std::function<bool()>;
 
-    //! One regular file. ErrorCode::Canceled when \a isCanceled (none: never) said so.
+    //! Tells a file that was looked at from another one and from what became of it since: whatever writes to
+    //! it, also one who sets its times back, changes the stamp.
+    struct Stamp {
+        quint64 device = 0;
+        quint64 inode = 0;
+        qint64 size = 0;
+        qint64 modifiedNs = 0;
+        qint64 changedNs = 0;
+        friend bool operator==(const Stamp&, const Stamp&) = default;
+    };
+    static Result<Stamp> stampOf(const QString& path);
+
+    //! One regular file. ErrorCode::Canceled when \a isCanceled (none: never) said so. With \a expected the
+    //! file must have had that stamp all the time, else ErrorCode::FileChanged.
     static Error file(const QString& source, const QString& target, IfExists ifExists,
-                      const IsCanceled& isCanceled = {});
+                      const IsCanceled& isCanceled = {}, const std::optional<Stamp>& expected = {});
     //! A directory with everything in it that \a filter (none: all) accepts, to a path where nothing is.
     static Error directory(const QString& source, const QString& target, const Filter& filter = {});
 };

@@ -339,6 +339,18 @@ TEST_F(FileUtilsTest, MessagesNameTheTargetAndNotWhatItIsCalledMeanwhile) {
         << qPrintable(error.errorMessage());
 }
 
+TEST_F(FileUtilsTest, AFileThatIsNotAsItWasLookedAtIsNotCopied) {
+    write(from("a"), "looked at");
+    const auto stamp = FileCopy::stampOf(from("a"));
+    ASSERT_FALSE(stamp.hasError());
+    EXPECT_FALSE(FileCopy::file(from("a"), to("a"), FileCopy::IfExists::Fail, {}, *stamp).hasError());
+    write(from("a"), "different"); // of the same size, and with the same time
+    EXPECT_TRUE(FileCopy::file(from("a"), to("a"), FileCopy::IfExists::Replace, {}, *stamp)
+                    .is(ErrorCode::FileChanged));
+    EXPECT_EQ(tree(), lines({"a=looked at"}));
+    EXPECT_TRUE(FileCopy::stampOf(from("none")).error().is(ErrorCode::NotFound));
+}
+
 TEST_F(FileUtilsTest, APipeIsNotWaitedFor) {
     ASSERT_EQ(::mkfifo(QFile::encodeName(from("pipe")).constData(), 0600), 0);
     EXPECT_TRUE(
