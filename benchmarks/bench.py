@@ -405,7 +405,7 @@ def bench_tree(table, ours, nginx, build, work, files, few, count):
         peer.mkdir()
         processor = nginx.processor()
         start = time.monotonic()
-        subprocess.run(["curl", "-s", "-f", "-Z", "--parallel-max", "16", "-K", requests], check=True)
+        subprocess.run(["curl", "-s", "-f", "-Z", "--parallel-max", "16", "-K", requests], check=True, stderr=subprocess.DEVNULL)
         subprocess.run(["cp", "-r", peer, copy], check=True)
         written = [peer, copy, *peer.iterdir(), *copy.iterdir()]
         subprocess.run(["xargs", "-0", "sync"], check=True, input="\0".join(map(str, written)).encode())
