@@ -84,8 +84,11 @@ void CacheFillTask::fetchContent() {
     }
     connect(fetch.get(), &BaseTask::progressInitiated, this, &BaseTask::progressInitiated);
     connect(fetch.get(), &BaseTask::progress, this, &BaseTask::progress);
-    // The entry stays locked until nothing can write into its directory any more.
-    connect(fetch.get(), &QObject::destroyed, [fill = m_fill] {});
+    // The entry stays locked until nothing can write into its directory any more: when this task goes before
+    // the fetch has ended. One that has ended may be deleted much later.
+    const auto writing = std::make_shared<std::shared_ptr<CacheFill>>(m_fill);
+    connect(fetch.get(), &QObject::destroyed, [writing] {});
+    connect(fetch.get(), &BaseTask::idle, [writing] { writing->reset(); });
     execSubtask(
         std::unique_ptr<BaseTask>(std::move(fetch)), [this](BaseTask* task) { seal(task); },
         [this](BaseTask* task) { onFetchFailed(task->error()); });
