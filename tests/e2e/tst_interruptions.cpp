@@ -246,12 +246,13 @@ TEST_F(Interruptions, APutUnderAnotherNameIsFoundAgain) {
     }
 }
 
-// Who is told to put once more would have the file twice.
+// Nobody is told that the file is not there. Only where metadata are missing, another run goes on.
 TEST_F(Interruptions, WhatStopsAPutAfterItsVersionIsMadeSaysThatTheFileIsThere) {
     const QStringList command{"--json", "put", file, "--to", "/raw", "--metadata", "operator=anna"};
-    int files = 0;
+    const auto onceMore = HasSubstr("un the same command again");
+    // The first two are of one file: the second run attaches its metadata.
     for (const FaultProxy::Match& last :
-         {FaultProxy::Match{"PUT", ".*/extended-metadata"}, FaultProxy::Match{"GET", ".*/files/[0-9]+"}}) {
+         {FaultProxy::Match{"PUT", ".*/extended-metadata"}, FaultProxy::Match{"GET", ".*/files/[0-9]+", 1}}) {
         const auto hold = proxy->holdReply(last);
         const auto process = client.start(command);
         hold->waitUntilAnswered();
@@ -260,15 +261,67 @@ TEST_F(Interruptions, WhatStopsAPutAfterItsVersionIsMadeSaysThatTheFileIsThere) 
         hold->drop();
         EXPECT_EQ(interrupted.exitCode, 130);
         EXPECT_THAT(interrupted.err.toStdString(), HasSubstr("is on the server as file:"));
-        EXPECT_THAT(interrupted.err.toStdString(), Not(HasSubstr("Run the same command again")));
-        EXPECT_EQ(listing().size(), ++files);
+        if (last.method == "PUT")
+            EXPECT_THAT(interrupted.err.toStdString(), onceMore);
+        else
+            EXPECT_THAT(interrupted.err.toStdString(), Not(onceMore));
+        EXPECT_EQ(listing().size(), 1);
     }
     proxy->replaceReply({"PUT", ".*/extended-metadata", 0, -1}, 200, "text/html", "<html>Maintenance</html>");
     const Outcome failed = client.run(command);
     EXPECT_EQ(failed.exitCode, 11) << failed.err.constData();
     EXPECT_THAT(failed.err.toStdString(), HasSubstr("is on the server as file:"));
-    EXPECT_THAT(failed.err.toStdString(), Not(HasSubstr("Run the same command again")));
-    EXPECT_EQ(listing().size(), ++files);
+    EXPECT_THAT(failed.err.toStdString(), onceMore);
+    EXPECT_EQ(listing().size(), 2);
+    proxy->clearRules();
+    EXPECT_EQ(client.mustRun(command).object()["outcome"], "found");
+    EXPECT_EQ(listing().size(), 2);
+}
+
+TEST_P(InterruptedPut, TheClientIsKilledBeforeTheMetadataAreAttached) {
+    const QStringList withMetadata = command() + QStringList{"--metadata", "operator=anna"};
+    const FaultProxy::Match attach{"PUT", ".*/extended-metadata", 0, -1};
+    for (const int run : {1, 2}) {
+        SCOPED_TRACE(run);
+        const int before = proxy->traffic(attach.method, attach.path).requests;
+        proxy->dropBeforeForwarding(attach);
+        const auto process = client.start(withMetadata);
+        proxy->waitForTraffic(attach.method, attach.path,
+                              [before](const auto& traffic) { return traffic.requests > before; });
+        process->kill();
+        ASSERT_TRUE(process->waitForFinished());
+    }
+    proxy->clearRules();
+    ASSERT_EQ(proxy->traffic(attach.method, attach.path).replies, 0);
+    const QJsonObject found = client.mustRun(withMetadata).object();
+    EXPECT_EQ(found["outcome"], "found");
+    expectOneNewVersion(found);
+    EXPECT_EQ(proxy
+                  ->traffic(attach.method, ".*/files/" + found["id"].toVariant().toString().toStdString() +
+                                               "/extended-metadata")
+                  .replies,
+              1);
+    expectDeliberatePutCounts();
+}
+
+// What was put last is what counts, also when it was there once.
+TEST_F(Interruptions, AnOldVersionThatIsPutBackIsANewOne) {
+    const QStringList command{"--json", "put", file, "--to", "/raw", "--new-version"};
+    const auto hold = proxy->holdReply({"POST", finalizePath});
+    const auto process = client.start(command);
+    hold->waitUntilAnswered();
+    process->kill();
+    ASSERT_TRUE(process->waitForFinished());
+    hold->drop();
+    ASSERT_TRUE(QFile::rename(file, client.path("old")));
+    client.makeFile("run.mzML", "edited");
+    EXPECT_EQ(client.mustRun(command).object()["version"], 2);
+    ASSERT_TRUE(QFile::remove(file));
+    ASSERT_TRUE(QFile::rename(client.path("old"), file));
+    const QJsonObject restored = client.mustRun(command).object();
+    EXPECT_EQ(restored["outcome"], "uploaded");
+    EXPECT_EQ(restored["version"], 3);
+    expectContent("/raw/run.mzML");
 }
 
 TEST_F(Interruptions, AFileThatChangesWhileItIsSentIsRefused) {

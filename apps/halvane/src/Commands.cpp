@@ -63,14 +63,15 @@ int Runner::transferFailed(const Error& error, const QString& summary) {
     return m_output.error(error);
 }
 
-// The same command once more would make another file or version.
-int Runner::stoppedAfterUpload(const Error& error, const RemoteItem& file) {
+// Unless metadata are missing, the same command once more would make another file or version.
+int Runner::stoppedAfterUpload(const Error& error, const UploadFileJob& job) {
     if (!error.isCanceled())
         return m_output.error(error);
-    return m_output.error(error,
-                          QStringLiteral("Interrupted, but the file is on the server as %1; putting it "
-                                         "again makes another one.")
-                              .arg(file.reference()));
+    const QString next = job.metadataMissing()
+                             ? QStringLiteral("run the same command again to attach its metadata.")
+                             : QStringLiteral("putting it again makes another one.");
+    return m_output.error(error, QStringLiteral("Interrupted, but the file is on the server as %1; %2")
+                                     .arg(job.item().reference(), next));
 }
 
 Result<std::unique_ptr<Resources>> Runner::startResources() {
@@ -174,7 +175,7 @@ int Runner::operator()(const PutCommand& command) {
         summary = progress.summary();
     }
     if (error.hasError())
-        return job.item().id > 0 ? stoppedAfterUpload(error, job.item()) : transferFailed(error, summary);
+        return job.item().id > 0 ? stoppedAfterUpload(error, job) : transferFailed(error, summary);
     const QString how = job.foundCommitted() ? QStringLiteral("%1 -> %2 as %3, finished by an earlier run")
                                              : QStringLiteral("%1 -> %2 as %3");
     const QString text = how.arg(m_output.shown(command.request.localPath), job.item().reference(),

@@ -43,7 +43,7 @@ private:
     //! An interrupted transfer can go on later; says so. \a summary is what was moved, empty for nothing.
     int transferFailed(const orx::Error& error, const QString& summary);
     //! An upload whose version was made can not; says that too.
-    int stoppedAfterUpload(const orx::Error& error, const host::RemoteItem& file);
+    int stoppedAfterUpload(const orx::Error& error, const host::UploadFileJob& job);
     void warnOfPlainHttp(const QUrl& url) const;
     void waitForCache(orx::ResourceCache& cache);
 

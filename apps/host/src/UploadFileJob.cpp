@@ -7,6 +7,8 @@
 #include <HalvaneError.h>
 #include <HalvaneHistory.h>
 #include <HalvaneUploadTasks.h>
+#include <JournalHold.h>
+#include <WorkerStepTask.h>
 #include <tasks/HalvaneFileUploadTask.h>
 
 #include <QFile>
@@ -29,6 +31,8 @@ using orx::HalvaneSettleUploadTask;
 using orx::HalvaneUploadPolicyOption;
 using orx::HalvaneUploadPolicyOptions;
 using orx::HalvaneUploadTask;
+using orx::JournalHold;
+using orx::WorkerStepTask;
 
 namespace {
 
@@ -154,7 +158,7 @@ void UploadFileJob::settle() {
                     if (m_request.metadata)
                         putMetadata(*committed);
                     else
-                        describe(*committed);
+                        awaitJournal(*committed);
                 });
 }
 
@@ -162,15 +166,16 @@ void UploadFileJob::settle() {
 void UploadFileJob::putMetadata(const HalvaneApiReference& file) {
     auto metadata = std::make_unique<HalvanePutExtendedMetaDataTask>(file.fileId, *m_request.metadata);
     execSubtask(
-        std::unique_ptr<BaseTask>(std::move(metadata)), [this, file](BaseTask*) { describe(file); },
+        std::unique_ptr<BaseTask>(std::move(metadata)), [this, file](BaseTask*) { awaitJournal(file); },
         [this, file](BaseTask* task) { onMetadataFailed(file, task->error()); });
 }
 
-// The version is there: another run would make another one.
+// The version is there, and its journal record stays: another run finds it.
 void UploadFileJob::onMetadataFailed(const HalvaneApiReference& file, const Error& error) {
     setMade(file);
+    m_metadataMissing = m_request.metadata.has_value();
     finish(withMessage(error, QStringLiteral("\"%1\" is on the server as %2, but its metadata could not be "
-                                             "attached; putting it again makes another one. %3")
+                                             "attached; run the same command again to attach them. %3")
                                   .arg(m_request.localPath, m_item.reference(), errorText(error))));
 }
 
@@ -188,7 +193,7 @@ void UploadFileJob::upload() {
     raw->setCachedOnFinished(m_request.keepInCache);
     const auto onSuccess = [this, raw](BaseTask*) {
         if (const auto uploaded = raw->uploadedFile())
-            return describe(uploaded->reference());
+            return awaitJournal(uploaded->reference());
         finish(Error(ErrorCode::General,
                      QStringLiteral("The upload of \"%1\" ended without the server's record of "
                                     "the file.")
@@ -219,10 +224,20 @@ void UploadFileJob::explainConflict(const Error& conflict, int fileId) {
     execSubtask(std::unique_ptr<BaseTask>(std::move(metadata)), onSuccess, onFailure);
 }
 
+// A put that follows, of whatever process, is one of its own.
+void UploadFileJob::awaitJournal(const HalvaneApiReference& file) {
+    setMade(file);
+    const auto job = [] {
+        JournalHold::awaitReleases();
+        return Error();
+    };
+    execSubtask(std::make_unique<WorkerStepTask>(QStringLiteral("AwaitJournal"), job),
+                [this, file](WorkerStepTask*) { describe(file); });
+}
+
 // What the server holds is asked for after the upload. It is safe there by then, so that a failure of this
 // question is a warning.
 void UploadFileJob::describe(const HalvaneApiReference& file) {
-    setMade(file);
     auto metadata = std::make_unique<HalvaneGetFileMetadataTask>(file.fileId);
     HalvaneGetFileMetadataTask* raw = metadata.get();
     const auto onSuccess = [this, raw, version = file.version](BaseTask*) {

@@ -47,10 +47,13 @@ public:
     ~UploadFileJob() override;
 
     //! Without an id until the server has made the version; then that version, also when the job fails
-    //! afterwards or is cancelled (its metadata, its record): another run would make another one.
+    //! afterwards or is cancelled (its metadata, its record): another run would make another one unless
+    //! metadataMissing().
     const RemoteItem& item() const { return m_item; }
     //! An earlier, interrupted run had made the version already; nothing was sent.
     bool foundCommitted() const { return m_foundCommitted; }
+    //! It ended before the metadata of item() were attached: another run finds the version and attaches them.
+    bool metadataMissing() const { return m_metadataMissing; }
 
     //! Whether the file can be put at all, without a call.
     static orx::Error checkLocalFile(const QString& path);
@@ -70,6 +73,7 @@ private:
     void upload();
     void onUploadFailed(const orx::HalvaneFileUploadTask& task);
     void explainConflict(const orx::Error& conflict, int fileId);
+    void awaitJournal(const orx::HalvaneApiReference& file);
     void describe(const orx::HalvaneApiReference& file);
     void describeVersion(int version);
     void warnOfUnread(const orx::Error& error);
@@ -78,6 +82,7 @@ private:
     orx::HalvaneFileUploadParameters m_parameters;
     RemoteItem m_item;
     bool m_foundCommitted = false;
+    bool m_metadataMissing = false;
 };
 
 } // namespace halvane::host

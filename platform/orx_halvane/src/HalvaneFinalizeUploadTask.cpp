@@ -5,6 +5,7 @@
 #include "HalvaneUploadSessions.h"
 #include "HalvaneUploadTasks.h"
 #include "JournalHold.h"
+#include "UnattachedMetadata.h"
 #include "WorkerStepTask.h"
 
 #include <HalvaneError.h>
@@ -50,6 +51,9 @@ public:
     int uploadId;
     std::shared_ptr<const HalvaneUploadSession> session;
     JournalHold hold;
+    //! Keeps the record until who follows has taken it.
+    std::shared_ptr<JournalHold> unattached;
+    bool isRecorded = false;
     HalvaneFinalizedFile file;
 };
 
@@ -93,12 +97,18 @@ void HalvaneFinalizeUploadTask::Private::takeSession() {
         hold = JournalHold(session->record.rowId);
 }
 
-//! After a success the record is gone already, and nothing is held.
+//! The record goes only when this task succeeded, since who is cancelled never hears of the file: the next
+//! run finds it by the record.
 void HalvaneFinalizeUploadTask::Private::giveUpSession() {
     if (!session)
         takeSession(); // cancelled before it began
     HalvaneUploadSessions::take(uploadId);
-    hold.release();
+    if (!isRecorded || q->hasError())
+        hold.release();
+    else if (session->metadataFollow)
+        unattached = UnattachedMetadata::add(file.reference.fileId, std::move(hold));
+    else
+        hold.remove();
 }
 
 //! The file may have changed after its last chunk was read: this is the last moment at which no version comes
@@ -154,14 +164,15 @@ void HalvaneFinalizeUploadTask::Private::onFinalized(const HalvaneFinalizedFile&
 
 //! The version is made: what goes wrong from here is worth a warning only.
 void HalvaneFinalizeUploadTask::Private::record() {
-    const auto job = [path = session->record.localPath, rowId = session->record.rowId,
+    const auto job = [path = session->record.localPath, isOld = session->finalized,
                       reference = file.reference]() -> Error {
-        ORX_RETURN_ON_ERROR(HalvaneHistory().setFileVersion(path, reference.fileId, reference.version));
-        return ORX_ECATCH(HalvaneUploadJournal::remove(rowId));
+        HalvaneHistory history;
+        return ORX_ECATCH(isOld ? history.raiseFileVersion(path, reference.fileId, reference.version)
+                                : history.setFileVersion(path, reference.fileId, reference.version));
     };
     q->execSubtask(
         std::make_unique<WorkerStepTask>(QStringLiteral("RecordUploadedVersion"), job),
-        [this](WorkerStepTask*) { hold.dismiss(); },
+        [this](WorkerStepTask*) { isRecorded = true; },
         [this](BaseTask* step) {
             if (!q->isCanceled())
                 q->addWarning(tr("The file \"%1\" was uploaded, but that could not be recorded here: %2")

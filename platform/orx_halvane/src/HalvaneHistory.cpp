@@ -34,7 +34,9 @@ Result<std::optional<int>> HalvaneHistory::fileVersion(const QString& localPath,
     return version;
 }
 
-Error HalvaneHistory::setFileVersion(const QString& localPath, int fileId, int version) {
+namespace {
+
+Error record(const char* sql, const QString& localPath, int fileId, int version) {
     if (localPath.isEmpty() || fileId < 1 || version < 1)
         return ORX_ECATCH(Error(
             ErrorCode::InvalidArgument,
@@ -44,13 +46,27 @@ Error HalvaneHistory::setFileVersion(const QString& localPath, int fileId, int v
     if (HalvaneTemporaryDirs::contains(canonicalLocalPath(localPath)))
         return Error();
     return ORX_ECATCH(HalvaneDatabase::run(HalvaneDatabase::Access::Write, [&](SQLite::Database& database) {
-        SQLite::Statement statement(database,
-                                    "INSERT OR REPLACE INTO history (server, path, file_id, version) "
-                                    "VALUES (:server, :path, :file, :version)");
+        SQLite::Statement statement(database, sql);
         bindFile(statement, localPath, fileId);
         statement.bind(":version", version);
         statement.exec();
     }));
+}
+
+} // namespace
+
+Error HalvaneHistory::setFileVersion(const QString& localPath, int fileId, int version) {
+    return ORX_ECATCH(record("INSERT OR REPLACE INTO history (server, path, file_id, version) "
+                             "VALUES (:server, :path, :file, :version)",
+                             localPath, fileId, version));
+}
+
+Error HalvaneHistory::raiseFileVersion(const QString& localPath, int fileId, int version) {
+    return ORX_ECATCH(record("INSERT OR REPLACE INTO history (server, path, file_id, version) "
+                             "SELECT :server, :path, :file, :version WHERE NOT EXISTS (SELECT * FROM history "
+                             "WHERE server = :server AND path = :path AND file_id = :file "
+                             "AND version > :version)",
+                             localPath, fileId, version));
 }
 
 void HalvaneHistory::registerTemporaryDir(const QString& dir) {

@@ -20,6 +20,8 @@ public:
     //! Paths inside temporary directories that this process made with registerTemporaryDir() are not
     //! recorded.
     Error setFileVersion(const QString& localPath, int fileId, int version);
+    //! The same, but leaves a later version recorded: for what was uploaded some time ago.
+    Error raiseFileVersion(const QString& localPath, int fileId, int version);
 
     static void registerTemporaryDir(const QString& dir);
     static void unregisterTemporaryDir(const QString& dir);

@@ -1,3 +1,4 @@
+#include "HalvaneItemTasks.h"
 #include "HalvaneUploadCalls.h"
 #include "HalvaneUploadSessions.h"
 #include "HalvaneUploadTasks.h"
@@ -19,6 +20,7 @@ public:
     void onPrepared(const HalvaneUploadRecord& found);
     void askServer();
     void onState(const HalvaneUploadState& state);
+    void checkCommitted(const HalvaneApiReference& file);
     void replaceRecord();
     void open();
     void onOpened(const HalvaneUploadReply& upload);
@@ -50,6 +52,12 @@ bool isRefusal(const Error& error) {
            isHalvaneError(error, HalvaneServerErrorCode::NotFound) ||
            isHalvaneError(error, HalvaneServerErrorCode::NoPrivilege) ||
            isHalvaneError(error, HalvaneServerErrorCode::InvalidName);
+}
+
+//! The file that an upload made is not there any more, for this user.
+bool isOutOfReach(const Error& error) {
+    return isHalvaneError(error, HalvaneServerErrorCode::NotFound) ||
+           isHalvaneError(error, HalvaneServerErrorCode::NoPrivilege);
 }
 
 Error acquire(const HalvaneUploadRecord& wanted, Prepared& prepared) {
@@ -130,11 +138,23 @@ void HalvaneInitUploadTask::Private::askServer() {
 
 void HalvaneInitUploadTask::Private::onState(const HalvaneUploadState& state) {
     if (state.finalized)
-        succeed(record.uploadId, HalvaneUploadReply(), true);
+        checkCommitted(state.file.reference);
     else if (state.upload.size != record.size)
         replaceRecord();
     else
         succeed(state.upload.uploadId, state.upload, false);
+}
+
+void HalvaneInitUploadTask::Private::checkCommitted(const HalvaneApiReference& file) {
+    q->execSubtask(
+        std::make_unique<HalvaneGetFileMetadataTask>(file.fileId),
+        [this, file](HalvaneGetFileMetadataTask* call) {
+            if (call->fileItem().lastVersion() == file.version)
+                succeed(record.uploadId, HalvaneUploadReply(), true);
+            else
+                replaceRecord();
+        },
+        [this](BaseTask* call) { onCallFailed(call, isOutOfReach(call->error())); });
 }
 
 void HalvaneInitUploadTask::Private::onCallFailed(BaseTask* call, bool recordIsVoid) {
@@ -219,6 +239,7 @@ void HalvaneInitUploadTask::Private::succeed(int id, const HalvaneUploadReply& u
     session.chunkSize = upload.chunkSize;
     session.received = upload.received;
     session.finalized = finalized;
+    session.metadataFollow = parameters.extendedMetadata.has_value();
     HalvaneUploadSessions::add(id, session);
     hold.dismiss(); // the session's users hold it from here
 }

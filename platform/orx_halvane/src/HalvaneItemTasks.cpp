@@ -1,5 +1,7 @@
 #include "HalvaneItemTasks.h"
 
+#include "UnattachedMetadata.h"
+
 #include "HalvaneJson.h"
 #include "HalvaneListingStore.h"
 
@@ -176,7 +178,15 @@ HalvanePutExtendedMetaDataTask::HalvanePutExtendedMetaDataTask(
     int fileId, const QList<HalvaneCompactExtendedMetaDataValue>& values, QObject* parent)
     : HalvaneTask(QStringLiteral("PutExtendedMetaData(ID=%1)").arg(fileId), parent)
     , m_fileId(fileId)
-    , m_values(values) {}
+    , m_values(values)
+    , m_record(UnattachedMetadata::find(fileId)) {}
+
+Error HalvanePutExtendedMetaDataTask::doFinish() {
+    if (m_record && !hasError())
+        m_record->remove();
+    m_record.reset();
+    return HalvaneTask::doFinish();
+}
 
 Result<NetworkRequest> HalvanePutExtendedMetaDataTask::prepareRequest(const QUrl& baseUrl) const {
     auto request = HalvaneTask::prepareRequest(

@@ -3,9 +3,12 @@
 #include "HalvaneItems.h"
 #include "HalvaneListingTask.h"
 
+#include <memory>
 #include <optional>
 
 namespace orx {
+
+class JournalHold;
 
 //! GET /folders/ID/files: the files of one folder, in the server's order. An element that is no file is an
 //! error that names it. The list and its items are shared with other runs and not to be changed.
@@ -140,7 +143,8 @@ private:
     QList<HalvaneFileVersion> m_versions;
 };
 
-//! PUT /files/ID/extended-metadata.
+//! PUT /files/ID/extended-metadata. Its success ends the upload in this process that the metadata belong to:
+//! the journal record is removed.
 class ORX_HALVANE_EXPORT HalvanePutExtendedMetaDataTask : public HalvaneTask {
     Q_OBJECT
 public:
@@ -149,10 +153,13 @@ public:
 
 protected:
     Result<NetworkRequest> prepareRequest(const QUrl& baseUrl) const override;
+    Error doFinish() override;
 
 private:
     int m_fileId;
     QList<HalvaneCompactExtendedMetaDataValue> m_values;
+    //! Of the upload that the metadata belong to; null when there is none.
+    std::shared_ptr<JournalHold> m_record;
 };
 
 } // namespace orx

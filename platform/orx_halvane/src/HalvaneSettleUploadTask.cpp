@@ -1,7 +1,9 @@
 #include "HalvaneHistory.h"
+#include "HalvaneItemTasks.h"
 #include "HalvaneUploadCalls.h"
 #include "HalvaneUploadTasks.h"
 #include "JournalHold.h"
+#include "UnattachedMetadata.h"
 #include "WorkerStepTask.h"
 
 #include <HalvaneError.h>
@@ -17,13 +19,22 @@ public:
     void askNext();
     void onState(const HalvaneUploadRecord& record, const HalvaneUploadState& state);
     void onUnknown(const HalvaneUploadRecord& record, const Error& error);
+    void checkCommitted(const HalvaneUploadRecord& record, const HalvaneApiReference& file);
+    void onFound(const HalvaneUploadRecord& record, const HalvaneApiReference& file);
+    void forget(const HalvaneUploadRecord& record);
     void run(const QString& name, const WorkerStepTask::Job& job);
+    void giveUpRecords();
 
     HalvaneSettleUploadTask* q;
     HalvaneFileUploadParameters parameters;
     //! Newest first.
     QList<HalvaneUploadRecord> records;
     std::optional<HalvaneApiReference> committed;
+    //! Records of what is committed: gone when this task has succeeded, so that whoever asked has heard of
+    //! it.
+    std::vector<JournalHold> settled;
+    //! The record of the reported file, kept until who attaches its metadata has taken it.
+    std::shared_ptr<JournalHold> unattached;
 };
 
 HalvaneSettleUploadTask::HalvaneSettleUploadTask(const HalvaneFileUploadParameters& parameters,
@@ -40,6 +51,11 @@ std::optional<HalvaneApiReference> HalvaneSettleUploadTask::committedFile() cons
 Error HalvaneSettleUploadTask::initialize() {
     d->find();
     return Error();
+}
+
+Error HalvaneSettleUploadTask::doFinish() {
+    d->giveUpRecords();
+    return HalvaneComplexTask::doFinish();
 }
 
 void HalvaneSettleUploadTask::Private::find() {
@@ -83,21 +99,57 @@ void HalvaneSettleUploadTask::Private::onState(const HalvaneUploadRecord& record
         askNext(); // the init task goes on with it
         return;
     }
-    const HalvaneApiReference reference = state.file.reference;
+    checkCommitted(record, state.file.reference);
+}
+
+//! Below a later version, what is put is not what the file's readers get.
+void HalvaneSettleUploadTask::Private::checkCommitted(const HalvaneUploadRecord& record,
+                                                      const HalvaneApiReference& file) {
+    q->execSubtask(
+        std::make_unique<HalvaneGetFileMetadataTask>(file.fileId),
+        [this, record, file](HalvaneGetFileMetadataTask* call) {
+            if (call->fileItem().lastVersion() == file.version)
+                onFound(record, file);
+            else
+                forget(record);
+        },
+        [this, record](BaseTask* call) {
+            if (!q->isCanceled())
+                onUnknown(record, call->error());
+        });
+}
+
+void HalvaneSettleUploadTask::Private::onFound(const HalvaneUploadRecord& record,
+                                               const HalvaneApiReference& file) {
+    settled.emplace_back(record.rowId);
     if (!committed)
-        committed = reference;
-    run(QStringLiteral("RecordUploadedVersion"), [record, reference]() -> Error {
-        ORX_RETURN_ON_ERROR(
-            HalvaneHistory().setFileVersion(record.localPath, reference.fileId, reference.version));
-        return ORX_ECATCH(HalvaneUploadJournal::remove(record.rowId));
+        committed = file;
+    run(QStringLiteral("RecordUploadedVersion"), [path = record.localPath, file] {
+        return ORX_ECATCH(HalvaneHistory().raiseFileVersion(path, file.fileId, file.version));
     });
+}
+
+void HalvaneSettleUploadTask::Private::forget(const HalvaneUploadRecord& record) {
+    run(QStringLiteral("ForgetUpload"),
+        [rowId = record.rowId] { return ORX_ECATCH(HalvaneUploadJournal::remove(rowId)); });
+}
+
+//! The newest record is the reported file's.
+void HalvaneSettleUploadTask::Private::giveUpRecords() {
+    if (!q->hasError()) {
+        if (committed && parameters.extendedMetadata)
+            unattached = UnattachedMetadata::add(committed->fileId, std::move(settled.front()));
+        for (JournalHold& hold : settled)
+            hold.remove();
+    }
+    settled.clear();
 }
 
 void HalvaneSettleUploadTask::Private::onUnknown(const HalvaneUploadRecord& record, const Error& error) {
     if (isHalvaneError(error, HalvaneServerErrorCode::NotFound) ||
+        isHalvaneError(error, HalvaneServerErrorCode::NoPrivilege) ||
         isHalvaneError(error, HalvaneServerErrorCode::UploadGone))
-        run(QStringLiteral("ForgetUpload"),
-            [record] { return ORX_ECATCH(HalvaneUploadJournal::remove(record.rowId)); });
+        forget(record);
     else
         q->finish(ORX_ECATCH(Error(error)));
 }

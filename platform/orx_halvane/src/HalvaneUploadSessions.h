@@ -18,6 +18,8 @@ struct ORX_HALVANE_EXPORT HalvaneUploadSession {
     //! The server committed it already under the record's key: nothing is to be sent, the finalisation
     //! answers with the result.
     bool finalized = false;
+    //! The upload is done only when HalvanePutExtendedMetaDataTask has succeeded for its file.
+    bool metadataFollow = false;
     //! SHA-256 (hexadecimal) of what the chunk task read; empty before it was through.
     QByteArray contentSha256;
 };

@@ -59,7 +59,8 @@ private:
 };
 
 //! POST /uploads/finalize with the journal's key: asking again gives the same file and version. On success
-//! the version is recorded in HalvaneHistory and the journal record removed.
+//! the version is recorded in HalvaneHistory and the journal record removed; when extended metadata follow,
+//! by the success of the HalvanePutExtendedMetaDataTask that is made before this task is destroyed.
 class ORX_HALVANE_EXPORT HalvaneFinalizeUploadTask : public HalvaneComplexTask {
     Q_OBJECT
 public:
@@ -80,18 +81,23 @@ private:
 };
 
 //! Settles what earlier runs left open for this file and its original target: an upload that the server
-//! committed is recorded in the history and reported here; an open one is left for the init task.
+//! committed, and whose version is still the file's last one, is recorded in the history and reported here;
+//! an open one is left for the init task, any other is forgotten. When the parameters have extended metadata,
+//! the record of what is reported stays until the HalvanePutExtendedMetaDataTask that is made before this
+//! task is destroyed has succeeded.
 class ORX_HALVANE_EXPORT HalvaneSettleUploadTask : public HalvaneComplexTask {
     Q_OBJECT
 public:
     explicit HalvaneSettleUploadTask(const HalvaneFileUploadParameters& parameters,
                                      QObject* parent = nullptr);
     ~HalvaneSettleUploadTask() override;
-    //! The file that an earlier run made and never heard of; empty when there is none.
+    //! The file that an earlier run made and never heard of, or without its metadata; empty when there is
+    //! none.
     std::optional<HalvaneApiReference> committedFile() const;
 
 protected:
     Error initialize() override;
+    Error doFinish() override;
 
 private:
     class Private;

@@ -10,14 +10,16 @@
 namespace orx {
 namespace {
 
-struct Pending {
-    std::mutex running; //!< held while releases are carried out, so that a second caller waits for them
-    std::mutex mutex;
-    std::vector<qint64> rowIds;
+using Change = Error (*)(qint64 rowId);
 
-    std::vector<qint64> takeAll() {
+struct Pending {
+    std::mutex running; //!< held while changes are carried out, so that a second caller waits for them
+    std::mutex mutex;
+    std::vector<std::pair<Change, qint64>> changes;
+
+    std::vector<std::pair<Change, qint64>> takeAll() {
         const std::lock_guard lock(mutex);
-        return std::exchange(rowIds, {});
+        return std::exchange(changes, {});
     }
 };
 
@@ -25,6 +27,16 @@ struct Pending {
 Pending& pending() {
     static Pending* const instance = new Pending;
     return *instance;
+}
+
+void submit(Change change, qint64 rowId) {
+    if (rowId < 0)
+        return;
+    {
+        const std::lock_guard lock(pending().mutex);
+        pending().changes.emplace_back(change, rowId);
+    }
+    WorkerPool::instance().submit([] { JournalHold::awaitReleases(); }, nullptr, {});
 }
 
 } // namespace
@@ -38,21 +50,19 @@ JournalHold& JournalHold::operator=(JournalHold&& other) noexcept {
 }
 
 void JournalHold::release() {
-    const qint64 rowId = dismiss();
-    if (rowId < 0)
-        return;
-    {
-        const std::lock_guard lock(pending().mutex);
-        pending().rowIds.push_back(rowId);
-    }
-    WorkerPool::instance().submit([] { awaitReleases(); }, nullptr, {});
+    submit(&HalvaneUploadJournal::release, dismiss());
+}
+
+void JournalHold::remove() {
+    submit(&HalvaneUploadJournal::remove, dismiss());
 }
 
 void JournalHold::awaitReleases() {
     const std::lock_guard running(pending().running);
-    for (const qint64 rowId : pending().takeAll()) {
-        // The record is free again at the latest when this process ends: the failure is worth a line only.
-        if (const Error error = HalvaneUploadJournal::release(rowId); error.hasError())
+    for (const auto& [change, rowId] : pending().takeAll()) {
+        // The record is free again at the latest when this process ends, and a finished upload is settled by
+        // it: the failure is worth a line only.
+        if (const Error error = change(rowId); error.hasError())
             qCWarning(errorLog).noquote() << error.errorMessage();
     }
 }

@@ -5,7 +5,8 @@
 namespace orx {
 
 //! Holds a record of the upload journal for this process and releases it when it goes, wherever that is, so
-//! that a later run can go on with it. The release happens on a worker. Thread: one at a time, any.
+//! that a later run can go on with it. Releases and removals happen on a worker; one that fails is logged.
+//! Thread: one at a time, any.
 class ORX_HALVANE_EXPORT JournalHold {
 public:
     JournalHold() = default;
@@ -16,12 +17,15 @@ public:
 
     //! Releases now. Nothing when nothing is held.
     void release();
+    //! Removes the record: all of its upload is done, and the one who asked for it hears of it. Nothing when
+    //! nothing is held.
+    void remove();
     //! Does not release any more: somebody else holds the record, or it was removed.
     qint64 dismiss() { return std::exchange(m_rowId, -1); }
     qint64 rowId() const { return m_rowId; }
 
-    //! Thread: a worker. Returns when all that was released up to now is released in the journal; called
-    //! before a record is looked for.
+    //! Thread: a worker. Returns when all that was released or removed up to now is so in the journal;
+    //! called before a record is looked for.
     static void awaitReleases();
 
 private:

@@ -218,6 +218,10 @@ const NetworkRequest* FakeHalvane::last(const QByteArray& text) const {
 NetworkReply FakeHalvane::answer(const NetworkRequest& request, const QByteArray& path) {
     const QList<QByteArray> parts = path.mid(1).split('/');
     const auto number = [&parts](int index) { return parts.value(index).toInt(); };
+    if (parts.first() == "files" && parts.size() == 2)
+        return item(number(1));
+    if (parts.value(2) == "extended-metadata")
+        return success({});
     if (parts.first() == "files")
         return parts.size() == 3 ? versions(number(1)) : content(request, number(1), number(3));
     if (path == "/uploads")
@@ -303,6 +307,15 @@ NetworkReply FakeHalvane::finalize(const NetworkRequest& request) {
     found->fileId = m_nextFileId++;
     addVersion(found->fileId, {whole, found->sha256, found->sourceModifiedAt});
     return success({{QStringLiteral("file"), fileObject(found->fileId, 1)}});
+}
+
+NetworkReply FakeHalvane::item(int fileId) const {
+    if (!files.contains(fileId))
+        return failure(404, 3, "There is no such file.");
+    const int last = int(files.value(fileId).size());
+    QJsonObject object = fileObject(fileId, last);
+    object.insert(QStringLiteral("last_version"), last);
+    return success(object);
 }
 
 NetworkReply FakeHalvane::versions(int fileId) const {

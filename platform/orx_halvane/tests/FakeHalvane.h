@@ -89,6 +89,7 @@ private:
     NetworkReply putChunk(const NetworkRequest& request, Upload& upload, int index);
     NetworkReply finalize(const NetworkRequest& request);
     NetworkReply content(const NetworkRequest& request, int fileId, int version) const;
+    NetworkReply item(int fileId) const;
     NetworkReply versions(int fileId) const;
     QJsonObject uploadObject(int id) const;
     QJsonObject fileObject(int fileId, int version) const;

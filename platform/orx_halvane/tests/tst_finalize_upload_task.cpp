@@ -4,6 +4,7 @@
 #include <HalvaneConnection.h>
 #include <HalvaneError.h>
 #include <HalvaneHistory.h>
+#include <HalvaneItemTasks.h>
 #include <HalvaneUploadSessions.h>
 
 using namespace orx;
@@ -22,6 +23,18 @@ protected:
         const auto version = HalvaneHistory().fileVersion(path, fileId);
         EXPECT_TRUE(version) << qPrintable(version.errorMessage());
         return version.valueOr(std::nullopt);
+    }
+    HalvaneFileUploadParameters withMetadata() const {
+        HalvaneFileUploadParameters upload = parameters();
+        upload.extendedMetadata = {{QStringLiteral("operator"), QStringLiteral("anna")}};
+        return upload;
+    }
+    //! The upload of a file whose metadata follow.
+    int sentWithMetadata() {
+        HalvaneInitUploadTask task(withMetadata());
+        EXPECT_FALSE(run(task).hasError());
+        EXPECT_FALSE(postChunks(task.uploadId()).hasError());
+        return task.uploadId();
     }
 };
 
@@ -176,6 +189,52 @@ TEST_F(FinalizeUploadTask, CancelledItReleasesTheRecordSoThatThingsCanBeSettled)
     EXPECT_EQ(freeRecords().size(), 1);
 }
 
+TEST_F(FinalizeUploadTask, CancelledWhileItRecordsItLeavesTheRecordOfAFileThatNobodyHeardOf) {
+    HalvaneFinalizeUploadTask task({{QStringLiteral("upload_id"), sent()}});
+    fake.onStep = [this, &task] {
+        if (fake.count("finalize") == 1)
+            task.cancel();
+    };
+    task.exec();
+    processUntil([&task] { return task.isFinished() && task.isIdle(); });
+    EXPECT_TRUE(task.error().isCanceled());
+    EXPECT_EQ(fake.files.size(), 1);
+    EXPECT_EQ(freeRecords().size(), 1);
+}
+
+TEST_F(FinalizeUploadTask, TheRecordGoesWhenTheMetadataAreAttached) {
+    HalvaneFinalizeUploadTask task({{QStringLiteral("upload_id"), sentWithMetadata()}});
+    ASSERT_FALSE(run(task).hasError());
+    EXPECT_EQ(recordedVersion(100), 1);
+    EXPECT_EQ(freeRecords().size(), 0) << "this process still works on it";
+    HalvanePutExtendedMetaDataTask metadata(100, *withMetadata().extendedMetadata);
+    ASSERT_FALSE(run(metadata).hasError());
+    HalvaneSettleUploadTask settle(withMetadata());
+    ASSERT_FALSE(run(settle).hasError());
+    EXPECT_FALSE(settle.committedFile());
+}
+
+TEST_F(FinalizeUploadTask, TheRecordStaysWhenTheMetadataCannotBeAttached) {
+    auto task = std::make_unique<HalvaneFinalizeUploadTask>(
+        QJsonObject{{QStringLiteral("upload_id"), sentWithMetadata()}});
+    ASSERT_FALSE(run(*task).hasError());
+    HalvanePutExtendedMetaDataTask metadata(100, *withMetadata().extendedMetadata);
+    task.reset();
+    EXPECT_EQ(freeRecords().size(), 0);
+    fake.expectFault({"PUT extended-metadata", FakeHalvane::Fault::Answer, FakeHalvane::failure(401, 2)});
+    EXPECT_TRUE(run(metadata).hasError());
+    EXPECT_EQ(freeRecords().size(), 1);
+}
+
+TEST_F(FinalizeUploadTask, TheRecordStaysWhenNobodyGoesOnToTheMetadata) {
+    const int id = sentWithMetadata();
+    ASSERT_FALSE(finalize(id).hasError());
+    EXPECT_EQ(freeRecords().size(), 1);
+    HalvanePutExtendedMetaDataTask unrelated(100, {});
+    ASSERT_FALSE(run(unrelated).hasError());
+    EXPECT_EQ(freeRecords().size(), 1);
+}
+
 class SettleUploadTask : public FinalizeUploadTask {
 protected:
     //! Sent and committed, but the client never hears of it.
@@ -205,7 +264,76 @@ TEST_F(SettleUploadTask, ReportsAndRecordsWhatTheServerCommittedUnheard) {
     HalvaneSettleUploadTask again(parameters());
     ASSERT_FALSE(run(again).hasError());
     EXPECT_FALSE(again.committedFile()) << "reported once";
-    EXPECT_EQ(fake.log.size(), 1);
+    EXPECT_EQ(fake.log.size(), 2);
+}
+
+TEST_F(SettleUploadTask, WithMetadataTheRecordStaysUntilTheyAreAttached) {
+    committedUnheard();
+    for (const bool works : {false, true}) {
+        SCOPED_TRACE(works);
+        HalvaneSettleUploadTask task(withMetadata());
+        ASSERT_FALSE(run(task).hasError());
+        EXPECT_EQ(task.committedFile(), (HalvaneApiReference{100, 1}));
+        if (!works)
+            fake.expectFault(
+                {"PUT extended-metadata", FakeHalvane::Fault::Answer, FakeHalvane::failure(401, 2)});
+        HalvanePutExtendedMetaDataTask metadata(100, *withMetadata().extendedMetadata);
+        EXPECT_EQ(run(metadata).hasError(), !works);
+        EXPECT_EQ(freeRecords().size(), works ? 0 : 1);
+    }
+}
+
+TEST_F(SettleUploadTask, CancelledItLeavesTheRecordOfWhatItFound) {
+    committedUnheard();
+    HalvaneSettleUploadTask task(parameters());
+    fake.onStep = [this, &task] {
+        if (fake.count("GET /files/100") == 1)
+            task.cancel();
+    };
+    task.exec();
+    processUntil([&task] { return task.isFinished() && task.isIdle(); });
+    EXPECT_TRUE(task.error().isCanceled());
+    EXPECT_EQ(freeRecords().size(), 1);
+}
+
+TEST_F(SettleUploadTask, ForgetsAVersionThatIsNotTheLastOneAnyMore) {
+    committedUnheard();
+    fake.addVersion(100, {"klmnopqrst", "00", {}});
+    ASSERT_FALSE(HalvaneHistory().setFileVersion(path, 100, 2).hasError());
+    HalvaneSettleUploadTask task(parameters());
+    ASSERT_FALSE(run(task).hasError());
+    EXPECT_FALSE(task.committedFile());
+    EXPECT_EQ(recordedVersion(100), 2);
+    EXPECT_EQ(freeRecords().size(), 0);
+}
+
+TEST_F(SettleUploadTask, ForgetsAFileThatWasRemovedSince) {
+    committedUnheard();
+    fake.files.clear();
+    fake.expectFault({"GET /files/100", FakeHalvane::Fault::Answer, FakeHalvane::failure(404, 3)});
+    fake.expectFault({"GET " + fake.uploads.value(1).key, FakeHalvane::Fault::Answer,
+                      FakeHalvane::text(200, R"({"status":"success","data":{"state":"finalized",)"
+                                             R"("file":{"id":100,"version":1,"size":10,"sha256":"00"}}})")});
+    HalvaneSettleUploadTask task(parameters());
+    ASSERT_FALSE(run(task).hasError());
+    EXPECT_FALSE(task.committedFile());
+    EXPECT_EQ(freeRecords().size(), 0);
+}
+
+TEST_F(SettleUploadTask, NeverLowersTheHistory) {
+    committedUnheard();
+    ASSERT_FALSE(HalvaneHistory().setFileVersion(path, 100, 2).hasError());
+    HalvaneSettleUploadTask task(parameters());
+    ASSERT_FALSE(run(task).hasError());
+    EXPECT_TRUE(task.committedFile());
+    EXPECT_EQ(recordedVersion(100), 2);
+}
+
+TEST_F(SettleUploadTask, WithoutItTheInitTaskBeginsAfreshToo) {
+    const int id = committedUnheard();
+    fake.addVersion(100, {"klmnopqrst", "00", {}});
+    EXPECT_EQ(init(), id + 1);
+    EXPECT_EQ(freeRecords().size(), 0);
 }
 
 TEST_F(SettleUploadTask, LeavesAnOpenUploadForTheInitTask) {
