@@ -19,6 +19,11 @@ protected:
         return names;
     }
     json uploadState(int id) const { return get("/uploads/" + std::to_string(id)).data(); }
+    //! Until the content of the only upload begins with this, so that the request which sends it has begun.
+    void waitForStaged(const std::string& beginning) const {
+        while (filesBelow("staging").empty() || !readFile(filesBelow("staging").at(0)).starts_with(beginning))
+            std::this_thread::yield();
+    }
 };
 
 TEST_F(UploadCalls, AnOpenUploadTellsWhatItWants) {
@@ -111,6 +116,7 @@ TEST_F(UploadCalls, AChunkThatBreaksOffDoesNotCount) {
                    "/chunks/0 HTTP/1.1\r\nHost: x\r\nAuthorization: Bearer " + token() +
                    "\r\nContent-Length: 100000\r\nHalvane-Chunk-Xxh3: " + xxh3Text(content) + "\r\n\r\n" +
                    content.substr(0, 60'000));
+    waitForStaged(content.substr(0, 100)); // so that it is the earlier one
     broken.abort();
     EXPECT_EQ(uploadState(id).at("received"), json::array());
     EXPECT_EQ(putChunk(id, 0, content).status, 200);
@@ -124,9 +130,7 @@ TEST_F(UploadCalls, ALaterRequestForTheSameChunkTakesOver) {
                     "/chunks/0 HTTP/1.1\r\nHost: x\r\nAuthorization: Bearer " + token() +
                     "\r\nContent-Length: 100000\r\nHalvane-Chunk-Xxh3: " + xxh3Text(content) + "\r\n\r\n" +
                     std::string(60'000, 'x'));
-    // Its bytes arrive, so that it is the earlier one.
-    while (filesBelow("staging").empty() || !readFile(filesBelow("staging").at(0)).starts_with("xxx"))
-        std::this_thread::yield();
+    waitForStaged("xxx"); // so that it is the earlier one
     EXPECT_EQ(putChunk(id, 0, content).status, 200);
     EXPECT_TRUE(hanging.readToEnd());
     ASSERT_EQ(declareSha256(id, content).status, 200);
