@@ -127,23 +127,29 @@ Error Runner::runOnWorker(const QString& name, std::function<Error()> job) {
     return run(task);
 }
 
-Result<RemoteItem> Runner::resolve(const QString& reference, bool onlyFiles) {
-    ResolveItemTask task(reference, onlyFiles ? ResolveItemTask::Wanted::File : ResolveItemTask::Wanted::Any);
+Result<RemoteItem> Runner::resolve(const QString& reference, Wanted wanted) {
+    ResolveItemTask task(reference, wanted);
     ORX_RETURN_ON_ERROR(run(task));
     return task.item();
+}
+
+Result<Runner::Named> Runner::resolveWithHandler(const QString& reference, Wanted wanted) {
+    const auto item = resolve(reference, wanted);
+    ORX_RETURN_ON_ERROR(item.error());
+    const auto handler = host::handlerOf(item.value());
+    ORX_RETURN_ON_ERROR(handler.error());
+    return Named{item.value(), handler.value()};
 }
 
 int Runner::operator()(const InfoCommand& command) {
     const auto resources = startResources();
     if (resources.hasError())
         return m_output.error(resources.error());
-    const auto item = resolve(command.reference);
-    if (item.hasError())
-        return m_output.error(item.error());
-    const auto handler = host::handlerOf(item.value());
-    if (handler.hasError())
-        return m_output.error(handler.error());
-    const std::unique_ptr<orx::Task> task = (*handler)->retrieveMetadataAsync();
+    const auto named = resolveWithHandler(command.reference);
+    if (named.hasError())
+        return m_output.error(named.error());
+    const auto& [item, handler] = named.value();
+    const std::unique_ptr<orx::Task> task = handler->retrieveMetadataAsync();
     if (const Error error = run(*task); error.hasError())
         return m_output.error(error);
     const auto metadata =
@@ -153,9 +159,9 @@ int Runner::operator()(const InfoCommand& command) {
             Error(ErrorCode::General,
                   QStringLiteral("The metadata of \"%1\" did not come.").arg(command.reference)));
     if (m_output.isJson())
-        m_output.result(jsonOf(item.value(), *metadata), QString());
+        m_output.result(jsonOf(item, *metadata), QString());
     else
-        m_output.table(infoRows(item.value(), *metadata));
+        m_output.table(infoRows(item, *metadata));
     return int(ExitCode::Success);
 }
 
@@ -195,13 +201,11 @@ int Runner::operator()(const SiblingsCommand& command) {
     const auto resources = startResources();
     if (resources.hasError())
         return m_output.error(resources.error());
-    const auto item = resolve(command.reference, true);
-    if (item.hasError())
-        return m_output.error(item.error());
-    const auto handler = host::handlerOf(item.value());
-    if (handler.hasError())
-        return m_output.error(handler.error());
-    const auto task = (*handler)->siblings();
+    const auto named = resolveWithHandler(command.reference, Wanted::File);
+    if (named.hasError())
+        return m_output.error(named.error());
+    const auto& [item, handler] = named.value();
+    const auto task = handler->siblings();
     if (task.hasError())
         return m_output.error(task.error());
     if (const Error error = run(**task); error.hasError())
@@ -326,38 +330,36 @@ int Runner::withCopy(const CacheCommand& command) {
     const auto resources = startResources();
     if (resources.hasError())
         return m_output.error(resources.error());
-    const auto item = resolve(command.reference);
-    if (item.hasError())
-        return m_output.error(item.error());
-    const auto handler = host::handlerOf(item.value());
-    if (handler.hasError())
-        return m_output.error(handler.error());
-    if (!(*handler)->isAvailableLocally())
+    const auto named = resolveWithHandler(command.reference);
+    if (named.hasError())
+        return m_output.error(named.error());
+    const auto& [item, handler] = named.value();
+    if (!handler->isAvailableLocally())
         return m_output.error(
             Error(ErrorCode::NotFound,
                   QStringLiteral("\"%1\" (%2) is not in the cache; \"halvane get\" brings files there.")
-                      .arg(item->name, item->reference())));
+                      .arg(item.name, item.reference())));
     if (command.action != CacheCommand::Action::Path) {
         const bool pin = command.action == CacheCommand::Action::Pin;
-        const Error error = (*handler)->setCleanupPolicy(pin ? ResourceCleanupPolicy::Keep
-                                                             : ResourceCleanupPolicy::Automatic);
+        const Error error =
+            handler->setCleanupPolicy(pin ? ResourceCleanupPolicy::Keep : ResourceCleanupPolicy::Automatic);
         if (error.hasError())
             return m_output.error(error);
     }
-    const auto path = (*handler)->expectedPath();
+    const auto path = handler->expectedPath();
     if (path.hasError())
         return m_output.error(path.error());
-    const auto policy = (*handler)->cleanupPolicy();
+    const auto policy = handler->cleanupPolicy();
     if (policy.hasError())
         return m_output.error(policy.error());
     const bool pinned = policy.value() == ResourceCleanupPolicy::Keep;
     QString text = m_output.shown(path->toString());
     if (command.action != CacheCommand::Action::Path)
         text = QStringLiteral("%1 %2").arg(pinned ? QStringLiteral("pinned") : QStringLiteral("unpinned"),
-                                           item->reference());
+                                           item.reference());
     m_output.result({{QStringLiteral("type"), QStringLiteral("copy")},
-                     {QStringLiteral("reference"), item->reference()},
-                     {QStringLiteral("name"), item->name},
+                     {QStringLiteral("reference"), item.reference()},
+                     {QStringLiteral("name"), item.name},
                      {QStringLiteral("path"), path->toString()},
                      {QStringLiteral("pinned"), pinned}},
                     text);

@@ -2,6 +2,7 @@
 
 #include "CommandLine.h"
 
+#include <ResolveItemTask.h>
 #include <Resources.h>
 #include <Session.h>
 
@@ -47,7 +48,14 @@ private:
     void warnOfPlainHttp(const QUrl& url) const;
     void waitForCache(orx::ResourceCache& cache);
 
-    orx::Result<host::RemoteItem> resolve(const QString& reference, bool onlyFiles = false);
+    using Wanted = host::ResolveItemTask::Wanted;
+    //! An item that a person named, and its handler.
+    struct Named {
+        host::RemoteItem item;
+        QSharedPointer<orx::ResourceHandler> handler;
+    };
+    orx::Result<host::RemoteItem> resolve(const QString& reference, Wanted wanted = Wanted::Any);
+    orx::Result<Named> resolveWithHandler(const QString& reference, Wanted wanted = Wanted::Any);
     QList<QStringList> infoRows(const host::RemoteItem& item,
                                 const orx::HalvaneResourceMetadata& metadata) const;
     void printSiblings(const QList<orx::ResourceReferenceSPtr>& siblings) const;

@@ -1,28 +1,16 @@
 #pragma once
 
-#include <Error.h>
-
-#include <QString>
-
-#include <functional>
-
-namespace SQLite {
-class Database;
-}
+#include <SqliteFile.h>
 
 namespace orx {
 
 //! The client's own database, `halvane.sqlite` in the configuration directory: the version history and the
-//! journal of uploads. WAL, every commit flushed, shared by all processes. One connection per process under a
-//! mutex, opened on first use and again when the directory or the file behind the name is another one.
-//! Thread: any; blocks on the disk.
+//! journal of uploads; see SqliteFile. Every commit is flushed. One connection per process, opened anew when
+//! the directory is another one. Thread: any; blocks on the disk.
 class HalvaneDatabase {
 public:
-    enum class Access {
-        Read, //!< no transaction: for a single statement
-        Write //!< one transaction that has the write lock from its beginning
-    };
-    using Work = std::function<void(SQLite::Database&)>;
+    using Access = SqliteFile::Access;
+    using Work = SqliteFile::Work;
 
     //! Runs \a work, which may throw what SQLiteCpp throws: that becomes an error that names the file and the
     //! remedy, and nothing of a Write is kept.
