@@ -74,6 +74,7 @@ function(orx_add_test name)
     TEST_PREFIX ${name}/
     DISCOVERY_TIMEOUT 60
     DISCOVERY_MODE PRE_TEST
+    NO_PRETTY_VALUES # they are bytes, addresses among them: names would differ from run to run
     PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS "${labels}")
 endfunction()
 
