@@ -2,7 +2,8 @@
 # usage: storeys.sh ROOT: no library includes a header of a higher storey, and the plug-in includes no network, SQL or archive library.
 set -euo pipefail
 cd "$1"
-storeys=(platform/orx_common_stable platform/orx_qt_shared_libs_core platform/orx_tasks platform/orx_network platform/orx_references
+storeys=(platform/orx_common_stable platform/orx_qt_shared_libs_core
+         platform/orx_common_ms_types platform/orx_tasks platform/orx_network platform/orx_references
          platform/orx_halvane platform/orx_resource_manager resource_handler/halvane_resource_handler apps/host apps/halvane)
 # Siblings that must not know each other either: a library, and the headers of those it may not use.
 forbidden=(
