@@ -51,7 +51,7 @@ function(orx_add_test name)
   endif()
   cmake_parse_arguments(arg "WITHOUT_QT" "TIMEOUT" "SOURCES;LIBS;LABELS" ${ARGN})
   if(NOT arg_TIMEOUT)
-    set(arg_TIMEOUT 120)
+    set(arg_TIMEOUT 600) # for a hang, not for a slow machine
   endif()
   add_executable(${name} ${arg_SOURCES})
   set_target_properties(${name} PROPERTIES AUTOMOC ON RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)

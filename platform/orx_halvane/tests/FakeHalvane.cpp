@@ -76,6 +76,10 @@ private:
         return bool(guard);
     }
     void begin() {
+        if (m_isChunk && m_fake.maxChunksInFlight < m_fake.chunksAwaited) {
+            later([this] { begin(); });
+            return;
+        }
         if (m_request.body && m_reply.status != 0 && !tellSent(m_request.body->size()))
             return;
         const bool toSink = m_request.sink && m_reply.status >= 200 && m_reply.status < 300;

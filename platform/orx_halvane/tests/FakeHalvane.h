@@ -80,6 +80,8 @@ public:
     int maxInFlight = 0;
     int chunksInFlight = 0;
     int maxChunksInFlight = 0;
+    //! No chunk is answered before so many of them were in flight at once.
+    int chunksAwaited = 0;
 
 private:
     class Call;

@@ -70,6 +70,7 @@ TEST_F(PostChunksTask, SendsEveryChunkOnceAndTheContentsHashWithTheLast) {
 TEST_F(PostChunksTask, KeepsTwoChunksInFlightAndNotMore) {
     writeFile(QByteArray(100, 'x'));
     const int id = init();
+    fake.chunksAwaited = 2;
     ASSERT_FALSE(postChunks(id).hasError());
     EXPECT_EQ(fake.maxChunksInFlight, 2);
     EXPECT_EQ(content(id), QByteArray(100, 'x'));

@@ -417,7 +417,7 @@ TEST(WorkerPoolSubmit, RunsTheCompletionOnTheSubmittersThreadAfterTheJobAndItsCa
     bool completed = false, last = false;
     // Takes its time, so that a completion which does not wait for it is seen to come first.
     const auto release = [&](int* value) {
-        for (int i = 0; i < 10'000; ++i)
+        for (int i = 0; i < 100; ++i)
             std::this_thread::yield();
         delete value;
         released = true;
