@@ -1,0 +1,23 @@
+#pragma once
+
+#include "orx_common_ms_export.h"
+
+#include <MsDataCheck.h>
+
+#include <QString>
+
+namespace orx {
+
+//! Recognises raw acquisitions by their content: leading bytes, the head of an XML document, inner files and
+//! companions; never by an extension alone. What is asked again is answered from memory as long as the file,
+//! the directory and everything that was looked at have the same device, inode, size and times. Never blocks
+//! on a FIFO or a device, which are refused unopened. Thread: any.
+class ORX_COMMON_MS_EXPORT MsDataFileUtils {
+public:
+    //! Whether \a path holds raw sample data that can be packed; false for an empty or missing path.
+    static bool isValidMsData(const QString& path);
+    //! The same with the kind, the companions and, when it is not valid, the reason.
+    static MsDataCheck checkMsData(const QString& path);
+};
+
+} // namespace orx
