@@ -19,7 +19,6 @@ using host::Profiles;
 using host::ResolveItemTask;
 using host::UploadRequest;
 using orx::Error;
-using orx::ErrorCode;
 
 namespace {
 

@@ -8,7 +8,6 @@ namespace halvane::host {
 
 using orx::Error;
 using orx::ErrorCode;
-using orx::ErrorDomain;
 using orx::HalvaneServerErrorCode;
 
 namespace {
