@@ -82,9 +82,9 @@ Result<QByteArray> readHead(ByteStream& stream, qsizetype size) {
     qsizetype filled = 0;
     while (filled < size) {
         const auto count = stream.read(head.data() + filled, size - filled);
-        if (count.hasError())
+        if (count.hasError() && filled == 0)
             return count.error();
-        if (*count == 0)
+        if (count.hasError() || *count == 0)
             break;
         filled += *count;
     }

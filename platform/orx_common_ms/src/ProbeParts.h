@@ -13,7 +13,7 @@ namespace orx {
 
 class ByteStream;
 
-//! Up to \a size bytes from the beginning of a stream.
+//! Up to \a size of the next bytes of a stream; fewer at the end and where the rest cannot be read.
 Result<QByteArray> readHead(ByteStream& stream, qsizetype size);
 
 //! 01 A1, then at least eight bytes of UTF-16 text, low byte first.
