@@ -18,6 +18,8 @@ namespace {
 constexpr std::ptrdiff_t kBatch = 256;
 //! What an interrupted fill left is of no use to anybody after that.
 constexpr qint64 kFillLeftoverMs = 24 * 60 * 60 * 1000;
+//! At an entry that is replaced while it is verified.
+constexpr int kLooks = 3;
 
 QString translated(const char* text) {
     return QCoreApplication::translate("orx::ResourceCache", text);
@@ -36,39 +38,58 @@ CacheRecords::Bounds boundsOf(const ResourceCache::Limits& limits) {
 
 //! An entry that goes, held against all others.
 struct CacheKeeper::Removal {
-    CacheSubPath place;
+    //! None of a record whose sub-path names no place: there is nothing to hold and no content.
+    std::optional<CacheSubPath> place;
     const CacheRecords::Record* record;
-    CacheLock use;
-    CacheLock atPlace;
+    std::optional<CacheLock> use;
+    std::optional<CacheLock> atPlace;
 };
+
+//! None when somebody uses or replaces the entry.
+std::optional<CacheKeeper::Removal> CacheKeeper::beginRemoval(CacheLocks& locks,
+                                                              const CacheRecords::Record& record) const {
+    const auto place = m_store.parse(record.entry.subPath);
+    if (place.hasError())
+        return Removal{std::nullopt, &record, std::nullopt, std::nullopt};
+    const QByteArray key = place->key();
+    auto use = locks.tryExclusive(CacheLocks::offset(key, CacheLocks::kUse));
+    auto atPlace = use ? locks.tryExclusive(CacheLocks::offset(key, CacheLocks::kPlace)) : std::nullopt;
+    if (!atPlace)
+        return std::nullopt;
+    return Removal{*place, &record, std::move(use), std::move(atPlace)};
+}
 
 Error CacheKeeper::removeBatch(Records::const_iterator begin, Records::const_iterator end,
                                QSet<qint64>& spared, ResourceCache::PruneReport& report) {
     const auto root = m_store.root();
     if (root.hasError())
         return root.error();
-    CacheLocks& locks = *(*root)->locks;
     std::vector<Removal> removals;
-    std::vector<qint64> ids;
+    std::vector<const CacheRecords::Record*> records;
     for (auto record = begin; record != end; ++record) {
-        const auto place = m_store.parse(record->entry.subPath);
-        const QByteArray key = place ? place->key() : QByteArray();
-        auto use = place ? locks.tryExclusive(CacheLocks::offset(key, CacheLocks::kUse)) : std::nullopt;
-        auto atPlace = use ? locks.tryExclusive(CacheLocks::offset(key, CacheLocks::kPlace)) : std::nullopt;
-        if (!atPlace) {
+        auto removal = beginRemoval(*(*root)->locks, *record);
+        if (!removal) {
             spared.insert(record->id);
             ++report.inUse;
             continue;
         }
-        ids.push_back(record->id);
-        removals.push_back({*place, &*record, std::move(*use), std::move(*atPlace)});
+        records.push_back(&*record);
+        removals.push_back(std::move(*removal));
     }
-    ORX_RETURN_ON_ERROR(m_store.records().remove(ids));
+    // Those of this process that ended before the entries were locked.
+    ORX_RETURN_ON_ERROR(m_store.writeUses());
+    // What was used, replaced or pinned since the list was made is judged anew in the next one.
+    const auto gone = m_store.records().removeUnchanged(records);
+    if (gone.hasError())
+        return gone.error();
     for (const Removal& removal : removals) {
+        if (!gone->contains(removal.record->id))
+            continue;
         report.removed << removal.record->entry;
         report.bytesRemoved += removal.record->entry.bytes;
         // The entry is gone; what could not be removed is left to the next sweep.
-        if (const Error error = m_store.clearPlace(removal.place); error.hasError())
+        const Error error = removal.place ? m_store.clearPlace(*removal.place) : Error();
+        if (error.hasError())
             qCWarning(cacheLog).noquote() << error.errorMessage();
     }
     return Error();
@@ -232,34 +253,109 @@ Result<QString> CacheKeeper::damageOf(const CacheSubPath& place, CacheRecords::R
     return QString();
 }
 
-Error CacheKeeper::verifyEntry(const CacheRecords::Record& listed, ResourceCache::VerifyReport& report,
-                               const std::function<bool(qint64)>& onBytes) {
-    const auto place = m_store.parse(listed.entry.subPath);
-    const auto root = m_store.root();
-    if (place.hasError() || root.hasError())
-        return place.hasError() ? place.error() : root.error();
-    auto lock = (*root)->locks->tryShared(CacheLocks::offset(place->key(), CacheLocks::kUse));
-    auto record = lock ? m_store.records().find(listed.entry.subPath)
-                       : Result<CacheRecords::Record>(CacheStore::busy(listed.entry.subPath));
-    // It is being removed, or was.
+namespace {
+
+//! Tells what lies at a place from what is brought there later, and from what is brought back.
+struct Identity {
+    dev_t device = 0;
+    ino_t inode = 0;
+    qint64 changedNs = 0;
+    bool operator==(const Identity&) const = default;
+};
+
+Identity identityOf(int parent, const QByteArray& name) {
+    struct stat status {};
+    if (::fstatat(parent, name.constData(), &status, AT_SYMLINK_NOFOLLOW) != 0)
+        return {};
+    return {status.st_dev, status.st_ino,
+            qint64(status.st_ctim.tv_sec) * 1'000'000'000 + status.st_ctim.tv_nsec};
+}
+
+//! Whether both tell of the same content, brought at the same time.
+bool isSameContent(const CacheRecords::Record& a, const CacheRecords::Record& b) {
+    return a.id == b.id && a.entry.addedAt == b.entry.addedAt && a.payload.sha256 == b.payload.sha256 &&
+           a.payload.bytes == b.payload.bytes && a.payload.modifiedNs == b.payload.modifiedNs;
+}
+
+} // namespace
+
+//! One look at an entry.
+struct CacheKeeper::Finding {
+    CacheRecords::Record record;
+    //! What is wrong with it; empty when nothing is.
+    QString damage;
+    //! With a damage: nobody exchanges what was looked at.
+    std::optional<CacheLock> atPlace;
+};
+
+//! None when the entry was replaced meanwhile: between the exchange of a content and that of its record the
+//! two differ. ErrorCode::NotFound when it is gone.
+Result<std::optional<CacheKeeper::Finding>> CacheKeeper::lookAt(const CacheSubPath& place, CacheLocks& locks,
+                                                                const std::function<bool(qint64)>& onBytes) {
+    const auto identity = [&] {
+        const auto parent = m_store.openParent(place);
+        return parent ? identityOf(parent->get(), place.name()) : Identity();
+    };
+    const Identity before = identity();
+    auto record = m_store.records().find(place.text());
     if (record.hasError())
-        return record.error().is(ErrorCode::NotFound) || !lock ? Error() : record.error();
-    auto damage = damageOf(*place, *record, onBytes);
+        return record.error();
+    auto damage = damageOf(place, *record, onBytes);
     if (damage.hasError())
         return std::move(damage).error();
-    ++report.entries;
-    report.bytes += record->entry.bytes;
     if (damage->isEmpty())
+        return std::optional(Finding{std::move(*record), QString(), std::nullopt});
+    auto atPlace = locks.waitExclusive(CacheLocks::offset(place.key(), CacheLocks::kPlace));
+    if (!atPlace)
+        return CacheStore::busy(place.text());
+    const auto now = m_store.records().find(place.text());
+    if (now.hasError())
+        return now.error();
+    if (!isSameContent(*now, *record) || identity() != before)
+        return std::optional<Finding>();
+    return std::optional(Finding{std::move(*record), *damage, std::move(atPlace)});
+}
+
+//! Marks a damaged entry, and removes it unless somebody else uses it.
+Error CacheKeeper::discard(const CacheSubPath& place, const Finding& finding, CacheLock use,
+                           CacheLocks& locks) {
+    ORX_RETURN_ON_ERROR(m_store.records().setDamaged(finding.record));
+    { const CacheLock released = std::move(use); }
+    const auto removal = locks.tryExclusive(CacheLocks::offset(place.key(), CacheLocks::kUse));
+    if (!removal)
         return Error();
-    // A fill may have replaced it meanwhile.
-    const auto now = m_store.records().find(listed.entry.subPath);
-    if (now.hasError() || now->entry.addedAt != record->entry.addedAt)
-        return Error();
-    report.damaged << std::pair(listed.entry.subPath, *damage);
-    ORX_RETURN_ON_ERROR(m_store.records().setDamaged(record->id));
-    lock.reset();
-    const Error removed = m_store.remove(*place);
-    return removed.is(ErrorCode::Busy) ? Error() : removed;
+    ORX_RETURN_ON_ERROR(m_store.records().remove(finding.record.id));
+    return m_store.clearPlace(place);
+}
+
+Error CacheKeeper::verifyEntry(const CacheRecords::Record& listed, ResourceCache::VerifyReport& report,
+                               const std::function<bool(qint64)>& onBytes) {
+    const auto root = m_store.root();
+    if (root.hasError())
+        return root.error();
+    const auto place = m_store.parse(listed.entry.subPath);
+    if (place.hasError()) {
+        ++report.entries;
+        report.damaged << std::pair(listed.entry.subPath, place.errorMessage());
+        return m_store.records().remove(listed.id);
+    }
+    CacheLocks& locks = *(*root)->locks;
+    auto use = locks.tryShared(CacheLocks::offset(place->key(), CacheLocks::kUse));
+    for (int look = 1; use && look <= kLooks; ++look) {
+        const auto finding = lookAt(*place, locks, onBytes);
+        if (finding.hasError())
+            return finding.error().is(ErrorCode::NotFound) ? Error() : finding.error();
+        if (!*finding)
+            continue;
+        ++report.entries;
+        report.bytes += (*finding)->record.entry.bytes;
+        if ((*finding)->damage.isEmpty())
+            return Error();
+        report.damaged << std::pair(listed.entry.subPath, (*finding)->damage);
+        return discard(*place, **finding, std::move(*use), locks);
+    }
+    // It is being removed, or replaced again and again, each time by what was hashed.
+    return Error();
 }
 
 Result<ResourceCache::VerifyReport> CacheKeeper::verify(const std::function<bool(qint64)>& progress) {

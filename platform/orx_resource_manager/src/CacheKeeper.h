@@ -21,6 +21,8 @@ public:
 private:
     using Records = std::vector<CacheRecords::Record>;
     struct Removal;
+    struct Finding;
+    std::optional<Removal> beginRemoval(CacheLocks& locks, const CacheRecords::Record& record) const;
     Result<bool> removeSome(const ResourceCache::Limits& limits, QSet<qint64>& spared,
                             ResourceCache::PruneReport& report);
     Error removeBatch(Records::const_iterator begin, Records::const_iterator end, QSet<qint64>& spared,
@@ -31,6 +33,9 @@ private:
                       const std::function<bool(qint64)>& onBytes);
     Result<QString> damageOf(const CacheSubPath& place, CacheRecords::Record& record,
                              const std::function<bool(qint64)>& onBytes);
+    Result<std::optional<Finding>> lookAt(const CacheSubPath& place, CacheLocks& locks,
+                                          const std::function<bool(qint64)>& onBytes);
+    Error discard(const CacheSubPath& place, const Finding& finding, CacheLock use, CacheLocks& locks);
 
     CacheStore& m_store;
 };

@@ -237,10 +237,11 @@ Error CacheRecords::setPolicy(const QString& subPath, ResourceCleanupPolicy poli
                        : Error(ErrorCode::NotFound, translated("\"%1\" is not in the cache.").arg(subPath));
 }
 
-Error CacheRecords::setDamaged(qint64 id) {
+Error CacheRecords::setDamaged(const Record& record) {
     return m_file.run(SqliteFile::Access::Write, [&](SQLite::Database& database) {
-        SQLite::Statement row(database, "UPDATE entries SET damaged = 1 WHERE entry_id = ?");
-        row.bind(1, int64_t(id));
+        SQLite::Statement row(database, "UPDATE entries SET damaged = 1 WHERE entry_id = ? AND added_ms = ?");
+        row.bind(1, int64_t(record.id));
+        row.bind(2, int64_t(record.entry.addedAt.toMSecsSinceEpoch()));
         row.exec();
     });
 }
@@ -257,19 +258,47 @@ Error CacheRecords::setUsed(const QHash<QString, qint64>& uses) {
     });
 }
 
-Error CacheRecords::remove(const std::vector<qint64>& ids) {
-    // Undone by a power cut, it leaves records without content, which are no entries.
+namespace {
+
+void removeItems(SQLite::Database& database, qint64 id) {
+    SQLite::Statement items(database, "DELETE FROM items WHERE entry_id = ?");
+    items.bind(1, int64_t(id));
+    items.exec();
+}
+
+} // namespace
+
+// Undone by a power cut, removals leave records without content, which are no entries.
+
+Error CacheRecords::remove(qint64 id) {
     return m_file.run(SqliteFile::Access::WriteRelaxed, [&](SQLite::Database& database) {
-        SQLite::Statement items(database, "DELETE FROM items WHERE entry_id = ?");
-        SQLite::Statement entries(database, "DELETE FROM entries WHERE entry_id = ?");
-        for (const qint64 id : ids) {
-            for (SQLite::Statement* rows : {&items, &entries}) {
-                rows->bind(1, int64_t(id));
-                rows->exec();
-                rows->reset();
-            }
-        }
+        removeItems(database, id);
+        SQLite::Statement row(database, "DELETE FROM entries WHERE entry_id = ?");
+        row.bind(1, int64_t(id));
+        row.exec();
     });
+}
+
+Result<QSet<qint64>> CacheRecords::removeUnchanged(const std::vector<const Record*>& records) {
+    QSet<qint64> gone;
+    ORX_RETURN_ON_ERROR(m_file.run(SqliteFile::Access::WriteRelaxed, [&](SQLite::Database& database) {
+        gone.clear();
+        SQLite::Statement row(
+            database,
+            "DELETE FROM entries WHERE entry_id = ? AND policy = ? AND added_ms = ? AND used_ms = ?");
+        for (const Record* record : records) {
+            row.bind(1, int64_t(record->id));
+            row.bind(2, int(record->entry.policy));
+            row.bind(3, int64_t(record->entry.addedAt.toMSecsSinceEpoch()));
+            row.bind(4, int64_t(record->entry.lastUsedAt.toMSecsSinceEpoch()));
+            if (row.exec() > 0) {
+                removeItems(database, record->id);
+                gone.insert(record->id);
+            }
+            row.reset();
+        }
+    }));
+    return gone;
 }
 
 Result<qint64> CacheRecords::totalBytes() {

@@ -46,11 +46,14 @@ public:
     //! within another entry or holds others.
     Error put(const QString& subPath, const CachePayload& payload, Durability durability);
     Error setPolicy(const QString& subPath, ResourceCleanupPolicy policy);
-    Error setDamaged(qint64 id);
+    //! Nothing when the entry was replaced or removed since \a record was read.
+    Error setDamaged(const Record& record);
     //! Milliseconds since the epoch; never sets a time back.
     Error setUsed(const QHash<QString, qint64>& uses);
-    //! In one transaction.
-    Error remove(const std::vector<qint64>& ids);
+    Error remove(qint64 id);
+    //! In one transaction; without those that were used, replaced or given another policy since they were
+    //! read. The ids of those that went.
+    Result<QSet<qint64>> removeUnchanged(const std::vector<const Record*>& records);
     Result<qint64> totalBytes();
     //! What is to be removed to keep the bounds, the first to go first; without \a spared, which stay.
     Result<std::vector<Record>> beyond(const Bounds& bounds, const QSet<qint64>& spared);

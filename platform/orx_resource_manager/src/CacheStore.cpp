@@ -244,12 +244,21 @@ void CacheStore::noteUse(const QString& subPath) {
 }
 
 Error CacheStore::writeUses() {
+    // Who finds nothing to write must find it written.
+    const QMutexLocker writing(&m_usesMutex);
     QHash<QString, qint64> uses;
     {
         const QMutexLocker lock(&m_mutex);
         uses.swap(m_uses);
     }
-    return uses.isEmpty() ? Error() : m_work.setUsed(uses);
+    Error error = uses.isEmpty() ? Error() : m_work.setUsed(uses);
+    if (error.hasError()) {
+        // For the next time, without what was used since.
+        const QMutexLocker lock(&m_mutex);
+        uses.insert(m_uses);
+        m_uses.swap(uses);
+    }
+    return error;
 }
 
 Error CacheStore::seal(const CacheSubPath& place, int staging, const QByteArray& name,
@@ -397,7 +406,7 @@ Error CacheStore::remove(const CacheSubPath& place) {
     if (record.hasError() && !record.error().is(ErrorCode::NotFound))
         return record.error();
     if (record)
-        ORX_RETURN_ON_ERROR(m_work.remove({record->id}));
+        ORX_RETURN_ON_ERROR(m_work.remove(record->id));
     return clearPlace(place);
 }
 

@@ -48,7 +48,8 @@ public:
     std::optional<CacheLock> lease(const CacheSubPath& place);
     //! The same for an entry that somebody of this process keeps: whether it is valid is not looked at.
     std::optional<CacheLock> leaseUnseen(const CacheSubPath& place);
-    //! Writes down the uses that leases counted.
+    //! Writes down the uses that leases counted. When it returns all uses before the call are written, also
+    //! those that another thread has begun to write.
     Error writeUses();
 
     //! Brings \a name in the directory \a staging, which is \a payload and on the disk, to its place and
@@ -87,6 +88,8 @@ private:
     QMutex m_mutex;
     std::shared_ptr<CacheRoot> m_root;
     QHash<QString, qint64> m_uses;
+    //! Held while uses are on their way from m_uses to the records; taken before m_mutex.
+    QMutex m_usesMutex;
     CacheRecords m_quick;
     CacheRecords m_work;
 };

@@ -1,0 +1,128 @@
+#include "CacheUpkeepFixture.h"
+
+#include <QThread>
+
+using namespace orx;
+
+namespace {
+
+//! What others do to entries while they are removed or verified.
+class CacheUpkeepRacesTest : public orx::testing::CacheUpkeepFixture {
+protected:
+    //! Runs \a statement when the first entry goes: after the list of those to go was made and before the
+    //! others of it go.
+    void whenTheFirstGoes(const std::string& statement) {
+        execute("CREATE TRIGGER meanwhile AFTER DELETE ON entries WHEN old.sub_path = 'a' BEGIN " +
+                statement + "; END");
+    }
+    //! Replaces the entry "b" by content of the same size and time.
+    std::unique_ptr<Task> replaceKeepingTime(const QByteArray& content) {
+        struct stat before {};
+        EXPECT_EQ(::stat(QFile::encodeName(placeOf(u"b"_qs)).constData(), &before), 0);
+        return cache.fillTask(
+            nullptr, u"b"_qs,
+            [before, content](const DirPath& directory) {
+                const QString path = directory.child(u"b"_qs);
+                EXPECT_TRUE(orx::testing::writeFile(path, content));
+                const struct timespec times[2] = {before.st_atim, before.st_mtim};
+                EXPECT_EQ(::utimensat(AT_FDCWD, QFile::encodeName(path).constData(), times, 0), 0);
+                return probes::taskWith(QVariant());
+            },
+            ResourceCache::FillMode::Anew);
+    }
+    //! Verifies from beside \a fill, which has brought its content and waits to write the record, and lets it
+    //! go on when that content was read.
+    Result<ResourceCache::VerifyReport> verifyDuring(Task& fill, const QByteArray& content) {
+        SQLite::Database writer(database().toStdString(), SQLite::OPEN_READWRITE, 10'000);
+        writer.exec("BEGIN IMMEDIATE");
+        fill.exec();
+        while (orx::testing::readFile(placeOf(u"b"_qs)) != content) {
+            QCoreApplication::processEvents();
+            QThread::msleep(1);
+        }
+        bool isHeld = true;
+        ResourceCache other(root());
+        return other.verify([&](qint64 bytes) {
+            if (bytes > 100 && std::exchange(isHeld, false))
+                writer.exec("COMMIT");
+            return true;
+        });
+    }
+};
+
+} // namespace
+
+TEST_F(CacheUpkeepRacesTest, WhatIsPinnedWhileOthersGoStays) {
+    whenTheFirstGoes("UPDATE entries SET policy = 1 WHERE sub_path = 'c'");
+    const auto report = cache.prune({0, std::nullopt});
+    ASSERT_TRUE(report);
+    EXPECT_EQ(namesOf(report->removed), (QStringList{u"a"_qs, u"b"_qs}));
+    EXPECT_EQ(report->bytesRemoved, 200);
+    EXPECT_EQ(report->bytesLeft, 100);
+    EXPECT_TRUE(cache.contains(u"c"_qs));
+}
+
+TEST_F(CacheUpkeepRacesTest, WhatIsUsedWhileOthersGoStaysAndAnotherGoesInItsStead) {
+    execute("UPDATE entries SET used_ms = 1 WHERE sub_path IN ('a', 'b')");
+    execute("UPDATE entries SET used_ms = 2 WHERE sub_path = 'c'");
+    whenTheFirstGoes("UPDATE entries SET used_ms = 3 WHERE sub_path = 'b'");
+    const auto report = cache.prune({150, std::nullopt});
+    ASSERT_TRUE(report);
+    EXPECT_EQ(namesOf(report->removed), (QStringList{u"a"_qs, u"c"_qs}));
+    EXPECT_TRUE(cache.contains(u"b"_qs));
+    EXPECT_FALSE(QFileInfo::exists(placeOf(u"c"_qs)));
+}
+
+TEST_F(CacheUpkeepRacesTest, VerificationLeavesWhatIsJustBroughtToItsPlace) {
+    const QByteArray content(100, 'y');
+    const auto fill = replaceKeepingTime(content);
+    const auto report = verifyDuring(*fill, content);
+    ASSERT_TRUE(report) << report.errorMessage().toStdString();
+    EXPECT_FALSE(fill->waitForFinished().hasError());
+    EXPECT_TRUE(report->damaged.isEmpty());
+    EXPECT_EQ(report->entries, 3);
+    EXPECT_TRUE(cache.contains(u"b"_qs));
+    EXPECT_EQ(orx::testing::readFile(placeOf(u"b"_qs)), content);
+}
+
+TEST_F(CacheUpkeepRacesTest, VerificationLeavesWhatComesBackWhenItsReplacementFails) {
+    execute("CREATE TRIGGER refusal BEFORE UPDATE OF sha256 ON entries BEGIN SELECT RAISE(ABORT, 'no'); END");
+    const QByteArray content(100, 'y');
+    const auto fill = replaceKeepingTime(content);
+    const auto report = verifyDuring(*fill, content);
+    ASSERT_TRUE(report) << report.errorMessage().toStdString();
+    EXPECT_TRUE(fill->waitForFinished().hasError());
+    EXPECT_TRUE(report->damaged.isEmpty());
+    EXPECT_EQ(report->entries, 3);
+    EXPECT_TRUE(cache.contains(u"b"_qs));
+    EXPECT_EQ(orx::testing::readFile(placeOf(u"b"_qs)), QByteArray(100, 'x'));
+}
+
+namespace {
+
+constexpr const char* kBadRecord =
+    "INSERT INTO entries (sub_path, kind, bytes, files, modified_ns, sha256, added_ms, used_ms) "
+    "VALUES ('../b', 2, 1000, 1, 1, '', 1, 1)";
+
+} // namespace
+
+TEST_F(CacheUpkeepRacesTest, ARecordThatNamesNoPlaceIsPrunedLikeOthers) {
+    execute(kBadRecord);
+    const auto report = cache.prune({300, std::nullopt});
+    ASSERT_TRUE(report);
+    EXPECT_EQ(namesOf(report->removed), QStringList{u"../b"_qs});
+    EXPECT_EQ(report->inUse, 0);
+    EXPECT_EQ(report->bytesLeft, 300);
+}
+
+TEST_F(CacheUpkeepRacesTest, ARecordThatNamesNoPlaceIsDamagedAndDoesNotKeepOthersFromBeingVerified) {
+    execute(kBadRecord);
+    damage(placeOf(u"c"_qs));
+    const auto report = cache.verify();
+    ASSERT_TRUE(report) << report.errorMessage().toStdString();
+    EXPECT_EQ(report->entries, 4);
+    ASSERT_EQ(report->damaged.size(), 2);
+    EXPECT_EQ(report->damaged.first().first, u"../b"_qs);
+    EXPECT_EQ(report->damaged.last().first, u"c"_qs);
+    EXPECT_EQ(subPaths(), (QStringList{u"a"_qs, u"b"_qs}));
+}
