@@ -122,9 +122,9 @@ TEST_F(BadInput, AnUnknownFolder) {
 TEST_F(BadInput, TheWrongKindOfItem) {
     client.mustRun({"put", file, "--to", "/raw"});
     server.clearRequests();
-    EXPECT_THAT(messageOf(expectFailure({"get", "/raw", "--to", "."}, 2, "InvalidArgument")),
+    EXPECT_THAT(messageOf(expectFailure({"siblings", "/raw"}, 2, "InvalidArgument")),
                 HasSubstr("is a folder"));
-    expectFailure({"get", "folder:1", "--to", "."}, 2, "InvalidArgument");
+    expectFailure({"siblings", "folder:1"}, 2, "InvalidArgument");
     expectFailure({"ls", "/raw/run.mzML/"}, 6, "NotFound");
 }
 
@@ -309,8 +309,11 @@ TEST_F(BadInput, ATargetThatCannotBeWritten) {
     client.mustRun({"put", file, "--to", "/raw"});
     server.clearRequests();
     expectFailure({"get", "/raw/run.mzML", "--to", "none/run.mzML"}, 4, "FileNotWritable");
-    expectFailure({"get", "/raw/run.mzML", "--to", "none/"}, 4, "FileNotWritable");
     EXPECT_TRUE(server.requests().isEmpty());
+    // A folder would make it.
+    expectFailure({"get", "/raw/run.mzML", "--to", "none/"}, 4, "FileNotWritable");
+    EXPECT_EQ(server.countRequests("GET", "/content"), 0);
+    EXPECT_FALSE(QFile::exists(client.path("none")));
     ASSERT_TRUE(QDir(client.path({})).mkpath("target/run.mzML"));
     expectFailure({"get", "/raw/run.mzML", "--to", "target", "--if-exists", "overwrite"}, 4,
                   "FileNotWritable");

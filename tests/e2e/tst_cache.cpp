@@ -41,6 +41,8 @@ protected:
     }
     //! Gets /raw/run.mzML, which is to arrive; its JSON object.
     QJsonObject get(const QStringList& options = {}) {
+        // What is there already would need no copy.
+        QFile::remove(client.path("back"));
         const Outcome outcome = client.mustRun(QStringList{"--json", "get", "/raw/run.mzML", "--to",
                                                            client.path("back"), "--if-exists", "overwrite"} +
                                                options);

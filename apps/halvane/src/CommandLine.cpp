@@ -1,5 +1,6 @@
 #include "CommandLine.h"
 
+#include <DownloadNames.h>
 #include <ExitCodes.h>
 #include <MakeFolderTask.h>
 #include <Profiles.h>
@@ -14,6 +15,7 @@ namespace halvane::cli {
 
 using host::DownloadRequest;
 using host::ExitCode;
+using host::IfExists;
 using host::MakeFolderTask;
 using host::Profiles;
 using host::ResolveItemTask;
@@ -45,7 +47,8 @@ struct RawArguments {
     bool newVersion = false;
     bool checkVersion = false;
     std::vector<std::string> metadata;
-    std::string ifExists = "fail";
+    std::vector<std::string> sources;
+    std::string ifExists = "ask";
     bool withoutCache = false;
     std::string maxSize;
     std::string maxAge;
@@ -202,20 +205,26 @@ private:
     }
 
     void addGet() {
-        CLI::App* get = addCommand("get", "Download one file, verified",
-                                   "  halvane get /raw/2026/run1.mzML --to .\n"
-                                   "  halvane get file:12@3 --to old.mzML\n"
-                                   "  halvane get /raw/2026/run1.mzML --to data/ --if-exists skip\n");
-        get->add_option("REF", m_raw.target, "Remote path or reference of a file")->required();
-        get->add_option("--to", m_raw.path, "A directory that exists, or the path of the file to be")
+        CLI::App* get = addCommand(
+            "get", "Download files and folders, verified; what is there already is not fetched again",
+            "  halvane get /raw/2026/run1.mzML --to .\n"
+            "  halvane get /raw/2026 --to data            (the folder becomes data/2026)\n"
+            "  halvane get /raw/2026 file:12 --to data --if-exists rename\n"
+            "  halvane get file:12@3 --to old.mzML\n"
+            "  halvane get folder:7 --to data --as march\n");
+        get->add_option("REF", m_raw.sources, "Remote paths or references of files and folders")->required();
+        get->add_option("--to", m_raw.path, "A directory; for a single file also the path of the file to be")
             ->required()
-            ->type_name("PATH");
+            ->type_name("DIR");
+        get->add_option("--as", m_raw.name, "Name in that directory, of a single REF (default: its own)")
+            ->type_name("NAME");
         get->add_option("--if-exists", m_raw.ifExists,
-                        "When a file is there: fail (default), overwrite or skip")
-            ->check(CLI::IsMember({"fail", "overwrite", "skip"}))
+                        "When another file is there: ask (default; fails without a terminal), overwrite, "
+                        "skip, rename or fail")
+            ->check(CLI::IsMember({"ask", "overwrite", "skip", "rename", "fail"}))
             ->type_name("WHAT");
         get->add_flag("--no-cache", m_raw.withoutCache,
-                      "Fetch it from the server and keep no copy in the cache");
+                      "Fetch from the server and keep no copy in the cache");
     }
 
     void addReference(CLI::App* command, const char* description) {
@@ -410,16 +419,27 @@ private:
     }
 
     GetCommand get() const {
-        GetCommand command;
-        command.request.source = filledTextOf(m_raw.target, "REF");
-        require(ResolveItemTask::checkText(command.request.source));
-        command.request.targetPath = filledTextOf(m_raw.path, "--to");
-        command.request.useCache = !m_raw.withoutCache;
-        if (m_raw.ifExists == "overwrite")
-            command.request.ifExists = DownloadRequest::IfExists::Overwrite;
-        else if (m_raw.ifExists == "skip")
-            command.request.ifExists = DownloadRequest::IfExists::Skip;
-        return command;
+        static const std::map<std::string, IfExists> choices{{"ask", IfExists::Ask},
+                                                             {"overwrite", IfExists::Overwrite},
+                                                             {"skip", IfExists::Skip},
+                                                             {"rename", IfExists::Rename},
+                                                             {"fail", IfExists::Fail}};
+        DownloadRequest request;
+        for (const std::string& argument : m_raw.sources) {
+            request.sources.append(filledTextOf(argument, "REF"));
+            require(ResolveItemTask::checkText(request.sources.last()));
+        }
+        request.targetPath = filledTextOf(m_raw.path, "--to");
+        if (m_app.get_subcommand("get")->count("--as") > 0) {
+            request.name = filledTextOf(m_raw.name, "--as");
+            require(orx::DownloadNames::check(request.name));
+            if (request.sources.size() > 1)
+                throw UsageError{QStringLiteral("--as names a single REF, and %1 were given.")
+                                     .arg(request.sources.size())};
+        }
+        request.ifExists = choices.at(m_raw.ifExists);
+        request.useCache = !m_raw.withoutCache;
+        return {request};
     }
 
     RawArguments m_raw;

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <DownloadFileJob.h>
+#include <Downloads.h>
 #include <ResourceCache.h>
 #include <UploadFileJob.h>
 

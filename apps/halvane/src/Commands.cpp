@@ -16,7 +16,6 @@
 
 namespace halvane::cli {
 
-using host::DownloadFileJob;
 using host::ExitCode;
 using host::ListItemsTask;
 using host::LoginTask;
@@ -43,10 +42,15 @@ QString withSummary(const QString& text, const QString& summary) {
 
 } // namespace
 
-Error Runner::run(orx::BaseTask& task) {
+Error Runner::runQuietly(orx::BaseTask& task) {
     m_interruption.watch(&task);
     Error error = host::runUntilIdle(task);
     m_interruption.watch(nullptr);
+    return error;
+}
+
+Error Runner::run(orx::BaseTask& task) {
+    Error error = runQuietly(task);
     if (!error.hasError())
         m_output.warnings(error.warnings());
     return error;
@@ -197,34 +201,6 @@ void Runner::waitForCache(orx::ResourceCache& cache) {
     for (const QString& failure : failures)
         m_output.warnings({QStringLiteral("The file is on the server, but no copy of it is in the cache: %1")
                                .arg(failure)});
-}
-
-int Runner::operator()(const GetCommand& command) {
-    const auto resources = startResources();
-    if (resources.hasError())
-        return m_output.error(resources.error());
-    host::DownloadRequest request = command.request;
-    request.maxCachedBytes = (*resources)->limits().maxBytes;
-    DownloadFileJob job(request);
-    QString summary;
-    Error error;
-    {
-        const ProgressReport progress(m_output.shown(command.request.source), m_global.quiet);
-        error = run(job);
-        summary = progress.summary();
-    }
-    if (error.hasError())
-        return transferFailed(error, summary);
-    const QString shownPath = m_output.shown(job.localPath());
-    if (job.skipped())
-        m_output.item(job.item(), job.localPath(), QStringLiteral("skipped"),
-                      QStringLiteral("%1 is there already, nothing was fetched").arg(shownPath));
-    else
-        m_output.item(job.item(), job.localPath(), QStringLiteral("downloaded"),
-                      withSummary(QStringLiteral("%1 -> %2").arg(job.item().reference(), shownPath),
-                                  job.wasInCache() ? QStringLiteral("from the cache") : summary),
-                      {{QStringLiteral("from_cache"), job.wasInCache()}});
-    return int(ExitCode::Success);
 }
 
 int runCommand(const CommandLine& commandLine, const Output& output, Interruption& interruption) {

@@ -50,6 +50,14 @@ QJsonObject userObject(const orx::HalvaneUser& user) {
             {QStringLiteral("groups"), groups}};
 }
 
+QJsonObject errorObject(const Error& error, const QString& text) {
+    return {{QStringLiteral("error"), host::errorName(error.domain(), error.code())},
+            {QStringLiteral("domain"), int(error.domain())},
+            {QStringLiteral("code"), error.code()},
+            {QStringLiteral("exit_code"), int(host::exitCodeOf(error))},
+            {QStringLiteral("message"), text}};
+}
+
 // Columns that line up: everything but the last one is padded to its widest cell.
 QStringList aligned(const QList<QStringList>& rows) {
     QList<qsizetype> widths;
@@ -181,6 +189,37 @@ void Output::warnings(const orx::Warnings& warnings) const {
         writeText(stderr, QStringLiteral("halvane: warning: ") + shown(warning));
 }
 
+void Output::failures(const QList<host::DownloadFailure>& failures) const {
+    QList<QStringList> rows;
+    for (const host::DownloadFailure& failure : failures) {
+        const QString text = host::errorText(failure.error);
+        rows.append({QStringLiteral("  ") + shown(failure.path), shown(text)});
+        if (!m_options.json)
+            continue;
+        QJsonObject object = errorObject(failure.error, text);
+        object[QStringLiteral("type")] = QStringLiteral("failure");
+        object[QStringLiteral("source")] = failure.source;
+        object[QStringLiteral("path")] = failure.path;
+        writeJson(object);
+    }
+    if (rows.isEmpty())
+        return;
+    writeText(stderr, QStringLiteral("halvane: not downloaded:"));
+    for (const QString& line : aligned(rows))
+        writeText(stderr, line);
+}
+
+int Output::failedRun(int exitCode, const QString& name, const QString& text) const {
+    writeText(stderr, QStringLiteral("halvane: ") + shown(text));
+    if (m_options.json)
+        writeJson({{QStringLiteral("error"), name},
+                   {QStringLiteral("domain"), 0},
+                   {QStringLiteral("code"), int(orx::ErrorCode::General)},
+                   {QStringLiteral("exit_code"), exitCode},
+                   {QStringLiteral("message"), text}});
+    return exitCode;
+}
+
 int Output::exitCodeAtEnd(int exitCode) const {
     // Whoever closed the pipe wants no more, as "head" does.
     if (exitCode != 0 || outputErrno == 0 || outputErrno == EPIPE)
@@ -207,11 +246,7 @@ int Output::error(const Error& error, const QString& text) const {
             writeText(stderr, QStringLiteral("  ") + shown(line));
     }
     if (m_options.json)
-        writeJson({{QStringLiteral("error"), host::errorName(error.domain(), error.code())},
-                   {QStringLiteral("domain"), int(error.domain())},
-                   {QStringLiteral("code"), error.code()},
-                   {QStringLiteral("exit_code"), exitCode},
-                   {QStringLiteral("message"), text}});
+        writeJson(errorObject(error, text));
     return exitCode;
 }
 

@@ -2,6 +2,7 @@
 
 #include "CommandLine.h"
 
+#include <Downloads.h>
 #include <Error.h>
 #include <HalvaneSessionTasks.h>
 #include <Profiles.h>
@@ -44,6 +45,12 @@ public:
     int error(const orx::Error& error) const;
     //! \a error with \a text in the place of its own words.
     int error(const orx::Error& error, const QString& text) const;
+
+    //! What of a download failed, and why: an object each, or a table.
+    void failures(const QList<host::DownloadFailure>& failures) const;
+    //! Ends a run of which more is said before: \a text, and as an object the error \a name; returns \a
+    //! exitCode.
+    int failedRun(int exitCode, const QString& name, const QString& text) const;
 
     //! \a exitCode, unless it is 0 and what was to be printed could not be written: a script would take half
     //! a list for the whole. Says so on standard error.

@@ -1,7 +1,5 @@
 #include "ProgressReport.h"
 
-#include "TextForms.h"
-
 #include <HalvaneTransferMonitor.h>
 
 #include <algorithm>
@@ -40,18 +38,33 @@ ProgressReport::ProgressReport(const QString& name, bool quiet, QObject* parent)
 }
 
 ProgressReport::~ProgressReport() {
-    if (m_shown && m_terminal)
+    hide();
+}
+
+void ProgressReport::hide() {
+    if (std::exchange(m_shown, false) && m_terminal) {
         std::fputs(eraseLine, stderr);
+        std::fflush(stderr);
+    }
+}
+
+// Empty while there is nothing to be told.
+QString ProgressReport::line() const {
+    const HalvaneTransferSnapshot now = HalvaneTransferMonitor::snapshot();
+    if (const auto tree = m_tree ? m_tree() : std::nullopt)
+        return treeProgressText(m_name, *tree, now.bytesPerSecond);
+    // Nothing runs while the server makes the last chunk durable; the line stays up to date all the same.
+    if (now.running == 0 && now.bytesTotal == 0)
+        return {};
+    return progressText(m_name, now.bytesDone, now.bytesTotal, now.bytesPerSecond,
+                        now.remaining.value_or(seconds(-1)));
 }
 
 void ProgressReport::show() {
-    const HalvaneTransferSnapshot now = HalvaneTransferMonitor::snapshot();
-    // Nothing runs while the server makes the last chunk durable; the line stays up to date all the same.
-    if (now.running == 0 && now.bytesTotal == 0)
+    const QString text = line();
+    if (text.isEmpty())
         return;
     m_shown = true;
-    const QString text = progressText(m_name, now.bytesDone, now.bytesTotal, now.bytesPerSecond,
-                                      now.remaining.value_or(seconds(-1)));
     if (m_terminal)
         std::fprintf(stderr, "%s%s", eraseLine,
                      text.left(std::max(10, terminalWidth() - 1)).toUtf8().constData());

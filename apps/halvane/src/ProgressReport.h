@@ -1,8 +1,13 @@
 #pragma once
 
+#include "TextForms.h"
+
 #include <QElapsedTimer>
 #include <QObject>
 #include <QTimer>
+
+#include <functional>
+#include <optional>
 
 namespace halvane::cli {
 
@@ -16,13 +21,21 @@ public:
     ProgressReport(const QString& name, bool quiet, QObject* parent = nullptr);
     ~ProgressReport() override;
 
+    //! How far a transfer of several files is, which the monitor does not know; nothing for a single file.
+    void setTree(std::function<std::optional<TreeState>()> tree) { m_tree = std::move(tree); }
+    //! Takes the line off the terminal; for who writes something else there.
+    void hide();
+
     //! "20.5 MiB in 0:03 (6.8 MiB/s)"; resumed bytes are named. Empty when nothing was transferred.
     QString summary() const;
 
 private:
     void show();
 
+    QString line() const;
+
     QString m_name;
+    std::function<std::optional<TreeState>()> m_tree;
     bool m_terminal;
     bool m_shown = false;
     QTimer m_timer;

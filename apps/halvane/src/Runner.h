@@ -2,6 +2,7 @@
 
 #include "CommandLine.h"
 
+#include <DownloadJob.h>
 #include <ResolveItemTask.h>
 #include <Resources.h>
 #include <Session.h>
@@ -37,12 +38,16 @@ public:
 private:
     //! Runs it to its end, or until a signal comes; prints its warnings.
     orx::Error run(orx::BaseTask& task);
+    //! The same without the warnings, which are printed as they come.
+    orx::Error runQuietly(orx::BaseTask& task);
     //! A job that blocks, on a worker.
     orx::Error runOnWorker(const QString& name, std::function<orx::Error()> job);
     //! The framework with its cache, and the session.
     orx::Result<std::unique_ptr<host::Resources>> startResources();
     //! An interrupted transfer can go on later; says so. \a summary is what was moved, empty for nothing.
     int transferFailed(const orx::Error& error, const QString& summary);
+    //! How a download of several files ended.
+    int endDownload(const host::DownloadJob& job, const orx::Error& error);
     //! An upload whose version was made can not; says that too.
     int stoppedAfterUpload(const orx::Error& error, const host::UploadFileJob& job);
     void warnOfPlainHttp(const QUrl& url) const;

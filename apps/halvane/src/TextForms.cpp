@@ -75,4 +75,22 @@ QString progressText(const QString& name, qint64 done, qint64 total, double rate
     return parts.join(QStringLiteral("  "));
 }
 
+QString treeProgressText(const QString& name, const TreeState& state, double rate) {
+    const QString more = state.isWhole ? QString() : QStringLiteral("+");
+    QStringList parts{name,
+                      QStringLiteral("%1 of %2%3 files")
+                          .arg(QString::number(state.filesDone), QString::number(state.filesTotal), more)};
+    if (state.isWhole && state.bytesTotal > 0)
+        parts.append(QStringLiteral("%1 %").arg(state.bytesDone * 100 / state.bytesTotal));
+    parts.append(
+        QStringLiteral("%1 of %2%3").arg(bytesText(state.bytesDone), bytesText(state.bytesTotal), more));
+    if (rate > 0)
+        parts.append(bytesText(qint64(rate)) + QStringLiteral("/s"));
+    if (rate > 0 && state.isWhole)
+        parts.append(
+            durationText(std::chrono::seconds(qint64(double(state.bytesTotal - state.bytesDone) / rate))) +
+            QStringLiteral(" left"));
+    return parts.join(QStringLiteral("  "));
+}
+
 } // namespace halvane::cli

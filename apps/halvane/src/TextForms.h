@@ -26,4 +26,17 @@ QString timeText(const QDateTime& time);
 QString progressText(const QString& name, qint64 done, qint64 total, double rate,
                      std::chrono::seconds remaining);
 
+//! How far a transfer of several files is.
+struct TreeState {
+    int filesDone = 0;
+    int filesTotal = 0;
+    qint64 bytesDone = 0;
+    qint64 bytesTotal = 0;
+    //! Whether the totals will not grow any more.
+    bool isWhole = false;
+};
+//! "2026  312 of 2000 files  45 %  1.2 GiB of 2.7 GiB  85.2 MiB/s  0:18 left"; while the totals grow "2000+
+//! files", and neither share nor remaining time.
+QString treeProgressText(const QString& name, const TreeState& state, double rate);
+
 } // namespace halvane::cli

@@ -34,6 +34,17 @@ TEST(TextForms, Durations) {
     EXPECT_EQ(durationText(seconds(3 * 3600 + 5 * 60)), QStringLiteral("3:05:00"));
 }
 
+TEST(TextForms, ProgressOfATreeTellsFilesAndBytes) {
+    const qint64 mib = 1024 * 1024;
+    const QString name = QStringLiteral("2026");
+    EXPECT_EQ(treeProgressText(name, {312, 2000, 45 * mib, 100 * mib, true}, 5.0 * mib),
+              QStringLiteral("2026  312 of 2000 files  45 %  45.0 MiB of 100.0 MiB  5.0 MiB/s  0:11 left"));
+    EXPECT_EQ(treeProgressText(name, {3, 20, 5 * mib, 10 * mib, false}, 5.0 * mib),
+              QStringLiteral("2026  3 of 20+ files  5.0 MiB of 10.0 MiB+  5.0 MiB/s"));
+    EXPECT_EQ(treeProgressText(name, {0, 2, 0, 0, true}, 0),
+              QStringLiteral("2026  0 of 2 files  0 B of 0 B"));
+}
+
 TEST(TextForms, ProgressLeavesOutWhatIsUnknown) {
     const qint64 mib = 1024 * 1024;
     EXPECT_EQ(progressText(QStringLiteral("run"), 45 * mib, 100 * mib, 5.0 * mib, seconds(11)),

@@ -24,6 +24,7 @@ enum class ExitCode : int {
     NoHalvaneServer = 11, //!< what answers does not speak the protocol
     ServerTrouble = 12,   //!< the server is full, overloaded or has a fault
     ContentMismatch = 13, //!< a file changed while it was sent, or content differs from its checksum
+    PartlyFailed = 14,    //!< some of what was asked for was done, and some failed
     Canceled = 130        //!< interrupted
 };
 

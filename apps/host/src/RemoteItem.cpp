@@ -28,6 +28,7 @@ RemoteItem RemoteItem::fromFile(const orx::HalvaneFileItem& file, const QString&
     item.alias = file.alias();
     item.modifiedAt = file.modifiedAt();
     item.createdBy = file.createdBy();
+    item.sourceModifiedAt = file.sourceModifiedAt();
     if (!parentPath.isEmpty())
         item.path = RemotePath::join(parentPath, item.name);
     return item;
@@ -49,6 +50,7 @@ void RemoteItem::setVersion(const orx::HalvaneFileVersion& other) {
     alias = other.alias;
     modifiedAt = other.createdAt;
     createdBy = other.createdBy;
+    sourceModifiedAt = other.sourceModifiedAt;
 }
 
 } // namespace halvane::host

@@ -26,6 +26,8 @@ struct HALVANE_HOST_EXPORT RemoteItem {
     //! When this version was made; UTC; invalid for folders.
     QDateTime modifiedAt;
     QString createdBy;
+    //! Of the local file that this version was made of; UTC; invalid where it was not said.
+    QDateTime sourceModifiedAt;
 
     bool isFile() const { return type == ItemType::File; }
     bool isFolder() const { return type == ItemType::Folder; }

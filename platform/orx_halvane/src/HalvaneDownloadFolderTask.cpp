@@ -68,6 +68,7 @@ public:
     TreeProgress progress;
     int downloaded = 0;
     int nextKey = 0;
+    bool begun = false;
     bool advancing = false;
     bool listingWaited = false;
     bool removesOthers = false;
@@ -102,6 +103,18 @@ int HalvaneDownloadFolderTaskBase::fileCount() const {
 
 int HalvaneDownloadFolderTaskBase::downloadedFileCount() const {
     return d->downloaded;
+}
+
+qint64 HalvaneDownloadFolderTaskBase::totalBytes() const {
+    return d->plan.totalBytes();
+}
+
+qint64 HalvaneDownloadFolderTaskBase::doneBytes() const {
+    return d->progress.doneBytes();
+}
+
+bool HalvaneDownloadFolderTaskBase::isWholeTreeKnown() const {
+    return d->begun && d->plan.isWholeTreeKnown();
 }
 
 void HalvaneDownloadFolderTaskBase::removeWhatIsNotListed() {
@@ -148,6 +161,7 @@ void HalvaneDownloadFolderTaskBase::Private::makeTarget() {
                                          [path = target] { return TargetDirectories::makeTarget(path); }),
         [this](WorkerStepTask*) {
             plan.begin({reference->id(), rootPath});
+            begun = true;
             advance();
         });
 }

@@ -57,6 +57,11 @@ public:
     //! Files that were listed, and those of them that came down.
     int fileCount() const;
     int downloadedFileCount() const;
+    //! Of the files that were listed, and of what came down of them.
+    qint64 totalBytes() const;
+    qint64 doneBytes() const;
+    //! Whether everything has been listed: fileCount() and totalBytes() will not grow any more.
+    bool isWholeTreeKnown() const;
 
 protected:
     //! The task that brings \a fileReference as \a name into \a targetDir, which exists. Called once per

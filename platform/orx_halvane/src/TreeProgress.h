@@ -20,6 +20,8 @@ public:
     void settle(int key, qint64 bytes);
     //! The file failed; nothing of it counts.
     void drop(int key);
+    //! The bytes that are done; falls when a file fails.
+    qint64 doneBytes() const { return qint64(m_settled + m_underWaySum); }
     //! The value out of \a totalBytes when it has grown since the last call; below the maximum.
     std::optional<int> take(qint64 totalBytes);
 

@@ -1,0 +1,407 @@
+#include "FileDownloadTask.h"
+
+#include "ErrorText.h"
+#include "RemotePath.h"
+#include "Resources.h"
+
+#include <ContentCheck.h>
+#include <FileUtils.h>
+#include <HalvaneDownloadFileTask.h>
+#include <HalvaneHistory.h>
+#include <ResourceManager.h>
+#include <WorkerStepTask.h>
+#include <tasks/HalvaneDownloadFileCacheTask.h>
+
+#include <QDir>
+#include <QFileInfo>
+#include <QStorageInfo>
+
+namespace halvane::host {
+
+using orx::BaseTask;
+using orx::DuplicateDownloadPolicy;
+using orx::Error;
+using orx::ErrorCode;
+using orx::ErrorDomain;
+using orx::HalvaneDownloadFileCacheTask;
+using orx::HalvaneDownloadFileTask;
+using orx::HalvaneFileResourceReference;
+using orx::ResourceHandler;
+using orx::Result;
+using orx::WorkerStepTask;
+using Outcome = DownloadedFile::Outcome;
+
+namespace {
+
+// One job of a worker reads so much, so that an interruption is heard between two.
+constexpr qint64 readAtATime = 256 * 1024 * 1024;
+
+bool isThere(const QFileInfo& info) {
+    return info.exists() || info.isSymLink();
+}
+
+// Whether a retrieval failed here: neither at the server or on the way to it, nor because somebody asked it
+// to stop. What the server sent and what it said of it is the server's matter too.
+bool failedHere(const Error& error) {
+    if (error.domain() == ErrorDomain::Server || error.domain() == ErrorDomain::Network)
+        return false;
+    return !error.isCanceled() && !error.is(ErrorCode::NotAuthenticated) && !error.is(ErrorCode::TimedOut) &&
+           !error.is(ErrorCode::ChecksumMismatch);
+}
+
+std::unique_ptr<BaseTask> step(const QString& name, WorkerStepTask::Job job) {
+    return std::make_unique<WorkerStepTask>(name, std::move(job));
+}
+
+// Said before anything is fetched that could not be put there afterwards.
+Error checkPlace(const QFileInfo& target, qint64 size) {
+    const QString path = target.absoluteFilePath();
+    const QString directory = target.absolutePath();
+    if (target.isDir() && !target.isSymLink())
+        return Error(ErrorCode::FileNotWritable,
+                     QStringLiteral("\"%1\" is a directory; the file cannot take its place.").arg(path));
+    // A device or a pipe would be replaced by a file of its name.
+    if (target.exists() && !target.isSymLink() && !target.isFile())
+        return Error(
+            ErrorCode::FileNotWritable,
+            QStringLiteral("\"%1\" is not a regular file and stays as it is; give another path.").arg(path));
+    if (!QFileInfo(directory).isWritable())
+        return Error(ErrorCode::FileNotWritable,
+                     QStringLiteral("\"%1\" cannot be written: nothing can be made in the directory \"%2\".")
+                         .arg(path, directory));
+    const QStorageInfo storage(directory);
+    if (storage.isValid() && storage.bytesTotal() > 0 && storage.bytesAvailable() < size)
+        return Error(ErrorCode::StorageFull,
+                     QStringLiteral("There is no room for \"%1\": %2 bytes are missing; free some space.")
+                         .arg(path, QString::number(size - storage.bytesAvailable())));
+    return {};
+}
+
+} // namespace
+
+struct FileDownloadTask::Look {
+    bool isThere = false;
+    bool isFile = false;
+    //! A link that leads nowhere, which nobody but this task notices.
+    bool isDangling = false;
+    Error problem;
+};
+
+FileDownloadTask::FileDownloadTask(const Wanted& wanted, ClashAnswerer& answerer, MakeTask makeTask,
+                                   QObject* parent)
+    : ComplexTask(QStringLiteral("Download(%1)").arg(wanted.item.reference()), parent)
+    , m_wanted(wanted)
+    , m_answerer(answerer)
+    , m_makeTask(std::move(makeTask))
+    , m_name(wanted.name) {
+    m_result.item = wanted.item;
+}
+
+FileDownloadTask::~FileDownloadTask() = default;
+
+QString FileDownloadTask::targetPath() const {
+    return m_wanted.directory + u'/' + m_name;
+}
+
+bool FileDownloadTask::canUseCache() {
+    // The name of the entry is that on the server.
+    if (!m_wanted.useCache || !orx::ResourceManager::cache() || !isUsableLocalName(m_wanted.item.name))
+        return false;
+    if (!m_wanted.maxCachedBytes || m_wanted.item.size <= *m_wanted.maxCachedBytes)
+        return true;
+    addWarning(QStringLiteral("\"%1\" is larger than the cache may be and comes down without it.")
+                   .arg(m_wanted.item.name));
+    return false;
+}
+
+Error FileDownloadTask::initialize() {
+    m_usesCache = canUseCache();
+    const auto look = std::make_shared<Look>();
+    execSubtask(step(QStringLiteral("LookAtTarget"),
+                     [look, path = targetPath(), size = m_wanted.item.size]() -> Error {
+                         const QFileInfo target(path);
+                         look->isThere = isThere(target);
+                         look->isFile = target.isFile();
+                         look->isDangling = target.isSymLink() && !target.exists();
+                         look->problem = checkPlace(target, size);
+                         return {};
+                     }),
+                [this, look](BaseTask*) { onLooked(*look); });
+    return {};
+}
+
+// What is complete already needs neither room nor permission.
+void FileDownloadTask::onLooked(const Look& look) {
+    if (!look.isFile) {
+        if (look.problem.hasError())
+            return finish(look.problem);
+        return look.isThere ? onOtherContent(look) : fetch();
+    }
+    compare(targetPath(), [this, look](bool isSame) {
+        if (isSame)
+            return endAs(Outcome::Unchanged);
+        onOtherContent(look);
+    });
+}
+
+void FileDownloadTask::onOtherContent(const Look& look) {
+    if (m_answerer.policy() == IfExists::Skip)
+        return endAs(Outcome::Skipped);
+    // The plug-in's task asks when it has the file; but neither the direct download nor that of a dangling
+    // link does.
+    const bool isAskedLater = m_answerer.policy() == IfExists::Ask && m_usesCache && !look.isDangling;
+    const QString madeBy = m_answerer.whoMade(targetPath());
+    const Result<IfExists> decision =
+        isAskedLater ? Result<IfExists>(IfExists::Ask) : decide(targetPath(), madeBy);
+    if (decision.hasError())
+        return finish(decision.error());
+    if (*decision == IfExists::Skip)
+        return endAs(Outcome::Skipped);
+    if (look.problem.hasError())
+        return finish(look.problem);
+    if (*decision == IfExists::Rename)
+        return findFreeName(2);
+    m_mayOverwrite = *decision == IfExists::Overwrite;
+    fetch();
+}
+
+// The first name that is free, or under which an earlier run left this very content.
+void FileDownloadTask::findFreeName(int number) {
+    int passed = 1;
+    m_name = orx::FileUtils::freeName(m_wanted.name,
+                                      [&passed, number](const QString&) { return passed++ < number; });
+    if (!isThere(QFileInfo(targetPath())))
+        return fetch();
+    compare(targetPath(), [this, number](bool isSame) {
+        if (isSame)
+            return endAs(Outcome::Unchanged);
+        findFreeName(number + 1);
+    });
+}
+
+void FileDownloadTask::compare(const QString& path, const Compared& next) {
+    if (m_wanted.item.sha256.isEmpty())
+        return next(false);
+    compareMore(
+        std::make_shared<orx::ContentCheck>(path, m_wanted.item.size, m_wanted.item.sha256.toLatin1()), next);
+}
+
+void FileDownloadTask::compareMore(const std::shared_ptr<orx::ContentCheck>& check, const Compared& next) {
+    const auto isSame = std::make_shared<std::optional<bool>>();
+    execSubtask(step(QStringLiteral("CompareContent"),
+                     [check, isSame]() -> Error {
+                         *isSame = check->isSame(readAtATime);
+                         return {};
+                     }),
+                [this, check, isSame, next](BaseTask*) {
+                    if (*isSame)
+                        next(**isSame);
+                    else
+                        compareMore(check, next);
+                });
+}
+
+Result<IfExists> FileDownloadTask::decide(const QString& path, const QString& madeBy) {
+    Clash clash;
+    clash.existing = QFileInfo(path);
+    clash.madeBy = madeBy;
+    clash.item = m_wanted.item;
+    if (m_answerer.policy() == IfExists::Ask) {
+        // For the person only; a history that cannot be read is told when it is written.
+        const auto version = orx::HalvaneHistory().fileVersion(path, m_wanted.item.id);
+        if (!version.hasError())
+            clash.existingVersion = version.value();
+    }
+    return m_answerer.decide(clash);
+}
+
+void FileDownloadTask::endAs(Outcome outcome) {
+    m_result.outcome = outcome;
+    m_result.path = targetPath();
+    m_result.warnings = error().warnings();
+    if (outcome == Outcome::Unchanged)
+        recordVersion({targetPath()});
+}
+
+// ---- through the cache
+
+void FileDownloadTask::fetch() {
+    if (!m_usesCache)
+        return fetchDirectly();
+    const auto handler = handlerOf(m_wanted.item);
+    if (handler.hasError())
+        return fetchWithoutCache(handler.error());
+    m_handler = handler.value();
+    m_result.fromCache = m_handler->isAvailableLocally();
+    const auto cached = m_handler->expectedPath();
+    if (!m_result.fromCache || cached.hasError() || QFileInfo(cached->toString()).isDir() ||
+        m_wanted.item.sha256.isEmpty())
+        return fetchThroughCache();
+    // Size and time of the entry are right; whether its bytes still are only they can tell.
+    compare(cached->toString(), [this](bool isSame) {
+        if (isSame)
+            return fetchThroughCache();
+        addWarning(
+            QStringLiteral("The copy of \"%1\" in the cache is not what the server has; it is fetched anew.")
+                .arg(m_wanted.item.name));
+        refreshCache();
+    });
+}
+
+void FileDownloadTask::refreshCache() {
+    m_result.fromCache = false;
+    m_handler->overrideRetrieveMode(ResourceHandler::RetrieveMode::Refresh);
+    auto retrieval = m_handler->retrieveAsync(ResourceHandler::AsyncProcessingType::RunByCaller, nullptr);
+    if (retrieval.hasError())
+        return onNotCopied(retrieval.error());
+    execSubtask(
+        std::unique_ptr<BaseTask>(std::move(retrieval).value()), [this](BaseTask*) { fetchThroughCache(); },
+        [this](BaseTask* task) { onNotCopied(task->error()); });
+}
+
+void FileDownloadTask::fetchThroughCache() {
+    // Whether it is to be skipped or renamed this task answers itself, so that it knows what came of it.
+    const auto policy = m_mayOverwrite ? DuplicateDownloadPolicy::Overwrite : DuplicateDownloadPolicy::Ask;
+    HalvaneDownloadFileCacheTask* task = nullptr;
+    if (m_makeTask) {
+        task = m_makeTask(*this, m_name, policy);
+    } else {
+        const auto reference = referenceOf(m_wanted.item, m_wanted.item.name);
+        if (reference.hasError())
+            return finish(reference.error());
+        task = new HalvaneDownloadFileCacheTask(reference->dynamicCast<HalvaneFileResourceReference>(),
+                                                orx::DirPath(m_wanted.directory), m_name, nullptr);
+        task->setDuplicateFilesPolicy(orx::duplicatePolicy(policy));
+        connect(task, &HalvaneDownloadFileCacheTask::duplicateFileNameDetectedOnCopy, this,
+                [this, task](const QStringList& names, QStringList* newNames) {
+                    onClash(names, {}, *task, *newNames);
+                });
+    }
+    connect(task, &BaseTask::progressInitiated, this, &BaseTask::progressInitiated);
+    connect(task, &BaseTask::progress, this, &BaseTask::progress);
+    execSubtask(
+        std::unique_ptr<BaseTask>(task), [this, task](BaseTask*) { onCopied(*task); },
+        [this](BaseTask* ended) { onNotCopied(ended->error()); });
+}
+
+// All names of one file get the decision that the first of them got.
+void FileDownloadTask::onClash(const QStringList& names, const MadeBy& madeBy,
+                               HalvaneDownloadFileCacheTask& task, QStringList& newNames) {
+    const QDir directory(m_wanted.directory);
+    const QString first = names.value(0);
+    const auto maker = madeBy.value(first);
+    const QString path = directory.filePath(first);
+    const Result<IfExists> decision = decide(path, maker ? maker->toText() : m_answerer.whoMade(path));
+    using Policy = orx::FileUtils::DuplicateFilesPolicy;
+    if (decision.hasError()) {
+        m_refusal = decision.error();
+        task.setError(m_refusal);
+    } else if (*decision == IfExists::Overwrite) {
+        task.setDuplicateFilesPolicy(Policy::Overwrite);
+    } else if (*decision == IfExists::Skip) {
+        m_skipped = true;
+        task.setDuplicateFilesPolicy(Policy::Skip);
+    } else {
+        const auto isTaken = [&](const QString& name) {
+            return isThere(QFileInfo(directory.filePath(name))) || newNames.contains(name);
+        };
+        for (QString& name : newNames)
+            name = orx::FileUtils::freeName(name, isTaken);
+        m_name = newNames.value(0);
+    }
+}
+
+void FileDownloadTask::onCopied(HalvaneDownloadFileCacheTask& task) {
+    QStringList paths;
+    for (const QString& name : task.filenames())
+        paths.append(m_wanted.directory + u'/' + name);
+    if (paths.isEmpty() && m_skipped)
+        return endAs(Outcome::Skipped);
+    if (paths.isEmpty())
+        paths.append(targetPath());
+    m_result.path = paths.first();
+    m_result.outcome = Outcome::Downloaded;
+    m_result.isRenamed = m_name != m_wanted.name;
+    recordVersion(paths);
+}
+
+void FileDownloadTask::recordVersion(const QStringList& paths) {
+    const auto warning = std::make_shared<QString>();
+    execSubtask(
+        step(QStringLiteral("RecordVersion"),
+             [paths, warning, item = m_wanted.item]() -> Error {
+                 for (const QString& path : paths) {
+                     const Error error = orx::HalvaneHistory().setFileVersion(path, item.id, item.version);
+                     if (error.hasError())
+                         *warning = error.errorMessage();
+                 }
+                 return {};
+             }),
+        [this, warning](BaseTask*) {
+            if (!warning->isEmpty())
+                addWarning(QStringLiteral("The file \"%1\" was downloaded, but that could not be recorded "
+                                          "here: %2")
+                               .arg(m_result.path, *warning));
+            m_result.warnings = error().warnings();
+        });
+}
+
+// ---- when the cache or the copy failed
+
+void FileDownloadTask::onNotCopied(const Error& error) {
+    if (isCanceled())
+        return finish(error);
+    if (m_refusal.hasError())
+        return finish(m_refusal);
+    if (!failedHere(error))
+        return finish(error);
+    explain(error);
+}
+
+// The copy does not say what was wrong with it. The target is looked at; when it is not to blame, the cache
+// is.
+void FileDownloadTask::explain(const Error& error) {
+    const auto problem = std::make_shared<Error>();
+    execSubtask(step(QStringLiteral("LookAgain"),
+                     [problem, path = targetPath(), size = m_wanted.item.size]() -> Error {
+                         *problem = checkPlace(QFileInfo(path), size);
+                         return {};
+                     }),
+                [this, problem, error](BaseTask*) {
+                    if (problem->hasError())
+                        return finish(*problem);
+                    fetchWithoutCache(error);
+                });
+}
+
+void FileDownloadTask::fetchWithoutCache(const Error& cause) {
+    addWarning(QStringLiteral("The cache could not be used, the file comes down without it: %1")
+                   .arg(errorText(cause)));
+    fetchDirectly();
+}
+
+void FileDownloadTask::fetchDirectly() {
+    m_result.fromCache = false;
+    const auto reference =
+        HalvaneFileResourceReference::create(m_wanted.item.id, m_wanted.item.version, m_wanted.item.name);
+    if (reference.hasError())
+        return finish(reference.error());
+    orx::HalvaneFileDownloadParameters parameters;
+    parameters.reference = reference.value();
+    parameters.targetDir = QDir(m_wanted.directory);
+    parameters.targetName = m_name;
+    parameters.overwrite = m_mayOverwrite;
+    auto task = std::make_unique<HalvaneDownloadFileTask>(parameters);
+    connect(task.get(), &BaseTask::progressInitiated, this, &BaseTask::progressInitiated);
+    connect(task.get(), &BaseTask::progress, this, &BaseTask::progress);
+    execSubtask(std::move(task), [this](HalvaneDownloadFileTask* ended) {
+        m_result.item.sha256 = ended->sha256();
+        m_result.item.size = ended->size();
+        m_result.path = targetPath();
+        m_result.outcome = Outcome::Downloaded;
+        m_result.isRenamed = m_name != m_wanted.name;
+        m_result.warnings = error().warnings();
+    });
+}
+
+} // namespace halvane::host

@@ -1,0 +1,303 @@
+// Folders and several things at a time come down: whole, beside what is there already, and again only as far
+// as they are missing.
+#include "Client.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <QDateTime>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonArray>
+
+namespace orx::testing {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+class GetTrees : public ::testing::Test {
+protected:
+    // /raw/2026 holds a.mzML and b.mzML, /raw/2026/sub holds c.mzML, /raw/2026/empty nothing.
+    void SetUp() override {
+        ASSERT_TRUE(server.start());
+        ASSERT_TRUE(client.login(server.url()));
+        client.mustRun({"mkdir", "-p", "/raw/2026/sub"});
+        client.mustRun({"mkdir", "/raw/2026/empty"});
+        put("a.mzML", "content of a", "/raw/2026");
+        put("b.mzML", "content of b", "/raw/2026");
+        put("c.mzML", "content of c", "/raw/2026/sub");
+        server.clearRequests();
+    }
+
+    //! Into no cache; the JSON object of the file.
+    QJsonObject put(const QString& name, const QByteArray& content, const QString& folder,
+                    const QStringList& options = {}) {
+        const QString file = client.makeFile("source of " + name, content);
+        QFile local(file);
+        EXPECT_TRUE(local.open(QIODevice::ReadWrite));
+        EXPECT_TRUE(local.setFileTime(sourceTime, QFileDevice::FileModificationTime));
+        local.close();
+        const QJsonObject uploaded =
+            client
+                .mustRun(QStringList{"--json", "put", "--no-cache", file, "--to", folder, "--as", name} +
+                         options)
+                .object();
+        EXPECT_TRUE(QFile::remove(file));
+        return uploaded;
+    }
+    void writeLocal(const QString& path, const QByteArray& content) {
+        ASSERT_TRUE(QDir().mkpath(QFileInfo(client.path(path)).path()));
+        client.makeFile(path, content);
+    }
+    QByteArray local(const QString& path) const { return Client::contentOf(client.path(path)); }
+    int contentsFetched() const { return server.countRequests("GET", "/content"); }
+    Outcome get(const QStringList& arguments) { return client.run(QStringList{"--json", "get"} + arguments); }
+    //! The objects of one type.
+    static QList<QJsonObject> ofType(const Outcome& outcome, const QString& type) {
+        QList<QJsonObject> found = outcome.objects();
+        found.removeIf([&](const QJsonObject& object) { return object["type"] != type; });
+        return found;
+    }
+    //! The outcomes of files by their path in \a directory.
+    QMap<QString, QString> outcomes(const Outcome& outcome, const QString& directory) const {
+        QMap<QString, QString> found;
+        for (const QJsonObject& file : ofType(outcome, "file"))
+            found.insert(
+                QDir(QDir(client.path(directory)).canonicalPath()).relativeFilePath(file["path"].toString()),
+                file["outcome"].toString());
+        return found;
+    }
+
+    const QDateTime sourceTime = QDateTime::fromSecsSinceEpoch(1'700'000'000);
+    RealServer server;
+    Client client;
+};
+
+TEST_F(GetTrees, AFolderComesDownWithEverythingInIt) {
+    const Outcome outcome = get({"/raw/2026", "--to", "out"});
+    ASSERT_EQ(outcome.exitCode, 0) << outcome.err.constData();
+    EXPECT_EQ(outcome.err, "");
+    EXPECT_EQ(client.filesIn("out"), QStringList{"2026"});
+    EXPECT_EQ(client.filesIn("out/2026"), (QStringList{"a.mzML", "b.mzML", "empty", "sub"}));
+    EXPECT_EQ(client.filesIn("out/2026/empty"), QStringList());
+    EXPECT_EQ(local("out/2026/a.mzML"), "content of a");
+    EXPECT_EQ(local("out/2026/b.mzML"), "content of b");
+    EXPECT_EQ(local("out/2026/sub/c.mzML"), "content of c");
+    for (const QString name : {"a.mzML", "b.mzML", "sub/c.mzML"})
+        EXPECT_EQ(QFileInfo(client.path("out/2026/" + name)).lastModified(), sourceTime) << qPrintable(name);
+
+    EXPECT_EQ(outcomes(outcome, "out/2026"),
+              (QMap<QString, QString>{
+                  {"a.mzML", "downloaded"}, {"b.mzML", "downloaded"}, {"sub/c.mzML", "downloaded"}}));
+    const QList<QJsonObject> folders = ofType(outcome, "folder");
+    ASSERT_EQ(folders.size(), 1);
+    EXPECT_EQ(folders[0]["path"].toString(), QFileInfo(client.path("out/2026")).canonicalFilePath());
+    EXPECT_EQ(folders[0]["outcome"], "downloaded");
+    EXPECT_EQ(folders[0]["files"], 3);
+    EXPECT_EQ(folders[0]["downloaded"], 3);
+    EXPECT_EQ(folders[0]["failed"], 0);
+    EXPECT_EQ(contentsFetched(), 3);
+}
+
+// What was written is known as the version that this machine has there; what was not is not.
+TEST_F(GetTrees, TheVersionsThatCameAreRecorded) {
+    writeLocal("out/2026/b.mzML", "another b");
+    ASSERT_EQ(get({"/raw/2026", "--to", "out", "--if-exists", "skip"}).exitCode, 0);
+    put("a.mzML", "second content of a", "/raw/2026", {"--new-version"});
+    put("b.mzML", "second content of b", "/raw/2026", {"--new-version"});
+    const auto putChecked = [this](const QString& name) {
+        return client.run(
+            {"--json", "put", "out/2026/" + name, "--to", "/raw/2026", "--new-version", "--check-version"});
+    };
+    client.makeFile("out/2026/a.mzML", "edited a");
+    const Outcome conflict = putChecked("a.mzML");
+    EXPECT_EQ(conflict.exitCode, 8);
+    EXPECT_THAT(conflict.object()["message"].toString().toStdString(), HasSubstr("last had version 1"));
+    EXPECT_EQ(putChecked("b.mzML").exitCode, 0);
+}
+
+TEST_F(GetTrees, ASecondRunFetchesOnlyWhatIsMissing) {
+    const QStringList arguments{"/raw/2026", "--to", "out", "--no-cache"};
+    ASSERT_EQ(get(arguments).exitCode, 0);
+    EXPECT_EQ(contentsFetched(), 3);
+    ASSERT_TRUE(QFile::remove(client.path("out/2026/sub/c.mzML")));
+    server.clearRequests();
+
+    const Outcome second = get(arguments);
+    ASSERT_EQ(second.exitCode, 0) << second.err.constData();
+    EXPECT_EQ(outcomes(second, "out/2026"),
+              (QMap<QString, QString>{
+                  {"a.mzML", "unchanged"}, {"b.mzML", "unchanged"}, {"sub/c.mzML", "downloaded"}}));
+    EXPECT_EQ(contentsFetched(), 1);
+    EXPECT_EQ(local("out/2026/sub/c.mzML"), "content of c");
+}
+
+// The same size and time are not the same content.
+TEST_F(GetTrees, AFileOfAnotherContentIsNotTakenForTheSame) {
+    ASSERT_EQ(get({"/raw/2026", "--to", "out"}).exitCode, 0);
+    client.makeFile("out/2026/a.mzML", "another of a");
+    QFile changed(client.path("out/2026/a.mzML"));
+    ASSERT_TRUE(changed.open(QIODevice::ReadWrite));
+    ASSERT_TRUE(changed.setFileTime(sourceTime, QFileDevice::FileModificationTime));
+    changed.close();
+    ASSERT_EQ(QFileInfo(changed).size(), qint64(strlen("content of a")));
+
+    const Outcome refused = get({"/raw/2026", "--to", "out"});
+    EXPECT_EQ(refused.exitCode, 14);
+    EXPECT_EQ(local("out/2026/a.mzML"), "another of a");
+}
+
+TEST_F(GetTrees, WithoutATerminalAClashFailsSayingWhichOptionToGive) {
+    writeLocal("out/2026/a.mzML", "local work");
+    const Outcome outcome = get({"/raw/2026", "--to", "out"});
+    EXPECT_EQ(outcome.exitCode, 14);
+    const QList<QJsonObject> failures = ofType(outcome, "failure");
+    ASSERT_EQ(failures.size(), 1);
+    EXPECT_EQ(failures[0]["error"], "AlreadyExists");
+    EXPECT_EQ(failures[0]["exit_code"], 4);
+    EXPECT_EQ(failures[0]["source"], "/raw/2026");
+    EXPECT_EQ(failures[0]["path"].toString(), QFileInfo(client.path("out/2026/a.mzML")).canonicalFilePath());
+    EXPECT_THAT(failures[0]["message"].toString().toStdString(), HasSubstr("--if-exists overwrite"));
+    EXPECT_EQ(outcome.objects().last()["error"], "PartlyFailed");
+    EXPECT_EQ(outcome.objects().last()["exit_code"], 14);
+    EXPECT_EQ(local("out/2026/a.mzML"), "local work");
+    EXPECT_EQ(local("out/2026/b.mzML"), "content of b");
+    // What cannot be put there is not fetched.
+    EXPECT_EQ(contentsFetched(), 2);
+}
+
+TEST_F(GetTrees, TheOptionDecidesAboutClashes) {
+    writeLocal("out/2026/a.mzML", "local work");
+    const auto ran = [this](const QString& what) {
+        return get({"/raw/2026", "--to", "out", "--if-exists", what});
+    };
+    const Outcome skipped = ran("skip");
+    EXPECT_EQ(skipped.exitCode, 0);
+    EXPECT_EQ(outcomes(skipped, "out/2026")["a.mzML"], "skipped");
+    EXPECT_EQ(local("out/2026/a.mzML"), "local work");
+
+    const Outcome renamed = ran("rename");
+    EXPECT_EQ(renamed.exitCode, 0);
+    EXPECT_EQ(outcomes(renamed, "out/2026")["a (2).mzML"], "downloaded");
+    EXPECT_EQ(local("out/2026/a (2).mzML"), "content of a");
+    EXPECT_EQ(local("out/2026/a.mzML"), "local work");
+    // Once more makes no third one.
+    EXPECT_EQ(outcomes(ran("rename"), "out/2026")["a (2).mzML"], "unchanged");
+    EXPECT_EQ(client.filesIn("out/2026").size(), 5);
+
+    EXPECT_EQ(ran("fail").exitCode, 14);
+    EXPECT_EQ(local("out/2026/a.mzML"), "local work");
+    EXPECT_EQ(outcomes(ran("overwrite"), "out/2026")["a.mzML"], "downloaded");
+    EXPECT_EQ(local("out/2026/a.mzML"), "content of a");
+}
+
+TEST_F(GetTrees, OneFailureHidesNoOtherAndARunWithoutItsReasonCompletes) {
+    ASSERT_TRUE(QDir().mkpath(client.path("out/2026/a.mzML/in the way")));
+    writeLocal("out/2026/sub", "in the way too");
+    const QStringList arguments{"/raw/2026", "--to", "out", "--no-cache"};
+    const Outcome first = client.run(QStringList{"get"} + arguments);
+    EXPECT_EQ(first.exitCode, 14);
+    const std::string said = first.err.toStdString();
+    EXPECT_THAT(said, HasSubstr("not downloaded:"));
+    EXPECT_THAT(said, HasSubstr("out/2026/a.mzML"));
+    EXPECT_THAT(said, HasSubstr("is a directory"));
+    EXPECT_THAT(said, HasSubstr("out/2026/sub"));
+    EXPECT_THAT(said, HasSubstr("is in the way"));
+    EXPECT_THAT(said, HasSubstr("run the same command again"));
+    EXPECT_EQ(local("out/2026/b.mzML"), "content of b");
+
+    ASSERT_TRUE(QDir(client.path("out/2026/a.mzML")).removeRecursively());
+    ASSERT_TRUE(QFile::remove(client.path("out/2026/sub")));
+    server.clearRequests();
+    const Outcome second = get(arguments);
+    EXPECT_EQ(second.exitCode, 0) << second.err.constData();
+    EXPECT_EQ(contentsFetched(), 2);
+    EXPECT_EQ(local("out/2026/a.mzML"), "content of a");
+    EXPECT_EQ(local("out/2026/sub/c.mzML"), "content of c");
+}
+
+TEST_F(GetTrees, SeveralThingsComeByOneCommand) {
+    const Outcome outcome =
+        get({"/raw/2026/a.mzML", "/raw/nowhere", "/raw/2026/sub", "file:2", "--to", "out"});
+    EXPECT_EQ(outcome.exitCode, 14);
+    EXPECT_EQ(client.filesIn("out"), (QStringList{"a.mzML", "b.mzML", "sub"}));
+    EXPECT_EQ(local("out/sub/c.mzML"), "content of c");
+    const QList<QJsonObject> failures = ofType(outcome, "failure");
+    ASSERT_EQ(failures.size(), 1);
+    EXPECT_EQ(failures[0]["path"], "/raw/nowhere");
+    EXPECT_EQ(failures[0]["error"], "NotFound");
+    EXPECT_EQ(failures[0]["exit_code"], 6);
+}
+
+// When nothing came at all the code is that of the first reason.
+TEST_F(GetTrees, WhenNothingCameTheExitCodeTellsWhy) {
+    const Outcome outcome = get({"/nowhere", "/raw/nowhere", "--to", "out"});
+    EXPECT_EQ(outcome.exitCode, 6);
+    EXPECT_EQ(ofType(outcome, "failure").size(), 2);
+    EXPECT_FALSE(QFileInfo::exists(client.path("out")));
+}
+
+TEST_F(GetTrees, FoldersOfOneNameAreNeverMerged) {
+    client.mustRun({"mkdir", "-p", "/old/2026"});
+    put("a.mzML", "old content", "/old/2026");
+    const Outcome outcome = get({"/raw/2026", "/old/2026", "--to", "out"});
+    EXPECT_EQ(outcome.exitCode, 14);
+    const QList<QJsonObject> failures = ofType(outcome, "failure");
+    ASSERT_EQ(failures.size(), 1);
+    EXPECT_EQ(failures[0]["source"], "/old/2026");
+    EXPECT_THAT(failures[0]["message"].toString().toStdString(), HasSubstr("nothing is merged"));
+    EXPECT_EQ(local("out/2026/a.mzML"), "content of a");
+    // The same one twice is one.
+    EXPECT_EQ(get({"/raw/2026", "folder:3", "--to", "twice"}).exitCode, 0);
+}
+
+TEST_F(GetTrees, AFileOfTheSameRunIsNotOverwrittenByAPolicy) {
+    client.mustRun({"mkdir", "/old"});
+    put("a.mzML", "old content", "/old");
+    const Outcome outcome =
+        get({"/raw/2026/a.mzML", "/old/a.mzML", "--to", "out", "--if-exists", "overwrite"});
+    EXPECT_EQ(outcome.exitCode, 14);
+    ASSERT_EQ(ofType(outcome, "failure").size(), 1);
+    EXPECT_THAT(ofType(outcome, "failure")[0]["message"].toString().toStdString(),
+                HasSubstr("is file:1@1 of this same download"));
+    EXPECT_EQ(local("out/a.mzML"), "content of a");
+    EXPECT_EQ(get({"/raw/2026/a.mzML", "/old/a.mzML", "--to", "both", "--if-exists", "rename"}).exitCode, 0);
+    EXPECT_EQ(local("both/a.mzML"), "content of a");
+    EXPECT_EQ(local("both/a (2).mzML"), "old content");
+}
+
+TEST_F(GetTrees, AnotherNameIsGivenWithAs) {
+    ASSERT_EQ(get({"/raw/2026", "--to", "out", "--as", "march"}).exitCode, 0);
+    EXPECT_EQ(local("out/march/sub/c.mzML"), "content of c");
+    ASSERT_EQ(get({"/raw/2026/a.mzML", "--to", "out", "--as", "first.mzML"}).exitCode, 0);
+    EXPECT_EQ(local("out/first.mzML"), "content of a");
+    EXPECT_EQ(client.filesIn("out"), (QStringList{"first.mzML", "march"}));
+    for (const QString name : {"", "..", "a/b", "/etc/x"})
+        EXPECT_EQ(get({"/raw/2026", "--to", "out", "--as", name}).exitCode, 2) << qPrintable(name);
+    EXPECT_EQ(get({"file:1", "file:2", "--to", "out", "--as", "both"}).exitCode, 2);
+}
+
+TEST_F(GetTrees, TheRootComesAsItsContent) {
+    ASSERT_EQ(get({"/", "--to", "out"}).exitCode, 0);
+    EXPECT_EQ(client.filesIn("out"), QStringList{"raw"});
+    EXPECT_EQ(local("out/raw/2026/sub/c.mzML"), "content of c");
+    ASSERT_EQ(get({"/", "--to", "out", "--as", "all"}).exitCode, 0);
+    EXPECT_EQ(local("out/all/raw/2026/a.mzML"), "content of a");
+}
+
+TEST_F(GetTrees, ATargetDirectoryIsMadeButNotThoseAboveIt) {
+    client.makeFile("a file", "in the way");
+    EXPECT_EQ(get({"/raw/2026", "--to", "no/such"}).exitCode, 4);
+    EXPECT_EQ(get({"/raw/2026", "--to", "a file"}).exitCode, 4);
+    EXPECT_EQ(get({"file:1", "file:2", "--to", "a file"}).exitCode, 4);
+    EXPECT_EQ(get({"file:1", "--to", "no directory/"}).exitCode, 4);
+    EXPECT_EQ(contentsFetched(), 0);
+    EXPECT_EQ(client.filesIn(), QStringList{"a file"});
+    EXPECT_EQ(get({"/raw/2026/sub", "--to", "made/"}).exitCode, 0);
+    EXPECT_EQ(local("made/sub/c.mzML"), "content of c");
+}
+
+} // namespace
+} // namespace orx::testing
