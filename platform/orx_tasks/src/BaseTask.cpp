@@ -1,6 +1,7 @@
 #include "BaseTask_p.h"
 #include "OwnerInbox.h"
 #include "TasksLog.h"
+#include "TreeSlots.h"
 
 #include <QPointer>
 
@@ -75,6 +76,10 @@ void BaseTask::cancel() {
     const QPointer<BaseTask> guard(this);
     const int run = d->run;
     ErrorCancelable::cancel();
+    if (!guard || d->run != run)
+        return;
+    if (d->state == State::Created && d->observer)
+        d->observer->taskCanceledEarly(this);
     if (!guard || d->run != run || d->state != State::Running)
         return;
     cancelDescendants();
@@ -142,6 +147,14 @@ void BaseTask::checkIdle() {
     Q_EMIT idle();
     if (guard && d->observer)
         d->observer->taskIdle(this);
+}
+
+void BaseTask::lendSlot() {
+    TreeSlots::lend(this);
+}
+
+void BaseTask::takeSlotBack(std::function<void()> then) {
+    TreeSlots::takeBack(this, std::move(then));
 }
 
 void BaseTask::adoptWarnings(const Warnings& warnings) {

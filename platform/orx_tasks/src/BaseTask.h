@@ -7,6 +7,7 @@
 #include <QList>
 #include <QVariant>
 
+#include <functional>
 #include <memory>
 
 namespace orx {
@@ -98,6 +99,13 @@ protected:
     //! caller then starts what is to run; the run ends by another finish(). Not while a body of this task
     //! still runs on a worker (see isIdle()).
     void restart();
+    //! A wait for a person begins: the slot with which a group admitted this task, or the one it is a step of
+    //! (see GroupTask), serves others until takeSlotBack(). Nothing for tasks that no group admitted.
+    void lendSlot();
+    //! The wait is over: \a then is called when the slot is there again, at once when none was lent or others
+    //! below the same child of the group still wait; never when this task has ended or is gone by then.
+    //! Once per lendSlot().
+    void takeSlotBack(std::function<void()> then);
     //! Re-evaluates isIdle() after something changed, and emits idle() when due.
     void checkIdle();
 
@@ -115,6 +123,7 @@ private:
     void adoptWarnings(const Warnings& warnings);
 
     friend class SubtaskSet;
+    friend class TreeSlots;
     friend class ComplexTask;
     friend class GroupTask;
     friend class Task;

@@ -12,6 +12,8 @@ class TaskObserver {
 public:
     virtual void taskFinished(BaseTask* task) = 0;
     virtual void taskIdle(BaseTask* task) = 0;
+    //! \a task was cancelled before it was executed.
+    virtual void taskCanceledEarly(BaseTask* task) = 0;
     //! \a task is being destroyed; only its address may be used.
     virtual void taskDestroyed(BaseTask* task) = 0;
 
@@ -23,7 +25,8 @@ struct BaseTask::Private {
     QString name;
     QVariant result;
     TaskObserver* observer = nullptr;
-    void* subtask = nullptr; //!< the observer's record of this task
+    void* subtask = nullptr;   //!< the observer's record of this task
+    BaseTask* owner = nullptr; //!< the task that started this one as a subtask
     State state = State::Created;
     bool finishing = false;
     bool idleReported = false;

@@ -9,8 +9,10 @@ namespace orx {
 struct ComplexTask::Private : TaskObserver {
     explicit Private(ComplexTask* task)
         : q(task)
-        , steps({[this](const Error& error, bool handled) { onStepFailed(error, handled); },
-                 [this](const Warnings& warnings) { q->adoptWarnings(warnings); }, [this] { settle(); }}) {}
+        , steps(task, {[this](const Error& error, bool handled) { onStepFailed(error, handled); },
+                       [this](const Warnings& warnings) { q->adoptWarnings(warnings); },
+                       [](int) {}, // steps are not admitted
+                       [this] { settle(); }}) {}
 
     Subtask* appendedRecord(BaseTask* task) const;
     void startGroup();
@@ -21,6 +23,7 @@ struct ComplexTask::Private : TaskObserver {
 
     void taskFinished(BaseTask* task) override;
     void taskIdle(BaseTask*) override { settle(); }
+    void taskCanceledEarly(BaseTask*) override {}
     void taskDestroyed(BaseTask*) override {}
 
     ComplexTask* const q;
@@ -44,6 +47,7 @@ void ComplexTask::Private::setGroup(std::unique_ptr<GroupTask> newGroup) {
     group = std::move(newGroup);
     group->setParent(nullptr);
     group->BaseTask::d->observer = this;
+    group->BaseTask::d->owner = q;
 }
 
 //! Starts what waits in the group, in whatever state that is.
@@ -64,7 +68,7 @@ void ComplexTask::Private::startGroup() {
         if (q->isCanceled())
             group->cancel();
         if (guard)
-            group->d->startWaiting();
+            group->d->startAdded();
     }
 }
 
@@ -79,7 +83,7 @@ void ComplexTask::Private::onStepFailed(const Error& error, bool handled) {
 }
 
 bool ComplexTask::Private::isGroupBusy() const {
-    return group && (groupRuns || !group->d->running.isEmpty());
+    return group && (groupRuns || !group->d->running.isEmpty() || !group->d->queued.empty());
 }
 
 void ComplexTask::Private::taskFinished(BaseTask*) {

@@ -5,6 +5,7 @@
 #include <QPointer>
 #include <QThread>
 
+#include <algorithm>
 #include <utility>
 #include <vector>
 
@@ -47,7 +48,7 @@ void disposeLater(std::unique_ptr<BaseTask> task) {
     batches.open->tasks.push_back(std::move(task));
 }
 
-SubtaskSet::SubtaskSet(Owner owner) : m_owner(std::move(owner)) {}
+SubtaskSet::SubtaskSet(BaseTask* task, Owner owner) : m_task(task), m_owner(std::move(owner)) {}
 
 SubtaskSet::~SubtaskSet() {
     *m_alive = false;
@@ -82,6 +83,7 @@ void SubtaskSet::start(std::list<Subtask>& list, std::list<Subtask>::iterator su
     subtask->owner = this;
     BaseTask* const task = subtask->task.get();
     task->d->observer = this;
+    task->d->owner = m_task;
     const auto alive = m_alive;
     ++m_depth;
     if (canceled)
@@ -94,6 +96,17 @@ void SubtaskSet::start(std::list<Subtask>& list, std::list<Subtask>::iterator su
         return;
     --m_depth;
     work();
+}
+
+void SubtaskSet::lose(std::list<Subtask>& list, std::list<Subtask>::iterator subtask) {
+    m_subtasks.splice(m_subtasks.end(), list, subtask);
+    subtask->owner = this;
+    taskDestroyed(subtask->task.get());
+}
+
+int SubtaskSet::heldSlots() const {
+    return int(std::count_if(m_subtasks.begin(), m_subtasks.end(),
+                             [](const Subtask& subtask) { return subtask.slot == Subtask::Slot::Held; }));
 }
 
 void SubtaskSet::beginRun() {
@@ -169,7 +182,10 @@ void SubtaskSet::work() {
             return;
     }
     --m_depth;
-    m_owner.settled();
+    if (m_freedSlots > 0)
+        m_owner.slotsFreed(std::exchange(m_freedSlots, 0));
+    if (*alive)
+        m_owner.settled();
 }
 
 //! Returns false when the set was destroyed meanwhile.
@@ -178,6 +194,8 @@ bool SubtaskSet::workOff(Subtask& subtask) {
         return forget(subtask);
     if (std::exchange(subtask.ended, false) && !tell(subtask))
         return false;
+    if (!subtask.task || subtask.task->isFinished())
+        releaseSlot(subtask);
     if (subtask.task && !subtask.queued && subtask.task->isIdle())
         retire(subtask);
     return true;
@@ -213,6 +231,7 @@ bool SubtaskSet::forget(Subtask& subtask) {
     const auto alive = m_alive;
     const bool lost = subtask.lost;
     const bool leftBehind = subtask.leftBehind;
+    releaseSlot(subtask);
     m_subtasks.erase(subtask.self);
     if (lost)
         report(Error(ErrorCode::General, BaseTask::tr("A subtask was deleted before it had ended.")), false,
@@ -224,8 +243,14 @@ void SubtaskSet::retire(Subtask& subtask) {
     BaseTask* const task = subtask.task.get();
     task->d->observer = nullptr;
     task->d->subtask = nullptr;
+    task->d->owner = nullptr;
     disposeLater(std::move(subtask.task));
     m_subtasks.erase(subtask.self);
+}
+
+void SubtaskSet::releaseSlot(Subtask& subtask) {
+    if (std::exchange(subtask.slot, Subtask::Slot::None) == Subtask::Slot::Held)
+        ++m_freedSlots;
 }
 
 } // namespace orx
