@@ -3,12 +3,14 @@
 set -euo pipefail
 cd "$1"
 storeys=(platform/orx_common_stable platform/orx_qt_shared_libs_core
-         platform/orx_common_ms_types platform/orx_common_ms platform/orx_tasks platform/orx_network platform/orx_references
+         platform/orx_common_ms_types platform/orx_common_ms platform/orx_tasks platform/orx_common_ms_reader
+         platform/orx_network platform/orx_references
          platform/orx_halvane platform/orx_resource_manager resource_handler/halvane_resource_handler apps/host apps/halvane)
 # Siblings that must not know each other either: a library, and the headers of those it may not use.
 forbidden=(
   "platform/orx_references:platform/orx_tasks platform/orx_network"
-  "platform/orx_resource_manager:platform/orx_halvane platform/orx_network"
+  "platform/orx_resource_manager:platform/orx_halvane platform/orx_network platform/orx_common_ms_reader"
+  "platform/orx_network:platform/orx_common_ms_reader"
 )
 bad=0
 headers_of() { find "$1" -name "*.h" -not -path "*/tests/*" -printf "%f\n" | sort -u; }

@@ -1,13 +1,13 @@
 #include "FileCopy.h"
 
 #include "AtomicFile.h"
+#include "FilePlace.h"
 #include "Result.h"
 
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QRandomGenerator>
 
 #include <cerrno>
 #include <cstdio>
@@ -25,8 +25,6 @@ namespace {
 
 // What is copied between two requests to begin writing back, so that the flush at the end has little to do.
 constexpr size_t sliceSize = size_t(8) * 1024 * 1024;
-// Leaves room for the dot, the random part and the suffix within 255 bytes.
-constexpr int longestStem = 200;
 
 QString translated(const char* text) {
     return QCoreApplication::translate("orx::FileCopy", text);
@@ -81,15 +79,6 @@ qint64 nanoseconds(const timespec& time) {
 FileCopy::Stamp stampFrom(const struct stat& info) {
     return {quint64(info.st_dev), quint64(info.st_ino), qint64(info.st_size), nanoseconds(info.st_mtim),
             nanoseconds(info.st_ctim)};
-}
-
-// A name beside the target that nobody uses; hidden, so that listings made meanwhile do not take it for data.
-QByteArray temporaryBeside(const QByteArray& target) {
-    const qsizetype slash = target.lastIndexOf('/');
-    const QByteArray directory = target.left(slash + 1);
-    const QByteArray stem = target.mid(slash + 1).left(longestStem);
-    const QByteArray random = QByteArray::number(QRandomGenerator::global()->generate64(), 36);
-    return directory + '.' + stem + '.' + random + ".part";
 }
 
 // One file, from what was opened to a new file; nothing is left of that after a failure.
@@ -231,31 +220,10 @@ private:
     bool m_byHand = false;
 };
 
-bool isDirectory(const QByteArray& path) {
-    struct stat info = {};
-    return ::lstat(path.constData(), &info) == 0 && S_ISDIR(info.st_mode);
-}
-
-// Zero, or what was wrong.
-int giveFreeName(const QByteArray& temporary, const QByteArray& target) {
-    if (::renameat2(AT_FDCWD, temporary.constData(), AT_FDCWD, target.constData(), RENAME_NOREPLACE) == 0)
-        return 0;
-    if (errno != EINVAL && errno != ENOSYS && errno != ENOTSUP)
-        return errno;
-    // Network file systems may not have that. A link takes no name that is taken; a directory takes the place
-    // of nothing but an empty one.
-    if (isDirectory(temporary))
-        return std::rename(temporary.constData(), target.constData()) == 0 ? 0 : errno;
-    if (::link(temporary.constData(), target.constData()) != 0)
-        return errno;
-    ::unlink(temporary.constData());
-    return 0;
-}
-
 Error renameInto(const QByteArray& temporary, const QByteArray& target, FileCopy::IfExists ifExists) {
     int failure = 0;
     if (ifExists == FileCopy::IfExists::Fail)
-        failure = giveFreeName(temporary, target);
+        failure = FilePlace::take(temporary, target);
     else if (std::rename(temporary.constData(), target.constData()) != 0)
         failure = errno;
     if (failure != 0)
@@ -332,7 +300,7 @@ Error FileCopy::file(const QString& source, const QString& target, IfExists ifEx
     if (ifExists == IfExists::Fail &&
         ::faccessat(AT_FDCWD, targetPath.constData(), F_OK, AT_SYMLINK_NOFOLLOW) == 0)
         return ORX_ECATCH(writeFailure(EEXIST, targetPath));
-    const QByteArray temporary = temporaryBeside(targetPath);
+    const QByteArray temporary = FilePlace::temporaryBeside(targetPath);
     ORX_RETURN_ON_ERROR(ContentCopy(encoded(source), temporary, targetPath, isCanceled, expected).run());
     Error error = renameInto(temporary, targetPath, ifExists);
     if (error.hasError()) {
@@ -346,7 +314,7 @@ Error FileCopy::directory(const QString& source, const QString& target, const Fi
     const QByteArray targetPath = encoded(target);
     if (::faccessat(AT_FDCWD, targetPath.constData(), F_OK, AT_SYMLINK_NOFOLLOW) == 0)
         return ORX_ECATCH(writeFailure(EEXIST, targetPath));
-    const QByteArray temporary = temporaryBeside(targetPath);
+    const QByteArray temporary = FilePlace::temporaryBeside(targetPath);
     Error error = TreeCopy(filter).copy(encoded(source), temporary);
     if (!error.hasError())
         error = renameInto(temporary, targetPath, IfExists::Fail);

@@ -1,0 +1,45 @@
+#pragma once
+
+#include "ChunkCursor.h"
+#include "PackedBuffer.h"
+#include "PackedIndex.h"
+
+#include <Error.h>
+
+#include <functional>
+
+namespace orx::vonk {
+
+//! One chunk on its way.
+struct ChunkSlot {
+    ChunkCursor::Piece piece;
+    ChunkRow row;
+    PackedBuffer content;
+    PackedBuffer frame;
+};
+
+//! Chunks through four steps: made and used one after the other by the caller, worked on side by side by
+//! threads of its own, and looked at in their order by one more. At most a bounded number is on its way.
+struct ChunkPipeline {
+    using Step = std::function<Error(ChunkSlot&)>;
+
+    enum class Order {
+        BesideWork, //!< inOrder looks at what was produced
+        AfterWork   //!< inOrder looks at what the workers made of it
+    };
+
+    //! Caller's thread. Fills the next slot; false when there is none.
+    std::function<Result<bool>(ChunkSlot&)> produce;
+    //! Called once on each worker; what it returns works on slots there.
+    std::function<Step()> makeWorker;
+    //! One thread, slot by slot; must not change what the workers change.
+    Step inOrder;
+    Order order = Order::AfterWork;
+    //! Caller's thread, slot by slot, when the other steps are done with it.
+    Step consume;
+
+    //! The first error in the order of the chunks; no thread runs any more when it returns.
+    Error run() const;
+};
+
+} // namespace orx::vonk

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <memory>
+#include <span>
+
+namespace orx::vonk {
+
+//! Bytes that are overwritten again and again: never cleared, memory kept.
+class PackedBuffer {
+public:
+    //! What was in it is lost when it has to grow.
+    void resize(size_t size) {
+        if (size > m_capacity) {
+            m_bytes = std::make_unique_for_overwrite<char[]>(size);
+            m_capacity = size;
+        }
+        m_size = size;
+    }
+    void assign(std::span<const char> bytes) {
+        resize(bytes.size());
+        std::copy(bytes.begin(), bytes.end(), m_bytes.get());
+    }
+    char* data() { return m_bytes.get(); }
+    size_t size() const { return m_size; }
+    std::span<const char> bytes() const { return {m_bytes.get(), m_size}; }
+
+private:
+    std::unique_ptr<char[]> m_bytes;
+    size_t m_size = 0;
+    size_t m_capacity = 0;
+};
+
+} // namespace orx::vonk

@@ -1,0 +1,221 @@
+#include "VonkPacker.h"
+
+#include "ChunkPipeline.h"
+#include "PackSource.h"
+#include "PackedFrames.h"
+#include "PackedLimits.h"
+#include "PackedText.h"
+#include "StagedFile.h"
+#include "TarStream.h"
+
+#include <ContentHash.h>
+
+#include <QDir>
+#include <QFileInfo>
+
+#include <atomic>
+#include <thread>
+
+namespace orx::vonk {
+
+namespace {
+
+//! The most bytes that the packed file can have, so that it is known beforehand whether there is room.
+qint64 largestPacked(const QList<VonkEntry>& entries) {
+    qint64 bytes = 4096;
+    for (const VonkEntry& entry : entries) {
+        const qint64 chunks = 2 + entry.size / chunkSize;
+        bytes += entry.size + chunks * (largestFrame(0) + 256) + 2 * entry.path.size() + 4096;
+    }
+    return bytes;
+}
+
+//! Makes the summary while the data is packed. Waits for it when it goes.
+class SummaryThread {
+public:
+    SummaryThread(const PackInput::Summarise& summarise, const WorkWatch& watch) {
+        if (!summarise)
+            return;
+        m_thread = std::thread([this, summarise, isCanceled = watch.isCanceled] {
+            m_summary = summarise([&] { return m_isStopped || (isCanceled && isCanceled()); });
+        });
+    }
+    ~SummaryThread() {
+        m_isStopped = true;
+        join();
+    }
+    PackInput::Summary take() {
+        join();
+        return std::move(m_summary);
+    }
+
+private:
+    void join() {
+        if (m_thread.joinable())
+            m_thread.join();
+    }
+
+    std::atomic<bool> m_isStopped = false;
+    PackInput::Summary m_summary;
+    std::thread m_thread;
+};
+
+class Packing {
+public:
+    Packing(const PackInput& input, PackSource source, StagedFile& target, const WorkWatch& watch)
+        : m_input(input)
+        , m_source(std::move(source))
+        , m_target(target)
+        , m_watch(watch)
+        , m_cursor(m_source.entries()) {
+        for (const VonkEntry& entry : m_source.entries()) {
+            m_total += entry.size;
+            m_digests.push_back(entry.isFile() ? m_hash.hexDigest() : QByteArray());
+        }
+    }
+
+    Error writePayload() {
+        const QByteArray header = packedHeader();
+        ORX_RETURN_ON_ERROR(write({header.constData(), size_t(header.size())}));
+        ChunkPipeline pipeline;
+        pipeline.order = ChunkPipeline::Order::BesideWork;
+        pipeline.produce = [this](ChunkSlot& slot) { return produce(slot); };
+        pipeline.makeWorker = [] {
+            return [compressor = std::make_shared<FrameCompressor>()](ChunkSlot& slot) {
+                ORX_RETURN_ON_ERROR(compressor->compress(slot.content.bytes(), slot.frame));
+                slot.row = {quint32(slot.frame.size()), quint32(slot.content.size()),
+                            digest64(slot.frame.bytes())};
+                return Error();
+            };
+        };
+        pipeline.inOrder = [this](ChunkSlot& slot) { return hash(slot); };
+        pipeline.consume = [this](ChunkSlot& slot) { return use(slot); };
+        ORX_RETURN_ON_ERROR(pipeline.run());
+        return m_source.checkUnchanged(m_input);
+    }
+
+    Result<VonkMetadata> writeTail(PackInput::Summary summary) {
+        VonkMetadata metadata;
+        metadata.formatVersion = vonkVersion();
+        metadata.name = QFileInfo(QDir::cleanPath(m_input.path)).fileName();
+        metadata.sourceKind = m_input.sourceKind;
+        metadata.entries = m_source.entries();
+        for (qsizetype i = 0; i < metadata.entries.size(); ++i)
+            metadata.entries[i].sha256 = m_digests[size_t(i)];
+        metadata.runSummary = std::move(summary.json);
+        metadata.runSummaryAbsent = metadata.runSummary ? QString() : summary.absent;
+        const auto tail = packedTail(metadata, m_rows, m_written);
+        ORX_RETURN_ON_ERROR(tail.error());
+        ORX_RETURN_ON_ERROR(m_target.write({tail->constData(), size_t(tail->size())}));
+        return metadata;
+    }
+
+private:
+    Result<bool> produce(ChunkSlot& slot) {
+        ORX_RETURN_ON_ERROR(m_watch.check());
+        if (m_cursor.atEnd())
+            return false;
+        slot.piece = m_cursor.take(m_cursor.largestNext());
+        slot.content.resize(size_t(slot.piece.size));
+        if (slot.piece.kind == ChunkCursor::Kind::Data) {
+            ORX_RETURN_ON_ERROR(readData(slot));
+        } else {
+            const QByteArray bytes = m_cursor.tarBytes(slot.piece);
+            slot.content.assign({bytes.constData(), size_t(bytes.size())});
+        }
+        return true;
+    }
+
+    Error readData(ChunkSlot& slot) {
+        const qsizetype entry = slot.piece.entry;
+        if (slot.piece.offset == 0) {
+            auto file = m_source.open(entry);
+            ORX_RETURN_ON_ERROR(file.error());
+            m_file = std::move(*file);
+        }
+        ORX_RETURN_ON_ERROR(
+            m_source.read(entry, m_file, slot.piece.offset, {slot.content.data(), slot.content.size()}));
+        return slot.piece.isLastOfFile ? m_source.checkUnchanged(entry, m_file) : Error();
+    }
+
+    //! On the thread that looks at the chunks in order; nobody else touches the digests meanwhile.
+    Error hash(ChunkSlot& slot) {
+        if (slot.piece.kind != ChunkCursor::Kind::Data)
+            return {};
+        if (slot.piece.offset == 0)
+            m_hash.reset();
+        m_hash.add(slot.content.bytes().data(), slot.piece.size);
+        if (slot.piece.isLastOfFile)
+            m_digests[size_t(slot.piece.entry)] = m_hash.hexDigest();
+        return {};
+    }
+
+    Error use(ChunkSlot& slot) {
+        m_rows.push_back(slot.row);
+        ORX_RETURN_ON_ERROR(write(slot.frame.bytes()));
+        if (slot.piece.kind == ChunkCursor::Kind::Data)
+            m_watch.report(m_done += slot.piece.size, m_total);
+        return {};
+    }
+
+    Error write(std::span<const char> bytes) {
+        m_written += qint64(bytes.size());
+        return m_target.write(bytes);
+    }
+
+    const PackInput& m_input;
+    const PackSource m_source;
+    StagedFile& m_target;
+    const WorkWatch& m_watch;
+    ChunkCursor m_cursor;
+    Descriptor m_file;
+    ContentHash m_hash;
+    //! Of the entries; those of empty files from the beginning.
+    std::vector<QByteArray> m_digests;
+    std::vector<ChunkRow> m_rows;
+    qint64 m_written = 0;
+    qint64 m_done = 0;
+    qint64 m_total = 0;
+};
+
+//! A packed file that grew within what it packs would change it.
+Error checkTargetOutside(const PackInput& input, const QString& target) {
+    const QString source = QFileInfo(input.path).canonicalFilePath();
+    const QString directory = QFileInfo(QFileInfo(target).absolutePath()).canonicalFilePath();
+    if (!QFileInfo(source).isDir() || !(directory + QLatin1Char('/')).startsWith(source + QLatin1Char('/')))
+        return {};
+    return Error(ErrorCode::InvalidArgument,
+                 translated("\"%1\" cannot be packed into a file within itself; choose another place.")
+                     .arg(input.path));
+}
+
+Error checkChunkCount(const QList<VonkEntry>& entries, const QString& path) {
+    qint64 chunks = 1;
+    for (const VonkEntry& entry : entries)
+        chunks += 1 + (entry.size + chunkSize - 1) / chunkSize;
+    if (chunks <= mostChunks)
+        return {};
+    return Error(ErrorCode::InvalidArgument,
+                 translated("\"%1\" is too large for a packed acquisition.").arg(path));
+}
+
+} // namespace
+
+Result<VonkMetadata> VonkPacker::pack(const PackInput& input, const QString& target, const WorkWatch& watch) {
+    ORX_RETURN_ON_ERROR(checkTargetOutside(input, target));
+    auto source = PackSource::list(input);
+    ORX_RETURN_ON_ERROR(source.error());
+    ORX_RETURN_ON_ERROR(checkChunkCount(source->entries(), input.path));
+    auto staged = StagedFile::create(target, largestPacked(source->entries()));
+    ORX_RETURN_ON_ERROR(staged.error());
+    SummaryThread summary(input.summarise, watch);
+    Packing packing(input, std::move(*source), *staged, watch);
+    ORX_RETURN_ON_ERROR(packing.writePayload());
+    auto metadata = packing.writeTail(summary.take());
+    ORX_RETURN_ON_ERROR(metadata.error());
+    ORX_RETURN_ON_ERROR(watch.check());
+    ORX_RETURN_ON_ERROR(staged->commit());
+    return metadata;
+}
+
+} // namespace orx::vonk

@@ -1,0 +1,48 @@
+#include "FilePlace.h"
+
+#include <QRandomGenerator>
+
+#include <cerrno>
+#include <cstdio>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace orx {
+
+namespace {
+
+// Leaves room for the dot, the random part and the suffix within 255 bytes.
+constexpr int longestStem = 200;
+
+bool isDirectory(const QByteArray& path) {
+    struct stat info = {};
+    return ::lstat(path.constData(), &info) == 0 && S_ISDIR(info.st_mode);
+}
+
+} // namespace
+
+QByteArray FilePlace::temporaryBeside(const QByteArray& target) {
+    const qsizetype slash = target.lastIndexOf('/');
+    const QByteArray directory = target.left(slash + 1);
+    const QByteArray stem = target.mid(slash + 1).left(longestStem);
+    const QByteArray random = QByteArray::number(QRandomGenerator::global()->generate64(), 36);
+    return directory + '.' + stem + '.' + random + ".part";
+}
+
+int FilePlace::take(const QByteArray& temporary, const QByteArray& target) {
+    if (::renameat2(AT_FDCWD, temporary.constData(), AT_FDCWD, target.constData(), RENAME_NOREPLACE) == 0)
+        return 0;
+    if (errno != EINVAL && errno != ENOSYS && errno != ENOTSUP)
+        return errno;
+    // Network file systems may not have that. A link takes no name that is taken; a directory takes the place
+    // of nothing but an empty one.
+    if (isDirectory(temporary))
+        return std::rename(temporary.constData(), target.constData()) == 0 ? 0 : errno;
+    if (::link(temporary.constData(), target.constData()) != 0)
+        return errno;
+    ::unlink(temporary.constData());
+    return 0;
+}
+
+} // namespace orx
