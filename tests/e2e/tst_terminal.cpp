@@ -1,105 +1,16 @@
 // What people see on a terminal: questions without echo, progress on one line, names that cannot drive it.
-#include "Client.h"
+#include "Terminal.h"
 
 #include <FaultProxy.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <csignal>
-
-#include <fcntl.h>
-#include <poll.h>
-#include <pty.h>
-#include <sys/wait.h>
-#include <termios.h>
-#include <unistd.h>
-
 namespace orx::testing {
 namespace {
 
 using ::testing::HasSubstr;
 using ::testing::Not;
-
-//! The program on a pseudo terminal of its own.
-class Terminal {
-public:
-    Terminal(const Client& client, const QStringList& arguments) {
-        std::vector<std::string> words{programPath("halvane").toStdString()};
-        for (const QString& argument : arguments)
-            words.push_back(argument.toStdString());
-        std::vector<char*> argv;
-        for (std::string& word : words)
-            argv.push_back(word.data());
-        argv.push_back(nullptr);
-        std::vector<std::string> variables;
-        for (const QString& variable : client.environment().toStringList())
-            variables.push_back(variable.toStdString());
-        std::vector<char*> envp;
-        for (std::string& variable : variables)
-            envp.push_back(variable.data());
-        envp.push_back(nullptr);
-        const winsize size{24, 120, 0, 0};
-        m_child = ::forkpty(&m_master, nullptr, nullptr, &size);
-        if (m_child == 0) {
-            ::execve(argv[0], argv.data(), envp.data());
-            ::_exit(127);
-        }
-        EXPECT_GT(m_child, 0);
-    }
-    ~Terminal() {
-        if (m_child > 0) {
-            ::kill(m_child, SIGKILL);
-            ::waitpid(m_child, nullptr, 0);
-        }
-        ::close(m_master);
-    }
-    Terminal(const Terminal&) = delete;
-    Terminal& operator=(const Terminal&) = delete;
-
-    //! Reads until \a text has come; false when the program ended before.
-    bool waitFor(const std::string& text) {
-        while (m_seen.find(text) == std::string::npos) {
-            if (!readMore())
-                return false;
-        }
-        return true;
-    }
-    void type(const std::string& text) const {
-        EXPECT_EQ(::write(m_master, text.data(), text.size()), ssize_t(text.size()));
-    }
-    bool echoes() const {
-        termios state = {};
-        EXPECT_EQ(::tcgetattr(m_master, &state), 0);
-        return state.c_lflag & tcflag_t(ECHO);
-    }
-    //! Reads to the end; the exit code.
-    int finish() {
-        while (readMore()) {
-        }
-        int status = 0;
-        EXPECT_EQ(::waitpid(std::exchange(m_child, -1), &status, 0) > 0, true);
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-    const std::string& seen() const { return m_seen; }
-
-private:
-    bool readMore() {
-        pollfd entry{m_master, POLLIN, 0};
-        if (::poll(&entry, 1, 120'000) <= 0)
-            return false;
-        char buffer[4096];
-        const ssize_t count = ::read(m_master, buffer, sizeof buffer);
-        if (count <= 0)
-            return false;
-        m_seen.append(buffer, size_t(count));
-        return true;
-    }
-
-    int m_master = -1;
-    pid_t m_child = -1;
-    std::string m_seen;
-};
 
 class OnATerminal : public ::testing::Test {
 protected:

@@ -54,10 +54,22 @@ QString withoutTrailingSlashes(QString path) {
 DownloadJob::DownloadJob(const DownloadRequest& request, ClashAnswerer::Question question, QObject* parent)
     : ComplexTask(QStringLiteral("Download"), parent)
     , m_request(request)
-    , m_answerer(request.ifExists, std::move(question))
+    , m_answerer(request.ifExists, endingWith(std::move(question)))
     , m_unresolved(request.sources.begin(), request.sources.end()) {}
 
 DownloadJob::~DownloadJob() = default;
+
+// Who quits ends the whole run; not at once, since a task is waiting for the answer.
+ClashAnswerer::Question DownloadJob::endingWith(ClashAnswerer::Question question) {
+    if (!question)
+        return {};
+    return [this, ask = std::move(question)](const Clash& clash) {
+        const ClashAnswer answer = ask(clash);
+        if (answer.choice == ClashAnswer::Choice::Quit)
+            QMetaObject::invokeMethod(this, &DownloadJob::cancel, Qt::QueuedConnection);
+        return answer;
+    };
+}
 
 bool DownloadJob::isSingleFile() const {
     return m_request.sources.size() == 1 && !m_metFolder;
@@ -72,6 +84,8 @@ Error DownloadJob::initialize() {
 }
 
 Error DownloadJob::doFinish() {
+    if (!hasError() && m_answerer.wantsToQuit())
+        setError(Error(ErrorCode::Canceled, QStringLiteral("The download was given up.")));
     if (!hasError() && !m_failures.isEmpty())
         setError(m_failures.first().error);
     return ComplexTask::doFinish();
@@ -209,7 +223,7 @@ void DownloadJob::makeTarget() {
 }
 
 void DownloadJob::fetchNext() {
-    if (m_items.empty() || isCanceled())
+    if (m_items.empty() || isCanceled() || m_answerer.wantsToQuit())
         return;
     const Item item = m_items.front();
     m_items.pop_front();
@@ -276,8 +290,6 @@ void DownloadJob::onFileDone(const DownloadedFile& file, bool isSource) {
     m_folderCounts.unchanged += file.outcome == DownloadedFile::Outcome::Unchanged ? 1 : 0;
     m_folderCounts.skipped += file.outcome == DownloadedFile::Outcome::Skipped ? 1 : 0;
     Q_EMIT fileDone(file, isSource);
-    if (m_answerer.wantsToQuit())
-        cancel();
 }
 
 void DownloadJob::onFolderEnded(const Item& item, FolderDownloadTask& task, DownloadedFolder folder) {
@@ -298,9 +310,7 @@ void DownloadJob::onFolderEnded(const Item& item, FolderDownloadTask& task, Down
 }
 
 void DownloadJob::fail(const QString& source, const QString& path, const Error& error) {
-    if (m_answerer.wantsToQuit())
-        cancel();
-    if (isCanceled() && error.isCanceled())
+    if (error.isCanceled() && (isCanceled() || m_answerer.wantsToQuit()))
         return;
     m_failures.append({source, path, error});
     if (!concernsAll(error))

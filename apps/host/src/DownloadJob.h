@@ -52,6 +52,7 @@ private:
         QString name;
     };
 
+    ClashAnswerer::Question endingWith(ClashAnswerer::Question question);
     orx::Error chooseTarget();
     void resolveNext();
     void onResolved(const QString& source, const RemoteItem& remote);
