@@ -147,7 +147,9 @@ void SqliteFile::Private::execute(Access access, const Work& work) {
 
 Error SqliteFile::Private::failure(const SQLite::Exception& exception) const {
     const QString reason = QString::fromUtf8(exception.what());
-    switch (exception.getErrorCode()) {
+    // No room for the shared memory that WAL needs.
+    const bool isFull = exception.getExtendedErrorCode() == SQLITE_IOERR_SHMSIZE;
+    switch (isFull ? SQLITE_FULL : exception.getErrorCode()) {
     case SQLITE_CORRUPT:
     case SQLITE_NOTADB:
         return Error(ErrorCode::ParseError, translated("The file \"%1\" with %2 is damaged (%3). %4")

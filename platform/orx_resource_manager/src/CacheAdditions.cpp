@@ -101,7 +101,7 @@ Error CacheAdditions::copy(const CacheSubPath& place, CacheSource& source, const
     if (swept.hasError())
         qCWarning(cacheLog).noquote() << swept.errorMessage();
     if (!error.hasError())
-        keepLimits(place, expected.limits);
+        CacheKeeper(*m_store).keepUp(expected.limits);
     return error;
 }
 
@@ -118,11 +118,6 @@ Error CacheAdditions::copyInto(const CacheRoot& root, const QByteArray& staging,
     if (cancel)
         return Error(ErrorCode::Canceled, QString());
     return m_store->seal(place, directory->get(), place.name(), *payload);
-}
-
-void CacheAdditions::keepLimits(const CacheSubPath& place, const ResourceCache::Limits& limits) {
-    if (const auto enforced = CacheKeeper(*m_store).enforce(limits); enforced.hasError())
-        qCWarning(cacheLog).noquote() << place.text() << enforced.errorMessage();
 }
 
 Error CacheAdditions::beginWriting(Writing& writing) {
@@ -206,7 +201,7 @@ Error CacheAdditions::sealWritten(Writing& writing, const CancelFlag& cancel) {
     writing.fill.reset();
     writing.sweep.reset();
     if (!error.hasError())
-        keepLimits(writing.place, writing.expected.limits);
+        CacheKeeper(*m_store).keepUp(writing.expected.limits);
     return error;
 }
 

@@ -54,7 +54,6 @@ private:
                    CacheSource& source, const Expected& expected, const CacheFiles::CancelFlag& cancel);
     Error sealWritten(Writing& writing, const CacheFiles::CancelFlag& cancel);
     Error beginWriting(Writing& writing);
-    void keepLimits(const CacheSubPath& place, const ResourceCache::Limits& limits);
 
     std::shared_ptr<CacheStore> m_store;
     std::mutex m_mutex;

@@ -146,10 +146,9 @@ Error CacheFill::finish(const QByteArray& sha256, const QString& expected,
     m_fill.reset();
     // The entry is there; what follows is housekeeping.
     const Error swept = removeTree((*root)->staging.get(), stagingName(), directory());
-    const auto enforced = CacheKeeper(*m_store).enforce(limits);
-    for (const Error& error : {swept, enforced.error()})
-        if (error.hasError())
-            qCWarning(cacheLog).noquote() << error.errorMessage();
+    if (swept.hasError())
+        qCWarning(cacheLog).noquote() << swept.errorMessage();
+    CacheKeeper(*m_store).keepUp(limits);
     return Error();
 }
 

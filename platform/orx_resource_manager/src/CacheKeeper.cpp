@@ -1,10 +1,13 @@
 #include "CacheKeeper.h"
 
+#include "CacheSweeper.h"
+
 #include <QCoreApplication>
 #include <QDateTime>
 #include <QFile>
 
 #include <algorithm>
+#include <cerrno>
 #include <fcntl.h>
 #include <sys/stat.h>
 
@@ -14,10 +17,9 @@ using namespace CacheFiles;
 
 namespace {
 
-//! Records that go in one transaction.
-constexpr std::ptrdiff_t kBatch = 256;
-//! What an interrupted fill left is of no use to anybody after that.
-constexpr qint64 kFillLeftoverMs = 24 * 60 * 60 * 1000;
+//! Records that go in one transaction: few at first, which make room for the rest on a full disk.
+constexpr std::ptrdiff_t kFirstBatch = 8;
+constexpr std::ptrdiff_t kLargestBatch = 256;
 //! At an entry that is replaced while it is verified.
 constexpr int kLooks = 3;
 
@@ -101,20 +103,23 @@ Result<bool> CacheKeeper::removeSome(const ResourceCache::Limits& limits, QSet<q
     const auto victims = m_store.records().beyond(boundsOf(limits), spared);
     if (victims.hasError())
         return victims.error();
+    std::ptrdiff_t batch = kFirstBatch;
     for (auto begin = victims->begin(); begin != victims->end();) {
-        const auto end = begin + std::min(kBatch, victims->end() - begin);
+        const auto end = begin + std::min(batch, victims->end() - begin);
         ORX_RETURN_ON_ERROR(removeBatch(begin, end, spared, report));
         begin = end;
+        batch = std::min(2 * batch, kLargestBatch);
     }
     return !victims->empty();
 }
 
-Result<ResourceCache::PruneReport> CacheKeeper::enforce(const ResourceCache::Limits& limits) {
+Error CacheKeeper::enforce(const ResourceCache::Limits& limits, ResourceCache::PruneReport& report) {
     const auto root = m_store.root();
     if (root.hasError())
         return root.error();
     ORX_RETURN_ON_ERROR(m_store.writeUses());
-    ResourceCache::PruneReport report;
+    ORX_RETURN_ON_ERROR(m_store.records().endFutureUses());
+    report.inUse = 0;
     QSet<qint64> spared;
     for (bool isMore = true; isMore;) {
         auto removed = removeSome(limits, spared, report);
@@ -126,106 +131,51 @@ Result<ResourceCache::PruneReport> CacheKeeper::enforce(const ResourceCache::Lim
     if (left.hasError())
         return std::move(left).error();
     report.bytesLeft = *left;
-    return report;
-}
-
-Error CacheKeeper::sweep() {
-    const auto root = m_store.root();
-    if (root.hasError())
-        return root.error();
-    ORX_RETURN_ON_ERROR(sweepStaging(**root));
-    return sweepContent(**root);
-}
-
-namespace {
-
-//! Of a directory and what lies directly in it.
-qint64 newestMs(int parent, const QByteArray& name) {
-    qint64 newest = 0;
-    const auto see = [&newest](int directory, const QByteArray& entry) {
-        struct stat status {};
-        if (::fstatat(directory, entry.constData(), &status, AT_SYMLINK_NOFOLLOW) == 0)
-            newest = std::max(newest, modifiedNs(status) / 1'000'000);
-        return Error();
-    };
-    Error ignored = see(parent, name);
-    const auto directory = openDirectory(parent, name, QString());
-    if (directory)
-        ignored = forEachName(directory->get(), QString(),
-                              [&](const QByteArray& entry) { return see(directory->get(), entry); });
-    return newest;
-}
-
-} // namespace
-
-//! The names are "fill-" and "add-" with the key of their lock.
-Error CacheKeeper::sweepStaging(const CacheRoot& root) {
-    const qint64 oldMs = QDateTime::currentMSecsSinceEpoch() - kFillLeftoverMs;
-    QByteArrayList names;
-    ORX_RETURN_ON_ERROR(forEachName(root.staging.get(), m_store.stagingDir(), [&](const QByteArray& name) {
-        names << name;
-        return Error();
-    }));
-    for (const QByteArray& name : names) {
-        const auto lock =
-            root.locks->tryExclusive(CacheLocks::offset(name.mid(name.indexOf('-') + 1), CacheLocks::kFill));
-        if (lock && (!name.startsWith("fill-") || newestMs(root.staging.get(), name) < oldMs))
-            ORX_RETURN_ON_ERROR(removeTree(root.staging.get(), name, m_store.stagingDir()));
-    }
     return Error();
 }
 
+void CacheKeeper::keepUp(const ResourceCache::Limits& limits) {
+    ResourceCache::PruneReport report;
+    if (const Error error = enforce(limits, report); error.hasError())
+        report.problems << error.errorMessage();
+    CacheSweeper(m_store, report).sweepIfDue();
+    m_store.keepReserve();
+    for (const QString& problem : report.problems)
+        qCWarning(cacheLog).noquote() << problem;
+}
+
+Result<ResourceCache::PruneReport> CacheKeeper::prune(const ResourceCache::Limits& limits) {
+    ResourceCache::PruneReport report;
+    CacheSweeper sweeper(m_store, report);
+    // Room for the records, when there is none.
+    sweeper.sweepStaging();
+    Error error = enforce(limits, report);
+    if (error.is(ErrorCode::StorageFull) && m_store.releaseReserve())
+        error = enforce(limits, report);
+    if (!error.hasError())
+        sweeper.sweep();
+    m_store.keepReserve();
+    const bool isNothingDone = report.removed.isEmpty() && report.leftoverBytes == 0;
+    if (error.hasError() && isNothingDone)
+        return error;
+    if (error.hasError())
+        report.problems << error.errorMessage();
+    return report;
+}
+
 namespace {
 
-//! Removes what is neither an entry nor on the way to one.
-class ContentSweep {
-public:
-    explicit ContentSweep(const std::vector<CacheRecords::Record>& records) {
-        for (const CacheRecords::Record& record : records) {
-            const QByteArray path = QFile::encodeName(record.entry.subPath);
-            m_entries.insert(path);
-            for (auto end = path.lastIndexOf('/'); end > 0; end = path.lastIndexOf('/', end - 1))
-                m_above.insert(path.left(end));
-        }
-    }
-
-    Error sweep(int directory, const QByteArray& prefix, const QString& shown) const {
-        QByteArrayList names;
-        ORX_RETURN_ON_ERROR(forEachName(directory, shown, [&](const QByteArray& name) {
-            names << name;
-            return Error();
-        }));
-        for (const QByteArray& name : names) {
-            const QByteArray path = prefix + name;
-            const QString childShown = shown + u'/' + QFile::decodeName(name);
-            if (m_entries.contains(path))
-                continue;
-            const auto child = m_above.contains(path) ? openDirectory(directory, name, childShown)
-                                                      : Result<CacheDescriptor>(CacheDescriptor());
-            if (child && child->isOpen())
-                ORX_RETURN_ON_ERROR(sweep(child->get(), path + '/', childShown));
-            else
-                ORX_RETURN_ON_ERROR(removeTree(directory, name, childShown));
-        }
-        return Error();
-    }
-
-private:
-    QSet<QByteArray> m_entries;
-    QSet<QByteArray> m_above;
-};
+//! What an error says of an entry that was looked at; the error itself when it says nothing of the entry.
+Result<QString> damageIn(const Error& error) {
+    for (const int number : {EMFILE, ENFILE, ENOMEM})
+        if (error.is(ErrorDomain::OperatingSystem, number))
+            return error;
+    if (error.isCanceled())
+        return error;
+    return error.errorMessage();
+}
 
 } // namespace
-
-Error CacheKeeper::sweepContent(const CacheRoot& root) {
-    const auto lock = root.locks->tryExclusive(CacheLocks::kSweep);
-    if (!lock)
-        return Error();
-    const auto records = m_store.records().all();
-    if (records.hasError())
-        return records.error();
-    return ContentSweep(*records).sweep(root.content.get(), QByteArray(), m_store.contentDir());
-}
 
 //! What is wrong with an entry; empty when nothing is.
 Result<QString> CacheKeeper::damageOf(const CacheSubPath& place, CacheRecords::Record& record,
@@ -233,17 +183,15 @@ Result<QString> CacheKeeper::damageOf(const CacheSubPath& place, CacheRecords::R
     const QString shown = m_store.placePath(place);
     const auto parent = m_store.openParent(place);
     if (parent.hasError())
-        return parent.errorMessage();
+        return damageIn(parent.error());
     auto disk = CachePayload::look(parent->get(), place.name(), shown);
     if (disk.hasError())
-        return disk.errorMessage();
+        return damageIn(disk.error());
     if (const QString difference = record.payload.differenceFrom(*disk); !difference.isEmpty())
         return difference;
-    if (Error error = disk->hash(parent->get(), place.name(), shown, nullptr, onBytes); error.hasError()) {
-        if (error.isCanceled())
-            return error;
-        return error.errorMessage();
-    }
+    if (const Error error = disk->hash(parent->get(), place.name(), shown, nullptr, onBytes);
+        error.hasError())
+        return damageIn(error);
     if (disk->sha256 != record.payload.sha256)
         return translated("its checksum is not the recorded one");
     for (size_t i = 0; i < disk->items.size(); ++i)
@@ -371,8 +319,13 @@ Result<ResourceCache::VerifyReport> CacheKeeper::verify(const std::function<bool
         done += bytes;
         return !progress || progress(done);
     };
-    for (const CacheRecords::Record& record : *records)
-        ORX_RETURN_ON_ERROR(verifyEntry(record, report, onBytes));
+    for (const CacheRecords::Record& record : *records) {
+        const Error error = verifyEntry(record, report, onBytes);
+        if (error.isCanceled())
+            return error;
+        if (error.hasError() && !report.problems.contains(error.errorMessage()))
+            report.problems << error.errorMessage();
+    }
     return report;
 }
 

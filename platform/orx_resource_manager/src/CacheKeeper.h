@@ -11,11 +11,10 @@ class CacheKeeper {
 public:
     explicit CacheKeeper(CacheStore& store) : m_store(store) {}
 
-    //! Removes entries until the limits are kept.
-    Result<ResourceCache::PruneReport> enforce(const ResourceCache::Limits& limits);
-    //! Removes what no record and no running process knows. Passes over the content when somebody brings
-    //! some to its place just then.
-    Error sweep();
+    //! After something came: keeps the limits, and sweeps now and then. What fails is logged.
+    void keepUp(const ResourceCache::Limits& limits);
+    //! Keeps the limits and sweeps. An error when nothing could be done.
+    Result<ResourceCache::PruneReport> prune(const ResourceCache::Limits& limits);
     Result<ResourceCache::VerifyReport> verify(const std::function<bool(qint64)>& progress);
 
 private:
@@ -23,12 +22,12 @@ private:
     struct Removal;
     struct Finding;
     std::optional<Removal> beginRemoval(CacheLocks& locks, const CacheRecords::Record& record) const;
+    //! Removes entries until the limits are kept. What it did before an error is in the report.
+    Error enforce(const ResourceCache::Limits& limits, ResourceCache::PruneReport& report);
     Result<bool> removeSome(const ResourceCache::Limits& limits, QSet<qint64>& spared,
                             ResourceCache::PruneReport& report);
     Error removeBatch(Records::const_iterator begin, Records::const_iterator end, QSet<qint64>& spared,
                       ResourceCache::PruneReport& report);
-    Error sweepStaging(const CacheRoot& root);
-    Error sweepContent(const CacheRoot& root);
     Error verifyEntry(const CacheRecords::Record& listed, ResourceCache::VerifyReport& report,
                       const std::function<bool(qint64)>& onBytes);
     Result<QString> damageOf(const CacheSubPath& place, CacheRecords::Record& record,

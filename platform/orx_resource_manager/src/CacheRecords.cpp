@@ -258,6 +258,25 @@ Error CacheRecords::setUsed(const QHash<QString, qint64>& uses) {
     });
 }
 
+Error CacheRecords::endFutureUses() {
+    const int64_t now = QDateTime::currentMSecsSinceEpoch();
+    bool isAny = false;
+    ORX_RETURN_ON_ERROR(m_file.run(SqliteFile::Access::Read, [&](SQLite::Database& database) {
+        SQLite::Statement row(
+            database,
+            "SELECT 1 FROM entries WHERE policy IN (0, 1, 2) AND used_ms > ? LIMIT 1"); // by the index
+        row.bind(1, now);
+        isAny = row.executeStep();
+    }));
+    if (!isAny)
+        return Error();
+    return m_file.run(SqliteFile::Access::WriteRelaxed, [&](SQLite::Database& database) {
+        SQLite::Statement rows(database, "UPDATE entries SET used_ms = ?1 WHERE used_ms > ?1");
+        rows.bind(1, now);
+        rows.exec();
+    });
+}
+
 namespace {
 
 void removeItems(SQLite::Database& database, qint64 id) {

@@ -50,6 +50,8 @@ public:
     Error setDamaged(const Record& record);
     //! Milliseconds since the epoch; never sets a time back.
     Error setUsed(const QHash<QString, qint64>& uses);
+    //! What a clock that was ahead recorded as a use to come was used now.
+    Error endFutureUses();
     Error remove(qint64 id);
     //! In one transaction; without those that were used, replaced or given another policy since they were
     //! read. The ids of those that went.

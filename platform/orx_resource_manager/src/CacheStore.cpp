@@ -26,6 +26,10 @@ namespace {
 //! Directories above a place may be removed, being empty, just when they are to be used.
 constexpr int kAttempts = 20;
 
+//! In the state directory. Enough for SQLite's shared memory and the first removals.
+constexpr const char* kReserveName = "reserve";
+constexpr off_t kReserveBytes = 1024 * 1024;
+
 QString translated(const char* text) {
     return QCoreApplication::translate("orx::ResourceCache", text);
 }
@@ -364,6 +368,25 @@ Error CacheStore::flushWay(const CacheSubPath& place) {
         ORX_RETURN_ON_ERROR(flush(directory->get(), placePath(place)));
     } while (!above.isEmpty());
     return Error();
+}
+
+void CacheStore::keepReserve() {
+    const auto opened = root();
+    if (opened.hasError())
+        return;
+    const CacheDescriptor file(
+        ::openat((*opened)->state.get(), kReserveName, O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+    struct stat status {};
+    if (file.isOpen() && ::fstat(file.get(), &status) == 0 && status.st_size == kReserveBytes)
+        return;
+    // Without room for it there is none; the next time there may be.
+    if (!file.isOpen() || ::posix_fallocate(file.get(), 0, kReserveBytes) != 0)
+        releaseReserve();
+}
+
+bool CacheStore::releaseReserve() {
+    const auto opened = root();
+    return opened && ::unlinkat((*opened)->state.get(), kReserveName, 0) == 0;
 }
 
 Error CacheStore::clearPlace(const CacheSubPath& place) {

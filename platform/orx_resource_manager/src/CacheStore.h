@@ -62,6 +62,9 @@ public:
     Result<CacheDescriptor> ensureParent(const CacheSubPath& place);
     //! The directory above the place; ErrorCode::NotFound.
     Result<CacheDescriptor> openParent(const CacheSubPath& place);
+    //! Keeps some room on the disk for the records of removals, or gives it to them. True when there was any.
+    void keepReserve();
+    bool releaseReserve();
     //! Flushes the directories that lead to the place, as far as they are there.
     Error flushWay(const CacheSubPath& place);
     //! Removes what lies at the place, which nobody uses and no record tells of, and the directories above it

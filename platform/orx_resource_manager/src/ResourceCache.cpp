@@ -278,11 +278,7 @@ Result<ResourceCache::PruneReport> ResourceCache::prune(const Limits& limits) {
         used.maxBytes = limits.maxBytes;
     if (limits.maxAge)
         used.maxAge = limits.maxAge;
-    CacheKeeper keeper(*d->store);
-    auto report = keeper.enforce(used);
-    if (report)
-        ORX_RETURN_ON_ERROR(keeper.sweep());
-    return report;
+    return CacheKeeper(*d->store).prune(used);
 }
 
 Error ResourceCache::remove(const QString& subPath) {

@@ -85,12 +85,18 @@ public:
         qint64 bytesLeft = 0;
         //! Would have gone, but somebody uses them.
         int inUse = 0;
+        //! Of content without a record and of what ended processes left; not among bytesRemoved.
+        qint64 leftoverBytes = 0;
+        //! What could not be removed and why, for people.
+        QStringList problems;
     };
     struct VerifyReport {
         qint64 entries = 0;
         qint64 bytes = 0;
         //! Damaged entries, each with what is wrong; they are not there any more.
         QList<std::pair<QString, QString>> damaged;
+        //! What could not be looked at or removed and why, for people.
+        QStringList problems;
     };
     //! What a fill does about what is there. What it fetches replaces the entry when it is whole.
     enum class FillMode {
@@ -150,7 +156,8 @@ public:
     //! By sub-path. Blocks on the disk, like those below.
     Result<QList<ResourceCacheEntry>> entries() const;
     Result<VerifyReport> verify(const std::function<bool(qint64 bytesDone)>& progress = {});
-    //! \a limits instead of the cache's own, where given.
+    //! \a limits instead of the cache's own, where given. An error when nothing could be removed because of
+    //! it; what else fails is in the report.
     Result<PruneReport> prune(const Limits& limits = {});
     //! ErrorCode::Busy when somebody uses it.
     Error remove(const QString& subPath);

@@ -4,13 +4,39 @@
 #include <SQLiteCpp/Transaction.h>
 
 #include <sqlite3.h>
+#include <sys/resource.h>
 
 using namespace orx;
 using namespace std::chrono_literals;
 
 namespace {
 
-class CacheUpkeepTest : public orx::testing::CacheUpkeepFixture {};
+//! In the year 2100.
+constexpr time_t kFarAhead = 4'102'444'800;
+
+class CacheUpkeepTest : public orx::testing::CacheUpkeepFixture {
+protected:
+    static void setTimes(const QStringList& names, time_t seconds) {
+        const struct timespec times[2] = {{seconds, 0}, {seconds, 0}};
+        for (const QString& name : names)
+            ASSERT_EQ(::utimensat(AT_FDCWD, QFile::encodeName(name).constData(), times, 0), 0);
+    }
+};
+
+//! While it lives the process can open only so many files.
+class FewFiles {
+public:
+    explicit FewFiles(rlim_t count) {
+        ::getrlimit(RLIMIT_NOFILE, &m_before);
+        rlimit few = m_before;
+        few.rlim_cur = count;
+        ::setrlimit(RLIMIT_NOFILE, &few);
+    }
+    ~FewFiles() { ::setrlimit(RLIMIT_NOFILE, &m_before); }
+
+private:
+    rlimit m_before{};
+};
 
 } // namespace
 
@@ -114,15 +140,89 @@ TEST_F(CacheUpkeepTest, LeftoversAreSweptByPruning) {
     const QString stale = u"fill-"_qs + orx::testing::sha256("stale");
     ASSERT_TRUE(orx::testing::writeFile(staging + fresh + u"/part"_qs, "x"));
     ASSERT_TRUE(orx::testing::writeFile(staging + stale + u"/part"_qs, "x"));
-    const struct timespec longAgo[2] = {{1, 0}, {1, 0}};
-    for (const QString& name : {staging + stale + u"/part"_qs, staging + stale})
-        ASSERT_EQ(::utimensat(AT_FDCWD, QFile::encodeName(name).constData(), longAgo, 0), 0);
-    ASSERT_TRUE(cache.prune());
+    setTimes({staging + stale + u"/part"_qs, staging + stale}, 1);
+    const QString ahead = u"fill-"_qs + orx::testing::sha256("ahead");
+    ASSERT_TRUE(orx::testing::writeFile(staging + ahead + u"/part"_qs, "x"));
+    setTimes({staging + ahead + u"/part"_qs, staging + ahead}, kFarAhead);
+    const auto report = cache.prune();
+    ASSERT_TRUE(report);
+    EXPECT_EQ(report->leftoverBytes, 5);
+    EXPECT_TRUE(report->removed.isEmpty());
+    EXPECT_TRUE(report->problems.isEmpty());
     EXPECT_EQ(staged(), QStringList{fresh});
     EXPECT_EQ(QDir(placeOf(QString())).entryList(QDir::AllEntries | QDir::NoDotAndDotDot),
               (QStringList{u"a"_qs, u"b"_qs, u"c"_qs, u"s"_qs}));
     EXPECT_EQ(QDir(placeOf(u"s"_qs)).entryList(QDir::Files), QStringList{u"kept"_qs});
     EXPECT_TRUE(cache.contains(u"s/kept"_qs));
+}
+
+TEST_F(CacheUpkeepTest, LeftoversAreSweptOnceADayByFillsAndAdditions) {
+    const QString left = placeOf(u"left/over"_qs);
+    ASSERT_TRUE(orx::testing::writeFile(path(u"source"_qs), "x"));
+    int fills = 0;
+    const std::function<void()> bring[] = {
+        [&] { EXPECT_FALSE(fill(u"fill-%1"_qs.arg(++fills), "x").hasError()); },
+        [&] {
+            EXPECT_FALSE(cache.add(nullptr, u"added"_qs, Path(path(u"source"_qs))).hasError());
+            EXPECT_TRUE(cache.waitForPending().isEmpty());
+        },
+        [&] {
+            const auto write = [&] {
+                EXPECT_TRUE(orx::testing::writeFile(placeOf(u"written"_qs), "x"));
+                return Error();
+            };
+            EXPECT_FALSE(cache.add(nullptr, u"written"_qs, write).hasError());
+            EXPECT_TRUE(cache.waitForPending().isEmpty());
+        }};
+    for (const auto& once : bring) {
+        for (const time_t lastSweep : {time_t(1), kFarAhead}) {
+            ASSERT_TRUE(orx::testing::writeFile(left, "x"));
+            once();
+            EXPECT_TRUE(QFileInfo::exists(left));
+            setTimes({root() + u"/state/swept"_qs}, lastSweep);
+            once();
+            EXPECT_FALSE(QFileInfo::exists(placeOf(u"left"_qs)));
+        }
+    }
+    EXPECT_TRUE(staged().isEmpty());
+    EXPECT_TRUE(cache.contains(u"a"_qs));
+}
+
+TEST_F(CacheUpkeepTest, AUseRecordedByAClockThatWasAheadDoesNotProtectForEver) {
+    execute("UPDATE entries SET used_ms = used_ms + 1000000000000 WHERE sub_path = 'a'");
+    ASSERT_TRUE(cache.prune());
+    ASSERT_TRUE(cache.lease(u"b"_qs) && cache.lease(u"c"_qs));
+    const auto report = cache.prune({200, std::nullopt});
+    ASSERT_TRUE(report);
+    EXPECT_EQ(namesOf(report->removed), QStringList{u"a"_qs});
+}
+
+TEST_F(CacheUpkeepTest, WhatCannotBeRemovedOrReadIsToldAndTheRestIsDoneAllTheSame) {
+    constexpr int kDepth = 100;
+    const QString deep = u"/d"_qs.repeated(kDepth);
+    const QString staging = root() + u"/state/staging/"_qs;
+    ASSERT_TRUE(QDir().mkpath(path(u"source"_qs) + deep));
+    ASSERT_FALSE(cache.add(nullptr, u"A"_qs, Path(path(u"source"_qs))).hasError());
+    ASSERT_TRUE(cache.waitForPending().isEmpty());
+    ASSERT_TRUE(QDir().mkpath(staging + u"add-1"_qs + deep));
+    ASSERT_TRUE(orx::testing::writeFile(staging + u"add-2/part"_qs, "xyz"));
+    {
+        const FewFiles few(kDepth);
+        const auto verified = cache.verify();
+        ASSERT_TRUE(verified) << verified.errorMessage().toStdString();
+        EXPECT_EQ(verified->problems.size(), 1);
+        EXPECT_EQ(verified->entries, 3);
+        EXPECT_TRUE(verified->damaged.isEmpty());
+        const auto pruned = cache.prune();
+        ASSERT_TRUE(pruned) << pruned.errorMessage().toStdString();
+        EXPECT_EQ(pruned->problems.size(), 1);
+        EXPECT_EQ(pruned->leftoverBytes, 3);
+        EXPECT_EQ(staged(), QStringList{u"add-1"_qs});
+    }
+    EXPECT_TRUE(cache.verify()->problems.isEmpty());
+    EXPECT_TRUE(cache.prune()->problems.isEmpty());
+    EXPECT_TRUE(staged().isEmpty());
+    EXPECT_TRUE(cache.contains(u"A"_qs));
 }
 
 TEST_F(CacheUpkeepTest, VerificationFindsWhatSizeAndTimeDoNotShow) {

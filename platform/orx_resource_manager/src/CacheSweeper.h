@@ -1,0 +1,32 @@
+#pragma once
+
+#include "CacheStore.h"
+#include "ResourceCache.h"
+
+namespace orx {
+
+//! Removes from a cache's directories what no record and no running process knows. What cannot be removed is
+//! a problem in the report, and the rest goes all the same. Thread: any; blocks on the disk.
+class CacheSweeper {
+public:
+    CacheSweeper(CacheStore& store, ResourceCache::PruneReport& report) : m_store(store), m_report(report) {}
+
+    //! Everything.
+    void sweep();
+    //! The same, unless the last time was less than a day ago.
+    void sweepIfDue();
+    //! What fetches, additions and sweeps left when they were cut off. Needs no records.
+    void sweepStaging();
+
+private:
+    bool isDue(const CacheRoot& root) const;
+    void markSwept(const CacheRoot& root);
+    //! Moves content without records to the staging directory.
+    void takeContent(const CacheRoot& root);
+    void note(const Error& error);
+
+    CacheStore& m_store;
+    ResourceCache::PruneReport& m_report;
+};
+
+} // namespace orx
