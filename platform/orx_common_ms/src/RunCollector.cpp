@@ -105,12 +105,12 @@ QStringList RunCollector::notes() const {
     if (m_declared && *m_declared != count)
         notes.append(msText("The source declares %1 spectra; %2 are there.").arg(*m_declared).arg(count));
     if (m_timesWithoutUnit > 0)
-        notes.append(msText("The times of %1 spectra are left out: they have no unit that is known.")
+        notes.append(msText("Times that are left out since they have no unit that is known: %1.")
                          .arg(m_timesWithoutUnit));
     if (m_withoutTime > 0)
-        notes.append(msText("%1 spectra state no time and are not in the trace.").arg(m_withoutTime));
+        notes.append(msText("Spectra without a time, which are not in the trace: %1.").arg(m_withoutTime));
     if (m_unreadableArrays > 0)
-        notes.append(msText("%1 arrays could not be read; the first: %2")
+        notes.append(msText("Arrays that could not be read: %1; the first: %2")
                          .arg(QString::number(m_unreadableArrays), m_firstUnreadable));
     if (!m_observedMz && m_scanWindows)
         notes.append(msText("The m/z range is that of the scan windows."));

@@ -412,8 +412,8 @@ TEST(ImzMlSummary, readsTheArraysOfItsCompanion) {
     EXPECT_EQ(summary->trace.points[1].totalIonCurrent, 60);
     EXPECT_EQ(summary->trace.points[1].basePeak, 30);
     ASSERT_EQ(summary->notes.size(), 1);
-    EXPECT_TRUE(
-        summary->notes[0].contains(QStringLiteral("2 arrays could not be read; the first: it lies beyond")));
+    EXPECT_TRUE(summary->notes[0].contains(
+        QStringLiteral("Arrays that could not be read: 2; the first: it lies beyond")));
 }
 
 TEST(ImzMlSummary, doesNotReadTheSameBytesForEver) {
@@ -516,7 +516,7 @@ TEST(MgfSummary, readsListsWithEverythingThatTheyMayHold) {
     EXPECT_EQ(summary.instrument, QStringLiteral("A trap"));
     expectOnlyPoint(summary, {3, 7, 7});
     EXPECT_EQ(summary.notes,
-              (QStringList{QStringLiteral("1 spectra state no time and are not in the trace.")}));
+              (QStringList{QStringLiteral("Spectra without a time, which are not in the trace: 1.")}));
 }
 
 TEST(MgfSummary, isAbsentWithTheReasonWhenItIsDamaged) {

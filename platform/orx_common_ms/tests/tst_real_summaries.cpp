@@ -68,7 +68,7 @@ TEST(RealSummary, ofADocumentWithTimesInMinutesAndSecondsAndLevelsInGroups) {
     expectPoint(summary.trace.points[0], 42.05, 4200, 42);
     expectPoint(summary.trace.points[1], 5.8905 * 60, 16675500, 120053);
     EXPECT_EQ(summary.notes,
-              (QStringList{QStringLiteral("1 spectra state no time and are not in the trace.")}));
+              (QStringList{QStringLiteral("Spectra without a time, which are not in the trace: 1.")}));
 }
 
 TEST(RealSummary, ofADocumentWhoseCountAndIndexAreWrong) {
