@@ -124,6 +124,7 @@ private:
 
     friend class SubtaskSet;
     friend class TreeSlots;
+    friend class TasksQueue;
     friend class ComplexTask;
     friend class GroupTask;
     friend class Task;

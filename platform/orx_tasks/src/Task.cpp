@@ -1,12 +1,16 @@
 #include "Task.h"
 #include "BaseTask_p.h"
+#include "CoroutineScope.h"
 #include "TasksLog.h"
 #include "WorkerPool.h"
 
+#include <QCoroTask>
 #include <QPointer>
 
 #include <condition_variable>
+#include <exception>
 #include <mutex>
+#include <utility>
 
 namespace orx {
 
@@ -18,6 +22,24 @@ const QLoggingCategory& tasksLog() {
 namespace {
 
 thread_local std::stop_token stopTokenOfBody;
+
+//! Waits for the end of a body and tells it, unless the task was destroyed meanwhile.
+QCoro::Task<> watch(QCoro::Task<Error> body, std::shared_ptr<CoroutineScope> scope,
+                    std::function<void(const Error&)> ended) {
+    Error error;
+    try {
+        error = co_await body;
+    } catch (const WaitCanceled&) {
+        error = Error(ErrorCode::Canceled, Task::tr("The operation was cancelled."));
+    } catch (const std::exception& exception) {
+        error = Error(ErrorCode::General,
+                      Task::tr("The task failed: %1").arg(QString::fromLocal8Bit(exception.what())));
+    } catch (...) {
+        error = Error(ErrorCode::General, Task::tr("The task failed."));
+    }
+    if (!scope->isAbandoned())
+        ended(error);
+}
 
 } // namespace
 
@@ -79,7 +101,8 @@ private:
 
 struct Task::Private {
     ExecutionMode mode = ExecutionMode::Direct;
-    std::shared_ptr<WorkerBody> body; //!< from start() until its result was taken over
+    std::shared_ptr<WorkerBody> body;          //!< from start() until its result was taken over
+    std::shared_ptr<CoroutineScope> coroutine; //!< from start() until the body has ended
 };
 
 Task::Task(const QString& name, QObject* parent) : BaseTask(name, parent), d(std::make_unique<Private>()) {}
@@ -104,7 +127,7 @@ void Task::setExecutionMode(ExecutionMode mode) {
 }
 
 bool Task::isIdle() const {
-    return BaseTask::isIdle() && !d->body;
+    return BaseTask::isIdle() && !d->body && !d->coroutine;
 }
 
 Error Task::initialize() {
@@ -113,6 +136,10 @@ Error Task::initialize() {
 
 Error Task::doExec() {
     return Error();
+}
+
+QCoro::Task<Error> Task::co_doExec() {
+    co_return Error();
 }
 
 void Task::run() {
@@ -138,10 +165,35 @@ void Task::start() {
             finish(error);
         return;
     }
+    if (d->mode == ExecutionMode::Coroutine) {
+        runCoroutine();
+        return;
+    }
     auto body = std::make_shared<WorkerBody>();
     d->body = body;
     WorkerPool::instance().submit([this, body] { body->run([this] { return doExec(); }); }, this,
                                   [this, body, thisRun = BaseTask::d->run] { takeOver(body, thisRun); });
+}
+
+void Task::runCoroutine() {
+    const auto scope = std::make_shared<CoroutineScope>();
+    d->coroutine = scope;
+    const CoroutineScope::Entered entered(scope);
+    const auto ended = [this, scope, ofRun = BaseTask::d->run](const Error& error) {
+        coroutineEnded(scope, ofRun, error);
+    };
+    (void)watch(co_doExec(), scope, ended); // the frame lives until the body has ended
+}
+
+void Task::coroutineEnded(const std::shared_ptr<CoroutineScope>& scope, int ofRun, const Error& error) {
+    if (d->coroutine != scope)
+        return;
+    d->coroutine.reset();
+    const QPointer<Task> guard(this);
+    if (BaseTask::d->run == ofRun)
+        finish(error);
+    if (guard)
+        checkIdle();
 }
 
 void Task::takeOver(const std::shared_ptr<WorkerBody>& body, int ofRun) {
@@ -165,12 +217,16 @@ void Task::doCancel() {
 void Task::cancelDescendants() {
     if (d->body)
         d->body->requestStop();
+    if (const auto coroutine = d->coroutine)
+        coroutine->cancel();
 }
 
 void Task::requestStop() {
     BaseTask::requestStop();
     if (d->body)
         d->body->requestStop();
+    if (const auto coroutine = std::exchange(d->coroutine, nullptr))
+        coroutine->abandon();
 }
 
 void Task::awaitBody() {

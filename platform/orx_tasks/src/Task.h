@@ -4,7 +4,14 @@
 
 #include <stop_token>
 
+namespace QCoro {
+template <typename Value>
+class Task;
+}
+
 namespace orx {
+
+class CoroutineScope;
 
 //! A task with an initialisation on the owner's thread and a body. run(): initialize(); an error ends the
 //! task with it. Otherwise the body runs by the execution mode.
@@ -17,8 +24,9 @@ class ORX_TASKS_EXPORT Task : public BaseTask {
 public:
     //! Where the body runs. The values are fixed.
     enum class ExecutionMode : int {
-        Direct = 0, //!< doExec() on the owner's thread, within exec()
-        Worker = 1  //!< doExec() on a worker; its result is taken over on the owner's thread
+        Direct = 0,   //!< doExec() on the owner's thread, within exec()
+        Worker = 1,   //!< doExec() on a worker; its result is taken over on the owner's thread
+        Coroutine = 2 //!< co_doExec() on the owner's thread, whose event loop goes on while the body waits
     };
     Q_ENUM(ExecutionMode)
 
@@ -43,8 +51,15 @@ protected:
     //! that the owner's thread touches meanwhile, and asks isCancelRequested() now and then. The base does
     //! nothing.
     virtual Error doExec();
+    //! The body of mode Coroutine; its error ends the task. It waits for nothing but what derives from
+    //! CancelableWait and for coroutines that keep to this too. When the task is cancelled or destroyed, the
+    //! wait throws WaitCanceled, which unwinds the body; nothing behind the wait is run. What a body holds
+    //! across a wait must not need the members of the task for its release, or the most derived destructor
+    //! calls stopBody() first. An exception that leaves the body is a failure of the task. The base does
+    //! nothing.
+    virtual QCoro::Task<Error> co_doExec();
     //! What happens after a successful initialize() unless it finished or cancelled the task; the base runs
-    //! doExec() by the execution mode and then finishes. Tasks whose body is asynchronous override this and
+    //! the body by the execution mode and then finishes. Tasks whose body is asynchronous override this and
     //! doCancel(), and call finish() themselves.
     virtual void start();
 
@@ -57,6 +72,8 @@ protected:
 
 private:
     class WorkerBody;
+    void runCoroutine();
+    void coroutineEnded(const std::shared_ptr<CoroutineScope>& scope, int ofRun, const Error& error);
     void takeOver(const std::shared_ptr<WorkerBody>& body, int ofRun);
     struct Private;
     std::unique_ptr<Private> d;
