@@ -2,6 +2,9 @@
 // as they are missing.
 #include "Client.h"
 
+#include <LoopbackServer.h>
+#include <ScriptedHalvaneService.h>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -10,6 +13,9 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonArray>
+#include <QUrl>
+
+#include <mutex>
 
 namespace orx::testing {
 namespace {
@@ -52,7 +58,11 @@ protected:
         client.makeFile(path, content);
     }
     QByteArray local(const QString& path) const { return Client::contentOf(client.path(path)); }
-    int contentsFetched() const { return server.countRequests("GET", "/content"); }
+    //! The log may be behind the client.
+    void expectContentsFetched(int count) const {
+        EXPECT_TRUE(waitUntil([&] { return server.countRequests("GET", "/content") >= count; }));
+        EXPECT_EQ(server.countRequests("GET", "/content"), count);
+    }
     Outcome get(const QStringList& arguments) { return client.run(QStringList{"--json", "get"} + arguments); }
     //! The objects of one type.
     static QList<QJsonObject> ofType(const Outcome& outcome, const QString& type) {
@@ -98,7 +108,7 @@ TEST_F(GetTrees, AFolderComesDownWithEverythingInIt) {
     EXPECT_EQ(folders[0]["files"], 3);
     EXPECT_EQ(folders[0]["downloaded"], 3);
     EXPECT_EQ(folders[0]["failed"], 0);
-    EXPECT_EQ(contentsFetched(), 3);
+    expectContentsFetched(3);
 }
 
 // What was written is known as the version that this machine has there; what was not is not.
@@ -121,7 +131,7 @@ TEST_F(GetTrees, TheVersionsThatCameAreRecorded) {
 TEST_F(GetTrees, ASecondRunFetchesOnlyWhatIsMissing) {
     const QStringList arguments{"/raw/2026", "--to", "out", "--no-cache"};
     ASSERT_EQ(get(arguments).exitCode, 0);
-    EXPECT_EQ(contentsFetched(), 3);
+    expectContentsFetched(3);
     ASSERT_TRUE(QFile::remove(client.path("out/2026/sub/c.mzML")));
     server.clearRequests();
 
@@ -130,7 +140,7 @@ TEST_F(GetTrees, ASecondRunFetchesOnlyWhatIsMissing) {
     EXPECT_EQ(outcomes(second, "out/2026"),
               (QMap<QString, QString>{
                   {"a.mzML", "unchanged"}, {"b.mzML", "unchanged"}, {"sub/c.mzML", "downloaded"}}));
-    EXPECT_EQ(contentsFetched(), 1);
+    expectContentsFetched(1);
     EXPECT_EQ(local("out/2026/sub/c.mzML"), "content of c");
 }
 
@@ -165,7 +175,7 @@ TEST_F(GetTrees, WithoutATerminalAClashFailsSayingWhichOptionToGive) {
     EXPECT_EQ(local("out/2026/a.mzML"), "local work");
     EXPECT_EQ(local("out/2026/b.mzML"), "content of b");
     // What cannot be put there is not fetched.
-    EXPECT_EQ(contentsFetched(), 2);
+    expectContentsFetched(2);
 }
 
 TEST_F(GetTrees, TheOptionDecidesAboutClashes) {
@@ -213,7 +223,7 @@ TEST_F(GetTrees, OneFailureHidesNoOtherAndARunWithoutItsReasonCompletes) {
     server.clearRequests();
     const Outcome second = get(arguments);
     EXPECT_EQ(second.exitCode, 0) << second.err.constData();
-    EXPECT_EQ(contentsFetched(), 2);
+    expectContentsFetched(2);
     EXPECT_EQ(local("out/2026/a.mzML"), "content of a");
     EXPECT_EQ(local("out/2026/sub/c.mzML"), "content of c");
 }
@@ -293,10 +303,82 @@ TEST_F(GetTrees, ATargetDirectoryIsMadeButNotThoseAboveIt) {
     EXPECT_EQ(get({"/raw/2026", "--to", "a file"}).exitCode, 4);
     EXPECT_EQ(get({"file:1", "file:2", "--to", "a file"}).exitCode, 4);
     EXPECT_EQ(get({"file:1", "--to", "no directory/"}).exitCode, 4);
-    EXPECT_EQ(contentsFetched(), 0);
+    expectContentsFetched(0);
     EXPECT_EQ(client.filesIn(), QStringList{"a file"});
     EXPECT_EQ(get({"/raw/2026/sub", "--to", "made/"}).exitCode, 0);
     EXPECT_EQ(local("made/sub/c.mzML"), "content of c");
+}
+
+//! A server of words, whose names no honest one would give.
+class DangerousNames : public ::testing::Test {
+protected:
+    DangerousNames()
+        : server(LoopbackServer::answering(
+              [this](LoopbackConnection& connection, const LoopbackConnection::Request& request) {
+                  const ScriptedReply reply = answer(request);
+                  std::string headers;
+                  for (const HttpHeader& header : reply.headers)
+                      headers += header.first.toStdString() + ": " + header.second.toStdString() + "\r\n";
+                  connection.reply(reply.status, reply.body.toStdString(), headers);
+              })) {}
+
+    ScriptedReply answer(const LoopbackConnection::Request& request) {
+        const QString prefix = "/api/v1";
+        const QUrl url(QString::fromStdString(request.target()));
+        ScriptedRequest scripted{QByteArray::fromStdString(request.method()),
+                                 url.path(QUrl::FullyDecoded).mid(prefix.size()),
+                                 {{"Authorization", "Bearer " + service.token()}},
+                                 QByteArray::fromStdString(request.body)};
+        const std::lock_guard lock(mutex);
+        return service.answer(scripted);
+    }
+
+    std::mutex mutex;
+    ScriptedHalvaneService service;
+    LoopbackServer server;
+    Client client;
+};
+
+TEST_F(DangerousNames, NeverLeaveTheTargetAreNamedAndTheRestComesDown) {
+    const QStringList refused{
+        "..",     ".",         "/etc/x",         "../../escaped", "a/b", QString("nul") + QChar(0) + "nul",
+        "bell\a", "new\nline", QString(300, 'y')};
+    const QStringList harmless{"...", "trailing  ", "good", "-rf", "~"};
+    const int raw = service.addFolder("raw");
+    for (const QString& name : refused) {
+        service.addFile(name, "must not appear", raw);
+        service.addFile("inside", "must not appear", service.addFolder(name, raw));
+    }
+    for (const QString& name : harmless)
+        service.addFile(name, "content of " + name.toUtf8(), raw);
+    ASSERT_TRUE(QDir().mkpath(client.path("deep/er/in")));
+    ASSERT_TRUE(
+        client.login(QUrl(QString::fromStdString(server.url(""))), service.userName(), service.password()));
+
+    const Outcome outcome = client.run({"--json", "get", "/raw", "--to", "deep/er/in"});
+    EXPECT_EQ(outcome.exitCode, 14) << outcome.err.constData();
+    QStringList told;
+    for (const QJsonObject& object : outcome.objects()) {
+        if (object["type"] == "failure")
+            told.append(object["message"].toString());
+    }
+    EXPECT_EQ(told.size(), 2 * refused.size());
+    for (const QString shown :
+         {"\"..\"", "\"/etc/x\"", "\"../../escaped\"", "\"a/b\"", "bell\\x07", "new\\x0aline"})
+        EXPECT_EQ(told.filter(shown).size(), 2) << qPrintable(shown);
+    EXPECT_EQ(told.filter(QString(300, 'y')).size(), 2);
+    // Neither can a name drive the terminal.
+    EXPECT_FALSE(outcome.err.contains('\a'));
+
+    EXPECT_EQ(client.filesIn(), QStringList{"deep"});
+    EXPECT_EQ(client.filesIn("deep"), QStringList{"er"});
+    EXPECT_EQ(client.filesIn("deep/er"), QStringList{"in"});
+    EXPECT_EQ(client.filesIn("deep/er/in"), QStringList{"raw"});
+    QStringList there = harmless;
+    there.sort();
+    EXPECT_EQ(client.filesIn("deep/er/in/raw"), there);
+    for (const QString& name : harmless)
+        EXPECT_EQ(Client::contentOf(client.path("deep/er/in/raw/" + name)), "content of " + name.toUtf8());
 }
 
 } // namespace

@@ -106,6 +106,7 @@ Environment:
   HALVANE_CACHE_DIR       directory of the cache
   HALVANE_CACHE_MAX_SIZE  what the cache may hold, such as 500M (default: 20G)
   HALVANE_CACHE_MAX_AGE   how long it keeps what nobody uses, such as 12h (default: 90d)
+  HALVANE_TIMEOUT         how long a transfer may be silent before it is tried again (default: 60s)
 )";
 
 class Parser {

@@ -1,11 +1,14 @@
 #include "Session.h"
 
 #include "ErrorText.h"
+#include "Quantities.h"
 #include "TokenStore.h"
 
 #include <HalvaneConnection.h>
 #include <HalvaneError.h>
 #include <NetworkError.h>
+
+#include <algorithm>
 
 namespace halvane::host {
 
@@ -22,6 +25,23 @@ using orx::HalvaneUserSettings;
 using orx::NetworkErrorCode;
 using orx::Result;
 
+namespace {
+
+Result<HalvaneUserSettings> userSettings() {
+    HalvaneUserSettings settings;
+    const QString text = qEnvironmentVariable("HALVANE_TIMEOUT");
+    if (text.isEmpty())
+        return settings;
+    const Result<std::chrono::seconds> silence = parseAge(text);
+    if (silence.hasError())
+        return withMessage(silence.error(),
+                           QStringLiteral("HALVANE_TIMEOUT cannot be used: %1").arg(silence.errorMessage()));
+    settings.setTransferSilence(std::min<std::chrono::seconds>(silence.value(), std::chrono::hours(24)));
+    return settings;
+}
+
+} // namespace
+
 void Session::connectTo(const QUrl& url) {
     HalvaneConnection& connection = HalvaneConnection::instance();
     connection.setSettings(HalvaneSettings(HalvaneMachineSettings(url), HalvaneUserSettings()));
@@ -35,8 +55,11 @@ Result<Profile> Session::open(const QString& requestedProfile) {
     ORX_RETURN_ON_ERROR(profile.error());
     const Result<QByteArray> token = TokenStore::load(name.value());
     ORX_RETURN_ON_ERROR(token.error());
-    connectTo(profile->url);
-    HalvaneConnection::instance().setCredentials(profile->userName, token.value());
+    const Result<HalvaneUserSettings> settings = userSettings();
+    ORX_RETURN_ON_ERROR(settings.error());
+    HalvaneConnection& connection = HalvaneConnection::instance();
+    connection.setSettings(HalvaneSettings(HalvaneMachineSettings(profile->url), settings.value()));
+    connection.setCredentials(profile->userName, token.value());
     return profile;
 }
 

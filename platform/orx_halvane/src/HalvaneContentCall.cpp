@@ -1,5 +1,7 @@
 #include "HalvaneContentCall.h"
 
+#include "HalvaneConnection.h"
+
 namespace orx {
 
 HalvaneContentCall::HalvaneContentCall(const Content& content, const std::shared_ptr<DownloadBody>& body)
@@ -18,6 +20,7 @@ Result<NetworkRequest> HalvaneContentCall::prepareRequest(const QUrl& baseUrl) c
         request->setHeader("If-Range", m_content.entityTag);
     }
     request->sink = m_body;
+    request->silenceTimeout = HalvaneConnection::instance().settings().userSettingsPtr()->transferSilence();
     request->totalTimeout = std::chrono::milliseconds::zero(); // a slow line may take its time
     return request;
 }

@@ -6,6 +6,8 @@
 #include <QString>
 #include <QUrl>
 
+#include <chrono>
+
 namespace orx {
 
 //! Settings that are the machine's: which server. A value shared by pointer; replaced, never changed in
@@ -28,9 +30,13 @@ public:
     explicit HalvaneUserSettings(const QString& tempDirTemplate) : m_tempDirTemplate(tempDirTemplate) {}
     //! Template of temporary directories, ending in XXXXXX.
     QString tempDirTemplate() const { return m_tempDirTemplate; }
+    //! For how long nothing may move in the transfer of a content before it is tried again. Zero: no limit.
+    std::chrono::milliseconds transferSilence() const { return m_transferSilence; }
+    void setTransferSilence(std::chrono::milliseconds silence) { m_transferSilence = silence; }
 
 private:
     QString m_tempDirTemplate;
+    std::chrono::milliseconds m_transferSilence = std::chrono::minutes(1);
 };
 
 //! Both together, as the connection holds them. Thread: any.

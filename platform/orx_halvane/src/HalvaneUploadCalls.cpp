@@ -1,5 +1,7 @@
 #include "HalvaneUploadCalls.h"
 
+#include "HalvaneConnection.h"
+
 namespace orx {
 namespace {
 
@@ -89,6 +91,7 @@ Result<NetworkRequest> HalvanePutChunkCall::prepareRequest(const QUrl& baseUrl) 
         request->setHeader("Halvane-Content-Sha256", m_chunk.contentSha256);
     request->body = m_chunk.data;
     request->idempotent = true;
+    request->silenceTimeout = HalvaneConnection::instance().settings().userSettingsPtr()->transferSilence();
     request->totalTimeout = std::chrono::milliseconds::zero(); // a slow line may take its time
     request->onBytesSent = m_onBytesSent;
     return request;
