@@ -297,8 +297,7 @@ TEST_F(FolderCalls, ARemovedFolderTakesEverythingBelowWithIt) {
     EXPECT_EQ(get("/folders/1/folders", {{"If-None-Match", tag}}).data().at("folders").size(), 0U);
     EXPECT_EQ(stop(), 0);
     start({"--sweep-interval-ms", "1"});
-    while (!filesBelow("blobs").empty() || !filesBelow("staging").empty())
-        std::this_thread::yield();
+    waitUntil([&] { return filesBelow("blobs").empty() && filesBelow("staging").empty(); });
 }
 
 TEST_F(FolderCalls, AListingOfManyFilesIsWhole) {

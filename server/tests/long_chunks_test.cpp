@@ -157,8 +157,7 @@ TEST_F(LongChunks, MoreAtOnceThanThereIsMemoryForArriveAllTheSame) {
                                    "\r\nHalvane-Chunk-Xxh3: " + xxh3Text("") + "\r\n\r\n" +
                                    content.substr(0, 100'000));
     }
-    while (filesBelow("staging").size() < unfinished.size())
-        std::this_thread::yield();
+    waitUntil([&] { return filesBelow("staging").size() >= unfinished.size(); });
     put(id, content, {0, 1});
     expectFinalised(id, content);
 }

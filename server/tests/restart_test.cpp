@@ -90,8 +90,7 @@ TEST_F(Restart, LeftoversAreSwept) {
     for (const char* leftover : {"/staging/20260101-aaaa", "/blobs/20260101/20260101-bbbb"})
         ASSERT_EQ(::creat((dataDirectory() + leftover).c_str(), 0600) >= 0, true);
     start();
-    while (!filesBelow("blobs").empty() || !filesBelow("staging").empty())
-        std::this_thread::yield();
+    waitUntil([&] { return filesBelow("blobs").empty() && filesBelow("staging").empty(); });
 }
 
 TEST_F(Restart, KillsWhileFilesArriveLoseNothingAndMakeNothingTwice) {
@@ -119,6 +118,7 @@ TEST_F(Restart, KillsWhileFilesArriveLoseNothingAndMakeNothingTwice) {
                 if (finalize(opened.data().at("upload_id"), key).status == 200)
                     return;
             } catch (const std::exception&) { // the server was killed: once more
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
             }
         }
     };
@@ -133,15 +133,13 @@ TEST_F(Restart, KillsWhileFilesArriveLoseNothingAndMakeNothingTwice) {
             }
         }));
     for (const int mark : {5, 12, 20}) {
-        while (done < mark && isServing())
-            std::this_thread::yield();
+        waitUntil([&] { return done >= mark || !isServing(); });
         if (isServing()) {
             kill();
             start();
         }
     }
-    while (done < files && isServing())
-        std::this_thread::yield();
+    waitUntil([&] { return done >= files || !isServing(); });
     givenUp = true; // a server that is gone fails the test; nobody waits for it for ever
     for (auto& client : clients)
         client.get();
@@ -169,9 +167,28 @@ TEST_F(Restart, SigtermFinishesTheRequestThatRuns) {
     EXPECT_TRUE(idle.readToEnd());
     slow.sendRaw(content);
     EXPECT_EQ(slow.readReply().status, 200);
-    EXPECT_EQ(stop(), 0);
+    EXPECT_EQ(waitForEnd(), 0);
     start();
     EXPECT_EQ(get("/uploads/" + std::to_string(id)).data().at("received").size(), 1U);
+}
+
+TEST_F(Restart, WhoeverTellsItTwiceToStopGetsTheSameCleanEnd) {
+    const std::string content = sampleBytes(100'000);
+    const int id = openUpload("a", content.size()).at("upload_id");
+    ASSERT_EQ(putChunk(id, 0, content).status, 200);
+    while (isServing())
+        for (const int signal : {SIGTERM, SIGINT})
+            ::kill(pid(), signal);
+    EXPECT_EQ(waitForEnd(), 0);
+    start();
+    EXPECT_EQ(get("/uploads/" + std::to_string(id)).data().at("received").size(), 1U);
+}
+
+TEST_F(Restart, ThePortOfAServerThatIsGoneIsRefusedAndGivenToNobodyElse) {
+    kill();
+    EXPECT_THROW(HttpClient client(port()), std::runtime_error);
+    start();
+    EXPECT_EQ(get("/health").status, 200);
 }
 
 TEST_F(Restart, SigtermDoesNotWaitForEver) {

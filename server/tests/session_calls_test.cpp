@@ -93,6 +93,26 @@ TEST_F(SessionCalls, HealthNeedsNoTokenAndMetricsCount) {
     EXPECT_NE(metrics.body.find("halvane_requests_total{status=\"2xx\"}"), std::string::npos);
 }
 
+TEST_F(SessionCalls, WhenNoOtherRequestRunsAllOthersAreInTheLog) {
+    const std::string alone = "\nhalvane_requests_running 1\n";
+    HttpClient unfinished(port());
+    unfinished.sendRaw(
+        "POST /api/v1/login HTTP/1.1\r\nHost: x\r\nExpect: 100-continue\r\nContent-Length: 10\r\n\r\n");
+    EXPECT_EQ(unfinished.readReply().status, 100); // the request runs
+    EXPECT_EQ(get("/metrics").body.find(alone), std::string::npos);
+    unfinished.abort();
+    for (int i = 1; i <= 50; ++i) {
+        ASSERT_EQ(get("/health").status, 200);
+        waitUntil([&] { return get("/metrics").body.find(alone) != std::string::npos; });
+        const std::string lines = log();
+        int found = 0;
+        for (std::size_t at = lines.find("/health"); at != std::string::npos;
+             at = lines.find("/health", at + 1))
+            ++found;
+        ASSERT_EQ(found, i);
+    }
+}
+
 TEST_F(SessionCalls, TheLogHasOneLineARequestAndNoSecret) {
     const Reply reply = get("/whoami");
     call("POST", "/login", {{"user", "root"}, {"password", "wrong-and-private"}});

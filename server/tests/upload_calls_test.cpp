@@ -21,8 +21,10 @@ protected:
     json uploadState(int id) const { return get("/uploads/" + std::to_string(id)).data(); }
     //! Until the content of the only upload begins with this, so that the request which sends it has begun.
     void waitForStaged(const std::string& beginning) const {
-        while (filesBelow("staging").empty() || !readFile(filesBelow("staging").at(0)).starts_with(beginning))
-            std::this_thread::yield();
+        waitUntil([&] {
+            const std::vector<std::string> staged = filesBelow("staging");
+            return !staged.empty() && readFile(staged.at(0)).starts_with(beginning);
+        });
     }
 };
 

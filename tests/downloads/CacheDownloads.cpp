@@ -91,6 +91,14 @@ void CacheDownloads::forgetCalls() const {
         real()->clearRequests();
 }
 
+void CacheDownloads::forgetCallsGivenUp() const {
+    if (real()) {
+        ASSERT_TRUE(real()->stop());
+        ASSERT_TRUE(real()->start());
+    }
+    forgetCalls();
+}
+
 void CacheDownloads::connectOver(const QUrl& url) {
     HalvaneConnection::instance().setSettings(
         HalvaneSettings(HalvaneMachineSettings(url), HalvaneUserSettings()));

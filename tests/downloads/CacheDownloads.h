@@ -30,6 +30,9 @@ protected:
     int contentCalls() const;
     int versionCalls() const;
     void forgetCalls() const;
+    //! The same when calls were given up, which may still be on their way to a real server: it is stopped and
+    //! started again.
+    void forgetCallsGivenUp() const;
     //! Leads the client over \a url from now on, logged in as before.
     static void connectOver(const QUrl& url);
 

@@ -146,7 +146,7 @@ TEST_P(Downloads, ACancelledTreeKeepsWhatIsWholeAndTheNextRunFetchesTheRest) {
         EXPECT_TRUE(expected.contains(entry)) << qPrintable(entry);
     const auto cached = cache().entries();
     ASSERT_TRUE(cached);
-    forgetCalls();
+    forgetCallsGivenUp();
     const auto again = download(raw);
     again->setDuplicatePolicy(DuplicateDownloadPolicy::Skip);
     ASSERT_FALSE(run(*again).hasError());

@@ -15,12 +15,17 @@
 #include <QRandomGenerator>
 #include <QTimer>
 
+#include <array>
+#include <chrono>
 #include <csignal>
+#include <stdexcept>
+#include <thread>
 
 namespace orx::testing {
 namespace {
 
 constexpr int WatchdogMs = 120'000;
+constexpr auto MetricsPath = "/api/v1/metrics";
 
 bool ranWell(const QProcess& process) {
     return process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
@@ -77,20 +82,15 @@ bool RealServer::tryStart() {
     m_process->setProcessEnvironment(environment);
     m_process->setStandardOutputFile(m_logFile, QIODevice::Append);
     m_process->setStandardErrorFile(m_logFile, QIODevice::Append);
-    clearRequests();
+    m_logMark = QFileInfo(m_logFile).size();
     m_process->start(programPath(QStringLiteral("halvane-server")),
                      QStringList{QStringLiteral("--data"), m_dataDir, QStringLiteral("--listen"),
                                  QStringLiteral("127.0.0.1:%1").arg(m_port), QStringLiteral("--port-file"),
                                  portFile} +
                          m_arguments);
-    const bool up = waitUntil([&] {
-                        return QFileInfo::exists(portFile) || m_process->state() == QProcess::NotRunning;
-                    }) &&
-                    QFileInfo::exists(portFile);
-    QFile file(portFile);
-    if (up && file.open(QIODevice::ReadOnly))
-        m_port = file.readAll().trimmed().toUShort();
-    return up && m_port != 0;
+    return waitUntil(
+               [&] { return QFileInfo::exists(portFile) || m_process->state() == QProcess::NotRunning; }) &&
+           QFileInfo::exists(portFile);
 }
 
 bool RealServer::stop() {
@@ -112,12 +112,36 @@ QByteArray RealServer::log() const {
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
+//! Whether the server's own count knows of no request but the one that asks for it.
+bool RealServer::isQuiet() const {
+    const Socket socket = Socket::connected("127.0.0.1", m_port);
+    socket.send("GET " + std::string(MetricsPath) + " HTTP/1.1\r\nHost: test\r\nConnection: close\r\n\r\n");
+    std::string reply;
+    std::array<char, 4096> buffer{};
+    while (const size_t count = socket.receive(buffer.data(), buffer.size()))
+        reply.append(buffer.data(), count);
+    if (reply.find("\nhalvane_requests_running ") == std::string::npos)
+        throw std::runtime_error("the server does not tell how many requests run: " + reply);
+    return reply.find("\nhalvane_requests_running 1\n") != std::string::npos;
+}
+
+//! A reply goes out before its line is written.
+void RealServer::waitUntilQuiet() const {
+    const QDeadlineTimer watchdog(WatchdogMs);
+    while (isRunning() && !isQuiet()) {
+        ASSERT_FALSE(watchdog.hasExpired()) << "requests are still running";
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+}
+
 QList<RealServer::Request> RealServer::requests() const {
+    waitUntilQuiet();
     QList<Request> found;
     const QList<QByteArray> lines = log().mid(m_logMark).split('\n');
     for (const QByteArray& line : lines) {
         const QJsonObject object = QJsonDocument::fromJson(line).object();
-        if (!object.contains(QStringLiteral("method")))
+        if (!object.contains(QStringLiteral("method")) ||
+            object[QStringLiteral("path")] == QLatin1StringView(MetricsPath))
             continue;
         found.append({object[QStringLiteral("method")].toString(), object[QStringLiteral("path")].toString(),
                       object[QStringLiteral("status")].toInt(),
@@ -128,6 +152,7 @@ QList<RealServer::Request> RealServer::requests() const {
 }
 
 void RealServer::clearRequests() {
+    waitUntilQuiet();
     m_logMark = QFileInfo(m_logFile).size();
 }
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "Sockets.h"
+
 #include <Error.h>
 
 #include <QHash>
@@ -18,9 +20,9 @@ bool waitUntil(const std::function<bool()>& condition);
 //! bin/NAME of the build that this test belongs to.
 QString programPath(const QString& name);
 
-//! The real halvane-server as a process on an ephemeral port of the loopback interface. Failures of the
-//! process are test failures with its own words. The server is killed and its data removed when the object
-//! goes.
+//! The real halvane-server as a process on a port of the loopback interface that is its own for the life of
+//! the object: while no process runs, who connects is refused. Failures of the process are test failures with
+//! its own words. The server is killed and its data removed when the object goes.
 class RealServer {
 public:
     //! One line of the request log.
@@ -44,7 +46,7 @@ public:
     void setArguments(const QStringList& arguments) { m_arguments = arguments; }
     //! Further environment variables, for the next start().
     void setEnvironment(const QString& name, const QString& value) { m_environment.insert(name, value); }
-    //! Starts the process and waits until it listens. After the first start the same port is asked for again.
+    //! Starts the process and waits until it listens, every time at the same port.
     bool start();
     //! The same, but a server that does not come up is no test failure.
     bool tryStart();
@@ -61,7 +63,8 @@ public:
     //! What the process printed; its structured log.
     QByteArray log() const;
     //! The request lines of the log since the last start or clearRequests(), in the order in which the
-    //! replies went out.
+    //! replies went out: first waits for the lines of all requests that have begun, thus of all whose reply
+    //! the client has. What a client sent and gave up may still be on its way; stop() waits for that, too.
     QList<Request> requests() const;
     void clearRequests();
     //! Requests whose method is \a method and whose path contains \a part.
@@ -72,13 +75,17 @@ public:
     QByteArray admin(const QStringList& arguments, const QByteArray& standardInput = QByteArray());
 
 private:
+    bool isQuiet() const;
+    void waitUntilQuiet() const;
+
     QTemporaryDir m_temporary;
     QString m_dataDir;
     QString m_logFile;
     QStringList m_arguments;
     QHash<QString, QString> m_environment;
     std::unique_ptr<QProcess> m_process;
-    quint16 m_port = 0;
+    Socket m_reserved = Socket::reserved();
+    quint16 m_port = m_reserved.port();
     qint64 m_logMark = 0;
 };
 

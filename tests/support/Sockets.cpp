@@ -24,6 +24,14 @@ void setNoDelay(int fd) {
     ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
 }
 
+void bindToLoopback(int fd) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+        fail("bind");
+}
+
 } // namespace
 
 Socket::~Socket() {
@@ -57,13 +65,18 @@ Socket Socket::connected(const std::string& host, std::uint16_t port) {
 
 Socket Socket::listening() {
     Socket socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (::bind(socket.m_fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
-        fail("bind");
+    bindToLoopback(socket.m_fd);
     if (::listen(socket.m_fd, 128) != 0)
         fail("listen");
+    return socket;
+}
+
+Socket Socket::reserved() {
+    Socket socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const int on = 1;
+    if (::setsockopt(socket.m_fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0)
+        fail("setsockopt");
+    bindToLoopback(socket.m_fd);
     return socket;
 }
 

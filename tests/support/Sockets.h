@@ -20,6 +20,9 @@ public:
     static Socket connected(const std::string& host, std::uint16_t port);
     //! On an ephemeral port of 127.0.0.1.
     static Socket listening();
+    //! Keeps an ephemeral port of 127.0.0.1 and does not listen: who connects is refused, nobody else is
+    //! given the port, and a server that asks for it with SO_REUSEADDR gets it, again and again.
+    static Socket reserved();
 
     bool isOpen() const { return m_fd >= 0; }
     int fd() const { return m_fd; }

@@ -10,7 +10,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <latch>
 #include <thread>
 
 namespace orx::testing {
@@ -47,13 +46,13 @@ struct Client {
 
 //! Answers nothing, and tells that a request is there.
 struct SilentServer {
-    std::latch asked{1};
+    Gate asked;
     std::atomic<int> requests = 0;
     LoopbackServer server{[this](LoopbackConnection& connection) {
         if (!connection.readRequest())
             return;
         ++requests;
-        asked.count_down();
+        asked.open();
         connection.waitForClient();
     }};
 };
@@ -99,6 +98,7 @@ TEST(BlockingCallsOnAWorker, EndWhenTheTaskIsCancelled) {
     task.cancel();
     EXPECT_TRUE(task.waitForFinished().isCanceled());
     EXPECT_TRUE(seen.isCanceled()) << qPrintable(seen.traceText());
+    EXPECT_EQ(silent.requests, 1);
 }
 
 TEST(BlockingCallsOnAWorker, EndWhenTheTaskIsDestroyed) {
@@ -129,6 +129,7 @@ TEST(BlockingCallsOnAWorker, AfterACancellationTheNextOneEndsTooAndOtherTasksAre
     task.cancel();
     EXPECT_TRUE(task.waitForFinished().isCanceled());
     EXPECT_TRUE(second.isCanceled());
+    EXPECT_EQ(silent.requests, 1) << "the second call does not get to the server";
 
     const LoopbackServer answering(LoopbackServer::answering(
         [](LoopbackConnection& connection, const auto&) { connection.reply(200, FileReply); }));

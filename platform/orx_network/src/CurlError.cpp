@@ -16,9 +16,12 @@ QString secondsText(std::chrono::milliseconds duration) {
 }
 
 bool isConnected(CURL* easy) {
-    curl_off_t microseconds = 0;
-    curl_easy_getinfo(easy, CURLINFO_CONNECT_TIME_T, &microseconds);
-    return microseconds > 0;
+    curl_off_t connected = 0;
+    curl_easy_getinfo(easy, CURLINFO_CONNECT_TIME_T, &connected);
+    // A kept connection took no time to connect.
+    curl_off_t ready = 0;
+    curl_easy_getinfo(easy, CURLINFO_PRETRANSFER_TIME_T, &ready);
+    return connected > 0 || ready > 0;
 }
 
 Error timeOutError(CURL* easy, const NetworkRequest& request) {

@@ -5,6 +5,8 @@
 
 #include <LoopbackServer.h>
 
+#include <gtest/gtest.h>
+
 #include <QEventLoop>
 
 #include <optional>
@@ -46,6 +48,17 @@ struct Exchange {
 inline NetworkReply exchange(Transport& transport, const NetworkRequest& request) {
     return Exchange(transport, request).wait();
 }
+
+//! Takes away the proxies that the environment of a test run may name: they are none of what is tested. To be
+//! given to ::testing::AddGlobalTestEnvironment().
+class WithoutProxies : public ::testing::Environment {
+public:
+    void SetUp() override {
+        for (const char* name :
+             {"http_proxy", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY", "no_proxy", "NO_PROXY"})
+            qunsetenv(name);
+    }
+};
 
 //! The code of a network error, 0 for anything else.
 inline int networkCode(const Error& error) {

@@ -144,24 +144,30 @@ TEST_F(CurlTransportSinks, PauseAlreadyWhenTheyBegin) {
 }
 
 TEST_F(CurlTransportSinks, DoNotLetASlowConsumerCountAsASilentServer) {
+    // As short as what the server sends at once: from its first byte on nothing depends on the server.
+    const LoopbackServer brief(LoopbackServer::answering(
+        [](LoopbackConnection& connection, const Request&) { connection.reply(200, "short content"); }));
+    const LoopbackServer silent([](LoopbackConnection& connection) { connection.waitForClient(); });
+    constexpr auto allowed = 1000ms;
     std::unique_ptr<TransportCall> call;
     std::optional<NetworkReply> reply;
-    bool paused = false;
-    QTimer consumer;
-    consumer.setSingleShot(true);
-    QObject::connect(&consumer, &QTimer::timeout, [&] { call->resume(); });
-    sink->onTake = [&](const QByteArray&) {
-        if (std::exchange(paused, true))
-            return Verdict::Taken;
-        consumer.start(1500ms); // well beyond the silence that is allowed
-        return Verdict::Pause;
-    };
-    NetworkRequest slow = request();
-    slow.silenceTimeout = 1000ms;
+    std::unique_ptr<Exchange> measure;
+    sink->onTake = [&](const QByteArray&) { return measure ? Verdict::Taken : Verdict::Pause; };
+    NetworkRequest slow = requestTo(brief);
+    slow.sink = sink;
+    slow.silenceTimeout = allowed;
     call = transport.send(slow, [&](const NetworkReply& came) { reply = came; });
+    runUntil([&] { return sink->offered > 0 || reply; });
+    // The consumer takes its time until the same silence has ended a request that began later.
+    NetworkRequest unanswered = requestTo(silent);
+    unanswered.silenceTimeout = allowed;
+    measure = std::make_unique<Exchange>(transport, unanswered);
+    EXPECT_EQ(networkCode(measure->wait().error), int(NetworkErrorCode::TimedOut));
+    EXPECT_FALSE(reply);
+    call->resume();
     runUntil([&] { return reply.has_value(); });
     EXPECT_FALSE(reply->error.hasError()) << qPrintable(reply->error.errorMessage());
-    EXPECT_TRUE(sink->taken == QByteArray::fromStdString(content));
+    EXPECT_EQ(sink->taken, "short content");
 }
 
 TEST_F(CurlTransportSinks, AbortTheRequest) {

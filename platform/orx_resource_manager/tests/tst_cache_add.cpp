@@ -1,4 +1,5 @@
 #include "CacheFixture.h"
+#include "FullPool.h"
 
 #include <future>
 
@@ -79,16 +80,17 @@ TEST_F(CacheAddTest, AMissingSourceIsAnErrorAtOnce) {
 }
 
 TEST_F(CacheAddTest, ASourceThatChangesMeanwhileIsNotKept) {
-    // Behind a large one, so that the change comes before its turn.
-    const QString large = path(u"large"_qs);
-    ASSERT_TRUE(orx::testing::writeFile(large, QByteArray(40'000'000, 'x')));
-    ASSERT_FALSE(cache.add(nullptr, u"large"_qs, Path(large)).hasError());
+    probes::FullPool pool; // the change comes before any copy
+    const QString other = path(u"other"_qs);
+    ASSERT_TRUE(orx::testing::writeFile(other, "unchanged"));
+    ASSERT_FALSE(cache.add(nullptr, u"other"_qs, Path(other)).hasError());
     ASSERT_FALSE(addFile("content").hasError());
     ASSERT_TRUE(orx::testing::writeFile(path(u"source"_qs), "changed afterwards"));
+    pool.release();
     const QStringList failures = cache.waitForPending();
     ASSERT_EQ(failures.size(), 1);
     EXPECT_TRUE(failures.first().contains(u"changed"_qs)) << failures.first().toStdString();
-    EXPECT_EQ(subPaths(), QStringList{u"large"_qs});
+    EXPECT_EQ(subPaths(), QStringList{u"other"_qs});
 }
 
 TEST_F(CacheAddTest, OnlyWhatTheServerAcknowledgedAppears) {
@@ -121,18 +123,38 @@ TEST_F(CacheAddTest, AnAdditionReplacesTheEntry) {
 }
 
 TEST_F(CacheAddTest, DroppedAdditionsLeaveNothing) {
-    for (int i = 0; i < 5; ++i) {
-        const QString name = path(QStringLiteral("large%1").arg(i));
-        ASSERT_TRUE(orx::testing::writeFile(name, QByteArray(20'000'000, 'x')));
-        ASSERT_FALSE(cache.add(nullptr, QStringLiteral("e/%1").arg(i), Path(name)).hasError());
+    {
+        const probes::FullPool pool; // none is copied before all are dropped
+        for (int i = 0; i < 5; ++i) {
+            const QString name = path(QStringLiteral("source%1").arg(i));
+            ASSERT_TRUE(orx::testing::writeFile(name, "content"));
+            ASSERT_FALSE(cache.add(nullptr, QStringLiteral("e/%1").arg(i), Path(name)).hasError());
+        }
+        cache.dropPending();
     }
-    cache.dropPending();
     EXPECT_TRUE(cache.waitForPending().isEmpty());
-    EXPECT_LT(subPaths().size(), 5);
+    EXPECT_TRUE(subPaths().isEmpty());
     EXPECT_TRUE(staged().isEmpty());
     ASSERT_FALSE(addFile("content").hasError());
     EXPECT_TRUE(cache.waitForPending().isEmpty());
     EXPECT_TRUE(cache.contains(kEntry));
+}
+
+TEST_F(CacheAddTest, AdditionsThatAreDroppedWhileTheyRunAreWholeOrAbsent) {
+    const QByteArray content(4'000'000, 'x');
+    for (int i = 0; i < 5; ++i) {
+        const QString name = path(QStringLiteral("large%1").arg(i));
+        ASSERT_TRUE(orx::testing::writeFile(name, content));
+        ASSERT_FALSE(cache.add(nullptr, QStringLiteral("e/%1").arg(i), Path(name)).hasError());
+    }
+    cache.dropPending();
+    EXPECT_TRUE(cache.waitForPending().isEmpty());
+    EXPECT_TRUE(staged().isEmpty());
+    for (int i = 0; i < 5; ++i) {
+        const QString subPath = QStringLiteral("e/%1").arg(i);
+        EXPECT_EQ(QFileInfo::exists(placeOf(subPath)), cache.contains(subPath));
+        EXPECT_TRUE(!cache.contains(subPath) || orx::testing::readFile(placeOf(subPath)) == content);
+    }
 }
 
 TEST_F(CacheAddTest, AWriterMakesTheContentAtItsPlace) {

@@ -1,3 +1,4 @@
+#include "FullPool.h"
 #include "OwnerInbox.h"
 #include "TaskProbes.h"
 #include "WorkerPool.h"
@@ -38,43 +39,6 @@ struct Endless {
             return Error();
         });
     }
-};
-
-//! Occupies every worker until it is released.
-class FullPool {
-public:
-    FullPool() {
-        const int count = WorkerPool::instance().threadCount();
-        for (int i = 0; i < count; ++i)
-            WorkerPool::instance().submit(
-                [this] {
-                    ++m_busy;
-                    m_release.get_future_shared().wait();
-                    --m_busy;
-                },
-                nullptr, {});
-        while (m_busy < count)
-            std::this_thread::yield();
-    }
-    void release() { m_release.open(); }
-    ~FullPool() {
-        release();
-        while (m_busy > 0)
-            std::this_thread::yield();
-    }
-
-private:
-    struct Gate {
-        std::promise<void> promise;
-        std::shared_future<void> future{promise.get_future()};
-        bool opened = false;
-        std::shared_future<void> get_future_shared() { return future; }
-        void open() {
-            if (!std::exchange(opened, true))
-                promise.set_value();
-        }
-    } m_release;
-    std::atomic<int> m_busy = 0;
 };
 
 } // namespace

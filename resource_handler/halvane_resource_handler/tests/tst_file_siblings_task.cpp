@@ -7,9 +7,6 @@
 
 #include <QJsonDocument>
 
-#include <atomic>
-#include <latch>
-
 namespace orx::testing {
 namespace {
 
@@ -171,11 +168,11 @@ TEST(FileSiblingsTask, SucceedsWithoutSiblingsWhenTheServerKnowsNoSuchFile) {
 
 //! Answers nothing, and tells that a request is there.
 struct SilentServer {
-    std::latch asked{1};
+    Gate asked;
     LoopbackServer server{[this](LoopbackConnection& connection) {
         if (!connection.readRequest())
             return;
-        asked.count_down();
+        asked.open();
         connection.waitForClient();
     }};
 };

@@ -10,6 +10,8 @@ namespace halvane::server {
 
 struct Metrics {
     std::array<std::atomic<std::uint64_t>, 6> requestsByStatusClass{}; // index: status / 100
+    // Begun, and neither counted above nor in the log yet.
+    std::atomic<std::int64_t> requestsRunning{0};
     std::atomic<std::uint64_t> requestMicroseconds{0};
     std::atomic<std::uint64_t> bytesReceived{0};
     std::atomic<std::uint64_t> bytesSent{0};

@@ -56,6 +56,16 @@ std::string busyReply() {
            std::to_string(response.body.size()) + "\r\n\r\n" + response.body;
 }
 
+// asio gives the signals their default action back with its last set of them, and the process still has to
+// make its data tidy after the service. So one set is left for good.
+void keepStopSignalsFromEndingTheProcess() {
+    struct Kept {
+        asio::io_context io;
+        asio::signal_set signals{io, SIGTERM, SIGINT};
+    };
+    [[maybe_unused]] static const Kept* const kept = new Kept;
+}
+
 } // namespace
 
 struct HttpServer::Private {
@@ -100,6 +110,7 @@ std::uint16_t HttpServer::port() const {
 }
 
 void HttpServer::run() {
+    keepStopSignalsFromEndingTheProcess();
     d->signals.async_wait([this](error_code error, int) {
         if (!error)
             d->stop();

@@ -38,7 +38,8 @@ public:
     HttpServer& operator=(const HttpServer&) = delete;
 
     std::uint16_t port() const;
-    // Serves until SIGTERM or SIGINT, then finishes what runs, within the grace.
+    // Serves until SIGTERM or SIGINT, then finishes what runs, within the grace. However often it is told to
+    // stop, it stops once: from here on to its end the process does nothing at further signals.
     void run();
 
 private:

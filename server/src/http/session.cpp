@@ -12,6 +12,7 @@
 #include <atomic>
 #include <sys/sendfile.h>
 #include <sys/socket.h>
+#include <utility>
 
 namespace halvane::server {
 
@@ -46,6 +47,18 @@ std::string loggable(const std::string& path) {
 } // namespace
 
 struct Session::Exchange {
+    explicit Exchange(Metrics& theMetrics) : metrics(theMetrics) { ++metrics.requestsRunning; }
+    ~Exchange() { noLongerRunning(); }
+    Exchange(const Exchange&) = delete;
+    Exchange& operator=(const Exchange&) = delete;
+
+    void noLongerRunning() {
+        if (std::exchange(running, false))
+            --metrics.requestsRunning;
+    }
+
+    Metrics& metrics;
+    bool running = true;
     Request request;
     Response response;
     bool keepAlive = true;
@@ -129,7 +142,7 @@ asio::awaitable<bool> Session::readHead(RequestHead& head) {
         head = parser.head();
         co_return true;
     }
-    Exchange exchange;
+    Exchange exchange(m_context.metrics);
     exchange.request.id = nextRequestId();
     exchange.response = failure(*refusal);
     exchange.keepAlive = false;
@@ -143,7 +156,7 @@ asio::awaitable<bool> Session::readHead(RequestHead& head) {
 }
 
 asio::awaitable<bool> Session::serveOne(RequestHead head) {
-    Exchange exchange;
+    Exchange exchange(m_context.metrics);
     Request& request = exchange.request;
     request.method = std::move(head.method);
     request.path = head.target.substr(0, head.target.find('?'));
@@ -471,7 +484,7 @@ void Session::armDeadline() {
     });
 }
 
-void Session::logRequest(const Exchange& exchange) const {
+void Session::logRequest(Exchange& exchange) const {
     using namespace std::chrono;
     const auto microseconds =
         duration_cast<std::chrono::microseconds>(steady_clock::now() - exchange.begin).count();
@@ -495,6 +508,7 @@ void Session::logRequest(const Exchange& exchange) const {
             .field("aborted", exchange.aborted);
     }
     m_context.log.write(std::move(line));
+    exchange.noLongerRunning();
 }
 
 } // namespace halvane::server

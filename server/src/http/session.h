@@ -48,7 +48,7 @@ private:
     asio::awaitable<bool> sendFile(const FileSlice& file);
     asio::awaitable<bool> copyFile(FileSlice file);
     asio::awaitable<void> onWorker(std::function<void()> job);
-    void logRequest(const Exchange& exchange) const;
+    void logRequest(Exchange& exchange) const;
     std::string headText(const Exchange& exchange) const;
 
     // The connection is closed when the time passes without another call.

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <arpa/inet.h>
+#include <cerrno>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <stdexcept>
@@ -59,12 +60,17 @@ void HttpClient::sendRaw(const std::string& bytes) {
     }
 }
 
-bool HttpClient::fill() {
+// What recv() says.
+ssize_t HttpClient::receive() {
     char piece[64 * 1024];
     const ssize_t count = ::recv(m_socket, piece, sizeof piece, 0);
     if (count > 0)
         m_buffer.append(piece, static_cast<std::size_t>(count));
-    return count > 0;
+    return count;
+}
+
+bool HttpClient::fill() {
+    return receive() > 0;
 }
 
 std::string HttpClient::readUntil(const std::string& mark) {
@@ -89,9 +95,11 @@ std::string HttpClient::readBytes(std::size_t count) {
 }
 
 bool HttpClient::readToEnd() {
-    while (fill()) {
-    }
-    return true;
+    ssize_t count = 0;
+    do
+        count = receive();
+    while (count > 0);
+    return count == 0 || errno == ECONNRESET;
 }
 
 Reply HttpClient::readReply(bool hasBody) {

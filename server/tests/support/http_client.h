@@ -5,6 +5,7 @@
 #include <map>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <sys/types.h>
 #include <utility>
 #include <vector>
 
@@ -37,7 +38,7 @@ public:
                   const ClientHeaders& headers = {});
     void sendRaw(const std::string& bytes);
     Reply readReply(bool hasBody = true);
-    // True when the server has closed the connection, possibly after more bytes.
+    // Waits until the server ends the connection, possibly after more bytes; false when it does not.
     bool readToEnd();
     // Ends the connection without a word.
     void abort();
@@ -46,6 +47,7 @@ private:
     std::string readUntil(const std::string& mark);
     std::string readBytes(std::size_t count);
     bool fill();
+    ssize_t receive();
 
     int m_socket = -1;
     std::string m_buffer;

@@ -1,5 +1,6 @@
 #include "support/server_test.h"
 
+#include <chrono>
 #include <csignal>
 #include <fcntl.h>
 #include <fstream>
@@ -46,6 +47,11 @@ std::string readFile(const std::string& path) {
     std::ostringstream text;
     text << file.rdbuf();
     return text.str();
+}
+
+void waitUntil(const std::function<bool()>& condition) {
+    while (!condition())
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
 }
 
 ProgramResult runProgram(const std::vector<std::string>& arguments, const std::string& input) {
@@ -98,26 +104,32 @@ void ServerTest::prepare() {
 void ServerTest::start(const std::vector<std::string>& moreOptions) {
     const std::string portFile = temporaryFile("port");
     std::filesystem::remove(portFile);
-    std::vector<std::string> arguments{HALVANE_SERVER_BINARY, "--data",       dataDirectory(), "--listen",
-                                       "127.0.0.1:0",         "--port-file",  portFile,        "--log-file",
-                                       temporaryFile("log"),  "--chunk-size", "100000"};
+    std::vector<std::string> arguments{HALVANE_SERVER_BINARY,
+                                       "--data",
+                                       dataDirectory(),
+                                       "--listen",
+                                       "127.0.0.1:" + std::to_string(m_port),
+                                       "--port-file",
+                                       portFile,
+                                       "--log-file",
+                                       temporaryFile("log"),
+                                       "--chunk-size",
+                                       "100000"};
     if (std::find(moreOptions.begin(), moreOptions.end(), "--chunk-size") != moreOptions.end())
         arguments.resize(arguments.size() - 2);
     arguments.insert(arguments.end(), moreOptions.begin(), moreOptions.end());
     m_process = spawn(arguments, 0, 1, 2);
-    while (!std::filesystem::exists(portFile)) {
-        int status = 0;
-        if (::waitpid(m_process, &status, WNOHANG) != 0) {
-            m_process = -1;
-            FAIL() << "the server ended with " << status << ": " << log();
-        }
-        std::this_thread::yield();
-    }
-    m_port = static_cast<std::uint16_t>(std::stoi(readFile(portFile)));
+    waitUntil([&] { return std::filesystem::exists(portFile) || !isServing(); });
+    if (!isServing())
+        FAIL() << "the server ended with " << waitForEnd() << ": " << log();
 }
 
 int ServerTest::stop() {
     ::kill(m_process, SIGTERM);
+    return waitForEnd();
+}
+
+int ServerTest::waitForEnd() {
     return exitCodeOf(std::exchange(m_process, -1));
 }
 

@@ -1,11 +1,12 @@
 // A real halvane-server in a process of its own, with a data directory of its own, for one test.
 #pragma once
 
+#include "Sockets.h"
 #include "core/hashes.h"
 #include "support/http_client.h"
 #include "support/temporary_directory.h"
 
-#include <atomic>
+#include <functional>
 #include <gtest/gtest.h>
 #include <memory>
 #include <optional>
@@ -27,6 +28,8 @@ std::string xxh3Text(const std::string& content);
 // Bytes that do not repeat, different for each seed.
 std::string sampleBytes(std::size_t size, unsigned seed = 1);
 std::string readFile(const std::string& path);
+// Looks every millisecond, without end: the time limit of the whole test ends it.
+void waitUntil(const std::function<bool()>& condition);
 
 class ServerTest : public ::testing::Test {
 protected:
@@ -39,10 +42,13 @@ protected:
     void start(const std::vector<std::string>& moreOptions = {});
     // SIGTERM; returns the exit code.
     int stop();
+    // Waits for the end of a process that was told to stop; returns the exit code.
+    int waitForEnd();
     void kill();
     // False when the process has ended, or did not come up.
     bool isServing() const;
     pid_t pid() const { return m_process; }
+    // The same for all servers of a test. While none runs, who connects is refused.
     std::uint16_t port() const { return m_port; }
     std::string dataDirectory() const { return m_directory.file("data"); }
     std::string temporaryFile(const std::string& name) const { return m_directory.file(name); }
@@ -88,7 +94,8 @@ protected:
 
 private:
     pid_t m_process = -1;
-    std::atomic<std::uint16_t> m_port{0}; // threads of a test go on calling while the server is started anew
+    const orx::testing::Socket m_reserved = orx::testing::Socket::reserved();
+    const std::uint16_t m_port = m_reserved.port();
     std::string m_token;
 };
 

@@ -3,8 +3,15 @@
 
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
 #include <array>
 #include <atomic>
+#include <cerrno>
+#include <future>
+#include <system_error>
 #include <vector>
 
 using namespace orx::testing;
@@ -158,11 +165,21 @@ TEST_F(FaultProxyTest, DropsTheConnectionBeforeOrAfterTheServerSeesTheRequest) {
     EXPECT_EQ(third.ask("PUT", "/after", "x").status, 200) << "only once";
 }
 
-TEST_F(FaultProxyTest, CutsTheBodyOfARequestAndTheServerSeesTheConnectionEnd) {
+TEST(FaultProxyCuts, TheBodyOfARequestAndTheServerSeesTheConnectionEnd) {
+    std::promise<std::string> came;
+    const LoopbackServer server([&](LoopbackConnection& connection) {
+        std::string bytes(1000, '\0');
+        size_t filled = 0;
+        while (const size_t count = connection.socket().receive(bytes.data() + filled, bytes.size() - filled))
+            filled += count;
+        came.set_value(bytes.substr(0, filled));
+    });
+    FaultProxy proxy("127.0.0.1", server.port());
     proxy.cutRequestBody({.method = "PUT"}, 3);
-    EXPECT_EQ(client.ask("PUT", "/a", "123456").status, 0);
+    EXPECT_EQ(Client(proxy).ask("PUT", "/a", "123456").status, 0);
     EXPECT_EQ(proxy.traffic("PUT", "/a").requestBytes, 3u);
-    EXPECT_EQ(served, 0);
+    const std::string seen = came.get_future().get();
+    EXPECT_TRUE(seen.ends_with("\r\n\r\n123")) << seen;
 }
 
 TEST_F(FaultProxyTest, CutsTheBodyOfAReply) {
@@ -221,6 +238,8 @@ TEST_F(FaultProxyTest, EndsTheClientsConnectionWhenTheServerIsGoneAndFindsTheNex
         proxy.setTarget("127.0.0.1", mortal.port());
         EXPECT_EQ(client.ask("GET", "/").body, "old");
     }
+    const Socket nobody = Socket::reserved();
+    proxy.setTarget("127.0.0.1", nobody.port());
     EXPECT_EQ(client.ask("GET", "/").status, 0);
     proxy.setTarget("127.0.0.1", server.port());
     EXPECT_EQ(Client(proxy).ask("GET", "/").body, "GET / ");
@@ -268,6 +287,51 @@ TEST(FaultProxyEarlyReplies, PassOnTheGoAheadForABody) {
     Client client(proxy);
     client.sendRaw("PUT / HTTP/1.1\r\nHost: h\r\nExpect: 100-continue\r\nContent-Length: 4\r\n\r\n");
     EXPECT_EQ(client.read().status, 100);
+}
+
+//! A socket bound to \a port of 127.0.0.1 (0: to any); not open when it is refused.
+Socket boundTo(std::uint16_t port, bool reuseAddress, std::uint16_t onlyPort = 0) {
+    Socket socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const int reuse = reuseAddress ? 1 : 0;
+    EXPECT_EQ(::setsockopt(socket.fd(), SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse), 0);
+    if (onlyPort != 0) {
+        constexpr int portRange = 51; // IP_LOCAL_PORT_RANGE, which older headers do not name
+        const std::uint32_t range = std::uint32_t(onlyPort) << 16 | onlyPort;
+        if (::setsockopt(socket.fd(), IPPROTO_IP, portRange, &range, sizeof range) != 0) {
+            EXPECT_EQ(errno, ENOPROTOOPT); // a kernel that cannot be asked
+            return {};
+        }
+    }
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (::bind(socket.fd(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        EXPECT_EQ(errno, EADDRINUSE);
+        return {};
+    }
+    return socket;
+}
+
+TEST(ReservedPort, IsRefusedToClientsWheneverNoServerListensThere) {
+    const Socket reserved = Socket::reserved();
+    for (int run = 0; run < 2; ++run) {
+        EXPECT_THROW(Socket::connected("127.0.0.1", reserved.port()), std::system_error);
+        const Socket server = boundTo(reserved.port(), true);
+        ASSERT_TRUE(server.isOpen());
+        ASSERT_EQ(::listen(server.fd(), 1), 0);
+        EXPECT_TRUE(Socket::connected("127.0.0.1", reserved.port()).isOpen());
+        EXPECT_TRUE(server.accept().isOpen());
+    }
+    EXPECT_THROW(Socket::connected("127.0.0.1", reserved.port()), std::system_error);
+}
+
+TEST(ReservedPort, IsGivenToNobodyWhoAsksForAnyPort) {
+    const Socket reserved = Socket::reserved();
+    EXPECT_FALSE(boundTo(reserved.port(), false).isOpen());
+    // Even when no other port may be given.
+    for (const bool reuse : {false, true})
+        EXPECT_FALSE(boundTo(0, reuse, reserved.port()).isOpen());
 }
 
 TEST(HttpBodyFraming, FindsTheEndOfBodiesHoweverTheyAreCut) {
