@@ -38,10 +38,8 @@ void TraceBuilder::add(const IonCurrentTrace::Point& point) {
         ++m_inLast;
         return;
     }
-    if (m_points.size() == IonCurrentTrace::MAX_POINTS) {
+    if (m_points.size() == IonCurrentTrace::MAX_POINTS)
         halve();
-        m_inLast = m_spectraPerPoint;
-    }
     m_points.append(point);
     m_inLast = 1;
 }
