@@ -53,7 +53,6 @@ std::optional<double> durationSeconds(std::string_view text) {
 struct OpenScan {
     SpectrumFacts facts;
     std::optional<ValueRange> decodedMz;
-    bool isAdded = false;
 };
 
 class MzXmlHandler final : public XmlParser::Handler {
@@ -72,7 +71,7 @@ private:
     void beginScan(const XmlAttributes& attributes);
     void beginPeaks(const XmlAttributes& attributes);
     void endPeaks();
-    void addScan(OpenScan& scan);
+    void endScan();
     void beginInstrument(const XmlAttributes& attributes);
 
     RunCollector& m_collector;
@@ -85,9 +84,6 @@ private:
 
 void MzXmlHandler::startElement(std::string_view name, const XmlAttributes& attributes) {
     if (name == "scan") {
-        // A scan precedes those inside it.
-        if (!m_scans.empty())
-            addScan(m_scans.back());
         beginScan(attributes);
     } else if (name == "peaks" && !m_scans.empty()) {
         beginPeaks(attributes);
@@ -130,7 +126,7 @@ void MzXmlHandler::beginPeaks(const XmlAttributes& attributes) {
     const SpectrumFacts& facts = m_scans.back().facts;
     const bool isIonCurrentStated = facts.totalIonCurrent && facts.basePeak;
     const bool isMzKnown = facts.observedMz || (isIonCurrentStated && facts.scanWindow);
-    if (m_scans.back().isAdded || (isIonCurrentStated && isMzKnown))
+    if (isIonCurrentStated && isMzKnown)
         return;
     std::string_view content = attributes.value("contentType");
     if (content.empty())
@@ -176,21 +172,19 @@ void MzXmlHandler::endPeaks() {
         scan.facts.basePeak = intensities.range ? intensities.range->highest : 0;
 }
 
-void MzXmlHandler::addScan(OpenScan& scan) {
-    if (scan.isAdded)
-        return;
-    scan.isAdded = true;
+void MzXmlHandler::endScan() {
+    OpenScan& scan = m_scans.back();
     if (!scan.facts.observedMz)
         scan.facts.observedMz = scan.decodedMz;
     m_collector.add(scan.facts);
+    m_scans.pop_back();
 }
 
 void MzXmlHandler::endElement(std::string_view name) {
     if (name == "peaks" && m_isReadingText) {
         endPeaks();
     } else if (name == "scan" && !m_scans.empty()) {
-        addScan(m_scans.back());
-        m_scans.pop_back();
+        endScan();
     }
 }
 

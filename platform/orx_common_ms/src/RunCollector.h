@@ -40,7 +40,7 @@ class ORX_COMMON_MS_EXPORT RunCollector {
 public:
     explicit RunCollector(MsDataKind kind);
 
-    //! Spectra in the order of the acquisition.
+    //! Spectra in the order of the acquisition, those of one level at least.
     void add(const SpectrumFacts& spectrum);
     //! How many spectra the source says it has.
     void addDeclaredCount(qint64 count);
