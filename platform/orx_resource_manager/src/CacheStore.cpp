@@ -370,6 +370,22 @@ Error CacheStore::flushWay(const CacheSubPath& place) {
     return Error();
 }
 
+Error CacheStore::markDamaged(const CacheSubPath& place, const FileCopy::Stamp& seen) {
+    const auto opened = root();
+    if (opened.hasError())
+        return opened.error();
+    const auto lock = (*opened)->locks->waitExclusive(CacheLocks::offset(place.key(), CacheLocks::kPlace));
+    if (!lock)
+        return busy(place.text());
+    const auto now = FileCopy::stampOf(placePath(place));
+    const auto record = m_work.find(place.text());
+    if (isMissing(now.error()) || isMissing(record.error()) || (now && *now != seen))
+        return Error();
+    if (now.hasError() || record.hasError())
+        return now.hasError() ? now.error() : record.error();
+    return m_work.setDamaged(*record);
+}
+
 void CacheStore::keepReserve() {
     const auto opened = root();
     if (opened.hasError())

@@ -5,6 +5,8 @@
 #include "CacheRecords.h"
 #include "CacheSubPath.h"
 
+#include <FileCopy.h>
+
 #include <QLoggingCategory>
 
 #include <memory>
@@ -62,6 +64,8 @@ public:
     Result<CacheDescriptor> ensureParent(const CacheSubPath& place);
     //! The directory above the place; ErrorCode::NotFound.
     Result<CacheDescriptor> openParent(const CacheSubPath& place);
+    //! See ResourceCache::markDamaged().
+    Error markDamaged(const CacheSubPath& place, const FileCopy::Stamp& seen);
     //! Keeps some room on the disk for the records of removals, or gives it to them. True when there was any.
     void keepReserve();
     bool releaseReserve();

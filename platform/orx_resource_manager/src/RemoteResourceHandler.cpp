@@ -3,6 +3,7 @@
 #include "ResourceCache.h"
 
 #include <ComplexTask.h>
+#include <WorkerStepTask.h>
 
 #include <QCoreApplication>
 #include <QFileInfo>
@@ -142,6 +143,14 @@ Error RemoteResourceHandler::addToCache(const Path& localPath) {
 Error RemoteResourceHandler::addToCache(const Writer& writer) {
     ORX_RETURN_ON_ERROR(checkCache());
     return ORX_ECATCH(cache()->add(reference(), subCachePath(), writer));
+}
+
+std::unique_ptr<Task> RemoteResourceHandler::markDamagedTask(const FileCopy::Stamp& seen) const {
+    if (Error error = checkCache(); error.hasError())
+        return std::make_unique<RefusedTask>(ORX_ECATCH(error));
+    return std::make_unique<WorkerStepTask>(
+        QStringLiteral("Mark what is damaged in the cache"),
+        [cache = cache(), subPath = subCachePath(), seen] { return cache->markDamaged(subPath, seen); });
 }
 
 Error RemoteResourceHandler::hold(const QString& subPath) {

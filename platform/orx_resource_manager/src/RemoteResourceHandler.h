@@ -2,6 +2,8 @@
 
 #include "ResourceHandler.h"
 
+#include <FileCopy.h>
+
 #include <functional>
 
 namespace orx {
@@ -27,6 +29,10 @@ public:
     Error addToCache(const PathImpl<PathType::Unknown>& localPath);
     //! The same for content that \a writer makes; it runs before the call returns, and its error is returned.
     Error addToCache(const Writer& writer);
+
+    //! A task that makes the file at expectedPath() unavailable, which had the stamp \a seen before it was
+    //! read and is not what it should be. See ResourceCache::markDamaged().
+    std::unique_ptr<Task> markDamagedTask(const FileCopy::Stamp& seen) const;
 
 protected:
     RemoteResourceHandler(const QSharedPointer<ResourceReference>& reference, ResourceCache* cache);

@@ -188,6 +188,11 @@ Error ResourceCache::setCleanupPolicy(const QString& subPath, ResourceCleanupPol
     return d->store->quickRecords().setPolicy(subPath, policy);
 }
 
+Error ResourceCache::markDamaged(const QString& subPath, const FileCopy::Stamp& seen) {
+    const auto place = d->store->parse(subPath);
+    return place ? d->store->markDamaged(*place, seen) : place.error();
+}
+
 std::unique_ptr<Task> ResourceCache::fillTask(const ResourceReferenceSPtr& reference, const QString& subPath,
                                               std::function<std::unique_ptr<Task>(const DirPath&)> fetch,
                                               FillMode mode) {

@@ -2,6 +2,7 @@
 
 #include "ResourceHandlerTypes.h"
 
+#include <FileCopy.h>
 #include <PathImpl.h>
 #include <ResourceReference.h>
 #include <Result.h>
@@ -128,6 +129,11 @@ public:
     Result<ResourceCleanupPolicy> cleanupPolicy(const QString& subPath) const;
     //! ErrorCode::NotFound without an entry.
     Error setCleanupPolicy(const QString& subPath, ResourceCleanupPolicy policy);
+
+    //! For who read a file at the entry's place, which had the stamp \a seen before, and found that it is not
+    //! what it should be: the entry is not there any more, until a fill brings it anew. Nothing happens when
+    //! another file has come to the place since. Blocks on the disk.
+    Error markDamaged(const QString& subPath, const FileCopy::Stamp& seen);
 
     //! Fills the entry: \a fetch makes the task that brings the content into the directory it is given, under
     //! the last component of \a subPath. Of several tasks and processes that fill one entry one works and the

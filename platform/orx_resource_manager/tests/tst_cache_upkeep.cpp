@@ -256,6 +256,28 @@ TEST_F(CacheUpkeepTest, ADamagedEntryInUseIsNotServedAgain) {
     EXPECT_TRUE(cache.contains(u"b"_qs));
 }
 
+TEST_F(CacheUpkeepTest, WhatAReaderFoundDamagedIsNotThereUntilItIsFilledAnew) {
+    damage(placeOf(u"b"_qs));
+    const auto seen = FileCopy::stampOf(placeOf(u"b"_qs));
+    ASSERT_TRUE(seen);
+    EXPECT_FALSE(cache.markDamaged(u"b"_qs, *seen).hasError());
+    EXPECT_FALSE(cache.contains(u"b"_qs));
+    EXPECT_FALSE(cache.lease(u"b"_qs));
+    EXPECT_TRUE(cache.contains(u"a"_qs));
+    EXPECT_FALSE(fill(u"b"_qs, "good").hasError());
+    EXPECT_TRUE(cache.contains(u"b"_qs));
+}
+
+TEST_F(CacheUpkeepTest, WhatCameSinceAReaderFoundDamageStays) {
+    const auto seen = FileCopy::stampOf(placeOf(u"b"_qs));
+    ASSERT_TRUE(seen);
+    ASSERT_FALSE(fill(u"b"_qs, QByteArray(100, 'y'), true).hasError());
+    EXPECT_FALSE(cache.markDamaged(u"b"_qs, *seen).hasError());
+    EXPECT_TRUE(cache.contains(u"b"_qs));
+    EXPECT_FALSE(cache.markDamaged(u"absent"_qs, *seen).hasError());
+    EXPECT_TRUE(cache.markDamaged(u"../b"_qs, *seen).is(ErrorCode::InvalidArgument));
+}
+
 TEST_F(CacheUpkeepTest, VerificationLooksIntoDirectories) {
     const QString top = path(u"folder"_qs);
     ASSERT_TRUE(orx::testing::writeFile(top + u"/in/file"_qs, "content"));
