@@ -16,6 +16,13 @@ inline bool passedThrough(const Error& error, const QString& function) {
                        [&](const Error::TraceEntry& place) { return place.function.contains(function); });
 }
 
+//! How often a function whose signature holds \a function stamped \a error.
+inline qsizetype stampsOf(const Error& error, const QString& function) {
+    const auto places = error.trace();
+    return std::count_if(places.begin(), places.end(),
+                         [&](const Error::TraceEntry& place) { return place.function.contains(function); });
+}
+
 //! loadFromJson() as the framework calls it: the metadata classes do not offer it themselves.
 inline Error load(ResourceMetadata& metadata, const QJsonObject& json) {
     return metadata.loadFromJson(json);

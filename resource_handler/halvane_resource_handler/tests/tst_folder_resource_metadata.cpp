@@ -269,8 +269,12 @@ TEST_F(FolderResourceMetadata, EveryElementOfTheChainNeedsItsNameAndItsId) {
 TEST_F(FolderResourceMetadata, APartThatIsNoWholeNumberFailsUntranslated) {
     const ContextTranslator translator;
     HalvaneFolderResourceMetadata metadata = otherFolder();
+    const QSet<Privilege> before = metadata.privileges();
     for (const QString& key : {PrivilegesKey, GroupsKey}) {
         const Error error = load(metadata, with(serverFolder(), key, QStringLiteral("8,x,y")));
+        if (key == PrivilegesKey) {
+            EXPECT_EQ(metadata.privileges(), before) << "not even the part before the wrong one";
+        }
         EXPECT_TRUE(error.is(ErrorDomain::General, 2));
         EXPECT_EQ(error.errorMessage(), QStringLiteral("x is not an integer number"));
         EXPECT_TRUE(passedThrough(error, QStringLiteral("HalvaneFolderResourceMetadata::loadFromJson")));

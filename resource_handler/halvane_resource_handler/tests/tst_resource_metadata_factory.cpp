@@ -110,13 +110,15 @@ TEST(ResourceMetadataCreator, AnItemTypeThatIsNeitherFileNorFolderFailsUntransla
 TEST(ResourceMetadataCreator, WhatTheClassRejectsIsStampedOnceByTheFrameworkAndOnceHere) {
     const auto file = HalvaneResourceMetadataCreator::create(without(fileJson(), QStringLiteral("Path")));
     ASSERT_TRUE(file.hasError());
-    EXPECT_TRUE(passedThrough(file.error(), QStringLiteral("HalvaneFileResourceMetadata::loadFromJson")));
-    EXPECT_TRUE(passedThrough(file.error(), QStringLiteral("ResourceMetadata::create")));
-    EXPECT_TRUE(passedThrough(file.error(), CreateAsName));
     const auto folder = HalvaneResourceMetadataCreator::create(without(folderJson(), QStringLiteral("id")));
     ASSERT_TRUE(folder.hasError());
+    EXPECT_TRUE(passedThrough(file.error(), QStringLiteral("HalvaneFileResourceMetadata::loadFromJson")));
     EXPECT_TRUE(passedThrough(folder.error(), QStringLiteral("HalvaneFolderResourceMetadata::loadFromJson")));
-    EXPECT_TRUE(passedThrough(folder.error(), CreateAsName));
+    for (const Error& error : {file.error(), folder.error()}) {
+        EXPECT_EQ(stampsOf(error, QStringLiteral(" orx::ResourceMetadata::create")), 1)
+            << qPrintable(error.traceText());
+        EXPECT_EQ(stampsOf(error, CreateAsName), 1) << qPrintable(error.traceText());
+    }
 }
 
 TEST(ResourceMetadataRegistration, LastsFromRegisteringToUnregistering) {

@@ -227,11 +227,16 @@ void expectNothing(const HalvaneGetFolderMetadataTask& task) {
 }
 
 TEST_F(FolderMetadataTask, AReplyWithoutDataFails) {
-    for (const QByteArray& reply :
-         {QByteArray(R"({"status":"success"})"), QByteArray(R"({"status":"success","data":[1]})")}) {
+    for (const auto& [reply, message] :
+         {std::pair(QByteArray(R"({"status":"success"})"), QStringLiteral("The key \"data\" is missing.")),
+          std::pair(QByteArray(R"({"status":"success","data":[1]})"),
+                    QStringLiteral("The value of the key \"data\" is not an object."))}) {
         server.script(QStringLiteral("GET /folders/*"), ScriptedFault::raw(200, reply));
         HalvaneGetFolderMetadataTask task(year);
-        EXPECT_TRUE(run(task).is(ErrorDomain::Network, int(NetworkErrorCode::InvalidReply)));
+        const Error error = run(task);
+        EXPECT_TRUE(error.is(ErrorCode::ParseError)) << qPrintable(error.traceText());
+        EXPECT_EQ(error.errorMessage(), message);
+        EXPECT_TRUE(passedThrough(error, QStringLiteral("HalvaneGetFolderMetadataTask::parseData")));
         expectNothing(task);
     }
 }
