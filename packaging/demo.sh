@@ -126,6 +126,23 @@ for file in "$work"/up/*; do
   echo "$name: identical"
 done
 
+step "Get the whole folder on another machine, twice"
+mkdir "$work/whole"
+printf '%s\n' "$password" | as colleague "$BIN/halvane" --quiet login "$url" --user anna --password-stdin >/dev/null
+as colleague show get /raw --to "$work/whole"
+diff -r -- "$work/up" "$work/whole/raw/2026" || fail "the folder that came down differs from what was put"
+for file in "$work"/up/*; do
+  [ "$(stat -c %Y "$file")" = "$(stat -c %Y "$work/whole/raw/2026/$(basename "$file")")" ] ||
+    fail "the modification time of $(basename "$file") was not restored"
+done
+echo "$work/whole/raw/2026 is identical to $work/up, times included"
+lost=$(basename "$(find "$work/up" -type f | sort | head -n 1)")
+rm -- "$work/whole/raw/2026/$lost"
+fetched=$(as colleague "$BIN/halvane" --json get /raw --to "$work/whole" | grep -c '"outcome":"downloaded".*"type":"file"')
+[ "$fetched" -eq 1 ] || fail "$fetched files came by the second run, and only $lost was missing"
+same "$work/up/$lost" "$work/whole/raw/2026/$lost"
+echo "the second run brought $lost, which was missing, and nothing else"
+
 step "Once more, from the cache: what was put here need not be fetched"
 mkdir "$work/again"
 line=$(as anna "$BIN/halvane" --json get /raw/2026/tiny.mzML --to "$work/again")
@@ -134,7 +151,6 @@ same "$work/up/tiny.mzML" "$work/again/tiny.mzML"
 as anna show cache ls
 
 step "A colleague on another machine gets a file"
-printf '%s\n' "$password" | as colleague "$BIN/halvane" --quiet login "$url" --user anna --password-stdin >/dev/null
 as colleague show get /raw/2026/tiny.mzML --to "$work/colleague/files"
 same "$work/up/tiny.mzML" "$work/colleague/files/tiny.mzML"
 
@@ -172,6 +188,7 @@ cat <<SUMMARY
 
 == Summary
   $count real files ($bytes bytes; $origin) went up and came back byte for byte, by cmp and by SHA-256.
+  Their folder came down on another machine, identical; a second run brought only the file that was missing.
   One of them got a second version; version 1 and version 2 can both be fetched.
   A client that knew version 1 only was told so (exit code 8) instead of hiding version 2.
   The server's data, both clients' settings and all copies were in a temporary directory that is now removed.
