@@ -150,6 +150,21 @@ TEST_F(Cache, OtherBytesOfTheSameSizeAndTimeAreNoticed) {
     EXPECT_EQ(contentsFetched(), 1);
 }
 
+TEST_F(Cache, ACopyThatWasFoundDamagedIsNotThereThoughItCannotBeFetchedAnew) {
+    FaultProxy proxy("127.0.0.1", server.port());
+    ASSERT_TRUE(client.login(QUrl(QString::fromStdString(proxy.url()))));
+    put();
+    damageEntry(cachePath());
+    proxy.replaceReply({"GET", contentPath, 0, -1}, 404, "text/plain", "gone");
+    const Outcome failed = client.run({"get", "/raw/run.mzML", "--to", client.path("back")});
+    EXPECT_NE(failed.exitCode, 0);
+    EXPECT_THAT(std::string(failed.err), HasSubstr("is not what the server has"));
+    EXPECT_EQ(client.run({"cache", "path", "/raw/run.mzML"}).exitCode, 3);
+    proxy.clearRules();
+    EXPECT_EQ(get()["from_cache"], false);
+    EXPECT_EQ(get()["from_cache"], true);
+}
+
 TEST_F(Cache, VerificationFindsAndRemovesWhatIsDamaged) {
     put();
     client.mustRun({"put", client.makeFile("whole.mzML", "whole"), "--to", "/raw"});
@@ -211,6 +226,44 @@ TEST_F(Cache, LookingAfterTheCacheNeedsNoServer) {
     EXPECT_EQ(entries().size(), 1);
     EXPECT_EQ(client.mustRun({"--json", "cache", "verify"}).object()["entries"], 1);
     client.mustRun({"cache", "prune"});
+}
+
+TEST_F(Cache, APlaceThatIsListedCanBePinnedAndPrintedWithoutAServer) {
+    put();
+    const QString path = cachePath();
+    client.mustRun({"logout"});
+    ASSERT_TRUE(server.stop());
+    const QString place = entries()[0]["sub_path"].toString();
+    EXPECT_EQ(client.mustRun({"cache", "path", place}).out, path.toUtf8() + '\n');
+    const QJsonObject pinned = client.mustRun({"--json", "cache", "pin", place}).object();
+    EXPECT_EQ(pinned["pinned"], true);
+    EXPECT_EQ(pinned["name"], "run.mzML");
+    EXPECT_EQ(pinned["path"], path);
+    EXPECT_TRUE(pinned["reference"].isNull());
+    EXPECT_EQ(client.mustRun({"--json", "cache", "prune", "--max-size", "0"}).object()["size"], 100'000);
+    EXPECT_EQ(client.mustRun({"cache", "unpin", place}).out, "unpinned " + place.toUtf8() + '\n');
+    client.mustRun({"cache", "prune", "--max-size", "0"});
+    const Outcome absent = client.run({"--json", "cache", "pin", place});
+    EXPECT_EQ(absent.exitCode, 3);
+    EXPECT_EQ(absent.object()["error"], "NotFound");
+    EXPECT_EQ(client.run({"cache", "path", "a/../b"}).exitCode, 2);
+}
+
+TEST_F(Cache, PruningTellsWhatItCouldNotRemoveAndWhatItDid) {
+    put();
+    const QDir cacheDir(client.environment().value("HALVANE_CACHE_DIR"));
+    // Deeper than the files that the program may have open.
+    ASSERT_TRUE(cacheDir.mkpath("state/staging/add-1" + QString("/d").repeated(200)));
+    const Outcome outcome =
+        client.runWrapped({"prlimit", "--nofile=128"}, {"--json", "cache", "prune", "--max-size", "0"});
+    EXPECT_EQ(outcome.exitCode, 4);
+    EXPECT_THAT(std::string(outcome.err), HasSubstr("warning: "));
+    const QJsonObject report = outcome.object();
+    EXPECT_EQ(report["removed"].toArray().size(), 1);
+    EXPECT_EQ(report["problems"].toArray().size(), 1);
+    const QJsonObject second = client.mustRun({"--json", "cache", "prune"}).object();
+    EXPECT_EQ(second["problems"].toArray().size(), 0);
+    EXPECT_FALSE(cacheDir.exists("state/staging/add-1"));
 }
 
 TEST_F(Cache, ACacheThatCannotBeUsedStandsInNobodysWay) {

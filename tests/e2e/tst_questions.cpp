@@ -1,6 +1,8 @@
 // What the commands say about files and folders without moving them.
 #include "Client.h"
 
+#include <FaultProxy.h>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -103,6 +105,16 @@ TEST_F(Questions, InfoOfTheRoot) {
     EXPECT_EQ(info["id"], 1);
     EXPECT_EQ(info["path"], "/");
     EXPECT_EQ(info["parent_id"], -1);
+}
+
+TEST_F(Questions, SiblingsThatTheServerDoesNotTellAreAnError) {
+    FaultProxy proxy("127.0.0.1", server.port());
+    ASSERT_TRUE(client.login(QUrl(QString::fromStdString(proxy.url()))));
+    proxy.replaceReply({"GET", ".*/folders/[0-9]+/files", 0, -1}, 404, "text/plain", "gone");
+    const Outcome outcome = client.run({"--json", "siblings", reference});
+    EXPECT_EQ(outcome.exitCode, 1);
+    EXPECT_THAT(outcome.object()["message"].toString().toStdString(), HasSubstr("run.mzML"));
+    EXPECT_THAT(std::string(outcome.err), HasSubstr("could not be listed"));
 }
 
 TEST_F(Questions, SiblingsAreTheFilesOfTheFolder) {

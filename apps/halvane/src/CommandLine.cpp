@@ -2,6 +2,7 @@
 
 #include <DownloadNames.h>
 #include <ExitCodes.h>
+#include <HalvaneResourceReference.h>
 #include <MakeFolderTask.h>
 #include <Profiles.h>
 #include <Quantities.h>
@@ -23,6 +24,9 @@ using host::UploadRequest;
 using orx::Error;
 
 namespace {
+
+//! What names a copy in the cache.
+constexpr const char* kCopy = "Remote path, reference, or a place that \"halvane cache ls\" lists";
 
 // The texts as the parser fills them in; they become typed values once all of them are known to be valid.
 struct RawArguments {
@@ -265,7 +269,7 @@ private:
         addCacheCommand("ls", "List what is in the cache", "  halvane cache ls\n  halvane --json cache ls\n");
         addReference(addCacheCommand("path", "Print where the copy of a file lies; it is not to be changed",
                                      "  halvane cache path file:12@3\n"),
-                     "Remote path or reference");
+                     kCopy);
         addCacheCommand("verify", "Read everything and remove what is damaged", "  halvane cache verify\n");
         CLI::App* prune = addCacheCommand("prune", "Remove what exceeds the limits, and leftovers",
                                           "  halvane cache prune\n"
@@ -275,10 +279,10 @@ private:
             ->type_name("D");
         addReference(addCacheCommand("pin", "Keep a copy whatever the limits say",
                                      "  halvane cache pin /raw/2026/run1.mzML\n"),
-                     "Remote path or reference");
+                     kCopy);
         addReference(addCacheCommand("unpin", "Let the limits apply to a copy again",
                                      "  halvane cache unpin file:12@3\n"),
-                     "Remote path or reference");
+                     kCopy);
     }
 
     CommandLineEnd endOf(const CLI::ParseError& error, int argc, char** argv) const {
@@ -349,8 +353,12 @@ private:
         CacheCommand command;
         command.action = actions.at(chosen->get_name());
         if (command.action == Action::Path || command.action == Action::Pin ||
-            command.action == Action::Unpin)
-            command.reference = reference();
+            command.action == Action::Unpin) {
+            const QString text = filledTextOf(m_raw.target, "REF");
+            const bool isRemote = text.startsWith(u'/') || !text.contains(u'/') ||
+                                  orx::HalvaneReferenceText::looksLikeReference(text);
+            (isRemote ? command.reference : command.subPath) = isRemote ? reference() : text;
+        }
         if (command.action == Action::Prune)
             command.limits = limits(*chosen);
         return command;

@@ -57,8 +57,10 @@ struct VerifyNameCommand {
 struct CacheCommand {
     enum class Action { List, Path, Verify, Prune, Pin, Unpin };
     Action action = Action::List;
-    //! For Path, Pin and Unpin.
+    //! For Path, Pin and Unpin one of both; the second is a place that List shows, for which no server is
+    //! asked.
     QString reference;
+    QString subPath;
     //! For Prune: instead of the cache's own, where given.
     orx::ResourceCache::Limits limits;
 };

@@ -210,6 +210,13 @@ int Runner::operator()(const SiblingsCommand& command) {
         return m_output.error(task.error());
     if (const Error error = run(**task); error.hasError())
         return m_output.error(error);
+    // The file is one of them itself.
+    if ((*task)->siblings().isEmpty())
+        return m_output.error(Error(
+            ErrorCode::General,
+            QStringLiteral("The files beside \"%1\" (%2) could not be listed: the server gave no usable "
+                           "answer. Try again; HALVANE_LOG=1 shows why.")
+                .arg(item.name, item.reference())));
     printSiblings((*task)->siblings());
     return int(ExitCode::Success);
 }
@@ -314,13 +321,15 @@ int Runner::operator()(const VerifyNameCommand& command) {
 
 int Runner::operator()(const CacheCommand& command) {
     using Action = CacheCommand::Action;
-    if (command.action == Action::Path || command.action == Action::Pin || command.action == Action::Unpin)
+    if (!command.reference.isEmpty())
         return withCopy(command);
     // No server is asked, and nobody needs to be logged in.
     const auto resources = Resources::start();
     if (resources.hasError())
         return m_output.error(resources.error());
     ResourceCache& cache = (*resources)->cache();
+    if (!command.subPath.isEmpty())
+        return withEntry(command, cache);
     if (command.action == Action::List)
         return listCache(cache);
     return command.action == Action::Verify ? verifyCache(cache) : pruneCache(cache, command.limits);
@@ -366,6 +375,39 @@ int Runner::withCopy(const CacheCommand& command) {
     return int(ExitCode::Success);
 }
 
+int Runner::withEntry(const CacheCommand& command, ResourceCache& cache) {
+    const auto path = cache.expectedPath(command.subPath);
+    if (path.hasError())
+        return m_output.error(path.error());
+    if (!cache.contains(command.subPath))
+        return m_output.error(Error(
+            ErrorCode::NotFound,
+            QStringLiteral("\"%1\" is not in the cache, or is damaged; \"halvane cache ls\" lists what is.")
+                .arg(command.subPath)));
+    const bool pin = command.action == CacheCommand::Action::Pin;
+    if (command.action != CacheCommand::Action::Path) {
+        const Error error = cache.setCleanupPolicy(command.subPath, pin ? ResourceCleanupPolicy::Keep
+                                                                        : ResourceCleanupPolicy::Automatic);
+        if (error.hasError())
+            return m_output.error(error);
+    }
+    const auto policy = cache.cleanupPolicy(command.subPath);
+    if (policy.hasError())
+        return m_output.error(policy.error());
+    const bool isPinned = policy.value() == ResourceCleanupPolicy::Keep;
+    const QString text = command.action == CacheCommand::Action::Path
+                             ? m_output.shown(path->toString())
+                             : (isPinned ? QStringLiteral("pinned ") : QStringLiteral("unpinned ")) +
+                                   m_output.shown(command.subPath);
+    m_output.result({{QStringLiteral("type"), QStringLiteral("copy")},
+                     {QStringLiteral("reference"), QJsonValue()},
+                     {QStringLiteral("name"), command.subPath.section(u'/', -1)},
+                     {QStringLiteral("path"), path->toString()},
+                     {QStringLiteral("pinned"), isPinned}},
+                    text);
+    return int(ExitCode::Success);
+}
+
 int Runner::listCache(ResourceCache& cache) {
     const auto entries = cache.entries();
     if (entries.hasError())
@@ -404,9 +446,12 @@ int Runner::verifyCache(ResourceCache& cache) {
     m_output.result({{QStringLiteral("type"), QStringLiteral("cache_verification")},
                      {QStringLiteral("entries"), report.entries},
                      {QStringLiteral("size"), report.bytes},
-                     {QStringLiteral("damaged"), damaged}},
+                     {QStringLiteral("damaged"), damaged},
+                     {QStringLiteral("problems"), arrayOf(report.problems)}},
                     text);
-    return int(report.damaged.isEmpty() ? ExitCode::Success : ExitCode::LocalRead);
+    m_output.warnings(report.problems);
+    return int(report.damaged.isEmpty() && report.problems.isEmpty() ? ExitCode::Success
+                                                                     : ExitCode::LocalRead);
 }
 
 int Runner::pruneCache(ResourceCache& cache, const ResourceCache::Limits& limits) {
@@ -427,13 +472,18 @@ int Runner::pruneCache(ResourceCache& cache, const ResourceCache::Limits& limits
                             bytesText(report.bytesLeft));
     if (report.inUse > 0)
         text += QStringLiteral("; %1 in use stayed").arg(report.inUse);
+    if (report.leftoverBytes > 0)
+        text += QStringLiteral("; leftovers removed, %1").arg(bytesText(report.leftoverBytes));
     m_output.result({{QStringLiteral("type"), QStringLiteral("cache_pruning")},
                      {QStringLiteral("removed"), removed},
                      {QStringLiteral("removed_size"), report.bytesRemoved},
                      {QStringLiteral("size"), report.bytesLeft},
-                     {QStringLiteral("in_use"), report.inUse}},
+                     {QStringLiteral("in_use"), report.inUse},
+                     {QStringLiteral("leftover_size"), report.leftoverBytes},
+                     {QStringLiteral("problems"), arrayOf(report.problems)}},
                     text);
-    return int(ExitCode::Success);
+    m_output.warnings(report.problems);
+    return int(report.problems.isEmpty() ? ExitCode::Success : ExitCode::LocalWrite);
 }
 
 } // namespace halvane::cli

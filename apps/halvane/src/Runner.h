@@ -68,6 +68,7 @@ private:
     orx::Result<bool> existsById(const orx::HalvaneReferenceText& reference, const QString& text);
     //! What has a copy in the cache, after a session was made.
     int withCopy(const CacheCommand& command);
+    int withEntry(const CacheCommand& command, orx::ResourceCache& cache);
     int listCache(orx::ResourceCache& cache);
     int verifyCache(orx::ResourceCache& cache);
     int pruneCache(orx::ResourceCache& cache, const orx::ResourceCache::Limits& limits);

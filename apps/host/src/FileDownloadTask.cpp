@@ -8,6 +8,7 @@
 #include <FileUtils.h>
 #include <HalvaneDownloadFileTask.h>
 #include <HalvaneHistory.h>
+#include <RemoteResourceHandler.h>
 #include <ResourceManager.h>
 #include <WorkerStepTask.h>
 #include <tasks/HalvaneDownloadFileCacheTask.h>
@@ -238,14 +239,30 @@ void FileDownloadTask::fetch() {
         m_wanted.item.sha256.isEmpty())
         return fetchThroughCache();
     // Size and time of the entry are right; whether its bytes still are only they can tell.
-    compare(cached->toString(), [this](bool isSame) {
+    const auto seen = orx::FileCopy::stampOf(cached->toString());
+    if (seen.hasError())
+        return fetchThroughCache();
+    compare(cached->toString(), [this, stamp = *seen](bool isSame) {
         if (isSame)
             return fetchThroughCache();
         addWarning(
             QStringLiteral("The copy of \"%1\" in the cache is not what the server has; it is fetched anew.")
                 .arg(m_wanted.item.name));
-        refreshCache();
+        discardCopy(stamp);
     });
+}
+
+// So that nobody takes the damaged copy when it cannot be fetched anew.
+void FileDownloadTask::discardCopy(const orx::FileCopy::Stamp& seen) {
+    const auto handler = m_handler.dynamicCast<orx::RemoteResourceHandler>();
+    if (!handler)
+        return refreshCache();
+    execSubtask(
+        std::unique_ptr<BaseTask>(handler->markDamagedTask(seen)), [this](BaseTask*) { refreshCache(); },
+        [this](BaseTask* task) {
+            addWarning(task->error().errorMessage());
+            refreshCache();
+        });
 }
 
 void FileDownloadTask::refreshCache() {

@@ -4,6 +4,7 @@
 
 #include <ComplexTask.h>
 #include <DuplicateDownload.h>
+#include <FileCopy.h>
 
 #include <memory>
 
@@ -73,6 +74,7 @@ private:
     orx::Result<IfExists> decide(const QString& path, const QString& madeBy);
     void endAs(DownloadedFile::Outcome outcome);
     void fetch();
+    void discardCopy(const orx::FileCopy::Stamp& seen);
     void refreshCache();
     void fetchThroughCache();
     void onCopied(orx::HalvaneDownloadFileCacheTask& task);

@@ -152,8 +152,11 @@ Result<ResourceCache::PruneReport> CacheKeeper::prune(const ResourceCache::Limit
     Error error = enforce(limits, report);
     if (error.is(ErrorCode::StorageFull) && m_store.releaseReserve())
         error = enforce(limits, report);
-    if (!error.hasError())
+    if (!error.hasError()) {
+        // What of it is left is told again.
+        report.problems.clear();
         sweeper.sweep();
+    }
     m_store.keepReserve();
     const bool isNothingDone = report.removed.isEmpty() && report.leftoverBytes == 0;
     if (error.hasError() && isNothingDone)
