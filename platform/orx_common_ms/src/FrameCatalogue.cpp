@@ -86,7 +86,7 @@ FrameCatalogue::~FrameCatalogue() {
 int FrameCatalogue::onProgress(void* self) {
     auto* catalogue = static_cast<FrameCatalogue*>(self);
     catalogue->m_steps += kStepsPerCheck;
-    const bool isTooLong = catalogue->m_mostSteps > 0 && catalogue->m_steps > catalogue->m_mostSteps;
+    const bool isTooLong = catalogue->m_steps > catalogue->m_mostSteps;
     return isTooLong || catalogue->m_stop.stop_requested() ? 1 : 0;
 }
 

@@ -38,7 +38,7 @@ public:
         sqlite3_stmt* m_statement;
     };
 
-    //! \a mostSteps: instructions of the database engine after which a statement fails; 0: no limit.
+    //! \a mostSteps: instructions of the database engine after which statements fail.
     static Result<std::unique_ptr<FrameCatalogue>> open(const QString& path, const std::stop_token& stop,
                                                         qint64 mostSteps);
     ~FrameCatalogue();

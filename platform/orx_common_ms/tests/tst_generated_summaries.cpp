@@ -576,6 +576,20 @@ TEST(FrameSummary, isAbsentWhenThereAreNoFrames) {
         << qPrintable(summary.errorMessage());
 }
 
+TEST(FrameSummary, isNotHeldUpByFramesWithoutEnd) {
+    const MsDataMaker maker;
+    const QString made = maker.catalogue(QStringLiteral("a.d"));
+    MsDataMaker::execute(
+        made + QStringLiteral("/analysis.tdf"),
+        "DROP TABLE Frames; CREATE VIEW Frames AS WITH RECURSIVE n(Id) AS (SELECT 1 UNION ALL SELECT "
+        "Id + 1 FROM n) SELECT Id, 1.0 AS Time, 0 AS MsMsType, 1 AS SummedIntensities, 1 AS "
+        "MaxIntensity FROM n;");
+    const auto summary = summarise(made);
+    ASSERT_TRUE(summary.hasError());
+    EXPECT_TRUE(summary.errorMessage().contains(QStringLiteral("interrupted")))
+        << qPrintable(summary.errorMessage());
+}
+
 TEST(Summarise, saysWhyThereIsNoSummary) {
     const MsDataMaker maker;
     const QString trace = maker.file(QStringLiteral("b.d/MSD1.MS"), "x");
