@@ -33,6 +33,7 @@ using orx::HalvaneResourceMetadata;
 using orx::ResourceCache;
 using orx::ResourceCacheEntry;
 using orx::ResourceCleanupPolicy;
+using orx::ResourceHandler;
 using orx::Result;
 
 namespace {
@@ -343,11 +344,16 @@ int Runner::withCopy(const CacheCommand& command) {
     if (named.hasError())
         return m_output.error(named.error());
     const auto& [item, handler] = named.value();
-    if (!handler->isAvailableLocally())
+    // Looks at all of it, and keeps it from being removed meanwhile.
+    handler->overrideRetrieveMode(ResourceHandler::RetrieveMode::CacheOnly);
+    const auto path = handler->retrieve();
+    if (path.hasError() && path.error().is(ErrorCode::NotFound))
         return m_output.error(
             Error(ErrorCode::NotFound,
                   QStringLiteral("\"%1\" (%2) is not in the cache; \"halvane get\" brings files there.")
                       .arg(item.name, item.reference())));
+    if (path.hasError())
+        return m_output.error(path.error());
     if (command.action != CacheCommand::Action::Path) {
         const bool pin = command.action == CacheCommand::Action::Pin;
         const Error error =
@@ -355,9 +361,6 @@ int Runner::withCopy(const CacheCommand& command) {
         if (error.hasError())
             return m_output.error(error);
     }
-    const auto path = handler->expectedPath();
-    if (path.hasError())
-        return m_output.error(path.error());
     const auto policy = handler->cleanupPolicy();
     if (policy.hasError())
         return m_output.error(policy.error());

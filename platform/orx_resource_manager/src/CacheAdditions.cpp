@@ -72,7 +72,8 @@ void CacheAdditions::ended(const QString& subPath, const Error& error) {
         inbox->post([] {});
 }
 
-void CacheAdditions::addCopy(const CacheSubPath& place, CacheSource source, const Expected& expected) {
+void CacheAdditions::addCopy(const CacheSubPath& place, const std::shared_ptr<CacheSource>& source,
+                             const Expected& expected) {
     Job job;
     {
         const std::lock_guard lock(m_mutex);
@@ -80,8 +81,14 @@ void CacheAdditions::addCopy(const CacheSubPath& place, CacheSource source, cons
         job.cancel = m_cancel;
     }
     job.subPath = place.text();
-    job.work = [this, place, expected, source = std::make_shared<CacheSource>(std::move(source))](
-                   const CancelFlag& cancel) { return copy(place, *source, expected, cancel); };
+    job.work = [this, place, expected, source](const CancelFlag& cancel) {
+        return copy(place, *source, expected, cancel);
+    };
+    // At once, not at its turn only; what was found out is told then.
+    if (source->isDirectory())
+        WorkerPool::instance().submit(
+            [source, cancel = job.cancel] { [[maybe_unused]] const Error later = source->list(*cancel); },
+            nullptr, {});
     enqueue(std::move(job));
 }
 
@@ -89,6 +96,8 @@ Error CacheAdditions::copy(const CacheSubPath& place, CacheSource& source, const
                            const CancelFlag& cancel) {
     if (cancel)
         return Error(ErrorCode::Canceled, QString());
+    ORX_RETURN_ON_ERROR(source.list(cancel));
+    ORX_RETURN_ON_ERROR(source.checkFits(expected.limits.maxBytes));
     const auto root = m_store->root();
     if (root.hasError())
         return root.error();

@@ -27,7 +27,8 @@ public:
 
     explicit CacheAdditions(std::shared_ptr<CacheStore> store) : m_store(std::move(store)) {}
 
-    void addCopy(const CacheSubPath& place, CacheSource source, const Expected& expected);
+    void addCopy(const CacheSubPath& place, const std::shared_ptr<CacheSource>& source,
+                 const Expected& expected);
     Error addWritten(const CacheSubPath& place, const std::function<Error()>& writer,
                      const Expected& expected);
     //! One part more of the writing of \a subPath, ended by endPart(); null when no writer of it runs.

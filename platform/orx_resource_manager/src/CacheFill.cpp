@@ -26,7 +26,7 @@ QString CacheFill::directory() const {
 
 Result<CacheFill::Begun> CacheFill::waitForOther() {
     if (!m_hasWaited) {
-        const auto record = m_store->valid(m_place);
+        const auto record = m_store->valid(m_place, CachePayload::Depth::Top);
         if (record)
             m_addedBefore = record->entry.addedAt;
     }
@@ -41,19 +41,27 @@ Result<CacheFill::Begun> CacheFill::begin() {
     m_fill = (*root)->locks->tryExclusive(CacheLocks::offset(m_place.key(), CacheLocks::kFill));
     if (!m_fill)
         return waitForOther();
-    const auto record = m_store->valid(m_place);
+    // Before the look, so that nobody removes what was seen.
+    auto use = m_store->tryUse(m_place);
+    const auto record = m_store->valid(m_place, CachePayload::Depth::Everything);
     if (record.hasError() && record.error().is(ErrorCode::InvalidArgument))
         return record.error();
     // What another fill brought while this one waited for it is new enough.
     const bool isGood = record && (m_mode == ResourceCache::FillMode::Missing ||
                                    (m_hasWaited && m_addedBefore != record->entry.addedAt));
-    m_lease = isGood ? m_store->lease(m_place) : std::nullopt;
-    if (m_lease) {
+    if (use && isGood) {
+        hold(std::move(*use));
         m_fill.reset();
         return Begun::Done;
     }
+    use.reset();
     ORX_RETURN_ON_ERROR(prepareDirectory(**root, record ? &record->payload : nullptr));
     return Begun::Fetch;
+}
+
+void CacheFill::hold(CacheLock use) {
+    m_lease = std::move(use);
+    m_store->noteUse(m_place);
 }
 
 //! What is under the final name comes from a fill that ended before it knew whether it was whole: nothing can
@@ -141,8 +149,12 @@ Error CacheFill::finish(const QByteArray& sha256, const QString& expected,
         return error;
     }
     ORX_RETURN_ON_ERROR(payload->flush(staging->get(), m_place.name(), shown));
+    // Before the entry is there, so that nobody removes it.
+    auto use = m_store->waitUse(m_place);
+    if (!use)
+        return CacheStore::busy(m_place.text());
     ORX_RETURN_ON_ERROR(m_store->seal(m_place, staging->get(), m_place.name(), *payload));
-    m_lease = m_store->lease(m_place);
+    hold(std::move(*use));
     m_fill.reset();
     // The entry is there; what follows is housekeeping.
     const Error swept = removeTree((*root)->staging.get(), stagingName(), directory());

@@ -42,6 +42,7 @@ public:
 private:
     QByteArray stagingName() const { return "fill-" + m_place.key(); }
     Result<Begun> waitForOther();
+    void hold(CacheLock use);
     Error prepareDirectory(const CacheRoot& root, const CachePayload* entry);
     Error linkEntry(int directory, const CachePayload& entry) const;
 

@@ -248,7 +248,7 @@ Result<std::optional<CacheKeeper::Finding>> CacheKeeper::lookAt(const CacheSubPa
         return parent ? identityOf(parent->get(), place.name()) : Identity();
     };
     const Identity before = identity();
-    auto record = m_store.records().find(place.text());
+    auto record = m_store.records().find(place.text(), CachePayload::Depth::Everything);
     if (record.hasError())
         return record.error();
     auto damage = damageOf(place, *record, onBytes);

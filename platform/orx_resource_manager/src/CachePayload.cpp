@@ -25,6 +25,10 @@ Error changed(const QString& shown) {
     return Error(ErrorCode::FileChanged, translated("\"%1\" changed while it was read.").arg(shown));
 }
 
+Error canceled() {
+    return Error(ErrorCode::Canceled, translated("Cancelled."));
+}
+
 QString below(const QString& shown, const QByteArray& path) {
     return shown + u'/' + QFile::decodeName(path);
 }
@@ -54,10 +58,12 @@ Result<CachePayload::Item> lookAt(int parent, const QByteArray& name, const QStr
 
 class TreeLook {
 public:
-    explicit TreeLook(CachePayload& payload) : m_payload(payload) {}
+    TreeLook(CachePayload& payload, const CancelFlag* cancel) : m_payload(payload), m_cancel(cancel) {}
 
     Error visit(int directory, const QByteArray& prefix, const QString& shown) {
         return forEachName(directory, shown, [&](const QByteArray& name) -> Error {
+            if (m_cancel != nullptr && *m_cancel)
+                return canceled();
             auto item = lookAt(directory, name, below(shown, name));
             if (item.hasError())
                 return item.error();
@@ -75,6 +81,7 @@ public:
 
 private:
     CachePayload& m_payload;
+    const CancelFlag* m_cancel;
 };
 
 //! The open directory that holds the item, and the name in it.
@@ -95,7 +102,7 @@ Result<QByteArray> digest(int file, const QString& shown, const CancelFlag* canc
     ::posix_fadvise(file, 0, 0, POSIX_FADV_SEQUENTIAL);
     for (qint64 at = 0;;) {
         if (cancel != nullptr && *cancel)
-            return Error(ErrorCode::Canceled, translated("Cancelled."));
+            return canceled();
         const ssize_t got = ::pread(file, block.data(), size_t(block.size()), at);
         if (got < 0 && errno == EINTR)
             continue;
@@ -106,7 +113,7 @@ Result<QByteArray> digest(int file, const QString& shown, const CancelFlag* canc
         hash.add(block.constData(), got);
         at += got;
         if (onBytes && !onBytes(got))
-            return Error(ErrorCode::Canceled, translated("Cancelled."));
+            return canceled();
     }
 }
 
@@ -126,21 +133,27 @@ Result<QByteArray> digestOf(int parent, const QByteArray& name, const QString& s
 
 } // namespace
 
-Result<CachePayload> CachePayload::look(int parent, const QByteArray& name, const QString& shown) {
+Result<CachePayload> CachePayload::look(int parent, const QByteArray& name, const QString& shown,
+                                        Depth depth) {
     auto top = lookAt(parent, name, shown);
     if (top.hasError())
         return std::move(top).error();
+    if (top->type == PathType::Dir && depth == Depth::Everything) {
+        const auto directory = openDirectory(parent, name, shown);
+        return directory ? lookInto(directory->get(), shown) : directory.error();
+    }
     CachePayload payload;
     payload.type = top->type;
     payload.bytes = top->bytes;
     payload.modifiedNs = top->modifiedNs;
     payload.files = top->type == PathType::File ? 1 : 0;
-    if (top->type == PathType::File)
-        return payload;
-    const auto directory = openDirectory(parent, name, shown);
-    if (directory.hasError())
-        return directory.error();
-    ORX_RETURN_ON_ERROR(TreeLook(payload).visit(directory->get(), QByteArray(), shown));
+    return payload;
+}
+
+Result<CachePayload> CachePayload::lookInto(int directory, const QString& shown, const CancelFlag* cancel) {
+    CachePayload payload;
+    payload.type = PathType::Dir;
+    ORX_RETURN_ON_ERROR(TreeLook(payload, cancel).visit(directory, QByteArray(), shown));
     std::sort(payload.items.begin(), payload.items.end(),
               [](const Item& a, const Item& b) { return a.path < b.path; });
     return payload;

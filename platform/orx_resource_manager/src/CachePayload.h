@@ -31,9 +31,17 @@ struct CachePayload {
     //! Of a directory.
     std::vector<Item> items;
 
+    enum class Depth {
+        Top,       //!< without what is in a directory: costs the same whatever there is
+        Everything //!< each file and directory is looked at
+    };
     //! What lies at \a name in \a parent, by sizes and times. ErrorCode::NotFound when there is nothing,
     //! ErrorCode::InvalidArgument when there are links or special files.
-    static Result<CachePayload> look(int parent, const QByteArray& name, const QString& shown);
+    static Result<CachePayload> look(int parent, const QByteArray& name, const QString& shown,
+                                     Depth depth = Depth::Everything);
+    //! What is in an open directory. ErrorCode::Canceled when \a cancel became true.
+    static Result<CachePayload> lookInto(int directory, const QString& shown,
+                                         const CacheFiles::CancelFlag* cancel = nullptr);
     //! Takes the digests of all files by reading them. ErrorCode::FileChanged when the disk shows another
     //! content than look() saw, ErrorCode::Canceled when \a cancel became true. \a onBytes, when there is
     //! one, is told of every block that was read; false cancels.
@@ -42,7 +50,8 @@ struct CachePayload {
     //! Flushes every file and directory of it to the disk.
     Error flush(int parent, const QByteArray& name, const QString& shown) const;
 
-    //! Why \a disk is not what this record tells, by sizes and times; empty when it is.
+    //! Why \a disk is not what this record tells, by sizes and times; empty when it is. Of a directory both
+    //! hold the items, or neither does.
     QString differenceFrom(const CachePayload& disk) const;
 };
 

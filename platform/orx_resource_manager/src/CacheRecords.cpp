@@ -173,7 +173,7 @@ void writeEntry(SQLite::Database& database, const QString& subPath, const CacheP
 CacheRecords::CacheRecords(const QString& path, std::function<bool(const QString&, const QString&)> onDamage)
     : m_file(path, format(std::move(onDamage))) {}
 
-Result<CacheRecords::Record> CacheRecords::find(const QString& subPath) {
+Result<CacheRecords::Record> CacheRecords::find(const QString& subPath, CachePayload::Depth depth) {
     std::optional<Record> found;
     ORX_RETURN_ON_ERROR(m_file.run(SqliteFile::Access::Read, [&](SQLite::Database& database) {
         found.reset();
@@ -182,7 +182,7 @@ Result<CacheRecords::Record> CacheRecords::find(const QString& subPath) {
         if (!row.executeStep())
             return;
         found = readRecord(row);
-        if (found->payload.type == PathType::Dir)
+        if (depth == CachePayload::Depth::Everything && found->payload.type == PathType::Dir)
             readItems(database, *found);
     }));
     if (!found)

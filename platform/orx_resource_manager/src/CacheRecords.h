@@ -18,7 +18,7 @@ public:
     struct Record {
         qint64 id = 0;
         ResourceCacheEntry entry;
-        //! Without the items of a directory, unless it was asked for by find().
+        //! Without the items of a directory, unless find() was asked for them.
         CachePayload payload;
         //! Known to be damaged though size and time do not show it.
         bool isDamaged = false;
@@ -38,8 +38,8 @@ public:
     //! \a onDamage as in SqliteFile::Format.
     CacheRecords(const QString& path, std::function<bool(const QString&, const QString&)> onDamage);
 
-    //! With the items of a directory; ErrorCode::NotFound.
-    Result<Record> find(const QString& subPath);
+    //! With the items of a directory when \a depth is Everything; ErrorCode::NotFound.
+    Result<Record> find(const QString& subPath, CachePayload::Depth depth = CachePayload::Depth::Top);
     //! All, by sub-path.
     Result<std::vector<Record>> all();
     //! Replaces what is recorded of the place; the policy stays. ErrorCode::AlreadyExists when the place lies

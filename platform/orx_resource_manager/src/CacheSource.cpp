@@ -1,12 +1,14 @@
 #include "CacheSource.h"
 
+#include "CacheStore.h"
+
 #include <ContentHash.h>
 
 #include <QCoreApplication>
 #include <QFile>
 #include <QFileInfo>
+#include <QMutexLocker>
 
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <fcntl.h>
@@ -22,8 +24,8 @@ using namespace CacheFiles;
 namespace {
 
 //! Of all sources that wait, so that many small additions do not use up the process's descriptors.
-constexpr int kMostOpenFiles = 64;
-std::atomic<int> openFiles = 0;
+constexpr int kMostKept = 64;
+std::atomic<int> keptDescriptors = 0;
 
 QString translated(const char* text) {
     return QCoreApplication::translate("orx::ResourceCache", text);
@@ -34,151 +36,102 @@ Error changedSource(const QString& shown) {
                  translated("\"%1\" changed or was removed before it was copied into the cache.").arg(shown));
 }
 
-Error notKept(const QString& shown) {
-    return Error(ErrorCode::InvalidArgument,
-                 translated("\"%1\" is a link or a special file, which the cache does not keep.").arg(shown));
-}
-
-//! One of the bounded number of descriptors of sources.
-class KeptFile {
-public:
-    KeptFile() = default;
-    explicit KeptFile(CacheDescriptor file) : m_file(std::move(file)) {}
-    KeptFile(KeptFile&&) noexcept = default;
-    KeptFile& operator=(KeptFile&&) noexcept = default;
-    ~KeptFile() {
-        if (m_file.isOpen())
-            --openFiles;
-    }
-    //! Whether one more may be kept; counts it.
-    static bool reserve() {
-        if (++openFiles <= kMostOpenFiles)
-            return true;
-        --openFiles;
-        return false;
-    }
-    bool isOpen() const { return m_file.isOpen(); }
-    CacheDescriptor take() {
-        if (m_file.isOpen())
-            --openFiles;
-        return std::move(m_file);
-    }
-
-private:
-    CacheDescriptor m_file;
-};
-
 } // namespace
 
-struct CacheSource::Item {
-    //! Below the directory; of a file as the source, its path.
-    QByteArray path;
-    PathType type = PathType::Unknown;
-    qint64 bytes = 0;
-    qint64 modifiedNs = 0;
-    dev_t device = 0;
-    ino_t inode = 0;
-    KeptFile file;
-
-    bool isSame(const struct stat& status) const {
-        return status.st_dev == device && status.st_ino == inode && status.st_size == bytes &&
-               CacheFiles::modifiedNs(status) == modifiedNs;
+//! One of the bounded number of descriptors of sources that wait.
+class CacheSource::KeptDescriptor {
+public:
+    //! None when as many are kept as may be.
+    static std::unique_ptr<KeptDescriptor> tryKeep(CacheDescriptor& descriptor) {
+        if (++keptDescriptors <= kMostKept)
+            return std::unique_ptr<KeptDescriptor>(new KeptDescriptor(std::move(descriptor)));
+        --keptDescriptors;
+        return nullptr;
     }
+    ~KeptDescriptor() { --keptDescriptors; }
+    KeptDescriptor(const KeptDescriptor&) = delete;
+    KeptDescriptor& operator=(const KeptDescriptor&) = delete;
+    int get() const { return m_descriptor.get(); }
+
+private:
+    explicit KeptDescriptor(CacheDescriptor descriptor) : m_descriptor(std::move(descriptor)) {}
+    CacheDescriptor m_descriptor;
 };
 
-CacheSource::CacheSource() = default;
-CacheSource::CacheSource(CacheSource&&) noexcept = default;
-CacheSource& CacheSource::operator=(CacheSource&&) noexcept = default;
+CacheSource::CacheSource(const QString& shown) : m_shown(shown) {}
 CacheSource::~CacheSource() = default;
 
-Result<CacheSource> CacheSource::open(const Path& path) {
-    CacheSource source;
-    source.m_shown = path.toString();
-    ORX_RETURN_ON_ERROR(source.openTop(path));
+Result<std::shared_ptr<CacheSource>> CacheSource::open(const Path& path) {
+    std::shared_ptr<CacheSource> source(new CacheSource(path.toString()));
+    ORX_RETURN_ON_ERROR(source->openTop(path));
     return source;
 }
 
 Error CacheSource::openTop(const Path& path) {
     // A link may name the source; those within it are refused.
-    const QByteArray name = QFile::encodeName(QFileInfo(path.toString()).canonicalFilePath());
+    m_path = QFile::encodeName(QFileInfo(path.toString()).canonicalFilePath());
+    // Not to wait for the other end of a pipe.
+    CacheDescriptor opened(::open(m_path.constData(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     struct stat status {};
-    if (::lstat(name.constData(), &status) != 0) {
+    if (!opened.isOpen() || ::fstat(opened.get(), &status) != 0) {
         if (errno == ENOENT)
             return Error(ErrorCode::NotFound, translated("\"%1\" does not exist.").arg(m_shown));
         return systemError("Could not open \"%1\"", m_shown);
     }
-    m_isDirectory = S_ISDIR(status.st_mode);
-    if (!m_isDirectory)
-        return addItem(AT_FDCWD, QByteArray(), name);
-    auto top = openDirectory(AT_FDCWD, name, m_shown);
-    if (top.hasError())
-        return std::move(top).error();
-    m_top = std::move(*top);
-    return walk(m_top.get(), QByteArray());
-}
-
-Error CacheSource::walk(int directory, const QByteArray& prefix) {
-    return forEachName(directory, m_shown,
-                       [&](const QByteArray& name) { return addItem(directory, prefix, name); });
-}
-
-Error CacheSource::addItem(int directory, const QByteArray& prefix, const QByteArray& name) {
-    Item item;
-    item.path = prefix + name;
-    const bool keep = KeptFile::reserve();
-    CacheDescriptor opened(
-        ::openat(directory, name.constData(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    const int failure = opened.isOpen() ? 0 : errno;
-    struct stat status {};
-    const bool known = opened.isOpen() && ::fstat(opened.get(), &status) == 0;
-    const bool isFile = known && S_ISREG(status.st_mode);
-    if (keep && !isFile)
-        --openFiles;
-    if (failure == ELOOP || (known && !isFile && !S_ISDIR(status.st_mode)))
-        return notKept(shown(item));
-    errno = failure;
-    if (!known)
-        return systemError("Could not open \"%1\"", shown(item));
-    item.type = isFile ? PathType::File : PathType::Dir;
-    item.bytes = isFile ? status.st_size : 0;
-    item.modifiedNs = CacheFiles::modifiedNs(status);
-    item.device = status.st_dev;
-    item.inode = status.st_ino;
-    m_bytes += item.bytes;
-    if (!isFile) {
-        const QByteArray below = item.path + '/';
-        m_items.push_back(std::move(item));
-        return walk(opened.get(), below);
-    }
-    if (keep)
-        item.file = KeptFile(std::move(opened));
-    m_items.push_back(std::move(item));
+    if (!S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode))
+        return Error(ErrorCode::InvalidArgument,
+                     translated("\"%1\" is a special file, which the cache does not keep.").arg(m_shown));
+    m_top.type = S_ISDIR(status.st_mode) ? PathType::Dir : PathType::File;
+    m_top.bytes = isDirectory() ? 0 : status.st_size;
+    m_top.modifiedNs = modifiedNs(status);
+    m_device = status.st_dev;
+    m_inode = status.st_ino;
+    m_kept = KeptDescriptor::tryKeep(opened);
     return Error();
 }
 
-QString CacheSource::shown(const Item& item) const {
-    return m_isDirectory ? m_shown + u'/' + QFile::decodeName(item.path) : m_shown;
+bool CacheSource::isSame(const struct stat& status) const {
+    return status.st_dev == m_device && status.st_ino == m_inode && modifiedNs(status) == m_top.modifiedNs &&
+           (isDirectory() || status.st_size == m_top.bytes);
 }
 
-//! Those of which no descriptor was kept are found again by their path and are to be the same.
-Result<CacheDescriptor> CacheSource::openItem(const Item& item) const {
-    QByteArrayList components;
-    QByteArray name = item.path;
-    if (m_isDirectory) {
-        components = item.path.split('/');
-        name = components.takeLast();
-    }
-    CacheDescriptor parent;
-    if (m_isDirectory) {
-        auto directory = openDirectories(m_top.get(), components, shown(item));
-        if (directory.hasError())
-            return changedSource(shown(item));
-        parent = std::move(*directory);
-    }
-    auto file = openFile(m_isDirectory ? parent.get() : AT_FDCWD, name, shown(item));
-    if (file.hasError())
-        return changedSource(shown(item));
-    return file;
+//! When no descriptor was kept it is found again by its path.
+Result<CacheDescriptor> CacheSource::openAgain() const {
+    CacheDescriptor opened(m_kept
+                               ? ::fcntl(m_kept->get(), F_DUPFD_CLOEXEC, 0)
+                               : ::open(m_path.constData(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat status {};
+    if (!opened.isOpen() || ::fstat(opened.get(), &status) != 0 || !isSame(status))
+        return changedSource(m_shown);
+    return opened;
+}
+
+Error CacheSource::list(const CancelFlag& cancel) {
+    const QMutexLocker lock(&m_mutex);
+    if (!m_listed)
+        m_listed = isDirectory() ? listNow(cancel) : Error();
+    return *m_listed;
+}
+
+Error CacheSource::listNow(const CancelFlag& cancel) {
+    const auto top = openAgain();
+    if (top.hasError())
+        return top.error();
+    auto content = CachePayload::lookInto(top->get(), m_shown, &cancel);
+    // Its parts go away while they are looked at when somebody removes it.
+    if (content.hasError())
+        return CacheStore::isMissing(content.error()) ? changedSource(m_shown) : content.error();
+    m_content = std::move(*content);
+    m_top.bytes = m_content.bytes;
+    return Error();
+}
+
+Error CacheSource::checkFits(std::optional<qint64> maxBytes) const {
+    if (!maxBytes || m_top.bytes <= *maxBytes)
+        return Error();
+    return Error(
+        ErrorCode::InvalidArgument,
+        translated("\"%1\" is larger than the cache may be (%2 bytes).").arg(m_shown).arg(*maxBytes));
 }
 
 namespace {
@@ -222,86 +175,93 @@ Result<QByteArray> copyAndHash(int from, int to, bool isShared, const QString& s
     }
 }
 
-} // namespace
-
-Result<QByteArray> CacheSource::copyItem(Item& item, int parent, const QByteArray& name,
-                                         const CancelFlag& cancel) {
-    CacheDescriptor from = item.file.take();
-    if (!from.isOpen()) {
-        auto opened = openItem(item);
-        if (opened.hasError())
-            return std::move(opened).error();
-        from = std::move(*opened);
-    }
-    struct stat status {};
-    if (::fstat(from.get(), &status) != 0 || !item.isSame(status))
-        return changedSource(shown(item));
+//! Makes \a name in \a parent a copy of \a from, which is to be what \a item tells. That tells of the copy
+//! afterwards.
+Error copyContent(int from, int parent, const QByteArray& name, CachePayload::Item& item,
+                  const QString& shown, const CancelFlag& cancel) {
+    const auto isUnchanged = [&] {
+        struct stat status {};
+        return ::fstat(from, &status) == 0 && status.st_size == item.bytes &&
+               modifiedNs(status) == item.modifiedNs;
+    };
+    if (!isUnchanged())
+        return changedSource(shown);
     const CacheDescriptor to(
         ::openat(parent, name.constData(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
     if (!to.isOpen())
-        return systemError("Could not copy \"%1\" into the cache", shown(item));
-    const bool isShared = ::ioctl(to.get(), FICLONE, from.get()) == 0;
-    auto digest = copyAndHash(isShared ? to.get() : from.get(), to.get(), isShared, shown(item), cancel);
+        return systemError("Could not copy \"%1\" into the cache", shown);
+    const bool isShared = ::ioctl(to.get(), FICLONE, from) == 0;
+    auto digest = copyAndHash(isShared ? to.get() : from, to.get(), isShared, shown, cancel);
     if (digest.hasError())
-        return digest;
+        return std::move(digest).error();
     struct stat written {};
-    if (::fstat(from.get(), &status) != 0 || !item.isSame(status) || ::fstat(to.get(), &written) != 0 ||
-        written.st_size != item.bytes)
-        return changedSource(shown(item));
-    ORX_RETURN_ON_ERROR(setModified(to.get(), item.modifiedNs, shown(item)));
+    if (!isUnchanged() || ::fstat(to.get(), &written) != 0 || written.st_size != item.bytes)
+        return changedSource(shown);
+    ORX_RETURN_ON_ERROR(setModified(to.get(), item.modifiedNs, shown));
     // As the file system keeps it.
     if (::fstat(to.get(), &written) != 0)
-        return systemError("Could not look at the copy of \"%1\"", shown(item));
-    item.modifiedNs = CacheFiles::modifiedNs(written);
-    return digest;
-}
-
-Error CacheSource::copyTree(int target, CachePayload& payload, const CancelFlag& cancel) {
-    for (Item& item : m_items) {
-        QByteArrayList components = item.path.split('/');
-        const QByteArray name = components.takeLast();
-        const auto parent = openDirectories(target, components, shown(item));
-        if (parent.hasError())
-            return parent.error();
-        CachePayload::Item made{item.path, item.type, item.bytes, 0, {}};
-        if (item.type == PathType::Dir) {
-            if (::mkdirat(parent->get(), name.constData(), 0777) != 0)
-                return systemError("Could not copy \"%1\" into the cache", shown(item));
-        } else {
-            auto digest = copyItem(item, parent->get(), name, cancel);
-            if (digest.hasError())
-                return std::move(digest).error();
-            made.modifiedNs = item.modifiedNs;
-            made.sha256 = *digest;
-            ++payload.files;
-        }
-        payload.bytes += made.bytes;
-        payload.items.push_back(std::move(made));
-    }
-    std::sort(payload.items.begin(), payload.items.end(),
-              [](const auto& a, const auto& b) { return a.path < b.path; });
+        return systemError("Could not look at the copy of \"%1\"", shown);
+    item.modifiedNs = modifiedNs(written);
+    item.sha256 = *digest;
     return Error();
 }
 
-Result<CachePayload> CacheSource::copyTo(int parent, const QByteArray& name, const CancelFlag& cancel) {
+} // namespace
+
+Result<CachePayload> CacheSource::copyFile(int parent, const QByteArray& name, const CancelFlag& cancel) {
+    const auto from = openAgain();
+    if (from.hasError())
+        return from.error();
+    CachePayload::Item item = m_top;
+    ORX_RETURN_ON_ERROR(copyContent(from->get(), parent, name, item, m_shown, cancel));
     CachePayload payload;
-    payload.type = m_isDirectory ? PathType::Dir : PathType::File;
-    if (!m_isDirectory) {
-        Item& item = m_items.front();
-        auto digest = copyItem(item, parent, name, cancel);
-        if (digest.hasError())
-            return std::move(digest).error();
-        payload.bytes = item.bytes;
-        payload.files = 1;
-        payload.modifiedNs = item.modifiedNs;
-        payload.sha256 = *digest;
-        return payload;
-    }
-    const auto target = ensureDirectory(parent, name, m_shown);
-    if (target.hasError())
-        return target.error();
-    ORX_RETURN_ON_ERROR(copyTree(target->get(), payload, cancel));
+    payload.type = PathType::File;
+    payload.bytes = item.bytes;
+    payload.files = 1;
+    payload.modifiedNs = item.modifiedNs;
+    payload.sha256 = item.sha256;
     return payload;
+}
+
+Error CacheSource::copyItem(int top, int target, CachePayload::Item& item, const CancelFlag& cancel) {
+    const QString shown = m_shown + u'/' + QFile::decodeName(item.path);
+    QByteArrayList components = item.path.split('/');
+    const QByteArray name = components.takeLast();
+    const auto parent = openDirectories(target, components, shown);
+    if (parent.hasError())
+        return parent.error();
+    if (item.type == PathType::Dir)
+        return ::mkdirat(parent->get(), name.constData(), 0777) == 0
+                   ? Error()
+                   : systemError("Could not copy \"%1\" into the cache", shown);
+    const auto directory = openDirectories(top, components, shown);
+    const auto from = directory ? openFile(directory->get(), name, shown) : directory.error();
+    if (from.hasError())
+        return changedSource(shown);
+    return copyContent(from->get(), parent->get(), name, item, shown, cancel);
+}
+
+Result<CachePayload> CacheSource::copyTree(int target, const CancelFlag& cancel) {
+    const auto top = openAgain();
+    if (top.hasError())
+        return top.error();
+    CachePayload copied = m_content;
+    for (CachePayload::Item& item : copied.items)
+        ORX_RETURN_ON_ERROR(copyItem(top->get(), target, item, cancel));
+    // What was added meanwhile or went after it was copied.
+    const auto now = CachePayload::lookInto(top->get(), m_shown, &cancel);
+    if (now.hasError())
+        return now.error().isCanceled() ? now.error() : changedSource(m_shown);
+    return m_content.differenceFrom(*now).isEmpty() ? Result<CachePayload>(std::move(copied))
+                                                    : changedSource(m_shown);
+}
+
+Result<CachePayload> CacheSource::copyTo(int parent, const QByteArray& name, const CancelFlag& cancel) {
+    if (!isDirectory())
+        return copyFile(parent, name, cancel);
+    ORX_RETURN_ON_ERROR(list(cancel));
+    const auto target = ensureDirectory(parent, name, m_shown);
+    return target ? copyTree(target->get(), cancel) : target.error();
 }
 
 } // namespace orx

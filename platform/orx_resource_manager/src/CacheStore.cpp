@@ -34,10 +34,6 @@ QString translated(const char* text) {
     return QCoreApplication::translate("orx::ResourceCache", text);
 }
 
-bool isMissing(const Error& error) {
-    return error.is(ErrorCode::NotFound) || error.is(ErrorDomain::OperatingSystem, ENOENT);
-}
-
 QString databasePath(const QString& rootDir) {
     return rootDir + QStringLiteral("/state/cache.sqlite");
 }
@@ -76,6 +72,10 @@ CacheStore::CacheStore(const QString& rootDir)
 CacheStore::~CacheStore() {
     if (const Error error = writeUses(); error.hasError())
         qCWarning(cacheLog).noquote() << error.errorMessage();
+}
+
+bool CacheStore::isMissing(const Error& error) {
+    return error.is(ErrorCode::NotFound) || error.is(ErrorDomain::OperatingSystem, ENOENT);
 }
 
 QString CacheStore::contentDir() const {
@@ -192,25 +192,30 @@ Result<CacheDescriptor> CacheStore::ensureParent(const CacheSubPath& place) {
     }
 }
 
-Result<CacheRecords::Record> CacheStore::valid(const CacheSubPath& place) {
+Result<CacheRecords::Record> CacheStore::valid(const CacheSubPath& place, CachePayload::Depth depth) {
     const auto opened = root();
     if (opened.hasError())
         return opened.error();
-    auto record = m_quick.find(place.text());
+    const bool isQuick = depth == CachePayload::Depth::Top;
+    auto record = (isQuick ? m_quick : m_work).find(place.text(), depth);
     if (record.hasError())
         return record;
     const auto parent = openParent(place);
     if (parent.hasError())
         return parent.error();
-    const auto disk = CachePayload::look(parent->get(), place.name(), placePath(place));
+    const auto disk = CachePayload::look(parent->get(), place.name(), placePath(place), depth);
     if (disk.hasError())
         return disk.error();
     const QString difference =
         record->isDamaged ? translated("its content is damaged") : record->payload.differenceFrom(*disk);
-    if (!difference.isEmpty())
-        return Error(ErrorCode::NotFound,
-                     translated("\"%1\" in the cache is not whole: %2.").arg(place.text(), difference));
-    return record;
+    if (difference.isEmpty())
+        return record;
+    // So that a look at its top shows it, too.
+    if (!isQuick && !record->isDamaged && record->payload.type == PathType::Dir)
+        if (const Error error = m_work.setDamaged(*record); error.hasError())
+            qCWarning(cacheLog).noquote() << error.errorMessage();
+    return Error(ErrorCode::NotFound,
+                 translated("\"%1\" in the cache is not whole: %2.").arg(place.text(), difference));
 }
 
 std::optional<CacheLock> CacheStore::tryUse(const CacheSubPath& place) {
@@ -222,29 +227,18 @@ std::optional<CacheLock> CacheStore::tryUse(const CacheSubPath& place) {
     return (*opened)->locks->tryShared(CacheLocks::offset(place.key(), CacheLocks::kUse));
 }
 
-std::optional<CacheLock> CacheStore::leaseUnseen(const CacheSubPath& place) {
-    auto lock = tryUse(place);
-    if (lock)
-        noteUse(place.text());
-    return lock;
-}
-
-std::optional<CacheLock> CacheStore::lease(const CacheSubPath& place) {
-    auto lock = tryUse(place);
-    if (!lock)
-        return std::nullopt;
-    if (const auto record = valid(place); record.hasError()) {
-        if (!isMissing(record.error()))
-            qCWarning(cacheLog).noquote() << record.errorMessage();
+std::optional<CacheLock> CacheStore::waitUse(const CacheSubPath& place) {
+    const auto opened = root();
+    if (opened.hasError()) {
+        qCWarning(cacheLog).noquote() << opened.errorMessage();
         return std::nullopt;
     }
-    noteUse(place.text());
-    return lock;
+    return (*opened)->locks->waitShared(CacheLocks::offset(place.key(), CacheLocks::kUse));
 }
 
-void CacheStore::noteUse(const QString& subPath) {
+void CacheStore::noteUse(const CacheSubPath& place) {
     const QMutexLocker lock(&m_mutex);
-    m_uses[subPath] = QDateTime::currentMSecsSinceEpoch();
+    m_uses[place.text()] = QDateTime::currentMSecsSinceEpoch();
 }
 
 Error CacheStore::writeUses() {

@@ -44,14 +44,18 @@ public:
     CacheRecords& quickRecords() { return m_quick; }
     CacheRecords& records() { return m_work; }
 
-    //! The record of an entry that is whole by sizes and times; ErrorCode::NotFound otherwise.
-    Result<CacheRecords::Record> valid(const CacheSubPath& place);
-    //! Keeps a valid entry from being removed, and counts as its use.
-    std::optional<CacheLock> lease(const CacheSubPath& place);
-    //! The same for an entry that somebody of this process keeps: whether it is valid is not looked at.
-    std::optional<CacheLock> leaseUnseen(const CacheSubPath& place);
-    //! Writes down the uses that leases counted. When it returns all uses before the call are written, also
-    //! those that another thread has begun to write.
+    //! The record of an entry that is whole by sizes and times; ErrorCode::NotFound otherwise. By its top
+    //! alone, without its items, it costs a few calls, whatever the entry holds and whoever writes records.
+    //! A directory of which a look at everything shows that it is not whole is recorded as damaged.
+    Result<CacheRecords::Record> valid(const CacheSubPath& place, CachePayload::Depth depth);
+    //! Keeps what lies at the place from being removed; none while somebody removes it.
+    std::optional<CacheLock> tryUse(const CacheSubPath& place);
+    //! The same, but waits for who removes it.
+    std::optional<CacheLock> waitUse(const CacheSubPath& place);
+    //! Counts as a use of the entry now.
+    void noteUse(const CacheSubPath& place);
+    //! Writes down the uses that were noted. When it returns all uses before the call are written, also those
+    //! that another thread has begun to write.
     Error writeUses();
 
     //! Brings \a name in the directory \a staging, which is \a payload and on the disk, to its place and
@@ -79,6 +83,8 @@ public:
 
     //! ErrorCode::ChecksumMismatch when \a expected (hexadecimal; empty: unknown) is not a file's digest.
     static Error compare(const CachePayload& payload, const QString& expected, const QString& shown);
+    //! Whether an error says no more than that something is not there.
+    static bool isMissing(const Error& error);
     //! ErrorCode::Busy, naming \a place.
     static Error busy(const QString& subPath);
 
@@ -86,8 +92,6 @@ private:
     Error openRoot(CacheRoot& root) const;
     bool isStillThere(const CacheRoot& root) const;
     bool setAsideDatabase(const QString& path, const QString& reason);
-    std::optional<CacheLock> tryUse(const CacheSubPath& place);
-    void noteUse(const QString& subPath);
     Error exchange(const CacheSubPath& place, int staging, const QByteArray& name,
                    const CachePayload& payload);
 

@@ -16,12 +16,12 @@ QString translated(const char* text) {
     return QCoreApplication::translate("orx::RemoteResourceHandler", text);
 }
 
+//! Makes the task that takes what is there after a failure.
+using Instead = std::function<std::unique_ptr<Task>(const Error&)>;
+
 //! Brings the entry into the cache and holds on to it before anybody is told that it is there.
 class RetrievalTask final : public ComplexTask {
 public:
-    //! Makes the task that takes what is there after a failure.
-    using Instead = std::function<std::unique_ptr<Task>(const Error&)>;
-
     //! \a instead may be empty.
     RetrievalTask(std::unique_ptr<Task> fill, std::function<Error()> hold, Instead instead)
         : ComplexTask(fill->name())
@@ -153,21 +153,14 @@ std::unique_ptr<Task> RemoteResourceHandler::markDamagedTask(const FileCopy::Sta
         [cache = cache(), subPath = subCachePath(), seen] { return cache->markDamaged(subPath, seen); });
 }
 
-Error RemoteResourceHandler::hold(const QString& subPath) {
-    return keep(cache()->lease(subPath));
-}
-
 Error RemoteResourceHandler::holdFilled(const QString& subPath) {
-    return keep(cache()->leaseFilled(subPath));
+    d->lease = cache()->leaseFilled(subPath);
+    return d->lease ? Error() : missing();
 }
 
-Error RemoteResourceHandler::keep(std::optional<ResourceCacheLease> lease) {
-    if (!lease)
-        return Error(ErrorCode::NotFound,
-                     translated("\"%1\" is not in the cache, or what is there is damaged.")
-                         .arg(reference()->displayText()));
-    d->lease = std::move(lease);
-    return Error();
+Error RemoteResourceHandler::missing() const {
+    return Error(ErrorCode::NotFound, translated("\"%1\" is not in the cache, or what is there is damaged.")
+                                          .arg(reference()->displayText()));
 }
 
 //! A fill looks at the entry on a worker, and needs no fetch when it is valid.
@@ -178,31 +171,56 @@ std::unique_ptr<Task> RemoteResourceHandler::takeEntryTask(const QString& subPat
         ResourceCache::FillMode::Missing);
 }
 
-std::optional<std::unique_ptr<Task>> RemoteResourceHandler::retrieveTask() {
-    if (Error error = checkCache(); error.hasError())
-        return std::make_unique<RefusedTask>(ORX_ECATCH(error));
+std::unique_ptr<Task>
+RemoteResourceHandler::retrievalTask(std::unique_ptr<Task> fill,
+                                     std::function<std::unique_ptr<Task>(const Error&)> instead) {
+    const auto self = sharedFromThis();
+    return std::make_unique<RetrievalTask>(
+        std::move(fill), [this, self, subPath = subCachePath()] { return holdFilled(subPath); },
+        std::move(instead));
+}
+
+std::unique_ptr<Task> RemoteResourceHandler::fetchTask(const std::function<Error()>& mayFetch) {
     const QString subPath = subCachePath();
     const RetrieveMode mode = retrieveMode();
     const bool isChanging = d->content == Content::Changing;
-    if (mode == RetrieveMode::CacheOnly || (mode == RetrieveMode::CacheFirst && !isChanging)) {
-        Error error = hold(subPath);
-        if (!error.hasError())
-            return std::nullopt;
-        if (mode == RetrieveMode::CacheOnly)
-            return std::make_unique<RefusedTask>(ORX_ECATCH(error));
-    }
-    // The task asks this handler again when it runs, and tells it what to hold.
+    // The task asks this handler again when it runs.
     const auto self = sharedFromThis();
     auto fill = cache()->fillTask(
-        reference(), subPath, [this, self](const DirPath& targetDir) { return retrieveTask(targetDir); },
+        reference(), subPath,
+        [this, self, mayFetch](const DirPath& targetDir) -> std::unique_ptr<Task> {
+            if (const Error refusal = mayFetch(); refusal.hasError())
+                return std::make_unique<RefusedTask>(refusal);
+            return retrieveTask(targetDir);
+        },
         isChanging                      ? ResourceCache::FillMode::Update
         : mode == RetrieveMode::Refresh ? ResourceCache::FillMode::Anew
                                         : ResourceCache::FillMode::Missing);
-    RetrievalTask::Instead instead;
+    Instead instead;
     if (isChanging && mode == RetrieveMode::CacheFirst)
         instead = [this, self, subPath](const Error& refusal) { return takeEntryTask(subPath, refusal); };
-    return std::make_unique<RetrievalTask>(
-        std::move(fill), [this, self, subPath] { return holdFilled(subPath); }, std::move(instead));
+    return retrievalTask(std::move(fill), std::move(instead));
+}
+
+std::optional<std::unique_ptr<Task>> RemoteResourceHandler::retrieveTask() {
+    if (Error error = checkCache(); error.hasError())
+        return std::make_unique<RefusedTask>(ORX_ECATCH(error));
+    const RetrieveMode mode = retrieveMode();
+    const bool isChanging = d->content == Content::Changing;
+    std::optional<ResourceCacheLease> lease;
+    if (mode == RetrieveMode::CacheOnly || (mode == RetrieveMode::CacheFirst && !isChanging))
+        lease = cache()->lease(subCachePath());
+    if (lease && lease->isWhole()) {
+        d->lease = std::move(lease);
+        return std::nullopt;
+    }
+    // From here on a worker looks at what is there.
+    if (mode != RetrieveMode::CacheOnly)
+        return fetchTask(lease ? askLater() : [] { return Error(); });
+    const Error refusal = ORX_ECATCH(missing());
+    if (!lease)
+        return std::make_unique<RefusedTask>(refusal);
+    return retrievalTask(takeEntryTask(subCachePath(), refusal), {});
 }
 
 } // namespace orx

@@ -22,10 +22,11 @@ public:
     bool isAvailableLocally() const override;
 
     //! Makes a copy of the file or directory \a localPath the cached content. The source is opened before the
-    //! call returns, so that it may be removed afterwards; a worker copies. The entry appears when it is
-    //! complete and equals what the server acknowledged; a later failure is logged and leaves no entry.
-    //! ResourceCache::waitForPending() waits for it. ErrorCode::InvalidArgument when a path of known kind
-    //! names something of the other kind.
+    //! call returns; a worker copies. A file may be removed afterwards; a directory may be renamed, but what
+    //! is in it must stay until it was copied: when something of it changes or goes, nothing is kept. The
+    //! entry appears when it is complete and equals what the server acknowledged; a later failure is logged
+    //! and leaves no entry. ResourceCache::waitForPending() waits for it. ErrorCode::InvalidArgument when a
+    //! path of known kind names something of the other kind.
     Error addToCache(const PathImpl<PathType::Unknown>& localPath);
     //! The same for content that \a writer makes; it runs before the call returns, and its error is returned.
     Error addToCache(const Writer& writer);
@@ -58,11 +59,15 @@ protected:
 
 private:
     Error checkCache() const;
-    //! Keeps the entry until the handler goes; ErrorCode::NotFound when there is no valid one.
-    Error hold(const QString& subPath);
-    Error keep(std::optional<class ResourceCacheLease> lease);
-    //! The same after a fill, whose task has not gone yet.
+    //! Keeps the entry until the handler goes. After a fill, whose task has not gone yet.
     Error holdFilled(const QString& subPath);
+    //! ErrorCode::NotFound.
+    Error missing() const;
+    //! Fills the entry and holds it. \a instead, when there is one, makes the task for a failure of the fill
+    //! that the network is to blame for.
+    std::unique_ptr<Task> retrievalTask(std::unique_ptr<Task> fill,
+                                        std::function<std::unique_ptr<Task>(const Error&)> instead);
+    std::unique_ptr<Task> fetchTask(const std::function<Error()>& mayFetch);
     //! Ends with success and the entry in use when there is a valid one, else with \a refusal.
     std::unique_ptr<Task> takeEntryTask(const QString& subPath, const Error& refusal);
 

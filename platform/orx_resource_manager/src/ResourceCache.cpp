@@ -52,6 +52,7 @@ private:
 
 struct ResourceCacheLease::Private {
     CacheLock lock;
+    bool isWhole = false;
 };
 
 ResourceCacheLease::ResourceCacheLease() = default;
@@ -61,6 +62,10 @@ ResourceCacheLease& ResourceCacheLease::operator=(ResourceCacheLease&&) noexcept
 
 bool ResourceCacheLease::isHeld() const {
     return d && d->lock.isHeld();
+}
+
+bool ResourceCacheLease::isWhole() const {
+    return isHeld() && d->isWhole;
 }
 
 struct ResourceCacheWork::Private {
@@ -100,6 +105,16 @@ struct ResourceCache::Private {
     CacheAdditions::Expected expected(const ResourceReferenceSPtr& reference) const {
         return {settings->checksum(reference), settings->limits()};
     }
+    //! Of an entry that is whole, as far as its top tells.
+    std::optional<PathType> typeOf(const QString& subPath) const {
+        const auto place = store->parse(subPath);
+        if (place.hasError())
+            return std::nullopt;
+        const auto record = store->valid(*place, CachePayload::Depth::Top);
+        if (record.hasError() && !CacheStore::isMissing(record.error()))
+            qCWarning(cacheLog).noquote() << record.errorMessage();
+        return record ? std::optional(record->entry.type) : std::nullopt;
+    }
 };
 
 ResourceCache::ResourceCache(const QString& rootDir) : d(std::make_unique<Private>(rootDir)) {}
@@ -128,28 +143,24 @@ Result<Path> ResourceCache::expectedPath(const QString& subPath) const {
 }
 
 bool ResourceCache::contains(const QString& subPath) const {
-    const auto place = d->store->parse(subPath);
-    if (place.hasError())
-        return false;
-    const auto record = d->store->valid(*place);
-    if (record.hasError() && !record.error().is(ErrorCode::NotFound))
-        qCWarning(cacheLog).noquote() << record.errorMessage();
-    return bool(record);
+    return d->typeOf(subPath).has_value();
 }
 
 std::optional<ResourceCacheLease> ResourceCache::lease(const QString& subPath) {
     const auto place = d->store->parse(subPath);
-    auto lock = place ? d->store->lease(*place) : std::nullopt;
-    return lock ? std::optional(leaseOf(std::move(*lock))) : std::nullopt;
+    auto lock = place ? d->store->tryUse(*place) : std::nullopt;
+    const auto type = lock ? d->typeOf(subPath) : std::nullopt;
+    return type ? std::optional(leaseOf(*place, std::move(*lock), *type == PathType::File)) : std::nullopt;
 }
 
 std::optional<ResourceCacheLease> ResourceCache::leaseFilled(const QString& subPath) {
     const auto place = d->store->parse(subPath);
-    auto lock = place ? d->store->leaseUnseen(*place) : std::nullopt;
-    return lock ? std::optional(leaseOf(std::move(*lock))) : std::nullopt;
+    auto lock = place ? d->store->tryUse(*place) : std::nullopt;
+    return lock ? std::optional(leaseOf(*place, std::move(*lock), true)) : std::nullopt;
 }
 
-ResourceCacheLease ResourceCache::leaseOf(CacheLock lock) {
+ResourceCacheLease ResourceCache::leaseOf(const CacheSubPath& place, CacheLock lock, bool isWhole) {
+    d->store->noteUse(place);
     // Neither the record of the use nor its transaction holds the caller up.
     WorkerPool::instance().submit(
         [store = d->store] {
@@ -160,6 +171,7 @@ ResourceCacheLease ResourceCache::leaseOf(CacheLock lock) {
     ResourceCacheLease lease;
     lease.d = std::make_unique<ResourceCacheLease::Private>();
     lease.d->lock = std::move(lock);
+    lease.d->isWhole = isWhole;
     return lease;
 }
 
@@ -213,23 +225,18 @@ Error ResourceCache::add(const ResourceReferenceSPtr& reference, const QString& 
         return place.error();
     const CacheAdditions::Expected expected = d->expected(reference);
     if (!expected.sha256.isEmpty()) {
-        const auto record = d->store->valid(*place);
+        const auto record = d->store->valid(*place, CachePayload::Depth::Top);
         if (record && record->entry.sha256 == expected.sha256.toLower())
             return Error();
     }
     auto opened = CacheSource::open(source);
     if (opened.hasError())
         return ORX_ECATCH(std::move(opened).error());
-    if (expected.limits.maxBytes && opened->bytes() > *expected.limits.maxBytes) {
-        const Error error(ErrorCode::InvalidArgument,
-                          QCoreApplication::translate("orx::ResourceCache",
-                                                      "\"%1\" is larger than the cache may be (%2 bytes).")
-                              .arg(source.toString())
-                              .arg(*expected.limits.maxBytes));
+    if (const Error error = (*opened)->checkFits(expected.limits.maxBytes); error.hasError()) {
         qCWarning(cacheLog).noquote() << error.errorMessage();
         return error;
     }
-    d->additions->addCopy(*place, std::move(*opened), expected);
+    d->additions->addCopy(*place, *opened, expected);
     return Error();
 }
 

@@ -39,6 +39,9 @@ public:
     ResourceCacheLease(ResourceCacheLease&&) noexcept;
     ResourceCacheLease& operator=(ResourceCacheLease&&) noexcept;
     bool isHeld() const;
+    //! Whether all of the entry was looked at. False for a directory that ResourceCache::lease() gave:
+    //! whether that is whole shows in a fill.
+    bool isWhole() const;
 
 private:
     friend class ResourceCache;
@@ -122,9 +125,11 @@ public:
     //! Where \a subPath lies. ErrorCode::InvalidArgument for one that is empty, absolute, has an empty, "."
     //! or ".." component, a NUL, or a component that this file system cannot hold (over 255 bytes).
     Result<Path> expectedPath(const QString& subPath) const;
-    //! Whether there is a whole entry whose size and time are as recorded.
+    //! Whether there is an entry: a file of the recorded size and time, or a directory, which is not looked
+    //! into and not known to be damaged. Like lease() and the additions it takes the same few calls for a
+    //! directory of any size, so that an event loop may make it.
     bool contains(const QString& subPath) const;
-    //! A lease of a valid entry, which also counts as its use; none when it is not there.
+    //! A lease of an entry that contains() finds, which also counts as its use; none without one.
     std::optional<ResourceCacheLease> lease(const QString& subPath);
     Result<ResourceCleanupPolicy> cleanupPolicy(const QString& subPath) const;
     //! ErrorCode::NotFound without an entry.
@@ -137,16 +142,17 @@ public:
 
     //! Fills the entry: \a fetch makes the task that brings the content into the directory it is given, under
     //! the last component of \a subPath. Of several tasks and processes that fill one entry one works and the
-    //! others wait for it. What an interrupted fill left under other names than the last component is there
-    //! for the next one of the same entry to resume. The task ends when the entry is durable and visible,
-    //! with progress of the fetch. Thread: the owner's.
+    //! others wait for it. An entry is looked at, with all that is in it, on a worker before it is taken as
+    //! it is. What an interrupted fill left under other names than the last component is there for the next
+    //! one of the same entry to resume. The task ends when the entry is durable and visible, with progress of
+    //! the fetch. Thread: the owner's.
     std::unique_ptr<Task> fillTask(const ResourceReferenceSPtr& reference, const QString& subPath,
                                    std::function<std::unique_ptr<Task>(const DirPath&)> fetch, FillMode mode);
 
     //! See RemoteResourceHandler::addToCache(). Thread: one with an event loop or WorkerPool completions.
-    //! The first fails for a source that cannot be opened, has links in it, or is larger than the cache may
-    //! be. The second removes what the entry held before the writer runs; ErrorCode::Busy when somebody uses
-    //! or fills the entry.
+    //! The first fails for a source that cannot be opened or is larger than the cache may be; what is wrong
+    //! in a directory (its size, links in it) is found by a worker, and only logged. The second removes what
+    //! the entry held before the writer runs; ErrorCode::Busy when somebody uses or fills the entry.
     Error add(const ResourceReferenceSPtr& reference, const QString& subPath, const Path& source);
     Error add(const ResourceReferenceSPtr& reference, const QString& subPath,
               const std::function<Error()>& writer);
@@ -172,7 +178,7 @@ private:
     friend class RemoteResourceHandler;
     //! A lease of an entry that a fill of this thread has just leased: it is not looked at again.
     std::optional<ResourceCacheLease> leaseFilled(const QString& subPath);
-    ResourceCacheLease leaseOf(class CacheLock lock);
+    ResourceCacheLease leaseOf(const class CacheSubPath& place, class CacheLock lock, bool isWhole);
 
     struct Private;
     std::unique_ptr<Private> d;

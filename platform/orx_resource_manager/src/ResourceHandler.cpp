@@ -14,6 +14,13 @@ QString textOf(const ResourceReferenceSPtr& reference) {
     return reference ? reference->displayText() : QString();
 }
 
+Error ask(ResourcePromptingInterface* prompting, const ResourceReferenceSPtr& reference) {
+    if (!prompting || prompting->mayFetch(*reference))
+        return Error();
+    return Error(ErrorCode::Canceled,
+                 translated("\"%1\" was not fetched: it was not allowed.").arg(textOf(reference)));
+}
+
 //! A task that runs while somebody waits for it; what still works below it when it has finished keeps it.
 class AwaitedTask {
 public:
@@ -63,19 +70,25 @@ Result<std::unique_ptr<Task>> ResourceHandler::retrieveAsync(AsyncProcessingType
             Error(ErrorCode::NotFound,
                   translated("\"%1\" is not in the cache, and nothing else was to be asked for it.")
                       .arg(textOf(m_reference))));
+    m_asksLater = false;
+    m_prompting = prompting;
     auto task = retrieveTask();
+    m_prompting = nullptr;
     if (!task)
         return std::unique_ptr<Task>();
     if (!*task)
         return ORX_ECATCH(Error(ErrorCode::General,
                                 translated("No task was made to retrieve \"%1\".").arg(textOf(m_reference))));
-    if (prompting && m_retrieveMode != RetrieveMode::CacheOnly && !prompting->mayFetch(*m_reference))
-        return ORX_ECATCH(
-            Error(ErrorCode::Canceled,
-                  translated("\"%1\" was not fetched: it was not allowed.").arg(textOf(m_reference))));
+    if (m_retrieveMode != RetrieveMode::CacheOnly && !m_asksLater)
+        ORX_RETURN_ON_ERROR(ask(prompting, m_reference));
     if (type == AsyncProcessingType::StartedHere)
         (*task)->exec();
     return std::move(*task);
+}
+
+std::function<Error()> ResourceHandler::askLater() {
+    m_asksLater = true;
+    return [prompting = m_prompting, reference = m_reference] { return ask(prompting, reference); };
 }
 
 Result<PathImpl<PathType::Unknown>> ResourceHandler::retrieve(ResourcePromptingInterface* prompting) {

@@ -9,6 +9,7 @@
 
 #include <QSharedPointer>
 
+#include <functional>
 #include <optional>
 
 namespace orx {
@@ -42,7 +43,8 @@ public:
     virtual ~ResourceHandler();
     virtual Result<ResourceCleanupPolicy> cleanupPolicy() const = 0;
     virtual Error setCleanupPolicy(ResourceCleanupPolicy policy) = 0;
-    //! Whether expectedPath() holds the resource, whole, by its size and time.
+    //! Whether expectedPath() holds the resource, by size and time. In a directory nothing is looked at: it
+    //! may still turn out to be damaged when it is retrieved. Never waits.
     virtual bool isAvailableLocally() const = 0;
     //! The base fails with ErrorCode::InvalidArgument: such a resource has no siblings to list.
     virtual Result<std::unique_ptr<GetSiblingsTask>> siblings() const;
@@ -54,8 +56,10 @@ public:
     //! Where the resource lies when it is available locally; it need not be there.
     Result<PathImpl<PathType::Unknown>> expectedPath() const { return localPath(); }
     //! A task that makes the resource available, by the retrieve mode; null when nothing needs to be fetched.
-    //! \a prompting may be null (nobody is asked); a refusal is ErrorCode::Canceled. From a successful
-    //! retrieval on, this handler keeps what lies at expectedPath() from being pruned until it is destroyed.
+    //! \a prompting may be null (nobody is asked); a refusal is ErrorCode::Canceled. It is asked before this
+    //! returns or, when only the task finds out that something needs to be fetched, by that; it must live as
+    //! long as the task. From a successful retrieval on, this handler keeps what lies at expectedPath() from
+    //! being pruned until it is destroyed.
     Result<std::unique_ptr<Task>> retrieveAsync(AsyncProcessingType type,
                                                 ResourcePromptingInterface* prompting);
     //! Blocking: makes it available and returns expectedPath().
@@ -80,10 +84,18 @@ protected:
     virtual std::unique_ptr<Task> retrieveMetadataTask() const = 0;
     virtual Result<PathImpl<PathType::Unknown>> localPath() const = 0;
 
+    //! For retrieveTask(), when only the task will know whether something needs to be fetched: nobody is
+    //! asked before it runs, but when the function is called. That says why nothing may be fetched. Thread:
+    //! this handler's.
+    std::function<Error()> askLater();
+
 private:
     QSharedPointer<ResourceReference> m_reference;
     ResourceCache* m_cache;
     RetrieveMode m_retrieveMode = RetrieveMode::CacheFirst;
+    //! During retrieveTask().
+    ResourcePromptingInterface* m_prompting = nullptr;
+    bool m_asksLater = false;
 };
 
 } // namespace orx

@@ -65,6 +65,28 @@ protected:
     void doCancel() override { finish(Error()); }
 };
 
+//! Keeps what is brought to the place of an entry waiting while it lives.
+class HeldPlace {
+public:
+    HeldPlace(const QString& root, const QString& subPath)
+        : m_locks(::open(QFile::encodeName(root + QStringLiteral("/state/locks")).constData(),
+                         O_RDWR | O_CLOEXEC)) {
+        // docs/cache.md, Locks: the third byte of the entry.
+        struct flock range {};
+        range.l_type = F_WRLCK;
+        range.l_whence = SEEK_SET;
+        range.l_start = (sha256(subPath.toUtf8()).left(15).toLongLong(nullptr, 16) << 2) + 4 + 2;
+        range.l_len = 1;
+        EXPECT_EQ(::fcntl(m_locks, F_OFD_SETLKW, &range), 0);
+    }
+    ~HeldPlace() { ::close(m_locks); }
+    HeldPlace(const HeldPlace&) = delete;
+    HeldPlace& operator=(const HeldPlace&) = delete;
+
+private:
+    int m_locks;
+};
+
 //! Processes events until \a done.
 template <typename Done>
 void processUntil(Done done) {

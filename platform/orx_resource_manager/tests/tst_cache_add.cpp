@@ -1,7 +1,10 @@
 #include "CacheFixture.h"
 #include "FullPool.h"
 
+#include <WorkerPool.h>
+
 #include <future>
+#include <latch>
 
 using namespace orx;
 
@@ -9,12 +12,41 @@ namespace {
 
 const QString kEntry = QStringLiteral("server/run1.mzML");
 
+//! Keeps workers of the pool from anything else while it lives.
+class BusyWorkers {
+public:
+    explicit BusyWorkers(int count = WorkerPool::instance().threadCount())
+        : m_running(std::make_shared<std::latch>(count)) {
+        for (int i = 0; i < count; ++i)
+            WorkerPool::instance().submit(
+                [running = m_running, end = m_end] {
+                    running->count_down();
+                    end->wait();
+                },
+                nullptr, {});
+        m_running->wait();
+    }
+    ~BusyWorkers() { m_end->count_down(); }
+    BusyWorkers(const BusyWorkers&) = delete;
+    BusyWorkers& operator=(const BusyWorkers&) = delete;
+
+private:
+    std::shared_ptr<std::latch> m_running;
+    std::shared_ptr<std::latch> m_end = std::make_shared<std::latch>(1);
+};
+
 class CacheAddTest : public orx::testing::CacheFixture {
 protected:
     QString source(const QByteArray& content) {
         const QString name = path(QStringLiteral("source"));
         EXPECT_TRUE(orx::testing::writeFile(name, content));
         return name;
+    }
+    QString makeFolder() const {
+        const QString top = path(QStringLiteral("folder"));
+        EXPECT_TRUE(orx::testing::writeFile(top + u"/a"_qs, "1"));
+        EXPECT_TRUE(orx::testing::writeFile(top + u"/b/c"_qs, "22"));
+        return top;
     }
     Error addFile(const QByteArray& content) {
         return cache.add(probes::sampleReference(), kEntry, Path(source(content)));
@@ -41,37 +73,107 @@ TEST_F(CacheAddTest, TheSourceMayBeRemovedRightAfterTheCall) {
     EXPECT_EQ(orx::testing::readFile(placeOf(kEntry)), content);
 }
 
-TEST_F(CacheAddTest, ADirectoryMayBeRemovedRightAfterTheCall) {
-    const QString top = path(u"folder"_qs);
-    ASSERT_TRUE(orx::testing::writeFile(top + u"/a"_qs, "1"));
-    ASSERT_TRUE(orx::testing::writeFile(top + u"/b/c"_qs, "22"));
+TEST_F(CacheAddTest, ADirectoryMayBeRenamedRightAfterTheCall) {
+    const QString top = makeFolder();
     ASSERT_TRUE(QDir().mkpath(top + u"/empty"_qs));
-    ASSERT_FALSE(cache.add(nullptr, kEntry, Path(top)).hasError());
-    ASSERT_TRUE(QDir(top).removeRecursively());
+    {
+        const BusyWorkers busy;
+        ASSERT_FALSE(cache.add(nullptr, kEntry, Path(top)).hasError());
+        ASSERT_TRUE(QDir().mkpath(path(u"elsewhere"_qs)));
+        ASSERT_TRUE(QDir().rename(top, path(u"elsewhere/renamed"_qs)));
+    }
     EXPECT_TRUE(cache.waitForPending().isEmpty());
     EXPECT_TRUE(cache.contains(kEntry));
     EXPECT_EQ(orx::testing::readFile(placeOf(kEntry) + u"/b/c"_qs), "22");
     EXPECT_TRUE(QFileInfo(placeOf(kEntry) + u"/empty"_qs).isDir());
+    EXPECT_EQ(cache.entries()->first().files, 2);
+    EXPECT_EQ(cache.entries()->first().bytes, 3);
     EXPECT_EQ(cache.verify()->damaged.size(), 0);
+}
+
+TEST_F(CacheAddTest, OfADirectoryThatIsRemovedRightAfterTheCallNothingIsKept) {
+    const QString top = makeFolder();
+    {
+        const BusyWorkers busy;
+        ASSERT_FALSE(cache.add(nullptr, kEntry, Path(top)).hasError());
+        ASSERT_TRUE(QDir(top).removeRecursively());
+    }
+    const QStringList failures = cache.waitForPending();
+    ASSERT_EQ(failures.size(), 1);
+    EXPECT_TRUE(failures.first().contains(u"changed or was removed"_qs)) << failures.first().toStdString();
+    EXPECT_FALSE(cache.contains(kEntry));
+    EXPECT_FALSE(QFileInfo::exists(placeOf(kEntry)));
+}
+
+TEST_F(CacheAddTest, ADirectoryThatChangesBeforeItsTurnIsNotKept) {
+    const QString top = path(u"folder"_qs);
+    const struct {
+        const char* what;
+        std::function<bool()> change;
+    } rows[] = {
+        {"a file is written", [&] { return orx::testing::writeFile(top + u"/b/c"_qs, "longer"); }},
+        {"a file goes", [&] { return QFile::remove(top + u"/b/c"_qs); }},
+        {"a file comes", [&] { return orx::testing::writeFile(top + u"/b/new"_qs, "x"); }},
+        {"a directory comes", [&] { return QDir().mkpath(top + u"/b/d/e"_qs); }},
+        {"everything goes", [&] { return QDir(top).removeRecursively(); }},
+    };
+    ASSERT_FALSE(fill(u"first"_qs, "old").hasError());
+    ASSERT_TRUE(orx::testing::writeFile(path(u"first"_qs), "new"));
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        makeFolder();
+        {
+            // The additions stop at the first; one free worker lists the directory, and then runs the job
+            // after that.
+            const orx::testing::HeldPlace held(root(), u"first"_qs);
+            const BusyWorkers busy(WorkerPool::instance().threadCount() - 2);
+            ASSERT_FALSE(cache.add(nullptr, u"first"_qs, Path(path(u"first"_qs))).hasError());
+            ASSERT_FALSE(cache.add(nullptr, kEntry, Path(top)).hasError());
+            bool isListed = false;
+            WorkerPool::instance().submit([] {}, nullptr, [&isListed] { isListed = true; });
+            orx::testing::processUntil([&isListed] { return isListed; });
+            ASSERT_TRUE(row.change());
+        }
+        const QStringList failures = cache.waitForPending();
+        ASSERT_EQ(failures.size(), 1);
+        EXPECT_TRUE(failures.first().contains(u"changed or was removed"_qs))
+            << failures.first().toStdString();
+        EXPECT_EQ(subPaths(), QStringList{u"first"_qs});
+        EXPECT_FALSE(QFileInfo::exists(placeOf(kEntry)));
+        EXPECT_TRUE(staged().isEmpty());
+        QDir(top).removeRecursively();
+    }
 }
 
 TEST_F(CacheAddTest, MoreSourcesThanStayOpenAreCopiedToo) {
     for (int i = 0; i < 300; ++i) {
         const QString name = path(QStringLiteral("source%1").arg(i));
-        ASSERT_TRUE(orx::testing::writeFile(name, QByteArray::number(i)));
+        ASSERT_TRUE(orx::testing::writeFile(i % 2 == 0 ? name + u"/in"_qs : name, QByteArray::number(i)));
         ASSERT_FALSE(cache.add(nullptr, QStringLiteral("e/%1").arg(i), Path(name)).hasError());
     }
     EXPECT_TRUE(cache.waitForPending().isEmpty());
     EXPECT_EQ(subPaths().size(), 300);
     EXPECT_EQ(orx::testing::readFile(placeOf(u"e/299"_qs)), "299");
+    EXPECT_EQ(orx::testing::readFile(placeOf(u"e/298/in"_qs)), "298");
 }
 
-TEST_F(CacheAddTest, LinksInASourceAreRefused) {
+TEST_F(CacheAddTest, ADirectoryWithLinksInItIsNotKept) {
     const QString top = path(u"folder"_qs);
     ASSERT_TRUE(QDir().mkpath(top));
     ASSERT_TRUE(QFile::link(QStringLiteral("/etc/passwd"), top + u"/link"_qs));
-    EXPECT_TRUE(cache.add(nullptr, kEntry, Path(top)).is(ErrorCode::InvalidArgument));
+    ASSERT_FALSE(cache.add(nullptr, kEntry, Path(top)).hasError());
+    const QStringList failures = cache.waitForPending();
+    ASSERT_EQ(failures.size(), 1);
+    EXPECT_EQ(
+        failures.first(),
+        QStringLiteral("\"%1/link\" is a link or a special file, which the cache does not keep.").arg(top));
     EXPECT_FALSE(cache.contains(kEntry));
+}
+
+TEST_F(CacheAddTest, WhatIsNeitherFileNorDirectoryIsRefused) {
+    ASSERT_EQ(::mkfifo(QFile::encodeName(path(u"pipe"_qs)).constData(), 0600), 0);
+    EXPECT_TRUE(cache.add(nullptr, kEntry, Path(path(u"pipe"_qs))).is(ErrorCode::InvalidArgument));
+    EXPECT_TRUE(cache.waitForPending().isEmpty());
 }
 
 TEST_F(CacheAddTest, AMissingSourceIsAnErrorAtOnce) {
@@ -111,6 +213,16 @@ TEST_F(CacheAddTest, WhatIsLargerThanTheCacheMayBeIsRefused) {
     cache.setLimits({3, std::nullopt});
     EXPECT_TRUE(addFile("content").is(ErrorCode::InvalidArgument));
     EXPECT_TRUE(cache.waitForPending().isEmpty());
+    EXPECT_FALSE(cache.contains(kEntry));
+}
+
+TEST_F(CacheAddTest, ADirectoryThatIsLargerThanTheCacheMayBeIsNotKept) {
+    cache.setLimits({2, std::nullopt});
+    ASSERT_FALSE(cache.add(nullptr, kEntry, Path(makeFolder())).hasError());
+    const QStringList failures = cache.waitForPending();
+    ASSERT_EQ(failures.size(), 1);
+    EXPECT_EQ(failures.first(),
+              QStringLiteral("\"%1\" is larger than the cache may be (2 bytes).").arg(path(u"folder"_qs)));
     EXPECT_FALSE(cache.contains(kEntry));
 }
 

@@ -138,33 +138,79 @@ TEST_F(CachePlacesTest, ContentWithoutARecordIsNotThereAndIsReplaced) {
     EXPECT_EQ(orx::testing::readFile(placeOf(kEntry)), "content");
 }
 
-TEST_F(CachePlacesTest, ADirectoryIsThereAsLongAsNothingInItChanges) {
-    const QString entry = QStringLiteral("server/folder");
-    const auto fetch = [](const DirPath& directory) {
-        const QString top = directory.child(QStringLiteral("folder"));
-        EXPECT_TRUE(QDir().mkpath(top + QStringLiteral("/empty")));
-        EXPECT_TRUE(orx::testing::writeFile(top + QStringLiteral("/a"), "1"));
-        EXPECT_TRUE(orx::testing::writeFile(top + QStringLiteral("/b/c"), "22"));
-        return probes::taskWith(QVariant());
-    };
-    const auto refill = [&] {
-        const auto task = cache.fillTask(nullptr, entry, fetch, ResourceCache::FillMode::Missing);
+//! A directory's entry.
+class CacheDirectoryPlacesTest : public CachePlacesTest {
+protected:
+    //! Whether the entry had to be fetched.
+    bool fill() {
+        bool isFetched = false;
+        const auto fetch = [&isFetched](const DirPath& directory) {
+            isFetched = true;
+            const QString top = directory.child(QStringLiteral("folder"));
+            EXPECT_TRUE(QDir().mkpath(top + QStringLiteral("/empty")));
+            EXPECT_TRUE(orx::testing::writeFile(top + QStringLiteral("/a"), "1"));
+            EXPECT_TRUE(orx::testing::writeFile(top + QStringLiteral("/b/c"), "22"));
+            return probes::taskWith(QVariant());
+        };
+        const auto task = cache.fillTask(nullptr, kFolder, fetch, ResourceCache::FillMode::Missing);
         task->exec();
         EXPECT_FALSE(task->waitForFinished().hasError());
-        EXPECT_TRUE(cache.contains(entry));
-    };
-    refill();
+        EXPECT_TRUE(cache.contains(kFolder));
+        return isFetched;
+    }
+    QString in(const char* name) const { return placeOf(kFolder) + u'/' + QString::fromLatin1(name); }
+
+    const QString kFolder = QStringLiteral("server/folder");
+};
+
+TEST_F(CacheDirectoryPlacesTest, IsTakenAsItIsAsLongAsNothingInItChanges) {
+    ASSERT_TRUE(fill());
     EXPECT_EQ(cache.entries()->first().files, 2);
     EXPECT_EQ(cache.entries()->first().bytes, 3);
-    ASSERT_TRUE(orx::testing::writeFile(placeOf(entry) + QStringLiteral("/more"), ""));
-    EXPECT_FALSE(cache.contains(entry));
-    refill();
-    EXPECT_FALSE(QFileInfo::exists(placeOf(entry) + QStringLiteral("/more")));
-    ASSERT_TRUE(QFile::remove(placeOf(entry) + QStringLiteral("/b/c")));
-    EXPECT_FALSE(cache.contains(entry));
-    refill();
-    ASSERT_TRUE(QDir().rmdir(placeOf(entry) + QStringLiteral("/empty")));
-    EXPECT_FALSE(cache.contains(entry));
+    EXPECT_FALSE(fill());
+    const std::function<bool()> changes[] = {
+        [this] { return orx::testing::writeFile(in("more"), ""); },
+        [this] { return QFile::remove(in("b/c")); },
+        [this] { return QDir().rmdir(in("empty")); },
+        [this] { return orx::testing::writeFile(in("b/c"), "333"); },
+    };
+    for (const auto& change : changes) {
+        ASSERT_TRUE(change());
+        EXPECT_TRUE(fill());
+        EXPECT_EQ(orx::testing::readFile(in("b/c")), "22");
+        EXPECT_TRUE(QFileInfo(in("empty")).isDir());
+        EXPECT_FALSE(QFileInfo::exists(in("more")));
+        EXPECT_FALSE(fill());
+    }
+}
+
+TEST_F(CacheDirectoryPlacesTest, IsNotThereAnyMoreOnceAWorkerFoundItDamaged) {
+    ASSERT_TRUE(fill());
+    ASSERT_TRUE(QFile::remove(in("b/c")));
+    EXPECT_TRUE(cache.contains(kFolder)); // nobody has looked into it
+    const auto refused = cache.fillTask(
+        nullptr, kFolder,
+        [](const DirPath&) { return probes::taskWith(QVariant(), Error(ErrorCode::Busy, u"not now"_qs)); },
+        ResourceCache::FillMode::Missing);
+    refused->exec();
+    EXPECT_TRUE(refused->waitForFinished().is(ErrorCode::Busy));
+    EXPECT_FALSE(cache.contains(kFolder));
+    EXPECT_FALSE(cache.lease(kFolder));
+    EXPECT_TRUE(fill());
+}
+
+TEST_F(CacheDirectoryPlacesTest, IsNotThereWhenSomethingElseLiesThere) {
+    ASSERT_TRUE(fill());
+    ASSERT_TRUE(QDir(placeOf(kFolder)).removeRecursively());
+    EXPECT_FALSE(cache.contains(kFolder));
+    ASSERT_TRUE(orx::testing::writeFile(placeOf(kFolder), "a file"));
+    EXPECT_FALSE(cache.contains(kFolder));
+    EXPECT_FALSE(cache.lease(kFolder));
+    EXPECT_TRUE(fill());
+    ASSERT_TRUE(QDir(placeOf(kFolder)).removeRecursively());
+    ASSERT_TRUE(QFile::link(root(), placeOf(kFolder)));
+    EXPECT_FALSE(cache.contains(kFolder));
+    EXPECT_FALSE(cache.lease(kFolder));
 }
 
 TEST_F(CachePlacesTest, EntriesDoNotLieWithinOneAnother) {

@@ -38,6 +38,8 @@ struct Elsewhere {
     Error error;
     int fetched = 0;
     bool hangs = false;
+    //! The resource is a directory, with the content in the file "spectra".
+    bool isDirectory = false;
 };
 
 class Hanging final : public Task {
@@ -67,8 +69,11 @@ protected:
         return std::make_unique<BodyTask>([=, elsewhere = m_elsewhere](BodyTask* self) {
             Q_EMIT self->progressInitiated(7);
             Q_EMIT self->progress(3, 7);
+            if (elsewhere->isDirectory && !QDir(targetDir.toString()).mkpath(name))
+                return Error(ErrorCode::FileNotWritable, name);
             if (!elsewhere->error.hasError())
-                write(targetDir.child(name), elsewhere->content);
+                write(targetDir.child(elsewhere->isDirectory ? name + QStringLiteral("/spectra") : name),
+                      elsewhere->content);
             return elsewhere->error;
         });
     }
@@ -321,14 +326,71 @@ TEST_F(ChangingContentTest, IsNotAskedForWhenOnlyTheCacheMayBeAsked) {
     EXPECT_EQ(elsewhere.fetched, 0);
 }
 
+struct Refusal : ResourcePromptingInterface {
+    bool mayFetch(const ResourceReference&) override {
+        ++asked;
+        return false;
+    }
+    int asked = 0;
+};
+
+//! Of directories only the top is looked at before a task runs.
+class RemoteDirectoryTest : public RemoteResourceHandlerTest {
+protected:
+    RemoteDirectoryTest() {
+        elsewhere.isDirectory = true;
+        fillEntry();
+    }
+    QString spectra() { return handlerOf()->expectedPath()->child(QStringLiteral("spectra")); }
+    HandlerSPtr offline() {
+        const auto handler = handlerOf();
+        handler->overrideRetrieveMode(Mode::CacheOnly);
+        return handler;
+    }
+};
+
+TEST_F(RemoteDirectoryTest, IsNotFetchedAgain) {
+    Refusal refusal;
+    for (const auto& handler : {handlerOf(), offline()}) {
+        const auto path = handler->retrieve(&refusal);
+        ASSERT_TRUE(path) << qPrintable(path.errorMessage());
+        EXPECT_EQ(contentOf(path->child(QStringLiteral("spectra"))), elsewhere.content);
+        EXPECT_EQ(inUseWhenPruned(), 1);
+    }
+    EXPECT_EQ(elsewhere.fetched, 0);
+    EXPECT_EQ(refusal.asked, 0);
+}
+
+TEST_F(RemoteDirectoryTest, IsFetchedAgainWhenSomethingInItIsDamaged) {
+    write(spectra(), "damaged");
+    EXPECT_TRUE(handlerOf()->isAvailableLocally());
+    const auto path = handlerOf()->retrieve();
+    ASSERT_TRUE(path) << qPrintable(path.errorMessage());
+    EXPECT_EQ(elsewhere.fetched, 1);
+    EXPECT_EQ(contentOf(spectra()), elsewhere.content);
+}
+
+TEST_F(RemoteDirectoryTest, IsAskedForWhenSomethingInItTurnsOutToBeDamaged) {
+    write(spectra(), "damaged");
+    Refusal refusal;
+    EXPECT_TRUE(handlerOf()->retrieve(&refusal).error().is(ErrorCode::Canceled));
+    EXPECT_EQ(refusal.asked, 1);
+    EXPECT_EQ(elsewhere.fetched, 0);
+    EXPECT_FALSE(handlerOf()->isAvailableLocally());
+}
+
+TEST_F(RemoteDirectoryTest, IsNotHandedOutDamagedWhenOnlyTheCacheMayBeAsked) {
+    write(spectra(), "damaged");
+    expectError(
+        offline()->retrieve(), ErrorCode::NotFound,
+        QStringLiteral("\"run1.mzML (file:12@3)\" is not in the cache, or what is there is damaged."));
+    EXPECT_EQ(elsewhere.fetched, 0);
+    EXPECT_FALSE(offline()->isAvailableLocally());
+    EXPECT_EQ(inUseWhenPruned(), 0);
+}
+
 TEST_F(RemoteResourceHandlerTest, NobodyIsAskedForWhatIsInTheCache) {
-    struct Refusal : ResourcePromptingInterface {
-        bool mayFetch(const ResourceReference&) override {
-            ++asked;
-            return false;
-        }
-        int asked = 0;
-    } refusal;
+    Refusal refusal;
     EXPECT_TRUE(handlerOf()->retrieve(&refusal).error().is(ErrorCode::Canceled));
     EXPECT_EQ(refusal.asked, 1);
     EXPECT_EQ(elsewhere.fetched, 0);

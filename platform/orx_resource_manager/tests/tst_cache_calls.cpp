@@ -1,0 +1,149 @@
+// What looks at a cache and adds to it on the thread of an event loop takes a few calls, however much there
+// is to look at. The calls are counted, so that this is a program of its own.
+#include "CacheFixture.h"
+
+#include "RemoteResourceHandler.h"
+
+#include <cstdarg>
+#include <dirent.h>
+#include <dlfcn.h>
+
+namespace {
+
+//! Of this thread.
+thread_local int diskCalls = 0;
+
+template <typename Function>
+Function* next(const char* name) {
+    return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
+}
+
+} // namespace
+
+// All by which the cache looks at files; the last one is how SQLite reads.
+extern "C" int fstatat(int directory, const char* name, struct stat* status, int flags) {
+    static const auto call = next<int(int, const char*, struct stat*, int)>("fstatat");
+    ++diskCalls;
+    return call(directory, name, status, flags);
+}
+
+extern "C" int openat(int directory, const char* name, int flags, ...) {
+    static const auto call = next<int(int, const char*, int, mode_t)>("openat");
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(arguments, mode_t) : 0;
+    va_end(arguments);
+    ++diskCalls;
+    return call(directory, name, flags, mode);
+}
+
+extern "C" dirent* readdir(DIR* stream) {
+    static const auto call = next<dirent*(DIR*)>("readdir");
+    ++diskCalls;
+    return call(stream);
+}
+
+extern "C" ssize_t pread64(int file, void* data, size_t size, off64_t at) {
+    static const auto call = next<ssize_t(int, void*, size_t, off64_t)>("pread64");
+    ++diskCalls;
+    return call(file, data, size, at);
+}
+
+// So many files take long to flush, and nothing here is to outlive the test.
+extern "C" int fsync(int) {
+    return 0;
+}
+
+extern "C" int fdatasync(int) {
+    return 0;
+}
+
+using namespace orx;
+
+namespace {
+
+constexpr int kFiles = 300;
+//! What takes the same however much there is stays below it, what looks at each file cannot.
+constexpr int kFewCalls = 40;
+const QString kFolder = QStringLiteral("server/file/12/3/raw");
+
+//! Its resource is a directory that is in the cache already.
+class CachedDirectoryHandler final : public RemoteResourceHandler {
+public:
+    explicit CachedDirectoryHandler(ResourceCache* cache)
+        : RemoteResourceHandler(probes::sampleReference(), cache) {}
+
+protected:
+    using RemoteResourceHandler::retrieveTask;
+    std::unique_ptr<Task> existsTask() const override { return nullptr; }
+    std::unique_ptr<Task> retrieveMetadataTask() const override { return nullptr; }
+    std::unique_ptr<Task> retrieveTask(const DirPath&) override {
+        ADD_FAILURE() << "fetched without need";
+        return nullptr;
+    }
+    QString subCachePath() const override { return kFolder; }
+};
+
+class CacheCallsTest : public orx::testing::CacheFixture {
+protected:
+    QString makeDirectory() const {
+        const QString top = path(QStringLiteral("raw"));
+        for (int i = 0; i < kFiles; ++i)
+            EXPECT_TRUE(orx::testing::writeFile(top + QStringLiteral("/part%1/%2").arg(i % 7).arg(i), "x"));
+        return top;
+    }
+    void addDirectory() {
+        ASSERT_FALSE(cache.add(nullptr, kFolder, Path(makeDirectory())).hasError());
+        ASSERT_TRUE(cache.waitForPending().isEmpty());
+        ASSERT_TRUE(cache.contains(kFolder)); // what is opened once is open after that
+    }
+    //! What \a work costs on this thread.
+    static int callsOf(const std::function<void()>& work) {
+        diskCalls = 0;
+        work();
+        return diskCalls;
+    }
+};
+
+} // namespace
+
+TEST_F(CacheCallsTest, ADirectoryIsFoundByItsTopAlone) {
+    addDirectory();
+    EXPECT_LT(callsOf([this] { EXPECT_TRUE(cache.contains(kFolder)); }), kFewCalls);
+    EXPECT_LT(callsOf([this] {
+                  const auto lease = cache.lease(kFolder);
+                  ASSERT_TRUE(lease && lease->isHeld());
+                  EXPECT_FALSE(lease->isWhole());
+              }),
+              kFewCalls);
+    const auto handler = QSharedPointer<CachedDirectoryHandler>::create(&cache);
+    EXPECT_LT(callsOf([&] { EXPECT_TRUE(handler->isAvailableLocally()); }), kFewCalls);
+}
+
+TEST_F(CacheCallsTest, ARetrievalLooksAtADirectoryOnAWorker) {
+    addDirectory();
+    for (const auto mode :
+         {ResourceHandler::RetrieveMode::CacheFirst, ResourceHandler::RetrieveMode::CacheOnly}) {
+        const auto handler = QSharedPointer<CachedDirectoryHandler>::create(&cache);
+        handler->overrideRetrieveMode(mode);
+        const int calls = callsOf([&] {
+            const auto retrieved = handler->retrieve();
+            EXPECT_TRUE(retrieved) << qPrintable(retrieved.errorMessage());
+        });
+        EXPECT_LT(calls, kFewCalls);
+    }
+}
+
+TEST_F(CacheCallsTest, ADirectoryIsAddedWithoutLookingIntoIt) {
+    ASSERT_FALSE(fill(u"opens what is opened once"_qs, "x").hasError());
+    ASSERT_TRUE(cache.contains(u"opens what is opened once"_qs));
+    const QString top = makeDirectory();
+    EXPECT_LT(callsOf([&] { EXPECT_FALSE(cache.add(nullptr, kFolder, Path(top)).hasError()); }), kFewCalls);
+    EXPECT_LT(callsOf([this] { EXPECT_TRUE(cache.waitForPending().isEmpty()); }), kFewCalls);
+    EXPECT_EQ(cache.entries()->last().files, kFiles);
+}
+
+TEST_F(CacheCallsTest, TheCallsOfWhoLooksAtEverythingAreCounted) {
+    addDirectory();
+    EXPECT_GT(callsOf([this] { EXPECT_TRUE(cache.verify()->damaged.isEmpty()); }), 2 * kFiles);
+}
