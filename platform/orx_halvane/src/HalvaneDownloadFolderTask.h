@@ -4,6 +4,7 @@
 #include "HalvaneTask.h"
 
 #include <HalvaneResourceReference.h>
+#include <MirroringInterface.h>
 #include <PathImpl.h>
 
 #include <optional>
@@ -85,16 +86,14 @@ private:
 //! The plain folder download: each file by a HalvaneDownloadFileTask. Replaces files at the target only under
 //! DuplicateDownloadPolicy::Overwrite; under every other policy a file whose name is taken fails with
 //! ErrorCode::AlreadyExists, since there is nobody to ask.
-class ORX_HALVANE_EXPORT HalvaneDownloadFolderTask : public HalvaneDownloadFolderTaskBase {
+class ORX_HALVANE_EXPORT HalvaneDownloadFolderTask : public HalvaneDownloadFolderTaskBase,
+                                                     public MirroringInterface {
     Q_OBJECT
 public:
     using HalvaneDownloadFolderTaskBase::HalvaneDownloadFolderTaskBase;
 
-    //! For a directory that is nobody's own, the cache's: after success it holds what is listed and nothing
-    //! else. Files that are there and have their listed content stay, others are replaced; an item that is a
-    //! file here and a folder there fails with ErrorCode::AlreadyExists. The history is not told. Before the
-    //! run.
-    void setMirroring();
+    //! For the cache's directories. The history is not told.
+    void setMirroring() override;
 
 protected:
     Task* createFileDownloadTask(const QSharedPointer<HalvaneFileResourceReference>& fileReference,

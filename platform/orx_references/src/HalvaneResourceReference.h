@@ -48,6 +48,8 @@ public:
     int version() const { return m_version; }
     QString variant() const { return m_variant; }
     QString toText() const override;
+    //! A version never changes.
+    bool namesOneContent() const override { return true; }
 
 private:
     HalvaneFileResourceReference(int id, int version, const QString& name, const QString& variant);
@@ -61,6 +63,8 @@ public:
     //! Fails with ErrorCode::InvalidArgument for an id below 1.
     static Result<QSharedPointer<HalvaneFolderResourceReference>> create(int id, const QString& name);
     QString toText() const override;
+    //! Anything in a folder may change.
+    bool namesOneContent() const override { return false; }
 
 private:
     HalvaneFolderResourceReference(int id, const QString& name);

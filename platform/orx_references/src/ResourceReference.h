@@ -24,6 +24,9 @@ public:
     virtual QString name() const = 0;
     //! For people: names the resource without doubt.
     virtual QString displayText() const = 0;
+    //! Whether it names one content for ever, so that a copy of that never is an old one; otherwise the
+    //! content may be another one at any time.
+    virtual bool namesOneContent() const = 0;
 
 protected:
     ResourceReference() = default;
@@ -40,6 +43,7 @@ public:
     Scheme scheme() const override { return Scheme::LocalFile; }
     QString name() const override;
     QString displayText() const override { return m_path; }
+    bool namesOneContent() const override { return false; }
     QString path() const { return m_path; }
 
 private:

@@ -42,6 +42,14 @@ TEST(HalvaneReferences, FolderKnowsItsPartsAndTexts) {
     EXPECT_EQ((*reference)->displayText(), QStringLiteral("2026 (folder:7)"));
 }
 
+TEST(References, OnlyAVersionOfAFileIsOneContentForEver) {
+    const ResourceReferenceSPtr file = *HalvaneFileResourceReference::create(1, 1, QStringLiteral("a"));
+    const ResourceReferenceSPtr folder = *HalvaneFolderResourceReference::create(1, QStringLiteral("a"));
+    EXPECT_TRUE(file->namesOneContent());
+    EXPECT_FALSE(folder->namesOneContent());
+    EXPECT_FALSE(LocalFileResourceReference(QStringLiteral("/a")).namesOneContent());
+}
+
 TEST(HalvaneReferences, RefuseWhatNamesNothing) {
     for (const int bad : {0, -1, std::numeric_limits<int>::min()}) {
         const auto noId = HalvaneFileResourceReference::create(bad, 1, QStringLiteral("a"));

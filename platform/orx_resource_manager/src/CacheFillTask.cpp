@@ -1,6 +1,7 @@
 #include "CacheFillTask.h"
 
 #include <DelayStepTask.h>
+#include <MirroringInterface.h>
 #include <WorkerStepTask.h>
 
 #include <QCoreApplication>
@@ -74,14 +75,37 @@ void CacheFillTask::onBegun(CacheFill::Begun begun) {
     execSubtask(std::make_unique<DelayStepTask>(pause), [this](BaseTask*) { begin(); });
 }
 
-void CacheFillTask::fetchContent() {
+//! Null, and this task finished, when there is none.
+std::unique_ptr<Task> CacheFillTask::makeFetch() {
     std::unique_ptr<Task> fetch = m_fetch(DirPath(m_fill->directory()));
-    if (!fetch) {
+    if (!fetch)
         finish(Error(ErrorCode::General,
                      QCoreApplication::translate("orx::ResourceCache",
                                                  "There is no way to fetch the content for the cache.")));
+    if (auto* const mirror = dynamic_cast<MirroringInterface*>(fetch.get()))
+        mirror->setMirroring();
+    return fetch;
+}
+
+void CacheFillTask::fetchContent() {
+    auto fetch = makeFetch();
+    if (!fetch)
         return;
-    }
+    // Only a mirror removes what is not part of the content any more: another fetch begins with nothing.
+    if (m_fill->isUpdate() && dynamic_cast<MirroringInterface*>(fetch.get()) == nullptr)
+        startOver(std::move(fetch));
+    else
+        runFetch(std::move(fetch));
+}
+
+void CacheFillTask::startOver(std::unique_ptr<Task> fetch) {
+    const auto next = std::make_shared<std::unique_ptr<Task>>(std::move(fetch));
+    execSubtask(std::make_unique<WorkerStepTask>(QStringLiteral("Start the fill of the cache over"),
+                                                 [fill = m_fill] { return fill->startOver(); }),
+                [this, next](BaseTask*) { runFetch(std::move(*next)); });
+}
+
+void CacheFillTask::runFetch(std::unique_ptr<Task> fetch) {
     connect(fetch.get(), &BaseTask::progressInitiated, this, &BaseTask::progressInitiated);
     connect(fetch.get(), &BaseTask::progress, this, &BaseTask::progress);
     // The entry stays locked until nothing can write into its directory any more: when this task goes before
@@ -100,10 +124,8 @@ void CacheFillTask::onFetchFailed(const Error& error) {
         finish(ORX_ECATCH(Error(error)));
         return;
     }
-    execSubtask(std::unique_ptr<BaseTask>(
-                    std::make_unique<WorkerStepTask>(QStringLiteral("Start the fill of the cache over"),
-                                                     [fill = m_fill] { return fill->startOver(); })),
-                [this](BaseTask*) { fetchContent(); });
+    if (auto fetch = makeFetch())
+        startOver(std::move(fetch));
 }
 
 void CacheFillTask::seal(BaseTask* fetched) {

@@ -29,7 +29,10 @@ protected:
 private:
     void begin();
     void onBegun(CacheFill::Begun begun);
+    std::unique_ptr<Task> makeFetch();
     void fetchContent();
+    void startOver(std::unique_ptr<Task> fetch);
+    void runFetch(std::unique_ptr<Task> fetch);
     void onFetchFailed(const Error& error);
     void seal(BaseTask* fetched);
 

@@ -95,17 +95,12 @@ Error checkKind(const Path& path) {
 struct RemoteResourceHandler::Private {
     //! Keeps the entry from being pruned.
     std::optional<ResourceCacheLease> lease;
-    Content content = Content::Fixed;
 };
 
 RemoteResourceHandler::RemoteResourceHandler(const ResourceReferenceSPtr& reference, ResourceCache* cache)
     : ResourceHandler(reference, cache), d(std::make_unique<Private>()) {}
 
 RemoteResourceHandler::~RemoteResourceHandler() = default;
-
-void RemoteResourceHandler::setContent(Content content) {
-    d->content = content;
-}
 
 Error RemoteResourceHandler::checkCache() const {
     if (cache())
@@ -183,7 +178,7 @@ RemoteResourceHandler::retrievalTask(std::unique_ptr<Task> fill,
 std::unique_ptr<Task> RemoteResourceHandler::fetchTask(const std::function<Error()>& mayFetch) {
     const QString subPath = subCachePath();
     const RetrieveMode mode = retrieveMode();
-    const bool isChanging = d->content == Content::Changing;
+    const bool isChanging = !reference()->namesOneContent();
     // The task asks this handler again when it runs.
     const auto self = sharedFromThis();
     auto fill = cache()->fillTask(
@@ -206,7 +201,7 @@ std::optional<std::unique_ptr<Task>> RemoteResourceHandler::retrieveTask() {
     if (Error error = checkCache(); error.hasError())
         return std::make_unique<RefusedTask>(ORX_ECATCH(error));
     const RetrieveMode mode = retrieveMode();
-    const bool isChanging = d->content == Content::Changing;
+    const bool isChanging = !reference()->namesOneContent();
     std::optional<ResourceCacheLease> lease;
     if (mode == RetrieveMode::CacheOnly || (mode == RetrieveMode::CacheFirst && !isChanging))
         lease = cache()->lease(subCachePath());

@@ -38,21 +38,16 @@ public:
 protected:
     RemoteResourceHandler(const QSharedPointer<ResourceReference>& reference, ResourceCache* cache);
 
-    enum class Content {
-        Fixed, //!< the reference names one content for ever; what is in the cache need not be asked for again
-        Changing //!< it may be another one at any time
-    };
-    //! For constructors; Fixed unless set. Changing content is asked for by every retrieval that may ask at
-    //! all, with ResourceCache::FillMode::Update. When there is no usable answer (ErrorDomain::Network), a
-    //! valid entry is taken with a warning, unless the mode is Refresh.
-    void setContent(Content content);
-
     using ResourceHandler::retrieveTask;
-    //! Fetches into the cache, unless the mode and the cache say that nothing needs to be fetched.
+    //! Fetches into the cache, unless the mode and the cache say that nothing needs to be fetched. A
+    //! reference that does not name one content for ever is asked for by every retrieval that may ask at all,
+    //! with ResourceCache::FillMode::Update. When there is no usable answer (ErrorDomain::Network), a valid
+    //! entry is taken with a warning, unless the mode is Refresh.
     std::optional<std::unique_ptr<Task>> retrieveTask() override;
     //! ResourceCache::expectedPath() of subCachePath(); ErrorCode::NotFound without a cache.
     Result<PathImpl<PathType::Unknown>> localPath() const override;
-    //! Brings the resource into \a targetDir, under the last component of subCachePath().
+    //! Brings the resource into \a targetDir, under the last component of subCachePath(). A task that is a
+    //! MirroringInterface is made to mirror.
     virtual std::unique_ptr<Task> retrieveTask(const PathImpl<PathType::Dir>& targetDir) = 0;
     //! Names the resource's place below the cache's content root; components joined with "/".
     virtual QString subCachePath() const = 0;

@@ -107,7 +107,8 @@ public:
         Missing, //!< a valid entry is taken as it is
         Anew,    //!< fetched anew
         Update   //!< as Anew, but the fetch finds in its directory the files of a directory entry, or what an
-                 //!< interrupted update left, and brings that up to date: it replaces or removes what differs
+                 //!< interrupted update left, and brings that up to date. For a task that is a
+                 //!< MirroringInterface; any other finds nothing
     };
     //! What the server said the content of a resource is; hexadecimal SHA-256, empty when unknown. Called on
     //! the thread that adds or fills; must not block.

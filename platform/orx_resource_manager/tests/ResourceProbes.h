@@ -4,6 +4,7 @@
 
 #include <HalvaneResourceReference.h>
 #include <JsonUtils.h>
+#include <MirroringInterface.h>
 
 #include <gtest/gtest.h>
 
@@ -50,6 +51,15 @@ protected:
 
 private:
     std::function<Error(BodyTask*)> m_body;
+};
+
+//! The same, as a task that can make its directory a mirror.
+class MirrorTask final : public BodyTask, public MirroringInterface {
+public:
+    using BodyTask::BodyTask;
+    ~MirrorTask() override { stopBody(); }
+    void setMirroring() override { isMirroring = true; }
+    bool isMirroring = false;
 };
 
 //! Ends at once with \a error, or else with \a result.

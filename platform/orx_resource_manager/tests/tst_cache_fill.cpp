@@ -197,8 +197,12 @@ protected:
     Error fillBy(Mode mode, const std::function<Error(const QString&)>& fetch) {
         const auto task = cache.fillTask(
             nullptr, kFolder,
-            [fetch](const DirPath& directory) {
-                return probes::taskWith(QVariant(), fetch(directory.child(u"raw"_qs)));
+            [fetch](const DirPath& directory) -> std::unique_ptr<Task> {
+                return std::make_unique<probes::MirrorTask>(
+                    [fetch, target = directory.child(u"raw"_qs)](probes::BodyTask* self) {
+                        EXPECT_TRUE(static_cast<probes::MirrorTask*>(self)->isMirroring);
+                        return fetch(target);
+                    });
             },
             mode);
         task->exec();
@@ -294,6 +298,27 @@ TEST_F(CacheDirectoryFillTest, AnUpdateThatFindsSomethingInItsWayIsMadeWithoutIt
                     return Error(ErrorCode::AlreadyExists, u"in the way"_qs);
                 }).is(ErrorCode::AlreadyExists));
     EXPECT_EQ(fetched, 4);
+}
+
+TEST_F(CacheDirectoryFillTest, AnUpdateByAFetchThatIsNoMirrorBeginsWithNothing) {
+    ASSERT_FALSE(fillWith({{u"a.raw"_qs, "a"}}).hasError());
+    int made = 0;
+    const auto task = cache.fillTask(
+        nullptr, kFolder,
+        [&made](const DirPath& directory) -> std::unique_ptr<Task> {
+            ++made;
+            return std::make_unique<probes::BodyTask>(
+                [target = directory.child(u"raw"_qs)](probes::BodyTask*) {
+                    EXPECT_FALSE(QFileInfo::exists(target));
+                    EXPECT_TRUE(orx::testing::writeFile(target + u"/b.raw"_qs, "b"));
+                    return Error();
+                });
+        },
+        Mode::Update);
+    task->exec();
+    EXPECT_FALSE(task->waitForFinished().hasError());
+    EXPECT_EQ(made, 1);
+    EXPECT_EQ(filesIn(placeOf(kFolder)), (Files{{u"b.raw"_qs, "b"}}));
 }
 
 TEST_F(CacheFillTest, ADestroyedFillLetsTheNextOneBegin) {

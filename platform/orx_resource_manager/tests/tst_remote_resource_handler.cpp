@@ -53,10 +53,10 @@ protected:
 
 class SampleRemoteHandler final : public RemoteResourceHandler {
 public:
-    SampleRemoteHandler(ResourceCache* cache, Elsewhere* elsewhere, const QString& subPath = kSubPath)
-        : RemoteResourceHandler(sampleReference(), cache), m_elsewhere(elsewhere), m_subPath(subPath) {}
+    SampleRemoteHandler(ResourceCache* cache, Elsewhere* elsewhere, const QString& subPath = kSubPath,
+                        const ResourceReferenceSPtr& reference = sampleReference())
+        : RemoteResourceHandler(reference, cache), m_elsewhere(elsewhere), m_subPath(subPath) {}
     using RemoteResourceHandler::retrieveTask;
-    void letContentChange() { setContent(Content::Changing); }
 
 protected:
     std::unique_ptr<Task> existsTask() const override { return taskWith(true); }
@@ -260,8 +260,9 @@ TEST_F(RemoteResourceHandlerTest, AHandlerMayRefreshWhatItHolds) {
 class ChangingContentTest : public RemoteResourceHandlerTest {
 protected:
     HandlerSPtr changing(Mode mode = Mode::CacheFirst) {
-        const auto handler = handlerOf();
-        handler->letContentChange();
+        const ResourceReferenceSPtr folder =
+            *HalvaneFolderResourceReference::create(7, QStringLiteral("raw"));
+        const auto handler = HandlerSPtr::create(&cache, &elsewhere, kSubPath, folder);
         handler->overrideRetrieveMode(mode);
         return handler;
     }

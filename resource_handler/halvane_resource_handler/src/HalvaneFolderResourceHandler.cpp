@@ -9,9 +9,7 @@ namespace orx {
 
 HalvaneFolderResourceHandler::HalvaneFolderResourceHandler(const QSharedPointer<ResourceReference>& reference,
                                                            ResourceCache* cache)
-    : HalvaneResourceHandler(reference, cache) {
-    setContent(Content::Changing);
-}
+    : HalvaneResourceHandler(reference, cache) {}
 
 HalvaneFolderResourceHandler::~HalvaneFolderResourceHandler() = default;
 
@@ -28,9 +26,7 @@ std::unique_ptr<Task> HalvaneFolderResourceHandler::retrieveMetadataTask() const
 
 std::unique_ptr<Task> HalvaneFolderResourceHandler::retrieveTask(const PathImpl<PathType::Dir>& targetDir) {
     const auto folder = reference().dynamicCast<HalvaneFolderResourceReference>();
-    auto task = std::make_unique<HalvaneDownloadFolderTask>(folder, targetDir.toString(), false, nullptr);
-    task->setMirroring();
-    return task;
+    return std::make_unique<HalvaneDownloadFolderTask>(folder, targetDir.toString(), false, nullptr);
 }
 
 QString HalvaneFolderResourceHandler::subCachePath() const {

@@ -4,8 +4,7 @@
 
 namespace orx {
 
-//! Answers for one folder of the server. Made by HalvaneResourceHandler::create(). What is in a folder
-//! changes under the same reference: a retrieval asks the server each time, and fetches what differs.
+//! Answers for one folder of the server. Made by HalvaneResourceHandler::create().
 class ORX_HALVANE_RESOURCE_HANDLER_EXPORT HalvaneFolderResourceHandler : public HalvaneResourceHandler {
 public:
     ~HalvaneFolderResourceHandler() override;
@@ -18,7 +17,7 @@ protected:
     std::unique_ptr<Task> existsTask() const override;
     //! A HalvaneGetFolderMetadataTask.
     std::unique_ptr<Task> retrieveMetadataTask() const override;
-    //! Makes the directory under the folder's name in \a targetDir what the folder is.
+    //! A HalvaneDownloadFolderTask: brings the folder under its name into \a targetDir.
     std::unique_ptr<Task> retrieveTask(const PathImpl<PathType::Dir>& targetDir) override;
     //! SERVER/folder/ID/NAME: the content of the folder is no part of it. The name stands as it is.
     QString subCachePath() const override;

@@ -60,11 +60,13 @@ Error HalvaneResourceHandler::verifyResourceName(const QSharedPointer<HalvaneRes
     if (serverName == reference->name())
         return Error();
     const QString noun = reference->itemType() == ItemType::Folder ? tr("folder name") : tr("filename");
-    // All at once: names may hold what looks like a place to fill.
+    // One after the other: each fill takes the lowest place, also one that the text before it brought along.
     return ORX_ECATCH(Error(ErrorCode::General,
                             tr("A %1 pointed by \"%2\" does not match with a %1 on the server (the %1 on "
                                "the server is \"%3\").")
-                                .arg(noun, reference->displayText(), serverName)));
+                                .arg(noun)
+                                .arg(reference->displayText())
+                                .arg(serverName)));
 }
 
 QString HalvaneResourceHandler::subCachePath() const {

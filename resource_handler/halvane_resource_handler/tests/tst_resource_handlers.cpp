@@ -27,6 +27,7 @@ public:
     explicit OddReference(int itemType)
         : HalvaneResourceReference(5, ItemType(itemType), QStringLiteral("odd")) {}
     QString toText() const override { return QStringLiteral("odd:5"); }
+    bool namesOneContent() const override { return true; }
 };
 
 HalvaneFileResourceReferenceSPtr fileReference(int id, const QString& name, int version = 3) {
@@ -221,16 +222,30 @@ TEST_F(NameVerification, AFolderWhoseLetterCaseDiffersIsAnotherFolderName) {
     EXPECT_TRUE(passedThrough(error, VerifyName));
 }
 
-TEST_F(NameVerification, NamesThatLookLikePlacesToFillStandAsTheyAre) {
+TEST_F(NameVerification, ItsMessageIsFilledOneTextAfterTheOther) {
     const Registered registered;
     const int odd = server.service().addFile(QStringLiteral("%1%2%3"), "x");
-    const Error error =
-        HalvaneResourceHandler::verifyResourceName(fileReference(odd, QStringLiteral("%3 of %1"), 1));
-    EXPECT_EQ(
-        error.errorMessage(),
-        QStringLiteral("A filename pointed by \"%3 of %1 (file:") + QString::number(odd) +
-            QStringLiteral("@1)\" does not match with a filename on the server (the filename on the server "
-                           "is \"%1%2%3\")."));
+    const struct {
+        QString name;
+        QString message; //!< %0 stands for the id
+    } rows[] = {
+        // Of the names on the server everything stands as it is, since it is the last.
+        {QStringLiteral("plain"),
+         QStringLiteral("A filename pointed by \"plain (file:%0@1)\" does not match with a filename on the "
+                        "server (the filename on the server is \"%1%2%3\").")},
+        // In the name of the reference the next fill finds a place for the other name: the lowest one.
+        {QStringLiteral("run %3"),
+         QStringLiteral("A filename pointed by \"run %1%2%3 (file:%0@1)\" does not match with a filename on "
+                        "the server (the filename on the server is \"%1%2%3\").")},
+        {QStringLiteral("run %2"),
+         QStringLiteral("A filename pointed by \"run %1%2%3 (file:%0@1)\" does not match with a filename on "
+                        "the server (the filename on the server is \"%3\").")},
+    };
+    for (const auto& row : rows) {
+        const Error error = HalvaneResourceHandler::verifyResourceName(fileReference(odd, row.name, 1));
+        EXPECT_EQ(error.errorMessage(),
+                  QString(row.message).replace(QStringLiteral("%0"), QString::number(odd)));
+    }
 }
 
 TEST_F(NameVerification, ItsMessageAndItsNounsAreTranslated) {

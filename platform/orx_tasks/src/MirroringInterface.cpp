@@ -1,0 +1,7 @@
+#include "MirroringInterface.h"
+
+namespace orx {
+
+MirroringInterface::~MirroringInterface() = default;
+
+} // namespace orx
