@@ -119,7 +119,7 @@ Error CacheAdditions::copyInto(const CacheRoot& root, const QByteArray& staging,
     const auto directory = ensureDirectory(root.staging.get(), staging, m_store->stagingDir());
     if (directory.hasError())
         return directory.error();
-    const auto payload = source.copyTo(directory->get(), place.name(), cancel);
+    const auto payload = source.copyTo(directory->get(), place.name(), m_store->placePath(place), cancel);
     if (payload.hasError())
         return payload.error();
     ORX_RETURN_ON_ERROR(CacheStore::compare(*payload, expected.sha256, place.text()));

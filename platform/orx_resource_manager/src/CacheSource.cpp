@@ -136,13 +136,19 @@ Error CacheSource::checkFits(std::optional<qint64> maxBytes) const {
 
 namespace {
 
-Error writeAll(int file, const char* data, qint64 size, const QString& shown) {
+//! What messages call a file and its copy.
+struct Names {
+    QString source;
+    QString target;
+};
+
+Error writeAll(int file, const char* data, qint64 size, const QString& target) {
     while (size > 0) {
         const ssize_t written = ::write(file, data, size_t(size));
         if (written < 0 && errno == EINTR)
             continue;
         if (written < 0)
-            return systemError("Could not copy \"%1\" into the cache", shown);
+            return systemError("Could not write \"%1\"", target);
         data += written;
         size -= written;
     }
@@ -150,7 +156,7 @@ Error writeAll(int file, const char* data, qint64 size, const QString& shown) {
 }
 
 //! Reads \a from once: hashes it and, unless \a to shares its blocks already, writes it there.
-Result<QByteArray> copyAndHash(int from, int to, bool isShared, const QString& shown,
+Result<QByteArray> copyAndHash(int from, int to, bool isShared, const Names& names,
                                const CancelFlag& cancel) {
     ContentHash hash;
     QByteArray block(kBlockBytes, Qt::Uninitialized);
@@ -162,12 +168,12 @@ Result<QByteArray> copyAndHash(int from, int to, bool isShared, const QString& s
         if (got < 0 && errno == EINTR)
             continue;
         if (got < 0)
-            return systemError("Could not read \"%1\"", shown);
+            return systemError("Could not read \"%1\"", names.source);
         if (got == 0)
             return hash.hexDigest();
         hash.add(block.constData(), got);
         if (!isShared) {
-            ORX_RETURN_ON_ERROR(writeAll(to, block.constData(), got, shown));
+            ORX_RETURN_ON_ERROR(writeAll(to, block.constData(), got, names.target));
             // Spreads the writing out, so that the flush at the end is short and memory stays free.
             ::sync_file_range(to, at, got, SYNC_FILE_RANGE_WRITE);
         }
@@ -177,30 +183,30 @@ Result<QByteArray> copyAndHash(int from, int to, bool isShared, const QString& s
 
 //! Makes \a name in \a parent a copy of \a from, which is to be what \a item tells. That tells of the copy
 //! afterwards.
-Error copyContent(int from, int parent, const QByteArray& name, CachePayload::Item& item,
-                  const QString& shown, const CancelFlag& cancel) {
+Error copyContent(int from, int parent, const QByteArray& name, CachePayload::Item& item, const Names& names,
+                  const CancelFlag& cancel) {
     const auto isUnchanged = [&] {
         struct stat status {};
         return ::fstat(from, &status) == 0 && status.st_size == item.bytes &&
                modifiedNs(status) == item.modifiedNs;
     };
     if (!isUnchanged())
-        return changedSource(shown);
+        return changedSource(names.source);
     const CacheDescriptor to(
         ::openat(parent, name.constData(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
     if (!to.isOpen())
-        return systemError("Could not copy \"%1\" into the cache", shown);
+        return systemError("Could not write \"%1\"", names.target);
     const bool isShared = ::ioctl(to.get(), FICLONE, from) == 0;
-    auto digest = copyAndHash(isShared ? to.get() : from, to.get(), isShared, shown, cancel);
+    auto digest = copyAndHash(isShared ? to.get() : from, to.get(), isShared, names, cancel);
     if (digest.hasError())
         return std::move(digest).error();
     struct stat written {};
     if (!isUnchanged() || ::fstat(to.get(), &written) != 0 || written.st_size != item.bytes)
-        return changedSource(shown);
-    ORX_RETURN_ON_ERROR(setModified(to.get(), item.modifiedNs, shown));
+        return changedSource(names.source);
+    ORX_RETURN_ON_ERROR(setModified(to.get(), item.modifiedNs, names.target));
     // As the file system keeps it.
     if (::fstat(to.get(), &written) != 0)
-        return systemError("Could not look at the copy of \"%1\"", shown);
+        return systemError("Could not look at \"%1\"", names.target);
     item.modifiedNs = modifiedNs(written);
     item.sha256 = *digest;
     return Error();
@@ -208,12 +214,13 @@ Error copyContent(int from, int parent, const QByteArray& name, CachePayload::It
 
 } // namespace
 
-Result<CachePayload> CacheSource::copyFile(int parent, const QByteArray& name, const CancelFlag& cancel) {
+Result<CachePayload> CacheSource::copyFile(int parent, const QByteArray& name, const QString& shown,
+                                           const CancelFlag& cancel) {
     const auto from = openAgain();
     if (from.hasError())
         return from.error();
     CachePayload::Item item = m_top;
-    ORX_RETURN_ON_ERROR(copyContent(from->get(), parent, name, item, m_shown, cancel));
+    ORX_RETURN_ON_ERROR(copyContent(from->get(), parent, name, item, {m_shown, shown}, cancel));
     CachePayload payload;
     payload.type = PathType::File;
     payload.bytes = item.bytes;
@@ -223,31 +230,33 @@ Result<CachePayload> CacheSource::copyFile(int parent, const QByteArray& name, c
     return payload;
 }
 
-Error CacheSource::copyItem(int top, int target, CachePayload::Item& item, const CancelFlag& cancel) {
-    const QString shown = m_shown + u'/' + QFile::decodeName(item.path);
+Error CacheSource::copyItem(int top, int target, const QString& shown, CachePayload::Item& item,
+                            const CancelFlag& cancel) {
+    const QString below = u'/' + QFile::decodeName(item.path);
+    const Names names{m_shown + below, shown + below};
     QByteArrayList components = item.path.split('/');
     const QByteArray name = components.takeLast();
-    const auto parent = openDirectories(target, components, shown);
+    const auto parent = openDirectories(target, components, names.target);
     if (parent.hasError())
         return parent.error();
     if (item.type == PathType::Dir)
         return ::mkdirat(parent->get(), name.constData(), 0777) == 0
                    ? Error()
-                   : systemError("Could not copy \"%1\" into the cache", shown);
-    const auto directory = openDirectories(top, components, shown);
-    const auto from = directory ? openFile(directory->get(), name, shown) : directory.error();
+                   : systemError("Could not create the directory \"%1\"", names.target);
+    const auto directory = openDirectories(top, components, names.source);
+    const auto from = directory ? openFile(directory->get(), name, names.source) : directory.error();
     if (from.hasError())
-        return changedSource(shown);
-    return copyContent(from->get(), parent->get(), name, item, shown, cancel);
+        return changedSource(names.source);
+    return copyContent(from->get(), parent->get(), name, item, names, cancel);
 }
 
-Result<CachePayload> CacheSource::copyTree(int target, const CancelFlag& cancel) {
+Result<CachePayload> CacheSource::copyTree(int target, const QString& shown, const CancelFlag& cancel) {
     const auto top = openAgain();
     if (top.hasError())
         return top.error();
     CachePayload copied = m_content;
     for (CachePayload::Item& item : copied.items)
-        ORX_RETURN_ON_ERROR(copyItem(top->get(), target, item, cancel));
+        ORX_RETURN_ON_ERROR(copyItem(top->get(), target, shown, item, cancel));
     // What was added meanwhile or went after it was copied.
     const auto now = CachePayload::lookInto(top->get(), m_shown, &cancel);
     if (now.hasError())
@@ -256,12 +265,13 @@ Result<CachePayload> CacheSource::copyTree(int target, const CancelFlag& cancel)
                                                     : changedSource(m_shown);
 }
 
-Result<CachePayload> CacheSource::copyTo(int parent, const QByteArray& name, const CancelFlag& cancel) {
+Result<CachePayload> CacheSource::copyTo(int parent, const QByteArray& name, const QString& shown,
+                                         const CancelFlag& cancel) {
     if (!isDirectory())
-        return copyFile(parent, name, cancel);
+        return copyFile(parent, name, shown, cancel);
     ORX_RETURN_ON_ERROR(list(cancel));
-    const auto target = ensureDirectory(parent, name, m_shown);
-    return target ? copyTree(target->get(), cancel) : target.error();
+    const auto target = ensureDirectory(parent, name, shown);
+    return target ? copyTree(target->get(), shown, cancel) : target.error();
 }
 
 } // namespace orx

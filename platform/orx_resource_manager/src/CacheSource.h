@@ -33,9 +33,10 @@ public:
     //! listed.
     Error checkFits(std::optional<qint64> maxBytes) const;
     //! Makes \a name in \a parent a copy, shared with the source where the file system can, and hashes what
-    //! it wrote. ErrorCode::FileChanged when the source changed since open() or, in a directory, since
-    //! list(); ErrorCode::Canceled.
-    Result<CachePayload> copyTo(int parent, const QByteArray& name, const CacheFiles::CancelFlag& cancel);
+    //! it wrote; \a shown names the copy in messages. ErrorCode::FileChanged when the source changed since
+    //! open() or, in a directory, since list(); ErrorCode::Canceled.
+    Result<CachePayload> copyTo(int parent, const QByteArray& name, const QString& shown,
+                                const CacheFiles::CancelFlag& cancel);
 
 private:
     class KeptDescriptor;
@@ -44,9 +45,11 @@ private:
     bool isSame(const struct stat& status) const;
     Result<CacheDescriptor> openAgain() const;
     Error listNow(const CacheFiles::CancelFlag& cancel);
-    Result<CachePayload> copyFile(int parent, const QByteArray& name, const CacheFiles::CancelFlag& cancel);
-    Error copyItem(int top, int target, CachePayload::Item& item, const CacheFiles::CancelFlag& cancel);
-    Result<CachePayload> copyTree(int target, const CacheFiles::CancelFlag& cancel);
+    Result<CachePayload> copyFile(int parent, const QByteArray& name, const QString& shown,
+                                  const CacheFiles::CancelFlag& cancel);
+    Error copyItem(int top, int target, const QString& shown, CachePayload::Item& item,
+                   const CacheFiles::CancelFlag& cancel);
+    Result<CachePayload> copyTree(int target, const QString& shown, const CacheFiles::CancelFlag& cancel);
 
     const QString m_shown;
     QByteArray m_path;

@@ -1,7 +1,11 @@
 // A process beside a test that uses the same cache. The arguments are the cache, a sub-path and one of:
 // - fill CONTENT: fills the entry; prints "fetching" when it fetches, and the fetch goes on when a line comes
 // - half CONTENT: writes a part of the content, prints "half" and never ends
+// - replace COUNT: fills COUNT entries below the sub-path, and then anew, in order; prints "old N" and "new
+// N" when
+//   one is there; CacheEntries.h tells their content
 // - lease: leases the entry, prints "leased" or "absent" and keeps it until its input ends
+#include "CacheEntries.h"
 #include "CacheFixture.h"
 
 #include <cstdio>
@@ -41,6 +45,26 @@ Error fill(ResourceCache& cache, const QString& subPath, const QByteArray& conte
     return task->waitForFinished();
 }
 
+Error replaceEach(ResourceCache& cache, const QString& top, int count) {
+    for (const char* const round : {"old", "new"})
+        for (int i = 0; i < count; ++i) {
+            const auto task = cache.fillTask(
+                nullptr, orx::testing::numberedEntry(top, i),
+                [=](const DirPath& directory) -> std::unique_ptr<Task> {
+                    return std::make_unique<probes::BodyTask>([=](probes::BodyTask*) {
+                        return orx::testing::writeNumberedEntry(directory.child(QString::number(i)), i, round)
+                                   ? Error()
+                                   : Error(ErrorCode::FileNotWritable, directory.toString());
+                    });
+                },
+                ResourceCache::FillMode::Anew);
+            task->exec();
+            ORX_RETURN_ON_ERROR(task->waitForFinished());
+            say(qPrintable(QStringLiteral("%1 %2").arg(QLatin1String(round)).arg(i)));
+        }
+    return Error();
+}
+
 void keepLease(ResourceCache& cache, const QString& subPath) {
     const auto lease = cache.lease(subPath);
     say(lease ? "leased" : "absent");
@@ -61,7 +85,9 @@ int main(int argc, char** argv) {
         keepLease(cache, arguments.at(2));
         return 0;
     }
-    const Error error = fill(cache, arguments.at(2), arguments.value(4).toUtf8(), command == u"half");
+    const Error error = command == u"replace"
+                            ? replaceEach(cache, arguments.at(2), arguments.value(4).toInt())
+                            : fill(cache, arguments.at(2), arguments.value(4).toUtf8(), command == u"half");
     if (error.hasError())
         std::fprintf(stderr, "%s\n", qPrintable(error.traceText()));
     else
