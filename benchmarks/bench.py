@@ -231,7 +231,7 @@ class Table:
         verdict = "FAIL" if low > budget else "ok"
         self.failed |= verdict == "FAIL"
         self.rows.append((name, f"{statistics.median(ours):.2f} s{scale}", f"{statistics.median(peer):.2f} s",
-                          f"{statistics.median(ratios):.2f} [{low:.2f}, {high:.2f}]", f"<= {budget:.1f} x", verdict, note))
+                          f"{statistics.median(ratios):.2f} [{low:.2f}, {high:.2f}]", f"<= {budget:.2g} x", verdict, note))
 
     def limit(self, name, value, unit, budget, note):
         verdict = "FAIL" if value > budget else "ok"
@@ -415,12 +415,80 @@ def bench_tree(table, ours, nginx, build, work, files, few, count):
                 "ours verifies each file, lists 121 folders and keeps records; the peer fetches one flat list into two directories")
 
 
+def bench_pack(table, root, build, work, mib, count):
+    """Packed acquisitions: packing, checking, and what knowing one costs."""
+    program = build / "bin" / "bench_pack"
+    spectra = root / "tests" / "data" / "small.mgf"
+    packed, peer, streamed, digest = work / "ours.vonk", work / "peer.tar.zst", work / "streamed", work / "digest"
+
+    def milliseconds(output):
+        return json.loads(output.decode().strip().splitlines()[-1])["ms"]
+
+    def shell(command):
+        before = resource.getrusage(resource.RUSAGE_CHILDREN)
+        start = time.monotonic()
+        subprocess.run(["bash", "-o", "pipefail", "-c", command], check=True, stdout=subprocess.DEVNULL)
+        seconds = time.monotonic() - start
+        after = resource.getrusage(resource.RUSAGE_CHILDREN)
+        return seconds, after.ru_utime + after.ru_stime - before.ru_utime - before.ru_stime
+
+    for kind, label in (("plain", "mzML, arrays as they are"), ("zlib", "mzML, zlib arrays"), ("mixed", "250 mixed files")):
+        source = work / f"acquisition-{kind}"
+        timed([program, "make", kind, spectra, str(mib), source])
+        memory = []
+
+        def pack_ours():
+            packed.unlink(missing_ok=True)
+            processor = Processor([])
+            seconds, peak, _ = timed([program, "pack", source, packed])
+            memory.append(peak)
+            return seconds, processor.seconds()
+
+        def pack_peer(hashed=True):
+            for path in (peer, streamed):
+                path.unlink(missing_ok=True)
+            tee = f"tee >(openssl dgst -sha256 >{digest}) |" if hashed else ""
+            return shell(f"tar -C {work} -cf - {source.name} | {tee} zstd -q -T0 -1 -o {peer} && sync {peer} {work}")
+
+        table.ratio(f"packing {mib} MiB ({label}), durable", pairs_of(count, pack_ours, pack_peer), 1 / 1.2,
+                    "the peer: tar | tee >(openssl dgst -sha256) | zstd -T0 -1, then sync; both sources are in the page cache; "
+                    "ours writes a digest of each file and frame, and a list of what is in it")
+        without = statistics.median(pack_peer(hashed=False)[0] for _ in range(3))
+        ours = statistics.median(pack_ours()[0] for _ in range(3))
+        table.figure(f"the same without the peer's hash ({label})", f"{ours:.2f} s against {without:.2f} s",
+                     f"sizes: ours {packed.stat().st_size / MIB:.0f} MiB, peer {peer.stat().st_size / MIB:.0f} MiB")
+        table.limit(f"memory of packing {mib} MiB ({label})", max(memory), "MiB", 64, "high-water mark")
+
+        def check_ours():
+            processor = Processor([])
+            seconds, peak, _ = timed([program, "check", packed])
+            memory.append(peak)
+            return seconds, processor.seconds()
+
+        memory.clear()
+        table.ratio(f"full check of {mib} MiB ({label})", pairs_of(count, check_ours, lambda: shell(f"zstd -tq {packed}")), 1.0,
+                    "the peer: zstd -t of the same file, which takes no digest of the content")
+        table.limit(f"memory of the full check of {mib} MiB ({label})", max(memory), "MiB", 64, "high-water mark")
+        shutil.rmtree(source) if source.is_dir() else source.unlink()
+    source = work / "acquisition-large"
+    timed([program, "make", "mixed", spectra, str(4 * mib), source])
+    packed.unlink()
+    timed([program, "pack", source, packed])
+    quick = [milliseconds(timed([program, "quick", packed])[2]) for _ in range(11)]
+    table.limit(f"opening and quick check of a packed file of {packed.stat().st_size / MIB:.0f} MiB", statistics.median(quick), "ms", 20,
+                "median of 11, in the process")
+    shutil.rmtree(source)
+    for path in (packed, peer, digest):
+        path.unlink(missing_ok=True)
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("root", type=Path)
     parser.add_argument("--quick", action="store_true", help="small sizes and few pairs: shows that it works, proves nothing")
     parser.add_argument("--only-transfers", action="store_true", help="only the rows of one file up and down")
     parser.add_argument("--only-tree", action="store_true", help="only the rows of trees of small files")
+    parser.add_argument("--only-pack", action="store_true", help="only the rows of packed acquisitions")
     options = parser.parse_args()
     root = options.root
     build = root / "build" / "bench"
@@ -430,15 +498,18 @@ def main():
     table = Table()
     servers = []
     try:
-        servers.append(ours := Ours(build, work))
-        servers.append(nginx := Nginx(peer_program(root, "nginx", "/usr/sbin/nginx"), work))
-        if not options.only_tree:
-            bench_large_file(table, ours, nginx, work, size, count)
         if not options.only_transfers and not options.only_tree:
+            bench_pack(table, root, build, work, 64 if options.quick else 500, count)
+        if not options.only_pack:
+            servers.append(ours := Ours(build, work))
+            servers.append(nginx := Nginx(peer_program(root, "nginx", "/usr/sbin/nginx"), work))
+        if not options.only_tree and not options.only_pack:
+            bench_large_file(table, ours, nginx, work, size, count)
+        if not options.only_transfers and not options.only_tree and not options.only_pack:
             bench_memory(table, ours, work, 4 * size)
             bench_growth(table, ours, work, size)
             bench_stall(table, ours, build, work, 2 * size)
-        if not options.only_transfers:
+        if not options.only_transfers and not options.only_pack:
             bench_tree(table, ours, nginx, build, work, 2_000 if options.quick else 20_000, 500 if options.quick else 2_000, count)
     finally:
         for server in servers:

@@ -13,7 +13,9 @@
 #include <QDir>
 #include <QFileInfo>
 
-#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
 #include <thread>
 
 namespace orx::vonk {
@@ -30,34 +32,36 @@ qint64 largestPacked(const QList<VonkEntry>& entries) {
     return bytes;
 }
 
-//! Makes the summary while the data is packed. Waits for it when it goes.
+//! Makes the summary while the data is packed. Gone before it was taken, it stops that and waits.
 class SummaryThread {
 public:
-    SummaryThread(const PackInput::Summarise& summarise, const WorkWatch& watch) {
+    explicit SummaryThread(const PackInput::Summarise& summarise) {
         if (!summarise)
             return;
-        m_thread = std::thread([this, summarise, isCanceled = watch.isCanceled] {
-            m_summary = summarise([&] { return m_isStopped || (isCanceled && isCanceled()); });
+        m_isRunning = true;
+        m_thread = std::jthread([this, summarise](std::stop_token stop) {
+            PackInput::Summary summary = summarise(std::move(stop));
+            const std::lock_guard lock(m_mutex);
+            m_summary = std::move(summary);
+            m_isRunning = false;
+            m_ended.notify_all();
         });
     }
-    ~SummaryThread() {
-        m_isStopped = true;
-        join();
-    }
-    PackInput::Summary take() {
-        join();
+
+    //! Waits for it, and stops it when the work is cancelled meanwhile.
+    Result<PackInput::Summary> take(const WorkWatch& watch) {
+        std::unique_lock lock(m_mutex);
+        while (!m_ended.wait_for(lock, std::chrono::milliseconds(20), [this] { return !m_isRunning; }))
+            ORX_RETURN_ON_ERROR(watch.check());
         return std::move(m_summary);
     }
 
 private:
-    void join() {
-        if (m_thread.joinable())
-            m_thread.join();
-    }
-
-    std::atomic<bool> m_isStopped = false;
+    std::mutex m_mutex;
+    std::condition_variable m_ended;
     PackInput::Summary m_summary;
-    std::thread m_thread;
+    bool m_isRunning = false;
+    std::jthread m_thread;
 };
 
 class Packing {
@@ -202,16 +206,21 @@ Error checkChunkCount(const QList<VonkEntry>& entries, const QString& path) {
 } // namespace
 
 Result<VonkMetadata> VonkPacker::pack(const PackInput& input, const QString& target, const WorkWatch& watch) {
+    if (!input.refusal.isEmpty())
+        return Error(ErrorCode::InvalidArgument,
+                     translated("\"%1\" cannot be packed: %2").arg(input.path, input.refusal));
     ORX_RETURN_ON_ERROR(checkTargetOutside(input, target));
     auto source = PackSource::list(input);
     ORX_RETURN_ON_ERROR(source.error());
     ORX_RETURN_ON_ERROR(checkChunkCount(source->entries(), input.path));
     auto staged = StagedFile::create(target, largestPacked(source->entries()));
     ORX_RETURN_ON_ERROR(staged.error());
-    SummaryThread summary(input.summarise, watch);
+    SummaryThread summary(input.summarise);
     Packing packing(input, std::move(*source), *staged, watch);
     ORX_RETURN_ON_ERROR(packing.writePayload());
-    auto metadata = packing.writeTail(summary.take());
+    auto summed = summary.take(watch);
+    ORX_RETURN_ON_ERROR(summed.error());
+    auto metadata = packing.writeTail(std::move(*summed));
     ORX_RETURN_ON_ERROR(metadata.error());
     ORX_RETURN_ON_ERROR(watch.check());
     ORX_RETURN_ON_ERROR(staged->commit());

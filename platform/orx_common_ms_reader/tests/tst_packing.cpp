@@ -163,11 +163,11 @@ TEST_F(Packing, PacksCompanionsBesideTheMainFile) {
 TEST_F(Packing, PutsTheSummaryOrTheReasonIntoTheManifest) {
     write(in(QStringLiteral("a")), "x");
     PackInput input = inputOf(in(QStringLiteral("a")));
-    input.summarise = [](const PackInput::IsCanceled&) {
+    input.summarise = [](std::stop_token) {
         return PackInput::Summary{QJsonObject{{QStringLiteral("spectra"), 3}}, {}};
     };
     EXPECT_EQ(VonkPacker::pack(input, packed())->runSummary->value(QStringLiteral("spectra")).toInt(), 3);
-    input.summarise = [](const PackInput::IsCanceled&) {
+    input.summarise = [](std::stop_token) {
         return PackInput::Summary{std::nullopt, QStringLiteral("no spectra in it")};
     };
     const auto metadata = VonkPacker::pack(input, out(QStringLiteral("b.vonk")));
@@ -254,22 +254,49 @@ TEST_F(Packing, CancelledAnywhereItLeavesNothing) {
     }
 }
 
-TEST_F(Packing, TellsASummaryThatItIsCancelled) {
+TEST_F(Packing, StopsASummaryWhenItIsCancelled) {
     write(in(QStringLiteral("a")), "x");
     PackInput input = inputOf(in(QStringLiteral("a")));
     std::atomic<bool> isCanceled = false;
-    std::atomic<bool> wasTold = false;
-    input.summarise = [&](const PackInput::IsCanceled& asked) {
+    std::atomic<bool> wasStopped = false;
+    input.summarise = [&](std::stop_token stop) {
         isCanceled = true;
-        while (!asked())
+        while (!stop.stop_requested())
             std::this_thread::yield();
-        wasTold = true;
+        wasStopped = true;
         return PackInput::Summary();
     };
     WorkWatch watch;
     watch.isCanceled = [&] { return isCanceled.load(); };
     EXPECT_TRUE(VonkPacker::pack(input, packed(), watch).error().is(ErrorCode::Canceled));
-    EXPECT_TRUE(wasTold);
+    EXPECT_TRUE(wasStopped);
+    EXPECT_EQ(names(out()), QStringList());
+}
+
+TEST_F(Packing, StopsASummaryWhenTheDataCannotBePacked) {
+    write(in(QStringLiteral("run/a")), text(20 << 20));
+    PackInput input = inputOf(in(QStringLiteral("run")));
+    std::atomic<bool> wasStopped = false;
+    input.summarise = [&](std::stop_token stop) {
+        while (!stop.stop_requested())
+            std::this_thread::yield();
+        wasStopped = true;
+        return PackInput::Summary();
+    };
+    WorkWatch watch;
+    watch.progress = [this](qint64, qint64) { write(in(QStringLiteral("run/new")), "x"); };
+    EXPECT_TRUE(VonkPacker::pack(input, packed(), watch).error().is(ErrorCode::FileChanged));
+    EXPECT_TRUE(wasStopped);
+}
+
+TEST_F(Packing, RefusesWhatTheInputSaysIsNotToBePacked) {
+    write(in(QStringLiteral("a")), "x");
+    PackInput input = inputOf(in(QStringLiteral("a")));
+    input.refusal = QStringLiteral("Its companion is missing.");
+    const Error error = VonkPacker::pack(input, packed()).error();
+    EXPECT_TRUE(error.is(ErrorCode::InvalidArgument));
+    EXPECT_EQ(error.errorMessage(),
+              QStringLiteral("\"%1\" cannot be packed: Its companion is missing.").arg(input.path));
     EXPECT_EQ(names(out()), QStringList());
 }
 

@@ -187,6 +187,10 @@ void CacheAdditions::endPart(const std::shared_ptr<Writing>& writing, const Erro
              writing->cancel});
 }
 
+bool CacheAdditions::isDropped(const Writing& writing) {
+    return *writing.cancel;
+}
+
 Error CacheAdditions::sealWritten(Writing& writing, const CancelFlag& cancel) {
     const QString shown = m_store->placePath(writing.place);
     const auto attempt = [&]() -> Error {

@@ -92,6 +92,11 @@ void ResourceCacheWork::finished(const Error& error) {
         d->additions->endPart(writing, error);
 }
 
+bool ResourceCacheWork::isCanceled() const {
+    const QMutexLocker lock(&d->mutex);
+    return !d->writing || CacheAdditions::isDropped(*d->writing);
+}
+
 // ---- the cache
 
 struct ResourceCache::Private {
@@ -245,6 +250,7 @@ Error ResourceCache::add(const ResourceReferenceSPtr& reference, const QString& 
     const auto place = d->store->parse(subPath);
     if (place.hasError())
         return place.error();
+    const BackgroundWork::Scope scope([this, subPath = place->text()] { return deferSeal(subPath); });
     return d->additions->addWritten(*place, writer, d->expected(reference));
 }
 

@@ -2,6 +2,7 @@
 
 #include "ResourceHandlerTypes.h"
 
+#include <BackgroundWork.h>
 #include <FileCopy.h>
 #include <PathImpl.h>
 #include <ResourceReference.h>
@@ -58,11 +59,13 @@ struct ORX_RESOURCE_MANAGER_EXPORT ResourceCacheDigest {
 
 //! The part of a writer's work that goes on after the writer returned; see ResourceCache::deferSeal(). Gone
 //! without finished() it has failed. Thread: any.
-class ORX_RESOURCE_MANAGER_EXPORT ResourceCacheWork {
+class ORX_RESOURCE_MANAGER_EXPORT ResourceCacheWork final : public BackgroundWork {
 public:
-    ~ResourceCacheWork();
+    ~ResourceCacheWork() override;
     //! The content is complete at the expected path, or never will be. Later calls change nothing.
-    void finished(const Error& error);
+    void finished(const Error& error) override;
+    //! See ResourceCache::dropPending().
+    bool isCanceled() const override;
 
 private:
     friend class ResourceCache;
@@ -158,7 +161,8 @@ public:
     Error add(const ResourceReferenceSPtr& reference, const QString& subPath,
               const std::function<Error()>& writer);
     //! For a writer of add() whose work goes on after it returned: the entry is sealed when finished() was
-    //! called on all works that the writer asked for. Null unless a writer of \a subPath is running.
+    //! called on all works that the writer asked for. Null unless a writer of \a subPath is running. What the
+    //! writer calls gets the same from BackgroundWork::begin().
     std::shared_ptr<ResourceCacheWork> deferSeal(const QString& subPath);
     //! Processes this thread's events until what add() began is in the cache or has failed; the failures, for
     //! people.

@@ -320,6 +320,44 @@ TEST_F(CacheAddTest, AWriterMayFinishLater) {
     EXPECT_FALSE(waiting->waitForFinished().hasError());
 }
 
+TEST_F(CacheAddTest, WhatAWriterCallsMayGoOnWithoutKnowingTheCache) {
+    std::shared_ptr<BackgroundWork> work;
+    ASSERT_FALSE(cache
+                     .add(nullptr, kEntry,
+                          [&] {
+                              work = BackgroundWork::begin();
+                              return Error();
+                          })
+                     .hasError());
+    ASSERT_TRUE(work);
+    EXPECT_FALSE(BackgroundWork::begin());
+    EXPECT_FALSE(work->isCanceled());
+    ASSERT_TRUE(orx::testing::writeFile(placeOf(kEntry), "unpacked"));
+    const auto elsewhere = std::async(std::launch::async, [&work] { work->finished(Error()); });
+    EXPECT_TRUE(cache.waitForPending().isEmpty());
+    EXPECT_TRUE(cache.contains(kEntry));
+}
+
+TEST_F(CacheAddTest, WorkInTheBackgroundIsToldWhenItIsDropped) {
+    std::shared_ptr<BackgroundWork> work;
+    ASSERT_FALSE(cache
+                     .add(nullptr, kEntry,
+                          [&] {
+                              work = BackgroundWork::begin();
+                              return Error();
+                          })
+                     .hasError());
+    const auto elsewhere = std::async(std::launch::async, [&work] {
+        while (!work->isCanceled())
+            std::this_thread::yield();
+        work->finished(Error(ErrorCode::Canceled, QString()));
+    });
+    cache.dropPending();
+    (void)cache.waitForPending();
+    EXPECT_FALSE(cache.contains(kEntry));
+    EXPECT_FALSE(QFileInfo::exists(placeOf(kEntry)));
+}
+
 TEST_F(CacheAddTest, WorkThatIsGivenUpLeavesNothing) {
     std::shared_ptr<ResourceCacheWork> work;
     ASSERT_FALSE(cache

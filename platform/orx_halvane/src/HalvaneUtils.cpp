@@ -1,0 +1,38 @@
+#include "HalvaneUtils.h"
+
+#include <BackgroundWork.h>
+#include <Vonk.h>
+#include <WorkerPool.h>
+
+#include <QLoggingCategory>
+
+namespace orx {
+
+namespace {
+
+Q_LOGGING_CATEGORY(unpackLog, "orx.halvane.unpack", QtInfoMsg)
+
+void unpack(const vonk::Vonk& source, const QString& target, const std::shared_ptr<BackgroundWork>& work) {
+    vonk::WorkWatch watch;
+    if (work)
+        watch.isCanceled = [work] { return work->isCanceled(); };
+    const Error error = source.unpack(target, watch);
+    if (error.hasError() && !error.isCanceled())
+        qCWarning(unpackLog).noquote() << "unpacking into" << target << "failed:" << error.errorMessage();
+    if (work)
+        work->finished(error);
+}
+
+} // namespace
+
+Error HalvaneUtils::unpackAsync(const QString& sourcePath, const PathImpl<PathType::Unknown>& targetPath) {
+    const auto source = std::make_shared<vonk::Vonk>(sourcePath);
+    ORX_RETURN_ON_ERROR(source->open());
+    ORX_RETURN_ON_ERROR(source->validate());
+    WorkerPool::instance().submit([source, target = targetPath.toString(),
+                                   work = BackgroundWork::begin()] { unpack(*source, target, work); },
+                                  nullptr, {});
+    return {};
+}
+
+} // namespace orx
