@@ -108,8 +108,9 @@ Error Vonk::unpack(const QString& target, const WorkWatch& watch) const {
 Error Vonk::upgrade(const QString& target, const WorkWatch& watch) const {
     ORX_RETURN_ON_ERROR(validate());
     const PackedIndex& index = d->opened->index;
-    auto staged = StagedFile::create(target, index.payloadEnd + 2 * d->opened->file.size() / 64 +
-                                                 qint64(index.chunks.size()) * 16 + 1024 * 1024);
+    // Manifest and table may take more room than they did; the payload takes the same.
+    const qint64 rest = 2 * (d->opened->file.size() - index.payloadEnd) + 16 * qint64(index.chunks.size());
+    auto staged = StagedFile::create(target, index.payloadEnd + rest + 1024 * 1024);
     ORX_RETURN_ON_ERROR(staged.error());
     return ORX_ECATCH(withPath(upgradeInto(*staged, *d->opened, watch)));
 }
