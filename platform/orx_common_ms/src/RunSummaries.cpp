@@ -41,7 +41,8 @@ Result<RunSummary> summariseCatalogue(const QString& path, const std::stop_token
 } // namespace
 
 Result<RunSummary> summarise(const QString& path, std::stop_token stop) {
-    if (stop.stop_requested())
+    const std::stop_token token = std::move(stop);
+    if (token.stop_requested())
         return Error(ErrorCode::Canceled, msText("Canceled."));
     const MsDataCheck check = MsDataFileUtils::checkMsData(path);
     if (!check.isValid())
@@ -51,9 +52,9 @@ Result<RunSummary> summarise(const QString& path, std::stop_token stop) {
     case MsDataKind::ImzMl:
     case MsDataKind::MzXml:
     case MsDataKind::Mgf:
-        return summariseDocument(path, check, stop);
+        return summariseDocument(path, check, token);
     case MsDataKind::FrameCatalogue:
-        return summariseCatalogue(path, stop);
+        return summariseCatalogue(path, token);
     default:
         return Error(ErrorCode::InvalidArgument, msText("Raw data of this kind cannot be summed up."));
     }
