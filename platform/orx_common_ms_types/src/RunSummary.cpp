@@ -168,7 +168,7 @@ Result<RunSummary> RunSummary::fromJson(const QJsonObject& json) {
     summary.trace = *std::move(trace);
     summary.instrument = json.value(kInstrument).toString();
     summary.startTime = json.value(kStartTime).toString();
-    for (const QJsonValue& note : json.value(kNotes).toArray())
+    for (const auto note : json.value(kNotes).toArray())
         summary.notes.append(note.toString());
     return summary;
 }
