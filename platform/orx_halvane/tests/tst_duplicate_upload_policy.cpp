@@ -27,7 +27,9 @@ class DuplicateUpload : public HalvaneTaskFixture {
 protected:
     void SetUp() override {
         HalvaneTaskFixture::SetUp();
-        m_folder = m_server.service().addFolder(QStringLiteral("measurements"));
+        static int nextFolder = 1'000; // names stay given for the life of the process
+        m_folder = m_server.service().addFolder(QStringLiteral("measurements"),
+                                                ScriptedHalvaneService::RootFolder, nextFolder++);
         m_file = m_server.service().addFile(QStringLiteral("run.mzML"), "old", m_folder);
     }
     QString makeFile(const QString& name) const {
