@@ -364,6 +364,18 @@ def bench_stall(table, ours, build, work, size):
     shutil.rmtree(work / "stall-cache")
 
 
+def bench_tasks(table, build, counts, pairs):
+    """Subtasks that do nothing, in one group, against bare objects; the time for each must not grow with their number."""
+    each = []
+    for count in counts:
+        _, _, output = timed([build / "bin" / "bench_tasks", str(count), str(pairs)])
+        result = json.loads(output)
+        sides = [((group, group), (bare, bare)) for group, bare in zip(result["group"], result["bare"])]
+        table.ratio(f"{count} subtasks that do nothing, one group", sides, 3.0, "against as many bare objects with two connections each")
+        each.append(f"{count}: {1e6 * statistics.median(result['group']) / count:.2f} us")
+    table.figure("growth of subtasks with their number", ", ".join(each), "each; constant is the aim")
+
+
 def bench_tree(table, ours, nginx, build, work, files, few, count):
     """A deep tree of files of 10 KB down through the cache: memory and descriptors of a large one, time of a small one."""
     program = build / "bin" / "bench_tree"
@@ -509,6 +521,7 @@ def main():
             bench_memory(table, ours, work, 4 * size)
             bench_growth(table, ours, work, size)
             bench_stall(table, ours, build, work, 2 * size)
+            bench_tasks(table, build, (25_000, 100_000) if options.quick else (25_000, 100_000, 400_000), count)
         if not options.only_transfers and not options.only_pack:
             bench_tree(table, ours, nginx, build, work, 2_000 if options.quick else 20_000, 500 if options.quick else 2_000, count)
     finally:
