@@ -1,8 +1,9 @@
 // Packed acquisitions: makes data to pack, packs, checks and unpacks. usage:
 //   bench_pack make plain|zlib|mixed SPECTRA.mgf MIB TARGET   mzML with arrays as they are or compressed; or
 //   a directory bench_pack pack SOURCE TARGET bench_pack check|quick|unpack FILE [TARGET]
-// The last ones print {"ms": milliseconds} of the call itself. "make" perturbs the peaks of real spectra, so
-// that no window, however long, finds anything twice.
+// The last ones print {"ms": milliseconds} of the call itself; of "quick" the median of eleven, since one is
+// shorter than what the machine does beside it. "make" perturbs the peaks of real spectra, so that no window,
+// however long, finds anything twice.
 #include <Vonk.h>
 #include <VonkPacker.h>
 
@@ -10,11 +11,11 @@
 #include <QDir>
 #include <QFile>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <cstring>
-#include <functional>
 #include <random>
+#include <span>
 #include <vector>
 #include <zlib.h>
 
@@ -24,6 +25,8 @@ using namespace orx::vonk;
 namespace {
 
 using Peak = std::pair<double, double>;
+
+constexpr size_t peaksOfSpectrum = 400;
 
 std::vector<Peak> peaksOf(const QString& path) {
     QFile file(path);
@@ -104,13 +107,14 @@ private:
         std::normal_distribution<double> factor(1, 0.2);
         std::vector<double> mz;
         std::vector<double> intensity;
-        for (const Peak& peak : m_peaks) {
+        const size_t first = m_random() % (m_peaks.size() - peaksOfSpectrum);
+        for (const Peak& peak : std::span(m_peaks).subspan(first, peaksOfSpectrum)) {
             mz.push_back(peak.first * (1 + shift(m_random)));
             intensity.push_back(double(float(peak.second * std::abs(factor(m_random)))));
         }
         return "<spectrum index=\"" + QByteArray::number(scan - 1) +
                "\" id=\"scan=" + QByteArray::number(scan) + "\" defaultArrayLength=\"" +
-               QByteArray::number(m_peaks.size()) + "\">\n" + array(mz, "MS:1000514") +
+               QByteArray::number(qint64(peaksOfSpectrum)) + "\">\n" + array(mz, "MS:1000514") +
                array(intensity, "MS:1000515") + "</spectrum>\n";
     }
 
@@ -121,8 +125,9 @@ private:
 
 Error make(const QStringList& arguments) {
     std::vector<Peak> peaks = peaksOf(arguments[3]);
-    if (peaks.empty())
-        return Error(ErrorCode::FileNotReadable, QStringLiteral("No peaks in %1.").arg(arguments[3]));
+    if (peaks.size() <= peaksOfSpectrum)
+        return Error(ErrorCode::FileNotReadable,
+                     QStringLiteral("There are too few peaks in %1.").arg(arguments[3]));
     Maker maker(std::move(peaks), arguments[2] == QLatin1String("zlib"));
     const qint64 bytes = arguments[4].toLongLong() * 1024 * 1024;
     return arguments[2] == QLatin1String("mixed") ? maker.mixed(arguments[5], bytes)
@@ -152,15 +157,20 @@ int main(int argc, char** argv) {
     const QString what = arguments.value(1);
     if (argc < 3 || (what == QLatin1String("make") && argc != 6))
         return 2;
-    const auto start = std::chrono::steady_clock::now();
-    const Error error = what == QLatin1String("make")   ? make(arguments)
-                        : what == QLatin1String("pack") ? pack(arguments[2], arguments.value(3))
-                                                        : read(what, arguments[2], arguments.value(3));
-    const std::chrono::duration<double, std::milli> taken = std::chrono::steady_clock::now() - start;
-    if (error.hasError()) {
-        std::fprintf(stderr, "%s\n", qPrintable(error.traceText()));
-        return 1;
+    std::vector<double> times;
+    for (int run = 0; run < (what == QLatin1String("quick") ? 11 : 1); ++run) {
+        const auto start = std::chrono::steady_clock::now();
+        const Error error = what == QLatin1String("make")   ? make(arguments)
+                            : what == QLatin1String("pack") ? pack(arguments[2], arguments.value(3))
+                                                            : read(what, arguments[2], arguments.value(3));
+        times.push_back(
+            std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count());
+        if (error.hasError()) {
+            std::fprintf(stderr, "%s\n", qPrintable(error.traceText()));
+            return 1;
+        }
     }
-    std::printf("{\"ms\": %.3f}\n", taken.count());
+    std::sort(times.begin(), times.end());
+    std::printf("{\"ms\": %.3f}\n", times[times.size() / 2]);
     return 0;
 }

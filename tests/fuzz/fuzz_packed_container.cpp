@@ -36,8 +36,9 @@ void changeChunks(SmallWriter& writer, const QByteArray& changes) {
             chunk.frame[qsizetype(value % quint32(chunk.frame.size()))] = char(value >> 24);
             break;
         case 3:
-            writer.chunks.append(chunk);
-            break;
+            // What is appended may move the others.
+            writer.chunks.append(SmallWriter::Chunk(chunk));
+            continue;
         case 4:
             chunk.frame.insert(qsizetype(value % quint32(chunk.frame.size())), char(value >> 24));
             break;
