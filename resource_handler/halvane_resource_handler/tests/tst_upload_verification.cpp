@@ -8,6 +8,8 @@
 
 #include <QDir>
 
+#include <algorithm>
+
 using namespace orx;
 using namespace orx::testing;
 
@@ -303,6 +305,12 @@ TEST_F(ContentVerification, ALevelCostsOneListingAndSmallConfirmations) {
     EXPECT_EQ(task->uploadedFilesData().size(), 100);
     EXPECT_EQ(server.count(listing()), int(server.requests().size()));
     EXPECT_LE(server.count(listing()), 100);
+    const auto requests = server.requests();
+    EXPECT_LE(std::count_if(requests.begin(), requests.end(),
+                            [](const ScriptedRequest& request) {
+                                return request.header("If-None-Match").isEmpty(); // none kept from before
+                            }),
+              1);
 }
 
 TEST_F(ContentVerification, MayBeDestroyedWhileItRuns) {
