@@ -97,9 +97,12 @@ void BaseTask::finish(const Error& error) {
         setError(held);
     }
     const QPointer<BaseTask> guard(this);
-    const Error result = doFinish();
+    Error result = doFinish();
     if (!guard)
         return;
+    // An end without an error that is made anew has not heard of them.
+    if (!result.hasError() && result.warnings().isEmpty())
+        result.addWarnings(this->error().warnings());
     if (result.hasError() || !isCanceled())
         setError(result);
     d->finishing = false;

@@ -251,6 +251,22 @@ TEST(ComplexWarnings, OfStepsAndChildrenThatSucceedBecomeTheTasks) {
     EXPECT_EQ(task.error().warnings(), (Warnings{u"of a step"_qs, u"of a child"_qs}));
 }
 
+TEST(ComplexWarnings, StayWhenTheEndIsAnErrorMadeAnew) {
+    class EndsAnew : public ComplexTask {
+    public:
+        EndsAnew() : ComplexTask(u"anew"_qs) {}
+        Error initialize() override {
+            execSubtask(warning(u"of a step"_qs));
+            return Error();
+        }
+        Error doFinish() override { return Error(); }
+    };
+    EndsAnew task;
+    task.exec();
+    EXPECT_FALSE(task.waitForFinished().hasError());
+    EXPECT_EQ(task.error().warnings(), Warnings{u"of a step"_qs});
+}
+
 TEST(ComplexWarnings, OfAStepThatFailsGoWithItsError) {
     Complex task;
     task.onInitialize = [](Complex* self) {
