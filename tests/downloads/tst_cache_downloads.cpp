@@ -1,6 +1,8 @@
 // Files and folders come down through the cache, from the scripted server and from the real one.
 #include "CacheDownloads.h"
 
+#include <Vonk.h>
+
 #include <QFile>
 
 namespace orx::testing {
@@ -65,6 +67,51 @@ TEST_P(Downloads, WhatIsInTheCacheIsNotFetchedAgain) {
     ASSERT_FALSE(run(*newer).hasError());
     EXPECT_EQ(tree(), (QStringList{text("a=newer"), text("b=second"), text("copy=first")}));
     EXPECT_EQ(contentCalls(), 1);
+}
+
+QByteArray packedSample(int major) {
+    QFile file(QStringLiteral(VONK_TEST_DATA "/version%1.vonk").arg(major));
+    EXPECT_TRUE(file.open(QIODevice::ReadOnly));
+    return file.readAll();
+}
+
+TEST_P(Downloads, APackedAcquisitionComesDownUnpackedAndLiesSoInTheCache) {
+    for (const int major : {1, 2}) {
+        const QString name = text("run%1.vonk").arg(major);
+        const int file = makeFile(name, packedSample(major));
+        ASSERT_FALSE(run(*downloadFile(file, 1, name)).hasError());
+        const QString entry = cachedPath(file, 1, name);
+        EXPECT_EQ(QDir(entry).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
+                  QStringList{text("content")});
+        vonk::Vonk packed(QStringLiteral(VONK_TEST_DATA "/version%1.vonk").arg(major));
+        ASSERT_FALSE(packed.open().hasError());
+        const QTemporaryDir other;
+        ASSERT_FALSE(packed.unpack(other.filePath(text("unpacked"))).hasError());
+        for (const vonk::VonkEntry& item : packed.metadata().entries) {
+            if (!item.isFile())
+                continue;
+            QFile expected(other.filePath(text("unpacked/") + item.path));
+            QFile found(at(item.path.mid(text("content/").size())));
+            ASSERT_TRUE(expected.open(QIODevice::ReadOnly));
+            ASSERT_TRUE(found.open(QIODevice::ReadOnly)) << qPrintable(found.fileName());
+            EXPECT_EQ(found.readAll(), expected.readAll());
+        }
+        forgetCalls();
+        const auto again = downloadFile(file, 1, name);
+        again->setDuplicateFilesPolicy(FileUtils::CopyFilesOptions::DuplicateFilesPolicy::Skip);
+        ASSERT_FALSE(run(*again).hasError());
+        EXPECT_EQ(contentCalls(), 0);
+        ASSERT_TRUE(QDir(at(packed.metadata().name)).removeRecursively() ||
+                    QFile::remove(at(packed.metadata().name)));
+    }
+}
+
+TEST_P(Downloads, WhatOnlyBearsTheNameOfAPackedAcquisitionComesAsTheFileThatItIs) {
+    const int file = makeFile(text("run.vonk"), "nothing packed");
+    const auto task = downloadFile(file, 1, text("run.vonk"));
+    ASSERT_FALSE(run(*task).hasError()) << qPrintable(task->error().traceText());
+    EXPECT_EQ(tree(), QStringList{text("run.vonk=nothing packed")});
+    EXPECT_FALSE(task->error().warnings().isEmpty());
 }
 
 TEST_P(Downloads, AFileOfManyChunksComesByItselfAndIsAskedForOnce) {

@@ -1,10 +1,7 @@
 // Somebody sits at a terminal and decides what becomes of files that are in the way.
 #include "Terminal.h"
 
-#include <HalvaneConnection.h>
-#include <HalvaneResourceHandler.h>
-#include <ResourceCache.h>
-#include <ResourceManager.h>
+#include <VonkPacker.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -163,41 +160,30 @@ TEST_F(GetQuestions, WithoutTheCacheTheyComeBeforeTheContentIsFetched) {
     EXPECT_EQ(local("a.mzML"), "content of a.mzML");
 }
 
-//! Packed acquisitions that lie in the client's cache unfolded: their contents are what is copied.
+//! Packed acquisitions, whose contents are what is copied.
 class GetUnfolded : public GetQuestions {
 protected:
     void SetUp() override {
         ASSERT_TRUE(server.start());
         ASSERT_TRUE(client.login(server.url()));
         client.mustRun({"mkdir", "/packed"});
-        HalvaneConnection::instance().setSettings(
-            HalvaneSettings(HalvaneMachineSettings(server.url()), HalvaneUserSettings()));
-        HalvaneResourceHandler::registerType();
-        cache = std::make_unique<ResourceCache>(client.environment().value("HALVANE_CACHE_DIR"));
-        ResourceManager::setCache(cache.get());
-        for (const int id : {1, 2}) {
-            const QString name = QStringLiteral("run%1.vonk").arg(id);
-            client.mustRun({"put", "--no-cache", client.makeFile(name, "packed " + QByteArray::number(id)),
-                            "--to", "/packed"});
-            unfold(id, name);
-        }
-        ResourceManager::setCache(nullptr);
-        HalvaneResourceHandler::unregisterType();
+        for (const int id : {1, 2})
+            client.mustRun({"put", packed(id), "--to", "/packed"});
     }
 
-    void unfold(int id, const QString& name) {
-        ASSERT_TRUE(QDir().mkpath(client.path("unfolded/content")));
+    //! Of the files "spectra.bin" and "method.txt".
+    QString packed(int id) const {
+        QStringList files;
         for (const QString entry : {"spectra.bin", "method.txt"})
-            client.makeFile("unfolded/content/" + entry, entry.toUtf8() + " of " + QByteArray::number(id));
-        const auto handler = ResourceManager::getHandler(*HalvaneFileResourceReference::create(id, 1, name))
-                                 .value()
-                                 .dynamicCast<RemoteResourceHandler>();
-        ASSERT_FALSE(handler->addToCache(Path(client.path("unfolded"))).hasError());
-        ASSERT_EQ(cache->waitForPending(), QStringList());
-        ASSERT_TRUE(QDir(client.path("unfolded")).removeRecursively());
+            files << client.makeFile(entry, entry.toUtf8() + " of " + QByteArray::number(id));
+        vonk::PackInput input;
+        input.path = files.takeFirst();
+        input.companions = files;
+        const QString target = client.path(QStringLiteral("run%1.vonk").arg(id));
+        const auto metadata = vonk::VonkPacker::pack(input, target);
+        EXPECT_TRUE(metadata) << qPrintable(metadata.error().errorMessage());
+        return target;
     }
-
-    std::unique_ptr<ResourceCache> cache;
 };
 
 TEST_F(GetUnfolded, AnEntryThatAnotherFileOfTheFolderMadeIsToldByItsReference) {

@@ -5,6 +5,9 @@
 #include "StagedFile.h"
 #include "StagedTree.h"
 
+#include <ContentHash.h>
+
+#include <algorithm>
 #include <optional>
 
 namespace orx::vonk {
@@ -12,6 +15,7 @@ namespace orx::vonk {
 namespace {
 
 const VonkMetadata kNoMetadata;
+constexpr qsizetype hashedAtATime = 1024 * 1024;
 
 struct Opened {
     PackedFile file;
@@ -96,6 +100,22 @@ Error Vonk::validate(Check check, const WorkWatch& watch) const {
         error =
             ChunkReading(d->opened->file, d->opened->index, watch).run([](ChunkSlot&) { return Error(); });
     return ORX_ECATCH(withPath(error));
+}
+
+Result<QByteArray> Vonk::sha256(const WorkWatch& watch) const {
+    ORX_RETURN_ON_ERROR(validate());
+    const PackedFile& file = d->opened->file;
+    ContentHash hash;
+    QByteArray piece(hashedAtATime, Qt::Uninitialized);
+    for (qint64 done = 0; done < file.size();) {
+        ORX_RETURN_ON_ERROR(watch.check());
+        const auto size = std::min<qint64>(piece.size(), file.size() - done);
+        ORX_RETURN_ON_ERROR(file.read(done, {piece.data(), size_t(size)}));
+        hash.add(piece.constData(), size);
+        done += size;
+        watch.report(done, file.size());
+    }
+    return hash.hexDigest();
 }
 
 Error Vonk::unpack(const QString& target, const WorkWatch& watch) const {

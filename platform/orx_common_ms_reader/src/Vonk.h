@@ -40,6 +40,9 @@ public:
     //! Empty unless open.
     const VonkMetadata& metadata() const;
 
+    //! The SHA-256 of the packed file itself, in 64 lower-case hexadecimal digits. Blocks.
+    Result<QByteArray> sha256(const WorkWatch& watch = {}) const;
+
     //! Makes the directory \a target with "content" in it, checking every byte on the way. It appears
     //! complete and durable or not at all. ErrorCode::AlreadyExists when something is there, StorageFull,
     //! FileNotWritable. Blocks; several threads of its own work meanwhile.

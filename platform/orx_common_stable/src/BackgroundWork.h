@@ -19,6 +19,9 @@ public:
     virtual void finished(const Error& error) = 0;
     //! Whether nobody wants the result any more.
     virtual bool isCanceled() const = 0;
+    //! What the source of the work must be, in 64 lower-case hexadecimal digits; empty when that is not
+    //! known.
+    virtual QString sourceSha256() const { return {}; }
 
     //! For the innermost scope that is open on this thread; null when there is none, or it wants no work.
     static std::shared_ptr<BackgroundWork> begin();

@@ -7,6 +7,7 @@
 #include "HalvaneAcknowledgedContents.h"
 #include "HalvaneConnection.h"
 #include "HalvaneContentCall.h"
+#include "HalvaneDownloadVonkTask.h"
 #include "HalvaneHistory.h"
 #include "HalvaneItemTasks.h"
 #include "HalvaneTransferMonitor.h"
@@ -14,6 +15,7 @@
 #include "TransferProgress.h"
 #include "WorkerStepTask.h"
 
+#include <FileTypes.h>
 #include <HalvaneError.h>
 #include <NetworkError.h>
 #include <RetryPolicy.h>
@@ -470,6 +472,8 @@ std::unique_ptr<Task>
 HalvaneDownloadFileTaskCreator::create(const HalvaneFileDownloadParameters& parameters) {
     HalvaneFileDownloadParameters ofHandler = parameters;
     ofHandler.isIntermediate = true;
+    if (parameters.reference && FileTypes::fileType(parameters.reference->name()) == FileTypes::VONK)
+        return std::make_unique<HalvaneDownloadVonkTask>(ofHandler);
     return std::make_unique<HalvaneDownloadFileTask>(ofHandler);
 }
 

@@ -57,7 +57,8 @@ private:
 class ORX_HALVANE_EXPORT HalvaneDownloadFileTaskCreator {
 public:
     //! For resource handlers, whose cache takes the file on from the target directory: the target is
-    //! intermediate, whatever \a parameters say.
+    //! intermediate, whatever \a parameters say. A packed acquisition is unpacked there, into a directory of
+    //! its name with the data in "content".
     static std::unique_ptr<Task> create(const HalvaneFileDownloadParameters& parameters);
 };
 

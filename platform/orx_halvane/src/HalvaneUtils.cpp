@@ -4,6 +4,7 @@
 #include <Vonk.h>
 #include <WorkerPool.h>
 
+#include <QCoreApplication>
 #include <QLoggingCategory>
 
 namespace orx {
@@ -12,11 +13,26 @@ namespace {
 
 Q_LOGGING_CATEGORY(unpackLog, "orx.halvane.unpack", QtInfoMsg)
 
+//! The packed file may have changed since the server acknowledged its content.
+Error checkSource(const vonk::Vonk& source, const QString& expected, const vonk::WorkWatch& watch) {
+    if (expected.isEmpty())
+        return {};
+    const auto sha256 = source.sha256(watch);
+    ORX_RETURN_ON_ERROR(sha256.error());
+    if (QString::fromLatin1(*sha256) == expected)
+        return {};
+    return Error(ErrorCode::ChecksumMismatch,
+                 QCoreApplication::translate(
+                     "orx::HalvaneUtils", "The packed file is not what the server acknowledged any more."));
+}
+
 void unpack(const vonk::Vonk& source, const QString& target, const std::shared_ptr<BackgroundWork>& work) {
     vonk::WorkWatch watch;
     if (work)
         watch.isCanceled = [work] { return work->isCanceled(); };
-    const Error error = source.unpack(target, watch);
+    Error error = checkSource(source, work ? work->sourceSha256() : QString(), watch);
+    if (!error.hasError())
+        error = source.unpack(target, watch);
     if (error.hasError() && !error.isCanceled())
         qCWarning(unpackLog).noquote() << "unpacking into" << target << "failed:" << error.errorMessage();
     if (work)

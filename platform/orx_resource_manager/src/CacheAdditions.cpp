@@ -187,6 +187,10 @@ void CacheAdditions::endPart(const std::shared_ptr<Writing>& writing, const Erro
              writing->cancel});
 }
 
+QString CacheAdditions::acknowledged(const Writing& writing) {
+    return writing.expected.sha256;
+}
+
 bool CacheAdditions::isDropped(const Writing& writing) {
     return *writing.cancel;
 }

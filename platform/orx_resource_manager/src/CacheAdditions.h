@@ -34,6 +34,8 @@ public:
     //! One part more of the writing of \a subPath, ended by endPart(); null when no writer of it runs.
     std::shared_ptr<Writing> beginPart(const QString& subPath);
     void endPart(const std::shared_ptr<Writing>& writing, const Error& error);
+    //! See CacheStore::compare().
+    static QString acknowledged(const Writing& writing);
     //! Whether drop() was called since the writing began.
     static bool isDropped(const Writing& writing);
 

@@ -97,6 +97,11 @@ bool ResourceCacheWork::isCanceled() const {
     return !d->writing || CacheAdditions::isDropped(*d->writing);
 }
 
+QString ResourceCacheWork::sourceSha256() const {
+    const QMutexLocker lock(&d->mutex);
+    return d->writing ? CacheAdditions::acknowledged(*d->writing) : QString();
+}
+
 // ---- the cache
 
 struct ResourceCache::Private {

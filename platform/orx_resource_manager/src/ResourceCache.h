@@ -66,6 +66,9 @@ public:
     void finished(const Error& error) override;
     //! See ResourceCache::dropPending().
     bool isCanceled() const override;
+    //! What the server acknowledged. A file at the place is compared with it by the cache; who makes a
+    //! directory from such a file compares that file.
+    QString sourceSha256() const override;
 
 private:
     friend class ResourceCache;
