@@ -136,11 +136,18 @@ CacheProbe::~CacheProbe() {
     ResourceHandlerFactory::unregisterResourceHandlerScheme(HalvaneResourceReference::schemeType);
 }
 
-std::optional<QByteArray> CacheProbe::content() {
+std::optional<QString> CacheProbe::path() {
     m_cache.waitForPending();
     if (!m_cache.contains(subPath))
         return std::nullopt;
-    QFile file(m_cache.expectedPath(subPath)->toString());
+    return m_cache.expectedPath(subPath)->toString();
+}
+
+std::optional<QByteArray> CacheProbe::content() {
+    const auto place = path();
+    if (!place)
+        return std::nullopt;
+    QFile file(*place);
     EXPECT_TRUE(file.open(QIODevice::ReadOnly));
     return file.readAll();
 }

@@ -71,7 +71,10 @@ public:
 
     //! The content of the entry, after waiting for it; none when there is no entry.
     std::optional<QByteArray> content();
-    bool isEmpty() { return !content().has_value(); }
+    bool isEmpty() { return !path().has_value(); }
+    //! Where the entry lies, after waiting for it.
+    std::optional<QString> path();
+    ResourceCache& cache() { return m_cache; }
 
     int lookups = 0;
     QString lookedUp; //!< text of the last reference

@@ -2,7 +2,9 @@
 
 #include "../HalvaneResourceHandlerLog.h"
 #include "ChunkProgress.h"
+#include "HalvaneVonkFileUploadTask.h"
 
+#include <FileTypes.h>
 #include <HalvaneError.h>
 #include <HalvaneHistory.h>
 #include <HalvaneItemTasks.h>
@@ -93,6 +95,8 @@ HalvaneFileUploadTask::~HalvaneFileUploadTask() = default;
 
 std::unique_ptr<HalvaneFileUploadTask>
 HalvaneFileUploadTask::create(const HalvaneFileUploadParameters& parameters) {
+    if (FileTypes::fileMatchesAnyType(parameters.localPath, {FileTypes::VONK}))
+        return std::make_unique<HalvaneVonkFileUploadTask>(parameters, nullptr);
     return std::make_unique<HalvaneFileUploadTask>(parameters, nullptr);
 }
 

@@ -26,7 +26,8 @@ public:
     HalvaneFileUploadTask(const HalvaneFileUploadParameters& parameters, QObject* parent);
     ~HalvaneFileUploadTask() override;
 
-    //! The upload that suits the file: a regular one for every path. Never null; without a parent.
+    //! The upload that suits the file: that of a packed acquisition by its extension, else a regular one.
+    //! Never null; without a parent.
     static std::unique_ptr<HalvaneFileUploadTask> create(const HalvaneFileUploadParameters& parameters);
 
 protected:

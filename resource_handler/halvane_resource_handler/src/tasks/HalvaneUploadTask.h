@@ -2,6 +2,8 @@
 
 #include "orx_halvane_resource_handler_export.h"
 
+#include <HalvaneItems.h>
+#include <HalvaneResourceReference.h>
 #include <HalvaneTask.h>
 #include <HalvaneUploadPolicyOption.h>
 
@@ -26,6 +28,17 @@ public:
     HalvaneUploadTask(const QString& name, QObject* parent);
     explicit HalvaneUploadTask(QObject* parent);
     HalvaneUploadTask();
+
+    //! The upload that suits what lies at \a path: of a file, of raw sample data (a file or a directory) or
+    //! of a folder. Without a parent; never null. Folders alone are given \a userGroups, and of the other
+    //! arguments only path, target and options. ErrorCode::General for a folder whose target is a file,
+    //! InvalidArgument for a path that is neither file nor folder, and what
+    //! HalvaneFileUploadParameters::create() refuses.
+    static Result<std::unique_ptr<HalvaneUploadTask>>
+    create(const QString& path, int targetId, HalvaneResourceReference::ItemType targetItemType,
+           const QString& alias, const std::optional<QList<HalvaneExtendedMetaDataValue>>& extendedMetadata,
+           const QList<int>& userGroups, QFlags<HalvaneUploadPolicyOption> policyOptions,
+           const std::optional<QString>& targetFileName);
 
 protected:
     Error initialize() override = 0;

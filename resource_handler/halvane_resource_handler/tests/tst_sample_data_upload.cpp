@@ -1,0 +1,191 @@
+// Raw sample data goes up as a packed acquisition, made in a temporary directory.
+#include "UploadFixture.h"
+
+#include <HalvaneConnection.h>
+#include <Vonk.h>
+#include <tasks/HalvaneSampleDataUploadTask.h>
+
+#include <QCoreApplication>
+#include <QDir>
+
+namespace orx::testing {
+namespace {
+
+class SampleDataUpload : public UploadTest {
+protected:
+    SampleDataUpload() {
+        EXPECT_TRUE(QFile::copy(QStringLiteral(MS_TEST_DATA "/small.mgf"), raw));
+        setTempDirs(filePath(QStringLiteral("temporary")));
+        EXPECT_TRUE(QDir().mkpath(filePath(QStringLiteral("temporary"))));
+        server.service().setChunkSize(1 << 20);
+    }
+
+    static void setTempDirs(const QString& directory) {
+        const HalvaneSettings settings(*HalvaneConnection::instance().settings().machineSettingsPtr(),
+                                       HalvaneUserSettings(directory + QStringLiteral("/XXXXXX")));
+        HalvaneConnection::instance().setSettings(settings);
+    }
+    //! Of all temporary directories there are.
+    QStringList temporaryFiles() const {
+        QStringList files;
+        const QDir all(filePath(QStringLiteral("temporary")));
+        for (const QString& name : all.entryList(QDir::Dirs | QDir::NoDotAndDotDot))
+            files += QDir(all.filePath(name)).entryList(QDir::Files | QDir::Hidden);
+        return files;
+    }
+    int temporaryDirCount() const {
+        return int(
+            QDir(filePath(QStringLiteral("temporary"))).entryList(QDir::Dirs | QDir::NoDotAndDotDot).size());
+    }
+
+    const QString raw = filePath(QStringLiteral("small.mgf"));
+    CacheProbe cache;
+    ErrorLog errors;
+};
+
+TEST_F(SampleDataUpload, HasItsNameItsKindAndItsDirectoryFromTheStart) {
+    const HalvaneSampleDataUploadTask task(uploadOf(raw), nullptr);
+    EXPECT_STREQ(task.metaObject()->className(), "orx::HalvaneSampleDataUploadTask");
+    EXPECT_EQ(task.metaObject()->superClass(), &HalvaneFileUploadTaskBase::staticMetaObject);
+    EXPECT_EQ(task.name(), QStringLiteral("Upload:SampleData(%1)").arg(raw));
+    EXPECT_EQ(int(task.uploadDataType()), 2);
+    EXPECT_EQ(task.currentProgress(), 0);
+    EXPECT_EQ(task.maxProgress(), 102);
+    EXPECT_EQ(temporaryDirCount(), 1);
+}
+
+TEST_F(SampleDataUpload, ProgressInitiatedComesOnTheNextTurnOfTheEventLoop) {
+    HalvaneSampleDataUploadTask task(uploadOf(raw), nullptr);
+    EventLog events(&task);
+    EXPECT_TRUE(events.lines().isEmpty());
+    QCoreApplication::processEvents();
+    EXPECT_EQ(events.lines(), QStringList{QStringLiteral("progressInitiated 102")});
+}
+
+TEST_F(SampleDataUpload, GoesUpPackedUnderTheTargetsName) {
+    HalvaneFileUploadParameters upload = uploadOf(raw);
+    upload.targetFileName = QStringLiteral("run 7");
+    upload.alias = QStringLiteral("first");
+    HalvaneSampleDataUploadTask task(upload, nullptr);
+    EXPECT_FALSE(run(task).hasError()) << qPrintable(task.error().traceText());
+    EXPECT_EQ(temporaryFiles(), QStringList{QStringLiteral("run 7.vonk")});
+    ASSERT_EQ(server.service().files().size(), 1);
+    const auto& file = server.service().files().first();
+    EXPECT_EQ(file.name, QStringLiteral("run 7.vonk"));
+    EXPECT_EQ(file.versions.last().alias, QStringLiteral("first"));
+    EXPECT_EQ(task.uploadedFile()->reference(), (HalvaneApiReference{file.id, 1}));
+
+    const QString back = filePath(QStringLiteral("back.vonk"));
+    QFile packed(back);
+    ASSERT_TRUE(packed.open(QIODevice::WriteOnly));
+    packed.write(file.versions.last().content);
+    packed.close();
+    vonk::Vonk vonk(back);
+    ASSERT_FALSE(vonk.open().hasError());
+    EXPECT_EQ(vonk.metadata().entries.first().path, QStringLiteral("content/small.mgf"));
+    const auto requests = server.requests(QStringLiteral("POST /uploads/finalize"));
+    ASSERT_EQ(requests.size(), 1);
+    EXPECT_EQ(requests[0].json().value(u"force_data_type"), QStringLiteral("Regular"));
+    EXPECT_EQ(requests[0].json().value(u"vonk_trace"), vonk.metadata().toJson());
+}
+
+TEST_F(SampleDataUpload, ItsProgressIsThatOfTheInnerUpload) {
+    const QList<HalvaneCompactExtendedMetaDataValue> metadata{
+        {QStringLiteral("operator"), QStringLiteral("anna")}};
+    HalvaneSampleDataUploadTask task(uploadOf(raw, 1, ItemType::Folder, Replace, metadata), nullptr);
+    EventLog events(&task);
+    EXPECT_FALSE(run(task).hasError());
+    const QStringList progress = events.linesWith(QStringLiteral("progress "));
+    EXPECT_EQ(progress.value(0), QStringLiteral("progress 1/103")) << "packing reports none";
+    EXPECT_EQ(progress.last(), QStringLiteral("progress 103/103"));
+    EXPECT_EQ(task.currentProgress(), 103);
+    EXPECT_EQ(task.maxProgress(), 103);
+    EXPECT_EQ(server.service().files().first().extendedMetadata.size(), 1);
+}
+
+TEST_F(SampleDataUpload, ANewVersionGoesToTheFile) {
+    const int file = server.service().addFile(QStringLiteral("small.mgf.vonk"), "old");
+    HalvaneSampleDataUploadTask task(uploadOf(raw, file, ItemType::File), nullptr);
+    EXPECT_FALSE(run(task).hasError());
+    EXPECT_EQ(server.service().files().value(file).versions.size(), 2);
+}
+
+TEST_F(SampleDataUpload, ItsResultIsNotCachedByItButByTheInnerUpload) {
+    HalvaneSampleDataUploadTask task(uploadOf(raw), nullptr);
+    EXPECT_FALSE(run(task).hasError());
+    EXPECT_EQ(cache.lookups, 1);
+    ASSERT_TRUE(cache.path().has_value());
+    EXPECT_EQ(QDir(*cache.path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot),
+              QStringList{QStringLiteral("content")});
+}
+
+TEST_F(SampleDataUpload, TheTemporaryDirectoryGoesWithTheTask) {
+    {
+        HalvaneSampleDataUploadTask task(uploadOf(raw), nullptr);
+        EXPECT_FALSE(run(task).hasError());
+        EXPECT_EQ(temporaryDirCount(), 1);
+    }
+    EXPECT_EQ(temporaryDirCount(), 0);
+}
+
+TEST_F(SampleDataUpload, AnEmptyPathFailsWithoutASubtask) {
+    HalvaneSampleDataUploadTask task(uploadOf(QString()), nullptr);
+    const Error error = run(task);
+    EXPECT_TRUE(error.is(ErrorCode::General));
+    EXPECT_EQ(error.errorMessage(), QStringLiteral("The local path is missing."));
+    EXPECT_TRUE(temporaryFiles().isEmpty());
+    EXPECT_TRUE(server.log().isEmpty());
+    EXPECT_TRUE(ErrorLog::mentions(QStringLiteral("HalvaneSampleDataUploadTask::initialize")));
+}
+
+TEST_F(SampleDataUpload, WithoutATemporaryDirectoryItFailsBeforeAnythingElse) {
+    setTempDirs(filePath(QStringLiteral("missing")));
+    HalvaneSampleDataUploadTask task(uploadOf(QString()), nullptr);
+    const Error error = run(task);
+    EXPECT_TRUE(error.is(ErrorCode::General));
+    EXPECT_EQ(error.errorMessage(), QStringLiteral("Cannot create a temporary dir."));
+    const ContextTranslator translator;
+    HalvaneSampleDataUploadTask translated(uploadOf(raw), nullptr);
+    EXPECT_EQ(run(translated).errorMessage(),
+              QStringLiteral("orx::HalvaneSampleDataUploadTask|Cannot create a temporary dir."));
+}
+
+TEST_F(SampleDataUpload, APackingThatFailsEndsTheTaskWithItsError) {
+    HalvaneSampleDataUploadTask task(uploadOf(filePath(QStringLiteral("missing.mgf"))), nullptr);
+    EXPECT_TRUE(run(task).hasError());
+    EXPECT_TRUE(task.error().errorMessage().contains(QStringLiteral("missing.mgf")))
+        << qPrintable(task.error().errorMessage());
+    EXPECT_TRUE(temporaryFiles().isEmpty());
+    EXPECT_TRUE(server.log().isEmpty());
+    EXPECT_FALSE(task.uploadedFile().has_value());
+}
+
+TEST_F(SampleDataUpload, ParametersThatCannotBeMadeEndTheTask) {
+    HalvaneFileUploadParameters upload = uploadOf(raw);
+    upload.targetId = 0;
+    HalvaneSampleDataUploadTask task(upload, nullptr);
+    EXPECT_TRUE(run(task).is(ErrorCode::InvalidArgument));
+    EXPECT_TRUE(server.log().isEmpty());
+}
+
+TEST_F(SampleDataUpload, AnInnerUploadThatFailsEndsTheTaskWithItsError) {
+    server.script(
+        QStringLiteral("POST /uploads/finalize"),
+        ScriptedFault::failure(403, HalvaneServerErrorCode::NoPrivilege, QStringLiteral("not yours")));
+    HalvaneSampleDataUploadTask task(uploadOf(raw), nullptr);
+    EXPECT_EQ(run(task).errorMessage(), QStringLiteral("not yours"));
+    EXPECT_FALSE(task.uploadedFile().has_value());
+    EXPECT_TRUE(cache.isEmpty());
+}
+
+TEST_F(SampleDataUpload, CancelledWhilePackingItLeavesNothing) {
+    HalvaneSampleDataUploadTask task(uploadOf(raw), nullptr);
+    task.exec();
+    task.cancel();
+    EXPECT_TRUE(task.waitForFinished().isCanceled());
+    EXPECT_TRUE(server.log().isEmpty());
+    EXPECT_TRUE(temporaryFiles().isEmpty());
+}
+
+} // namespace
+} // namespace orx::testing
