@@ -140,6 +140,17 @@ TEST_F(Cache, ATruncatedEntryIsFetchedAgain) {
     EXPECT_EQ(get()["from_cache"], true);
 }
 
+TEST_F(Cache, ATruncatedEntryIsNeverWhatGoesUp) {
+    put();
+    const QString entry = cachePath();
+    changeEntry(entry, [](QFile& copy) { ASSERT_TRUE(copy.resize(50'000)); });
+    const QJsonObject again = put({"--new-version"});
+    EXPECT_EQ(again["version"], 2);
+    EXPECT_EQ(again["size"], 100'000);
+    get({"--no-cache"}); // compares what the server has with the file
+    EXPECT_EQ(contentsFetched(), 1);
+}
+
 TEST_F(Cache, OtherBytesOfTheSameSizeAndTimeAreNoticed) {
     put();
     damageEntry(cachePath());

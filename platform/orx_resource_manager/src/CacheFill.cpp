@@ -48,6 +48,7 @@ Result<CacheFill::Begun> CacheFill::begin() {
         return record.error();
     // What another fill brought while this one waited for it is new enough.
     const bool isGood = record && (m_mode == ResourceCache::FillMode::Missing ||
+                                   m_mode == ResourceCache::FillMode::LookOnly ||
                                    (m_hasWaited && m_addedBefore != record->entry.addedAt));
     if (use && isGood) {
         hold(std::move(*use));
@@ -55,6 +56,8 @@ Result<CacheFill::Begun> CacheFill::begin() {
         return Begun::Done;
     }
     use.reset();
+    if (m_mode == ResourceCache::FillMode::LookOnly)
+        return Begun::Fetch;
     ORX_RETURN_ON_ERROR(prepareDirectory(**root, record ? &record->payload : nullptr));
     return Begun::Fetch;
 }
@@ -155,9 +158,10 @@ Error CacheFill::finish(const QByteArray& sha256, const QString& expected,
         return CacheStore::busy(m_place.text());
     ORX_RETURN_ON_ERROR(m_store->seal(m_place, staging->get(), m_place.name(), *payload));
     hold(std::move(*use));
-    m_fill.reset();
-    // The entry is there; what follows is housekeeping.
+    // The entry is there; what follows is housekeeping. The next fill of it would take what is left here for
+    // the beginning of its own.
     const Error swept = removeTree((*root)->staging.get(), stagingName(), directory());
+    m_fill.reset();
     if (swept.hasError())
         qCWarning(cacheLog).noquote() << swept.errorMessage();
     CacheKeeper(*m_store).keepUp(limits);

@@ -143,9 +143,7 @@ Error RemoteResourceHandler::addToCache(const Writer& writer) {
 std::unique_ptr<Task> RemoteResourceHandler::markDamagedTask(const FileCopy::Stamp& seen) const {
     if (Error error = checkCache(); error.hasError())
         return std::make_unique<RefusedTask>(ORX_ECATCH(error));
-    return std::make_unique<WorkerStepTask>(
-        QStringLiteral("Mark what is damaged in the cache"),
-        [cache = cache(), subPath = subCachePath(), seen] { return cache->markDamaged(subPath, seen); });
+    return cache()->markDamagedTask(subCachePath(), seen);
 }
 
 Error RemoteResourceHandler::holdFilled(const QString& subPath) {
@@ -163,7 +161,7 @@ std::unique_ptr<Task> RemoteResourceHandler::takeEntryTask(const QString& subPat
     return cache()->fillTask(
         reference(), subPath,
         [refusal](const DirPath&) -> std::unique_ptr<Task> { return std::make_unique<RefusedTask>(refusal); },
-        ResourceCache::FillMode::Missing);
+        ResourceCache::FillMode::LookOnly);
 }
 
 std::unique_ptr<Task>

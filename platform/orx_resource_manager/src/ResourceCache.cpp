@@ -215,6 +215,14 @@ Error ResourceCache::markDamaged(const QString& subPath, const FileCopy::Stamp& 
     return place ? d->store->markDamaged(*place, seen) : place.error();
 }
 
+std::unique_ptr<Task> ResourceCache::markDamagedTask(const QString& subPath, const FileCopy::Stamp& seen) {
+    return std::make_unique<WorkerStepTask>(QStringLiteral("Mark what is damaged in the cache"),
+                                            [store = d->store, place = d->store->parse(subPath), seen] {
+                                                return place ? store->markDamaged(*place, seen)
+                                                             : place.error();
+                                            });
+}
+
 std::unique_ptr<Task> ResourceCache::fillTask(const ResourceReferenceSPtr& reference, const QString& subPath,
                                               std::function<std::unique_ptr<Task>(const DirPath&)> fetch,
                                               FillMode mode) {

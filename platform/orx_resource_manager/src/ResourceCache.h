@@ -110,11 +110,13 @@ public:
     };
     //! What a fill does about what is there. What it fetches replaces the entry when it is whole.
     enum class FillMode {
-        Missing, //!< a valid entry is taken as it is
-        Anew,    //!< fetched anew
-        Update   //!< as Anew, but the fetch finds in its directory the files of a directory entry, or what an
-                 //!< interrupted update left, and brings that up to date. For a task that is a
-                 //!< MirroringInterface; any other finds nothing
+        Missing,  //!< a valid entry is taken as it is
+        LookOnly, //!< as Missing; the fetch brings nothing, it says why there is nothing. What an interrupted
+                  //!< fill left stays
+        Anew,  //!< fetched anew
+        Update //!< as Anew, but the fetch finds in its directory the files of a directory entry, or what an
+               //!< interrupted update left, and brings that up to date. For a task that is a
+               //!< MirroringInterface; any other finds nothing
     };
     //! What the server said the content of a resource is; hexadecimal SHA-256, empty when unknown. Called on
     //! the thread that adds or fills; must not block.
@@ -146,6 +148,8 @@ public:
     //! what it should be: the entry is not there any more, until a fill brings it anew. Nothing happens when
     //! another file has come to the place since. Blocks on the disk.
     Error markDamaged(const QString& subPath, const FileCopy::Stamp& seen);
+    //! The same on a worker.
+    std::unique_ptr<Task> markDamagedTask(const QString& subPath, const FileCopy::Stamp& seen);
 
     //! Fills the entry: \a fetch makes the task that brings the content into the directory it is given, under
     //! the last component of \a subPath. Of several tasks and processes that fill one entry one works and the

@@ -479,6 +479,20 @@ TEST_F(FolderInCache, IsCompletedAfterARetrievalThatFailedHalfWay) {
     EXPECT_EQ(server.count(QStringLiteral("GET /files/%1/*content").arg(file)), 1);
 }
 
+TEST_F(FolderInCache, IsCompletedAfterTheServerWasLostHalfWay) {
+    const int second = server.service().addFile(QStringLiteral("run2.mzML"), "second", folder);
+    server.script(QStringLiteral("GET /files/%1/*content").arg(second),
+                  ScriptedFault::networkError(NetworkErrorCode::TlsFailed));
+    EXPECT_EQ(handler()->retrieve().error().domain(), ErrorDomain::Network);
+    EXPECT_FALSE(handler()->isAvailableLocally());
+    const auto retrieved = handler()->retrieve();
+    ASSERT_TRUE(retrieved) << qPrintable(retrieved.errorMessage());
+    EXPECT_EQ(cached(QStringLiteral("run1.mzML")), "some content");
+    EXPECT_EQ(cached(QStringLiteral("run2.mzML")), "second");
+    EXPECT_EQ(server.count(QStringLiteral("GET /files/%1/*content").arg(file)), 1)
+        << "what had come before the failure is kept";
+}
+
 TEST_F(FolderInCache, IsTakenAsItIsWhenTheServerCannotBeReached) {
     ASSERT_TRUE(handler()->retrieve());
     server.script(QStringLiteral("*"), ScriptedFault::networkError(NetworkErrorCode::TlsFailed),
