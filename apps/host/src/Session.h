@@ -11,8 +11,8 @@ namespace halvane::host {
 class HALVANE_HOST_EXPORT Session {
 public:
     //! Loads the profile \a requestedProfile (see Profiles::currentName) with its token into the connection.
-    //! ErrorCode::NotAuthenticated when there is no such profile or no token, ErrorCode::InvalidArgument for a
-    //! time in HALVANE_TIMEOUT that is none. May block on the keyring.
+    //! ErrorCode::NotAuthenticated when there is no such profile or no token, ErrorCode::InvalidArgument for
+    //! a time in HALVANE_TIMEOUT that is none. May block on the keyring.
     static orx::Result<Profile> open(const QString& requestedProfile);
     //! Points the connection at \a url with nobody logged in.
     static void connectTo(const QUrl& url);
