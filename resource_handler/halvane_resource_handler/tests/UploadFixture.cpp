@@ -133,6 +133,9 @@ CacheProbe::CacheProbe(Makes makes) {
 }
 
 CacheProbe::~CacheProbe() {
+    // No worker is to write into the directory, or of what it did, when that goes.
+    m_cache.dropPending();
+    m_cache.waitForPending();
     ResourceHandlerFactory::unregisterResourceHandlerScheme(HalvaneResourceReference::schemeType);
 }
 
