@@ -79,7 +79,7 @@ TEST_F(CacheOnAFullDisk, IsPrunedTwice) {
     ASSERT_FALSE(cache->add(nullptr, QStringLiteral("a"), Path(source.fileName())).hasError());
     ASSERT_FALSE(cache->add(nullptr, QStringLiteral("b"), Path(source.fileName())).hasError());
     ASSERT_TRUE(cache->waitForPending().isEmpty());
-    ASSERT_TRUE(cache->lease(QStringLiteral("c")));
+    ASSERT_FALSE(cache->setCleanupPolicy(QStringLiteral("c"), ResourceCleanupPolicy::Keep).hasError());
     fillUp();
     expectPruned();
 }
