@@ -1,5 +1,8 @@
 #include "CommandLine.h"
 
+#include "Completion.h"
+#include "ManPage.h"
+
 #include <DownloadNames.h>
 #include <ExitCodes.h>
 #include <HalvaneResourceReference.h>
@@ -56,6 +59,7 @@ struct RawArguments {
     bool withoutCache = false;
     std::string maxSize;
     std::string maxAge;
+    std::string shell;
 };
 
 // A mistake in the arguments, on its way to the one place that reports it.
@@ -120,6 +124,8 @@ public:
     std::variant<CommandLine, CommandLineEnd> parse(int argc, char** argv) {
         try {
             m_app.parse(argc, argv);
+            if (const auto text = textAboutCommands())
+                return CommandLineEnd{0, QString::fromStdString(*text), m_raw.json};
             return commandLine();
         } catch (const CLI::ParseError& error) {
             return endOf(error, argc, argv);
@@ -148,6 +154,7 @@ private:
         addGet();
         addQuestions();
         addCache();
+        addTextsAboutCommands();
     }
 
     CLI::App* addCommand(const char* name, const char* description, const char* examples) {
@@ -175,7 +182,7 @@ private:
     void addFolderCommands() {
         CLI::App* mkdir = addCommand("mkdir", "Make a folder on the server",
                                      "  halvane mkdir /raw\n  halvane mkdir -p /raw/2026/march\n");
-        mkdir->add_option("PATH", m_raw.path, "Remote path of the folder")->required();
+        mkdir->add_option("FOLDER", m_raw.path, "Remote path of the folder")->required();
         mkdir->add_flag("-p,--parents", m_raw.parents,
                         "Make missing folders above too; a folder that exists is no error");
         CLI::App* ls = addCommand("ls", "List a folder, or show one file",
@@ -283,6 +290,26 @@ private:
         addReference(addCacheCommand("unpin", "Let the limits apply to a copy again",
                                      "  halvane cache unpin file:12@3\n"),
                      kCopy);
+    }
+
+    void addTextsAboutCommands() {
+        CLI::App* completion = addCommand("completion", "Print a script that lets a shell complete commands",
+                                          "  source <(halvane completion bash)\n"
+                                          "  halvane completion zsh > ~/.zfunc/_halvane\n"
+                                          "  halvane completion fish | source\n");
+        completion->add_option("SHELL", m_raw.shell, "bash, zsh or fish")
+            ->required()
+            ->check(CLI::IsMember(completionShells()));
+        addCommand("man-page", "Print the manual page", "  halvane man-page | man -l -\n");
+    }
+
+    // For the commands that are about the commands: they end where they are read.
+    std::optional<std::string> textAboutCommands() const {
+        if (m_app.got_subcommand("completion"))
+            return completionScript(m_raw.shell, commandShapes(m_app));
+        if (m_app.got_subcommand("man-page"))
+            return manPage(HALVANE_VERSION, commandShapes(m_app));
+        return std::nullopt;
     }
 
     CommandLineEnd endOf(const CLI::ParseError& error, int argc, char** argv) const {
