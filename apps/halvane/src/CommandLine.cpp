@@ -42,6 +42,7 @@ struct RawArguments {
     std::string url;
     std::string user;
     bool passwordFromStdin = false;
+    std::string caFile;
 
     std::string path;
     bool parents = false;
@@ -170,10 +171,15 @@ private:
             addCommand("login", "Log in at a server and make it the current one",
                        "  halvane login https://halvane.example.org --user anna\n"
                        "  halvane login http://127.0.0.1:8080 --user ci --password-stdin < password\n"
-                       "  halvane --profile archive login https://archive.example.org --user anna\n");
+                       "  halvane --profile archive login https://archive.example.org --user anna\n"
+                       "  halvane login https://lab.example.org --user anna --ca-file lab-ca.pem\n");
         login->add_option("URL", m_raw.url, "Address of the server, http or https")->required();
         login->add_option("--user", m_raw.user, "User name")->required()->type_name("NAME");
         login->add_flag("--password-stdin", m_raw.passwordFromStdin, "Read the password from standard input");
+        login
+            ->add_option("--ca-file", m_raw.caFile,
+                         "Certificates (PEM) to trust beside the system's; kept with the login")
+            ->type_name("FILE");
         addCommand("logout", "Make the login void, here and at the server", "  halvane logout\n");
         addCommand("whoami", "Show who is logged in, and where",
                    "  halvane whoami\n  halvane --json whoami\n");
@@ -409,7 +415,12 @@ private:
     LoginCommand login() const {
         const auto url = Profiles::parseServerUrl(textOf(m_raw.url, "The address"));
         require(url.error());
-        return {url.value(), filledTextOf(m_raw.user, "The user name"), m_raw.passwordFromStdin};
+        return {url.value(), filledTextOf(m_raw.user, "The user name"), m_raw.passwordFromStdin, caFile()};
+    }
+
+    QString caFile() const {
+        const bool given = m_app.get_subcommand("login")->count("--ca-file") > 0;
+        return given ? filledTextOf(m_raw.caFile, "--ca-file") : QString();
     }
 
     MkdirCommand mkdir() const {

@@ -23,6 +23,8 @@ struct LoginCommand {
     QUrl url;
     QString user;
     bool passwordFromStdin = false;
+    //! Empty: none was given.
+    QString caFile;
 };
 struct LogoutCommand {};
 struct WhoAmICommand {};

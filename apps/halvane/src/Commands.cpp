@@ -6,6 +6,7 @@
 #include "ProgressReport.h"
 #include "Runner.h"
 
+#include <AtomicFile.h>
 #include <ErrorText.h>
 #include <ExitCodes.h>
 #include <ListItemsTask.h>
@@ -92,10 +93,27 @@ void Runner::warnOfPlainHttp(const QUrl& url) const {
                  .arg(url.toString())});
 }
 
+namespace {
+
+// The certificates to trust: those that were given, else those that the profile has for the same address.
+Result<QString> trustedFile(const QString& profileName, const LoginCommand& command) {
+    if (!command.caFile.isEmpty()) {
+        ORX_RETURN_ON_ERROR(orx::AtomicFile::read(command.caFile).error());
+        return command.caFile;
+    }
+    const Result<Profile> known = Profiles::load(profileName);
+    return !known.hasError() && known->url == command.url ? known->caFile : QString();
+}
+
+} // namespace
+
 int Runner::operator()(const LoginCommand& command) {
     const Result<QString> profileName = Profiles::nameForLogin(m_global.profile, command.url);
     if (profileName.hasError())
         return m_output.error(profileName.error());
+    const Result<QString> caFile = trustedFile(profileName.value(), command);
+    if (caFile.hasError())
+        return m_output.error(caFile.error());
     warnOfPlainHttp(command.url);
     const QString question =
         QStringLiteral("Password of %1 at %2: ").arg(m_output.shown(command.user), command.url.toString());
@@ -103,12 +121,13 @@ int Runner::operator()(const LoginCommand& command) {
         command.passwordFromStdin ? passwordFromStandardInput() : promptForPassword(question);
     if (password.hasError())
         return m_output.error(password.error());
-    const Profile profile{profileName.value(), command.url, command.user};
+    const Profile profile{profileName.value(), command.url, command.user, caFile.value()};
     LoginTask task(profile, password.value());
-    // The remedy that other commands give for this failure is what was just tried.
-    if (const Error error = run(task); error.hasError())
-        return error.errorMessage().isEmpty() ? m_output.error(error)
-                                              : m_output.error(error, error.errorMessage());
+    if (const Error error = run(task); error.hasError()) {
+        // The remedy that other commands give for a refusal is what was just tried.
+        const bool isRefusal = error.domain() != orx::ErrorDomain::Network && !error.errorMessage().isEmpty();
+        return isRefusal ? m_output.error(error, error.errorMessage()) : m_output.error(error);
+    }
     m_output.session(profile, task.user(), task.expiresAt(), QStringLiteral("logged_in"));
     return int(ExitCode::Success);
 }

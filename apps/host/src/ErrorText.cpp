@@ -3,11 +3,13 @@
 #include "ExitCodes.h"
 
 #include <HalvaneError.h>
+#include <NetworkError.h>
 
 namespace halvane::host {
 
 using orx::Error;
 using orx::ErrorCode;
+using orx::ErrorDomain;
 using orx::HalvaneServerErrorCode;
 
 namespace {
@@ -32,6 +34,9 @@ QString remedy(const Error& error) {
     if (error.is(ErrorCode::NotAuthenticated) ||
         isHalvaneError(error, HalvaneServerErrorCode::NotAuthenticated))
         return QStringLiteral("Log in with: halvane login URL --user NAME");
+    if (error.is(ErrorDomain::Network, int(orx::NetworkErrorCode::TlsFailed)))
+        return QStringLiteral("For a server whose certificate this system does not know, log in with: "
+                              "halvane login URL --user NAME --ca-file FILE");
     if (error.is(ErrorCode::FileChanged))
         return QStringLiteral("Nothing was made of it on the server; try again when the file is complete.");
     return {};

@@ -1,5 +1,6 @@
 #include "Profiles.h"
 
+#include <AtomicFile.h>
 #include <HalvanePaths.h>
 
 #include <QDir>
@@ -9,6 +10,7 @@
 
 namespace halvane::host {
 
+using orx::AtomicFile;
 using orx::Error;
 using orx::ErrorCode;
 using orx::HalvanePaths;
@@ -25,6 +27,11 @@ QString profileFile(const QString& name) {
     return Profiles::directory() + u'/' + name + suffix;
 }
 
+//! Where the certificates are kept that a profile trusts.
+QString caFileOf(const QString& name) {
+    return Profiles::directory() + u'/' + name + QStringLiteral(".ca.pem");
+}
+
 QString settingsFile() {
     return HalvanePaths::configDir() + QStringLiteral("/halvane.ini");
 }
@@ -39,6 +46,23 @@ Error writeSettings(QSettings& settings) {
         return {};
     return Error(ErrorCode::FileNotWritable,
                  QStringLiteral("The settings file \"%1\" cannot be written.").arg(settings.fileName()));
+}
+
+//! So that the profile works on when the file it was given is gone.
+Error keepCertificates(const Profile& profile) {
+    const QString kept = caFileOf(profile.name);
+    if (profile.caFile == kept)
+        return {};
+    if (profile.caFile.isEmpty()) {
+        if (!QFile::exists(kept) || QFile::remove(kept))
+            return {};
+        return Error(
+            ErrorCode::FileNotWritable,
+            QStringLiteral("The certificates of another server, \"%1\", cannot be removed.").arg(kept));
+    }
+    const Result<QByteArray> certificates = AtomicFile::read(profile.caFile);
+    ORX_RETURN_ON_ERROR(certificates.error());
+    return AtomicFile::write(kept, certificates.value());
 }
 
 Error invalidUrl(const QString& text, const QString& reason) {
@@ -78,7 +102,8 @@ Result<QString> Profiles::currentName(const QString& requested) {
 Result<Profile> Profiles::load(const QString& name) {
     const QSettings settings(profileFile(name), QSettings::IniFormat);
     Profile profile{name, QUrl(settings.value(urlKey).toString(), QUrl::StrictMode),
-                    settings.value(userKey).toString()};
+                    settings.value(userKey).toString(),
+                    QFile::exists(caFileOf(name)) ? caFileOf(name) : QString()};
     if (profile.url.isValid() && !profile.url.isEmpty())
         return profile;
     if (QFile::exists(profileFile(name)))
@@ -95,6 +120,7 @@ Result<Profile> Profiles::load(const QString& name) {
 Error Profiles::save(const Profile& profile) {
     ORX_RETURN_ON_ERROR(HalvanePaths::ensurePrivateDir(HalvanePaths::configDir()));
     ORX_RETURN_ON_ERROR(HalvanePaths::ensurePrivateDir(directory()));
+    ORX_RETURN_ON_ERROR(keepCertificates(profile));
     QSettings file(profileFile(profile.name), QSettings::IniFormat);
     file.setValue(urlKey, profile.url.toString(QUrl::FullyEncoded));
     file.setValue(userKey, profile.userName);

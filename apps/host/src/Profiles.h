@@ -14,6 +14,8 @@ struct Profile {
     QString name;
     QUrl url;
     QString userName;
+    //! PEM file of certificates that are trusted beside the system's; empty when there are none.
+    QString caFile = {};
 };
 
 //! The profiles of this user: one INI file each below the configuration directory, so that several servers
@@ -25,7 +27,7 @@ public:
     static orx::Result<QString> currentName(const QString& requested);
     //! ErrorCode::NotAuthenticated, naming the profile and those that exist, when it does not exist.
     static orx::Result<Profile> load(const QString& name);
-    //! Writes the profile and makes it the one of the last login.
+    //! Writes the profile, with a copy of its certificates, and makes it the one of the last login.
     static orx::Error save(const Profile& profile);
     static QStringList names();
 

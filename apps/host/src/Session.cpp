@@ -4,6 +4,7 @@
 #include "Quantities.h"
 #include "TokenStore.h"
 
+#include <CurlTransport.h>
 #include <HalvaneConnection.h>
 #include <HalvaneError.h>
 #include <NetworkError.h>
@@ -13,6 +14,7 @@
 namespace halvane::host {
 
 using orx::BaseTask;
+using orx::CurlTransport;
 using orx::Error;
 using orx::ErrorDomain;
 using orx::HalvaneConnection;
@@ -40,11 +42,18 @@ Result<HalvaneUserSettings> userSettings() {
     return settings;
 }
 
+void trust(const Profile& profile) {
+    CurlTransport::Options options;
+    options.caFile = profile.caFile;
+    CurlTransport::setDefaultOptions(options);
+}
+
 } // namespace
 
-void Session::connectTo(const QUrl& url) {
+void Session::connectTo(const Profile& profile) {
+    trust(profile);
     HalvaneConnection& connection = HalvaneConnection::instance();
-    connection.setSettings(HalvaneSettings(HalvaneMachineSettings(url), HalvaneUserSettings()));
+    connection.setSettings(HalvaneSettings(HalvaneMachineSettings(profile.url), HalvaneUserSettings()));
     connection.setCredentials({}, {});
 }
 
@@ -57,6 +66,7 @@ Result<Profile> Session::open(const QString& requestedProfile) {
     ORX_RETURN_ON_ERROR(token.error());
     const Result<HalvaneUserSettings> settings = userSettings();
     ORX_RETURN_ON_ERROR(settings.error());
+    trust(profile.value());
     HalvaneConnection& connection = HalvaneConnection::instance();
     connection.setSettings(HalvaneSettings(HalvaneMachineSettings(profile->url), settings.value()));
     connection.setCredentials(profile->userName, token.value());
@@ -71,7 +81,7 @@ LoginTask::LoginTask(const Profile& profile, const QString& password, QObject* p
 LoginTask::~LoginTask() = default;
 
 Error LoginTask::initialize() {
-    Session::connectTo(m_profile.url);
+    Session::connectTo(m_profile);
     auto login = std::make_unique<HalvaneLoginTask>(m_profile.userName, m_password);
     HalvaneLoginTask* raw = login.get();
     const auto onSuccess = [this, raw](BaseTask*) {
