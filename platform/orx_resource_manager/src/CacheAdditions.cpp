@@ -22,8 +22,10 @@ public:
     const CacheSubPath place;
     const Expected expected;
     const Cancel cancel;
-    //! Keep fills of the entry waiting and the sweep from taking the content for a leftover.
+    //! Keep fills of the entry waiting, other content away from the place, and the sweep from taking what is
+    //! there for a leftover.
     std::optional<CacheLock> fill;
+    std::optional<CacheLock> write;
     std::optional<CacheLock> sweep;
     //! The writer and the works it deferred to.
     int parts = 1;
@@ -135,8 +137,11 @@ Error CacheAdditions::beginWriting(Writing& writing) {
         return root.error();
     CacheLocks& locks = *(*root)->locks;
     writing.fill = locks.tryExclusive(CacheLocks::offset(writing.place.key(), CacheLocks::kFill));
-    writing.sweep = locks.tryShared(CacheLocks::kSweep);
-    if (!writing.fill || !writing.sweep)
+    if (writing.fill)
+        writing.write = locks.tryExclusive(CacheLocks::offset(writing.place.key(), CacheLocks::kWrite));
+    if (writing.write)
+        writing.sweep = locks.waitShared(CacheLocks::kSweep);
+    if (!writing.sweep)
         return CacheStore::busy(writing.place.text());
     ORX_RETURN_ON_ERROR(m_store->remove(writing.place));
     const auto parent = m_store->ensureParent(writing.place);
@@ -211,10 +216,12 @@ Error CacheAdditions::sealWritten(Writing& writing, const CancelFlag& cancel) {
         return m_store->sealInPlace(writing.place, *payload);
     };
     const Error error = attempt();
+    // Nobody else brings anything there before the locks are released.
     if (error.hasError()) {
         if (const Error cleared = m_store->clearPlace(writing.place); cleared.hasError())
             qCWarning(cacheLog).noquote() << cleared.errorMessage();
     }
+    writing.write.reset();
     writing.fill.reset();
     writing.sweep.reset();
     if (!error.hasError())

@@ -1,6 +1,7 @@
 #include "CacheFill.h"
 
 #include "CacheKeeper.h"
+#include "CacheSweeper.h"
 
 #include <QCoreApplication>
 
@@ -41,6 +42,7 @@ Result<CacheFill::Begun> CacheFill::begin() {
     m_fill = (*root)->locks->tryExclusive(CacheLocks::offset(m_place.key(), CacheLocks::kFill));
     if (!m_fill)
         return waitForOther();
+    ORX_RETURN_ON_ERROR(clearBeside());
     // Before the look, so that nobody removes what was seen.
     auto use = m_store->tryUse(m_place);
     const auto record = m_store->valid(m_place, CachePayload::Depth::Everything);
@@ -65,6 +67,13 @@ Result<CacheFill::Begun> CacheFill::begin() {
 void CacheFill::hold(CacheLock use) {
     m_lease = std::move(use);
     m_store->noteUse(m_place);
+}
+
+Error CacheFill::clearBeside() {
+    if (m_neighbours == ResourceCache::Neighbours::Kept)
+        return Error();
+    ResourceCache::PruneReport report;
+    return CacheSweeper(*m_store, report).clearBeside(m_place);
 }
 
 //! What is under the final name comes from a fill that ended before it knew whether it was whole: nothing can
@@ -158,6 +167,8 @@ Error CacheFill::finish(const QByteArray& sha256, const QString& expected,
         return CacheStore::busy(m_place.text());
     ORX_RETURN_ON_ERROR(m_store->seal(m_place, staging->get(), m_place.name(), *payload));
     hold(std::move(*use));
+    // What was put there while the content was fetched, too.
+    const Error cleared = clearBeside();
     // The entry is there; what follows is housekeeping. The next fill of it would take what is left here for
     // the beginning of its own.
     const Error swept = removeTree((*root)->staging.get(), stagingName(), directory());
@@ -165,7 +176,7 @@ Error CacheFill::finish(const QByteArray& sha256, const QString& expected,
     if (swept.hasError())
         qCWarning(cacheLog).noquote() << swept.errorMessage();
     CacheKeeper(*m_store).keepUp(limits);
-    return Error();
+    return cleared;
 }
 
 } // namespace orx

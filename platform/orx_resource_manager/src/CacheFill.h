@@ -19,8 +19,9 @@ public:
         Fetch    //!< the content is to be brought
     };
 
-    CacheFill(std::shared_ptr<CacheStore> store, const CacheSubPath& place, ResourceCache::FillMode mode)
-        : m_store(std::move(store)), m_place(place), m_mode(mode) {}
+    CacheFill(std::shared_ptr<CacheStore> store, const CacheSubPath& place, ResourceCache::FillMode mode,
+              ResourceCache::Neighbours neighbours)
+        : m_store(std::move(store)), m_place(place), m_mode(mode), m_neighbours(neighbours) {}
 
     Result<Begun> begin();
     //! Whether the fetch may find content in directory() under the place's name.
@@ -43,12 +44,14 @@ private:
     QByteArray stagingName() const { return "fill-" + m_place.key(); }
     Result<Begun> waitForOther();
     void hold(CacheLock use);
+    Error clearBeside();
     Error prepareDirectory(const CacheRoot& root, const CachePayload* entry);
     Error linkEntry(int directory, const CachePayload& entry) const;
 
     std::shared_ptr<CacheStore> m_store;
     CacheSubPath m_place;
     ResourceCache::FillMode m_mode;
+    ResourceCache::Neighbours m_neighbours;
     //! When the entry that is there while another fill is waited for was made.
     std::optional<QDateTime> m_addedBefore;
     bool m_hasWaited = false;

@@ -159,8 +159,11 @@ Result<ResourceCache::PruneReport> CacheKeeper::prune(const ResourceCache::Limit
     }
     m_store.keepReserve();
     const bool isNothingDone = report.removed.isEmpty() && report.leftoverBytes == 0;
-    if (error.hasError() && isNothingDone)
+    if (error.hasError() && isNothingDone) {
+        for (const QString& problem : report.problems)
+            error.addWarning(problem);
         return error;
+    }
     if (error.hasError())
         report.problems << error.errorMessage();
     return report;

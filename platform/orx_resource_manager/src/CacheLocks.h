@@ -40,7 +40,9 @@ public:
     static constexpr int kFill = 1;
     //! Exclusive while what lies at an entry's place and its record are exchanged: short.
     static constexpr int kPlace = 2;
-    //! Shared by who brings content to its place, exclusive for who looks for content without record.
+    //! Shared by who exchanges content, exclusive for a writer that makes it at the place itself.
+    static constexpr int kWrite = 3;
+    //! Shared by who brings content to its place, exclusive for who takes content without record away: short.
     static constexpr qint64 kSweep = 0;
     //! Exclusive for who sets a damaged database aside.
     static constexpr qint64 kDatabase = 1;

@@ -132,20 +132,30 @@ void writeItems(SQLite::Database& database, qint64 id, const CachePayload& paylo
     }
 }
 
-//! Whether another entry holds the place, or the place others.
-bool overlaps(SQLite::Database& database, const QString& subPath) {
+bool isEntry(SQLite::Database& database, const QString& subPath) {
     SQLite::Statement at(database, "SELECT 1 FROM entries WHERE sub_path = ?");
-    for (qsizetype end = subPath.lastIndexOf(u'/'); end > 0; end = subPath.lastIndexOf(u'/', end - 1)) {
-        at.bind(1, subPath.left(end).toStdString());
-        if (at.executeStep())
+    at.bind(1, subPath.toStdString());
+    return at.executeStep();
+}
+
+bool isWithinEntry(SQLite::Database& database, const QString& subPath) {
+    for (qsizetype end = subPath.lastIndexOf(u'/'); end > 0; end = subPath.lastIndexOf(u'/', end - 1))
+        if (isEntry(database, subPath.left(end)))
             return true;
-        at.reset();
-    }
+    return false;
+}
+
+bool isAboveEntries(SQLite::Database& database, const QString& subPath) {
     // What lies below begins with the sub-path and "/"; "0" is the character after it.
     SQLite::Statement below(database, "SELECT 1 FROM entries WHERE sub_path > ? AND sub_path < ? LIMIT 1");
     below.bind(1, (subPath + u'/').toStdString());
     below.bind(2, (subPath + u'0').toStdString());
     return below.executeStep();
+}
+
+//! Whether another entry holds the place, or the place others.
+bool overlaps(SQLite::Database& database, const QString& subPath) {
+    return isWithinEntry(database, subPath) || isAboveEntries(database, subPath);
 }
 
 void writeEntry(SQLite::Database& database, const QString& subPath, const CachePayload& payload) {
@@ -223,6 +233,18 @@ Result<bool> CacheRecords::isTaken(const QString& subPath) {
         isOverlapping = overlaps(database, subPath);
     }));
     return isOverlapping;
+}
+
+Result<std::vector<CacheRecords::Tie>> CacheRecords::ties(const QStringList& subPaths) {
+    std::vector<Tie> ties;
+    ORX_RETURN_ON_ERROR(m_file.run(SqliteFile::Access::Read, [&](SQLite::Database& database) {
+        ties.clear();
+        for (const QString& subPath : subPaths)
+            ties.push_back(isEntry(database, subPath) || isWithinEntry(database, subPath) ? Tie::Entry
+                           : isAboveEntries(database, subPath)                            ? Tie::Above
+                                                                                          : Tie::None);
+    }));
+    return ties;
 }
 
 Error CacheRecords::setPolicy(const QString& subPath, ResourceCleanupPolicy policy) {

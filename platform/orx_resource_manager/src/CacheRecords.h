@@ -59,8 +59,16 @@ public:
     Result<qint64> totalBytes();
     //! What is to be removed to keep the bounds, the first to go first; without \a spared, which stay.
     Result<std::vector<Record>> beyond(const Bounds& bounds, const QSet<qint64>& spared);
-    //! Whether there is an entry at \a subPath, within which it lies, or below it.
+    //! Whether \a subPath lies within an entry, or there are entries below it.
     Result<bool> isTaken(const QString& subPath);
+    //! What a place has to do with the entries.
+    enum class Tie {
+        None,
+        Entry, //!< it is one, or lies within one
+        Above  //!< entries lie below it
+    };
+    //! Of each of \a subPaths.
+    Result<std::vector<Tie>> ties(const QStringList& subPaths);
 
 private:
     SqliteFile m_file;

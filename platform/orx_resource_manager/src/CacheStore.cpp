@@ -192,6 +192,25 @@ Result<CacheDescriptor> CacheStore::ensureParent(const CacheSubPath& place) {
     }
 }
 
+namespace {
+
+//! Why what lies at a place is not what its record tells; empty when it is. A link in a directory is a damage
+//! of it, one at the place an error.
+Result<QString> differenceAt(int parent, const QByteArray& name, const QString& shown,
+                             const CacheRecords::Record& record, CachePayload::Depth depth) {
+    auto disk = CachePayload::look(parent, name, shown, CachePayload::Depth::Top);
+    if (disk && disk->type == PathType::Dir && depth == CachePayload::Depth::Everything) {
+        disk = CachePayload::look(parent, name, shown, depth);
+        if (disk.hasError() && disk.error().is(ErrorCode::InvalidArgument))
+            return disk.errorMessage();
+    }
+    if (disk.hasError())
+        return std::move(disk).error();
+    return record.isDamaged ? translated("its content is damaged") : record.payload.differenceFrom(*disk);
+}
+
+} // namespace
+
 Result<CacheRecords::Record> CacheStore::valid(const CacheSubPath& place, CachePayload::Depth depth) {
     const auto opened = root();
     if (opened.hasError())
@@ -203,19 +222,26 @@ Result<CacheRecords::Record> CacheStore::valid(const CacheSubPath& place, CacheP
     const auto parent = openParent(place);
     if (parent.hasError())
         return parent.error();
-    const auto disk = CachePayload::look(parent->get(), place.name(), placePath(place), depth);
-    if (disk.hasError())
-        return disk.error();
-    const QString difference =
-        record->isDamaged ? translated("its content is damaged") : record->payload.differenceFrom(*disk);
-    if (difference.isEmpty())
+    const auto difference = differenceAt(parent->get(), place.name(), placePath(place), *record, depth);
+    if (difference.hasError())
+        return difference.error();
+    if (difference->isEmpty())
         return record;
     // So that a look at its top shows it, too.
     if (!isQuick && !record->isDamaged && record->payload.type == PathType::Dir)
         if (const Error error = m_work.setDamaged(*record); error.hasError())
             qCWarning(cacheLog).noquote() << error.errorMessage();
     return Error(ErrorCode::NotFound,
-                 translated("\"%1\" in the cache is not whole: %2.").arg(place.text(), difference));
+                 translated("\"%1\" in the cache is not whole: %2.").arg(place.text(), *difference));
+}
+
+bool CacheStore::isAlone(const CacheSubPath& place) {
+    const auto parent = openParent(place);
+    if (parent.hasError())
+        return false;
+    return !forEachName(parent->get(), placePath(place), [&](const QByteArray& name) {
+                return name == place.name() ? Error() : Error(ErrorCode::AlreadyExists, QString());
+            }).hasError();
 }
 
 std::optional<CacheLock> CacheStore::tryUse(const CacheSubPath& place) {
@@ -265,9 +291,12 @@ Error CacheStore::seal(const CacheSubPath& place, int staging, const QByteArray&
     if (opened.hasError())
         return opened.error();
     CacheLocks& locks = *(*opened)->locks;
-    const auto sweep = locks.waitShared(CacheLocks::kSweep);
-    const auto lock = locks.waitExclusive(CacheLocks::offset(place.key(), CacheLocks::kPlace));
-    if (!sweep || !lock)
+    // What a writer makes at the place would be exchanged under its hands.
+    const auto write = locks.tryShared(CacheLocks::offset(place.key(), CacheLocks::kWrite));
+    const auto sweep = write ? locks.waitShared(CacheLocks::kSweep) : std::nullopt;
+    const auto lock =
+        sweep ? locks.waitExclusive(CacheLocks::offset(place.key(), CacheLocks::kPlace)) : std::nullopt;
+    if (!lock)
         return busy(place.text());
     const auto taken = m_work.isTaken(place.text());
     if (taken.hasError())

@@ -48,6 +48,8 @@ public:
     //! alone, without its items, it costs a few calls, whatever the entry holds and whoever writes records.
     //! A directory of which a look at everything shows that it is not whole is recorded as damaged.
     Result<CacheRecords::Record> valid(const CacheSubPath& place, CachePayload::Depth depth);
+    //! Whether nothing else is in the directory that holds the place. A few calls, whatever is there.
+    bool isAlone(const CacheSubPath& place);
     //! Keeps what lies at the place from being removed; none while somebody removes it.
     std::optional<CacheLock> tryUse(const CacheSubPath& place);
     //! The same, but waits for who removes it.

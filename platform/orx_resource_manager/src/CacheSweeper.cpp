@@ -2,6 +2,7 @@
 
 #include <QDateTime>
 #include <QFile>
+#include <QThread>
 #include <QUuid>
 
 #include <cstdio>
@@ -18,6 +19,10 @@ namespace {
 constexpr qint64 kDayMs = 24 * 60 * 60 * 1000;
 //! In the state directory; its time is that of the last sweep.
 constexpr const char* kSweptName = "swept";
+//! Leftovers for which the lock of the sweep is held at a time, and the time in between, in which those who
+//! look for the lock every 2 ms find it.
+constexpr qsizetype kTakenAtOnce = 64;
+constexpr unsigned long kPauseMs = 5;
 
 //! By a clock that may have been wrong when the time was taken: what lies far ahead is as old as what lies
 //! far back.
@@ -25,21 +30,21 @@ bool isWithinADay(const struct stat& status) {
     return std::llabs(QDateTime::currentMSecsSinceEpoch() - modifiedNs(status) / 1'000'000) < kDayMs;
 }
 
-//! Whether a directory or something directly in it was touched within a day.
+//! Whether a directory or something in it was touched within a day.
 bool isFresh(int parent, const QByteArray& name) {
-    bool isAnyFresh = false;
-    const auto see = [&isAnyFresh](int directory, const QByteArray& entry) {
-        struct stat status {};
-        isAnyFresh =
-            isAnyFresh || (::fstatat(directory, entry.constData(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
-                           isWithinADay(status));
-        return Error();
+    struct stat status {};
+    if (::fstatat(parent, name.constData(), &status, AT_SYMLINK_NOFOLLOW) != 0)
+        return false;
+    if (isWithinADay(status))
+        return true;
+    if (!S_ISDIR(status.st_mode))
+        return false;
+    const auto directory = openDirectory(parent, name, QString());
+    // Ends at the first one.
+    const auto look = [&](const QByteArray& entry) {
+        return isFresh(directory->get(), entry) ? Error(ErrorCode::AlreadyExists, QString()) : Error();
     };
-    Error ignored = see(parent, name);
-    if (const auto directory = openDirectory(parent, name, QString()))
-        ignored = forEachName(directory->get(), QString(),
-                              [&](const QByteArray& entry) { return see(directory->get(), entry); });
-    return isAnyFresh;
+    return directory && forEachName(directory->get(), QString(), look).is(ErrorCode::AlreadyExists);
 }
 
 //! What its removal gives back: files that have other names stay.
@@ -68,12 +73,15 @@ Result<QByteArrayList> namesIn(int directory, const QString& shown) {
     return names;
 }
 
-//! Takes away what is neither an entry nor on the way to one.
-class ContentSweep {
+bool isKept(const struct stat& status) {
+    return S_ISREG(status.st_mode) || S_ISDIR(status.st_mode);
+}
+
+//! Finds what seems to be neither an entry nor on the way to one, while others go on bringing content.
+class LeftoverSearch {
 public:
-    ContentSweep(const std::vector<CacheRecords::Record>& records, int staging,
-                 std::function<void(const Error&)> note)
-        : m_staging(staging), m_note(std::move(note)) {
+    LeftoverSearch(const std::vector<CacheRecords::Record>& records, std::function<void(const Error&)> note)
+        : m_note(std::move(note)) {
         for (const CacheRecords::Record& record : records) {
             const QByteArray path = QFile::encodeName(record.entry.subPath);
             m_entries.insert(path);
@@ -82,7 +90,8 @@ public:
         }
     }
 
-    void sweep(int directory, const QByteArray& prefix, const QString& shown) const {
+    //! Sub-paths of what is below \a directory.
+    void search(int directory, const QByteArray& prefix, const QString& shown, QByteArrayList& found) const {
         const auto names = namesIn(directory, shown);
         m_note(names.error());
         if (names.hasError())
@@ -90,28 +99,22 @@ public:
         for (const QByteArray& name : *names) {
             const QByteArray path = prefix + name;
             const QString childShown = shown + u'/' + QFile::decodeName(name);
-            if (m_entries.contains(path))
+            struct stat status {};
+            if (m_entries.contains(path) &&
+                (::fstatat(directory, name.constData(), &status, AT_SYMLINK_NOFOLLOW) != 0 || isKept(status)))
                 continue;
             const auto child = m_above.contains(path) ? openDirectory(directory, name, childShown)
                                                       : Result<CacheDescriptor>(CacheDescriptor());
             if (child && child->isOpen())
-                sweep(child->get(), path + '/', childShown);
+                search(child->get(), path + '/', childShown, found);
             else
-                take(directory, name, childShown);
+                found << path;
         }
     }
 
 private:
-    //! At once, whatever its size, so that nobody who brings content waits for long.
-    void take(int directory, const QByteArray& name, const QString& shown) const {
-        const QByteArray gone = "gone-" + QUuid::createUuid().toByteArray(QUuid::Id128);
-        if (::renameat(directory, name.constData(), m_staging, gone.constData()) != 0 && errno != ENOENT)
-            m_note(systemError("Could not take \"%1\" out of the cache", shown));
-    }
-
     QSet<QByteArray> m_entries;
     QSet<QByteArray> m_above;
-    int m_staging;
     std::function<void(const Error&)> m_note;
 };
 
@@ -152,18 +155,86 @@ void CacheSweeper::sweep() {
 }
 
 void CacheSweeper::takeContent(const CacheRoot& root) {
-    const auto lock = root.locks->tryExclusive(CacheLocks::kSweep);
-    // Somebody brings content just then: the next time.
-    if (!lock)
-        return;
     const auto records = m_store.records().all();
     note(records.error());
     if (records.hasError())
         return;
-    ContentSweep(*records, root.staging.get(), [this](const Error& error) {
+    QByteArrayList found;
+    LeftoverSearch(*records, [this](const Error& error) {
         note(error);
-    }).sweep(root.content.get(), QByteArray(), m_store.contentDir());
+    }).search(root.content.get(), QByteArray(), m_store.contentDir(), found);
+    for (qsizetype at = 0; at < found.size(); at += kTakenAtOnce) {
+        // For those who wait to bring content.
+        if (at > 0)
+            QThread::msleep(kPauseMs);
+        const auto lock = root.locks->tryExclusive(CacheLocks::kSweep);
+        // Somebody brings content just then: the next time.
+        if (!lock)
+            return;
+        take(root, found.mid(at, kTakenAtOnce));
+    }
     markSwept(root);
+}
+
+//! What of \a paths is left over, now that nobody brings content. Each at once, whatever its size, so that
+//! nobody waits for long.
+QByteArrayList CacheSweeper::take(const CacheRoot& root, const QByteArrayList& paths) {
+    QStringList subPaths;
+    for (const QByteArray& path : paths)
+        subPaths << QFile::decodeName(path);
+    const auto ties = m_store.records().ties(subPaths);
+    note(ties.error());
+    QByteArrayList taken;
+    for (qsizetype i = 0; ties && i < paths.size(); ++i) {
+        const QString shown = m_store.contentDir() + u'/' + subPaths.at(i);
+        QByteArrayList above = paths.at(i).split('/');
+        const QByteArray name = above.takeLast();
+        const auto parent = openDirectories(root.content.get(), above, shown);
+        struct stat status {};
+        if (!parent || ::fstatat(parent->get(), name.constData(), &status, AT_SYMLINK_NOFOLLOW) != 0)
+            continue;
+        const auto tie = (*ties)[size_t(i)];
+        const bool isInTheWay = tie == CacheRecords::Tie::Above && !S_ISDIR(status.st_mode);
+        if (tie != CacheRecords::Tie::None && isKept(status) && !isInTheWay)
+            continue;
+        const QByteArray gone = "gone-" + QUuid::createUuid().toByteArray(QUuid::Id128);
+        if (::renameat(parent->get(), name.constData(), root.staging.get(), gone.constData()) == 0)
+            taken << gone;
+        else if (errno != ENOENT)
+            note(systemError("Could not take \"%1\" out of the cache", shown));
+    }
+    return taken;
+}
+
+Error CacheSweeper::clearBeside(const CacheSubPath& place) {
+    const auto root = m_store.root();
+    if (root.hasError())
+        return root.error();
+    const auto parent = m_store.openParent(place);
+    // Who asks for the entry is told what else is wrong with the way to it.
+    if (parent.hasError())
+        return Error();
+    const auto names = namesIn(parent->get(), m_store.placePath(place));
+    if (names.hasError())
+        return names.error();
+    QByteArrayList paths;
+    QByteArrayList path = place.components();
+    for (const QByteArray& name : *names) {
+        path.last() = name;
+        if (name != place.name())
+            paths << path.join('/');
+    }
+    if (paths.isEmpty())
+        return Error();
+    const auto lock = (*root)->locks->waitExclusive(CacheLocks::kSweep);
+    if (!lock)
+        return CacheStore::busy(place.text());
+    const QByteArrayList taken = take(**root, paths);
+    if (!m_report.problems.isEmpty())
+        return Error(ErrorCode::General, m_report.problems.join(u' '));
+    for (const QByteArray& gone : taken)
+        note(removeTree((*root)->staging.get(), gone, m_store.stagingDir() + u'/' + QFile::decodeName(gone)));
+    return Error();
 }
 
 //! The names are "fill-", "add-" and "gone-" with the key of their lock.

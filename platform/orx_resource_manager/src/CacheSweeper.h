@@ -17,12 +17,16 @@ public:
     void sweepIfDue();
     //! What fetches, additions and sweeps left when they were cut off. Needs no records.
     void sweepStaging();
+    //! What lies beside a place, in the directory that holds it, without being an entry or on the way to one.
+    //! An error when some of it may still be there.
+    Error clearBeside(const CacheSubPath& place);
 
 private:
     bool isDue(const CacheRoot& root) const;
     void markSwept(const CacheRoot& root);
-    //! Moves content without records to the staging directory.
+    //! Moves content without records, and what is no content, to the staging directory.
     void takeContent(const CacheRoot& root);
+    QByteArrayList take(const CacheRoot& root, const QByteArrayList& paths);
     void note(const Error& error);
 
     CacheStore& m_store;

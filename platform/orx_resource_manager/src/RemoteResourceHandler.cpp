@@ -161,7 +161,7 @@ std::unique_ptr<Task> RemoteResourceHandler::takeEntryTask(const QString& subPat
     return cache()->fillTask(
         reference(), subPath,
         [refusal](const DirPath&) -> std::unique_ptr<Task> { return std::make_unique<RefusedTask>(refusal); },
-        ResourceCache::FillMode::LookOnly);
+        ResourceCache::FillMode::LookOnly, ResourceCache::Neighbours::Removed);
 }
 
 std::unique_ptr<Task>
@@ -188,7 +188,8 @@ std::unique_ptr<Task> RemoteResourceHandler::fetchTask(const std::function<Error
         },
         isChanging                      ? ResourceCache::FillMode::Update
         : mode == RetrieveMode::Refresh ? ResourceCache::FillMode::Anew
-                                        : ResourceCache::FillMode::Missing);
+                                        : ResourceCache::FillMode::Missing,
+        ResourceCache::Neighbours::Removed);
     Instead instead;
     if (isChanging && mode == RetrieveMode::CacheFirst)
         instead = [this, self, subPath](const Error& refusal) { return takeEntryTask(subPath, refusal); };
@@ -203,7 +204,7 @@ std::optional<std::unique_ptr<Task>> RemoteResourceHandler::retrieveTask() {
     std::optional<ResourceCacheLease> lease;
     if (mode == RetrieveMode::CacheOnly || (mode == RetrieveMode::CacheFirst && !isChanging))
         lease = cache()->lease(subCachePath());
-    if (lease && lease->isWhole()) {
+    if (lease && lease->isWhole() && cache()->isAlone(subCachePath())) {
         d->lease = std::move(lease);
         return std::nullopt;
     }

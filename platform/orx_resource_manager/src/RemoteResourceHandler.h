@@ -49,7 +49,9 @@ protected:
     //! Brings the resource into \a targetDir, under the last component of subCachePath(). A task that is a
     //! MirroringInterface is made to mirror.
     virtual std::unique_ptr<Task> retrieveTask(const PathImpl<PathType::Dir>& targetDir) = 0;
-    //! Names the resource's place below the cache's content root; components joined with "/".
+    //! Names the resource's place below the cache's content root; components joined with "/". The directory
+    //! that holds the place belongs to the resource: a retrieval removes what is there beside it without
+    //! being an entry of the cache, or on the way to one.
     virtual QString subCachePath() const = 0;
 
 private:

@@ -169,6 +169,11 @@ std::optional<ResourceCacheLease> ResourceCache::leaseFilled(const QString& subP
     return lock ? std::optional(leaseOf(*place, std::move(*lock), true)) : std::nullopt;
 }
 
+bool ResourceCache::isAlone(const QString& subPath) const {
+    const auto place = d->store->parse(subPath);
+    return place && d->store->isAlone(*place);
+}
+
 ResourceCacheLease ResourceCache::leaseOf(const CacheSubPath& place, CacheLock lock, bool isWhole) {
     d->store->noteUse(place);
     // Neither the record of the use nor its transaction holds the caller up.
@@ -225,14 +230,14 @@ std::unique_ptr<Task> ResourceCache::markDamagedTask(const QString& subPath, con
 
 std::unique_ptr<Task> ResourceCache::fillTask(const ResourceReferenceSPtr& reference, const QString& subPath,
                                               std::function<std::unique_ptr<Task>(const DirPath&)> fetch,
-                                              FillMode mode) {
+                                              FillMode mode, Neighbours neighbours) {
     const auto place = d->store->parse(subPath);
     if (place.hasError())
         return std::make_unique<WorkerStepTask>(QStringLiteral("Refuse to fill the cache"),
                                                 [error = place.error()] { return error; });
     const auto settings = d->settings;
     return std::make_unique<CacheFillTask>(
-        std::make_shared<CacheFill>(d->store, *place, mode), std::move(fetch),
+        std::make_shared<CacheFill>(d->store, *place, mode, neighbours), std::move(fetch),
         [settings, reference] { return settings->checksum(reference); },
         [settings] { return settings->limits(); });
 }

@@ -113,10 +113,16 @@ public:
         Missing,  //!< a valid entry is taken as it is
         LookOnly, //!< as Missing; the fetch brings nothing, it says why there is nothing. What an interrupted
                   //!< fill left stays
-        Anew,  //!< fetched anew
+        Anew,     //!< fetched anew
         Update //!< as Anew, but the fetch finds in its directory the files of a directory entry, or what an
                //!< interrupted update left, and brings that up to date. For a task that is a
                //!< MirroringInterface; any other finds nothing
+    };
+    //! What a fill does about what lies in the directory that holds the place and is neither an entry nor on
+    //! the way to one: somebody put it there, or left it.
+    enum class Neighbours {
+        Kept,   //!< until the next sweep
+        Removed //!< that directory belongs to the resource: all of it may be copied to users
     };
     //! What the server said the content of a resource is; hexadecimal SHA-256, empty when unknown. Called on
     //! the thread that adds or fills; must not block.
@@ -158,7 +164,8 @@ public:
     //! one of the same entry to resume. The task ends when the entry is durable and visible, with progress of
     //! the fetch. Thread: the owner's.
     std::unique_ptr<Task> fillTask(const ResourceReferenceSPtr& reference, const QString& subPath,
-                                   std::function<std::unique_ptr<Task>(const DirPath&)> fetch, FillMode mode);
+                                   std::function<std::unique_ptr<Task>(const DirPath&)> fetch, FillMode mode,
+                                   Neighbours neighbours = Neighbours::Kept);
 
     //! See RemoteResourceHandler::addToCache(). Thread: one with an event loop or WorkerPool completions.
     //! The first fails for a source that cannot be opened or is larger than the cache may be; what is wrong
@@ -190,6 +197,8 @@ private:
     friend class RemoteResourceHandler;
     //! A lease of an entry that a fill of this thread has just leased: it is not looked at again.
     std::optional<ResourceCacheLease> leaseFilled(const QString& subPath);
+    //! Whether nothing else is in the directory that holds the place.
+    bool isAlone(const QString& subPath) const;
     ResourceCacheLease leaseOf(const class CacheSubPath& place, class CacheLock lock, bool isWhole);
 
     struct Private;

@@ -65,26 +65,50 @@ protected:
     void doCancel() override { finish(Error()); }
 };
 
+//! The locks of a cache (docs/cache.md) as another process sees them. What it holds is free when it goes.
+class OtherLocks {
+public:
+    enum Which { Use, Fill, Place, Write };
+    static constexpr off_t kSweep = 0;
+    static off_t of(const QString& subPath, Which which) {
+        return (sha256(subPath.toUtf8()).left(15).toLongLong(nullptr, 16) << 2) + 4 + which;
+    }
+
+    explicit OtherLocks(const QString& root)
+        : m_locks(::open(QFile::encodeName(root + QStringLiteral("/state/locks")).constData(),
+                         O_RDWR | O_CLOEXEC)) {
+        EXPECT_GE(m_locks, 0);
+    }
+    ~OtherLocks() { ::close(m_locks); }
+    OtherLocks(const OtherLocks&) = delete;
+    OtherLocks& operator=(const OtherLocks&) = delete;
+
+    void hold(off_t byte) { EXPECT_EQ(control(F_OFD_SETLKW, F_WRLCK, byte), F_WRLCK); }
+    void release(off_t byte) { EXPECT_EQ(control(F_OFD_SETLK, F_UNLCK, byte), F_UNLCK); }
+    //! By somebody else.
+    bool isHeld(off_t byte) const { return control(F_OFD_GETLK, F_WRLCK, byte) != F_UNLCK; }
+
+private:
+    int control(int command, short type, off_t byte) const {
+        struct flock range {};
+        range.l_type = type;
+        range.l_whence = SEEK_SET;
+        range.l_start = byte;
+        range.l_len = 1;
+        return ::fcntl(m_locks, command, &range) == 0 ? range.l_type : -1;
+    }
+    int m_locks;
+};
+
 //! Keeps what is brought to the place of an entry waiting while it lives.
 class HeldPlace {
 public:
-    HeldPlace(const QString& root, const QString& subPath)
-        : m_locks(::open(QFile::encodeName(root + QStringLiteral("/state/locks")).constData(),
-                         O_RDWR | O_CLOEXEC)) {
-        // docs/cache.md, Locks: the third byte of the entry.
-        struct flock range {};
-        range.l_type = F_WRLCK;
-        range.l_whence = SEEK_SET;
-        range.l_start = (sha256(subPath.toUtf8()).left(15).toLongLong(nullptr, 16) << 2) + 4 + 2;
-        range.l_len = 1;
-        EXPECT_EQ(::fcntl(m_locks, F_OFD_SETLKW, &range), 0);
+    HeldPlace(const QString& root, const QString& subPath) : m_locks(root) {
+        m_locks.hold(OtherLocks::of(subPath, OtherLocks::Place));
     }
-    ~HeldPlace() { ::close(m_locks); }
-    HeldPlace(const HeldPlace&) = delete;
-    HeldPlace& operator=(const HeldPlace&) = delete;
 
 private:
-    int m_locks;
+    OtherLocks m_locks;
 };
 
 //! Processes events until \a done.

@@ -3,6 +3,7 @@
 
 #include <WorkerPool.h>
 
+#include <atomic>
 #include <future>
 #include <latch>
 
@@ -393,4 +394,53 @@ TEST_F(CacheAddTest, AWriterDoesNotTakeAwayWhatIsInUse) {
     ASSERT_TRUE(lease && lease->isHeld());
     EXPECT_TRUE(cache.add(nullptr, kEntry, [] { return Error(); }).is(ErrorCode::Busy));
     EXPECT_TRUE(cache.contains(kEntry));
+}
+
+TEST_F(CacheAddTest, AWriterWaitsForWhoTakesLeftoversAway) {
+    ASSERT_FALSE(fill(u"other"_qs, "makes the directories").hasError());
+    orx::testing::OtherLocks locks(root());
+    locks.hold(orx::testing::OtherLocks::kSweep);
+    std::atomic<bool> isDone = false;
+    // Until the writer's addition has begun: it holds the fill of the entry.
+    const auto sweep = std::async(std::launch::async, [&] {
+        while (!isDone && !locks.isHeld(orx::testing::OtherLocks::of(kEntry, orx::testing::OtherLocks::Fill)))
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        locks.release(orx::testing::OtherLocks::kSweep);
+    });
+    const Error error = cache.add(nullptr, kEntry, [&] {
+        EXPECT_TRUE(orx::testing::writeFile(placeOf(kEntry), "written"));
+        return Error();
+    });
+    isDone = true;
+    EXPECT_FALSE(error.hasError()) << qPrintable(error.errorMessage());
+    EXPECT_TRUE(cache.waitForPending().isEmpty());
+    EXPECT_TRUE(cache.contains(kEntry));
+}
+
+TEST_F(CacheAddTest, NothingElseComesWhereAWriterIsAtWork) {
+    std::shared_ptr<ResourceCacheWork> work;
+    const auto beginToWrite = [&] {
+        EXPECT_TRUE(orx::testing::writeFile(placeOf(kEntry), "half"));
+        work = cache.deferSeal(kEntry);
+        return Error();
+    };
+    // The copy has its turn before what is written is sealed.
+    ASSERT_FALSE(cache.add(nullptr, kEntry, beginToWrite).hasError());
+    ASSERT_FALSE(addFile("copied").hasError());
+    ASSERT_TRUE(orx::testing::writeFile(placeOf(kEntry), "written"));
+    work->finished(Error());
+    EXPECT_EQ(cache.waitForPending().size(), 1);
+    EXPECT_TRUE(cache.contains(kEntry));
+    EXPECT_EQ(orx::testing::readFile(placeOf(kEntry)), "written");
+
+    ASSERT_FALSE(cache.add(nullptr, kEntry, beginToWrite).hasError());
+    ASSERT_FALSE(addFile("copied").hasError());
+    work->finished(Error(ErrorCode::General, u"out of ink"_qs));
+    EXPECT_EQ(cache.waitForPending().size(), 2);
+    EXPECT_FALSE(cache.contains(kEntry));
+    EXPECT_FALSE(QFileInfo::exists(placeOf(kEntry)));
+    EXPECT_TRUE(subPaths().isEmpty());
+    ASSERT_FALSE(addFile("copied").hasError());
+    EXPECT_TRUE(cache.waitForPending().isEmpty());
+    EXPECT_EQ(orx::testing::readFile(placeOf(kEntry)), "copied");
 }

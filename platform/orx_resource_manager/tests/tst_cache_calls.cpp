@@ -1,9 +1,14 @@
 // What looks at a cache and adds to it on the thread of an event loop takes a few calls, however much there
-// is to look at. The calls are counted, so that this is a program of its own.
+// is to look at; and what is brought to its place on file systems that cannot exchange two names. The calls
+// are counted, or fail as they do there, so that this is a program of its own.
 #include "CacheFixture.h"
 
 #include "RemoteResourceHandler.h"
 
+#include <SQLiteCpp/Database.h>
+
+#include <atomic>
+#include <cerrno>
 #include <cstdarg>
 #include <dirent.h>
 #include <dlfcn.h>
@@ -12,6 +17,10 @@ namespace {
 
 //! Of this thread.
 thread_local int diskCalls = 0;
+//! Whether renameat2() answers as on a file system that does not know its flags.
+std::atomic<bool> isExchangeUnknown = false;
+//! The renameat() that fails, counted down to 0; negative: none.
+std::atomic<int> renamesLeft = -1;
 
 template <typename Function>
 Function* next(const char* name) {
@@ -47,6 +56,22 @@ extern "C" ssize_t pread64(int file, void* data, size_t size, off64_t at) {
     static const auto call = next<ssize_t(int, void*, size_t, off64_t)>("pread64");
     ++diskCalls;
     return call(file, data, size, at);
+}
+
+extern "C" int renameat2(int from, const char* name, int to, const char* there, unsigned flags) {
+    static const auto call = next<int(int, const char*, int, const char*, unsigned)>("renameat2");
+    if (!isExchangeUnknown)
+        return call(from, name, to, there, flags);
+    errno = EINVAL;
+    return -1;
+}
+
+extern "C" int renameat(int from, const char* name, int to, const char* there) {
+    static const auto call = next<int(int, const char*, int, const char*)>("renameat");
+    if (renamesLeft < 0 || renamesLeft-- > 0)
+        return call(from, name, to, there);
+    errno = EIO;
+    return -1;
 }
 
 // So many files take long to flush, and nothing here is to outlive the test.
@@ -146,4 +171,64 @@ TEST_F(CacheCallsTest, ADirectoryIsAddedWithoutLookingIntoIt) {
 TEST_F(CacheCallsTest, TheCallsOfWhoLooksAtEverythingAreCounted) {
     addDirectory();
     EXPECT_GT(callsOf([this] { EXPECT_TRUE(cache.verify()->damaged.isEmpty()); }), 2 * kFiles);
+}
+
+namespace {
+
+class CacheWithoutExchangeTest : public orx::testing::CacheFixture {
+protected:
+    CacheWithoutExchangeTest() { isExchangeUnknown = true; }
+    ~CacheWithoutExchangeTest() override {
+        isExchangeUnknown = false;
+        renamesLeft = -1;
+    }
+    QStringList inContent() const {
+        return QDir(placeOf(u"server"_qs)).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot);
+    }
+    const QString kFile = QStringLiteral("server/run1.mzML");
+};
+
+} // namespace
+
+TEST_F(CacheWithoutExchangeTest, ContentComesToAFreePlaceAndToOneThatIsTaken) {
+    ASSERT_FALSE(fill(kFile, "old").hasError());
+    EXPECT_EQ(orx::testing::readFile(placeOf(kFile)), "old");
+    ASSERT_FALSE(fill(kFile, "new", true).hasError());
+    EXPECT_EQ(orx::testing::readFile(placeOf(kFile)), "new");
+    EXPECT_TRUE(cache.contains(kFile));
+    EXPECT_EQ(inContent(), QStringList{u"run1.mzML"_qs});
+    EXPECT_TRUE(staged().isEmpty());
+    // A directory takes the place of a leftover file.
+    ASSERT_TRUE(orx::testing::writeFile(placeOf(u"server/raw"_qs), "left"));
+    ASSERT_TRUE(orx::testing::writeFile(path(u"raw/a"_qs), "1"));
+    ASSERT_FALSE(cache.add(nullptr, u"server/raw"_qs, Path(path(u"raw"_qs))).hasError());
+    EXPECT_TRUE(cache.waitForPending().isEmpty());
+    EXPECT_EQ(orx::testing::readFile(placeOf(u"server/raw/a"_qs)), "1");
+    EXPECT_TRUE(staged().isEmpty());
+}
+
+TEST_F(CacheWithoutExchangeTest, WhereverItFailsTheOldEntryIsThereAsBefore) {
+    ASSERT_FALSE(fill(kFile, "old").hasError());
+    for (const int renames : {0, 1}) { // the old one away, the new one to its place
+        renamesLeft = renames;
+        EXPECT_TRUE(fill(kFile, "new", true).hasError());
+        renamesLeft = -1;
+        EXPECT_EQ(orx::testing::readFile(placeOf(kFile)), "old");
+        EXPECT_TRUE(cache.contains(kFile));
+        EXPECT_EQ(inContent(), QStringList{u"run1.mzML"_qs});
+    }
+    EXPECT_FALSE(fill(kFile, "new", true).hasError());
+    EXPECT_EQ(orx::testing::readFile(placeOf(kFile)), "new");
+    EXPECT_TRUE(staged().isEmpty());
+}
+
+TEST_F(CacheWithoutExchangeTest, WithoutARecordTheOldEntryComesBack) {
+    ASSERT_FALSE(fill(kFile, "old").hasError());
+    SQLite::Database(database().toStdString(), SQLite::OPEN_READWRITE, 10'000)
+        .exec(
+            "CREATE TRIGGER refusal BEFORE UPDATE OF sha256 ON entries BEGIN SELECT RAISE(ABORT, 'no'); END");
+    EXPECT_TRUE(fill(kFile, "new", true).hasError());
+    EXPECT_EQ(orx::testing::readFile(placeOf(kFile)), "old");
+    EXPECT_TRUE(cache.contains(kFile));
+    EXPECT_EQ(inContent(), QStringList{u"run1.mzML"_qs});
 }

@@ -40,6 +40,7 @@ struct Elsewhere {
     bool hangs = false;
     //! The resource is a directory, with the content in the file "spectra".
     bool isDirectory = false;
+    std::function<void()> whileFetched = [] {};
 };
 
 class Hanging final : public Task {
@@ -69,6 +70,7 @@ protected:
         return std::make_unique<BodyTask>([=, elsewhere = m_elsewhere](BodyTask* self) {
             Q_EMIT self->progressInitiated(7);
             Q_EMIT self->progress(3, 7);
+            elsewhere->whileFetched();
             if (elsewhere->isDirectory && !QDir(targetDir.toString()).mkpath(name))
                 return Error(ErrorCode::FileNotWritable, name);
             if (!elsewhere->error.hasError())
@@ -388,6 +390,55 @@ TEST_F(RemoteDirectoryTest, IsNotHandedOutDamagedWhenOnlyTheCacheMayBeAsked) {
     EXPECT_EQ(elsewhere.fetched, 0);
     EXPECT_FALSE(offline()->isAvailableLocally());
     EXPECT_EQ(inUseWhenPruned(), 0);
+}
+
+TEST_F(RemoteResourceHandlerTest, WhatSomebodyPutBesideTheContentIsTakenAwayByARetrieval) {
+    const QString beside = QFileInfo(handlerOf()->expectedPath()->toString()).path() + u'/';
+    Refusal refusal;
+    for (const bool isDirectory : {false, true}) {
+        for (const auto mode : {Mode::CacheFirst, Mode::CacheOnly, Mode::Refresh}) {
+            EXPECT_EQ(inUseWhenPruned(), 0);
+            elsewhere = Elsewhere();
+            elsewhere.isDirectory = isDirectory;
+            fillEntry();
+            write(beside + QStringLiteral("planted.mzML"), "not the content");
+            ASSERT_TRUE(QFile::link(dir.path(), beside + QStringLiteral(".hidden")));
+            ASSERT_TRUE(QDir().mkpath(beside + QStringLiteral("more/of/it")));
+            const auto handler = handlerOf();
+            handler->overrideRetrieveMode(mode);
+            const auto path = handler->retrieve(mode == Mode::Refresh ? nullptr : &refusal);
+            ASSERT_TRUE(path) << qPrintable(path.errorMessage());
+            EXPECT_EQ(
+                QDir(beside).entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot),
+                QStringList{QStringLiteral("run1.mzML")});
+            EXPECT_EQ(elsewhere.fetched, mode == Mode::Refresh ? 1 : 0);
+        }
+    }
+    EXPECT_EQ(refusal.asked, 0);
+    EXPECT_TRUE(QFileInfo::exists(dir.path()));
+}
+
+TEST_F(RemoteResourceHandlerTest, WhatIsPutBesideTheContentWhileItIsFetchedIsTakenAwayToo) {
+    const QString beside = QFileInfo(handlerOf()->expectedPath()->toString()).path() + u'/';
+    elsewhere.whileFetched = [&] {
+        ASSERT_TRUE(QDir().mkpath(beside));
+        write(beside + QStringLiteral("planted.mzML"), "not the content");
+    };
+    ASSERT_TRUE(handlerOf()->retrieve());
+    EXPECT_EQ(elsewhere.fetched, 1);
+    EXPECT_EQ(QDir(beside).entryList(QDir::AllEntries | QDir::NoDotAndDotDot),
+              QStringList{QStringLiteral("run1.mzML")});
+}
+
+TEST_F(RemoteResourceHandlerTest, OtherEntriesBesideTheContentStay) {
+    const QString other = QFileInfo(kSubPath).path() + QStringLiteral("/run1-renamed.mzML");
+    const auto first = handlerOf(other);
+    ASSERT_TRUE(first->retrieve());
+    ASSERT_TRUE(handlerOf()->retrieve());
+    ASSERT_TRUE(handlerOf()->retrieve());
+    EXPECT_TRUE(first->isAvailableLocally());
+    EXPECT_TRUE(handlerOf()->isAvailableLocally());
+    EXPECT_EQ(elsewhere.fetched, 2);
 }
 
 TEST_F(RemoteResourceHandlerTest, NobodyIsAskedForWhatIsInTheCache) {

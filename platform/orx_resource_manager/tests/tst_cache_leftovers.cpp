@@ -1,0 +1,158 @@
+// What lies in a cache without being an entry, or on the way to one: who takes it away, and who must not.
+#include "CacheUpkeepFixture.h"
+
+#include <atomic>
+#include <future>
+#include <thread>
+
+#include <sys/resource.h>
+
+using namespace orx;
+
+namespace {
+
+class CacheLeftoversTest : public orx::testing::CacheUpkeepFixture {
+protected:
+    QString staging(const QString& name) const { return root() + u"/state/staging/"_qs + name; }
+    static void makeOld(const QString& name) {
+        const struct timespec times[2] = {{1, 0}, {1, 0}};
+        ASSERT_EQ(::utimensat(AT_FDCWD, QFile::encodeName(name).constData(), times, 0), 0);
+    }
+    static bool isLink(const QString& name) { return QFileInfo(name).isSymLink(); }
+    //! Of the directory entry "folder", with the file "in/file".
+    std::unique_ptr<Task> fillFolder(int& fetched) {
+        return cache.fillTask(
+            nullptr, u"folder"_qs,
+            [&fetched](const DirPath& directory) {
+                ++fetched;
+                EXPECT_TRUE(orx::testing::writeFile(directory.child(u"folder/in/file"_qs), "content"));
+                return probes::taskWith(QVariant());
+            },
+            ResourceCache::FillMode::Missing);
+    }
+    Error runFillFolder(int& fetched) {
+        const auto task = fillFolder(fetched);
+        task->exec();
+        return task->waitForFinished();
+    }
+};
+
+} // namespace
+
+TEST_F(CacheLeftoversTest, ALinkInThePlaceOfAnEntryGoesWithPruning) {
+    const QString outside = path(u"outside"_qs);
+    ASSERT_TRUE(orx::testing::writeFile(outside, "precious"));
+    ASSERT_TRUE(QFile::remove(placeOf(u"b"_qs)));
+    ASSERT_TRUE(QFile::link(outside, placeOf(u"b"_qs)));
+    EXPECT_TRUE(fill(u"b"_qs, "new").is(ErrorCode::InvalidArgument));
+    const auto report = cache.prune();
+    ASSERT_TRUE(report);
+    EXPECT_TRUE(report->problems.isEmpty());
+    EXPECT_FALSE(isLink(placeOf(u"b"_qs)));
+    EXPECT_EQ(orx::testing::readFile(outside), "precious");
+    EXPECT_FALSE(fill(u"b"_qs, "new").hasError());
+    EXPECT_EQ(orx::testing::readFile(placeOf(u"b"_qs)), "new");
+    EXPECT_TRUE(cache.contains(u"a"_qs));
+}
+
+TEST_F(CacheLeftoversTest, WhatLiesInTheWayToEntriesGoesWithPruning) {
+    ASSERT_FALSE(fill(u"s/f/1"_qs, "x").hasError());
+    ASSERT_TRUE(QDir(placeOf(u"s/f"_qs)).removeRecursively());
+    ASSERT_TRUE(orx::testing::writeFile(placeOf(u"s/f"_qs), "in the way"));
+    EXPECT_TRUE(fill(u"s/f/1"_qs, "x").hasError());
+    ASSERT_TRUE(cache.prune());
+    EXPECT_FALSE(fill(u"s/f/1"_qs, "x").hasError());
+}
+
+TEST_F(CacheLeftoversTest, ALinkInADirectoryIsADamageOfIt) {
+    const QString outside = path(u"outside"_qs);
+    ASSERT_TRUE(orx::testing::writeFile(outside + u"/file"_qs, "precious"));
+    int fetched = 0;
+    ASSERT_FALSE(runFillFolder(fetched).hasError());
+    const std::function<bool()> changes[] = {
+        [&] { return QFile::link(outside, placeOf(u"folder/more"_qs)); },
+        [&] {
+            return QDir(placeOf(u"folder/in"_qs)).removeRecursively() &&
+                   QFile::link(outside, placeOf(u"folder/in"_qs));
+        },
+    };
+    for (const auto& change : changes) {
+        ASSERT_TRUE(change());
+        fetched = 0;
+        const Error error = runFillFolder(fetched);
+        EXPECT_FALSE(error.hasError()) << qPrintable(error.errorMessage());
+        EXPECT_EQ(fetched, 1);
+        EXPECT_FALSE(QFileInfo::exists(placeOf(u"folder/more"_qs)));
+        EXPECT_FALSE(isLink(placeOf(u"folder/in"_qs)));
+        EXPECT_EQ(orx::testing::readFile(placeOf(u"folder/in/file"_qs)), "content");
+        EXPECT_EQ(orx::testing::readFile(outside + u"/file"_qs), "precious");
+    }
+}
+
+TEST_F(CacheLeftoversTest, ManyGoAtOnce) {
+    ASSERT_FALSE(fill(u"s/kept"_qs, "x").hasError());
+    for (int i = 0; i < 200; ++i)
+        ASSERT_TRUE(orx::testing::writeFile(placeOf(u"s/%1"_qs.arg(i)), "x"));
+    const auto report = cache.prune();
+    ASSERT_TRUE(report);
+    EXPECT_EQ(report->leftoverBytes, 200);
+    EXPECT_EQ(QDir(placeOf(u"s"_qs)).entryList(QDir::Files), QStringList{u"kept"_qs});
+    EXPECT_TRUE(staged().isEmpty());
+}
+
+TEST_F(CacheLeftoversTest, WhatAFetchLeftStaysWhileAnythingInItIsFresh) {
+    const QString deep = u"fill-"_qs + orx::testing::sha256("deep");
+    ASSERT_TRUE(orx::testing::writeFile(staging(deep + u"/raw/2026/part"_qs), "x"));
+    for (const char* name : {"/raw/2026", "/raw", ""})
+        makeOld(staging(deep + QString::fromLatin1(name)));
+    ASSERT_TRUE(cache.prune());
+    EXPECT_EQ(staged(), QStringList{deep});
+    makeOld(staging(deep + u"/raw/2026/part"_qs));
+    ASSERT_TRUE(cache.prune());
+    EXPECT_TRUE(staged().isEmpty());
+}
+
+TEST_F(CacheLeftoversTest, WhatCouldNotBeRemovedIsToldThoughNothingElseCouldBeDone) {
+    ASSERT_TRUE(QDir().mkpath(staging(u"add-1"_qs) + u"/d"_qs.repeated(100)));
+    execute("PRAGMA user_version = 2");
+    ResourceCache other(root());
+    rlimit before{};
+    ::getrlimit(RLIMIT_NOFILE, &before);
+    rlimit few = before;
+    few.rlim_cur = 100;
+    ::setrlimit(RLIMIT_NOFILE, &few);
+    const auto report = other.prune();
+    ::setrlimit(RLIMIT_NOFILE, &before);
+    ASSERT_TRUE(report.hasError());
+    EXPECT_TRUE(report.errorMessage().contains(u"newer release"_qs)) << qPrintable(report.errorMessage());
+    ASSERT_EQ(report.error().warnings().size(), 1);
+    EXPECT_TRUE(QString(report.error().warnings().first()).contains(u"add-1"_qs));
+}
+
+TEST_F(CacheLeftoversTest, AFillHasClearedUpBeforeAnotherOneMayBegin) {
+    constexpr int kParts = 3000;
+    const QString key = u"fill-"_qs + orx::testing::sha256("n");
+    const orx::testing::OtherLocks locks(root());
+    const off_t byte = orx::testing::OtherLocks::of(u"n"_qs, orx::testing::OtherLocks::Fill);
+    std::atomic<bool> isLeft = false;
+    const auto next = std::async(std::launch::async, [&] {
+        while (!locks.isHeld(byte))
+            std::this_thread::yield();
+        while (locks.isHeld(byte))
+            std::this_thread::yield();
+        isLeft = QFileInfo::exists(staging(key));
+    });
+    const auto task = cache.fillTask(
+        nullptr, u"n"_qs,
+        [](const DirPath& directory) {
+            EXPECT_TRUE(orx::testing::writeFile(directory.child(u"n"_qs), "content"));
+            for (int i = 0; i < kParts; ++i)
+                EXPECT_TRUE(orx::testing::writeFile(directory.child(u"parts/%1"_qs.arg(i)), ""));
+            return probes::taskWith(QVariant());
+        },
+        ResourceCache::FillMode::Missing);
+    task->exec();
+    EXPECT_FALSE(task->waitForFinished().hasError());
+    next.wait();
+    EXPECT_FALSE(isLeft);
+}
