@@ -1,7 +1,9 @@
 #include "CommandLine.h"
 
+#include "ArgumentTexts.h"
 #include "Completion.h"
 #include "ManPage.h"
+#include "PackedArguments.h"
 
 #include <DownloadNames.h>
 #include <ExitCodes.h>
@@ -10,8 +12,6 @@
 #include <Profiles.h>
 #include <Quantities.h>
 #include <ResolveItemTask.h>
-
-#include <QStringDecoder>
 
 #include <CLI/CLI.hpp>
 
@@ -63,32 +63,6 @@ struct RawArguments {
     std::string shell;
 };
 
-// A mistake in the arguments, on its way to the one place that reports it.
-struct UsageError {
-    QString message;
-};
-
-void require(const Error& error) {
-    if (error.hasError())
-        throw UsageError{error.errorMessage()};
-}
-
-// Names are UTF-8 on both sides; anything else could not be given back unchanged.
-QString textOf(const std::string& argument, const char* what) {
-    QStringDecoder decoder(QStringDecoder::Utf8);
-    const QString text = decoder.decode(QByteArrayView(argument.data(), qsizetype(argument.size())));
-    if (decoder.hasError())
-        throw UsageError{QStringLiteral("%1 is not valid UTF-8.").arg(QLatin1String(what))};
-    return text;
-}
-
-QString filledTextOf(const std::string& argument, const char* what) {
-    const QString text = textOf(argument, what);
-    if (text.isEmpty())
-        throw UsageError{QStringLiteral("%1 must not be empty.").arg(QLatin1String(what))};
-    return text;
-}
-
 std::string exitCodesFooter() {
     std::string text = "Exit codes:\n";
     for (const host::ExitCodeInfo& info : host::exitCodes()) {
@@ -108,6 +82,7 @@ Examples:
   halvane put run1.mzML --to /raw/2026
   halvane ls -l /raw/2026
   halvane get /raw/2026/run1.mzML --to .
+  halvane pack run1.d && halvane inspect run1.d.vonk
 
 Environment:
   HALVANE_PROFILE         the profile to use when --profile is not given
@@ -155,6 +130,9 @@ private:
         addGet();
         addQuestions();
         addCache();
+        m_packed.addTo([this](const char* name, const char* description, const char* examples) {
+            return addCommand(name, description, examples);
+        });
         addTextsAboutCommands();
     }
 
@@ -368,6 +346,8 @@ private:
             return ExistsCommand{reference()};
         if (name == "verify-name")
             return VerifyNameCommand{reference(), filledTextOf(m_raw.name, "NAME")};
+        if (const auto packed = m_packed.command(name))
+            return *packed;
         return cache();
     }
 
@@ -490,6 +470,7 @@ private:
     }
 
     RawArguments m_raw;
+    PackedArguments m_packed;
     CLI::App m_app;
 };
 

@@ -67,9 +67,35 @@ struct CacheCommand {
     orx::ResourceCache::Limits limits;
 };
 
+struct PackCommand {
+    QString path;
+    //! The file to be made, or an existing directory for it; empty: beside the acquisition.
+    QString output;
+};
+struct UnpackCommand {
+    QString path;
+    QString directory;
+};
+struct InspectCommand {
+    QString path;
+    bool longFormat = false;
+    //! Empty: nothing is drawn.
+    QString plotPath;
+};
+struct CheckCommand {
+    QString path;
+    bool isFull = false;
+};
+struct UpgradeCommand {
+    QString path;
+    //! Empty: the file itself.
+    QString output;
+};
+
 using Command =
     std::variant<LoginCommand, LogoutCommand, WhoAmICommand, MkdirCommand, LsCommand, PutCommand, GetCommand,
-                 InfoCommand, SiblingsCommand, ExistsCommand, VerifyNameCommand, CacheCommand>;
+                 InfoCommand, SiblingsCommand, ExistsCommand, VerifyNameCommand, CacheCommand, PackCommand,
+                 UnpackCommand, InspectCommand, CheckCommand, UpgradeCommand>;
 
 //! What the arguments ask for.
 struct CommandLine {

@@ -50,6 +50,8 @@ void ProgressReport::hide() {
 
 // Empty while there is nothing to be told.
 QString ProgressReport::line() const {
+    if (m_line)
+        return m_line();
     const HalvaneTransferSnapshot now = HalvaneTransferMonitor::snapshot();
     if (const auto tree = m_tree ? m_tree() : std::nullopt)
         return treeProgressText(m_name, *tree, now.bytesPerSecond);

@@ -23,6 +23,8 @@ public:
 
     //! How far a transfer of several files is, which the monitor does not know; nothing for a single file.
     void setTree(std::function<std::optional<TreeState>()> tree) { m_tree = std::move(tree); }
+    //! What the line says, of work of which the monitor knows nothing.
+    void setLine(std::function<QString()> line) { m_line = std::move(line); }
     //! Takes the line off the terminal; for who writes something else there.
     void hide();
 
@@ -36,6 +38,7 @@ private:
 
     QString m_name;
     std::function<std::optional<TreeState>()> m_tree;
+    std::function<QString()> m_line;
     bool m_terminal;
     bool m_shown = false;
     QTimer m_timer;

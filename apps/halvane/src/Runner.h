@@ -7,6 +7,8 @@
 #include <Resources.h>
 #include <Session.h>
 
+#include <QVersionNumber>
+
 namespace orx {
 class HalvaneResourceMetadata;
 }
@@ -15,6 +17,7 @@ namespace halvane::cli {
 
 class Interruption;
 class Output;
+struct Inspection;
 
 //! Carries out one command; each operator returns the exit code. Thread: the main one.
 class Runner {
@@ -34,6 +37,11 @@ public:
     int operator()(const ExistsCommand& command);
     int operator()(const VerifyNameCommand& command);
     int operator()(const CacheCommand& command);
+    int operator()(const PackCommand& command);
+    int operator()(const UnpackCommand& command);
+    int operator()(const InspectCommand& command);
+    int operator()(const CheckCommand& command);
+    int operator()(const UpgradeCommand& command);
 
 private:
     //! Runs it to its end, or until a signal comes; prints its warnings.
@@ -72,6 +80,15 @@ private:
     int listCache(orx::ResourceCache& cache);
     int verifyCache(orx::ResourceCache& cache);
     int pruneCache(orx::ResourceCache& cache, const orx::ResourceCache::Limits& limits);
+    //! Runs it with its percents shown beside \a doing.
+    orx::Error runWithPercents(orx::BaseTask& task, const QString& doing, const QString& path);
+    //! How work on the file \a path ended that makes nothing half.
+    int localWorkFailed(const orx::Error& error, const QString& path);
+    int upgradeInPlace(const UpgradeCommand& command);
+    int upgradeInto(const UpgradeCommand& command);
+    int printUpgraded(const QString& path, const QVersionNumber& before, bool isUpgraded);
+    //! What is known of the packed acquisition or raw data at \a path.
+    orx::Result<Inspection> inspected(const QString& path);
 
     GlobalOptions m_global;
     const Output& m_output;

@@ -75,6 +75,13 @@ QString progressText(const QString& name, qint64 done, qint64 total, double rate
     return parts.join(QStringLiteral("  "));
 }
 
+QString percentText(const QString& name, int percent, std::chrono::seconds remaining) {
+    QStringList parts{name, QStringLiteral("%1 %").arg(percent)};
+    if (remaining.count() >= 0)
+        parts.append(durationText(remaining) + QStringLiteral(" left"));
+    return parts.join(QStringLiteral("  "));
+}
+
 QString treeProgressText(const QString& name, const TreeState& state, double rate) {
     const QString more = state.isWhole ? QString() : QStringLiteral("+");
     QStringList parts{name,

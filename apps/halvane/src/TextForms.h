@@ -26,6 +26,9 @@ QString timeText(const QDateTime& time);
 QString progressText(const QString& name, qint64 done, qint64 total, double rate,
                      std::chrono::seconds remaining);
 
+//! "packing run1.d  45 %  0:18 left"; \a remaining negative while unknown.
+QString percentText(const QString& name, int percent, std::chrono::seconds remaining);
+
 //! How far a transfer of several files is.
 struct TreeState {
     int filesDone = 0;
