@@ -28,6 +28,9 @@ constexpr size_t kMarkedPoints = 60;
 //! From here on minutes are easier to read than seconds.
 constexpr double kMinutesFrom = 180;
 
+//! Nothing below it is anything but zero.
+constexpr double kNoIntensity = 1e-300;
+
 enum Color : PLINT { Background, Ink, Grid, Total, BasePeak };
 
 struct Axis {
@@ -91,10 +94,10 @@ Axis timeAxisOf(const std::vector<PLFLT>& seconds, double& unit) {
 
 //! Values of one to four digits; what they are multiples of goes into the label.
 Axis intensityAxisOf(double highest, double& unit) {
-    const int exponent = highest > 0 ? int(std::floor(std::log10(highest))) : 0;
+    const int exponent = highest > kNoIntensity ? int(std::floor(std::log10(highest))) : 0;
     const bool isPlain = exponent >= 0 && exponent < 4;
     unit = isPlain ? 1 : std::pow(10, exponent);
-    Axis axis{0, highest > 0 ? highest / unit * 1.08 : 1, "Intensity (arbitrary units)"};
+    Axis axis{0, highest > kNoIntensity ? highest / unit * 1.08 : 1, "Intensity (arbitrary units)"};
     if (!isPlain)
         axis.label = "Intensity (10#u" + std::to_string(exponent) + "#d arbitrary units)";
     return axis;

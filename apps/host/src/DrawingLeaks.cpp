@@ -1,5 +1,5 @@
-// Part of builds with the address sanitizer only: what the libraries under PLplot allocate once in a process
-// and leave to its end. Everything else that leaks is still found.
+// Part of programs with this library in builds with the address sanitizer only: what the libraries under
+// PLplot allocate once in a process and leave to its end. Everything else that leaks is still found.
 // NOLINTBEGIN(bugprone-reserved-identifier)
 extern "C" const char* __lsan_default_suppressions();
 extern "C" const char* __lsan_default_options();
