@@ -72,8 +72,10 @@ QList<HalvaneFileItemSPtr> HalvaneGetFilesTask::files() const {
     return listing() ? listing()->files : QList<HalvaneFileItemSPtr>();
 }
 
-Error HalvaneGetFilesTask::readListing(const QJsonObject& data, HalvaneListing& listing) const {
-    return readItems(data, QStringLiteral("files"), listing.files);
+HalvaneListingTask::Reader HalvaneGetFilesTask::reader() const {
+    return [](const QJsonObject& data, HalvaneListing& listing) {
+        return readItems(data, QStringLiteral("files"), listing.files);
+    };
 }
 
 HalvaneGetFoldersTask::HalvaneGetFoldersTask(std::optional<int> folderId, QObject* parent)
@@ -85,8 +87,10 @@ QList<HalvaneFolderTreeNodeSPtr> HalvaneGetFoldersTask::foldersTree() const {
     return listing() ? listing()->folders : QList<HalvaneFolderTreeNodeSPtr>();
 }
 
-Error HalvaneGetFoldersTask::readListing(const QJsonObject& data, HalvaneListing& listing) const {
-    return readItems(data, QStringLiteral("folders"), listing.folders);
+HalvaneListingTask::Reader HalvaneGetFoldersTask::reader() const {
+    return [](const QJsonObject& data, HalvaneListing& listing) {
+        return readItems(data, QStringLiteral("folders"), listing.folders);
+    };
 }
 
 HalvaneCreateFolderTask::HalvaneCreateFolderTask(const Input& input, QObject* parent)

@@ -20,7 +20,7 @@ public:
     QList<HalvaneFileItemSPtr> files() const;
 
 protected:
-    Error readListing(const QJsonObject& data, HalvaneListing& listing) const override;
+    Reader reader() const override;
 };
 
 //! GET /folders/ID/folders: the direct sub-folders of a folder, of the root without an id.
@@ -33,7 +33,7 @@ public:
     QList<HalvaneFolderTreeNodeSPtr> foldersTree() const;
 
 protected:
-    Error readListing(const QJsonObject& data, HalvaneListing& listing) const override;
+    Reader reader() const override;
 };
 
 //! POST /folders, with an idempotency key of its own, so that a lost reply makes no second folder.

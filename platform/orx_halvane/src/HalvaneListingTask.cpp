@@ -3,6 +3,8 @@
 #include "HalvaneConnection.h"
 #include "HalvaneListingStore.h"
 
+#include <WorkerPool.h>
+
 #include <QPointer>
 
 namespace orx {
@@ -24,15 +26,38 @@ QHash<QByteArray, HalvaneListingTask*>* callsUnderWay() {
     return CallsUnderWay::areGone ? nullptr : &own.calls;
 }
 
+constexpr int ok = 200;
 constexpr int notModified = 304;
+//! From here on reading a reply would be felt by what else runs on the thread: some 200 items.
+constexpr qsizetype largeReply = 64 * 1024;
 
 } // namespace
+
+//! What a worker makes of a large reply.
+struct HalvaneListingTask::Reading {
+    NetworkReply reply;
+    std::shared_ptr<HalvaneListing> listing;
+    Error error;
+
+    //! Leaves a reply that is no success to the owner's thread, where all others are looked at: no listing.
+    void run(Reader read) {
+        const Result<QJsonObject> json = JsonUtils::parseObject(reply.body);
+        const auto data = json.hasError() ? std::nullopt : successData(*json);
+        if (!data)
+            return;
+        listing = std::make_shared<HalvaneListing>();
+        error = read(*data, *listing);
+    }
+};
 
 struct HalvaneListingTask::Private {
     QString path;
     QByteArray key;
     std::shared_ptr<const HalvaneListing> kept;
+    //! While a reply is read on the owner's thread.
     std::shared_ptr<HalvaneListing> read;
+    //! The one a worker is at.
+    std::shared_ptr<Reading> reading;
     std::shared_ptr<const HalvaneListing> result;
     //! As of when the call was sent.
     quint64 unsafeRequests = 0;
@@ -85,18 +110,41 @@ Result<NetworkRequest> HalvaneListingTask::prepareRequest(const QUrl& baseUrl) c
     return request;
 }
 
+void HalvaneListingTask::replyArrived(const NetworkReply& reply) {
+    if (reply.status != ok || reply.body.size() < largeReply)
+        return HalvaneTask::replyArrived(reply);
+    const auto reading = std::make_shared<Reading>(Reading{reply, nullptr, {}});
+    d->reading = reading;
+    WorkerPool::instance().submit([reading, read = reader()] { reading->run(read); }, this,
+                                  [this, reading] {
+                                      if (d->reading == reading)
+                                          take(*reading);
+                                  });
+}
+
+void HalvaneListingTask::take(const Reading& reading) {
+    if (!reading.listing)
+        return HalvaneTask::replyArrived(reading.reply);
+    if (!reading.error.hasError())
+        keep(reading.listing, reading.reply);
+    finish(ORX_ECATCH(asInvalidReply(reading.error)));
+}
+
+void HalvaneListingTask::keep(std::shared_ptr<HalvaneListing> listing, const NetworkReply& reply) {
+    listing->tag = reply.header("ETag");
+    d->result = std::move(listing);
+    HalvaneListingStore::instance().keep(d->key, d->result);
+}
+
 Error HalvaneListingTask::handleReply(const NetworkReply& reply) {
     if (reply.status == notModified && d->kept) {
         d->result = d->kept;
         return Error();
     }
     d->read = std::make_shared<HalvaneListing>();
-    d->read->tag = reply.header("ETag");
     Error error = HalvaneTask::handleReply(reply);
-    if (!error.hasError()) {
-        d->result = d->read;
-        HalvaneListingStore::instance().keep(d->key, d->result);
-    }
+    if (!error.hasError())
+        keep(d->read, reply);
     d->read.reset();
     return ORX_ECATCH(error);
 }
@@ -104,10 +152,11 @@ Error HalvaneListingTask::handleReply(const NetworkReply& reply) {
 Error HalvaneListingTask::parseData(const QJsonObject& json) {
     ORX_RETURN_ON_ERROR(HalvaneTask::parseData(json));
     const QJsonObject data = json.value(QStringLiteral("data")).toObject();
-    return asInvalidReply(readListing(data, *d->read));
+    return asInvalidReply(reader()(data, *d->read));
 }
 
 Error HalvaneListingTask::doFinish() {
+    d->reading.reset();
     tellFollowers();
     return HalvaneTask::doFinish();
 }

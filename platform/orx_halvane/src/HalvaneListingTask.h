@@ -11,7 +11,7 @@ struct HalvaneListing;
 //! when the server says that it still holds; or it waits for the same call of another task of this thread
 //! that is on its way, unless a request of this process that may have changed something has ended since that
 //! one was sent. When the other task is cancelled or destroyed, the call is made after all; its failure is
-//! the failure of all who wait.
+//! the failure of all who wait. A large answer is read on a worker.
 class ORX_HALVANE_EXPORT HalvaneListingTask : public HalvaneTask {
     Q_OBJECT
 public:
@@ -20,20 +20,25 @@ public:
 protected:
     HalvaneListingTask(const QString& name, const QString& path, QObject* parent);
 
-    //! Reads "data" into \a listing.
-    virtual Error readListing(const QJsonObject& data, HalvaneListing& listing) const = 0;
+    using Reader = Error (*)(const QJsonObject& data, HalvaneListing& listing);
+    //! Reads "data" into a listing; called on a worker for what is large, when the task may be gone.
+    virtual Reader reader() const = 0;
     //! Null before success. Shared: not to be changed, items included.
     std::shared_ptr<const HalvaneListing> listing() const;
 
     Error initialize() override;
     void start() override;
     Result<NetworkRequest> prepareRequest(const QUrl& baseUrl) const override;
+    void replyArrived(const NetworkReply& reply) override;
     Error handleReply(const NetworkReply& reply) override;
     Error parseData(const QJsonObject& json) override;
     Error doFinish() override;
 
 private:
+    struct Reading;
     void makeTheCall();
+    void take(const Reading& reading);
+    void keep(std::shared_ptr<HalvaneListing> listing, const NetworkReply& reply);
     void tellFollowers();
     struct Private;
     std::unique_ptr<Private> d;

@@ -83,6 +83,12 @@ Error HalvaneTask::parseData(const QJsonObject& json) {
     return ORX_ECATCH(notAServer(tr("Its reply does not have the form of one.")));
 }
 
+std::optional<QJsonObject> HalvaneTask::successData(const QJsonObject& json) {
+    if (envelopeOf(json) != Envelope::Success)
+        return std::nullopt;
+    return json.value(QStringLiteral("data")).toObject();
+}
+
 void HalvaneTask::setJsonBody(NetworkRequest& request, const QJsonObject& body) {
     request.body = std::make_shared<const QByteArray>(QJsonDocument(body).toJson(QJsonDocument::Compact));
     request.setHeader("Content-Type", "application/json");

@@ -6,6 +6,8 @@
 #include <JsonUtils.h>
 #include <NetworkTask.h>
 
+#include <optional>
+
 namespace orx {
 
 //! One call of the Halvane protocol: the request goes to HalvaneConnection's API URL with its token; the
@@ -26,6 +28,8 @@ protected:
     //! An error about the content of "data" as NetworkErrorCode::InvalidReply that names the server; no
     //! error, and errors of other domains, as they are.
     static Error asInvalidReply(const Error& error);
+    //! What a reply holds under "data" when its envelope tells of success. Thread: any.
+    static std::optional<QJsonObject> successData(const QJsonObject& json);
     //! Adds \a body as the JSON body of \a request.
     static void setJsonBody(NetworkRequest& request, const QJsonObject& body);
 

@@ -5,8 +5,11 @@
 #include "HalvaneTaskFixture.h"
 
 #include <RealServer.h>
+#include <WorkerPool.h>
 
 #include <QCoreApplication>
+
+#include <latch>
 
 using namespace orx;
 using namespace orx::testing;
@@ -225,6 +228,133 @@ TEST_F(ListingsTest, WhoWaitsMayBeCancelledOrDestroyed) {
     EXPECT_TRUE(succeeded(first->waitForFinished()));
     QCoreApplication::processEvents();
     EXPECT_TRUE(second.error().isCanceled());
+}
+
+namespace {
+
+//! Keeps all workers busy until it is told to let go.
+class BusyWorkers {
+public:
+    BusyWorkers() : m_begun(WorkerPool::instance().threadCount()) {
+        for (int i = 0; i < WorkerPool::instance().threadCount(); ++i)
+            WorkerPool::instance().submit(
+                [this] {
+                    m_begun.count_down();
+                    m_end.wait();
+                },
+                nullptr, [] {});
+        m_begun.wait();
+    }
+    ~BusyWorkers() { release(); }
+    void release() {
+        if (!std::exchange(m_isReleased, true))
+            m_end.count_down();
+        waitForJobs();
+    }
+    //! Until what was submitted so far has run, and its completions too.
+    static void waitForJobs() {
+        int left = WorkerPool::instance().threadCount();
+        for (int i = WorkerPool::instance().threadCount(); i > 0; --i)
+            WorkerPool::instance().submit([] {}, nullptr, [&left] { --left; });
+        EXPECT_TRUE(waitUntil([&] {
+            QCoreApplication::processEvents();
+            return left == 0;
+        }));
+    }
+
+private:
+    bool m_isReleased = false;
+    std::latch m_begun;
+    std::latch m_end{1};
+};
+
+} // namespace
+
+class LargeListings : public ListingsTest {
+protected:
+    void SetUp() override {
+        ListingsTest::SetUp();
+        m_folder = addFolder();
+        for (int i = 0; i < 600; ++i)
+            m_names.append(QString::fromLatin1(addNumbered(i)));
+    }
+    QByteArray addNumbered(int i) {
+        const QByteArray name = QByteArray(150, 'n') + QByteArray::number(i);
+        addFile(name.constData(), m_folder);
+        return name;
+    }
+    //! Executed, and its reply is there.
+    std::unique_ptr<HalvaneGetFilesTask> replied() {
+        auto task = std::make_unique<HalvaneGetFilesTask>(m_folder);
+        task->exec();
+        // Its request was sent before this one's, and the scripted server answers in that order.
+        EXPECT_EQ(list(1), QStringList());
+        return task;
+    }
+
+    int m_folder = 0;
+    QStringList m_names;
+};
+
+TEST_F(LargeListings, AreReadOnAWorker) {
+    BusyWorkers workers;
+    const auto task = replied();
+    EXPECT_TRUE(task->isRunning()) << "nobody has had time to read it";
+    workers.release();
+    ASSERT_TRUE(succeeded(task->waitForFinished()));
+    EXPECT_EQ(names(task->files()), m_names);
+    EXPECT_EQ(list(m_folder), m_names);
+    EXPECT_FALSE(m_server.requests().back().header("If-None-Match").isEmpty()) << "it is kept";
+}
+
+TEST_F(LargeListings, AreSharedWhileTheyAreRead) {
+    BusyWorkers workers;
+    const auto first = replied();
+    HalvaneGetFilesTask second(m_folder);
+    second.exec();
+    workers.release();
+    ASSERT_TRUE(succeeded(second.waitForFinished()));
+    EXPECT_EQ(names(second.files()), m_names);
+    EXPECT_EQ(m_server.count(QStringLiteral("GET /folders/%1/files").arg(m_folder)), 1);
+}
+
+TEST_F(LargeListings, MayBeCancelledOrDestroyedWhileTheyAreRead) {
+    for (const bool destroy : {false, true}) {
+        BusyWorkers workers;
+        auto task = replied();
+        if (destroy)
+            task.reset();
+        else
+            task->cancel();
+        workers.release();
+        if (task) {
+            EXPECT_TRUE(task->error().isCanceled());
+            EXPECT_TRUE(task->files().isEmpty());
+        }
+    }
+    EXPECT_EQ(list(m_folder), m_names);
+}
+
+TEST_F(LargeListings, ThatAreDamagedFailLikeSmallOnes) {
+    const QByteArray filling(100'000, ' ');
+    const QString call = QStringLiteral("GET /folders/%1/files").arg(m_folder);
+    const auto errorOf = [&](const QByteArray& body) {
+        m_server.script(call, {ScriptedFault::Kind::Reply, {200, {{"ETag", "\"bad\""}}, body}});
+        HalvaneGetFilesTask task(m_folder);
+        const Error error = run(task);
+        EXPECT_TRUE(isNetworkError(error, NetworkErrorCode::InvalidReply));
+        EXPECT_TRUE(task.files().isEmpty());
+        return error.errorMessage();
+    };
+    for (const QByteArray body :
+         {R"({"status": "success"})", R"({"status": "success", "data": {"files": [{"id": 0}]}})",
+          R"({"status": "error", "error": {"code": 4, "message": "old"}})"}) {
+        EXPECT_EQ(errorOf(body + filling), errorOf(body)) << body.constData();
+    }
+    EXPECT_TRUE(
+        errorOf("<html>" + filling).contains(QStringLiteral("does not answer like a Halvane server")));
+    EXPECT_EQ(list(m_folder), m_names) << "nothing of them is kept";
+    EXPECT_TRUE(m_server.requests().back().header("If-None-Match").isEmpty());
 }
 
 TEST_F(ListingsTest, AFileIsFoundByItsNameInAKeptAndInAnyList) {

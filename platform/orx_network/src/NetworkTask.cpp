@@ -131,6 +131,10 @@ void NetworkTask::onReply(const NetworkReply& reply) {
         finish(ORX_ECATCH(error));
         return;
     }
+    replyArrived(reply);
+}
+
+void NetworkTask::replyArrived(const NetworkReply& reply) {
     const QPointer<NetworkTask> guard(this);
     const Error error = handleReply(reply);
     if (guard)

@@ -39,6 +39,9 @@ protected:
     virtual QUrl baseUrl() const = 0;
     //! The reply that ends the task: any status, no transport error. Its error ends the task.
     virtual Error handleReply(const NetworkReply& reply) = 0;
+    //! The last reply is there: calls handleReply() and finishes the task with what it returns. Who overrides
+    //! this may finish the task later, and must do so unless it was cancelled meanwhile.
+    virtual void replyArrived(const NetworkReply& reply);
     //! Called right before an attempt after the first, with what the one before came to; may finish the task.
     //! The base does nothing.
     virtual void aboutToRetry(const NetworkReply& failed);
