@@ -46,8 +46,10 @@ private:
 bool isNameOfSibling(const QFileInfo& path, const QString& name) {
     if (QFileInfo::exists(path.dir().filePath(name)))
         return true;
-    const QString stem = name.chopped(name.size() - name.lastIndexOf(u'.'));
-    return name.contains(u'.') && FileTypes::addMissingExtension(stem, FileTypes::VONK) == name &&
+    if (!name.contains(u'.'))
+        return false;
+    const QString stem = name.left(name.lastIndexOf(u'.'));
+    return FileTypes::addMissingExtension(stem, FileTypes::VONK) == name &&
            QFileInfo::exists(path.dir().filePath(stem));
 }
 
