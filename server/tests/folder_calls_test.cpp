@@ -177,6 +177,21 @@ TEST_F(FolderCalls, ARootOfHiddenFoldersHasNoChildren) {
     EXPECT_EQ(names("/folders/1/folders", "folders"), "");
 }
 
+TEST_F(FolderCalls, AListingTellsWhichFoldersHaveChildrenThatOneMayRead) {
+    addGroup("lab");
+    addGroup("others");
+    for (const char* name : {"open", "closed"}) {
+        const int folder = makeFolder(name);
+        grant(folder, "lab", "1");
+        grant(makeFolder("below", folder), name == std::string("open") ? "lab" : "others", "1");
+    }
+    actAsAnna();
+    const json folders = get("/folders/1/folders").data().at("folders");
+    ASSERT_EQ(folders.size(), 2U);
+    EXPECT_EQ(folders.at(0).at("has_children"), true);
+    EXPECT_EQ(folders.at(1).at("has_children"), false);
+}
+
 // Without reading, no other privilege is worth anything.
 TEST_F(FolderCalls, ARootThatOneMayNotReadCannotBeWritten) {
     addGroup("lab");

@@ -133,9 +133,12 @@ TEST_F(FolderUploadEntries, ANameGivenByThePolicyIsUsedAndKeptForTheRetry) {
     server.script(
         QStringLiteral("POST /uploads"),
         ScriptedFault::failure(403, HalvaneServerErrorCode::NoPrivilege, QStringLiteral("not yours")));
+    const auto policy = std::make_shared<AnsweringPolicy>(DuplicateUploadAnswer::KeepBoth);
     const auto task = upload();
-    task->setDuplicateUploadPolicy(std::make_shared<AnsweringPolicy>(DuplicateUploadAnswer::KeepBoth));
+    task->setDuplicateUploadPolicy(policy);
     EXPECT_TRUE(run(*task).hasError());
+    ASSERT_EQ(policy->asked.size(), 1);
+    EXPECT_EQ(policy->asked.first().folderName, QStringLiteral("raw"));
     ASSERT_FALSE(task->retry(path).hasError());
     EXPECT_FALSE(task->waitForFinished().hasError());
     const auto opened = server.requests(QStringLiteral("POST /uploads"));

@@ -73,7 +73,8 @@ private:
     void bindOne(int index, int value) { m_statement->bind(index, value); }
     void bindOne(int index, std::uint32_t value) { m_statement->bind(index, value); }
     void bindOne(int index, bool value) { m_statement->bind(index, value ? 1 : 0); }
-    void bindOne(int index, const std::string& value) { m_statement->bindNoCopy(index, value); }
+    // Copied: what is bound may be a temporary that is gone when the statement steps.
+    void bindOne(int index, const std::string& value) { m_statement->bind(index, value); }
     void bindOne(int index, const char* value) { m_statement->bind(index, value); }
     void bindOne(int index, std::span<const unsigned char> blob);
     template <typename Value>
