@@ -57,6 +57,7 @@ struct RawArguments {
     std::vector<std::string> metadata;
     std::vector<std::string> sources;
     std::string ifExists = "ask";
+    bool packed = false;
     bool withoutCache = false;
     std::string maxSize;
     std::string maxAge;
@@ -207,7 +208,9 @@ private:
             "  halvane get /raw/2026 --to data            (the folder becomes data/2026)\n"
             "  halvane get /raw/2026 file:12 --to data --if-exists rename\n"
             "  halvane get file:12@3 --to old.mzML\n"
-            "  halvane get folder:7 --to data --as march\n");
+            "  halvane get folder:7 --to data --as march\n"
+            "  halvane get /raw/2026/run1.d.vonk --to .   (a packed acquisition becomes run1.d)\n"
+            "  halvane get --packed /raw/2026/run1.d.vonk --to .\n");
         get->add_option("REF", m_raw.sources, "Remote paths or references of files and folders")->required();
         get->add_option("--to", m_raw.path, "A directory; for a single file also the path of the file to be")
             ->required()
@@ -219,6 +222,8 @@ private:
                         "skip, rename or fail")
             ->check(CLI::IsMember({"ask", "overwrite", "skip", "rename", "fail"}))
             ->type_name("WHAT");
+        get->add_flag("--packed", m_raw.packed,
+                      "Fetch packed acquisitions as the packed files that they are");
         get->add_flag("--no-cache", m_raw.withoutCache,
                       "Fetch from the server and keep no copy in the cache");
     }
@@ -465,6 +470,7 @@ private:
                                      .arg(request.sources.size())};
         }
         request.ifExists = choices.at(m_raw.ifExists);
+        request.packed = m_raw.packed;
         request.useCache = !m_raw.withoutCache;
         return {request};
     }

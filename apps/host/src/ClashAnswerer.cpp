@@ -17,6 +17,22 @@ void ClashAnswerer::remember(const QString& path, const RemoteItem& item) {
     m_made.insert(QDir::cleanPath(path), item.reference());
 }
 
+QString ClashAnswerer::whoMade(const QString& path) const {
+    return m_made.value(QDir::cleanPath(path));
+}
+
+bool ClashAnswerer::beginWriting(const QStringList& paths) {
+    const QSet<QString> wanted(paths.begin(), paths.end());
+    if (m_written.intersects(wanted))
+        return false;
+    m_written.unite(wanted);
+    return true;
+}
+
+void ClashAnswerer::endWriting(const QStringList& paths) {
+    m_written.subtract(QSet<QString>(paths.begin(), paths.end()));
+}
+
 Error ClashAnswerer::refusal(const Clash& clash) const {
     const QString path = clash.existing.absoluteFilePath();
     if (!clash.madeBy.isEmpty())

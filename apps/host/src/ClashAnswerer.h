@@ -6,6 +6,7 @@
 
 #include <QFileInfo>
 #include <QHash>
+#include <QSet>
 
 #include <functional>
 
@@ -47,7 +48,11 @@ public:
 
     //! For downloads whose files may come by one path: \a path is \a item of this download.
     void remember(const QString& path, const RemoteItem& item);
-    QString whoMade(const QString& path) const { return m_made.value(path); }
+    //! For files that are written side by side: takes \a paths for one of them, unless another one writes to
+    //! one of them just then (false).
+    bool beginWriting(const QStringList& paths);
+    void endWriting(const QStringList& paths);
+    QString whoMade(const QString& path) const;
 
 private:
     orx::Error refusal(const Clash& clash) const;
@@ -56,6 +61,7 @@ private:
     bool m_nobodyAsked;
     Question m_question;
     QHash<QString, QString> m_made;
+    QSet<QString> m_written;
     bool m_quit = false;
 };
 

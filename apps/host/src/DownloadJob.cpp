@@ -234,14 +234,15 @@ void DownloadJob::fetchNext() {
 }
 
 void DownloadJob::fetchFile(const Item& item) {
-    FileDownloadTask::Wanted wanted;
+    ItemDownloadTask::Wanted wanted;
     wanted.item = item.remote;
     wanted.directory = m_targetDir;
     wanted.name = item.name;
     wanted.useCache = m_request.useCache;
+    wanted.packed = m_request.packed;
     wanted.maxCachedBytes = m_request.maxCachedBytes;
-    auto task = std::make_unique<FileDownloadTask>(wanted, m_answerer);
-    FileDownloadTask* raw = task.get();
+    auto task = ItemDownloadTask::create(wanted, m_answerer);
+    ItemDownloadTask* raw = task.get();
     connect(raw, &BaseTask::progress, this, [this, size = item.remote.size](int value, int maximum) {
         m_arrivedBytes = maximum > 0 ? qint64(double(size) * value / maximum) : 0;
     });

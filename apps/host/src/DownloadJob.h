@@ -14,7 +14,7 @@ namespace halvane::host {
 class FolderDownloadTask;
 
 //! Brings files and folders of the server to local paths, one source after the other, each file as
-//! FileDownloadTask does. One failure does not stop the others; the job ends with the first failure, and
+//! ItemDownloadTask does. One failure does not stop the others; the job ends with the first failure, and
 //! failures() has them all. It gives up early when nothing else could succeed: nobody is logged in, nobody
 //! answers. A target that cannot be is found before any call (ErrorCode::FileNotWritable). Two sources that
 //! would come by one path fail before anything is fetched when one of them is a folder: nothing is merged.

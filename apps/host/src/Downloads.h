@@ -30,6 +30,8 @@ struct DownloadRequest {
     //! What the only source is to be called there; empty: its own name.
     QString name;
     IfExists ifExists = IfExists::Ask;
+    //! Packed acquisitions come as the packed files that they are, not as what they hold.
+    bool packed = false;
     //! From the cache where it is there, else into it first.
     bool useCache = true;
     //! What the cache may hold at most; a larger file is not brought into it.

@@ -1,21 +1,17 @@
 #include "FileDownloadTask.h"
 
+#include "DownloadSteps.h"
 #include "ErrorText.h"
-#include "RemotePath.h"
 #include "Resources.h"
 
 #include <ContentCheck.h>
 #include <FileUtils.h>
 #include <HalvaneDownloadFileTask.h>
-#include <HalvaneHistory.h>
 #include <RemoteResourceHandler.h>
-#include <ResourceManager.h>
-#include <WorkerStepTask.h>
 #include <tasks/HalvaneDownloadFileCacheTask.h>
 
 #include <QDir>
 #include <QFileInfo>
-#include <QStorageInfo>
 
 namespace halvane::host {
 
@@ -23,59 +19,18 @@ using orx::BaseTask;
 using orx::DuplicateDownloadPolicy;
 using orx::Error;
 using orx::ErrorCode;
-using orx::ErrorDomain;
 using orx::HalvaneDownloadFileCacheTask;
 using orx::HalvaneDownloadFileTask;
 using orx::HalvaneFileResourceReference;
 using orx::ResourceHandler;
 using orx::Result;
-using orx::WorkerStepTask;
 using Outcome = DownloadedFile::Outcome;
 
 namespace {
 
-// One job of a worker reads so much, so that an interruption is heard between two.
-constexpr qint64 readAtATime = 256 * 1024 * 1024;
-
-bool isThere(const QFileInfo& info) {
-    return info.exists() || info.isSymLink();
-}
-
-// Whether a retrieval failed here: neither at the server or on the way to it, nor because somebody asked it
-// to stop. What the server sent and what it said of it is the server's matter too.
-bool failedHere(const Error& error) {
-    if (error.domain() == ErrorDomain::Server || error.domain() == ErrorDomain::Network)
-        return false;
-    return !error.isCanceled() && !error.is(ErrorCode::NotAuthenticated) && !error.is(ErrorCode::TimedOut) &&
-           !error.is(ErrorCode::ChecksumMismatch);
-}
-
-std::unique_ptr<BaseTask> step(const QString& name, WorkerStepTask::Job job) {
-    return std::make_unique<WorkerStepTask>(name, std::move(job));
-}
-
-// Said before anything is fetched that could not be put there afterwards.
 Error checkPlace(const QFileInfo& target, qint64 size) {
-    const QString path = target.absoluteFilePath();
-    const QString directory = target.absolutePath();
-    if (target.isDir() && !target.isSymLink())
-        return Error(ErrorCode::FileNotWritable,
-                     QStringLiteral("\"%1\" is a directory; the file cannot take its place.").arg(path));
-    // A device or a pipe would be replaced by a file of its name.
-    if (target.exists() && !target.isSymLink() && !target.isFile())
-        return Error(
-            ErrorCode::FileNotWritable,
-            QStringLiteral("\"%1\" is not a regular file and stays as it is; give another path.").arg(path));
-    if (!QFileInfo(directory).isWritable())
-        return Error(ErrorCode::FileNotWritable,
-                     QStringLiteral("\"%1\" cannot be written: nothing can be made in the directory \"%2\".")
-                         .arg(path, directory));
-    const QStorageInfo storage(directory);
-    if (storage.isValid() && storage.bytesTotal() > 0 && storage.bytesAvailable() < size)
-        return Error(ErrorCode::StorageFull,
-                     QStringLiteral("There is no room for \"%1\": %2 bytes are missing; free some space.")
-                         .arg(path, QString::number(size - storage.bytesAvailable())));
-    return {};
+    ORX_RETURN_ON_ERROR(checkFilePlace(target));
+    return checkRoom(target, size);
 }
 
 } // namespace
@@ -90,13 +45,7 @@ struct FileDownloadTask::Look {
 
 FileDownloadTask::FileDownloadTask(const Wanted& wanted, ClashAnswerer& answerer, MakeTask makeTask,
                                    QObject* parent)
-    : ComplexTask(QStringLiteral("Download(%1)").arg(wanted.item.reference()), parent)
-    , m_wanted(wanted)
-    , m_answerer(answerer)
-    , m_makeTask(std::move(makeTask))
-    , m_name(wanted.name) {
-    m_result.item = wanted.item;
-}
+    : ItemDownloadTask(wanted, answerer, parent), m_makeTask(std::move(makeTask)), m_name(wanted.name) {}
 
 FileDownloadTask::~FileDownloadTask() = default;
 
@@ -104,29 +53,19 @@ QString FileDownloadTask::targetPath() const {
     return m_wanted.directory + u'/' + m_name;
 }
 
-bool FileDownloadTask::canUseCache() {
-    // The name of the entry is that on the server.
-    if (!m_wanted.useCache || !orx::ResourceManager::cache() || !isUsableLocalName(m_wanted.item.name))
-        return false;
-    if (!m_wanted.maxCachedBytes || m_wanted.item.size <= *m_wanted.maxCachedBytes)
-        return true;
-    addWarning(QStringLiteral("\"%1\" is larger than the cache may be and comes down without it.")
-                   .arg(m_wanted.item.name));
-    return false;
-}
-
 Error FileDownloadTask::initialize() {
-    m_usesCache = canUseCache();
+    // The cache holds packed acquisitions unpacked.
+    m_usesCache = !m_wanted.packed && mayUseCache(m_wanted.item.size);
     const auto look = std::make_shared<Look>();
-    execSubtask(step(QStringLiteral("LookAtTarget"),
-                     [look, path = targetPath(), size = m_wanted.item.size]() -> Error {
-                         const QFileInfo target(path);
-                         look->isThere = isThere(target);
-                         look->isFile = target.isFile();
-                         look->isDangling = target.isSymLink() && !target.exists();
-                         look->problem = checkPlace(target, size);
-                         return {};
-                     }),
+    execSubtask(workerStep(QStringLiteral("LookAtTarget"),
+                           [look, path = targetPath(), size = m_wanted.item.size]() -> Error {
+                               const QFileInfo target(path);
+                               look->isThere = isThere(target);
+                               look->isFile = target.isFile();
+                               look->isDangling = target.isSymLink() && !target.exists();
+                               look->problem = checkPlace(target, size);
+                               return {};
+                           }),
                 [this, look](BaseTask*) { onLooked(*look); });
     return {};
 }
@@ -189,31 +128,17 @@ void FileDownloadTask::compare(const QString& path, const Compared& next) {
 
 void FileDownloadTask::compareMore(const std::shared_ptr<orx::ContentCheck>& check, const Compared& next) {
     const auto isSame = std::make_shared<std::optional<bool>>();
-    execSubtask(step(QStringLiteral("CompareContent"),
-                     [check, isSame]() -> Error {
-                         *isSame = check->isSame(readAtATime);
-                         return {};
-                     }),
+    execSubtask(workerStep(QStringLiteral("CompareContent"),
+                           [check, isSame]() -> Error {
+                               *isSame = check->isSame(readAtATime);
+                               return {};
+                           }),
                 [this, check, isSame, next](BaseTask*) {
                     if (*isSame)
                         next(**isSame);
                     else
                         compareMore(check, next);
                 });
-}
-
-Result<IfExists> FileDownloadTask::decide(const QString& path, const QString& madeBy) {
-    Clash clash;
-    clash.existing = QFileInfo(path);
-    clash.madeBy = madeBy;
-    clash.item = m_wanted.item;
-    if (m_answerer.policy() == IfExists::Ask) {
-        // For the person only; a history that cannot be read is told when it is written.
-        const auto version = orx::HalvaneHistory().fileVersion(path, m_wanted.item.id);
-        if (!version.hasError())
-            clash.existingVersion = version.value();
-    }
-    return m_answerer.decide(clash);
 }
 
 void FileDownloadTask::endAs(Outcome outcome) {
@@ -342,27 +267,6 @@ void FileDownloadTask::onCopied(HalvaneDownloadFileCacheTask& task) {
     recordVersion(paths);
 }
 
-void FileDownloadTask::recordVersion(const QStringList& paths) {
-    const auto warning = std::make_shared<QString>();
-    execSubtask(
-        step(QStringLiteral("RecordVersion"),
-             [paths, warning, item = m_wanted.item]() -> Error {
-                 for (const QString& path : paths) {
-                     const Error error = orx::HalvaneHistory().setFileVersion(path, item.id, item.version);
-                     if (error.hasError())
-                         *warning = error.errorMessage();
-                 }
-                 return {};
-             }),
-        [this, warning](BaseTask*) {
-            if (!warning->isEmpty())
-                addWarning(QStringLiteral("The file \"%1\" was downloaded, but that could not be recorded "
-                                          "here: %2")
-                               .arg(m_result.path, *warning));
-            m_result.warnings = error().warnings();
-        });
-}
-
 // ---- when the cache or the copy failed
 
 void FileDownloadTask::onNotCopied(const Error& error) {
@@ -379,11 +283,11 @@ void FileDownloadTask::onNotCopied(const Error& error) {
 // is.
 void FileDownloadTask::explain(const Error& error) {
     const auto problem = std::make_shared<Error>();
-    execSubtask(step(QStringLiteral("LookAgain"),
-                     [problem, path = targetPath(), size = m_wanted.item.size]() -> Error {
-                         *problem = checkPlace(QFileInfo(path), size);
-                         return {};
-                     }),
+    execSubtask(workerStep(QStringLiteral("LookAgain"),
+                           [problem, path = targetPath(), size = m_wanted.item.size]() -> Error {
+                               *problem = checkPlace(QFileInfo(path), size);
+                               return {};
+                           }),
                 [this, problem, error](BaseTask*) {
                     if (problem->hasError())
                         return finish(*problem);

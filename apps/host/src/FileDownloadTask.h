@@ -1,12 +1,8 @@
 #pragma once
 
-#include "ClashAnswerer.h"
+#include "ItemDownloadTask.h"
 
-#include <ComplexTask.h>
-#include <DuplicateDownload.h>
 #include <FileCopy.h>
-
-#include <memory>
 
 namespace orx {
 class ContentCheck;
@@ -16,32 +12,16 @@ class ResourceHandler;
 
 namespace halvane::host {
 
-//! Brings one version of a file into a directory, unless it is there already with that very content: into the
-//! cache and out of it by the plug-in's task, or directly. A content that is in the cache already is compared
-//! with the server's SHA-256 first, and fetched anew when it differs. Where the cache fails, and neither the
-//! server nor the target, the file comes down directly, with a warning. Records the version in the local
-//! history for the path that it was written to. What is at the target stays as it is until the new content is
-//! complete. Progress: that of the retrieval. Thread: that of the object.
+//! Brings a file as the one file that it is: into the cache and out of it by the plug-in's task, or directly.
+//! A content that is in the cache already is compared with the server's SHA-256 first, and fetched anew when
+//! it differs. Where the cache fails, and neither the server nor the target, the file comes down directly,
+//! with a warning.
 //!
 //! Errors: ErrorCode::FileNotWritable and ErrorCode::StorageFull for a target that cannot be, those of
 //! ClashAnswerer::decide(), those of the retrieval.
-class HALVANE_HOST_EXPORT FileDownloadTask : public orx::ComplexTask {
+class HALVANE_HOST_EXPORT FileDownloadTask : public ItemDownloadTask {
     Q_OBJECT
 public:
-    struct Wanted {
-        //! With version, size and checksum.
-        RemoteItem item;
-        //! An existing directory, absolute.
-        QString directory;
-        //! One path component.
-        QString name;
-        bool useCache = true;
-        //! What the cache may hold at most; a larger file comes down without it, with a warning.
-        std::optional<qint64> maxCachedBytes;
-    };
-    //! The plug-in's task for the file under a name; its clashes are to reach onClash() of the asker.
-    using MakeTask = std::function<orx::HalvaneDownloadFileCacheTask*(
-        FileDownloadTask& asker, const QString& name, orx::DuplicateDownloadPolicy policy)>;
     //! Which file of the download made an entry, as the plug-in knows it.
     using MadeBy = QMap<QString, QSharedPointer<orx::HalvaneFileResourceReference>>;
 
@@ -49,9 +29,6 @@ public:
     FileDownloadTask(const Wanted& wanted, ClashAnswerer& answerer, MakeTask makeTask = {},
                      QObject* parent = nullptr);
     ~FileDownloadTask() override;
-
-    //! After success.
-    const DownloadedFile& result() const { return m_result; }
 
     //! Answers the question of the plug-in's \a task.
     void onClash(const QStringList& names, const MadeBy& madeBy, orx::HalvaneDownloadFileCacheTask& task,
@@ -65,13 +42,11 @@ private:
     using Compared = std::function<void(bool isSame)>;
 
     QString targetPath() const;
-    bool canUseCache();
     void onLooked(const Look& look);
     void onOtherContent(const Look& look);
     void findFreeName(int number);
     void compare(const QString& path, const Compared& next);
     void compareMore(const std::shared_ptr<orx::ContentCheck>& check, const Compared& next);
-    orx::Result<IfExists> decide(const QString& path, const QString& madeBy);
     void endAs(DownloadedFile::Outcome outcome);
     void fetch();
     void discardCopy(const orx::FileCopy::Stamp& seen);
@@ -82,10 +57,7 @@ private:
     void explain(const orx::Error& error);
     void fetchWithoutCache(const orx::Error& cause);
     void fetchDirectly();
-    void recordVersion(const QStringList& paths);
 
-    Wanted m_wanted;
-    ClashAnswerer& m_answerer;
     MakeTask m_makeTask;
     QSharedPointer<orx::ResourceHandler> m_handler;
     //! Of the file in the target; another one when the own one is taken.
@@ -95,7 +67,6 @@ private:
     //! What was answered to the plug-in's question.
     bool m_skipped = false;
     orx::Error m_refusal;
-    DownloadedFile m_result;
 };
 
 } // namespace halvane::host

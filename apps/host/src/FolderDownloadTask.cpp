@@ -31,16 +31,20 @@ FolderDownloadTask::FolderDownloadTask(const QSharedPointer<orx::HalvaneFolderRe
 
 FolderDownloadTask::~FolderDownloadTask() = default;
 
-FileDownloadTask::Wanted FolderDownloadTask::wantedOf(const HalvaneFileResourceReference& reference,
+ItemDownloadTask::Wanted FolderDownloadTask::wantedOf(const HalvaneFileResourceReference& reference,
                                                       const QString& directory, const QString& name) const {
-    FileDownloadTask::Wanted wanted;
+    ItemDownloadTask::Wanted wanted;
     wanted.item.type = RemoteItem::ItemType::File;
     wanted.item.id = reference.id();
     wanted.item.version = reference.version();
     wanted.item.name = reference.name();
     wanted.directory = directory;
     wanted.name = name;
+    // Siblings share it.
+    if (name != reference.name())
+        wanted.mark = QStringLiteral(" (file %1)").arg(reference.id());
     wanted.useCache = m_request.useCache;
+    wanted.packed = m_request.packed;
     wanted.maxCachedBytes = m_request.maxCachedBytes;
     // The listing said it just before.
     if (const auto stated = HalvaneAcknowledgedContents::findStated(
@@ -57,12 +61,13 @@ FolderDownloadTask::createFileDownloadTask(const QSharedPointer<HalvaneFileResou
                                            const orx::PathImpl<orx::PathType::Dir>& targetDir,
                                            const QString& name, std::optional<DuplicateDownloadPolicy>) {
     ++m_tried;
-    auto* task =
-        new FileDownloadTask(wantedOf(*fileReference, targetDir.toString(), name), m_answerer,
-                             [this, fileReference, targetDir](FileDownloadTask& asker, const QString& as,
-                                                              DuplicateDownloadPolicy policy) {
-                                 return makeCacheTask(asker, fileReference, targetDir, as, policy);
-                             });
+    ItemDownloadTask* const task =
+        ItemDownloadTask::create(wantedOf(*fileReference, targetDir.toString(), name), m_answerer,
+                                 [this, fileReference, targetDir](FileDownloadTask& asker, const QString& as,
+                                                                  DuplicateDownloadPolicy policy) {
+                                     return makeCacheTask(asker, fileReference, targetDir, as, policy);
+                                 })
+            .release();
     connect(task, &orx::BaseTask::finished, this, [this, task] {
         if (task->isSuccessful())
             Q_EMIT fileDone(task->result());

@@ -8,7 +8,7 @@
 
 namespace halvane::host {
 
-//! Brings a folder with everything in it into a directory, each file as FileDownloadTask does, and tells what
+//! Brings a folder with everything in it into a directory, each file as ItemDownloadTask does, and tells what
 //! came of each. Thread: that of the object.
 class HALVANE_HOST_EXPORT FolderDownloadTask : public orx::HalvaneDownloadFolderCacheTask {
     Q_OBJECT
@@ -32,7 +32,7 @@ protected:
                                       std::optional<orx::DuplicateDownloadPolicy> policy) override;
 
 private:
-    FileDownloadTask::Wanted wantedOf(const orx::HalvaneFileResourceReference& reference,
+    ItemDownloadTask::Wanted wantedOf(const orx::HalvaneFileResourceReference& reference,
                                       const QString& directory, const QString& name) const;
     orx::HalvaneDownloadFileCacheTask*
     makeCacheTask(FileDownloadTask& asker,

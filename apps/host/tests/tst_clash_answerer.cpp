@@ -31,6 +31,18 @@ TEST(ClashAnswerer, APolicyDecidesWithoutAsking) {
     EXPECT_EQ(asked, 0);
 }
 
+TEST(ClashAnswerer, OneFileAtATimeWritesToAPath) {
+    ClashAnswerer answerer(IfExists::Overwrite);
+    const QString other = QStringLiteral("/data/other.mzML");
+    EXPECT_TRUE(answerer.beginWriting({path, other}));
+    EXPECT_FALSE(answerer.beginWriting({other}));
+    EXPECT_TRUE(answerer.beginWriting({QStringLiteral("/data/third.mzML")}));
+    answerer.endWriting({path, other});
+    EXPECT_TRUE(answerer.beginWriting({other}));
+    EXPECT_FALSE(answerer.beginWriting({path, other}));
+    EXPECT_TRUE(answerer.beginWriting({path})) << "what was refused takes nothing";
+}
+
 TEST(ClashAnswerer, WithNobodyToAskItFailsAndTellsTheOptions) {
     ClashAnswerer answerer(IfExists::Ask);
     EXPECT_EQ(answerer.policy(), IfExists::Fail);

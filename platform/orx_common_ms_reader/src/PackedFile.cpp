@@ -5,6 +5,7 @@
 #include <QFile>
 
 #include <cerrno>
+#include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -76,7 +77,32 @@ Result<PackedFile> PackedFile::open(const QString& path) {
     return file;
 }
 
+PackedFile PackedFile::ofEnds(qint64 size, const QByteArray& head, const QByteArray& tail) {
+    PackedFile file;
+    file.m_size = size;
+    file.m_ends = std::make_shared<Ends>(Ends{head.left(size), tail.right(size), std::nullopt});
+    return file;
+}
+
+Error PackedFile::readEnds(qint64 offset, std::span<char> buffer) const {
+    const qint64 wanted = qint64(buffer.size());
+    const qint64 tailOffset = m_size - m_ends->tail.size();
+    if (offset >= tailOffset && offset + wanted <= m_size) {
+        std::memcpy(buffer.data(), m_ends->tail.constData() + (offset - tailOffset), buffer.size());
+        return {};
+    }
+    if (offset + wanted <= m_ends->head.size()) {
+        std::memcpy(buffer.data(), m_ends->head.constData() + offset, buffer.size());
+        return {};
+    }
+    if (!m_ends->missing)
+        m_ends->missing = offset;
+    return Error(ErrorCode::FileNotReadable, translated("A part of the file is not at hand."));
+}
+
 Error PackedFile::read(qint64 offset, std::span<char> buffer) const {
+    if (m_ends)
+        return readEnds(offset, buffer);
     const qint64 bytes = readFully(*m_descriptor, buffer, offset);
     if (bytes < 0)
         return readFailure(errno, m_path);

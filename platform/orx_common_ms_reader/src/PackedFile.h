@@ -6,6 +6,8 @@
 #include <QByteArray>
 #include <QString>
 
+#include <memory>
+#include <optional>
 #include <span>
 
 namespace orx::vonk {
@@ -45,17 +47,30 @@ class PackedFile {
 public:
     //! ErrorCode::NotFound or FileNotReadable (also for what is no regular file).
     static Result<PackedFile> open(const QString& path);
+    //! One that lies elsewhere, with what is at hand of it: the beginning and the end. Thread: one.
+    static PackedFile ofEnds(qint64 size, const QByteArray& head, const QByteArray& tail);
 
     QString path() const { return m_path; }
     qint64 size() const { return m_size; }
-    //! ErrorCode::FileChanged when the file has become shorter, FileNotReadable.
+    //! ErrorCode::FileChanged when the file has become shorter, FileNotReadable (also for what is not at
+    //! hand).
     Error read(qint64 offset, std::span<char> buffer) const;
     Result<QByteArray> read(qint64 offset, qint64 size) const;
+    //! Where the first read began that failed because its bytes are not at hand; none when none did.
+    std::optional<qint64> missing() const { return m_ends ? m_ends->missing : std::nullopt; }
 
 private:
+    struct Ends {
+        QByteArray head;
+        QByteArray tail;
+        std::optional<qint64> missing;
+    };
+    Error readEnds(qint64 offset, std::span<char> buffer) const;
+
     QString m_path;
     Descriptor m_descriptor;
     qint64 m_size = 0;
+    std::shared_ptr<Ends> m_ends;
 };
 
 } // namespace orx::vonk

@@ -92,6 +92,16 @@ const VonkMetadata& Vonk::metadata() const {
     return d->opened ? d->opened->index.metadata : kNoMetadata;
 }
 
+Result<VonkLook> Vonk::look(const VonkEnds& ends) {
+    const PackedFile file = PackedFile::ofEnds(ends.size, ends.head, ends.tail);
+    auto index = readIndex(file);
+    if (const auto missing = file.missing())
+        return VonkLook{std::nullopt, *missing};
+    ORX_RETURN_ON_ERROR(index.error());
+    ORX_RETURN_ON_ERROR(checkIndex(*index));
+    return VonkLook{std::move(index->metadata), -1};
+}
+
 Error Vonk::validate(Check check, const WorkWatch& watch) const {
     if (!d->opened)
         return Error(ErrorCode::InvalidArgument, translated("\"%1\" is not open.").arg(d->path));

@@ -8,8 +8,28 @@
 #include <QString>
 
 #include <memory>
+#include <optional>
 
 namespace orx::vonk {
+
+//! What is at hand of a packed file that lies elsewhere.
+struct ORX_COMMON_MS_READER_EXPORT VonkEnds {
+    //! Of the whole file.
+    qint64 size = 0;
+    //! From its first byte on.
+    QByteArray head;
+    //! Up to its last byte.
+    QByteArray tail;
+};
+
+//! What the ends tell: the metadata, or which byte is to be had too, with all from there to the end of the
+//! file (with as many as the head is to have, when it is the first byte).
+struct ORX_COMMON_MS_READER_EXPORT VonkLook {
+    static constexpr qint64 headSize = 128;
+
+    std::optional<VonkMetadata> metadata;
+    qint64 missing = -1;
+};
 
 //! A packed acquisition file that is read: docs/packed-acquisition.md. Once open it stays readable, also when
 //! the file is removed. Messages name the file. Thread: any, one at a time.
@@ -39,6 +59,8 @@ public:
     Error validate(Check check = Check::Quick, const WorkWatch& watch = {}) const;
     //! Empty unless open.
     const VonkMetadata& metadata() const;
+    //! The quick check on the ends of a file. Messages name no file; errors as above.
+    static Result<VonkLook> look(const VonkEnds& ends);
 
     //! The SHA-256 of the packed file itself, in 64 lower-case hexadecimal digits. Blocks.
     Result<QByteArray> sha256(const WorkWatch& watch = {}) const;

@@ -60,6 +60,51 @@ class BothVersions : public Reading, public ::testing::WithParamInterface<int> {
 
 INSTANTIATE_TEST_SUITE_P(Version, BothVersions, ::testing::Values(1, 2));
 
+// What a reader far from the file has to ask for, and what it knows then.
+TEST_P(BothVersions, TheEndsOfAFileTellAllAboutIt) {
+    SmallWriter writer(GetParam());
+    writer.addFile(QStringLiteral("content/run1.raw"), noise(5'000));
+    writer.finish();
+    const QByteArray whole = writer.bytes();
+    Vonk opened(put(whole));
+    ASSERT_FALSE(opened.open().hasError());
+
+    VonkEnds ends{whole.size(), {}, whole.right(100)};
+    const auto withoutHead = Vonk::look(ends);
+    ASSERT_TRUE(withoutHead);
+    EXPECT_FALSE(withoutHead->metadata);
+    EXPECT_EQ(withoutHead->missing, 0);
+
+    ends.head = whole.left(VonkLook::headSize);
+    const auto withoutManifest = Vonk::look(ends);
+    ASSERT_TRUE(withoutManifest);
+    EXPECT_FALSE(withoutManifest->metadata);
+    // Where the manifest begins: the payload is not asked for.
+    EXPECT_GT(withoutManifest->missing, 5'000);
+    EXPECT_LT(withoutManifest->missing, whole.size() - 100);
+
+    ends.tail = whole.mid(withoutManifest->missing);
+    const auto complete = Vonk::look(ends);
+    ASSERT_TRUE(complete);
+    ASSERT_TRUE(complete->metadata);
+    EXPECT_EQ(*complete->metadata, opened.metadata());
+}
+
+TEST_P(BothVersions, EndsThatLieAreRefused) {
+    const QByteArray whole = smallSample(GetParam()).bytes();
+    const auto look = [&](qint64 size, QByteArray bytes) { return Vonk::look({size, {}, std::move(bytes)}); };
+    EXPECT_TRUE(look(whole.size(), whole)->metadata);
+    EXPECT_TRUE(look(5, "plain").error().is(ErrorCode::ParseError));
+    EXPECT_TRUE(look(whole.size() - 1, whole.chopped(1)).hasError());
+    QByteArray damaged = whole;
+    damaged[damaged.lastIndexOf("VONKMANI") + 30] = '!';
+    EXPECT_TRUE(look(whole.size(), damaged).error().is(ErrorCode::ChecksumMismatch));
+    SmallWriter escaping(GetParam());
+    escaping.addFile(QStringLiteral("content/../../escaped"), "x");
+    escaping.finish();
+    EXPECT_TRUE(look(escaping.bytes().size(), escaping.bytes()).error().is(ErrorCode::InvalidArgument));
+}
+
 TEST_P(BothVersions, TheKeptFileIsReadAsEver) {
     Vonk vonk(sample(GetParam()));
     const Error error = vonk.open();

@@ -1,0 +1,458 @@
+#include "AcquisitionDownloadTask.h"
+
+#include "ContentPlacing.h"
+#include "DownloadSteps.h"
+#include "ErrorText.h"
+#include "Resources.h"
+#include "UnpackedCheck.h"
+
+#include <DelayStepTask.h>
+#include <DownloadNames.h>
+#include <HalvaneDownloadFileTask.h>
+#include <HalvaneGetVonkMetadataTask.h>
+#include <PackedPaths.h>
+#include <ResourceHandler.h>
+
+#include <QDir>
+
+#include <algorithm>
+
+namespace halvane::host {
+
+using orx::BaseTask;
+using orx::Error;
+using orx::ErrorCode;
+using orx::HalvaneGetVonkMetadataTask;
+using orx::ResourceHandler;
+using orx::Result;
+using orx::Task;
+using orx::vonk::VonkEntry;
+using orx::vonk::VonkMetadata;
+using Outcome = DownloadedFile::Outcome;
+
+namespace {
+
+constexpr std::chrono::milliseconds waitForAnother(20);
+
+QString contentOf(const QString& unpacked) {
+    return unpacked + QStringLiteral("/content");
+}
+
+//! Of what is on the server, and not of the way to it.
+bool isNoAcquisition(const Error& error) {
+    return error.is(ErrorCode::ParseError) || error.is(ErrorCode::ChecksumMismatch) ||
+           error.is(ErrorCode::InvalidArgument);
+}
+
+//! "run.d" with the mark " (file 12)" is "run (file 12).d".
+QString marked(const QString& name, const QString& mark) {
+    const QFileInfo info(name);
+    const bool hasSuffix = !info.completeBaseName().isEmpty() && !info.suffix().isEmpty();
+    const QString suffix = hasSuffix ? u'.' + info.suffix() : QString();
+    return orx::DownloadNames::shortened(name.chopped(suffix.size()), mark + suffix);
+}
+
+//! The \a number-th name, of which the first is \a name itself.
+QString numbered(const QString& name, int number) {
+    int passed = 1;
+    return orx::FileUtils::freeName(name, [&passed, number](const QString&) { return passed++ < number; });
+}
+
+Error removeStaging(const QString& path) {
+    if (QDir(path).removeRecursively())
+        return {};
+    return Error(
+        ErrorCode::FileNotWritable,
+        QStringLiteral("The directory \"%1\" could not be removed; it is needed no more.").arg(path));
+}
+
+} // namespace
+
+AcquisitionDownloadTask::AcquisitionDownloadTask(const Wanted& wanted, ClashAnswerer& answerer,
+                                                 MakeTask makeTask, QObject* parent)
+    : ItemDownloadTask(wanted, answerer, parent), m_makeTask(std::move(makeTask)) {}
+
+AcquisitionDownloadTask::~AcquisitionDownloadTask() = default;
+
+Error AcquisitionDownloadTask::initialize() {
+    if (m_wanted.item.size == 0) {
+        fetchAsFile(Error(ErrorCode::ParseError, QStringLiteral("it is empty.")));
+        return {};
+    }
+    execSubtask(
+        std::make_unique<HalvaneGetVonkMetadataTask>(
+            HalvaneGetVonkMetadataTask::Wanted{m_wanted.item.id, m_wanted.item.version, m_wanted.item.name}),
+        [this](HalvaneGetVonkMetadataTask* task) { onMetadata(task->metadata()); },
+        [this](BaseTask* task) {
+            if (isCanceled() || !isNoAcquisition(task->error()))
+                return finish(task->error());
+            fetchAsFile(task->error());
+        });
+    return {};
+}
+
+void AcquisitionDownloadTask::onMetadata(const VonkMetadata& metadata) {
+    const QString prefix = orx::vonk::contentPrefix();
+    for (VonkEntry entry : metadata.entries) {
+        entry.path = entry.path.mid(prefix.size());
+        const QString name = entry.path.section(u'/', 0, 0);
+        if (m_parts.isEmpty() || m_parts.last().name != name) {
+            m_parts.emplace_back();
+            m_parts.last().name = name;
+        }
+        Part& part = m_parts.last();
+        part.isDirectory = !entry.isFile() || entry.path != name;
+        part.entries.append(entry);
+    }
+    m_size = metadata.totalSize();
+    if (const Error error = chooseNames(); error.hasError())
+        return finish(error);
+    m_usesCache = mayUseCache(m_size);
+    look([this] { onCompared(); });
+}
+
+Error AcquisitionDownloadTask::chooseNames() {
+    const bool isNamed = m_wanted.mark.isEmpty() && m_wanted.name != m_wanted.item.name;
+    if (isNamed && m_parts.size() > 1)
+        return Error(ErrorCode::InvalidArgument,
+                     QStringLiteral("\"%1\" holds %2 files and directories, which cannot all be called "
+                                    "\"%3\". Let them come under their own names into a directory, or the "
+                                    "packed file as it is with --packed.")
+                         .arg(m_wanted.item.name, QString::number(m_parts.size()), m_wanted.name));
+    for (Part& part : m_parts) {
+        part.wantedName = isNamed ? m_wanted.name : part.name;
+        if (!m_wanted.mark.isEmpty())
+            part.wantedName = marked(part.name, m_wanted.mark);
+        part.as = part.wantedName;
+    }
+    return {};
+}
+
+void AcquisitionDownloadTask::fetchAsFile(const Error& reason) {
+    if (!m_wanted.useCache)
+        addWarning(QStringLiteral("\"%1\" comes as the file that it is, since it cannot be unpacked: %2")
+                       .arg(m_wanted.item.name, errorText(reason)));
+    auto task = std::make_unique<FileDownloadTask>(m_wanted, m_answerer, m_makeTask);
+    connect(task.get(), &BaseTask::progressInitiated, this, &BaseTask::progressInitiated);
+    connect(task.get(), &BaseTask::progress, this, &BaseTask::progress);
+    execSubtask(std::move(task), [this](FileDownloadTask* done) {
+        m_result = done->result();
+        m_result.warnings = error().warnings();
+    });
+}
+
+// ---- what is at the target
+
+QString AcquisitionDownloadTask::targetPath(const Part& part) const {
+    return m_wanted.directory + u'/' + part.as;
+}
+
+QStringList AcquisitionDownloadTask::targetPaths() const {
+    QStringList paths;
+    for (const Part& part : m_parts)
+        paths.append(targetPath(part));
+    return paths;
+}
+
+QStringList AcquisitionDownloadTask::makers() const {
+    QStringList makers;
+    for (const QString& path : targetPaths())
+        makers.append(m_answerer.whoMade(path));
+    return makers;
+}
+
+void AcquisitionDownloadTask::look(const Next& next) {
+    const auto parts = std::make_shared<QList<Part>>(m_parts);
+    execSubtask(workerStep(QStringLiteral("LookAtTarget"),
+                           [parts, directory = m_wanted.directory]() -> Error {
+                               for (Part& part : *parts) {
+                                   const QFileInfo target(directory + u'/' + part.as);
+                                   part.isThere = isThere(target);
+                                   part.isSame = false;
+                                   part.problem = part.isDirectory ? checkDirectoryPlace(target)
+                                                                   : checkFilePlace(target);
+                               }
+                               return {};
+                           }),
+                [this, parts, next](BaseTask*) {
+                    m_parts = *parts;
+                    compareParts(0, next);
+                });
+}
+
+void AcquisitionDownloadTask::compareParts(qsizetype from, const Next& next) {
+    while (from < m_parts.size() && !m_parts[from].isThere)
+        ++from;
+    if (from == m_parts.size())
+        return next();
+    const Part& part = m_parts[from];
+    compare(std::make_shared<UnpackedCheck>(targetPath(part), part.entries), [this, from, next](bool isSame) {
+        m_parts[from].isSame = isSame;
+        compareParts(from + 1, next);
+    });
+}
+
+void AcquisitionDownloadTask::compare(const std::shared_ptr<UnpackedCheck>& check, const Compared& next) {
+    const auto isSame = std::make_shared<std::optional<bool>>();
+    execSubtask(workerStep(QStringLiteral("CompareContent"),
+                           [check, isSame]() -> Error {
+                               *isSame = check->isSame(readAtATime);
+                               return {};
+                           }),
+                [this, check, isSame, next](BaseTask*) {
+                    if (*isSame)
+                        next(**isSame);
+                    else
+                        compare(check, next);
+                });
+}
+
+const AcquisitionDownloadTask::Part* AcquisitionDownloadTask::firstClash() const {
+    const auto clash = std::find_if(m_parts.begin(), m_parts.end(),
+                                    [](const Part& part) { return part.isThere && !part.isSame; });
+    return clash == m_parts.end() ? nullptr : &*clash;
+}
+
+bool AcquisitionDownloadTask::isAllSame() const {
+    return std::all_of(m_parts.begin(), m_parts.end(), [](const Part& part) { return part.isSame; });
+}
+
+// Also when something came to the target while the content was fetched.
+void AcquisitionDownloadTask::onCompared() {
+    m_mayOverwrite = false;
+    if (isAllSame())
+        return endAs(Outcome::Unchanged);
+    if (const Part* clash = firstClash())
+        return onClash(*clash);
+    fetch();
+}
+
+void AcquisitionDownloadTask::onClash(const Part& clash) {
+    const QString path = targetPath(clash);
+    const Result<IfExists> decision = decide(path, m_answerer.whoMade(path));
+    if (decision.hasError())
+        return finish(decision.error());
+    if (*decision == IfExists::Skip)
+        return endAs(Outcome::Skipped);
+    if (*decision == IfExists::Rename) {
+        m_result.isRenamed = true;
+        return findFreeNames(2);
+    }
+    m_mayOverwrite = true;
+    m_overwrittenMakers = makers();
+    fetch();
+}
+
+// The first names of one number that are free, or under which an earlier run left this very content.
+void AcquisitionDownloadTask::findFreeNames(int number) {
+    for (Part& part : m_parts)
+        part.as = numbered(part.wantedName, number);
+    look([this, number] {
+        if (firstClash())
+            findFreeNames(number + 1);
+        else
+            onCompared();
+    });
+}
+
+Error AcquisitionDownloadTask::firstProblem() const {
+    for (const Part& part : m_parts) {
+        if (!part.isSame)
+            ORX_RETURN_ON_ERROR(Error(part.problem));
+    }
+    return checkRoom(QFileInfo(targetPath(m_parts.first())), m_size);
+}
+
+void AcquisitionDownloadTask::endAs(Outcome outcome) {
+    m_result.outcome = outcome;
+    m_result.path = targetPaths().first();
+    m_result.warnings = error().warnings();
+    if (!m_stagingDir.isEmpty())
+        execSubtask(workerStep(QStringLiteral("RemoveStaging"),
+                               [path = m_stagingDir] { return removeStaging(path); }));
+    if (outcome != Outcome::Skipped)
+        recordVersion(targetPaths());
+}
+
+// ---- the content
+
+void AcquisitionDownloadTask::fetch() {
+    if (const Error problem = firstProblem(); problem.hasError())
+        return finish(problem);
+    if (!m_usesCache)
+        return fetchDirectly();
+    if (m_handler)
+        return retrieve();
+    const auto handler = handlerOf(m_wanted.item);
+    if (handler.hasError())
+        return fetchWithoutCache(handler.error());
+    m_handler = handler.value();
+    m_result.fromCache = m_handler->isAvailableLocally();
+    const auto cached = m_handler->expectedPath();
+    if (!m_result.fromCache || cached.hasError())
+        return retrieve();
+    // Sizes and times of the entry may be right, and its bytes others.
+    compareContent(contentOf(cached->toString()), [this](bool isSame) {
+        if (!isSame) {
+            addWarning(QStringLiteral(
+                           "The copy of \"%1\" in the cache is not what the server has; it is fetched anew.")
+                           .arg(m_wanted.item.name));
+            m_result.fromCache = false;
+            m_handler->overrideRetrieveMode(ResourceHandler::RetrieveMode::Refresh);
+        }
+        retrieve();
+    });
+}
+
+void AcquisitionDownloadTask::retrieve() {
+    auto retrieval = m_handler->retrieveAsync(ResourceHandler::AsyncProcessingType::RunByCaller, nullptr);
+    if (retrieval.hasError())
+        return onNotRetrieved(retrieval.error());
+    std::unique_ptr<Task> task = std::move(retrieval).value();
+    if (!task)
+        return onRetrieved();
+    connect(task.get(), &BaseTask::progressInitiated, this, &BaseTask::progressInitiated);
+    connect(task.get(), &BaseTask::progress, this, &BaseTask::progress);
+    execSubtask(
+        std::unique_ptr<BaseTask>(std::move(task)), [this](BaseTask*) { onRetrieved(); },
+        [this](BaseTask* ended) { onNotRetrieved(ended->error()); });
+}
+
+void AcquisitionDownloadTask::onRetrieved() {
+    m_handler->overrideRetrieveMode(ResourceHandler::RetrieveMode::CacheFirst);
+    const auto cached = m_handler->expectedPath();
+    if (cached.hasError())
+        return fetchWithoutCache(cached.error());
+    const QString contentDir = contentOf(cached->toString());
+    if (!QFileInfo(contentDir).isDir())
+        return fetchAsFile(Error(ErrorCode::ParseError, QStringLiteral("it is damaged.")));
+    place(contentDir);
+}
+
+void AcquisitionDownloadTask::compareContent(const QString& contentDir, const Compared& next) {
+    QList<VonkEntry> entries;
+    for (const Part& part : m_parts) {
+        for (VonkEntry entry : part.entries) {
+            entry.path.prepend(QStringLiteral("content/"));
+            entries.append(entry);
+        }
+    }
+    compare(std::make_shared<UnpackedCheck>(contentDir, entries), next);
+}
+
+void AcquisitionDownloadTask::onNotRetrieved(const Error& error) {
+    if (isCanceled() || !failedHere(error))
+        return finish(error);
+    fetchWithoutCache(error);
+}
+
+void AcquisitionDownloadTask::fetchWithoutCache(const Error& cause) {
+    addWarning(QStringLiteral("The cache could not be used, \"%1\" comes down without it: %2")
+                   .arg(m_wanted.item.name, errorText(cause)));
+    m_usesCache = false;
+    m_result.fromCache = false;
+    fetchDirectly();
+}
+
+// ---- without the cache
+
+void AcquisitionDownloadTask::fetchDirectly() {
+    m_stagingDir = m_wanted.directory + u'/' +
+                   orx::DownloadNames::partialName(m_wanted.item.name + QStringLiteral("-unpacked"),
+                                                   m_wanted.item.id, m_wanted.item.version);
+    const QString contentDir = contentOf(m_stagingDir + u'/' + m_wanted.item.name);
+    compareContent(contentDir, [this, contentDir](bool isSame) {
+        if (isSame)
+            return place(contentDir);
+        unpackHere();
+    });
+}
+
+void AcquisitionDownloadTask::unpackHere() {
+    execSubtask(workerStep(QStringLiteral("MakeStaging"),
+                           [path = m_stagingDir]() -> Error {
+                               if (QFileInfo(path).isDir() || QDir().mkdir(path))
+                                   return {};
+                               return Error(
+                                   ErrorCode::FileNotWritable,
+                                   QStringLiteral("The directory \"%1\" could not be made.").arg(path));
+                           }),
+                [this](BaseTask*) { downloadHere(); });
+}
+
+void AcquisitionDownloadTask::downloadHere() {
+    const auto reference = orx::HalvaneFileResourceReference::create(m_wanted.item.id, m_wanted.item.version,
+                                                                     m_wanted.item.name);
+    if (reference.hasError())
+        return finish(reference.error());
+    orx::HalvaneFileDownloadParameters parameters;
+    parameters.reference = reference.value();
+    parameters.targetDir = QDir(m_stagingDir);
+    auto task = orx::HalvaneDownloadFileTaskCreator::create(parameters);
+    connect(task.get(), &BaseTask::progressInitiated, this, &BaseTask::progressInitiated);
+    connect(task.get(), &BaseTask::progress, this, &BaseTask::progress);
+    execSubtask(std::unique_ptr<BaseTask>(std::move(task)), [this](BaseTask*) {
+        const QString unpacked = m_stagingDir + u'/' + m_wanted.item.name;
+        if (QFileInfo(unpacked).isDir())
+            return place(contentOf(unpacked));
+        // Its end reads well, the rest does not.
+        execSubtask(workerStep(QStringLiteral("RemoveStaging"),
+                               [path = m_stagingDir] { return removeStaging(path); }),
+                    [this](BaseTask*) {
+                        fetchAsFile(Error(ErrorCode::ParseError, QStringLiteral("it is damaged.")));
+                    });
+    });
+}
+
+// ---- into the target
+
+void AcquisitionDownloadTask::place(const QString& contentDir) {
+    ContentPlacing placing;
+    placing.contentDir = contentDir;
+    placing.targetDir = m_wanted.directory;
+    placing.overwrites = m_mayOverwrite;
+    placing.mayMove = !m_usesCache;
+    QStringList paths;
+    for (const Part& part : m_parts) {
+        if (part.isSame)
+            continue;
+        placing.names.append({part.name, part.as});
+        paths.append(targetPath(part));
+    }
+    // Another file of this download may come to the same place, or have come there meanwhile.
+    if (!m_answerer.beginWriting(paths)) {
+        execSubtask(std::unique_ptr<BaseTask>(std::make_unique<orx::DelayStepTask>(waitForAnother)),
+                    [this, contentDir](BaseTask*) { place(contentDir); });
+        return;
+    }
+    if (m_mayOverwrite && makers() != m_overwrittenMakers) {
+        m_answerer.endWriting(paths);
+        return look([this] { onCompared(); });
+    }
+    execSubtask(
+        workerStep(QStringLiteral("PlaceContent"), [placing] { return placing.run(); }),
+        [this, paths](BaseTask*) {
+            for (const QString& path : paths)
+                m_answerer.remember(path, m_wanted.item);
+            m_answerer.endWriting(paths);
+            endAs(Outcome::Downloaded);
+        },
+        [this, paths](BaseTask* ended) {
+            m_answerer.endWriting(paths);
+            onNotPlaced(ended->error());
+        });
+}
+
+void AcquisitionDownloadTask::onNotPlaced(const Error& error) {
+    if (isCanceled())
+        return finish(error);
+    if (error.is(ErrorCode::AlreadyExists) && !m_mayOverwrite)
+        return look([this] { onCompared(); });
+    const bool isOfCache = error.is(ErrorCode::NotFound) || error.is(ErrorCode::FileNotReadable) ||
+                           error.is(ErrorCode::FileChanged);
+    if (m_usesCache && isOfCache)
+        return fetchWithoutCache(error);
+    finish(error);
+}
+
+} // namespace halvane::host

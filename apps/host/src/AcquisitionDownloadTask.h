@@ -1,0 +1,102 @@
+#pragma once
+
+#include "FileDownloadTask.h"
+
+#include <VonkMetadata.h>
+
+namespace orx {
+class ResourceHandler;
+class Task;
+} // namespace orx
+
+namespace halvane::host {
+
+class UnpackedCheck;
+
+//! Brings a packed acquisition as the files and directories that it holds. What they are, with checksums, it
+//! reads from the end of the packed file on the server: so what is at the target already is compared, and
+//! whoever is to be asked is asked, before anything is fetched. It is fetched into the cache and copied out
+//! of it on a worker; without the cache it is unpacked in a hidden directory beside the target, which an
+//! interrupted run leaves for the next one. What is no packed acquisition that can be read here comes as the
+//! file that it is.
+//!
+//! All entries get one decision: they are renamed together, or none is. Copied is only what is not there with
+//! its content already.
+//!
+//! Errors: those of FileDownloadTask; ErrorCode::InvalidArgument for one name for several entries.
+class HALVANE_HOST_EXPORT AcquisitionDownloadTask : public ItemDownloadTask {
+    Q_OBJECT
+public:
+    //! As of ItemDownloadTask::create().
+    AcquisitionDownloadTask(const Wanted& wanted, ClashAnswerer& answerer, MakeTask makeTask = {},
+                            QObject* parent = nullptr);
+    ~AcquisitionDownloadTask() override;
+
+protected:
+    orx::Error initialize() override;
+
+private:
+    //! A file or directory that the acquisition consists of.
+    struct Part {
+        //! As it is in the acquisition.
+        QString name;
+        //! In the target.
+        QString as;
+        //! What it would be called if nothing were in the way.
+        QString wantedName;
+        bool isDirectory = false;
+        //! It and what is in it.
+        QList<orx::vonk::VonkEntry> entries;
+        // What is at the target, as of the last look.
+        bool isThere = false;
+        bool isSame = false;
+        orx::Error problem;
+    };
+    using Next = std::function<void()>;
+    using Compared = std::function<void(bool isSame)>;
+
+    void onMetadata(const orx::vonk::VonkMetadata& metadata);
+    orx::Error chooseNames();
+    void fetchAsFile(const orx::Error& reason);
+
+    QString targetPath(const Part& part) const;
+    QStringList targetPaths() const;
+    //! Which files of this download made what is at the paths.
+    QStringList makers() const;
+    void look(const Next& next);
+    void compareParts(qsizetype from, const Next& next);
+    void compare(const std::shared_ptr<UnpackedCheck>& check, const Compared& next);
+    const Part* firstClash() const;
+    bool isAllSame() const;
+    void onCompared();
+    void onClash(const Part& clash);
+    void findFreeNames(int number);
+    orx::Error firstProblem() const;
+    void endAs(DownloadedFile::Outcome outcome);
+
+    void fetch();
+    void retrieve();
+    void onRetrieved();
+    void onNotRetrieved(const orx::Error& error);
+    void fetchWithoutCache(const orx::Error& cause);
+    void fetchDirectly();
+    void unpackHere();
+    void downloadHere();
+    void place(const QString& contentDir);
+    void onNotPlaced(const orx::Error& error);
+    //! What lies in \a contentDir under its own names.
+    void compareContent(const QString& contentDir, const Compared& next);
+
+    MakeTask m_makeTask;
+    qint64 m_size = 0;
+    QList<Part> m_parts;
+    QSharedPointer<orx::ResourceHandler> m_handler;
+    //! Beside the target; empty unless it is used.
+    QString m_stagingDir;
+    bool m_usesCache = true;
+    bool m_mayOverwrite = false;
+    //! Those that the decision to overwrite was about.
+    QStringList m_overwrittenMakers;
+};
+
+} // namespace halvane::host

@@ -1,0 +1,28 @@
+#pragma once
+
+#include "halvane_host_export.h"
+
+#include <FileUtils.h>
+
+namespace halvane::host {
+
+//! Entries of a directory that go into another one, each whole or not at all, and durable.
+struct HALVANE_HOST_EXPORT ContentPlacing {
+    QString contentDir;
+    QString targetDir;
+    //! Those that go, with the names that they get.
+    QList<orx::FileUtils::CustomName> names;
+    //! Files are replaced, and directories joined; else ErrorCode::AlreadyExists when one is there.
+    bool overwrites = false;
+    //! The content is on the file system of the target and needed no more: it may be moved.
+    bool mayMove = false;
+
+    //! Nothing is changed when a name is taken; entries that were placed before another error stay. Blocks on
+    //! the disk; thread: any.
+    orx::Error run() const;
+
+private:
+    orx::Error move() const;
+};
+
+} // namespace halvane::host

@@ -1,0 +1,70 @@
+#include "DownloadSteps.h"
+
+#include <QStorageInfo>
+
+namespace halvane::host {
+
+using orx::Error;
+using orx::ErrorCode;
+using orx::ErrorDomain;
+
+namespace {
+
+Error checkDirectoryOf(const QFileInfo& target) {
+    const QString directory = target.absolutePath();
+    if (QFileInfo(directory).isWritable())
+        return {};
+    return Error(ErrorCode::FileNotWritable,
+                 QStringLiteral("\"%1\" cannot be written: nothing can be made in the directory \"%2\".")
+                     .arg(target.absoluteFilePath(), directory));
+}
+
+} // namespace
+
+bool isThere(const QFileInfo& info) {
+    return info.exists() || info.isSymLink();
+}
+
+bool failedHere(const Error& error) {
+    if (error.domain() == ErrorDomain::Server || error.domain() == ErrorDomain::Network)
+        return false;
+    return !error.isCanceled() && !error.is(ErrorCode::NotAuthenticated) && !error.is(ErrorCode::TimedOut) &&
+           !error.is(ErrorCode::ChecksumMismatch);
+}
+
+Error checkFilePlace(const QFileInfo& target) {
+    const QString path = target.absoluteFilePath();
+    if (target.isDir() && !target.isSymLink())
+        return Error(ErrorCode::FileNotWritable,
+                     QStringLiteral("\"%1\" is a directory; the file cannot take its place.").arg(path));
+    // A device or a pipe would be replaced by a file of its name.
+    if (target.exists() && !target.isSymLink() && !target.isFile())
+        return Error(
+            ErrorCode::FileNotWritable,
+            QStringLiteral("\"%1\" is not a regular file and stays as it is; give another path.").arg(path));
+    return checkDirectoryOf(target);
+}
+
+Error checkDirectoryPlace(const QFileInfo& target) {
+    if (isThere(target) && (target.isSymLink() || !target.isDir()))
+        return Error(ErrorCode::FileNotWritable,
+                     QStringLiteral("\"%1\" is no directory, stays as it is, and is in the way of one; give "
+                                    "another path.")
+                         .arg(target.absoluteFilePath()));
+    return checkDirectoryOf(target);
+}
+
+Error checkRoom(const QFileInfo& target, qint64 size) {
+    const QStorageInfo storage(target.absolutePath());
+    if (!storage.isValid() || storage.bytesTotal() <= 0 || storage.bytesAvailable() >= size)
+        return {};
+    return Error(ErrorCode::StorageFull,
+                 QStringLiteral("There is no room for \"%1\": %2 bytes are missing; free some space.")
+                     .arg(target.absoluteFilePath(), QString::number(size - storage.bytesAvailable())));
+}
+
+std::unique_ptr<orx::BaseTask> workerStep(const QString& name, orx::WorkerStepTask::Job job) {
+    return std::make_unique<orx::WorkerStepTask>(name, std::move(job));
+}
+
+} // namespace halvane::host

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <WorkerStepTask.h>
+
+#include <QFileInfo>
+
+#include <memory>
+
+namespace halvane::host {
+
+//! One job of a worker reads so much, so that an interruption is heard between two.
+constexpr qint64 readAtATime = 256 * 1024 * 1024;
+
+//! A link that leads nowhere is there too.
+bool isThere(const QFileInfo& info);
+
+//! Whether a retrieval failed here: neither at the server or on the way to it, nor because somebody asked it
+//! to stop. What the server sent and what it said of it is the server's matter too.
+bool failedHere(const orx::Error& error);
+
+//! Whether a file can come to \a target at all, said before anything is fetched: ErrorCode::FileNotWritable.
+orx::Error checkFilePlace(const QFileInfo& target);
+//! The same for a directory, which joins one that is there.
+orx::Error checkDirectoryPlace(const QFileInfo& target);
+//! ErrorCode::StorageFull when there is no room for \a size bytes more beside \a target.
+orx::Error checkRoom(const QFileInfo& target, qint64 size);
+
+std::unique_ptr<orx::BaseTask> workerStep(const QString& name, orx::WorkerStepTask::Job job);
+
+} // namespace halvane::host

@@ -1,0 +1,83 @@
+#include "ItemDownloadTask.h"
+
+#include "AcquisitionDownloadTask.h"
+#include "DownloadSteps.h"
+#include "RemotePath.h"
+
+#include <FileTypes.h>
+#include <HalvaneHistory.h>
+#include <ResourceManager.h>
+
+namespace halvane::host {
+
+using orx::BaseTask;
+using orx::Error;
+using orx::Result;
+
+ItemDownloadTask::ItemDownloadTask(const Wanted& wanted, ClashAnswerer& answerer, QObject* parent)
+    : ComplexTask(QStringLiteral("Download(%1)").arg(wanted.item.reference()), parent)
+    , m_wanted(wanted)
+    , m_answerer(answerer) {
+    m_result.item = wanted.item;
+}
+
+ItemDownloadTask::~ItemDownloadTask() = default;
+
+std::unique_ptr<ItemDownloadTask> ItemDownloadTask::create(const Wanted& wanted, ClashAnswerer& answerer,
+                                                           const MakeTask& makeTask) {
+    const bool isPacked = orx::FileTypes::fileType(wanted.item.name) == orx::FileTypes::VONK;
+    if (isPacked && !wanted.packed)
+        return std::make_unique<AcquisitionDownloadTask>(wanted, answerer, makeTask);
+    Wanted file = wanted;
+    file.packed = isPacked;
+    return std::make_unique<FileDownloadTask>(file, answerer, makeTask);
+}
+
+bool ItemDownloadTask::mayUseCache(qint64 bytes) {
+    // The name of the entry is that on the server.
+    if (!m_wanted.useCache || !orx::ResourceManager::cache() || !isUsableLocalName(m_wanted.item.name))
+        return false;
+    if (!m_wanted.maxCachedBytes || bytes <= *m_wanted.maxCachedBytes)
+        return true;
+    addWarning(QStringLiteral("\"%1\" is larger than the cache may be and comes down without it.")
+                   .arg(m_wanted.item.name));
+    return false;
+}
+
+Result<IfExists> ItemDownloadTask::decide(const QString& path, const QString& madeBy) {
+    Clash clash;
+    clash.existing = QFileInfo(path);
+    clash.madeBy = madeBy;
+    clash.item = m_wanted.item;
+    if (m_answerer.policy() == IfExists::Ask) {
+        // For the person only; a history that cannot be read is told when it is written.
+        const auto version = orx::HalvaneHistory().fileVersion(path, m_wanted.item.id);
+        if (!version.hasError())
+            clash.existingVersion = version.value();
+    }
+    return m_answerer.decide(clash);
+}
+
+void ItemDownloadTask::recordVersion(const QStringList& paths) {
+    const auto warning = std::make_shared<QString>();
+    execSubtask(workerStep(QStringLiteral("RecordVersion"),
+                           [paths, warning, item = m_wanted.item]() -> Error {
+                               for (const QString& path : paths) {
+                                   const Error error =
+                                       orx::HalvaneHistory().setFileVersion(path, item.id, item.version);
+                                   if (error.hasError())
+                                       *warning = error.errorMessage();
+                               }
+                               return {};
+                           }),
+                [this, warning](BaseTask*) {
+                    if (!warning->isEmpty())
+                        addWarning(
+                            QStringLiteral("The file \"%1\" was downloaded, but that could not be recorded "
+                                           "here: %2")
+                                .arg(m_result.path, *warning));
+                    m_result.warnings = error().warnings();
+                });
+}
+
+} // namespace halvane::host

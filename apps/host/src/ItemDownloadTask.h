@@ -1,0 +1,70 @@
+#pragma once
+
+#include "ClashAnswerer.h"
+
+#include <ComplexTask.h>
+#include <DuplicateDownload.h>
+
+#include <memory>
+
+namespace orx {
+class HalvaneDownloadFileCacheTask;
+}
+
+namespace halvane::host {
+
+class FileDownloadTask;
+
+//! Brings one version of a file into a directory, unless it is there already with that very content. Records
+//! the version in the local history for the paths that it was written to. What is at the target stays as it
+//! is until the new content is complete. Progress: that of the retrieval. Thread: that of the object.
+class HALVANE_HOST_EXPORT ItemDownloadTask : public orx::ComplexTask {
+    Q_OBJECT
+public:
+    struct Wanted {
+        //! With version, size and checksum.
+        RemoteItem item;
+        //! An existing directory, absolute.
+        QString directory;
+        //! One path component.
+        QString name;
+        //! Of a file whose name others in its folder have: what its name tells it by. Empty for all others.
+        QString mark;
+        bool useCache = true;
+        //! A packed acquisition comes as the packed file that it is.
+        bool packed = false;
+        //! What the cache may hold at most; a larger file comes down without it, with a warning.
+        std::optional<qint64> maxCachedBytes;
+    };
+
+    //! The plug-in's task for the file under a name; its clashes are to reach onClash() of the asker.
+    using MakeTask = std::function<orx::HalvaneDownloadFileCacheTask*(
+        FileDownloadTask& asker, const QString& name, orx::DuplicateDownloadPolicy policy)>;
+
+    ~ItemDownloadTask() override;
+
+    //! The task for a file of the name that \a wanted has on the server. Without \a makeTask it is one of its
+    //! own, else part of a folder. \a answerer outlives the task.
+    static std::unique_ptr<ItemDownloadTask> create(const Wanted& wanted, ClashAnswerer& answerer,
+                                                    const MakeTask& makeTask = {});
+
+    //! After success.
+    const DownloadedFile& result() const { return m_result; }
+
+protected:
+    //! \a answerer outlives the task.
+    ItemDownloadTask(const Wanted& wanted, ClashAnswerer& answerer, QObject* parent);
+
+    //! Whether \a bytes of this file may lie in the cache; says so when they are too many.
+    bool mayUseCache(qint64 bytes);
+    //! What is to become of the clash at \a path. Errors: those of ClashAnswerer::decide().
+    orx::Result<IfExists> decide(const QString& path, const QString& madeBy);
+    //! Tells the history what the paths are, and ends the result.
+    void recordVersion(const QStringList& paths);
+
+    Wanted m_wanted;
+    ClashAnswerer& m_answerer;
+    DownloadedFile m_result;
+};
+
+} // namespace halvane::host

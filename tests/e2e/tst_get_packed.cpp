@@ -1,0 +1,358 @@
+// Packed acquisitions come down as what they hold, are recognised when they are there already, and come as
+// the packed files that they are when that is asked for.
+#include "Client.h"
+
+#include <VonkPacker.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+
+namespace orx::testing {
+namespace {
+
+using ::testing::HasSubstr;
+
+class GetPacked : public ::testing::Test {
+protected:
+    // /packed/run.d.vonk holds the directory run.d with acqu, data/fid (larger than what is read of a packed
+    // file to learn what it holds) and the empty directory data/empty.
+    void SetUp() override {
+        ASSERT_TRUE(server.start());
+        ASSERT_TRUE(client.login(server.url()));
+        client.mustRun({"mkdir", "/packed"});
+        ASSERT_TRUE(QDir().mkpath(client.path("source/run.d/data/empty")));
+        client.makeFile("source/run.d/acqu", "parameters");
+        client.makeLargeFile("source/run.d/data/fid", 1'000'000);
+        vonk::PackInput input;
+        input.path = client.path("source/run.d");
+        put(pack(input, "run.d.vonk"), "/packed");
+        fid = Client::contentOf(client.path("source/run.d/data/fid"));
+        forget("source");
+        server.clearRequests();
+    }
+    QString pack(const vonk::PackInput& input, const QString& name) const {
+        const QString target = client.path(name);
+        const auto metadata = vonk::VonkPacker::pack(input, target);
+        EXPECT_TRUE(metadata) << qPrintable(metadata.error().errorMessage());
+        return target;
+    }
+    //! A packed file of the files named, each with its name and \a what in it.
+    QString packFiles(const QString& name, const QStringList& files, const QByteArray& what) const {
+        vonk::PackInput input;
+        for (const QString& file : files)
+            input.companions << client.makeFile(file, file.toUtf8() + " of " + what);
+        input.path = input.companions.takeFirst();
+        const QString packed = pack(input, name);
+        for (const QString& file : files)
+            forget(file);
+        return packed;
+    }
+    QJsonObject put(const QString& file, const QString& folder) const {
+        const QJsonObject uploaded =
+            client.mustRun({"--json", "put", "--no-cache", file, "--to", folder}).object();
+        forget(QFileInfo(file).fileName());
+        return uploaded;
+    }
+    void forget(const QString& name) const {
+        const QFileInfo info(client.path(name));
+        ASSERT_TRUE(info.isDir() ? QDir(info.filePath()).removeRecursively()
+                                 : QFile::remove(info.filePath()));
+    }
+    Outcome get(const QStringList& arguments) const {
+        return client.run(QStringList{"--json", "get"} + arguments);
+    }
+    Outcome getRun(const QStringList& more = {}) const {
+        return get(QStringList{"/packed/run.d.vonk", "--to", "out"} + more);
+    }
+    void makeOut() const { ASSERT_TRUE(QDir().mkpath(client.path("out"))); }
+    QByteArray local(const QString& path) const { return Client::contentOf(client.path(path)); }
+    void expectRunAt(const QString& path) const {
+        EXPECT_EQ(client.filesIn(path), (QStringList{"acqu", "data"}));
+        EXPECT_EQ(client.filesIn(path + "/data"), (QStringList{"empty", "fid"}));
+        EXPECT_EQ(local(path + "/acqu"), "parameters");
+        EXPECT_TRUE(local(path + "/data/fid") == fid);
+    }
+    //! Only what is read to learn what the packed file holds; the log may be behind the client.
+    void expectNothingFetched() {
+        EXPECT_TRUE(waitUntil([&] { return server.countRequests("GET", "/content") >= 2; }));
+        qint64 bytes = 0;
+        for (const RealServer::Request& request : server.requests())
+            bytes += request.path.endsWith("/content") ? request.bytesOut : 0;
+        EXPECT_LT(bytes, 300'000);
+    }
+
+    RealServer server;
+    Client client;
+    QByteArray fid;
+};
+
+TEST_F(GetPacked, WhatIsThereAlreadyIsUnchangedWithTheCacheAndWithout) {
+    makeOut();
+    const Outcome first = getRun();
+    ASSERT_EQ(first.exitCode, 0) << first.err.constData();
+    EXPECT_EQ(first.object()["outcome"], "downloaded");
+    EXPECT_EQ(first.object()["path"].toString(), QFileInfo(client.path("out/run.d")).canonicalFilePath());
+    EXPECT_EQ(client.filesIn("out"), QStringList{"run.d"});
+    expectRunAt("out/run.d");
+
+    for (const QStringList& options : {QStringList{}, QStringList{"--no-cache"}}) {
+        server.clearRequests();
+        const Outcome again = getRun(options);
+        EXPECT_EQ(again.exitCode, 0) << again.err.constData();
+        EXPECT_EQ(again.object()["outcome"], "unchanged");
+        expectNothingFetched();
+    }
+    // Neither does a copy in the cache have to be there for that.
+    client.mustRun({"cache", "prune", "--max-size", "0"});
+    server.clearRequests();
+    EXPECT_EQ(getRun().object()["outcome"], "unchanged");
+    expectNothingFetched();
+    // What else somebody has put there is no matter.
+    client.makeFile("out/run.d/notes.txt", "mine");
+    EXPECT_EQ(getRun().object()["outcome"], "unchanged");
+    EXPECT_EQ(local("out/run.d/notes.txt"), "mine");
+}
+
+TEST_F(GetPacked, InAFolderItIsUnchangedToo) {
+    ASSERT_EQ(get({"/packed", "--to", "out"}).exitCode, 0);
+    expectRunAt("out/packed/run.d");
+    server.clearRequests();
+    const Outcome again = get({"/packed", "--to", "out"});
+    EXPECT_EQ(again.exitCode, 0);
+    ASSERT_EQ(again.objects().size(), 2);
+    EXPECT_EQ(again.objects()[0]["outcome"], "unchanged");
+    EXPECT_EQ(again.objects()[1]["unchanged"], 1);
+    expectNothingFetched();
+}
+
+TEST_F(GetPacked, WithoutTheCacheItIsUnpackedTooAndLeavesNothingElse) {
+    makeOut();
+    const Outcome outcome = getRun({"--no-cache"});
+    ASSERT_EQ(outcome.exitCode, 0) << outcome.err.constData();
+    EXPECT_EQ(client.filesIn("out"), QStringList{"run.d"});
+    expectRunAt("out/run.d");
+    EXPECT_EQ(client.mustRun({"--json", "cache", "ls"}).objects().size(), 0);
+}
+
+// Every way in which what is there can be something else.
+TEST_F(GetPacked, WhatDiffersIsAClashAndStays) {
+    makeOut();
+    ASSERT_EQ(getRun().exitCode, 0);
+    const auto expectRefused = [this](const char* what) {
+        const Outcome outcome = getRun();
+        EXPECT_EQ(outcome.exitCode, 4) << what;
+        EXPECT_EQ(outcome.object()["error"], "AlreadyExists") << what;
+        EXPECT_THAT(outcome.object()["message"].toString().toStdString(), HasSubstr("out/run.d\" exists"));
+    };
+    // The same size.
+    client.makeFile("out/run.d/acqu", "PARAMETERS");
+    server.clearRequests();
+    expectRefused("another content");
+    expectNothingFetched();
+    EXPECT_EQ(local("out/run.d/acqu"), "PARAMETERS");
+    forget("out/run.d/acqu");
+    expectRefused("a missing file");
+    EXPECT_FALSE(QFileInfo::exists(client.path("out/run.d/acqu")));
+    client.makeFile("elsewhere", "parameters");
+    ASSERT_TRUE(QFile::link(client.path("elsewhere"), client.path("out/run.d/acqu")));
+    expectRefused("a link to the content");
+    forget("out/run.d/acqu");
+    client.makeFile("out/run.d/acqu", "parameters");
+    EXPECT_EQ(getRun().object()["outcome"], "unchanged");
+    forget("out/run.d/data/empty");
+    expectRefused("a missing directory");
+    forget("out/run.d");
+    client.makeFile("out/run.d", "a file");
+    expectRefused("a file");
+    EXPECT_EQ(local("out/run.d"), "a file");
+}
+
+TEST_F(GetPacked, TheOptionDecidesAboutClashes) {
+    for (const QStringList& cache : {QStringList{}, QStringList{"--no-cache"}}) {
+        ASSERT_TRUE(QDir().mkpath(client.path("out/run.d")));
+        client.makeFile("out/run.d/acqu", "edited");
+        client.makeFile("out/run.d/notes.txt", "mine");
+        const auto ran = [&](const QString& what) {
+            return getRun(cache + QStringList{"--if-exists", what});
+        };
+        EXPECT_EQ(ran("fail").exitCode, 4);
+        EXPECT_EQ(ran("skip").object()["outcome"], "skipped");
+        EXPECT_EQ(local("out/run.d/acqu"), "edited");
+
+        EXPECT_EQ(ran("rename").object()["outcome"], "downloaded");
+        expectRunAt("out/run (2).d");
+        EXPECT_EQ(local("out/run.d/acqu"), "edited");
+        // Once more makes no third one.
+        EXPECT_EQ(ran("rename").object()["outcome"], "unchanged");
+        EXPECT_EQ(client.filesIn("out"), (QStringList{"run (2).d", "run.d"}));
+
+        EXPECT_EQ(ran("overwrite").object()["outcome"], "downloaded");
+        EXPECT_EQ(local("out/run.d/acqu"), "parameters");
+        EXPECT_TRUE(local("out/run.d/data/fid") == fid);
+        EXPECT_EQ(local("out/run.d/notes.txt"), "mine");
+        forget("out");
+    }
+}
+
+TEST_F(GetPacked, AFileInTheWayOfADirectoryIsNotOverwritten) {
+    makeOut();
+    client.makeFile("out/run.d", "a file");
+    const Outcome outcome = getRun({"--if-exists", "overwrite"});
+    EXPECT_EQ(outcome.exitCode, 4);
+    EXPECT_THAT(outcome.object()["message"].toString().toStdString(), HasSubstr("is no directory"));
+    EXPECT_EQ(local("out/run.d"), "a file");
+}
+
+TEST_F(GetPacked, AnotherNameIsGivenToWhatItHoldsWhenThatIsOneThing) {
+    makeOut();
+    EXPECT_EQ(getRun({"--as", "march.d"}).exitCode, 0);
+    expectRunAt("out/march.d");
+    EXPECT_EQ(getRun({"--as", "march.d"}).object()["outcome"], "unchanged");
+    put(packFiles("pair.vonk", {"spectra.bin", "method.txt"}, "one"), "/packed");
+    const Outcome several = get({"/packed/pair.vonk", "--to", "out", "--as", "x"});
+    EXPECT_EQ(several.exitCode, 2);
+    EXPECT_THAT(several.object()["message"].toString().toStdString(), HasSubstr("holds 2 files"));
+    EXPECT_EQ(client.filesIn("out"), QStringList{"march.d"});
+}
+
+// A packed file's own name is nothing that a person looks for.
+TEST_F(GetPacked, ASingleFileHasItsOwnNameAgain) {
+    put(packFiles("run1.raw.vonk", {"run1.raw"}, "one"), "/packed");
+    ASSERT_EQ(get({"/packed/run1.raw.vonk", "--to", "out/"}).exitCode, 4);
+    makeOut();
+    for (const QString outcome : {"downloaded", "unchanged"})
+        EXPECT_EQ(get({"/packed/run1.raw.vonk", "--to", "out"}).object()["outcome"], outcome);
+    EXPECT_EQ(client.filesIn("out"), QStringList{"run1.raw"});
+    EXPECT_EQ(local("out/run1.raw"), "run1.raw of one");
+    EXPECT_EQ(get({"/packed/run1.raw.vonk", "--to", "out/new.raw"}).exitCode, 0);
+    EXPECT_EQ(local("out/new.raw"), "run1.raw of one");
+}
+
+// An interrupted run may have left some of it.
+TEST_F(GetPacked, OnlyWhatIsMissingOfSeveralEntriesIsWritten) {
+    put(packFiles("pair.vonk", {"spectra.bin", "method.txt"}, "one"), "/packed");
+    makeOut();
+    client.makeFile("out/method.txt", "method.txt of one");
+    const Outcome outcome = get({"/packed/pair.vonk", "--to", "out"});
+    EXPECT_EQ(outcome.exitCode, 0) << outcome.err.constData();
+    EXPECT_EQ(outcome.object()["outcome"], "downloaded");
+    EXPECT_EQ(client.filesIn("out"), (QStringList{"method.txt", "spectra.bin"}));
+    EXPECT_EQ(local("out/spectra.bin"), "spectra.bin of one");
+}
+
+TEST_F(GetPacked, TwinsOfAFolderKeepTheirContentsApart) {
+    client.mustRun({"mkdir", "/twins"});
+    const int first = put(packFiles("run.raw.vonk", {"run.raw"}, "one"), "/twins")["id"].toInt();
+    const int second = put(packFiles("run.raw.vonk", {"run.raw"}, "two"), "/twins")["id"].toInt();
+    ASSERT_LT(first, second);
+    for (const int unchanged : {0, 2}) {
+        const Outcome outcome = get({"/twins", "--to", "out"});
+        EXPECT_EQ(outcome.exitCode, 0) << outcome.out.constData();
+        EXPECT_EQ(outcome.objects().last()["unchanged"], unchanged);
+        EXPECT_EQ(client.filesIn("out/twins"),
+                  (QStringList{QString("run (file %1).raw").arg(second), "run.raw"}));
+        EXPECT_EQ(local("out/twins/run.raw"), "run.raw of one");
+        EXPECT_EQ(local(QString("out/twins/run (file %1).raw").arg(second)), "run.raw of two");
+    }
+}
+
+// Whichever of them comes later is not to replace the other.
+TEST_F(GetPacked, AnEntryOfTheSameRunIsNotOverwrittenByAPolicy) {
+    client.mustRun({"mkdir", "/alike"});
+    for (const QByteArray what : {"one", "two"})
+        put(packFiles("run-" + what + ".vonk", {"run.raw"}, what), "/alike");
+    for (const QStringList& cache : {QStringList{}, QStringList{"--no-cache"}}) {
+        ASSERT_TRUE(QDir().mkpath(client.path("out/alike")));
+        client.makeFile("out/alike/run.raw", "old");
+        const Outcome outcome = get(cache + QStringList{"/alike", "--to", "out", "--if-exists", "overwrite"});
+        EXPECT_EQ(outcome.exitCode, 14);
+        QStringList told;
+        for (const QJsonObject& object : outcome.objects())
+            if (object["type"] == "failure")
+                told << object["message"].toString();
+        ASSERT_EQ(told.size(), 1);
+        EXPECT_THAT(told[0].toStdString(), HasSubstr("of this same download"));
+        EXPECT_THAT(local("out/alike/run.raw").toStdString(), ::testing::StartsWith("run.raw of "));
+        forget("out");
+    }
+}
+
+TEST_F(GetPacked, ADamagedCopyInTheCacheIsFetchedAnew) {
+    makeOut();
+    ASSERT_EQ(getRun().exitCode, 0);
+    const QString cached =
+        client.mustRun({"--json", "cache", "path", "/packed/run.d.vonk"}).object()["path"].toString();
+    QFile acqu(cached + "/content/run.d/acqu");
+    ASSERT_TRUE(acqu.open(QIODevice::ReadWrite)) << qPrintable(acqu.fileName());
+    const QDateTime time = QFileInfo(acqu).lastModified();
+    ASSERT_EQ(acqu.write("PARAMETERS"), 10);
+    ASSERT_TRUE(acqu.flush() && acqu.setFileTime(time, QFileDevice::FileModificationTime));
+    acqu.close();
+    forget("out/run.d");
+    const Outcome outcome = getRun();
+    EXPECT_EQ(outcome.exitCode, 0);
+    EXPECT_THAT(outcome.err.toStdString(), HasSubstr("is not what the server has; it is fetched anew"));
+    EXPECT_EQ(outcome.object()["from_cache"], false);
+    expectRunAt("out/run.d");
+    forget("out/run.d");
+    EXPECT_EQ(getRun().object()["from_cache"], true);
+    expectRunAt("out/run.d");
+}
+
+TEST_F(GetPacked, AsThePackedFileItIsOneFileUnderTheSameRules) {
+    makeOut();
+    const QJsonObject listed = client.mustRun({"--json", "ls", "/packed/run.d.vonk"}).object();
+    const QStringList packed{"--packed"};
+    const Outcome outcome = getRun(packed);
+    ASSERT_EQ(outcome.exitCode, 0) << outcome.err.constData();
+    EXPECT_EQ(outcome.object()["outcome"], "downloaded");
+    EXPECT_EQ(outcome.object()["path"].toString(),
+              QFileInfo(client.path("out/run.d.vonk")).canonicalFilePath());
+    EXPECT_EQ(client.filesIn("out"), QStringList{"run.d.vonk"});
+    EXPECT_EQ(sha256Of(local("out/run.d.vonk")), listed["sha256"]);
+    EXPECT_EQ(getRun(packed).object()["outcome"], "unchanged");
+
+    client.makeFile("out/run.d.vonk", "another");
+    EXPECT_EQ(getRun(packed).exitCode, 4);
+    EXPECT_EQ(getRun(packed + QStringList{"--if-exists", "skip"}).object()["outcome"], "skipped");
+    EXPECT_EQ(getRun(packed + QStringList{"--if-exists", "rename"}).object()["outcome"], "downloaded");
+    EXPECT_EQ(sha256Of(local("out/run.d (2).vonk")), listed["sha256"]);
+    EXPECT_EQ(local("out/run.d.vonk"), "another");
+    EXPECT_EQ(getRun(packed + QStringList{"--if-exists", "overwrite"}).object()["outcome"], "downloaded");
+    EXPECT_EQ(sha256Of(local("out/run.d.vonk")), listed["sha256"]);
+    EXPECT_EQ(getRun(packed + QStringList{"--as", "x.vonk"}).exitCode, 0);
+    EXPECT_EQ(sha256Of(local("out/x.vonk")), listed["sha256"]);
+
+    // Other files come as ever, and folders too.
+    client.mustRun({"put", client.makeFile("a.txt", "content"), "--to", "/packed"});
+    EXPECT_EQ(get({"--packed", "/packed", "--to", "all"}).exitCode, 0);
+    EXPECT_EQ(client.filesIn("all/packed"), (QStringList{"a.txt", "run.d.vonk"}));
+    EXPECT_EQ(sha256Of(local("all/packed/run.d.vonk")), listed["sha256"]);
+}
+
+TEST_F(GetPacked, WhatCannotBeUnpackedComesAsTheFileThatItIs) {
+    client.mustRun({"mkdir", "/odd"});
+    makeOut();
+    // The client would not put it as an acquisition.
+    client.mustRun({"put", "--no-cache", client.makeFile("source", "no acquisition"), "--to", "/odd", "--as",
+                    "odd.vonk"});
+    client.mustRun(
+        {"put", "--no-cache", client.makeFile("source", ""), "--to", "/odd", "--as", "empty.vonk"});
+    for (const QStringList& cache : {QStringList{}, QStringList{"--no-cache"}}) {
+        const Outcome outcome = get(cache + QStringList{"/odd", "--to", "out"});
+        EXPECT_EQ(outcome.exitCode, 0) << outcome.out.constData();
+        EXPECT_THAT(outcome.err.toStdString(), HasSubstr("cannot be unpacked"));
+        EXPECT_EQ(client.filesIn("out/odd"), (QStringList{"empty.vonk", "odd.vonk"}));
+        EXPECT_EQ(local("out/odd/odd.vonk"), "no acquisition");
+        const Outcome again = get(cache + QStringList{"/odd", "--to", "out"});
+        EXPECT_EQ(again.objects().last()["unchanged"], 2);
+        forget("out/odd");
+    }
+}
+
+} // namespace
+} // namespace orx::testing
