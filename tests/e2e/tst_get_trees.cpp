@@ -111,6 +111,24 @@ TEST_F(GetTrees, AFolderComesDownWithEverythingInIt) {
     expectContentsFetched(3);
 }
 
+// Of what is found in a folder everything is told that is told of a file that was asked for itself.
+TEST_F(GetTrees, TheFilesOfAFolderAreToldAsTheyAreByThemselves) {
+    put("d.mzML", "content of d", "/raw/2026/sub", {"--alias", "reference run"});
+    QMap<QString, QJsonObject> told;
+    for (const QJsonObject& file : ofType(get({"/raw/2026/sub", "--to", "out"}), "file"))
+        told.insert(file["name"].toString(), file);
+    ASSERT_EQ(told.keys(), (QStringList{"c.mzML", "d.mzML"}));
+    EXPECT_EQ(told["d.mzML"]["alias"], "reference run");
+    EXPECT_EQ(told["c.mzML"]["alias"], "");
+    for (const QString& name : told.keys()) {
+        QJsonObject alone = get({"/raw/2026/sub/" + name, "--to", "out/sub"}).object();
+        EXPECT_TRUE(alone["modified_at"].isString());
+        alone["outcome"] = "downloaded";
+        alone["from_cache"] = false;
+        EXPECT_EQ(told[name], alone) << qPrintable(name);
+    }
+}
+
 // What was written is known as the version that this machine has there; what was not is not.
 TEST_F(GetTrees, TheVersionsThatCameAreRecorded) {
     writeLocal("out/2026/b.mzML", "another b");

@@ -52,6 +52,8 @@ ItemDownloadTask::Wanted FolderDownloadTask::wantedOf(const HalvaneFileResourceR
         wanted.item.size = stated->size;
         wanted.item.sha256 = QString::fromLatin1(stated->sha256);
         wanted.item.sourceModifiedAt = stated->sourceModifiedAt;
+        wanted.item.modifiedAt = stated->modifiedAt;
+        wanted.item.alias = stated->alias;
     }
     return wanted;
 }

@@ -124,7 +124,8 @@ QList<FolderDownloadPlan::Refused> FolderDownloadPlan::listed(const Folder& fold
         m_folders.push_back({child->id(), childPath(folder.path, name)});
     for (const auto& [child, name] : namedFiles) {
         m_files.push_back({child->id(), child->lastVersion(), child->size(), child->sha256().toLatin1(),
-                           child->sourceModifiedAt(), child->name(), name, folder.path});
+                           child->sourceModifiedAt(), child->modifiedAt(), child->alias(), child->name(),
+                           name, folder.path});
         m_totalBytes += std::max<qint64>(0, child->size());
         ++m_totalFiles;
     }

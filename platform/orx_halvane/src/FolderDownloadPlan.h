@@ -29,6 +29,9 @@ public:
         //! Hexadecimal, as bytes to take less room; empty when the listing did not say.
         QByteArray sha256;
         QDateTime sourceModifiedAt;
+        //! Of this version: when it was made, and what it is called beside its name.
+        QDateTime modifiedAt;
+        QString alias;
         //! On the server and in the target.
         QString name;
         QString localName;

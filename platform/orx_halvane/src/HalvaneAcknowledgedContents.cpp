@@ -28,8 +28,18 @@ struct Facts {
     QByteArray digest;
     //! Negative when only the digest is known.
     qint64 size = -1;
+    qint64 sourceModifiedMs = unknownTime;
     qint64 modifiedMs = unknownTime;
+    QString alias;
 };
+
+qint64 toMs(const QDateTime& time) {
+    return time.isValid() ? time.toMSecsSinceEpoch() : unknownTime;
+}
+
+QDateTime fromMs(qint64 ms) {
+    return ms == unknownTime ? QDateTime() : QDateTime::fromMSecsSinceEpoch(ms, Qt::UTC);
+}
 
 struct Known {
     std::mutex mutex;
@@ -78,7 +88,7 @@ Facts factsOf(const Content& content) {
 void HalvaneAcknowledgedContents::record(const QString& serverKey, int fileId, int version,
                                          const QByteArray& sha256) {
     if (const QByteArray digest = digestOf(sha256); !digest.isEmpty())
-        keep({serverKey, fileId, version}, {digest, -1, unknownTime});
+        keep({serverKey, fileId, version}, {digest, -1, unknownTime, unknownTime, {}});
 }
 
 QByteArray HalvaneAcknowledgedContents::find(const QString& serverKey, int fileId, int version) {
@@ -90,9 +100,8 @@ void HalvaneAcknowledgedContents::recordStated(const QString& serverKey, int fil
     const QByteArray digest = digestOf(stated.sha256);
     if (digest.isEmpty() || stated.size < 0)
         return;
-    const QDateTime& modified = stated.sourceModifiedAt;
     keep({serverKey, fileId, version},
-         {digest, stated.size, modified.isValid() ? modified.toMSecsSinceEpoch() : unknownTime});
+         {digest, stated.size, toMs(stated.sourceModifiedAt), toMs(stated.modifiedAt), stated.alias});
 }
 
 std::optional<HalvaneAcknowledgedContents::Stated>
@@ -100,10 +109,8 @@ HalvaneAcknowledgedContents::findStated(const QString& serverKey, int fileId, in
     const Facts facts = factsOf({serverKey, fileId, version});
     if (facts.digest.isEmpty() || facts.size < 0)
         return std::nullopt;
-    const QDateTime modified = facts.modifiedMs == unknownTime
-                                   ? QDateTime()
-                                   : QDateTime::fromMSecsSinceEpoch(facts.modifiedMs, Qt::UTC);
-    return Stated{facts.size, facts.digest.toHex(), modified};
+    return Stated{facts.size, facts.digest.toHex(), fromMs(facts.sourceModifiedMs), fromMs(facts.modifiedMs),
+                  facts.alias};
 }
 
 void HalvaneAcknowledgedContents::forget(const QString& serverKey, int fileId, int version) {

@@ -17,13 +17,16 @@ class ORX_HALVANE_EXPORT HalvaneAcknowledgedContents {
 public:
     static constexpr qsizetype maxContents = 100'000;
 
-    //! All that a download has to know.
+    //! All that a download has to know, and what people want to know of it.
     struct Stated {
         qint64 size = 0;
         //! 64 hexadecimal digits.
         QByteArray sha256;
         //! The local file's time when it was sent; invalid when unknown.
-        QDateTime sourceModifiedAt;
+        QDateTime sourceModifiedAt = {};
+        //! When the version was made; invalid when unknown.
+        QDateTime modifiedAt = {};
+        QString alias = {};
     };
 
     //! \a serverKey: HalvaneConnection::serverKey(); \a sha256: 64 hexadecimal digits, anything else is not

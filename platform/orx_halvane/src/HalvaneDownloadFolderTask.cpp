@@ -275,8 +275,9 @@ Result<std::unique_ptr<Task>> HalvaneDownloadFolderTaskBase::Private::makeTask(c
     if (fileReference.hasError())
         return ORX_ECATCH(Error(fileReference.error()));
     // Whatever fetches the file need not ask for what the listing said.
-    HalvaneAcknowledgedContents::recordStated(HalvaneConnection::instance().serverKey(), file.id,
-                                              file.version, {file.size, file.sha256, file.sourceModifiedAt});
+    HalvaneAcknowledgedContents::recordStated(
+        HalvaneConnection::instance().serverKey(), file.id, file.version,
+        {file.size, file.sha256, file.sourceModifiedAt, file.modifiedAt, file.alias});
     std::unique_ptr<Task> task(
         q->createFileDownloadTask(*fileReference, DirPath(pathOf(file.directory)), file.localName, policy));
     if (!task)

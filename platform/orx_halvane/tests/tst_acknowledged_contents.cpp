@@ -38,13 +38,16 @@ TEST(AcknowledgedContents, TheFirstGoWhenThereAreTooMany) {
 
 TEST(AcknowledgedContents, WhatAListingStatedIsKeptWholeAndSurvivesTheChecksumAlone) {
     const auto time = QDateTime::fromMSecsSinceEpoch(1'577'934'245'678, Qt::UTC);
-    HalvaneAcknowledgedContents::recordStated(server, 20, 1, {7, QByteArray(64, 'b'), time});
+    HalvaneAcknowledgedContents::recordStated(
+        server, 20, 1, {7, QByteArray(64, 'b'), time, time.addDays(1), QStringLiteral("reference run")});
     HalvaneAcknowledgedContents::record(server, 20, 1, QByteArray(64, 'b'));
     const auto found = HalvaneAcknowledgedContents::findStated(server, 20, 1);
     ASSERT_TRUE(found);
     EXPECT_EQ(found->size, 7);
     EXPECT_EQ(found->sha256, QByteArray(64, 'b'));
     EXPECT_EQ(found->sourceModifiedAt, time);
+    EXPECT_EQ(found->modifiedAt, time.addDays(1));
+    EXPECT_EQ(found->alias, QStringLiteral("reference run"));
     EXPECT_EQ(HalvaneAcknowledgedContents::find(server, 20, 1), QByteArray(64, 'b'));
     EXPECT_FALSE(HalvaneAcknowledgedContents::findStated(server, 20, 2));
 }
