@@ -427,6 +427,15 @@ def bench_tree(table, ours, nginx, build, work, files, few, count):
                 "ours verifies each file, lists 121 folders and keeps records; the peer fetches one flat list into two directories")
 
 
+def bench_summary(table, program, source, mib, label, count):
+    """The summary of a run, which is made beside packing: what it takes by itself."""
+    runs = [timed([program, "summarise", source]) for _ in range(count)]
+    milliseconds = statistics.median(json.loads(output)["ms"] for _, _, output in runs)
+    table.figure(f"summary of {mib} MiB ({label})", f"{milliseconds / 1000:.2f} s, {source.stat().st_size / MIB / milliseconds * 1000:.0f} MiB/s",
+                 "spectra, ranges and ion current, of which the file states none: every array is decoded; one thread")
+    table.limit(f"memory of the summary of {mib} MiB ({label})", max(peak for _, peak, _ in runs), "MiB", 64, "high-water mark")
+
+
 def bench_pack(table, root, build, work, mib, count):
     """Packed acquisitions: packing, checking, and what knowing one costs."""
     program = build / "bin" / "bench_pack"
@@ -481,6 +490,8 @@ def bench_pack(table, root, build, work, mib, count):
         table.ratio(f"full check of {mib} MiB ({label})", pairs_of(count, check_ours, lambda: shell(f"zstd -tq {packed}")), 1.0,
                     "the peer: zstd -t of the same file, which takes no digest of the content")
         table.limit(f"memory of the full check of {mib} MiB ({label})", max(memory), "MiB", 64, "high-water mark")
+        if kind != "mixed":
+            bench_summary(table, program, source, mib, label, count)
         shutil.rmtree(source) if source.is_dir() else source.unlink()
     source = work / "acquisition-large"
     timed([program, "make", "mixed", spectra, str(4 * mib), source])
@@ -489,6 +500,8 @@ def bench_pack(table, root, build, work, mib, count):
     quick = milliseconds(timed([program, "quick", packed])[2])
     table.limit(f"opening and quick check of a packed file of {packed.stat().st_size / MIB:.0f} MiB", quick, "ms", 20,
                 "median of 11 in one process")
+    inspect = [timed([build / "bin" / "halvane", "inspect", packed])[0] * 1000 for _ in range(11)]
+    table.figure("halvane inspect of it, the whole program", f"{statistics.median(inspect):.1f} ms", "median of 11; includes starting the program")
     shutil.rmtree(source)
     for path in (packed, peer, digest):
         path.unlink(missing_ok=True)

@@ -1,9 +1,13 @@
-// Packed acquisitions: makes data to pack, packs, checks and unpacks. usage:
+// Packed acquisitions and raw data. usage:
 //   bench_pack make plain|zlib|mixed SPECTRA.mgf MIB TARGET   mzML with arrays as they are or compressed; or
-//   a directory bench_pack pack SOURCE TARGET bench_pack check|quick|unpack FILE [TARGET]
+//                                                             a directory of both and of noise
+//   bench_pack pack SOURCE TARGET
+//   bench_pack check|quick|unpack FILE [TARGET]
+//   bench_pack summarise FILE
 // The last ones print {"ms": milliseconds} of the call itself; of "quick" the median of eleven, since one is
 // shorter than what the machine does beside it. "make" perturbs the peaks of real spectra, so that no window,
 // however long, finds anything twice.
+#include <RunSummaries.h>
 #include <Vonk.h>
 #include <VonkPacker.h>
 
@@ -142,6 +146,13 @@ Error read(const QString& what, const QString& path, const QString& target) {
     return vonk.validate(what == QLatin1String("check") ? Vonk::Check::Full : Vonk::Check::Quick);
 }
 
+Error summariseRun(const QString& path) {
+    const auto summary = summarise(path);
+    if (summary && summary->spectrumCount() == 0)
+        return Error(ErrorCode::General, QStringLiteral("There are no spectra in %1.").arg(path));
+    return summary.error();
+}
+
 Error pack(const QString& source, const QString& target) {
     PackInput input;
     input.path = source;
@@ -162,7 +173,9 @@ int main(int argc, char** argv) {
         const auto start = std::chrono::steady_clock::now();
         const Error error = what == QLatin1String("make")   ? make(arguments)
                             : what == QLatin1String("pack") ? pack(arguments[2], arguments.value(3))
-                                                            : read(what, arguments[2], arguments.value(3));
+                            : what == QLatin1String("summarise")
+                                ? summariseRun(arguments[2])
+                                : read(what, arguments[2], arguments.value(3));
         times.push_back(
             std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count());
         if (error.hasError()) {

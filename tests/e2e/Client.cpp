@@ -82,7 +82,9 @@ Outcome Client::finish(QProcess& process, const QByteArray& input) {
     EXPECT_TRUE(process.state() == QProcess::NotRunning || process.waitForFinished(watchdogMs))
         << qPrintable(process.errorString());
     Outcome outcome;
-    outcome.ended = process.exitStatus() == QProcess::NormalExit && process.error() == QProcess::UnknownError;
+    // A wait that was cut short earlier is remembered as an error too, and says nothing of the end.
+    outcome.ended = process.exitStatus() == QProcess::NormalExit &&
+                    (process.error() == QProcess::UnknownError || process.error() == QProcess::Timedout);
     outcome.exitCode = process.exitCode();
     outcome.out = process.readAllStandardOutput();
     outcome.err = process.readAllStandardError();

@@ -10,29 +10,31 @@ namespace orx::vonk {
 
 namespace {
 
-//! More would not read or write any faster, and each needs memory.
-constexpr unsigned mostWorkers = 6;
+//! The caller among them. More would not read or write any faster, and each needs memory.
+constexpr unsigned mostThreads = 7;
 
+//! Whoever has nothing else to do takes the next step that is due, the caller too: no thread of its own waits
+//! for one kind of step, so that few processors are kept busy with few switches between threads.
 class Run {
 public:
     explicit Run(const ChunkPipeline& steps)
         : m_steps(steps)
-        , m_workers(std::clamp(std::thread::hardware_concurrency(), 1U, mostWorkers))
-        , m_slots(2 * m_workers + 2) {}
+        , m_helpers(std::clamp(std::thread::hardware_concurrency(), 2U, mostThreads) - 1)
+        , m_slots(2 * m_helpers + 4) {}
 
     ~Run() {
         {
             const std::lock_guard lock(m_mutex);
             m_isEnding = true;
         }
-        m_changed.notify_all();
+        m_due.notify_all();
         for (std::thread& thread : m_threads)
             thread.join();
     }
 
     Error run() {
         for (;; ++m_produced) {
-            if (m_produced >= m_slots.size())
+            if (m_produced - m_retired == m_slots.size())
                 ORX_RETURN_ON_ERROR(retire());
             const Result<bool> more = m_steps.produce(slotOf(m_produced).chunk);
             ORX_RETURN_ON_ERROR(more.error());
@@ -46,12 +48,16 @@ public:
     }
 
 private:
+    using Lock = std::unique_lock<std::mutex>;
+
     struct Slot {
         ChunkSlot chunk;
         Error workError;
         Error orderError;
         bool isWorked = false;
         bool isOrdered = false;
+
+        bool isDone() const { return isWorked && isOrdered; }
     };
 
     Slot& slotOf(size_t sequence) { return m_slots[sequence % m_slots.size()]; }
@@ -63,72 +69,101 @@ private:
             slot.isWorked = slot.isOrdered = false;
             m_published = m_produced + 1;
         }
-        m_changed.notify_all();
-        if (m_threads.empty())
-            m_threads.emplace_back([this] { serveInOrder(); });
-        if (m_threads.size() <= m_workers)
-            m_threads.emplace_back([this] { serveWork(); });
+        m_due.notify_all();
+        if (m_threads.size() < m_helpers)
+            m_threads.emplace_back([this] { serve(); });
     }
 
-    //! Uses the oldest chunk.
+    //! Uses the oldest chunk; helps until it is done.
     Error retire() {
-        Slot& slot = slotOf(m_retired++);
+        Slot& slot = slotOf(m_retired);
         {
-            std::unique_lock lock(m_mutex);
-            m_changed.wait(lock, [&slot] { return slot.isWorked && slot.isOrdered; });
+            Lock lock(m_mutex);
+            while (!slot.isDone()) {
+                if (!takeStep(lock, m_ownWork))
+                    m_done.wait(lock);
+            }
+            // What its own step made due is for others now.
+            if (isOrderDue() || m_begun < m_published)
+                m_due.notify_one();
         }
+        ++m_retired;
         ORX_RETURN_ON_ERROR(slot.workError);
         ORX_RETURN_ON_ERROR(slot.orderError);
         return m_steps.consume(slot.chunk);
     }
 
-    void serveWork() {
-        const ChunkPipeline::Step work = m_steps.makeWorker();
-        std::unique_lock lock(m_mutex);
-        for (;;) {
-            m_changed.wait(lock, [this] { return m_isEnding || m_begun < m_published; });
-            if (m_isEnding)
-                return;
-            Slot& slot = slotOf(m_begun++);
-            lock.unlock();
-            slot.workError = work(slot.chunk);
-            lock.lock();
-            slot.isWorked = true;
-            m_changed.notify_all();
+    void serve() {
+        ChunkPipeline::Step work;
+        Lock lock(m_mutex);
+        while (!m_isEnding) {
+            if (!takeStep(lock, work))
+                m_due.wait(lock);
         }
     }
 
-    void serveInOrder() {
+    //! False when none is due. The lock is not held meanwhile. \a work is made when it is needed.
+    bool takeStep(Lock& lock, ChunkPipeline::Step& work) {
+        if (isOrderDue())
+            lookInOrder(lock);
+        else if (m_begun < m_published)
+            workOn(lock, work);
+        else
+            return false;
+        return true;
+    }
+
+    bool isOrderDue() {
         const bool waits = m_steps.order == ChunkPipeline::Order::AfterWork;
-        std::unique_lock lock(m_mutex);
-        for (size_t next = 0;; ++next) {
-            m_changed.wait(lock, [&] {
-                return m_isEnding || (next < m_published && (!waits || slotOf(next).isWorked));
-            });
-            if (m_isEnding)
-                return;
-            Slot& slot = slotOf(next);
-            lock.unlock();
-            // A chunk that could not be worked on holds nothing to look at.
-            slot.orderError = waits && slot.workError.hasError() ? Error() : m_steps.inOrder(slot.chunk);
-            lock.lock();
-            slot.isOrdered = true;
-            m_changed.notify_all();
-        }
+        return !m_isOrdering && m_ordered < m_published && (!waits || slotOf(m_ordered).isWorked);
+    }
+
+    void lookInOrder(Lock& lock) {
+        Slot& slot = slotOf(m_ordered);
+        // A chunk that could not be worked on holds nothing to look at.
+        const bool isEmpty = m_steps.order == ChunkPipeline::Order::AfterWork && slot.workError.hasError();
+        m_isOrdering = true;
+        lock.unlock();
+        Error error = isEmpty ? Error() : m_steps.inOrder(slot.chunk);
+        lock.lock();
+        slot.orderError = std::move(error);
+        slot.isOrdered = true;
+        m_isOrdering = false;
+        ++m_ordered;
+        if (slot.isDone())
+            m_done.notify_one();
+    }
+
+    void workOn(Lock& lock, ChunkPipeline::Step& work) {
+        Slot& slot = slotOf(m_begun++);
+        lock.unlock();
+        if (!work)
+            work = m_steps.makeWorker();
+        Error error = work(slot.chunk);
+        lock.lock();
+        slot.workError = std::move(error);
+        slot.isWorked = true;
+        if (slot.isDone())
+            m_done.notify_one();
     }
 
     const ChunkPipeline& m_steps;
-    const size_t m_workers;
+    const size_t m_helpers;
     std::vector<Slot> m_slots;
     std::vector<std::thread> m_threads;
     std::mutex m_mutex;
-    std::condition_variable m_changed;
+    //! Threads wait on the first, the caller on the second.
+    std::condition_variable m_due;
+    std::condition_variable m_done;
     // Of the caller.
+    ChunkPipeline::Step m_ownWork;
     size_t m_produced = 0;
     size_t m_retired = 0;
     // Guarded by the mutex, like the flags of the slots.
     size_t m_published = 0;
     size_t m_begun = 0;
+    size_t m_ordered = 0;
+    bool m_isOrdering = false;
     bool m_isEnding = false;
 };
 

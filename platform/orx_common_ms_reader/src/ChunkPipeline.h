@@ -18,8 +18,9 @@ struct ChunkSlot {
     PackedBuffer frame;
 };
 
-//! Chunks through four steps: made and used one after the other by the caller, worked on side by side by
-//! threads of its own, and looked at in their order by one more. At most a bounded number is on its way.
+//! Chunks through four steps: made and used one after the other by the caller, worked on side by side, and
+//! looked at in their order. Threads of its own and, when it would only wait, the caller take the two steps
+//! in the middle. At most a bounded number of chunks is on its way.
 struct ChunkPipeline {
     using Step = std::function<Error(ChunkSlot&)>;
 
@@ -30,9 +31,9 @@ struct ChunkPipeline {
 
     //! Caller's thread. Fills the next slot; false when there is none.
     std::function<Result<bool>(ChunkSlot&)> produce;
-    //! Called once on each worker; what it returns works on slots there.
+    //! Called at most once on each thread; what it returns works on slots there.
     std::function<Step()> makeWorker;
-    //! One thread, slot by slot; must not change what the workers change.
+    //! Slot by slot and never two at once, on any thread; must not change what the workers change.
     Step inOrder;
     Order order = Order::AfterWork;
     //! Caller's thread, slot by slot, when the other steps are done with it.
