@@ -130,6 +130,23 @@ TEST_F(Cache, TheHistoryHoldsPathsOfTheUserOnly) {
     EXPECT_FALSE(history.contains("/cache/"));
 }
 
+TEST_F(Cache, WhatSomebodyPutBesideACopyIsNotGivenToUsers) {
+    put();
+    const QString path = cachePath();
+    const QString planted = QFileInfo(path).path() + "/planted.mzML";
+    ASSERT_TRUE(QFile::copy(file, planted));
+    ASSERT_TRUE(QDir().mkpath(client.path("target")));
+    const QList<QJsonObject> fetched =
+        client.mustRun({"--json", "get", "/raw", "--to", client.path("target")}).objects();
+    ASSERT_FALSE(fetched.isEmpty());
+    EXPECT_EQ(fetched.first().value("from_cache"), true);
+    EXPECT_EQ(contentsFetched(), 0);
+    EXPECT_FALSE(QFileInfo::exists(planted));
+    EXPECT_EQ(QDir(client.path("target/raw")).entryList(QDir::AllEntries | QDir::NoDotAndDotDot),
+              QStringList{"run.mzML"});
+    EXPECT_TRUE(Client::contentOf(client.path("target/raw/run.mzML")) == Client::contentOf(file));
+}
+
 TEST_F(Cache, ATruncatedEntryIsFetchedAgain) {
     put();
     const QString path = cachePath();
@@ -223,6 +240,9 @@ TEST_F(Cache, ThePathOfACopyIsPrinted) {
     EXPECT_EQ(absent.exitCode, 3);
     EXPECT_EQ(absent.object()["error"], "NotFound");
     EXPECT_THAT(absent.err.toStdString(), HasSubstr("halvane get"));
+    const Outcome folder = client.run({"cache", "path", "/raw"});
+    EXPECT_EQ(folder.exitCode, 3);
+    EXPECT_THAT(folder.err.toStdString(), HasSubstr("each by itself"));
     get();
     const QString path = QString::fromUtf8(client.mustRun({"cache", "path", "file:1"}).out).trimmed();
     EXPECT_TRUE(Client::contentOf(path) == Client::contentOf(file));

@@ -161,13 +161,26 @@ TEST_F(Questions, NamesAreVerified) {
     EXPECT_EQ(client.mustRun({"-q", "verify-name", QStringLiteral("folder:%1").arg(year), "2026"}).out, "");
     const Outcome differs = client.run({"--json", "verify-name", reference, "Run.mzML"});
     EXPECT_EQ(differs.exitCode, 1);
-    EXPECT_EQ(differs.object()["error"], "General");
+    ASSERT_EQ(differs.objects().size(), 1);
+    EXPECT_EQ(differs.object()["type"], "name");
+    EXPECT_EQ(differs.object()["matches"], false);
+    EXPECT_EQ(differs.object()["name"], "Run.mzML");
+    EXPECT_EQ(differs.object()["name_on_server"], "run.mzML");
+    EXPECT_EQ(QString::fromUtf8(differs.err).trimmed(),
+              QStringLiteral(
+                  "halvane: A filename pointed by \"Run.mzML (%1@2)\" does not match with a filename on the "
+                  "server (the filename on the server is \"run.mzML\").")
+                  .arg(reference));
+    const Outcome folder = client.run({"verify-name", "/raw/2026", "2025"});
+    EXPECT_EQ(folder.exitCode, 1);
+    EXPECT_EQ(folder.out, "");
     EXPECT_EQ(
-        differs.object()["message"],
-        QStringLiteral("A filename pointed by \"Run.mzML (%1@2)\" does not match with a filename on the "
-                       "server (the filename on the server is \"run.mzML\").")
-            .arg(reference));
-    EXPECT_THAT(client.run({"verify-name", "/raw/2026", "2025"}).err.toStdString(), HasSubstr("folder name"));
+        QString::fromUtf8(folder.err).trimmed(),
+        QStringLiteral(
+            "halvane: A folder name pointed by \"2025 (folder:%1)\" does not match with a folder name on the "
+            "server (the folder name on the server is \"2026\").")
+            .arg(year));
+    EXPECT_EQ(object({"verify-name", reference, "run.mzML"})["name_on_server"], "run.mzML");
 }
 
 TEST_F(Questions, WhatIsWrittenWrongly) {

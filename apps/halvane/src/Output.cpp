@@ -237,17 +237,20 @@ int Output::error(const Error& error) const {
     return this->error(error, host::errorText(error));
 }
 
-int Output::error(const Error& error, const QString& text) const {
-    const int exitCode = int(host::exitCodeOf(error));
+void Output::words(const Error& error, const QString& text) const {
     warnings(error.warnings());
     writeText(stderr, QStringLiteral("halvane: ") + shown(text));
     if (m_options.traceErrors) {
         for (const QString& line : error.traceText().split(u'\n', Qt::SkipEmptyParts))
             writeText(stderr, QStringLiteral("  ") + shown(line));
     }
+}
+
+int Output::error(const Error& error, const QString& text) const {
+    words(error, text);
     if (m_options.json)
         writeJson(errorObject(error, text));
-    return exitCode;
+    return int(host::exitCodeOf(error));
 }
 
 } // namespace halvane::cli

@@ -41,6 +41,8 @@ public:
     static QJsonValue jsonOf(const QDateTime& time);
     //! Warnings are printed with --quiet too.
     void warnings(const orx::Warnings& warnings) const;
+    //! The error in words, on standard error.
+    void words(const orx::Error& error, const QString& text) const;
     //! Prints the error; returns its exit code.
     int error(const orx::Error& error) const;
     //! \a error with \a text in the place of its own words.

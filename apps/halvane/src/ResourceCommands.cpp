@@ -306,16 +306,22 @@ int Runner::operator()(const VerifyNameCommand& command) {
     });
     const Error error = orx::HalvaneResourceHandler::verifyResourceName(reference.value());
     m_interruption.watch(std::function<void()>());
-    if (error.hasError())
+    // That they differ is an answer, too; whatever else failed is none.
+    const bool isDifferent = error.is(ErrorCode::General) && item->name != command.name;
+    if (error.hasError() && !isDifferent)
         return m_output.error(error);
     m_output.result(
         {{QStringLiteral("type"), QStringLiteral("name")},
          {QStringLiteral("name"), command.name},
+         {QStringLiteral("name_on_server"), item->name},
          {QStringLiteral("reference"), item->reference()},
-         {QStringLiteral("matches"), true}},
-        m_global.quiet ? QString()
-                       : QStringLiteral("%1 is \"%2\"").arg(item->reference(), m_output.shown(command.name)));
-    return int(ExitCode::Success);
+         {QStringLiteral("matches"), !isDifferent}},
+        m_global.quiet || isDifferent
+            ? QString()
+            : QStringLiteral("%1 is \"%2\"").arg(item->reference(), m_output.shown(command.name)));
+    if (isDifferent)
+        m_output.words(error, host::errorText(error));
+    return int(isDifferent ? ExitCode::General : ExitCode::Success);
 }
 
 // ---- the cache
@@ -350,7 +356,10 @@ int Runner::withCopy(const CacheCommand& command) {
     if (path.hasError() && path.error().is(ErrorCode::NotFound))
         return m_output.error(
             Error(ErrorCode::NotFound,
-                  QStringLiteral("\"%1\" (%2) is not in the cache; \"halvane get\" brings files there.")
+                  (item.isFolder()
+                       ? QStringLiteral("\"%1\" (%2) is not in the cache as a whole; \"halvane get\" brings "
+                                        "the files of a folder there, each by itself.")
+                       : QStringLiteral("\"%1\" (%2) is not in the cache; \"halvane get\" brings it there."))
                       .arg(item.name, item.reference())));
     if (path.hasError())
         return m_output.error(path.error());

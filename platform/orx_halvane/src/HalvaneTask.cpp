@@ -35,7 +35,7 @@ std::optional<ServerFailure> failureOf(const QJsonObject& json) {
 
 Envelope envelopeOf(const QJsonObject& json) {
     const QString status = json.value(QStringLiteral("status")).toString();
-    if (status == QStringLiteral("success") && json.value(QStringLiteral("data")).isObject())
+    if (status == QStringLiteral("success"))
         return Envelope::Success;
     if (status == QStringLiteral("error") && failureOf(json))
         return Envelope::Failure;
@@ -63,6 +63,10 @@ Error HalvaneTask::notAServer(const QString& detail) {
                      .arg(serverName(), detail));
 }
 
+Error HalvaneTask::notAReply() {
+    return notAServer(tr("Its reply does not have the form of one."));
+}
+
 Error HalvaneTask::asInvalidReply(const Error& error) {
     if (!error.hasError() || error.domain() != ErrorDomain::General)
         return error;
@@ -80,7 +84,7 @@ Error HalvaneTask::parseData(const QJsonObject& json) {
     case Envelope::None:
         break;
     }
-    return ORX_ECATCH(notAServer(tr("Its reply does not have the form of one.")));
+    return ORX_ECATCH(notAReply());
 }
 
 std::optional<QJsonObject> HalvaneTask::successData(const QJsonObject& json) {
@@ -127,7 +131,9 @@ Error HalvaneTask::handleReply(const NetworkReply& reply) {
         if (envelope == Envelope::Failure)
             return ORX_ECATCH(
                 notAServer(tr("It reports an error with the HTTP status %1.").arg(reply.status)));
-        return ORX_ECATCH(parseData(*json));
+        ORX_RETURN_ON_ERROR(parseData(*json));
+        // Of calls that read nothing of it.
+        return json->value(QStringLiteral("data")).isObject() ? Error() : ORX_ECATCH(notAReply());
     }
     if (envelope == Envelope::Failure)
         return ORX_ECATCH(HalvaneTask::parseData(*json));

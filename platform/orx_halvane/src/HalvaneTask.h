@@ -23,7 +23,8 @@ public:
     ~HalvaneTask() override;
 
 protected:
-    //! The envelope check; subclasses call it first and then read "data". \a json is the whole reply.
+    //! The envelope check; subclasses call it first and then read "data", which may be missing: that is for
+    //! them to say. \a json is the whole reply.
     virtual Error parseData(const QJsonObject& json);
     //! An error about the content of "data" as NetworkErrorCode::InvalidReply that names the server; no
     //! error, and errors of other domains, as they are.
@@ -42,6 +43,7 @@ protected:
 
 private:
     static Error notAServer(const QString& detail);
+    static Error notAReply();
 };
 
 //! Base of all tasks made of several calls.

@@ -13,11 +13,8 @@ Result<NetworkRequest> HalvaneGetFolderMetadataTask::prepareRequest(const QUrl& 
 }
 
 Error HalvaneGetFolderMetadataTask::parseData(const QJsonObject& json) {
+    ORX_RETURN_ON_ERROR(HalvaneTask::parseData(json));
     const auto data = JsonUtils::objectValue(json, QStringLiteral("data"));
-    // A success without its data is told as what it lacks; the check of the envelope would only say that it
-    // is none.
-    if (json.value(QStringLiteral("status")) != QStringLiteral("success"))
-        ORX_RETURN_ON_ERROR(HalvaneTask::parseData(json));
     ORX_RETURN_ON_ERROR(data.error());
     const auto metadata = HalvaneFolderResourceMetadata::fromJson(*data);
     ORX_RETURN_ON_ERROR(metadata.error());
