@@ -1,14 +1,17 @@
-// Makes a deep tree of small files on a server, or brings a folder down through the cache, and prints what it
-// took as JSON.
+// Makes a deep tree of small files on a server, sends a directory as a host does, or brings a folder down
+// through the cache, and prints what it took as JSON.
 // usage: bench_tree make URL USER PASSWORD FILES WORK_DIRECTORY
+//        bench_tree put URL USER PASSWORD DIRECTORY CACHE_DIRECTORY
 //        bench_tree get URL USER PASSWORD FOLDER TARGET_DIRECTORY CACHE_DIRECTORY
 #include <HalvaneConnection.h>
 #include <HalvaneDownloadFolderCacheTask.h>
 #include <HalvaneFileUploadTask.h>
+#include <HalvaneFolderUploadTask.h>
 #include <HalvaneItemTasks.h>
 #include <HalvaneResourceHandler.h>
 #include <HalvaneSessionTasks.h>
 
+#include <DuplicateUploadPolicy.h>
 #include <GroupTask.h>
 #include <ResourceCache.h>
 #include <ResourceManager.h>
@@ -19,6 +22,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QRandomGenerator>
+#include <QTimer>
 
 #include <algorithm>
 #include <cstdio>
@@ -106,6 +110,17 @@ double peakMiB() {
     return 0;
 }
 
+//! The most descriptors that this process had open whenever it was asked.
+class Descriptors {
+public:
+    void look() { m_most = std::max(m_most, qsizetype(m_open.count())); }
+    qsizetype most() const { return m_most; }
+
+private:
+    const QDir m_open{QStringLiteral("/proc/self/fd")};
+    qsizetype m_most = 0;
+};
+
 void getTree(int folder, const QString& target, const QString& cacheDir) {
     HalvaneResourceHandler::registerType();
     ResourceCache cache(cacheDir);
@@ -115,20 +130,73 @@ void getTree(int folder, const QString& target, const QString& cacheDir) {
     QJsonObject result;
     {
         HalvaneDownloadFolderCacheTask task(*reference, target, true, nullptr);
-        qsizetype descriptors = 0;
-        const QDir open(QStringLiteral("/proc/self/fd"));
-        QObject::connect(&task, &BaseTask::progress, &task,
-                         [&] { descriptors = std::max(descriptors, qsizetype(open.count())); });
+        Descriptors descriptors;
+        QObject::connect(&task, &BaseTask::progress, &task, [&descriptors] { descriptors.look(); });
         QElapsedTimer clock;
         clock.start();
         run(task);
         result = {{QStringLiteral("seconds"), double(clock.elapsed()) / 1e3},
                   {QStringLiteral("files"), task.downloadedFileCount()},
-                  {QStringLiteral("descriptors"), descriptors},
+                  {QStringLiteral("descriptors"), descriptors.most()},
                   {QStringLiteral("memory_mib"), peakMiB()}};
     }
     ResourceManager::setCache(nullptr);
     print(result);
+}
+
+//! The longest time between two turns of this thread's event loop while the object lives.
+class LoopProbe {
+public:
+    LoopProbe() {
+        m_timer.setTimerType(Qt::PreciseTimer);
+        QObject::connect(&m_timer, &QTimer::timeout, [this] { turn(); });
+        m_clock.start();
+        m_timer.start(1);
+    }
+    double longestGapMs() {
+        turn();
+        return double(m_longest) / 1e6;
+    }
+
+private:
+    void turn() {
+        m_longest = std::max(m_longest, m_clock.nsecsElapsed());
+        m_clock.restart();
+    }
+
+    QTimer m_timer;
+    QElapsedTimer m_clock;
+    qint64 m_longest = 0;
+};
+
+//! Sends the directory; names that are taken are left alone, so that a second run sends nothing.
+void putTree(const QString& directory, const QString& cacheDir) {
+    HalvaneResourceHandler::registerType();
+    ResourceCache cache(cacheDir);
+    ResourceManager::setCache(&cache);
+    QElapsedTimer clock;
+    clock.start();
+    HalvaneFolderUploadTask task(directory, 1, {}, HalvaneUploadTask::DEFAULT_UPLOAD_POLICY_OPTIONS, nullptr);
+    const double made = double(clock.nsecsElapsed()) / 1e9;
+    task.setDuplicateUploadPolicy(std::make_shared<FixedDuplicateUploadPolicy>(DuplicateUploadAnswer::Skip));
+    Descriptors descriptors;
+    QTimer looks;
+    QObject::connect(&looks, &QTimer::timeout, [&descriptors] { descriptors.look(); });
+    looks.start(10);
+    LoopProbe loop;
+    clock.restart();
+    run(task);
+    const double seconds = double(clock.nsecsElapsed()) / 1e9;
+    const double gap = loop.longestGapMs();
+    cache.waitForPending();
+    ResourceManager::setCache(nullptr);
+    print({{QStringLiteral("seconds"), seconds},
+           {QStringLiteral("seconds_to_make"), made},
+           {QStringLiteral("longest_gap_ms"), gap},
+           {QStringLiteral("files"), task.successfulFileUploadsCount()},
+           {QStringLiteral("maximum"), task.maxProgress()},
+           {QStringLiteral("descriptors"), descriptors.most()},
+           {QStringLiteral("memory_mib"), peakMiB()}});
 }
 
 } // namespace
@@ -138,9 +206,11 @@ int main(int argc, char** argv) {
     const QStringList arguments = QCoreApplication::arguments();
     const QString what = arguments.value(1);
     const bool makes = what == u"make" && arguments.size() == 7;
-    if (!makes && !(what == u"get" && arguments.size() == 8)) {
+    const bool puts = what == u"put" && arguments.size() == 7;
+    if (!makes && !puts && !(what == u"get" && arguments.size() == 8)) {
         std::fprintf(stderr,
                      "usage: bench_tree make URL USER PASSWORD FILES WORK_DIRECTORY\n"
+                     "       bench_tree put URL USER PASSWORD DIRECTORY CACHE_DIRECTORY\n"
                      "       bench_tree get URL USER PASSWORD FOLDER TARGET_DIRECTORY CACHE_DIRECTORY\n");
         return 2;
     }
@@ -152,6 +222,8 @@ int main(int argc, char** argv) {
     connection.setCredentials(arguments.at(3), login.token());
     if (makes)
         makeTree(arguments.at(5).toInt(), QDir(arguments.at(6)));
+    else if (puts)
+        putTree(arguments.at(5), arguments.at(6));
     else
         getTree(arguments.at(5).toInt(), arguments.at(6), arguments.at(7));
     return 0;

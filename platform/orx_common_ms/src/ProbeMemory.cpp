@@ -14,8 +14,9 @@ namespace orx {
 
 namespace {
 
-// Some megabytes when full; the entries of a large tree.
-constexpr size_t kCapacity = 32768;
+// More than the entries of the largest trees: who asks about all of them in turn, again and again, would find
+// none in a smaller memory. Some tens of megabytes when full.
+constexpr size_t kCapacity = 131072;
 
 qint64 realTime() {
     timespec now{};

@@ -121,6 +121,8 @@ Error HalvanePostChunksTask::doFinish() {
     }
     d->transfer.reset();
     d->held.clear();
+    d->reader.reset(); // with its descriptor: whoever waits without an event loop keeps the task for long
+    d->pool.reset();
     return HalvaneComplexTask::doFinish();
 }
 
