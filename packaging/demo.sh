@@ -104,7 +104,7 @@ as anna show mkdir -p /raw/2026
 step "Put the files"
 count=0
 for file in "$work"/up/*; do
-  line=$(as anna "$BIN/halvane" --json put "$file" --to /raw/2026)
+  line=$(as anna "$BIN/halvane" --json put "$file" --to /raw/2026 --as-file)
   [ "$(field sha256 <<<"$line")" = "$(sha256_of "$file")" ] || fail "the server's SHA-256 of $file is another one"
   printf '%s -> %s, sha256 %.16s...\n' "$(basename "$file")" "$(field reference <<<"$line")" "$(field sha256 <<<"$line")"
   count=$((count + 1))
@@ -157,7 +157,7 @@ same "$work/up/tiny.mzML" "$work/colleague/files/tiny.mzML"
 step "Meanwhile it is changed and put as a new version"
 cp "$work/up/tiny.mzML" "$work/first.mzML"
 printf '<!-- checked again -->\n' >>"$work/up/tiny.mzML"
-line=$(as anna "$BIN/halvane" --json put "$work/up/tiny.mzML" --to /raw/2026 --new-version --check-version)
+line=$(as anna "$BIN/halvane" --json put "$work/up/tiny.mzML" --to /raw/2026 --as-file --new-version --check-version)
 [ "$(field version <<<"$line")" = 2 ] || fail "version 2 was expected: $line"
 id=$(field id <<<"$line")
 echo "file:$id has version 2"
@@ -165,7 +165,7 @@ echo "file:$id has version 2"
 step "The colleague's older copy is not put on top of it"
 printf '<!-- a remark on the old version -->\n' >>"$work/colleague/files/tiny.mzML"
 code=0
-as colleague show put "$work/colleague/files/tiny.mzML" --to /raw/2026 --new-version --check-version || code=$?
+as colleague show put "$work/colleague/files/tiny.mzML" --to /raw/2026 --as-file --new-version --check-version || code=$?
 [ "$code" -eq 8 ] || fail "the version conflict should end with exit code 8, not $code"
 last=$(as anna "$BIN/halvane" --json ls "file:$id" | field version)
 [ "$last" = 2 ] || fail "the conflict changed the server: version $last"

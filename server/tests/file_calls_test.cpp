@@ -52,6 +52,22 @@ TEST_F(FileCalls, AFileShowsItsLastVersionAndAllOfThem) {
               (json{{{"folder_id", folder}, {"folder_name", "raw"}}}));
 }
 
+TEST_F(FileCalls, EachVersionHasItsTrace) {
+    const json file = storeFile("a", "one");
+    EXPECT_EQ(get(pathOf(file, "/versions/1/trace")).data(), (json{{"trace", json::object()}}));
+    const json opened = openUpload("a", 3, file.at("id"), 0);
+    ASSERT_EQ(putChunk(opened.at("upload_id"), 0, "two", {{"Halvane-Content-Sha256", sha256Text("two")}}).status,
+              200);
+    ASSERT_EQ(finalize(opened.at("upload_id"), {}, {{"vonk_trace", {{"name", "a \u00e9 \"b\""}}}}).status, 200);
+    EXPECT_EQ(get(pathOf(file, "/versions/1/trace")).data(), (json{{"trace", json::object()}}));
+    for (const char* version : {"2", "latest"})
+        EXPECT_EQ(get(pathOf(file, std::string("/versions/") + version + "/trace")).data(),
+                  (json{{"trace", {{"name", "a \u00e9 \"b\""}}}}));
+    EXPECT_EQ(get(pathOf(file, "/versions/3/trace")).errorCode(), 3);
+    EXPECT_EQ(get(pathOf(file, "/versions/x/trace")).errorCode(), 3);
+    EXPECT_EQ(get("/files/99/versions/1/trace").errorCode(), 3);
+}
+
 TEST_F(FileCalls, AFileInTheRootHasAnEmptyPath) {
     EXPECT_EQ(get(pathOf(storeFile("f", "x"), "/path")).data(), (json{{"path", json::array()}}));
 }

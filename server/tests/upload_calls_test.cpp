@@ -85,6 +85,7 @@ TEST_F(UploadCalls, ChunksComeInAnyOrderAndAreListed) {
     const json file = get("/files/1").data();
     EXPECT_EQ(file.at("alias"), "nick");
     EXPECT_EQ(file.at("data_type"), "MS");
+    EXPECT_EQ(get("/files/1/versions/1/trace").data(), (json{{"trace", {{"steps", {1, 2}}}}}));
     EXPECT_EQ(get("/uploads").data().at("uploads"), json::array());
 }
 

@@ -85,8 +85,11 @@ TEST_F(BadInput, AMissingFile) {
 
 TEST_F(BadInput, ADirectoryWhereAFileIsExpected) {
     ASSERT_TRUE(QDir(client.path({})).mkdir("directory"));
-    const Outcome outcome = expectFailure({"put", "directory", "--to", "/raw"}, 2, "InvalidArgument");
-    EXPECT_THAT(messageOf(outcome), HasSubstr("is a directory"));
+    for (const QStringList& option : {QStringList{"--as", "a"}, {"--alias", "a"}, {"--metadata", "a=b"}}) {
+        const Outcome outcome =
+            expectFailure(QStringList{"put", "directory", "--to", "/raw"} + option, 2, "InvalidArgument");
+        EXPECT_THAT(messageOf(outcome), HasSubstr("is a directory"));
+    }
     ASSERT_EQ(::mkfifo(QFile::encodeName(client.path("pipe")).constData(), 0600), 0);
     EXPECT_THAT(messageOf(expectFailure({"put", "pipe", "--to", "/raw"}, 2, "InvalidArgument")),
                 HasSubstr("not a regular file"));

@@ -38,7 +38,7 @@ protected:
 
 TEST_F(PutGet, ARealFileComesBackByteForByte) {
     const QString source = QStringLiteral(ORX_TEST_DATA_DIR "/tiny.mzML");
-    const QJsonObject uploaded = put({source, "--to", "/raw/2026"});
+    const QJsonObject uploaded = put({source, "--to", "/raw/2026", "--as-file"});
     EXPECT_EQ(uploaded["type"], "file");
     EXPECT_EQ(uploaded["version"], 1);
     EXPECT_EQ(uploaded["name"], "tiny.mzML");

@@ -20,9 +20,11 @@ namespace halvane::cli {
 using host::DownloadRequest;
 using host::ExitCode;
 using host::IfExists;
+using host::IfTaken;
 using host::MakeFolderTask;
 using host::Profiles;
 using host::ResolveItemTask;
+using host::TreeUploadRequest;
 using host::UploadRequest;
 using orx::Error;
 
@@ -48,7 +50,7 @@ struct RawArguments {
     bool parents = false;
     bool longFormat = false;
 
-    std::string file;
+    std::vector<std::string> files;
     std::string target;
     std::string name;
     std::string alias;
@@ -58,6 +60,11 @@ struct RawArguments {
     std::vector<std::string> sources;
     std::string ifExists = "ask";
     bool packed = false;
+    std::string ifTaken;
+    bool asFile = false;
+    bool keepGoing = false;
+    bool onlyMissing = false;
+    bool dryRun = false;
     bool withoutCache = false;
     std::string maxSize;
     std::string maxAge;
@@ -178,12 +185,15 @@ private:
 
     void addPut() {
         CLI::App* put =
-            addCommand("put", "Upload one file; an interrupted upload goes on where it stopped",
+            addCommand("put", "Upload files and directories; an interrupted upload goes on where it stopped",
                        "  halvane put run1.mzML --to /raw/2026\n"
+                       "  halvane put 2026 --to /raw --keep-going    (the directory becomes /raw/2026)\n"
+                       "  halvane put *.raw --to /raw/2026 --if-exists keep-both\n"
                        "  halvane put run1.mzML --to /raw/2026 --as first.mzML --metadata operator=anna\n"
                        "  halvane put run1.mzML --to /raw/2026 --new-version --check-version\n"
                        "  halvane put run1.mzML --to file:12        (a new version of that very file)\n");
-        put->add_option("FILE", m_raw.file, "The local file")->required();
+        put->add_option("PATH", m_raw.files, "Local files, packed acquisitions, raw data and directories")
+            ->required();
         put->add_option("--to", m_raw.target,
                         "Remote path or reference: a folder receives a file, a file a new version")
             ->required()
@@ -199,6 +209,14 @@ private:
             ->allow_extra_args(false)
             ->type_name("KEY=VALUE");
         put->add_flag("--no-cache", m_raw.withoutCache, "Do not keep a copy in the cache");
+        put->add_flag("--as-file", m_raw.asFile, "Send raw data files as they are instead of packing them");
+        put->add_option(
+               "--if-exists", m_raw.ifTaken,
+               "When the folder has a file of the name with another content: ask, new-version (default "
+               "for directories and several paths), keep-both, skip or fail")
+            ->check(CLI::IsMember({"ask", "new-version", "keep-both", "skip", "fail"}))
+            ->type_name("WHAT");
+        put->add_flag("--keep-going", m_raw.keepGoing, "Do not stop at the first failure");
     }
 
     void addGet() {
@@ -421,21 +439,53 @@ private:
     }
 
     PutCommand put() const {
+        const CLI::App& put = *m_app.get_subcommand("put");
         PutCommand command;
-        UploadRequest& request = command.request;
-        request.localPath = filledTextOf(m_raw.file, "FILE");
-        request.target = filledTextOf(m_raw.target, "--to");
-        require(ResolveItemTask::checkText(request.target));
-        const bool named = m_app.get_subcommand("put")->count("--as") > 0;
-        request.name = named ? filledTextOf(m_raw.name, "--as") : QString();
+        command.tree = treeRequest();
+        command.dryRun = m_raw.dryRun;
+        command.isTree =
+            m_raw.files.size() > 1 || !m_raw.ifTaken.empty() || m_raw.onlyMissing || m_raw.dryRun;
+        for (const char* option : {"--as", "--alias", "--metadata"}) {
+            if (command.isTree && put.count(option) > 0)
+                throw UsageError{QStringLiteral("%1 is for a single file that is put without --if-exists.")
+                                     .arg(QLatin1String(option))};
+        }
+        UploadRequest& request = command.single;
+        request.localPath = command.tree.paths.first();
+        request.target = command.tree.target;
+        request.name = put.count("--as") > 0 ? filledTextOf(m_raw.name, "--as") : QString();
         request.alias = textOf(m_raw.alias, "--alias");
         if (m_raw.newVersion)
             request.versioning = UploadRequest::Versioning::NewVersionByName;
         request.checkVersion = m_raw.checkVersion;
         request.keepInCache = !m_raw.withoutCache;
+        request.asFile = m_raw.asFile;
         if (!m_raw.metadata.empty())
             request.metadata = metadata();
         return command;
+    }
+
+    TreeUploadRequest treeRequest() const {
+        static const std::map<std::string, IfTaken> choices{{"ask", IfTaken::Ask},
+                                                            {"new-version", IfTaken::NewVersion},
+                                                            {"keep-both", IfTaken::KeepBoth},
+                                                            {"skip", IfTaken::Skip},
+                                                            {"fail", IfTaken::Fail}};
+        TreeUploadRequest request;
+        for (const std::string& file : m_raw.files)
+            request.paths.append(filledTextOf(file, "PATH"));
+        request.target = filledTextOf(m_raw.target, "--to");
+        require(ResolveItemTask::checkText(request.target));
+        if (!m_raw.ifTaken.empty())
+            request.ifTaken = choices.at(m_raw.ifTaken);
+        if (m_raw.newVersion && request.ifTaken != IfTaken::NewVersion)
+            throw UsageError{QStringLiteral("--new-version and --if-exists contradict each other.")};
+        request.checkVersion = m_raw.checkVersion;
+        request.keepGoing = m_raw.keepGoing;
+        request.onlyMissing = m_raw.onlyMissing;
+        request.asFile = m_raw.asFile;
+        request.keepInCache = !m_raw.withoutCache;
+        return request;
     }
 
     QList<orx::HalvaneCompactExtendedMetaDataValue> metadata() const {

@@ -3,6 +3,7 @@
 #include <Downloads.h>
 #include <ResourceCache.h>
 #include <UploadFileJob.h>
+#include <Uploads.h>
 
 #include <QUrl>
 
@@ -37,7 +38,12 @@ struct LsCommand {
     bool longFormat = false;
 };
 struct PutCommand {
-    host::UploadRequest request;
+    //! For a single file or raw data, unless something was asked for that goes for many.
+    host::UploadRequest single;
+    host::TreeUploadRequest tree;
+    bool isTree = false;
+    //! Tell what would be sent; send nothing.
+    bool dryRun = false;
 };
 struct GetCommand {
     host::DownloadRequest request;

@@ -3,7 +3,6 @@
 #include "Interruption.h"
 #include "Output.h"
 #include "PasswordInput.h"
-#include "ProgressReport.h"
 #include "Runner.h"
 
 #include <AtomicFile.h>
@@ -12,8 +11,6 @@
 #include <ListItemsTask.h>
 #include <MakeFolderTask.h>
 #include <RunUntilIdle.h>
-
-#include <QFileInfo>
 
 namespace halvane::cli {
 
@@ -27,7 +24,6 @@ using host::Profiles;
 using host::RemoteItem;
 using host::Resources;
 using host::Session;
-using host::UploadFileJob;
 using orx::Error;
 using orx::Result;
 
@@ -35,10 +31,6 @@ namespace {
 
 bool isLoopback(const QString& hostName) {
     return hostName == u"localhost" || hostName == u"::1" || hostName.startsWith(QStringLiteral("127."));
-}
-
-QString withSummary(const QString& text, const QString& summary) {
-    return summary.isEmpty() ? text : text + QStringLiteral(", ") + summary;
 }
 
 } // namespace
@@ -66,17 +58,6 @@ int Runner::transferFailed(const Error& error, const QString& summary) {
     if (canGoOn && !summary.isEmpty())
         return m_output.error(error, host::joinedSentences(host::errorText(error), goOn));
     return m_output.error(error);
-}
-
-// Unless metadata are missing, the same command once more would make another file or version.
-int Runner::stoppedAfterUpload(const Error& error, const UploadFileJob& job) {
-    if (!error.isCanceled())
-        return m_output.error(error);
-    const QString next = job.metadataMissing()
-                             ? QStringLiteral("run the same command again to attach its metadata.")
-                             : QStringLiteral("putting it again makes another one.");
-    return m_output.error(error, QStringLiteral("Interrupted, but the file is on the server as %1; %2")
-                                     .arg(job.item().reference(), next));
 }
 
 Result<std::unique_ptr<Resources>> Runner::startResources() {
@@ -180,46 +161,6 @@ int Runner::operator()(const LsCommand& command) {
         return m_output.error(error);
     m_output.listing(task.items(), command.longFormat);
     return int(ExitCode::Success);
-}
-
-int Runner::operator()(const PutCommand& command) {
-    if (const Error error = UploadFileJob::checkLocalFile(command.request.localPath); error.hasError())
-        return m_output.error(error);
-    const auto resources = startResources();
-    if (resources.hasError())
-        return m_output.error(resources.error());
-    const QFileInfo file(command.request.localPath);
-    UploadFileJob job(command.request);
-    QString summary;
-    Error error;
-    {
-        const ProgressReport progress(m_output.shown(file.fileName()), m_global.quiet);
-        error = run(job);
-        summary = progress.summary();
-    }
-    if (error.hasError())
-        return job.item().id > 0 ? stoppedAfterUpload(error, job) : transferFailed(error, summary);
-    const QString how = job.foundCommitted() ? QStringLiteral("%1 -> %2 as %3, finished by an earlier run")
-                                             : QStringLiteral("%1 -> %2 as %3");
-    const QString text = how.arg(m_output.shown(command.request.localPath), job.item().reference(),
-                                 m_output.shown(job.item().name));
-    m_output.item(job.item(), file.absoluteFilePath(),
-                  job.foundCommitted() ? QStringLiteral("found") : QStringLiteral("uploaded"),
-                  withSummary(text, summary));
-    waitForCache((*resources)->cache());
-    return int(ExitCode::Success);
-}
-
-// The file is safe on the server; its copy here is a convenience that may fail or be given up.
-void Runner::waitForCache(orx::ResourceCache& cache) {
-    m_interruption.watch([&cache] { cache.dropPending(); });
-    const QStringList failures = cache.waitForPending();
-    m_interruption.watch(std::function<void()>());
-    if (Interruption::wasRequested())
-        return;
-    for (const QString& failure : failures)
-        m_output.warnings({QStringLiteral("The file is on the server, but no copy of it is in the cache: %1")
-                               .arg(failure)});
 }
 
 int runCommand(const CommandLine& commandLine, const Output& output, Interruption& interruption) {

@@ -189,7 +189,7 @@ void Output::warnings(const orx::Warnings& warnings) const {
         writeText(stderr, QStringLiteral("halvane: warning: ") + shown(warning));
 }
 
-void Output::failures(const QList<host::DownloadFailure>& failures) const {
+void Output::failures(const QList<host::DownloadFailure>& failures, const QString& title) const {
     QList<QStringList> rows;
     for (const host::DownloadFailure& failure : failures) {
         const QString text = host::errorText(failure.error);
@@ -202,9 +202,13 @@ void Output::failures(const QList<host::DownloadFailure>& failures) const {
         object[QStringLiteral("path")] = failure.path;
         writeJson(object);
     }
+    notes(title, rows);
+}
+
+void Output::notes(const QString& title, const QList<QStringList>& rows) const {
     if (rows.isEmpty())
         return;
-    writeText(stderr, QStringLiteral("halvane: not downloaded:"));
+    writeText(stderr, QStringLiteral("halvane: ") + title);
     for (const QString& line : aligned(rows))
         writeText(stderr, line);
 }

@@ -48,8 +48,11 @@ public:
     //! \a error with \a text in the place of its own words.
     int error(const orx::Error& error, const QString& text) const;
 
-    //! What of a download failed, and why: an object each, or a table.
-    void failures(const QList<host::DownloadFailure>& failures) const;
+    //! What of a transfer failed, and why: an object each, or a table below \a title.
+    void failures(const QList<host::DownloadFailure>& failures,
+                  const QString& title = QStringLiteral("not downloaded:")) const;
+    //! Rows in columns that line up, for people, on standard error below \a title; nothing without rows.
+    void notes(const QString& title, const QList<QStringList>& rows) const;
     //! Ends a run of which more is said before: \a text, and as an object the error \a name; returns \a
     //! exitCode.
     int failedRun(int exitCode, const QString& name, const QString& text) const;

@@ -48,6 +48,11 @@ void ProgressReport::hide() {
     }
 }
 
+void ProgressReport::setPaused(bool paused) {
+    m_paused = paused;
+    hide();
+}
+
 // Empty while there is nothing to be told.
 QString ProgressReport::line() const {
     if (m_line)
@@ -64,7 +69,7 @@ QString ProgressReport::line() const {
 
 void ProgressReport::show() {
     const QString text = line();
-    if (text.isEmpty())
+    if (text.isEmpty() || m_paused)
         return;
     m_shown = true;
     if (m_terminal)

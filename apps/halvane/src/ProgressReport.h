@@ -27,6 +27,8 @@ public:
     void setLine(std::function<QString()> line) { m_line = std::move(line); }
     //! Takes the line off the terminal; for who writes something else there.
     void hide();
+    //! Hides it until told otherwise, for a question that stands there until it is answered.
+    void setPaused(bool paused);
 
     //! "20.5 MiB in 0:03 (6.8 MiB/s)"; resumed bytes are named. Empty when nothing was transferred.
     QString summary() const;
@@ -41,6 +43,7 @@ private:
     std::function<QString()> m_line;
     bool m_terminal;
     bool m_shown = false;
+    bool m_paused = false;
     QTimer m_timer;
     QElapsedTimer m_elapsed;
 };

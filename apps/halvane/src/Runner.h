@@ -13,6 +13,10 @@ namespace orx {
 class HalvaneResourceMetadata;
 }
 
+namespace halvane::host {
+class TreeUploadJob;
+}
+
 namespace halvane::cli {
 
 class Interruption;
@@ -54,6 +58,12 @@ private:
     orx::Result<std::unique_ptr<host::Resources>> startResources();
     //! An interrupted transfer can go on later; says so. \a summary is what was moved, empty for nothing.
     int transferFailed(const orx::Error& error, const QString& summary);
+    int putFile(const host::UploadRequest& request);
+    int putTree(const PutCommand& command);
+    //! How an upload of more than one file ended.
+    int endUpload(const host::TreeUploadJob& job, const orx::Error& error, const QString& summary);
+    void printTrees(const host::UploadReport& report, const QString& summary) const;
+    void printLeftOut(const host::UploadReport& report) const;
     //! How a download of several files ended.
     int endDownload(const host::DownloadJob& job, const orx::Error& error);
     //! An upload whose version was made can not; says that too.

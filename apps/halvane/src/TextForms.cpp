@@ -97,6 +97,8 @@ QString treeProgressText(const QString& name, const TreeState& state, double rat
         parts.append(
             durationText(std::chrono::seconds(qint64(double(state.bytesTotal - state.bytesDone) / rate))) +
             QStringLiteral(" left"));
+    if (!state.running.isEmpty())
+        parts.append(state.running);
     return parts.join(QStringLiteral("  "));
 }
 

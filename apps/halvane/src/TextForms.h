@@ -37,9 +37,11 @@ struct TreeState {
     qint64 bytesTotal = 0;
     //! Whether the totals will not grow any more.
     bool isWhole = false;
+    //! What is under way, shown as it is; empty when nobody knows.
+    QString running = {};
 };
-//! "2026  312 of 2000 files  45 %  1.2 GiB of 2.7 GiB  85.2 MiB/s  0:18 left"; while the totals grow "2000+
-//! files", and neither share nor remaining time.
+//! "2026  312 of 2000 files  45 %  1.2 GiB of 2.7 GiB  85.2 MiB/s  0:18 left  run1.raw and 7 more"; while the
+//! totals grow "2000+ files", and neither share nor remaining time.
 QString treeProgressText(const QString& name, const TreeState& state, double rate);
 
 } // namespace halvane::cli

@@ -1,12 +1,11 @@
 #include "DownloadJob.h"
 
+#include "ConcernsAll.h"
 #include "FolderDownloadTask.h"
 #include "RemotePath.h"
 #include "ResolveItemTask.h"
 
 #include <DownloadNames.h>
-#include <HalvaneError.h>
-#include <NetworkError.h>
 #include <WorkerStepTask.h>
 
 #include <QDir>
@@ -17,19 +16,9 @@ namespace halvane::host {
 using orx::BaseTask;
 using orx::Error;
 using orx::ErrorCode;
-using orx::ErrorDomain;
-using orx::NetworkErrorCode;
 using orx::Result;
 
 namespace {
-
-// Nothing else would do better.
-bool concernsAll(const Error& error) {
-    return error.is(ErrorCode::NotAuthenticated) ||
-           isHalvaneError(error, orx::HalvaneServerErrorCode::NotAuthenticated) ||
-           error.is(ErrorDomain::Network, int(NetworkErrorCode::ConnectionFailed)) ||
-           error.is(ErrorDomain::Network, int(NetworkErrorCode::TlsFailed));
-}
 
 Error noDirectory(const QString& path) {
     return Error(ErrorCode::FileNotWritable,

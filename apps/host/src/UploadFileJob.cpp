@@ -3,13 +3,16 @@
 #include "ErrorText.h"
 #include "ResolveItemTask.h"
 
+#include <FileTypes.h>
 #include <HalvaneConnectionUtils.h>
 #include <HalvaneError.h>
 #include <HalvaneHistory.h>
 #include <HalvaneUploadTasks.h>
 #include <JournalHold.h>
+#include <MsDataFileUtils.h>
 #include <WorkerStepTask.h>
 #include <tasks/HalvaneFileUploadTask.h>
+#include <tasks/HalvaneSampleDataUploadTask.h>
 
 #include <QFile>
 #include <QFileInfo>
@@ -21,7 +24,7 @@ using orx::Error;
 using orx::ErrorCode;
 using orx::HalvaneApiReference;
 using orx::HalvaneFileUploadParameters;
-using orx::HalvaneFileUploadTask;
+using orx::HalvaneFileUploadTaskBase;
 using orx::HalvaneGetFileMetadataTask;
 using orx::HalvaneGetFilesTask;
 using orx::HalvaneGetFileVersionsTask;
@@ -32,6 +35,7 @@ using orx::HalvaneUploadPolicyOption;
 using orx::HalvaneUploadPolicyOptions;
 using orx::HalvaneUploadTask;
 using orx::JournalHold;
+using orx::Result;
 using orx::WorkerStepTask;
 
 namespace {
@@ -63,11 +67,23 @@ UploadFileJob::UploadFileJob(const UploadRequest& request, QObject* parent)
 
 UploadFileJob::~UploadFileJob() = default;
 
-Error UploadFileJob::checkLocalFile(const QString& path) {
+bool UploadFileJob::isRawData(const UploadRequest& request) {
+    return !request.asFile &&
+           !orx::FileTypes::fileMatchesAnyType(request.localPath, {orx::FileTypes::VONK}) &&
+           orx::MsDataFileUtils::isValidMsData(request.localPath);
+}
+
+Error UploadFileJob::checkLocalFile(const UploadRequest& request) {
+    const QString path = request.localPath;
     const QFileInfo info(path);
-    if (info.isDir())
+    if (info.isDir() && request.asFile)
         return Error(ErrorCode::InvalidArgument,
-                     QStringLiteral("\"%1\" is a directory; put uploads one file at a time.").arg(path));
+                     QStringLiteral("\"%1\" is a directory and cannot go up as a file: leave out --as-file.")
+                         .arg(path));
+    if (info.isDir() && isRawData(request))
+        return {};
+    if (info.isDir())
+        return Error(ErrorCode::InvalidArgument, QStringLiteral("\"%1\" is a directory.").arg(path));
     if (!info.exists())
         return Error(ErrorCode::NotFound,
                      info.isSymLink()
@@ -84,7 +100,8 @@ Error UploadFileJob::checkLocalFile(const QString& path) {
 
 Error UploadFileJob::initialize() {
     ORX_RETURN_ON_ERROR(ResolveItemTask::checkText(m_request.target));
-    ORX_RETURN_ON_ERROR(checkLocalFile(m_request.localPath));
+    ORX_RETURN_ON_ERROR(checkLocalFile(m_request));
+    m_isPacked = isRawData(m_request);
     auto resolve = std::make_unique<ResolveItemTask>(m_request.target, ResolveItemTask::Wanted::Any);
     ResolveItemTask* raw = resolve.get();
     execSubtask(
@@ -124,12 +141,18 @@ void UploadFileJob::onTargetResolved(const RemoteItem& target, bool versionWasGi
 // The upload task looks for the local file's own name; under another name the file is found here.
 void UploadFileJob::findFileByName(const RemoteItem& folder) {
     execSubtask(std::make_unique<HalvaneGetFilesTask>(folder.id), [this, folder](HalvaneGetFilesTask* task) {
-        const int fileId = orx::HalvaneConnectionUtils::findFileIdInFiles(m_request.name, task->files());
+        const int fileId = orx::HalvaneConnectionUtils::findFileIdInFiles(nameOnServer(), task->files());
         if (fileId == -1)
             prepare(folder.id, RemoteItem::ItemType::Folder, folder);
         else
             prepare(fileId, RemoteItem::ItemType::File, folder);
     });
+}
+
+QString UploadFileJob::nameOnServer() const {
+    const QString name =
+        m_request.name.isEmpty() ? QFileInfo(m_request.localPath).fileName() : m_request.name;
+    return m_isPacked ? orx::FileTypes::addMissingExtension(name, orx::FileTypes::VONK) : name;
 }
 
 void UploadFileJob::prepare(int targetId, RemoteItem::ItemType targetType, const RemoteItem& askedFor) {
@@ -183,14 +206,17 @@ void UploadFileJob::setMade(const HalvaneApiReference& file) {
     m_item.type = RemoteItem::ItemType::File;
     m_item.id = file.fileId;
     m_item.version = file.version;
-    m_item.name = m_parameters.targetFileName;
-    m_item.size = QFileInfo(m_request.localPath).size();
+    m_item.name = nameOnServer();
+    m_item.size = m_isPacked ? -1 : QFileInfo(m_request.localPath).size();
 }
 
 void UploadFileJob::upload() {
-    std::unique_ptr<HalvaneFileUploadTask> task = HalvaneFileUploadTask::create(m_parameters);
-    HalvaneFileUploadTask* raw = task.get();
-    raw->setCachedOnFinished(m_request.keepInCache);
+    auto created = makeUpload();
+    if (created.hasError())
+        return finish(created.error());
+    HalvaneFileUploadTaskBase* const raw = created->get();
+    if (!m_request.keepInCache)
+        raw->setCachedOnFinished(false);
     const auto onSuccess = [this, raw](BaseTask*) {
         if (const auto uploaded = raw->uploadedFile())
             return awaitJournal(uploaded->reference());
@@ -200,13 +226,21 @@ void UploadFileJob::upload() {
                          .arg(m_request.localPath)));
     };
     const auto onFailure = [this, raw](BaseTask*) { onUploadFailed(*raw); };
-    execSubtask(std::unique_ptr<BaseTask>(std::move(task)), onSuccess, onFailure);
+    execSubtask(std::unique_ptr<BaseTask>(std::move(*created)), onSuccess, onFailure);
 }
 
-void UploadFileJob::onUploadFailed(const HalvaneFileUploadTask& task) {
+Result<std::unique_ptr<HalvaneFileUploadTaskBase>> UploadFileJob::makeUpload() const {
+    using Made = std::unique_ptr<HalvaneFileUploadTaskBase>;
+    if (!m_isPacked)
+        return Made(orx::HalvaneFileUploadTask::create(m_parameters));
+    return Made(std::make_unique<orx::HalvaneSampleDataUploadTask>(m_parameters, nullptr));
+}
+
+void UploadFileJob::onUploadFailed(const HalvaneFileUploadTaskBase& task) {
     if (const auto uploaded = task.uploadedFile())
         return onMetadataFailed(uploaded->reference(), task.error());
-    if (isHalvaneError(task.error(), HalvaneServerErrorCode::VersionConflict))
+    if (isHalvaneError(task.error(), HalvaneServerErrorCode::VersionConflict) &&
+        task.targetType() == RemoteItem::ItemType::File)
         return explainConflict(task.error(), task.targetId());
     finish(task.error());
 }

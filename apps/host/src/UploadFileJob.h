@@ -6,7 +6,7 @@
 #include <HalvaneFileUploadParameters.h>
 
 namespace orx {
-class HalvaneFileUploadTask;
+class HalvaneFileUploadTaskBase;
 }
 
 namespace halvane::host {
@@ -31,13 +31,16 @@ struct UploadRequest {
     std::optional<QList<orx::HalvaneCompactExtendedMetaDataValue>> metadata;
     //! Begin to copy the file into the cache once the server has it.
     bool keepInCache = true;
+    //! Raw data goes up as the file that it is, and is not packed.
+    bool asFile = false;
 };
 
-//! Uploads one local file. First settles what an interrupted run of the same upload left behind: when the
-//! server had committed it, that file is reported and nothing is sent. An interrupted upload of the unchanged
-//! file goes on where it stopped. Thread: that of the object.
+//! Uploads one local file, or raw data, which is packed first. First settles what an interrupted run of the
+//! same upload left behind: when the server had committed it, that file is reported and nothing is sent. An
+//! interrupted upload of the unchanged file goes on where it stopped. Thread: that of the object.
 //!
-//! Errors: a local file that is missing (ErrorCode::NotFound), a directory (ErrorCode::InvalidArgument) or
+//! Errors: a local file that is missing (ErrorCode::NotFound), a directory that is no raw data
+//! (ErrorCode::InvalidArgument) or
 //! unreadable (ErrorCode::FileNotReadable) is found before any call; then those of ResolveItemTask and of the
 //! upload. A version conflict says which version is here and which on the server.
 class HALVANE_HOST_EXPORT UploadFileJob : public orx::ComplexTask {
@@ -55,8 +58,10 @@ public:
     //! It ended before the metadata of item() were attached: another run finds the version and attaches them.
     bool metadataMissing() const { return m_metadataMissing; }
 
+    //! Whether it is packed before it is sent.
+    static bool isRawData(const UploadRequest& request);
     //! Whether the file can be put at all, without a call.
-    static orx::Error checkLocalFile(const QString& path);
+    static orx::Error checkLocalFile(const UploadRequest& request);
 
 protected:
     orx::Error initialize() override;
@@ -71,14 +76,19 @@ private:
     void onMetadataFailed(const orx::HalvaneApiReference& file, const orx::Error& error);
     void setMade(const orx::HalvaneApiReference& file);
     void upload();
-    void onUploadFailed(const orx::HalvaneFileUploadTask& task);
+    orx::Result<std::unique_ptr<orx::HalvaneFileUploadTaskBase>> makeUpload() const;
+    void onUploadFailed(const orx::HalvaneFileUploadTaskBase& task);
     void explainConflict(const orx::Error& conflict, int fileId);
     void awaitJournal(const orx::HalvaneApiReference& file);
     void describe(const orx::HalvaneApiReference& file);
     void describeVersion(int version);
     void warnOfUnread(const orx::Error& error);
 
+    //! The name that the file is looked for under, and gets.
+    QString nameOnServer() const;
+
     UploadRequest m_request;
+    bool m_isPacked = false;
     orx::HalvaneFileUploadParameters m_parameters;
     RemoteItem m_item;
     bool m_foundCommitted = false;

@@ -178,6 +178,26 @@ Error HalvaneGetFileVersionsTask::parseData(const QJsonObject& json) {
         }));
 }
 
+HalvaneGetVersionTraceTask::HalvaneGetVersionTraceTask(int fileId, int version, QObject* parent)
+    : HalvaneTask(QStringLiteral("GetVersionTrace(ID=%1@%2)").arg(fileId).arg(version), parent)
+    , m_fileId(fileId)
+    , m_version(version) {}
+
+Result<NetworkRequest> HalvaneGetVersionTraceTask::prepareRequest(const QUrl& baseUrl) const {
+    return HalvaneTask::prepareRequest(
+        baseUrl, QStringLiteral("/files/%1/versions/%2/trace").arg(m_fileId).arg(m_version), Method::Get);
+}
+
+Error HalvaneGetVersionTraceTask::parseData(const QJsonObject& json) {
+    ORX_RETURN_ON_ERROR(HalvaneTask::parseData(json));
+    const QJsonValue trace = dataOf(json).value(QStringLiteral("trace"));
+    if (!trace.isObject())
+        return asInvalidReply(
+            Error(ErrorCode::ParseError, QStringLiteral("\"trace\" is missing or no object.")));
+    m_trace = trace.toObject();
+    return Error();
+}
+
 HalvanePutExtendedMetaDataTask::HalvanePutExtendedMetaDataTask(
     int fileId, const QList<HalvaneCompactExtendedMetaDataValue>& values, QObject* parent)
     : HalvaneTask(QStringLiteral("PutExtendedMetaData(ID=%1)").arg(fileId), parent)

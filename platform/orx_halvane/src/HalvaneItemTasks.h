@@ -143,6 +143,24 @@ private:
     QList<HalvaneFileVersion> m_versions;
 };
 
+//! GET /files/ID/versions/VERSION/trace: what came with the finalisation of a version, for packed acquisitions
+//! the manifest; empty when nothing did.
+class ORX_HALVANE_EXPORT HalvaneGetVersionTraceTask : public HalvaneTask {
+    Q_OBJECT
+public:
+    HalvaneGetVersionTraceTask(int fileId, int version, QObject* parent = nullptr);
+    QJsonObject trace() const { return m_trace; }
+
+protected:
+    Result<NetworkRequest> prepareRequest(const QUrl& baseUrl) const override;
+    Error parseData(const QJsonObject& json) override;
+
+private:
+    int m_fileId;
+    int m_version;
+    QJsonObject m_trace;
+};
+
 //! PUT /files/ID/extended-metadata. Its success ends the upload in this process that the metadata belong to:
 //! the journal record is removed.
 class ORX_HALVANE_EXPORT HalvanePutExtendedMetaDataTask : public HalvaneTask {

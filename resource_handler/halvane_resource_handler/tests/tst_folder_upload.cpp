@@ -53,6 +53,27 @@ TEST_F(FolderUpload, ATreeGoesUpWithAllItsLevels) {
                                     QStringLiteral("started sub/deep/c")}));
 }
 
+TEST_F(FolderUpload, TellsOfEachFolderBelowThatFailed) {
+    put(QStringLiteral("good/a"));
+    const QString below = put(QStringLiteral("sub/deep/b"));
+    server.onRequest = [this](const ScriptedRequest& request) {
+        if (request.line() == u"POST /folders" && request.json().value(u"name") == QStringLiteral("deep"))
+            server.script(QStringLiteral("POST /folders"),
+                          ScriptedFault::failure(403, HalvaneServerErrorCode::NoPrivilege,
+                                                 QStringLiteral("not yours")));
+    };
+    const auto task = upload();
+    QStringList failed;
+    QObject::connect(task.get(), &HalvaneFolderUploadTask::folderUploadFailed, task.get(),
+                     [&failed](const HalvaneFolderUploadTask* folder) {
+                         failed.append(folder->path() + QStringLiteral(": ") + folder->error().errorMessage());
+                     });
+    EXPECT_TRUE(run(*task).hasError());
+    EXPECT_EQ(failed, (QStringList{QFileInfo(below).path() + QStringLiteral(": not yours"),
+                                   tree(QStringLiteral("sub")) + QStringLiteral(": not yours")}));
+    EXPECT_EQ(onServer(), QStringList{QStringLiteral("good/a=content")});
+}
+
 TEST_F(FolderUpload, OfSeveralFoldersOfTheNameTheLargestIdIsTaken) {
     server.service().addFolder(QStringLiteral("raw"), 1, 7);
     server.service().addFolder(QStringLiteral("raw"), 1, 12);

@@ -109,6 +109,12 @@ Response content(const Request& request, const Caller& caller, const PathValues&
     return response;
 }
 
+Response trace(const Caller& caller, const PathValues& values, Services& services) {
+    return success(R"({"trace":)" +
+                   services.catalog.trace(caller, pathId(values[0], "file"), requestedVersion(values[1])) +
+                   '}');
+}
+
 Response setExtendedMetadata(const Request& request, const Caller& caller, Id file, Services& services) {
     const JsonInput input(request.body);
     const auto values = input.keyValueList("values");
@@ -149,6 +155,11 @@ void addFileCalls(Router& router, Services& services) {
                    services, [&services](Request& request, const PathValues& values, const Caller& caller) {
                        return setExtendedMetadata(request, caller, pathId(values[0], "file"), services);
                    }));
+    router.add(
+        "GET", "/files/{}/versions/{}/trace", noBody,
+        authenticatedCall(services, [&services](Request&, const PathValues& values, const Caller& caller) {
+            return trace(caller, values, services);
+        }));
     for (const char* method : {"GET", "HEAD"})
         router.add(method, "/files/{}/versions/{}/content", noBody,
                    authenticatedCall(services, [&services](Request& request, const PathValues& values,

@@ -63,6 +63,9 @@ public:
     virtual std::vector<VersionRecord> versions(const Caller& caller, Id id) = 0;
     // The last version when none is given.
     virtual ContentRecord content(const Caller& caller, Id file, std::optional<std::int64_t> version) = 0;
+    // The JSON object that came with the finalisation of that version (the last one when none is given); an
+    // empty one when none came.
+    virtual std::string trace(const Caller& caller, Id file, std::optional<std::int64_t> version) = 0;
     virtual void setExtendedMetadata(const Caller& caller, Id file,
                                      const std::vector<std::pair<std::string, std::string>>& values) = 0;
     virtual std::vector<std::pair<std::string, std::string>> extendedMetadata(const Caller& caller,

@@ -43,6 +43,7 @@ public:
     std::vector<PathStep> filePath(const Caller& caller, Id id) override;
     std::vector<VersionRecord> versions(const Caller& caller, Id id) override;
     ContentRecord content(const Caller& caller, Id file, std::optional<std::int64_t> version) override;
+    std::string trace(const Caller& caller, Id file, std::optional<std::int64_t> version) override;
     void setExtendedMetadata(const Caller& caller, Id file,
                              const std::vector<std::pair<std::string, std::string>>& values) override;
     std::vector<std::pair<std::string, std::string>> extendedMetadata(const Caller& caller, Id file) override;

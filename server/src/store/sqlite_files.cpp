@@ -111,6 +111,23 @@ ContentRecord SqliteCatalog::content(const Caller& caller, Id file, std::optiona
     return result;
 }
 
+std::string SqliteCatalog::trace(const Caller& caller, Id file, std::optional<std::int64_t> version) {
+    std::string result;
+    read([&](SqliteConnection& connection) {
+        (void)requireReadableFile(connection, caller, file);
+        Query query(connection,
+                    "SELECT COALESCE(t.trace, '{}') FROM versions v"
+                    " LEFT JOIN traces t ON t.file_id = v.file_id AND t.version = v.version"
+                    " WHERE v.file_id = ?1"
+                    " AND v.version = COALESCE(?2, (SELECT last_version FROM files WHERE id = ?1))");
+        if (!query.bind(file, version).next())
+            throw ApiError(ErrorCode::NotFound, "The file " + std::to_string(file) + " has no version " +
+                                                    std::to_string(version.value_or(0)) + ".");
+        result = query.text(0);
+    });
+    return result;
+}
+
 void SqliteCatalog::setExtendedMetadata(const Caller& caller, Id file,
                                         const std::vector<std::pair<std::string, std::string>>& values) {
     m_writer.run(Durability::Flushed, [&](SqliteConnection& connection) {

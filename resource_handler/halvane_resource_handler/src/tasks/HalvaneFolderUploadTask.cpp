@@ -129,6 +129,10 @@ int HalvaneFolderUploadTask::maxProgress() const {
     return d->maxProgress;
 }
 
+QString HalvaneFolderUploadTask::path() const {
+    return d->localPath;
+}
+
 void HalvaneFolderUploadTask::setDuplicateUploadPolicy(
     std::shared_ptr<DuplicateUploadPolicyInterface> policy) {
     d->duplicateUploadPolicy = std::move(policy);
@@ -268,6 +272,8 @@ void HalvaneFolderUploadTask::Private::follow(HalvaneFolderUploadTask* nested, U
             &HalvaneFolderUploadTask::fileUploadFailed);
     connect(nested, &HalvaneFolderUploadTask::fileUploadCanceled, q,
             &HalvaneFolderUploadTask::fileUploadCanceled);
+    connect(nested, &HalvaneFolderUploadTask::folderUploadFailed, q,
+            &HalvaneFolderUploadTask::folderUploadFailed);
 }
 
 void HalvaneFolderUploadTask::Private::onUploaded(BaseTask* task) {
@@ -281,6 +287,7 @@ void HalvaneFolderUploadTask::Private::onNotUploaded(BaseTask* task) {
     if (const auto* folder = qobject_cast<HalvaneFolderUploadTask*>(task)) {
         if (const auto uploaded = folder->uploadedFolder())
             uploadedFolder->addFolder(*uploaded);
+        Q_EMIT q->folderUploadFailed(folder);
         return;
     }
     const auto* file = qobject_cast<HalvaneFileUploadTaskBase*>(task);

@@ -44,6 +44,8 @@ public:
     //! Of the whole tree as it was when the task was made.
     int maxProgress() const override;
 
+    //! The local directory.
+    QString path() const;
     //! Who decides about files that the server has already; before the task starts. Nested tasks get it from
     //! their parent. A new DefaultDuplicateUploadPolicy at first.
     void setDuplicateUploadPolicy(std::shared_ptr<DuplicateUploadPolicyInterface> policy);
@@ -70,6 +72,9 @@ Q_SIGNALS:
     //! \a task is valid during the signal.
     void fileUploadFailed(const orx::HalvaneFileUploadTaskBase* task);
     void fileUploadCanceled(const orx::HalvaneFileUploadTaskBase* task);
+    //! A folder below this one ended with an error, be it of its own or of what is in it: what of its entries
+    //! no other signal told of did not go up for that reason. \a task is valid during the signal.
+    void folderUploadFailed(const orx::HalvaneFolderUploadTask* task);
 
 private:
     class Private;

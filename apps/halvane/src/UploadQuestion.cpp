@@ -1,0 +1,128 @@
+#include "UploadQuestion.h"
+
+#include "Output.h"
+#include "ProgressReport.h"
+#include "TextForms.h"
+
+#include <QFileInfo>
+
+#include <cstdio>
+
+#include <errno.h>
+#include <unistd.h>
+
+namespace halvane::cli {
+
+using orx::AskingDuplicateUploadPolicy;
+using orx::DuplicateUploadAnswer;
+using Scope = orx::AskingDuplicateUploadPolicy::Scope;
+
+namespace {
+
+const char* choices = "[n]ew version, [k]eep both, [s]kip, [q]uit (N, K, S: also for all others)? ";
+
+void print(const QString& text) {
+    std::fputs(text.toUtf8().constData(), stderr);
+    std::fflush(stderr);
+}
+
+QString described(const QString& localPath, const host::RemoteItem& existing, const Output& output) {
+    const QFileInfo local(localPath);
+    const QDateTime time =
+        existing.sourceModifiedAt.isValid() ? existing.sourceModifiedAt : existing.modifiedAt;
+    QString text = QStringLiteral("\"%1\": the folder has a file of that name, with another content:\n")
+                       .arg(output.shown(localPath));
+    const auto side = [&text](const char* name, const QString& size, const QDateTime& when,
+                              const QString& what) {
+        text += QStringLiteral("  %1  %2  %3  %4\n")
+                    .arg(QString::fromLatin1(name).leftJustified(9), size.rightJustified(10), timeText(when),
+                         what);
+    };
+    side("here", local.isDir() ? QStringLiteral("a directory") : bytesText(local.size()),
+         local.lastModified(), QString());
+    side("on server", bytesText(existing.size), time, existing.reference());
+    return text;
+}
+
+} // namespace
+
+UploadQuestion::UploadQuestion(host::UploadPolicy& policy, const Output& output, ProgressReport& progress,
+                               std::function<void()> quit)
+    : m_policy(policy), m_output(output), m_progress(progress), m_quit(std::move(quit)) {
+    connect(&m_policy.asking(), &AskingDuplicateUploadPolicy::asked, this,
+            [this](const orx::DuplicateUploadPolicyRequest& request) { ask(request.input().localPath); });
+    connect(&m_policy.asking(), &AskingDuplicateUploadPolicy::withdrawn, this, [this] {
+        if (m_input)
+            print(QStringLiteral("\n"));
+        end();
+    });
+}
+
+UploadQuestion::~UploadQuestion() = default;
+
+bool UploadQuestion::isPossible() {
+    return ::isatty(STDIN_FILENO) && ::isatty(STDERR_FILENO);
+}
+
+void UploadQuestion::ask(const QString& localPath) {
+    m_progress.setPaused(true);
+    print(described(localPath, m_policy.existing(localPath), m_output) + QString::fromLatin1(choices));
+    m_line.clear();
+    m_input = std::make_unique<QSocketNotifier>(STDIN_FILENO, QSocketNotifier::Read);
+    connect(m_input.get(), &QSocketNotifier::activated, this, &UploadQuestion::onReadable);
+}
+
+void UploadQuestion::onReadable() {
+    char byte = 0;
+    const ssize_t count = ::read(STDIN_FILENO, &byte, 1);
+    if (count < 0 && errno == EINTR)
+        return;
+    if (count <= 0) {
+        print(QStringLiteral("\n"));
+        end();
+        return m_quit();
+    }
+    if (byte != '\n') {
+        m_line.append(byte);
+        return;
+    }
+    answer(std::exchange(m_line, {}).trimmed());
+}
+
+void UploadQuestion::answer(const QByteArray& word) {
+    const char letter = word.size() == 1 ? word.front() : '?';
+    const Scope scope = letter >= 'A' && letter <= 'Z' ? Scope::All : Scope::ThisOne;
+    DuplicateUploadAnswer given = DuplicateUploadAnswer::Skip;
+    switch (letter) {
+    case 'n':
+    case 'N':
+        given = DuplicateUploadAnswer::NewVersion;
+        break;
+    case 'k':
+    case 'K':
+        given = DuplicateUploadAnswer::KeepBoth;
+        break;
+    case 's':
+    case 'S':
+        break;
+    case 'q':
+    case 'Q':
+        end();
+        return m_quit();
+    default:
+        return print(QString::fromLatin1(choices));
+    }
+    end();
+    m_policy.asking().answer(given, scope);
+}
+
+// The notifier is perhaps the one that is being served.
+void UploadQuestion::end() {
+    if (m_input) {
+        m_input->setEnabled(false);
+        m_input.release()->deleteLater();
+    }
+    m_progress.setPaused(false);
+}
+
+} // namespace halvane::cli

@@ -1,0 +1,45 @@
+#pragma once
+
+#include <UploadPolicy.h>
+
+#include <QObject>
+#include <QSocketNotifier>
+
+#include <functional>
+#include <memory>
+
+namespace halvane::cli {
+
+class Output;
+class ProgressReport;
+
+//! Puts what a policy asks to the person at the terminal, one question at a time, while the upload goes on. A
+//! question is taken back when the upload was cancelled. All arguments outlive the object. Thread: the main
+//! one.
+class UploadQuestion : public QObject {
+    Q_OBJECT
+public:
+    //! \a quit: what to do when the person wants to end the upload, or the input ends.
+    UploadQuestion(host::UploadPolicy& policy, const Output& output, ProgressReport& progress,
+                   std::function<void()> quit);
+    ~UploadQuestion() override;
+
+    //! Whether there is somebody to ask.
+    static bool isPossible();
+
+private:
+    void ask(const QString& localPath);
+    void onReadable();
+    void answer(const QByteArray& line);
+    void end();
+
+    host::UploadPolicy& m_policy;
+    const Output& m_output;
+    ProgressReport& m_progress;
+    const std::function<void()> m_quit;
+    //! While a question is open.
+    std::unique_ptr<QSocketNotifier> m_input;
+    QByteArray m_line;
+};
+
+} // namespace halvane::cli

@@ -1,0 +1,58 @@
+#pragma once
+
+#include "halvane_host_export.h"
+
+#include <UploadFileInputValidation.h>
+
+#include <QList>
+#include <QString>
+#include <QStringList>
+
+#include <stop_token>
+
+namespace halvane::host {
+
+//! What lies at a local path, as an upload takes it.
+struct HALVANE_HOST_EXPORT LocalEntry {
+    enum class Kind {
+        File,
+        Packed,    //!< a packed acquisition
+        RawData,   //!< a file or directory that is packed before it is sent
+        Directory, //!< becomes a folder; its entries follow it
+        None       //!< is not uploaded
+    };
+    //! Absolute.
+    QString path;
+    Kind kind = Kind::None;
+    //! Of the content; what is below a directory that is raw data, 0 for other directories.
+    qint64 bytes = 0;
+    //! Why it is not taken; of directories, nothing below them is listed then.
+    orx::UploadRefusal refusal = orx::UploadRefusal::None;
+    //! A directory that cannot be listed: a sentence; else empty.
+    QString problem;
+
+    bool isUpload() const {
+        return refusal == orx::UploadRefusal::None && kind != Kind::Directory && kind != Kind::None;
+    }
+    //! The name on the server.
+    QString serverName() const;
+    //! A word for people and scripts.
+    QString kindName() const;
+};
+
+//! One of the paths that were asked for.
+struct HALVANE_HOST_EXPORT LocalTree {
+    //! Absolute.
+    QString source;
+    //! Itself first, every directory before its entries; in the order of names.
+    QList<LocalEntry> entries;
+
+    const LocalEntry& root() const { return entries.first(); }
+
+    //! Looks at \a path and everything below. What was named itself is taken whatever the rules for names
+    //! say, a link as what it points to. Blocks; thread: any. Incomplete when it was asked to stop.
+    static LocalTree scan(const QString& path, const std::stop_token& stop = {});
+    static QList<LocalTree> scan(const QStringList& paths, const std::stop_token& stop = {});
+};
+
+} // namespace halvane::host

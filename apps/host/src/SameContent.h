@@ -1,0 +1,44 @@
+#pragma once
+
+#include <ContentCheck.h>
+
+#include <QJsonObject>
+#include <QList>
+
+#include <memory>
+#include <optional>
+
+namespace halvane::host {
+
+//! Compares what lies at a local path with what a version on the server holds. Blocks on the disk; thread:
+//! one at a time, a worker.
+class SameContent {
+public:
+    //! A file or packed acquisition, with a version as it is.
+    static std::unique_ptr<SameContent> ofFile(const QString& path, qint64 size, const QByteArray& sha256);
+    //! Raw data, with the manifest of the packed version.
+    static std::unique_ptr<SameContent> ofRawData(const QString& path, const QJsonObject& manifest);
+
+    //! Reads nothing: whether names and sizes are the same.
+    bool haveSizes();
+    //! Reads up to \a bytes more; nothing while there is more to read. Calls haveSizes() first.
+    std::optional<bool> isSame(qint64 bytes);
+
+private:
+    struct Part {
+        QString path;
+        qint64 size = 0;
+        QByteArray sha256;
+    };
+    void listRawData();
+
+    QString m_path;
+    //! Of raw data, until it has been listed.
+    std::optional<QJsonObject> m_manifest;
+    bool m_isLikely = true;
+    QList<Part> m_parts;
+    qsizetype m_next = 0;
+    std::unique_ptr<orx::ContentCheck> m_check;
+};
+
+} // namespace halvane::host

@@ -1,0 +1,156 @@
+#include "SameContentTask.h"
+
+#include "SameContent.h"
+
+#include <FileTypes.h>
+#include <FileUtils.h>
+#include <HalvaneConnectionUtils.h>
+#include <HalvaneError.h>
+#include <HalvaneHistory.h>
+#include <HalvaneItemTasks.h>
+#include <WorkerStepTask.h>
+
+#include <QFileInfo>
+
+namespace halvane::host {
+
+using orx::BaseTask;
+using orx::Error;
+using orx::FileTypes;
+using orx::HalvaneConnectionUtils;
+using orx::HalvaneGetFileMetadataTask;
+using orx::HalvaneGetFilesTask;
+using orx::HalvaneGetVersionTraceTask;
+using orx::WorkerStepTask;
+
+namespace {
+
+// One job of a worker reads so much, so that an interruption is heard between two and others get their turn.
+constexpr qint64 readAtATime = 32LL * 1024 * 1024;
+
+QList<int> filesOfFreeNames(const QString& name, const QList<orx::HalvaneFileItemSPtr>& files) {
+    QList<int> found;
+    orx::FileUtils::freeName(name, [&](const QString& candidate) {
+        if (candidate == name)
+            return true;
+        const int id = HalvaneConnectionUtils::findFileIdInFiles(candidate, files);
+        if (id != -1)
+            found.append(id);
+        return id != -1;
+    });
+    return found;
+}
+
+} // namespace
+
+SameContentTask::SameContentTask(const Wanted& wanted)
+    : ComplexTask(QStringLiteral("SameContent(%1)").arg(wanted.localPath)), m_wanted(wanted) {}
+
+SameContentTask::~SameContentTask() = default;
+
+Error SameContentTask::initialize() {
+    ask(m_wanted.existingFileId);
+    return {};
+}
+
+void SameContentTask::ask(int fileId) {
+    execSubtask(
+        std::make_unique<HalvaneGetFileMetadataTask>(fileId),
+        [this](HalvaneGetFileMetadataTask* task) { onKnown(RemoteItem::fromFile(task->fileItem(), {})); });
+}
+
+void SameContentTask::onKnown(const RemoteItem& item) {
+    if (item.id == m_wanted.existingFileId)
+        m_existing = item;
+    if (!m_wanted.isRawData)
+        return begin(item, SameContent::ofFile(m_wanted.localPath, item.size, item.sha256.toLatin1()));
+    auto trace = std::make_unique<HalvaneGetVersionTraceTask>(item.id, item.version);
+    HalvaneGetVersionTraceTask* raw = trace.get();
+    execSubtask(
+        std::unique_ptr<BaseTask>(std::move(trace)),
+        [this, item, raw](BaseTask*) { onTrace(item, raw->trace()); },
+        [this](BaseTask* task) {
+            // An older server does not tell.
+            if (isHalvaneError(task->error(), orx::HalvaneServerErrorCode::NotFound))
+                onAnother();
+            else
+                finish(task->error());
+        });
+}
+
+void SameContentTask::onTrace(const RemoteItem& item, const QJsonObject& trace) {
+    if (trace.isEmpty())
+        return onAnother();
+    begin(item, SameContent::ofRawData(m_wanted.localPath, trace));
+}
+
+void SameContentTask::begin(const RemoteItem& item, std::shared_ptr<SameContent> content) {
+    const auto isLikely = std::make_shared<bool>(false);
+    execSubtask(std::make_unique<WorkerStepTask>(QStringLiteral("CompareSizes"),
+                                                 [content, isLikely]() -> Error {
+                                                     *isLikely = content->haveSizes();
+                                                     return {};
+                                                 }),
+                [this, item, content, isLikely](WorkerStepTask*) {
+                    if (!*isLikely)
+                        onAnother();
+                    else if (m_wanted.sizesSuffice)
+                        m_same = item;
+                    else
+                        compareMore(item, content);
+                });
+}
+
+void SameContentTask::compareMore(const RemoteItem& item, const std::shared_ptr<SameContent>& content) {
+    const auto isSame = std::make_shared<std::optional<bool>>();
+    execSubtask(std::make_unique<WorkerStepTask>(QStringLiteral("CompareContent"),
+                                                 [content, isSame]() -> Error {
+                                                     *isSame = content->isSame(readAtATime);
+                                                     return {};
+                                                 }),
+                [this, item, content, isSame](WorkerStepTask*) {
+                    if (!*isSame)
+                        compareMore(item, content);
+                    else if (**isSame)
+                        onSame(item);
+                    else
+                        onAnother();
+                });
+}
+
+void SameContentTask::onAnother() {
+    if (m_wanted.alsoFreeNames && !std::exchange(m_hasListed, true)) {
+        execSubtask(
+            std::make_unique<HalvaneGetFilesTask>(m_wanted.folderId), [this](HalvaneGetFilesTask* task) {
+                const QString local = QFileInfo(m_wanted.localPath).fileName();
+                const QString name =
+                    m_wanted.isRawData ? FileTypes::addMissingExtension(local, FileTypes::VONK) : local;
+                const QList<int> others = filesOfFreeNames(name, task->files());
+                m_candidates.assign(others.begin(), others.end());
+                onAnother();
+            });
+        return;
+    }
+    if (m_candidates.empty())
+        return;
+    const int next = m_candidates.front();
+    m_candidates.pop_front();
+    ask(next);
+}
+
+// A later put compares with it; only when an earlier run was killed it is not there yet.
+void SameContentTask::onSame(const RemoteItem& item) {
+    m_same = item;
+    if (m_wanted.isRawData || !m_wanted.recordsVersion)
+        return;
+    execSubtask(std::make_unique<WorkerStepTask>(
+        QStringLiteral("RecordVersion"), [path = m_wanted.localPath, id = item.id, version = item.version] {
+            const auto known = orx::HalvaneHistory().fileVersion(path, id);
+            ORX_RETURN_ON_ERROR(known.error());
+            if (known->value_or(0) >= version)
+                return Error();
+            return orx::HalvaneHistory().raiseFileVersion(path, id, version);
+        }));
+}
+
+} // namespace halvane::host

@@ -1,0 +1,64 @@
+#pragma once
+
+#include "RemoteItem.h"
+
+#include <ComplexTask.h>
+
+#include <deque>
+#include <memory>
+#include <optional>
+
+namespace halvane::host {
+
+class SameContent;
+
+//! Tells whether the server has the content of a local file, packed acquisition or raw data already: under
+//! the name that is taken, and perhaps under the free names that were made of it ("run (2).raw"). Compared
+//! are size and SHA-256 with the last version; for raw data the paths, sizes and SHA-256 of everything in it
+//! with what its packed version says of itself. Times do not count. Sends nothing but questions. Thread: that
+//! of the object.
+class HALVANE_HOST_EXPORT SameContentTask : public orx::ComplexTask {
+    Q_OBJECT
+public:
+    struct Wanted {
+        QString localPath;
+        bool isRawData = false;
+        int folderId = -1;
+        //! The file that has the name.
+        int existingFileId = -1;
+        bool alsoFreeNames = false;
+        //! Sizes are compared, and nothing is read.
+        bool sizesSuffice = false;
+        //! Record that this machine has the version at the path.
+        bool recordsVersion = true;
+    };
+
+    explicit SameContentTask(const Wanted& wanted);
+    ~SameContentTask() override;
+
+    const Wanted& wanted() const { return m_wanted; }
+    //! What has the content; nothing when nothing has.
+    const std::optional<RemoteItem>& same() const { return m_same; }
+    //! The file that has the name.
+    const RemoteItem& existing() const { return m_existing; }
+
+protected:
+    orx::Error initialize() override;
+
+private:
+    void ask(int fileId);
+    void onKnown(const RemoteItem& item);
+    void onTrace(const RemoteItem& item, const QJsonObject& trace);
+    void begin(const RemoteItem& item, std::shared_ptr<SameContent> content);
+    void compareMore(const RemoteItem& item, const std::shared_ptr<SameContent>& content);
+    void onAnother();
+    void onSame(const RemoteItem& item);
+
+    Wanted m_wanted;
+    RemoteItem m_existing;
+    std::optional<RemoteItem> m_same;
+    bool m_hasListed = false;
+    std::deque<int> m_candidates;
+};
+
+} // namespace halvane::host

@@ -1,0 +1,257 @@
+#include "TreeUploadJob.h"
+
+#include "ConcernsAll.h"
+#include "NamedFileUploadTask.h"
+
+#include <HalvaneAcknowledgedContents.h>
+#include <HalvaneConnection.h>
+#include <tasks/HalvaneFolderUploadTask.h>
+
+#include <QFileInfo>
+
+namespace halvane::host {
+
+using orx::BaseTask;
+using orx::Error;
+using orx::GroupTask;
+using orx::HalvaneFileUploadTaskBase;
+using orx::HalvaneFolderUploadTask;
+using orx::HalvaneUploadPolicyOption;
+using orx::HalvaneUploadTask;
+using Outcome = UploadedFile::Outcome;
+
+namespace {
+
+UploadPolicy::Options policyOf(const TreeUploadRequest& request, bool canAsk, const QSet<QString>& suspects) {
+    UploadPolicy::Options options;
+    options.ifTaken = request.ifTaken;
+    options.canAsk = canAsk;
+    options.keepGoing = request.keepGoing;
+    options.onlyMissing = request.onlyMissing;
+    options.suspects = suspects;
+    return options;
+}
+
+// The packed file of raw data lives as long as its task.
+RemoteItem itemOf(const orx::HalvaneUploadedFileInfo& uploaded) {
+    RemoteItem item;
+    item.type = RemoteItem::ItemType::File;
+    item.id = uploaded.reference().fileId;
+    item.version = uploaded.reference().version;
+    item.name = uploaded.targetFileName();
+    item.size = QFileInfo(uploaded.localPath()).size();
+    item.sha256 = QString::fromLatin1(orx::HalvaneAcknowledgedContents::find(
+        orx::HalvaneConnection::instance().serverKey(), item.id, item.version));
+    return item;
+}
+
+} // namespace
+
+TreeUploadJob::TreeUploadJob(const TreeUploadRequest& request, bool canAsk, const QSet<QString>& suspects)
+    : ComplexTask(QStringLiteral("PutTree(%1)").arg(request.target))
+    , m_request(request)
+    , m_policy(std::make_shared<UploadPolicy>(policyOf(request, canAsk, suspects))) {
+    connect(m_policy.get(), &UploadPolicy::unchanged, this,
+            [this](const QString& path, const RemoteItem& item) {
+                onDone({item, path, Outcome::Unchanged});
+            });
+    connect(m_policy.get(), &UploadPolicy::skipped, this,
+            [this](const QString& path, const RemoteItem& item) {
+                onDone({item, path, Outcome::Skipped});
+            });
+    connect(m_policy.get(), &UploadPolicy::failed, this, &TreeUploadJob::fail);
+}
+
+TreeUploadJob::~TreeUploadJob() = default;
+
+bool TreeUploadJob::isSource(const QString& path) const {
+    return std::any_of(m_trees.begin(), m_trees.end(),
+                       [&path](const LocalTree& tree) { return tree.source == path; });
+}
+
+orx::HalvaneUploadPolicyOptions TreeUploadJob::policyOptions() const {
+    orx::HalvaneUploadPolicyOptions options = HalvaneUploadTask::DEFAULT_UPLOAD_POLICY_OPTIONS;
+    if (m_request.checkVersion)
+        options.setFlag(HalvaneUploadPolicyOption::ReplaceWithoutVersionCheck, false);
+    options.setFlag(HalvaneUploadPolicyOption::KeepGoing, m_request.keepGoing);
+    return options;
+}
+
+Error TreeUploadJob::initialize() {
+    execSubtask(std::make_unique<PrepareUploadTask>(m_request),
+                [this](PrepareUploadTask* task) { begin(*task); });
+    return {};
+}
+
+Error TreeUploadJob::doFinish() {
+    return m_givenUp.hasError() && !isCanceled() ? m_givenUp : ComplexTask::doFinish();
+}
+
+void TreeUploadJob::doCancel() {
+    m_policy->cancel();
+    ComplexTask::doCancel();
+}
+
+// ---- what runs
+
+void TreeUploadJob::begin(const PrepareUploadTask& prepared) {
+    m_target = prepared.target();
+    m_trees = prepared.trees();
+    for (const LocalTree& tree : std::as_const(m_trees)) {
+        for (const LocalEntry& entry : tree.entries) {
+            if (!entry.isUpload())
+                continue;
+            m_sizes.insert(entry.path, entry.bytes);
+            m_totalBytes += entry.bytes;
+        }
+    }
+    m_hasBegun = true;
+    for (const UploadFailure& refused : prepared.refused())
+        fail(refused.path, refused.error);
+    if (!prepared.refused().isEmpty() && !m_request.keepGoing)
+        return finish(prepared.refused().first().error);
+    if (m_request.keepGoing)
+        groupTask()->setChildFailurePolicy(GroupTask::ChildFailurePolicy::RunAll);
+    for (const LocalTree& tree : std::as_const(m_trees)) {
+        if (!prepared.isRefused(tree.source))
+            addTree(tree);
+    }
+    execSubtasks();
+}
+
+void TreeUploadJob::addTree(const LocalTree& tree) {
+    if (tree.root().kind == LocalEntry::Kind::Directory)
+        addFolder(tree);
+    else
+        addFile(tree.root());
+}
+
+void TreeUploadJob::addFolder(const LocalTree& tree) {
+    auto created = HalvaneUploadTask::create(tree.source, m_target.id, RemoteItem::ItemType::Folder,
+                                             QString(), std::nullopt, {}, policyOptions(), std::nullopt);
+    auto* const folder =
+        created.hasError() ? nullptr : qobject_cast<HalvaneFolderUploadTask*>(created->get());
+    if (!folder) {
+        fail(tree.source,
+             created.hasError()
+                 ? created.error()
+                 : Error(orx::ErrorCode::FileChanged,
+                         QStringLiteral("\"%1\" is no plain directory any more.").arg(tree.source)));
+        return;
+    }
+    folder->setDuplicateUploadPolicy(m_policy);
+    connect(folder, &HalvaneFolderUploadTask::uploadStarted, this, &TreeUploadJob::follow);
+    connect(folder, &HalvaneFolderUploadTask::folderUploadFailed, this,
+            [this](const HalvaneFolderUploadTask* failed) {
+                m_account.setFolderFailed(failed->path(), failed->error());
+                giveUpAfter(failed->error());
+            });
+    const auto ended = [this, source = tree.source, folder](BaseTask*) { onFolderEnded(source, *folder); };
+    appendSubtask(std::unique_ptr<BaseTask>(std::move(*created)), ended, ended);
+}
+
+void TreeUploadJob::addFile(const LocalEntry& entry) {
+    auto task =
+        std::make_unique<NamedFileUploadTask>(entry, m_target, m_policy, policyOptions(), m_request.asFile);
+    connect(task.get(), &NamedFileUploadTask::uploadStarted, this, &TreeUploadJob::follow);
+    appendSubtask(std::unique_ptr<BaseTask>(std::move(task)), {}, [this, path = entry.path](BaseTask* ended) {
+        // An upload that failed has told so; what failed before it has not.
+        if (ended->error().isCanceled())
+            m_account.setCanceled(path);
+        else if (!m_account.isKnown(path))
+            fail(path, ended->error());
+    });
+}
+
+void TreeUploadJob::onFolderEnded(const QString& source, const HalvaneFolderUploadTask& task) {
+    if (const auto uploaded = task.uploadedFolder()) {
+        RemoteItem folder;
+        folder.id = uploaded->folderId();
+        folder.name = QFileInfo(source).fileName();
+        m_account.setFolder(source, folder);
+    }
+    if (!task.hasError())
+        return;
+    m_account.setFolderFailed(source, task.error());
+    giveUpAfter(task.error());
+}
+
+// All uploads of a folder are announced before any of them runs.
+void TreeUploadJob::follow(HalvaneFileUploadTaskBase* task) {
+    const QString path = task->path();
+    // Raw data is cached by the upload of its packed file.
+    if (!m_request.keepInCache)
+        task->setCachedOnFinished(false);
+    connect(task, &BaseTask::started, this, [this, path] { m_running.insert(path, 0); });
+    connect(task, &BaseTask::progress, this, [this, path](int value, int maximum) {
+        if (const auto running = m_running.find(path); running != m_running.end() && maximum > 0)
+            *running = qint64(double(m_sizes.value(path)) * value / maximum);
+    });
+    connect(task, &BaseTask::finished, this, [this, path, task] { onUploadEnded(path, *task); });
+}
+
+void TreeUploadJob::onUploadEnded(const QString& path, const HalvaneFileUploadTaskBase& task) {
+    m_running.remove(path);
+    if (task.isCanceled())
+        return m_account.setCanceled(path);
+    if (task.hasError())
+        return fail(path, task.error());
+    if (const auto uploaded = task.uploadedFile())
+        onDone({itemOf(*uploaded), path, Outcome::Uploaded});
+}
+
+void TreeUploadJob::onDone(const UploadedFile& file) {
+    m_account.setDone(file.path, file.outcome);
+    m_doneBytes += m_sizes.value(file.path);
+    Q_EMIT fileDone(file, isSource(file.path));
+}
+
+void TreeUploadJob::fail(const QString& path, const Error& error) {
+    m_account.setFailed(path, error);
+    giveUpAfter(error);
+}
+
+void TreeUploadJob::giveUpAfter(const Error& error) {
+    if (!concernsAll(error) || m_givenUp.hasError())
+        return;
+    m_givenUp = error;
+    // Not at once: a task of the group is being told of.
+    QMetaObject::invokeMethod(
+        this,
+        [this] {
+            m_policy->cancel();
+            groupTask()->cancel();
+        },
+        Qt::QueuedConnection);
+}
+
+// ---- how it stands
+
+UploadState TreeUploadJob::state() const {
+    UploadState state;
+    state.filesDone = m_account.doneCount();
+    state.filesTotal = int(m_sizes.size());
+    state.bytesDone = m_doneBytes;
+    for (auto running = m_running.begin(); running != m_running.end(); ++running) {
+        state.bytesDone += running.value();
+        state.running.append(running.key());
+    }
+    state.bytesTotal = m_totalBytes;
+    state.areTotalsKnown = m_hasBegun;
+    return state;
+}
+
+UploadReport TreeUploadJob::report(const QList<LocalTree>& trees) const {
+    UploadAccount account = m_account;
+    // Who was asked about a file that did not go up has left it out.
+    for (const LocalTree& tree : trees) {
+        for (const LocalEntry& entry : tree.entries) {
+            if (m_policy->wasAsked(entry.path) && !account.isKnown(entry.path) && !isCanceled())
+                account.setDone(entry.path, Outcome::Skipped);
+        }
+    }
+    const bool wasStopped = isCanceled() || m_givenUp.hasError() || (hasError() && !m_request.keepGoing);
+    return account.report(trees, wasStopped);
+}
+
+} // namespace halvane::host

@@ -1,0 +1,81 @@
+#pragma once
+
+#include "PrepareUploadTask.h"
+#include "UploadAccount.h"
+#include "UploadPolicy.h"
+
+#include <ComplexTask.h>
+#include <HalvaneUploadPolicyOption.h>
+
+#include <QHash>
+
+#include <memory>
+
+namespace orx {
+class HalvaneFileUploadTaskBase;
+class HalvaneFolderUploadTask;
+} // namespace orx
+
+namespace halvane::host {
+
+//! Uploads files, packed acquisitions, raw data and directories into one folder, side by side. What came of
+//! each path is in report(). Ends early when nothing else could succeed: nobody is logged in, nobody answers.
+//! Thread: that of the object.
+class HALVANE_HOST_EXPORT TreeUploadJob : public orx::ComplexTask {
+    Q_OBJECT
+public:
+    //! \a canAsk: somebody answers what policy().asking() asks. \a suspects: see UploadPolicy::Options.
+    TreeUploadJob(const TreeUploadRequest& request, bool canAsk, const QSet<QString>& suspects);
+    ~TreeUploadJob() override;
+
+    //! Null before prepared().
+    UploadPolicy& policy() { return *m_policy; }
+    UploadState state() const;
+    //! Whether anything was tried; else the error of the job is all there is.
+    bool hasBegun() const { return m_hasBegun; }
+    const RemoteItem& target() const { return m_target; }
+    const QList<LocalTree>& trees() const { return m_trees; }
+    const UploadAccount& account() const { return m_account; }
+    //! After the end; \a trees: what is there by now.
+    UploadReport report(const QList<LocalTree>& trees) const;
+
+Q_SIGNALS:
+    //! A file did not fail; \a isSource: it was asked for itself, not found in a directory.
+    void fileDone(const halvane::host::UploadedFile& file, bool isSource);
+
+protected:
+    orx::Error initialize() override;
+    orx::Error doFinish() override;
+    void doCancel() override;
+
+private:
+    void begin(const PrepareUploadTask& prepared);
+    void addTree(const LocalTree& tree);
+    void addFolder(const LocalTree& tree);
+    void addFile(const LocalEntry& entry);
+    void onFolderEnded(const QString& source, const orx::HalvaneFolderUploadTask& task);
+    void follow(orx::HalvaneFileUploadTaskBase* task);
+    void onUploadEnded(const QString& path, const orx::HalvaneFileUploadTaskBase& task);
+    void onDone(const UploadedFile& file);
+    void fail(const QString& path, const orx::Error& error);
+    //! Ends what runs and what waits when \a error would be that of all.
+    void giveUpAfter(const orx::Error& error);
+    orx::HalvaneUploadPolicyOptions policyOptions() const;
+    bool isSource(const QString& path) const;
+
+    const TreeUploadRequest m_request;
+    const std::shared_ptr<UploadPolicy> m_policy;
+    RemoteItem m_target;
+    QList<LocalTree> m_trees;
+    UploadAccount m_account;
+    orx::Error m_givenUp;
+    bool m_hasBegun = false;
+    //! Of the files that are to go up.
+    QHash<QString, qint64> m_sizes;
+    qint64 m_totalBytes = 0;
+    qint64 m_doneBytes = 0;
+    //! Bytes done of those that run.
+    QHash<QString, qint64> m_running;
+};
+
+} // namespace halvane::host

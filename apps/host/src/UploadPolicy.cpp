@@ -1,0 +1,108 @@
+#include "UploadPolicy.h"
+
+#include <QPointer>
+
+namespace halvane::host {
+
+using orx::BaseTask;
+using orx::DuplicateUploadAnswer;
+using orx::DuplicateUploadPolicyRequestPtr;
+using orx::Error;
+using orx::ErrorCode;
+
+namespace {
+
+// They read whole files, and a disk gives no more for being asked by many.
+constexpr int comparisonsAtATime = 3;
+
+} // namespace
+
+UploadPolicy::UploadPolicy(const Options& options)
+    : m_options(options)
+    , m_asking(std::make_shared<orx::AskingDuplicateUploadPolicy>())
+    , m_comparisons(comparisonsAtATime) {}
+
+UploadPolicy::~UploadPolicy() = default;
+
+void UploadPolicy::decide(const DuplicateUploadPolicyRequestPtr& request) {
+    if (m_isCanceled)
+        return request->answer(DuplicateUploadAnswer::Cancel);
+    const auto& input = request->input();
+    SameContentTask::Wanted wanted;
+    wanted.localPath = input.localPath;
+    wanted.isRawData = input.isValidMsData;
+    wanted.folderId = input.folderId;
+    wanted.existingFileId = input.existingFileId;
+    wanted.alsoFreeNames = m_options.ifTaken == IfTaken::KeepBoth;
+    wanted.sizesSuffice = m_options.onlyMissing && !m_options.suspects.contains(input.localPath);
+    auto task = std::make_unique<SameContentTask>(wanted);
+    request->setOnWithdrawn([task = QPointer<SameContentTask>(task.get())] {
+        if (task)
+            task->cancel();
+    });
+    m_comparisons.add(std::move(task), [this, request](BaseTask* ended) {
+        onCompared(request, *static_cast<SameContentTask*>(ended));
+    });
+}
+
+void UploadPolicy::cancel() {
+    m_isCanceled = true;
+    m_comparisons.cancel();
+    m_asking->cancel();
+}
+
+void UploadPolicy::onCompared(const DuplicateUploadPolicyRequestPtr& request, const SameContentTask& task) {
+    if (!request->isOpen())
+        return;
+    if (m_isCanceled)
+        return request->answer(DuplicateUploadAnswer::Cancel);
+    if (task.hasError())
+        return fail(request, task.error());
+    if (!task.same())
+        return decideByOption(request, task.existing());
+    Q_EMIT unchanged(request->input().localPath, *task.same());
+    request->answer(DuplicateUploadAnswer::Skip);
+}
+
+void UploadPolicy::decideByOption(const DuplicateUploadPolicyRequestPtr& request,
+                                  const RemoteItem& existing) {
+    const QString path = request->input().localPath;
+    switch (m_options.ifTaken) {
+    case IfTaken::NewVersion:
+        return request->answer(DuplicateUploadAnswer::NewVersion);
+    case IfTaken::KeepBoth:
+        return request->answer(DuplicateUploadAnswer::KeepBoth);
+    case IfTaken::Skip:
+        Q_EMIT skipped(path, existing);
+        return request->answer(DuplicateUploadAnswer::Skip);
+    case IfTaken::Ask:
+        if (m_options.canAsk) {
+            m_asked.insert(path, existing);
+            return m_asking->decide(request);
+        }
+        break;
+    case IfTaken::Fail:
+        break;
+    }
+    fail(request, refusal(path, existing));
+}
+
+// One answer of failure ends the comparison of the whole folder.
+void UploadPolicy::fail(const DuplicateUploadPolicyRequestPtr& request, const Error& error) {
+    Q_EMIT failed(request->input().localPath, error);
+    request->answer(m_options.keepGoing ? DuplicateUploadAnswer::Skip : DuplicateUploadAnswer::Fail);
+}
+
+Error UploadPolicy::refusal(const QString& localPath, const RemoteItem& existing) const {
+    const QString options =
+        QStringLiteral("--if-exists new-version, --if-exists keep-both or --if-exists skip");
+    const QString reason = m_options.ifTaken == IfTaken::Ask
+                               ? QStringLiteral("There is no terminal to ask what to do: say it with %1.")
+                               : QStringLiteral("Say what is to happen with %1.");
+    return Error(
+        ErrorCode::AlreadyExists,
+        QStringLiteral("\"%1\" was not sent: the folder has %2 of that name with another content. %3")
+            .arg(localPath, existing.reference(), reason.arg(options)));
+}
+
+} // namespace halvane::host
