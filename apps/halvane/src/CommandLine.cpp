@@ -188,7 +188,7 @@ private:
             addCommand("put", "Upload files and directories; an interrupted upload goes on where it stopped",
                        "  halvane put run1.mzML --to /raw/2026\n"
                        "  halvane put 2026 --to /raw --keep-going    (the directory becomes /raw/2026)\n"
-                       "  halvane put *.raw --to /raw/2026 --if-exists keep-both\n"
+                       "  halvane put *.raw --to /raw/2026 --if-exists keep-both --dry-run\n"
                        "  halvane put run1.mzML --to /raw/2026 --as first.mzML --metadata operator=anna\n"
                        "  halvane put run1.mzML --to /raw/2026 --new-version --check-version\n"
                        "  halvane put run1.mzML --to file:12        (a new version of that very file)\n");
@@ -217,6 +217,9 @@ private:
             ->check(CLI::IsMember({"ask", "new-version", "keep-both", "skip", "fail"}))
             ->type_name("WHAT");
         put->add_flag("--keep-going", m_raw.keepGoing, "Do not stop at the first failure");
+        put->add_flag("--retry", m_raw.onlyMissing,
+                      "Send only what failed or is missing; what is there in its size is not read again");
+        put->add_flag("--dry-run", m_raw.dryRun, "Tell what would be sent, and send nothing");
     }
 
     void addGet() {
@@ -447,8 +450,10 @@ private:
             m_raw.files.size() > 1 || !m_raw.ifTaken.empty() || m_raw.onlyMissing || m_raw.dryRun;
         for (const char* option : {"--as", "--alias", "--metadata"}) {
             if (command.isTree && put.count(option) > 0)
-                throw UsageError{QStringLiteral("%1 is for a single file that is put without --if-exists.")
-                                     .arg(QLatin1String(option))};
+                throw UsageError{
+                    QStringLiteral("%1 is for a single file that is put without --if-exists, --retry "
+                                   "and --dry-run.")
+                        .arg(QLatin1String(option))};
         }
         UploadRequest& request = command.single;
         request.localPath = command.tree.paths.first();

@@ -6,6 +6,7 @@
 #include <ResolveItemTask.h>
 #include <Resources.h>
 #include <Session.h>
+#include <UploadPolicy.h>
 
 #include <QVersionNumber>
 
@@ -60,6 +61,7 @@ private:
     int transferFailed(const orx::Error& error, const QString& summary);
     int putFile(const host::UploadRequest& request);
     int putTree(const PutCommand& command);
+    int printPlan(const host::TreeUploadRequest& request, const host::UploadPolicy::Options& options);
     //! How an upload of more than one file ended.
     int endUpload(const host::TreeUploadJob& job, const orx::Error& error, const QString& summary);
     void printTrees(const host::UploadReport& report, const QString& summary) const;

@@ -9,7 +9,8 @@
 #include <ExitCodes.h>
 #include <ResourceManager.h>
 #include <TreeUploadJob.h>
-#include <WorkerStepTask.h>
+#include <UnfinishedUploads.h>
+#include <UploadPlanTask.h>
 
 #include <QFileInfo>
 
@@ -17,17 +18,22 @@ namespace halvane::cli {
 
 using host::ExitCode;
 using host::LocalTree;
+using host::PlannedUpload;
 using host::TreeUploadJob;
+using host::UnfinishedUploads;
 using host::UploadedFile;
 using host::UploadedTree;
 using host::UploadFileJob;
+using host::UploadPlanTask;
+using host::UploadPolicy;
 using host::UploadReport;
 using orx::Error;
 
 namespace {
 
-const QString goOnText =
-    QStringLiteral("When the reasons are gone, run the same command again: only what is missing is sent.");
+const QString goOnText = QStringLiteral(
+    "When the reasons are gone, run the same command again: only what is missing is sent. With "
+    "--retry nothing is read again that is there.");
 
 QString withSummary(const QString& text, const QString& summary) {
     return summary.isEmpty() ? text : text + QStringLiteral(", ") + summary;
@@ -92,6 +98,29 @@ TreeState treeOf(const TreeUploadJob& job, const Output& output) {
     if (state.running.size() > 1)
         tree.running += QStringLiteral(" and %1 more").arg(state.running.size() - 1);
     return tree;
+}
+
+QJsonObject jsonOf(const PlannedUpload& planned) {
+    const bool isThere = planned.existing.id != -1;
+    return {{QStringLiteral("type"), QStringLiteral("planned")},
+            {QStringLiteral("source"), planned.source},
+            {QStringLiteral("path"), planned.entry.path},
+            {QStringLiteral("as"), planned.entry.kindName()},
+            {QStringLiteral("size"), planned.entry.bytes},
+            {QStringLiteral("action"), planned.actionName()},
+            {QStringLiteral("name"), planned.name},
+            {QStringLiteral("existing"), isThere ? QJsonValue(planned.existing.reference()) : QJsonValue()}};
+}
+
+// "new version  raw data  1.2 GiB  2026/run1.raw  run1.raw.vonk (file:12@3)"
+QStringList rowOf(const PlannedUpload& planned, const Output& output) {
+    QString name = output.shown(planned.name);
+    if (planned.existing.id != -1)
+        name += QStringLiteral(" (%1)").arg(planned.existing.reference());
+    const bool isFolder = planned.entry.kind == host::LocalEntry::Kind::Directory;
+    return {planned.actionName().replace(u'_', u' '), planned.entry.kindName(),
+            isFolder ? QStringLiteral("-") : bytesText(planned.entry.bytes), output.shown(planned.entry.path),
+            name};
 }
 
 bool isPlainDirectory(const host::UploadRequest& request) {
@@ -174,7 +203,14 @@ int Runner::putTree(const PutCommand& command) {
                              ? m_output.shown(QFileInfo(command.tree.paths.first()).fileName())
                              : QStringLiteral("%1 paths").arg(command.tree.paths.size());
     ProgressReport progress(name, m_global.quiet);
-    TreeUploadJob job(command.tree, UploadQuestion::isPossible(), {});
+    const UnfinishedUploads unfinished(command.tree);
+    const auto options =
+        UploadPolicy::optionsOf(command.tree, UploadQuestion::isPossible(), unfinished.lastPaths());
+    if (command.dryRun)
+        return printPlan(command.tree, options);
+    if (const Error begun = unfinished.begin(); begun.hasError())
+        return m_output.error(begun);
+    TreeUploadJob job(command.tree, options);
     UploadQuestion question(job.policy(), m_output, progress, [&job] { job.cancel(); });
     progress.setTree([&job, this] { return treeOf(job, m_output); });
     QObject::connect(&job, &TreeUploadJob::fileDone, [&](const UploadedFile& file, bool isSource) {
@@ -185,12 +221,40 @@ int Runner::putTree(const PutCommand& command) {
     });
     const Error error = run(job);
     progress.hide();
+    if (const Error kept = unfinished.end(job.account().unfinishedPaths()); kept.hasError())
+        m_output.warnings({kept.errorMessage()});
     if (!job.hasBegun())
         return transferFailed(error, {});
     const int exitCode = endUpload(job, error, progress.summary());
     if (command.tree.keepInCache)
         waitForCache((*resources)->cache());
     return exitCode;
+}
+
+int Runner::printPlan(const host::TreeUploadRequest& request, const UploadPolicy::Options& options) {
+    UploadPlanTask plan(request, options);
+    if (const Error error = run(plan); error.hasError())
+        return m_output.error(error);
+    QList<QStringList> rows;
+    int files = 0;
+    qint64 bytes = 0;
+    for (const PlannedUpload& planned : plan.planned()) {
+        files += planned.isSent() ? 1 : 0;
+        bytes += planned.isSent() ? planned.entry.bytes : 0;
+        if (m_output.isJson())
+            m_output.result(jsonOf(planned), {});
+        else
+            rows.append(rowOf(planned, m_output));
+    }
+    m_output.table(rows);
+    m_output.result({{QStringLiteral("type"), QStringLiteral("plan")},
+                     {QStringLiteral("files"), files},
+                     {QStringLiteral("bytes"), bytes}},
+                    QStringLiteral("%1 files, %2 would be sent; nothing was")
+                        .arg(QString::number(files), bytesText(bytes)));
+    printLeftOut(plan.report());
+    m_output.failures(plan.report().failures, QStringLiteral("would fail:"));
+    return int(ExitCode::Success);
 }
 
 void Runner::printTrees(const UploadReport& report, const QString& summary) const {

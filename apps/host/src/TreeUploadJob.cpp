@@ -22,16 +22,6 @@ using Outcome = UploadedFile::Outcome;
 
 namespace {
 
-UploadPolicy::Options policyOf(const TreeUploadRequest& request, bool canAsk, const QSet<QString>& suspects) {
-    UploadPolicy::Options options;
-    options.ifTaken = request.ifTaken;
-    options.canAsk = canAsk;
-    options.keepGoing = request.keepGoing;
-    options.onlyMissing = request.onlyMissing;
-    options.suspects = suspects;
-    return options;
-}
-
 // The packed file of raw data lives as long as its task.
 RemoteItem itemOf(const orx::HalvaneUploadedFileInfo& uploaded) {
     RemoteItem item;
@@ -47,10 +37,10 @@ RemoteItem itemOf(const orx::HalvaneUploadedFileInfo& uploaded) {
 
 } // namespace
 
-TreeUploadJob::TreeUploadJob(const TreeUploadRequest& request, bool canAsk, const QSet<QString>& suspects)
+TreeUploadJob::TreeUploadJob(const TreeUploadRequest& request, const UploadPolicy::Options& options)
     : ComplexTask(QStringLiteral("PutTree(%1)").arg(request.target))
     , m_request(request)
-    , m_policy(std::make_shared<UploadPolicy>(policyOf(request, canAsk, suspects))) {
+    , m_policy(std::make_shared<UploadPolicy>(options)) {
     connect(m_policy.get(), &UploadPolicy::unchanged, this,
             [this](const QString& path, const RemoteItem& item) {
                 onDone({item, path, Outcome::Unchanged});

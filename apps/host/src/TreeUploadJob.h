@@ -24,11 +24,9 @@ namespace halvane::host {
 class HALVANE_HOST_EXPORT TreeUploadJob : public orx::ComplexTask {
     Q_OBJECT
 public:
-    //! \a canAsk: somebody answers what policy().asking() asks. \a suspects: see UploadPolicy::Options.
-    TreeUploadJob(const TreeUploadRequest& request, bool canAsk, const QSet<QString>& suspects);
+    TreeUploadJob(const TreeUploadRequest& request, const UploadPolicy::Options& options);
     ~TreeUploadJob() override;
 
-    //! Null before prepared().
     UploadPolicy& policy() { return *m_policy; }
     UploadState state() const;
     //! Whether anything was tried; else the error of the job is all there is.

@@ -17,6 +17,17 @@ constexpr int comparisonsAtATime = 3;
 
 } // namespace
 
+UploadPolicy::Options UploadPolicy::optionsOf(const TreeUploadRequest& request, bool canAsk,
+                                              const std::optional<QSet<QString>>& suspects) {
+    Options options;
+    options.ifTaken = request.ifTaken;
+    options.canAsk = canAsk;
+    options.keepGoing = request.keepGoing;
+    options.onlyMissing = request.onlyMissing;
+    options.suspects = suspects;
+    return options;
+}
+
 UploadPolicy::UploadPolicy(const Options& options)
     : m_options(options)
     , m_asking(std::make_shared<orx::AskingDuplicateUploadPolicy>())
@@ -34,7 +45,7 @@ void UploadPolicy::decide(const DuplicateUploadPolicyRequestPtr& request) {
     wanted.folderId = input.folderId;
     wanted.existingFileId = input.existingFileId;
     wanted.alsoFreeNames = m_options.ifTaken == IfTaken::KeepBoth;
-    wanted.sizesSuffice = m_options.onlyMissing && !m_options.suspects.contains(input.localPath);
+    wanted.sizesSuffice = m_options.mayCompareSizesOf(input.localPath);
     auto task = std::make_unique<SameContentTask>(wanted);
     request->setOnWithdrawn([task = QPointer<SameContentTask>(task.get())] {
         if (task)

@@ -10,6 +10,7 @@
 #include <QSet>
 
 #include <memory>
+#include <optional>
 
 namespace halvane::host {
 
@@ -25,10 +26,18 @@ public:
         bool canAsk = false;
         //! What fails is left out and told by failed(), so that the others of its folder go on.
         bool keepGoing = false;
-        //! For what is not among \a suspects sizes suffice.
+        //! For what is not among \a suspects sizes suffice; nothing: everything is suspect.
         bool onlyMissing = false;
-        QSet<QString> suspects;
+        std::optional<QSet<QString>> suspects = QSet<QString>();
+
+        bool mayCompareSizesOf(const QString& localPath) const {
+            return onlyMissing && suspects && !suspects->contains(localPath);
+        }
     };
+
+    //! \a suspects: what the last run left; see UnfinishedUploads.
+    static Options optionsOf(const TreeUploadRequest& request, bool canAsk,
+                             const std::optional<QSet<QString>>& suspects);
 
     explicit UploadPolicy(const Options& options);
     ~UploadPolicy() override;
