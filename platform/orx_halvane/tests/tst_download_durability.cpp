@@ -1,0 +1,139 @@
+// In which order what comes down is flushed and gets its name. A program of its own, since it looks at the
+// system calls of its own process.
+#include <FileUtils.h>
+#include <PartialFile.h>
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <fcntl.h>
+#include <mutex>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+using namespace orx;
+
+namespace {
+
+std::mutex logMutex;
+QStringList calls;
+
+void note(const QString& call) {
+    const std::lock_guard lock(logMutex);
+    calls.append(call);
+}
+
+//! Names that were made up are told apart from those that stay by their dot alone.
+QString shown(const QString& path) {
+    const QString name = QFileInfo(path).fileName();
+    return name.startsWith(u'.') ? QStringLiteral("hidden") : name;
+}
+
+void noteFlush(int descriptor) {
+    note(QStringLiteral("flush ") +
+         shown(QFileInfo(QStringLiteral("/proc/self/fd/%1").arg(descriptor)).symLinkTarget()));
+}
+
+void noteRename(const char* from, const char* to) {
+    note(QStringLiteral("rename %1 to %2").arg(shown(QFile::decodeName(from)), shown(QFile::decodeName(to))));
+}
+
+} // namespace
+
+// The program's own definitions take the place of the C library's for the libraries too.
+extern "C" int fsync(int descriptor) {
+    noteFlush(descriptor);
+    return int(::syscall(SYS_fsync, descriptor));
+}
+
+extern "C" int fdatasync(int descriptor) {
+    noteFlush(descriptor);
+    return int(::syscall(SYS_fdatasync, descriptor));
+}
+
+extern "C" int renameat2(int from, const char* oldName, int to, const char* newName, unsigned int flags) {
+    noteRename(oldName, newName);
+    return int(::syscall(SYS_renameat2, from, oldName, to, newName, flags));
+}
+
+extern "C" int renameat(int from, const char* oldName, int to, const char* newName) {
+    return renameat2(from, oldName, to, newName, 0);
+}
+
+extern "C" int rename(const char* oldName, const char* newName) {
+    return renameat2(AT_FDCWD, oldName, AT_FDCWD, newName, 0);
+}
+
+namespace {
+
+QString text(const char* words) {
+    return QString::fromLatin1(words);
+}
+
+class DownloadDurability : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(QDir(dir.path()).mkpath(text("source/sub")));
+        ASSERT_TRUE(QDir(dir.path()).mkdir(text("out")));
+        write("source/run", "content");
+        write("source/sub/inner", "content");
+    }
+    QString at(const char* path) const { return dir.filePath(text(path)); }
+    void write(const char* path, const QByteArray& content) const {
+        QFile file(at(path));
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+        ASSERT_EQ(file.write(content), content.size());
+    }
+    //! What \a work, which must succeed, did in order.
+    template <typename Work>
+    static QStringList callsOf(Work work) {
+        calls.clear();
+        const Error error = work();
+        EXPECT_FALSE(error.hasError()) << qPrintable(error.errorMessage());
+        return calls;
+    }
+
+    const QStringList oneFile{text("flush hidden"), text("rename hidden to run"), text("flush out")};
+    QTemporaryDir dir;
+};
+
+TEST_F(DownloadDurability, ADownloadGetsItsNameWhenItsContentIsOnTheDiskAndItsNameIsFlushedAfterwards) {
+    for (const bool overwrite : {false, true}) {
+        PartialFile file({at("out"), text("run"), text(".run.part"), overwrite});
+        EXPECT_EQ(callsOf([&]() -> Error {
+                      ORX_RETURN_ON_ERROR(file.open());
+                      ORX_RETURN_ON_ERROR(file.append("content"));
+                      ContentHash hash;
+                      hash.add("content", 7);
+                      return file.publish({7, hash.hexDigest(), QDateTime()});
+                  }),
+                  oneFile);
+    }
+}
+
+TEST_F(DownloadDurability, SoDoesACopyOfAFile) {
+    using Policy = FileUtils::DuplicateFilesPolicy;
+    for (const Policy policy : {Policy::Refuse, Policy::Overwrite})
+        EXPECT_EQ(callsOf([&] { return FileUtils::tryCopyFile(at("source/run"), at("out/run"), policy); }),
+                  oneFile);
+}
+
+TEST_F(DownloadDurability, ADirectoryGetsItsNameWhenEverythingInItIsOnTheDisk) {
+    using Options = FileUtils::CopyFilesOptions;
+    ASSERT_TRUE(QFile::remove(at("source/run")));
+    const QStringList done = callsOf([&] {
+        return FileUtils::tryCopyFiles(
+            at("source"), at("out"),
+            Options(Options::RecursionPolicy::Recursive, Options::DuplicateFilesPolicy::Refuse), {}, {},
+            nullptr);
+    });
+    EXPECT_EQ(done, (QStringList{text("flush inner"), text("flush hidden"), text("rename hidden to sub"),
+                                 text("flush out")}));
+}
+
+} // namespace
