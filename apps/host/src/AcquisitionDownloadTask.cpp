@@ -91,20 +91,37 @@ Error AcquisitionDownloadTask::initialize() {
     return {};
 }
 
-void AcquisitionDownloadTask::onMetadata(const VonkMetadata& metadata) {
-    const QString prefix = orx::vonk::contentPrefix();
-    for (VonkEntry entry : metadata.entries) {
-        entry.path = entry.path.mid(prefix.size());
+QList<AcquisitionDownloadTask::Part> AcquisitionDownloadTask::partsOf(const QList<VonkEntry>& entries) {
+    const qsizetype prefix = orx::vonk::contentPrefix().size();
+    QList<Part> parts;
+    for (VonkEntry entry : entries) {
+        entry.path = entry.path.mid(prefix);
         const QString name = entry.path.section(u'/', 0, 0);
-        if (m_parts.isEmpty() || m_parts.last().name != name) {
-            m_parts.emplace_back();
-            m_parts.last().name = name;
+        if (parts.isEmpty() || parts.last().name != name) {
+            parts.emplace_back();
+            parts.last().name = name;
         }
-        Part& part = m_parts.last();
+        Part& part = parts.last();
         part.isDirectory = !entry.isFile() || entry.path != name;
         part.entries.append(entry);
     }
+    return parts;
+}
+
+void AcquisitionDownloadTask::onMetadata(const VonkMetadata& metadata) {
+    m_entries = metadata.entries;
     m_size = metadata.totalSize();
+    const auto parts = std::make_shared<QList<Part>>();
+    execSubtask(workerStep(QStringLiteral("SortEntries"),
+                           [parts, entries = m_entries]() -> Error {
+                               *parts = partsOf(entries);
+                               return {};
+                           }),
+                [this, parts](BaseTask*) { onParts(*parts); });
+}
+
+void AcquisitionDownloadTask::onParts(const QList<Part>& parts) {
+    m_parts = parts;
     if (const Error error = chooseNames(); error.hasError())
         return finish(error);
     m_usesCache = mayUseCache(m_size);
@@ -330,14 +347,7 @@ void AcquisitionDownloadTask::onRetrieved() {
 }
 
 void AcquisitionDownloadTask::compareContent(const QString& contentDir, const Compared& next) {
-    QList<VonkEntry> entries;
-    for (const Part& part : m_parts) {
-        for (VonkEntry entry : part.entries) {
-            entry.path.prepend(QStringLiteral("content/"));
-            entries.append(entry);
-        }
-    }
-    compare(std::make_shared<UnpackedCheck>(contentDir, entries), next);
+    compare(std::make_shared<UnpackedCheck>(contentDir, m_entries), next);
 }
 
 void AcquisitionDownloadTask::onNotRetrieved(const Error& error) {

@@ -55,7 +55,9 @@ private:
     using Next = std::function<void()>;
     using Compared = std::function<void(bool isSame)>;
 
+    static QList<Part> partsOf(const QList<orx::vonk::VonkEntry>& entries);
     void onMetadata(const orx::vonk::VonkMetadata& metadata);
+    void onParts(const QList<Part>& parts);
     orx::Error chooseNames();
     void fetchAsFile(const orx::Error& reason);
 
@@ -88,7 +90,10 @@ private:
     void compareContent(const QString& contentDir, const Compared& next);
 
     MakeTask m_makeTask;
+    //! Of all files.
     qint64 m_size = 0;
+    //! As they are in the acquisition, below "content".
+    QList<orx::vonk::VonkEntry> m_entries;
     QList<Part> m_parts;
     QSharedPointer<orx::ResourceHandler> m_handler;
     //! Beside the target; empty unless it is used.
