@@ -376,6 +376,49 @@ def bench_tasks(table, build, counts, pairs):
     table.figure("growth of subtasks with their number", ", ".join(each), "each; constant is the aim")
 
 
+def make_tree(root, files):
+    """So many files of 4 KB, fifty a folder, in chains of folders of twelve levels."""
+    folder = root
+    for number in range(files):
+        if number % 50 == 0:
+            place = number // 50
+            folder = folder / f"level {place % 12}" if place % 12 else root / f"chain {place // 12}"
+            folder.mkdir(parents=True)
+        (folder / f"run {number}.raw").write_bytes(os.urandom(4096))
+
+
+def bench_tree_up(table, ours, build, work, files):
+    """A deep tree of small files up as a host sends it, then once more unchanged: memory, descriptors, growth, stalls."""
+    program = build / "bin" / "bench_tree"
+
+    def put(root):
+        shutil.rmtree(work / "up-cache", ignore_errors=True)
+        command = [program, "put", ours.url, "bench", PASSWORD.decode().strip(), root, work / "up-cache"]
+        output = timed(command, env=ours.environment, preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (256, 256)))[2]
+        return json.loads(output.splitlines()[-1])
+
+    spent = {}
+    for number in (files // 2, files, files * 2):
+        root = work / f"tree-{number}"
+        make_tree(root, number)
+        up = put(root)
+        if up["files"] != number:
+            fail(f"{up['files']} of {number} files went up")
+        again = put(root)
+        if again["files"] != 0:
+            fail(f"{again['files']} unchanged files went up again")
+        shutil.rmtree(root)
+        spent[number] = up["thread_seconds"]
+        if number == files:
+            table.limit(f"client memory, tree of {files} files of 4 KB, 12 levels, up", up["memory_mib"], "MiB", 300,
+                        f"high-water mark; {up['seconds']:.1f} s; at most {up['descriptors']:.0f} descriptors of 256")
+            table.figure("the same tree again, unchanged", f"{again['seconds']:.1f} s", "nothing is sent")
+            table.figure("longest stall of the event loop, that tree up", f"{up['longest_gap_ms']:.0f} ms",
+                         f"a whole level of uploads is made at once; summing up its maximum beforehand took {up['making_ms']:.0f} ms")
+    each = ", ".join(f"{number}: {1e6 * seconds / number:.0f} us" for number, seconds in spent.items())
+    table.figure("growth of a tree's upload with its files", each, "of the client's thread for each file; constant is the aim")
+
+
 def bench_tree(table, ours, nginx, build, work, files, few, count):
     """A deep tree of files of 10 KB down through the cache: memory and descriptors of a large one, time of a small one."""
     program = build / "bin" / "bench_tree"
@@ -536,6 +579,7 @@ def main():
             bench_stall(table, ours, build, work, 2 * size)
             bench_tasks(table, build, (25_000, 100_000) if options.quick else (25_000, 100_000, 400_000), count)
         if not options.only_transfers and not options.only_pack:
+            bench_tree_up(table, ours, build, work, 1_000 if options.quick else 20_000)
             bench_tree(table, ours, nginx, build, work, 2_000 if options.quick else 20_000, 500 if options.quick else 2_000, count)
     finally:
         for server in servers:

@@ -26,6 +26,8 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <ctime>
+#include <utility>
 
 using namespace orx;
 
@@ -113,11 +115,14 @@ double peakMiB() {
 //! The most descriptors that this process had open whenever it was asked.
 class Descriptors {
 public:
-    void look() { m_most = std::max(m_most, qsizetype(m_open.count())); }
+    void look() {
+        const QDir open(QStringLiteral("/proc/self/fd")); // it would remember what it found
+        const auto all = QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot;
+        m_most = std::max(m_most, open.entryList(all, QDir::NoSort).size());
+    }
     qsizetype most() const { return m_most; }
 
 private:
-    const QDir m_open{QStringLiteral("/proc/self/fd")};
     qsizetype m_most = 0;
 };
 
@@ -144,29 +149,35 @@ void getTree(int folder, const QString& target, const QString& cacheDir) {
     print(result);
 }
 
-//! The longest time between two turns of this thread's event loop while the object lives.
+//! Of this thread, in milliseconds: on a busy machine a wait for the processor is no stall of ours.
+double processorMs() {
+    timespec now{};
+    ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    return double(now.tv_sec) * 1e3 + double(now.tv_nsec) / 1e6;
+}
+
+//! The longest processor time between two turns of this thread's event loop while the object lives.
 class LoopProbe {
 public:
     LoopProbe() {
         m_timer.setTimerType(Qt::PreciseTimer);
         QObject::connect(&m_timer, &QTimer::timeout, [this] { turn(); });
-        m_clock.start();
         m_timer.start(1);
     }
     double longestGapMs() {
         turn();
-        return double(m_longest) / 1e6;
+        return m_longest;
     }
 
 private:
     void turn() {
-        m_longest = std::max(m_longest, m_clock.nsecsElapsed());
-        m_clock.restart();
+        const double now = processorMs();
+        m_longest = std::max(m_longest, now - std::exchange(m_last, now));
     }
 
     QTimer m_timer;
-    QElapsedTimer m_clock;
-    qint64 m_longest = 0;
+    double m_last = processorMs();
+    double m_longest = 0;
 };
 
 //! Sends the directory; names that are taken are left alone, so that a second run sends nothing.
@@ -174,24 +185,26 @@ void putTree(const QString& directory, const QString& cacheDir) {
     HalvaneResourceHandler::registerType();
     ResourceCache cache(cacheDir);
     ResourceManager::setCache(&cache);
-    QElapsedTimer clock;
-    clock.start();
+    const double before = processorMs();
     HalvaneFolderUploadTask task(directory, 1, {}, HalvaneUploadTask::DEFAULT_UPLOAD_POLICY_OPTIONS, nullptr);
-    const double made = double(clock.nsecsElapsed()) / 1e9;
+    const double made = processorMs() - before;
     task.setDuplicateUploadPolicy(std::make_shared<FixedDuplicateUploadPolicy>(DuplicateUploadAnswer::Skip));
     Descriptors descriptors;
     QTimer looks;
     QObject::connect(&looks, &QTimer::timeout, [&descriptors] { descriptors.look(); });
     looks.start(10);
+    QElapsedTimer clock;
+    clock.start();
     LoopProbe loop;
-    clock.restart();
     run(task);
     const double seconds = double(clock.nsecsElapsed()) / 1e9;
+    const double spent = processorMs() - before;
     const double gap = loop.longestGapMs();
     cache.waitForPending();
     ResourceManager::setCache(nullptr);
     print({{QStringLiteral("seconds"), seconds},
-           {QStringLiteral("seconds_to_make"), made},
+           {QStringLiteral("thread_seconds"), spent / 1e3},
+           {QStringLiteral("making_ms"), made},
            {QStringLiteral("longest_gap_ms"), gap},
            {QStringLiteral("files"), task.successfulFileUploadsCount()},
            {QStringLiteral("maximum"), task.maxProgress()},
