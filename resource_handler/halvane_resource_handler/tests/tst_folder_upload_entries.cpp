@@ -204,8 +204,8 @@ TEST_F(FolderUploadEntries, BelowTheOptionsHoldTooAndWhatANestedFolderReachedSta
     EXPECT_EQ(task->uploadedFolder()->folders().first().files().size(), 2);
 }
 
-TEST_F(FolderUploadEntries, ANestedFolderThatNeverGotOneIsNotDescribed) {
-    put(QStringLiteral("sub/b"));
+TEST_F(FolderUploadEntries, ANestedFolderThatNeverGotOneIsToldAtEveryLevelAndNotDescribed) {
+    put(QStringLiteral("above/sub/b"));
     put(QStringLiteral("a"));
     server.onRequest = [this](const ScriptedRequest& request) {
         if (request.line() == u"POST /folders" && request.json().value(u"name") == QLatin1StringView("sub"))
@@ -214,8 +214,16 @@ TEST_F(FolderUploadEntries, ANestedFolderThatNeverGotOneIsNotDescribed) {
                 ScriptedFault::failure(403, HalvaneServerErrorCode::NoPrivilege, QStringLiteral("no room")));
     };
     const auto task = upload();
+    QStringList told;
+    QObject::connect(task.get(), &HalvaneFolderUploadTask::folderUploadFailed, task.get(),
+                     [&](const HalvaneFolderUploadTask* folder) {
+                         told.append(folder->path() + u' ' + folder->error().errorMessage());
+                     });
     EXPECT_EQ(run(*task).errorMessage(), QStringLiteral("no room"));
-    EXPECT_TRUE(task->uploadedFolder()->folders().isEmpty());
+    EXPECT_EQ(told, (QStringList{tree(QStringLiteral("above/sub")) + QStringLiteral(" no room"),
+                                 tree(QStringLiteral("above")) + QStringLiteral(" no room")}));
+    ASSERT_EQ(task->uploadedFolder()->folders().size(), 1);
+    EXPECT_TRUE(task->uploadedFolder()->folders().first().folders().isEmpty());
     EXPECT_EQ(task->finishedTaskCounts(), (FinishedTaskCounts{1, 0, 0}));
 }
 
