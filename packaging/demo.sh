@@ -176,6 +176,39 @@ as anna show --quiet get --no-cache "file:$id@2" --to "$work/down/version-2.mzML
 same "$work/first.mzML" "$work/down/version-1.mzML"
 same "$work/up/tiny.mzML" "$work/down/version-2.mzML"
 
+step "A directory with a file, raw data (a file and a directory) and a packed acquisition; the last one is damaged"
+tree=$work/tree/2026
+mkdir -p "$tree/sub/empty"
+echo "measured on Monday" >"$tree/notes.txt"
+cp "$ROOT/tests/data/tiny.mzML" "$tree/sub/"
+cp -r "$ROOT/tests/data/sqlite-frames.d" "$tree/sub/"
+as anna show pack "$ROOT/tests/data/two-scans.mzXML" -o "$work/archived.vonk"
+head -c 1000 "$work/archived.vonk" >"$tree/sub/archived.vonk"
+find "$tree" -exec touch -h -d '2026-03-01 12:00' {} +
+as anna show put "$tree" --to /raw --dry-run --if-exists keep-both
+mkdir "$work/trees"
+as anna "$BIN/halvane" --quiet mkdir /trees >/dev/null
+code=0
+as anna show put "$tree" --to /trees --keep-going || code=$?
+[ "$code" -eq 14 ] || fail "the damaged file should end the run with exit code 14, not $code"
+
+step "It is mended, and sent again alone"
+cp "$work/archived.vonk" "$tree/sub/archived.vonk"
+as anna show put "$tree" --to /trees --keep-going --retry
+sent=$(as anna "$BIN/halvane" --json put "$tree" --to /trees | grep -c '"outcome":"uploaded".*"type":"file"' || [ $? -eq 1 ])
+[ "$sent" -eq 0 ] || fail "$sent files were sent once more"
+echo "a third run sent nothing"
+
+step "The tree comes down elsewhere, identical"
+as colleague show get /trees/2026 --to "$work/trees"
+as colleague show get /trees/2026/sub/archived.vonk --packed --to "$work/archived-back.vonk"
+same "$work/archived.vonk" "$work/archived-back.vonk"
+# What was packed by hand comes as what it was made of.
+rm -- "$tree/sub/archived.vonk"
+cp "$ROOT/tests/data/two-scans.mzXML" "$tree/sub/"
+diff -r -- "$tree" "$work/trees/2026" || fail "the tree that came down differs from what was put"
+echo "$work/trees/2026 is identical to $tree"
+
 step "Stop the server"
 kill -TERM "$server"
 code=0
@@ -190,6 +223,7 @@ cat <<SUMMARY
   $count real files ($bytes bytes; $origin) went up and came back byte for byte, by cmp and by SHA-256.
   Their folder came down on another machine, identical; a second run brought only the file that was missing.
   One of them got a second version; version 1 and version 2 can both be fetched.
+  A tree of files, raw data and a packed acquisition went up, a damaged file in it by a retry, and came down identical.
   A client that knew version 1 only was told so (exit code 8) instead of hiding version 2.
   The server's data, both clients' settings and all copies were in a temporary directory that is now removed.
 SUMMARY

@@ -66,6 +66,30 @@ TEST_F(PutTrees, TheObjectOfAFileIsThatOfTheServer) {
     }
 }
 
+// A packed acquisition comes as what it was made of, unless it is asked for as it is.
+TEST_F(PutTrees, TheTreeComesBackIdentical) {
+    makeWholeTree();
+    ASSERT_EQ(put({"2026", "--to", "/raw"}).exitCode, 0);
+    Client colleague;
+    ASSERT_TRUE(colleague.login(server.url()));
+    colleague.mustRun({"get", "/raw/2026", "--to", "back"});
+    EXPECT_EQ(colleague.filesIn("back/2026"), (QStringList{"a.txt", "sub"}));
+    EXPECT_EQ(colleague.filesIn("back/2026/sub"),
+              (QStringList{"deep", "empty", "frames.d", "run.mzML", "zero"}));
+    EXPECT_EQ(colleague.filesIn("back/2026/sub/empty"), QStringList());
+    for (const QString file :
+         {"a.txt", "sub/run.mzML", "sub/zero", "sub/frames.d/analysis.tdf", "sub/frames.d/analysis.tdf_bin"})
+        EXPECT_EQ(Client::contentOf(colleague.path("back/2026/" + file)),
+                  Client::contentOf(client.path("2026/" + file)))
+            << qPrintable(file);
+    EXPECT_EQ(colleague.filesIn("back/2026/sub/deep"), QStringList{"two-scans.mzXML"});
+    EXPECT_EQ(Client::contentOf(colleague.path("back/2026/sub/deep/two-scans.mzXML")),
+              Client::contentOf(ORX_TEST_DATA_DIR "/two-scans.mzXML"));
+    colleague.mustRun({"get", "/raw/2026/sub/deep/old.vonk", "--packed", "--to", "packed"});
+    EXPECT_EQ(Client::contentOf(colleague.path("packed")),
+              Client::contentOf(client.path("2026/sub/deep/old.vonk")));
+}
+
 TEST_F(PutTrees, ASecondRunSendsNothing) {
     makeWholeTree();
     ASSERT_EQ(put({"2026", "--to", "/raw"}).exitCode, 0);
@@ -164,6 +188,34 @@ TEST_F(PutTrees, WhatIsLeftOutIsToldWithItsReason) {
     EXPECT_THAT(outcome.err.toStdString(), HasSubstr("2026/b.tmp"));
     EXPECT_EQ(onServer("/raw"),
               (QStringList{"/raw/2026/", "/raw/2026/a.txt@1", "/raw/2026/same.txt@1", "/raw/2026/sub/"}));
+}
+
+TEST_F(PutTrees, WhatDirectoriesGiveIsTheUsersChoice) {
+    write("2026/a.RAW", "content of a");
+    write("2026/b.tmp", "content of b");
+    write("2026/scratch-c.raw", "content of c");
+    write("2026/.d.raw", "content of d");
+    const auto set = [this](const QByteArray& text) {
+        QFile settings(client.configDir() + "/upload.ini");
+        ASSERT_TRUE(settings.open(QIODevice::WriteOnly | QIODevice::Truncate));
+        settings.write(text);
+    };
+    set("[filters]\nallowed_extensions=raw, mzML\nexcluded_names=scratch-*\nhidden=true\n");
+    const Outcome outcome = put({"2026", "--to", "/raw"});
+    EXPECT_EQ(outcome.exitCode, 0) << outcome.err.constData();
+    EXPECT_EQ(leftOut(outcome, "2026"),
+              (QMap<QString, QString>{{"b.tmp", "filter"}, {"scratch-c.raw", "filter"}}));
+    EXPECT_EQ(onServer("/raw/2026"), (QStringList{"/raw/2026/.d.raw@1", "/raw/2026/a.RAW@1"}));
+    // What is named itself is wanted.
+    EXPECT_EQ(put({"2026/b.tmp", "2026/scratch-c.raw", "--to", "/raw"}).exitCode, 0);
+    server.clearRequests();
+    for (const char* const wrong : {"[filters]\nhiden=true\n", "[filters]\nhidden=perhaps\n"}) {
+        set(wrong);
+        const Outcome refused = put({"2026", "--to", "/raw"});
+        EXPECT_EQ(refused.exitCode, 3);
+        EXPECT_THAT(refused.err.toStdString(), HasSubstr("upload.ini"));
+    }
+    EXPECT_EQ(server.requests().size(), 0);
 }
 
 // Nobody wanted it kept back: that it did not go up is a failure.

@@ -165,6 +165,7 @@ TEST_F(ItemTasksTest, WrongDataIsAnInvalidReplyThatNamesTheKey) {
            "folder_id");
     expect(runOn<HalvaneGetFileVersionsTask>(R"({"versions": [{"version": 0, "size": 1}]})", 7), "version");
     expect(runOn<HalvaneGetFileVersionsTask>(R"({"versions": [{"version": 1}]})", 7), "size");
+    expect(runOn<HalvaneGetVersionTraceTask>(R"({"trace": "none"})", 7, 1), "trace");
     expect(runOn<HalvaneCreateFolderTask>(R"({"id": -7, "name": "a"})", HalvaneCreateFolderTask::Input()),
            "id");
 }
