@@ -194,22 +194,21 @@ TEST_F(PutTrees, WhatDirectoriesGiveIsTheUsersChoice) {
     write("2026/a.RAW", "content of a");
     write("2026/b.tmp", "content of b");
     write("2026/scratch-c.raw", "content of c");
-    write("2026/.d.raw", "content of d");
     const auto set = [this](const QByteArray& text) {
         QFile settings(client.configDir() + "/upload.ini");
         ASSERT_TRUE(settings.open(QIODevice::WriteOnly | QIODevice::Truncate));
         settings.write(text);
     };
-    set("[filters]\nallowed_extensions=raw, mzML\nexcluded_names=scratch-*\nhidden=true\n");
+    set("[filters]\nallowed_extensions=raw, mzML\nexcluded_names=scratch-*\n");
     const Outcome outcome = put({"2026", "--to", "/raw"});
     EXPECT_EQ(outcome.exitCode, 0) << outcome.err.constData();
     EXPECT_EQ(leftOut(outcome, "2026"),
               (QMap<QString, QString>{{"b.tmp", "filter"}, {"scratch-c.raw", "filter"}}));
-    EXPECT_EQ(onServer("/raw/2026"), (QStringList{"/raw/2026/.d.raw@1", "/raw/2026/a.RAW@1"}));
+    EXPECT_EQ(onServer("/raw/2026"), QStringList{"/raw/2026/a.RAW@1"});
     // What is named itself is wanted.
     EXPECT_EQ(put({"2026/b.tmp", "2026/scratch-c.raw", "--to", "/raw"}).exitCode, 0);
     server.clearRequests();
-    for (const char* const wrong : {"[filters]\nhiden=true\n", "[filters]\nhidden=perhaps\n"}) {
+    for (const char* const wrong : {"[filters]\nexcluded=*\n", "[acquisitions]\nquiet_time=long\n"}) {
         set(wrong);
         const Outcome refused = put({"2026", "--to", "/raw"});
         EXPECT_EQ(refused.exitCode, 3);

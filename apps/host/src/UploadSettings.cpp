@@ -49,13 +49,6 @@ Error readKey(const QString& key, const QVariant& value, UploadFilters& filters)
         filters.excludedNames = listOf(value);
         return {};
     }
-    if (key == u"filters/hidden") {
-        const QString text = value.toString();
-        filters.takesHidden = text == u"true";
-        return text == u"true" || text == u"false"
-                   ? Error()
-                   : Error(ErrorCode::ParseError, QStringLiteral("\"hidden\" is true or false."));
-    }
     if (key == u"acquisitions/quiet_time")
         return readTime(value.toString(), filters.quietTime);
     if (key == u"acquisitions/patience")
