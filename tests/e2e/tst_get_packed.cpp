@@ -334,6 +334,62 @@ TEST_F(GetPacked, AsThePackedFileItIsOneFileUnderTheSameRules) {
     EXPECT_EQ(sha256Of(local("all/packed/run.d.vonk")), listed["sha256"]);
 }
 
+TEST_F(GetPacked, AnInspectionReadsItWhereItIs) {
+    const Outcome outcome = client.run({"--json", "inspect", "/packed/run.d.vonk"});
+    ASSERT_EQ(outcome.exitCode, 0) << outcome.err.constData();
+    expectNothingFetched();
+    const QJsonObject run = outcome.object();
+    EXPECT_EQ(run["type"], "packed_acquisition");
+    EXPECT_TRUE(run["path"].isNull());
+    EXPECT_EQ(run["reference"], "file:1@1");
+    EXPECT_EQ(run["name"], "run.d");
+    EXPECT_EQ(run["files"], 2);
+    EXPECT_EQ(run["content_size"].toInteger(), 1'000'000 + 10);
+    EXPECT_GT(run["size"].toInteger(), 1'000'000);
+    EXPECT_EQ(client.run({"--json", "inspect", "file:1"}).object(), run);
+    const QByteArray shown = client.mustRun({"inspect", "-l", "/packed/run.d.vonk"}).out;
+    EXPECT_THAT(shown.toStdString(), HasSubstr("file:1@1"));
+    EXPECT_THAT(shown.toStdString(), HasSubstr("data/fid"));
+    EXPECT_EQ(client.filesIn(), QStringList()) << "nothing is left here";
+}
+
+TEST_F(GetPacked, AnInspectionOnTheServerTellsTheRunAndDrawsIt) {
+    const auto packed = client.path("tiny.mzML.vonk");
+    client.mustRun({"pack", ORX_TEST_DATA_DIR "/tiny.mzML", "-o", packed});
+    const QJsonObject here = client.mustRun({"--json", "inspect", packed}).object();
+    put(packed, "/packed");
+    const QJsonObject there =
+        client.mustRun({"--json", "inspect", "/packed/tiny.mzML.vonk", "--plot", "run.svg"}).object();
+    EXPECT_FALSE(here["run_summary"].toObject().isEmpty());
+    for (const QString key : {"run_summary", "entries", "size", "source_kind", "format_version"})
+        EXPECT_EQ(there[key], here[key]) << key.toStdString();
+    EXPECT_TRUE(local("run.svg").contains("<svg"));
+}
+
+TEST_F(GetPacked, WhatIsHereIsInspectedBeforeWhatIsOnTheServer) {
+    client.makeFile("run.d.vonk", "no packed file");
+    const Outcome outcome = client.run({"inspect", client.path("run.d.vonk")});
+    EXPECT_EQ(outcome.exitCode, 3);
+    EXPECT_THAT(outcome.err.toStdString(), HasSubstr("run.d.vonk"));
+    EXPECT_TRUE(server.requests().isEmpty()) << "nobody was asked";
+}
+
+TEST_F(GetPacked, WhatCannotBeInspectedIsNamed) {
+    const auto expectFailure = [&](const QString& what, int exitCode, const char* message) {
+        const Outcome outcome = client.run({"inspect", what});
+        EXPECT_EQ(outcome.exitCode, exitCode) << what.toStdString() << outcome.err.constData();
+        EXPECT_THAT(outcome.err.toStdString(), HasSubstr(message));
+    };
+    client.mustRun({"put", "--no-cache", client.makeFile("notes.txt", "no packed file"), "--to", "/packed"});
+    expectFailure("/packed/notes.txt", 3, "notes.txt");
+    expectFailure("/packed/none.vonk", 3, "exists neither here nor on the server");
+    expectFailure("file:999", 6, "999");
+    expectFailure("/packed", 2, "folder");
+    client.mustRun({"logout"});
+    expectFailure("/packed/run.d.vonk", 3, "does not exist");
+    expectFailure("file:1", 5, "Nobody is logged in");
+}
+
 TEST_F(GetPacked, WhatCannotBeUnpackedComesAsTheFileThatItIs) {
     client.mustRun({"mkdir", "/odd"});
     makeOut();

@@ -25,12 +25,17 @@ void PackedArguments::addTo(const AddCommand& addCommand) {
         ->type_name("DIR")
         ->required();
 
-    CLI::App* inspect = addCommand("inspect", "Show what is known of a packed acquisition or of raw data",
-                                   "  halvane inspect run1.d.vonk\n"
-                                   "  halvane inspect -l run1.d.vonk           # with what is in it\n"
-                                   "  halvane inspect run1.mzML --plot run1.svg\n"
-                                   "  halvane --json inspect run1.d.vonk\n");
-    inspect->add_option("FILE", m_path, "A packed acquisition, or raw data")->required();
+    CLI::App* inspect =
+        addCommand("inspect", "Show what is known of a packed acquisition or of raw data",
+                   "  halvane inspect run1.d.vonk\n"
+                   "  halvane inspect -l run1.d.vonk           # with what is in it\n"
+                   "  halvane inspect run1.mzML --plot run1.svg\n"
+                   "  halvane inspect /raw/2026/run1.d.vonk    # on the server, without fetching it\n"
+                   "  halvane --json inspect run1.d.vonk\n");
+    inspect
+        ->add_option("FILE", m_path,
+                     "A packed acquisition, or raw data; or remote path or reference of a packed acquisition")
+        ->required();
     inspect->add_flag("-l,--long", m_longFormat, "List the files in it too");
     inspect->add_option("--plot", m_plot, "Draw the ion current over time into a new .svg or .png file")
         ->type_name("FILE");

@@ -1,4 +1,4 @@
-// Packed acquisitions on this machine: no server is asked.
+// Packed acquisitions, and what becomes one. Only the inspection of what is on the server asks one.
 #include "Interruption.h"
 #include "Output.h"
 #include "PackedTexts.h"
@@ -9,6 +9,9 @@
 #include <AsyncVonkTask.h>
 #include <ErrorText.h>
 #include <ExitCodes.h>
+#include <HalvaneError.h>
+#include <HalvaneGetVonkMetadataTask.h>
+#include <HalvaneResourceReference.h>
 #include <MsDataFileUtils.h>
 #include <PackedFileTasks.h>
 #include <RunPlot.h>
@@ -114,13 +117,23 @@ Result<Inspection> inspectedAt(const QString& path, std::stop_token stop) {
     return Inspection{absolute(path), true, QFileInfo(path).size(), {}, *std::move(metadata)};
 }
 
+//! Anything that is here is meant; else a reference, or a path that can be one on the server.
+bool isOnServer(const QString& text) {
+    const QFileInfo here(text);
+    return !here.exists() && !here.isSymLink() && !host::ResolveItemTask::checkText(text).hasError();
+}
+
+QString nameOf(const Inspection& inspection) {
+    return inspection.reference.isEmpty() ? inspection.path : inspection.reference;
+}
+
 Error drawInto(const QString& plotPath, const Inspection& inspection) {
     const VonkMetadata& metadata = inspection.metadata;
     if (!metadata.runSummary)
         return Error(
             ErrorCode::NotFound,
             host::joinedSentences(QStringLiteral("There is nothing to be drawn: \"%1\" has no run summary.")
-                                      .arg(inspection.path),
+                                      .arg(nameOf(inspection)),
                                   metadata.runSummaryAbsent));
     const auto run = RunSummary::fromJson(*metadata.runSummary);
     ORX_RETURN_ON_ERROR(run.error());
@@ -225,13 +238,29 @@ Result<Inspection> Runner::inspected(const QString& path) {
     return inspection;
 }
 
+Result<Inspection> Runner::inspectedOnServer(const QString& reference) {
+    const bool isReference = orx::HalvaneReferenceText::looksLikeReference(reference);
+    const auto session = host::Session::open(m_global.profile);
+    if (session.hasError())
+        return isReference ? session.error() : checkReadable(reference);
+    const auto item = resolve(reference, Wanted::File);
+    if (!isReference && orx::isHalvaneError(item.error(), orx::HalvaneServerErrorCode::NotFound))
+        return Error(ErrorCode::NotFound,
+                     QStringLiteral("\"%1\" exists neither here nor on the server.").arg(reference));
+    ORX_RETURN_ON_ERROR(item.error());
+    orx::HalvaneGetVonkMetadataTask task({item->id, item->version, item->name});
+    const Error error = run(task);
+    ORX_RETURN_ON_ERROR(ofPackedFile(error));
+    return Inspection{{}, true, item->size, {}, task.metadata(), item->reference()};
+}
+
 int Runner::operator()(const InspectCommand& command) {
     if (!command.plotPath.isEmpty() && QFileInfo(command.plotPath).exists())
         return m_output.error(Error(
             ErrorCode::AlreadyExists,
             QStringLiteral("\"%1\" exists already; choose another name for the picture, or move it away.")
                 .arg(command.plotPath)));
-    const auto found = inspected(command.path);
+    const auto found = isOnServer(command.path) ? inspectedOnServer(command.path) : inspected(command.path);
     if (found.hasError())
         return localWorkFailed(found.error(), command.path);
     QJsonObject object = jsonOf(*found);

@@ -107,6 +107,10 @@ QJsonObject jsonOf(const Inspection& inspection) {
         object = jsonOfPacked(inspection.path, inspection.size, metadata);
         object[QStringLiteral("entries")] = metadata.toJson().value(QStringLiteral("entries"));
     }
+    if (!inspection.reference.isEmpty()) {
+        object[QStringLiteral("path")] = QJsonValue::Null;
+        object[QStringLiteral("reference")] = inspection.reference;
+    }
     const QJsonObject summary = summaryObject(metadata);
     for (auto key = summary.begin(); key != summary.end(); ++key)
         object[key.key()] = key.value();
@@ -115,11 +119,12 @@ QJsonObject jsonOf(const Inspection& inspection) {
 
 QList<QStringList> rowsOf(const Inspection& inspection, const Shown& shown) {
     const VonkMetadata& metadata = inspection.metadata;
-    QList<QStringList> rows{{QStringLiteral("path"), shown(inspection.path)},
-                            {QStringLiteral("name"), shown(metadata.name)},
-                            {QStringLiteral("kind"), metadata.sourceKind.isEmpty()
-                                                         ? QStringLiteral("unknown")
-                                                         : shown(metadata.sourceKind)}};
+    QList<QStringList> rows{
+        inspection.reference.isEmpty() ? QStringList{QStringLiteral("path"), shown(inspection.path)}
+                                       : QStringList{QStringLiteral("reference"), inspection.reference},
+        {QStringLiteral("name"), shown(metadata.name)},
+        {QStringLiteral("kind"),
+         metadata.sourceKind.isEmpty() ? QStringLiteral("unknown") : shown(metadata.sourceKind)}};
     for (const QString& companion : inspection.companions)
         rows.append({QStringLiteral("with"), shown(companion)});
     if (inspection.isPacked)

@@ -11,7 +11,7 @@ namespace halvane::cli {
 
 //! What is known of a packed acquisition, or of raw data.
 struct Inspection {
-    //! Absolute.
+    //! Absolute; empty for what is on the server.
     QString path;
     bool isPacked = false;
     //! Bytes of the packed file; 0 for raw data.
@@ -20,6 +20,8 @@ struct Inspection {
     QStringList companions;
     //! Of raw data only name, kind and summary.
     orx::vonk::VonkMetadata metadata;
+    //! Of what is on the server: "file:12@3".
+    QString reference = {};
 };
 
 //! How names are shown.

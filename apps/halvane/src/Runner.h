@@ -101,6 +101,8 @@ private:
     int printUpgraded(const QString& path, const QVersionNumber& before, bool isUpgraded);
     //! What is known of the packed acquisition or raw data at \a path.
     orx::Result<Inspection> inspected(const QString& path);
+    //! What a packed acquisition on the server says of itself.
+    orx::Result<Inspection> inspectedOnServer(const QString& reference);
 
     GlobalOptions m_global;
     const Output& m_output;
