@@ -5,6 +5,7 @@
 #include <WorkerPool.h>
 
 #include <QCoreApplication>
+#include <QMutexLocker>
 #include <QUuid>
 
 #include <algorithm>
@@ -13,7 +14,8 @@ namespace orx {
 
 using namespace CacheFiles;
 
-//! A content that a writer makes at its place; guarded by the mutex of the additions.
+//! A content that a writer makes at its place; guarded by the mutex of the additions, but for what has its
+//! own.
 class CacheAdditions::Writing {
 public:
     Writing(const CacheSubPath& at, const Expected& is, Cancel by)
@@ -30,6 +32,9 @@ public:
     //! The writer and the works it deferred to.
     int parts = 1;
     Error error;
+    //! What was at the place, until it is discarded.
+    QMutex displacedMutex;
+    std::optional<CacheStore::Displaced> displaced;
 };
 
 void CacheAdditions::enqueue(Job job) {
@@ -131,7 +136,10 @@ Error CacheAdditions::copyInto(const CacheRoot& root, const QByteArray& staging,
     return m_store->seal(place, directory->get(), place.name(), *payload);
 }
 
-Error CacheAdditions::beginWriting(Writing& writing) {
+//! On the caller's thread, which may be an event loop: it takes locks that others hold for a short time only,
+//! and leaves all that may take long to a worker.
+Error CacheAdditions::beginWriting(const std::shared_ptr<Writing>& begun) {
+    Writing& writing = *begun;
     const auto root = m_store->root();
     if (root.hasError())
         return root.error();
@@ -140,12 +148,30 @@ Error CacheAdditions::beginWriting(Writing& writing) {
     if (writing.fill)
         writing.write = locks.tryExclusive(CacheLocks::offset(writing.place.key(), CacheLocks::kWrite));
     if (writing.write)
-        writing.sweep = locks.waitShared(CacheLocks::kSweep);
+        writing.sweep = locks.waitShared(CacheLocks::kSweep, CacheLocks::kShortPatience);
     if (!writing.sweep)
         return CacheStore::busy(writing.place.text());
-    ORX_RETURN_ON_ERROR(m_store->remove(writing.place));
+    auto displaced = m_store->displace(writing.place);
+    if (displaced.hasError())
+        return std::move(displaced).error();
+    writing.displaced = std::move(*displaced);
+    WorkerPool::instance().submit(
+        [self = shared_from_this(), begun] {
+            // The seal tries again, and tells it.
+            [[maybe_unused]] const Error later = self->discardDisplaced(*begun);
+        },
+        nullptr, {});
     const auto parent = m_store->ensureParent(writing.place);
     return parent ? Error() : parent.error();
+}
+
+//! Thread: worker.
+Error CacheAdditions::discardDisplaced(Writing& writing) {
+    const QMutexLocker lock(&writing.displacedMutex);
+    if (writing.displaced)
+        ORX_RETURN_ON_ERROR(m_store->discard(*writing.displaced));
+    writing.displaced.reset();
+    return Error();
 }
 
 Error CacheAdditions::addWritten(const CacheSubPath& place, const std::function<Error()>& writer,
@@ -156,7 +182,7 @@ Error CacheAdditions::addWritten(const CacheSubPath& place, const std::function<
         cancel = m_cancel;
     }
     const auto writing = std::make_shared<Writing>(place, expected, std::move(cancel));
-    ORX_RETURN_ON_ERROR(beginWriting(*writing));
+    ORX_RETURN_ON_ERROR(beginWriting(writing));
     {
         const std::lock_guard lock(m_mutex);
         ++m_pending;
@@ -203,7 +229,9 @@ bool CacheAdditions::isDropped(const Writing& writing) {
 Error CacheAdditions::sealWritten(Writing& writing, const CancelFlag& cancel) {
     const QString shown = m_store->placePath(writing.place);
     const auto attempt = [&]() -> Error {
+        const Error discarded = discardDisplaced(writing);
         ORX_RETURN_ON_ERROR(writing.error);
+        ORX_RETURN_ON_ERROR(discarded);
         const auto parent = m_store->openParent(writing.place);
         if (parent.hasError())
             return parent.error();
@@ -220,6 +248,10 @@ Error CacheAdditions::sealWritten(Writing& writing, const CancelFlag& cancel) {
     if (error.hasError()) {
         if (const Error cleared = m_store->clearPlace(writing.place); cleared.hasError())
             qCWarning(cacheLog).noquote() << cleared.errorMessage();
+    }
+    {
+        const QMutexLocker lock(&writing.displacedMutex);
+        writing.displaced.reset();
     }
     writing.write.reset();
     writing.fill.reset();

@@ -58,7 +58,8 @@ private:
     Error copyInto(const CacheRoot& root, const QByteArray& staging, const CacheSubPath& place,
                    CacheSource& source, const Expected& expected, const CacheFiles::CancelFlag& cancel);
     Error sealWritten(Writing& writing, const CacheFiles::CancelFlag& cancel);
-    Error beginWriting(Writing& writing);
+    Error beginWriting(const std::shared_ptr<Writing>& begun);
+    Error discardDisplaced(Writing& writing);
 
     std::shared_ptr<CacheStore> m_store;
     std::mutex m_mutex;

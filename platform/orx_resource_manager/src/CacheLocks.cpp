@@ -11,17 +11,25 @@ namespace orx {
 namespace {
 
 constexpr int kExclusive = -1;
-constexpr int kPatienceMs = 60'000;
 constexpr unsigned long kPauseMs = 2;
 
 template <typename Try>
-std::optional<CacheLock> insist(Try attempt) {
-    const QDeadlineTimer deadline(kPatienceMs);
+std::optional<CacheLock> insist(Try attempt, std::chrono::milliseconds patience) {
+    const QDeadlineTimer deadline(patience);
     for (;;) {
         if (auto lock = attempt(); lock || deadline.hasExpired())
             return lock;
         QThread::msleep(kPauseMs);
     }
+}
+
+struct flock byteAt(qint64 offset, short type) {
+    struct flock range {};
+    range.l_type = type;
+    range.l_whence = SEEK_SET;
+    range.l_start = offset;
+    range.l_len = 1;
+    return range;
 }
 
 } // namespace
@@ -43,11 +51,7 @@ qint64 CacheLocks::offset(const QByteArray& key, int which) {
 }
 
 bool CacheLocks::setLock(qint64 offset, short type) {
-    struct flock range {};
-    range.l_type = type;
-    range.l_whence = SEEK_SET;
-    range.l_start = offset;
-    range.l_len = 1;
+    struct flock range = byteAt(offset, type);
     return ::fcntl(m_file.get(), F_OFD_SETLK, &range) == 0;
 }
 
@@ -68,12 +72,20 @@ std::optional<CacheLock> CacheLocks::tryExclusive(qint64 offset) {
     return CacheLock(shared_from_this(), offset);
 }
 
-std::optional<CacheLock> CacheLocks::waitShared(qint64 offset) {
-    return insist([&] { return tryShared(offset); });
+std::optional<CacheLock> CacheLocks::waitShared(qint64 offset, std::chrono::milliseconds patience) {
+    return insist([&] { return tryShared(offset); }, patience);
 }
 
-std::optional<CacheLock> CacheLocks::waitExclusive(qint64 offset) {
-    return insist([&] { return tryExclusive(offset); });
+std::optional<CacheLock> CacheLocks::waitExclusive(qint64 offset, std::chrono::milliseconds patience) {
+    return insist([&] { return tryExclusive(offset); }, patience);
+}
+
+bool CacheLocks::isHeldExclusively(qint64 offset) {
+    const QMutexLocker lock(&m_mutex);
+    if (const auto held = m_held.constFind(offset); held != m_held.constEnd())
+        return *held == kExclusive;
+    struct flock range = byteAt(offset, F_RDLCK);
+    return ::fcntl(m_file.get(), F_OFD_GETLK, &range) == 0 && range.l_type != F_UNLCK;
 }
 
 void CacheLocks::release(qint64 offset) {

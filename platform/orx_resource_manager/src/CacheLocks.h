@@ -5,6 +5,7 @@
 #include <QHash>
 #include <QMutex>
 
+#include <chrono>
 #include <memory>
 #include <optional>
 
@@ -55,9 +56,15 @@ public:
     //! None when somebody else holds it in a way that excludes this.
     std::optional<CacheLock> tryShared(qint64 offset);
     std::optional<CacheLock> tryExclusive(qint64 offset);
-    //! Waits; for locks that are held for a short time only. None when it was in vain for a minute.
-    std::optional<CacheLock> waitShared(qint64 offset);
-    std::optional<CacheLock> waitExclusive(qint64 offset);
+    //! Whether somebody, here or in another process, keeps all others from it. Takes nothing.
+    bool isHeldExclusively(qint64 offset);
+    //! How long a worker waits for a lock that others hold for a short time only, and how long an event loop
+    //! does, which waits for less than that in all but the worst case.
+    static constexpr std::chrono::milliseconds kPatience{60'000};
+    static constexpr std::chrono::milliseconds kShortPatience{1000};
+    //! None when it was in vain.
+    std::optional<CacheLock> waitShared(qint64 offset, std::chrono::milliseconds patience = kPatience);
+    std::optional<CacheLock> waitExclusive(qint64 offset, std::chrono::milliseconds patience = kPatience);
 
 private:
     friend class CacheLock;

@@ -82,6 +82,19 @@ public:
     Error clearPlace(const CacheSubPath& place);
     //! Record and content; ErrorCode::Busy when somebody uses it. Nothing when there is neither.
     Error remove(const CacheSubPath& place);
+    //! What an entry held when its place was made free.
+    struct Displaced {
+        std::shared_ptr<CacheRoot> root;
+        //! Keeps everybody from the entry whose record is still there.
+        CacheLock use;
+        std::optional<qint64> record;
+        //! In the staging directory; empty when nothing was at the place.
+        QByteArray content;
+    };
+    //! Makes the place free as remove() does, for who has its kWrite lock and must not wait: whatever is
+    //! there, it takes a few calls, and writes no records. The rest is left to discard().
+    Result<Displaced> displace(const CacheSubPath& place);
+    Error discard(const Displaced& displaced);
 
     //! ErrorCode::ChecksumMismatch when \a expected (hexadecimal; empty: unknown) is not a file's digest.
     static Error compare(const CachePayload& payload, const QString& expected, const QString& shown);

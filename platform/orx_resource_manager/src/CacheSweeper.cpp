@@ -176,26 +176,39 @@ void CacheSweeper::takeContent(const CacheRoot& root) {
     markSwept(root);
 }
 
-//! What of \a paths is left over, now that nobody brings content. Each at once, whatever its size, so that
-//! nobody waits for long.
-QByteArrayList CacheSweeper::take(const CacheRoot& root, const QByteArrayList& paths) {
+//! What of \a paths seems to be left over.
+QByteArrayList CacheSweeper::leftoversOf(const CacheRoot& root, const QByteArrayList& paths) {
     QStringList subPaths;
     for (const QByteArray& path : paths)
         subPaths << QFile::decodeName(path);
     const auto ties = m_store.records().ties(subPaths);
     note(ties.error());
-    QByteArrayList taken;
+    QByteArrayList found;
     for (qsizetype i = 0; ties && i < paths.size(); ++i) {
-        const QString shown = m_store.contentDir() + u'/' + subPaths.at(i);
         QByteArrayList above = paths.at(i).split('/');
         const QByteArray name = above.takeLast();
-        const auto parent = openDirectories(root.content.get(), above, shown);
+        const auto parent = openDirectories(root.content.get(), above, subPaths.at(i));
         struct stat status {};
         if (!parent || ::fstatat(parent->get(), name.constData(), &status, AT_SYMLINK_NOFOLLOW) != 0)
             continue;
         const auto tie = (*ties)[size_t(i)];
         const bool isInTheWay = tie == CacheRecords::Tie::Above && !S_ISDIR(status.st_mode);
-        if (tie != CacheRecords::Tie::None && isKept(status) && !isInTheWay)
+        if (tie == CacheRecords::Tie::None || !isKept(status) || isInTheWay)
+            found << paths.at(i);
+    }
+    return found;
+}
+
+//! What of \a paths is left over, now that nobody brings content. Each at once, whatever its size, so that
+//! nobody waits for long.
+QByteArrayList CacheSweeper::take(const CacheRoot& root, const QByteArrayList& paths) {
+    QByteArrayList taken;
+    for (const QByteArray& path : leftoversOf(root, paths)) {
+        const QString shown = m_store.contentDir() + u'/' + QFile::decodeName(path);
+        QByteArrayList above = path.split('/');
+        const QByteArray name = above.takeLast();
+        const auto parent = openDirectories(root.content.get(), above, shown);
+        if (!parent)
             continue;
         const QByteArray gone = "gone-" + QUuid::createUuid().toByteArray(QUuid::Id128);
         if (::renameat(parent->get(), name.constData(), root.staging.get(), gone.constData()) == 0)
@@ -204,6 +217,38 @@ QByteArrayList CacheSweeper::take(const CacheRoot& root, const QByteArrayList& p
             note(systemError("Could not take \"%1\" out of the cache", shown));
     }
     return taken;
+}
+
+//! Takes one leftover when nobody brings it there. Of one that is no directory its own locks tell that;
+//! writers, who hold the lock of the sweep for long, need not end for it.
+Error CacheSweeper::takeBeside(const CacheRoot& root, const QByteArray& path, QByteArrayList& taken) {
+    const QString subPath = QFile::decodeName(path);
+    struct stat status {};
+    const bool isGone =
+        ::fstatat(root.content.get(), path.constData(), &status, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT;
+    if (isGone)
+        return Error();
+    std::optional<CacheLock> sweep;
+    std::optional<CacheLock> atPlace;
+    // None for what cannot be the name of an entry.
+    const auto place = m_store.parse(subPath);
+    const auto isWritten = [&] {
+        return place && root.locks->isHeldExclusively(CacheLocks::offset(place->key(), CacheLocks::kWrite));
+    };
+    if (isWritten())
+        return Error();
+    if (S_ISDIR(status.st_mode)) {
+        sweep = root.locks->waitExclusive(CacheLocks::kSweep);
+        if (!sweep)
+            return CacheStore::busy(subPath);
+    } else if (place) {
+        atPlace = root.locks->waitExclusive(CacheLocks::offset(place->key(), CacheLocks::kPlace));
+        if (!atPlace)
+            return CacheStore::busy(subPath);
+    }
+    if (!isWritten())
+        taken += take(root, {path});
+    return Error();
 }
 
 Error CacheSweeper::clearBeside(const CacheSubPath& place) {
@@ -226,15 +271,16 @@ Error CacheSweeper::clearBeside(const CacheSubPath& place) {
     }
     if (paths.isEmpty())
         return Error();
-    const auto lock = (*root)->locks->waitExclusive(CacheLocks::kSweep);
-    if (!lock)
-        return CacheStore::busy(place.text());
-    const QByteArrayList taken = take(**root, paths);
-    if (!m_report.problems.isEmpty())
-        return Error(ErrorCode::General, m_report.problems.join(u' '));
+    QByteArrayList taken;
+    Error error;
+    for (const QByteArray& leftover : leftoversOf(**root, paths))
+        if (Error kept = takeBeside(**root, leftover, taken); kept.hasError())
+            error = std::move(kept);
+    if (!error.hasError() && !m_report.problems.isEmpty())
+        error = Error(ErrorCode::General, m_report.problems.join(u' '));
     for (const QByteArray& gone : taken)
         note(removeTree((*root)->staging.get(), gone, m_store.stagingDir() + u'/' + QFile::decodeName(gone)));
-    return Error();
+    return error;
 }
 
 //! The names are "fill-", "add-" and "gone-" with the key of their lock.

@@ -27,6 +27,8 @@ private:
     //! Moves content without records, and what is no content, to the staging directory.
     void takeContent(const CacheRoot& root);
     QByteArrayList take(const CacheRoot& root, const QByteArrayList& paths);
+    QByteArrayList leftoversOf(const CacheRoot& root, const QByteArrayList& paths);
+    Error takeBeside(const CacheRoot& root, const QByteArray& path, QByteArrayList& taken);
     void note(const Error& error);
 
     CacheStore& m_store;

@@ -3,6 +3,8 @@
 
 #include <WorkerPool.h>
 
+#include <SQLiteCpp/Database.h>
+
 #include <atomic>
 #include <future>
 #include <latch>
@@ -415,6 +417,45 @@ TEST_F(CacheAddTest, AWriterWaitsForWhoTakesLeftoversAway) {
     EXPECT_FALSE(error.hasError()) << qPrintable(error.errorMessage());
     EXPECT_TRUE(cache.waitForPending().isEmpty());
     EXPECT_TRUE(cache.contains(kEntry));
+}
+
+TEST_F(CacheAddTest, AWriterDoesNotWaitForWhoWritesRecords) {
+    ASSERT_FALSE(fill(kEntry, "old").hasError());
+    const QString other = u"server/run2.mzML"_qs;
+    SQLite::Database records(database().toStdString(), SQLite::OPEN_READWRITE, 10'000);
+    records.exec("BEGIN IMMEDIATE");
+    // A worker comes to wait for the records with it.
+    ASSERT_FALSE(cache.add(nullptr, other, Path(source("copied"))).hasError());
+    std::shared_ptr<ResourceCacheWork> work;
+    const Error error = cache.add(nullptr, kEntry, [&] {
+        EXPECT_FALSE(QFileInfo::exists(placeOf(kEntry)));
+        EXPECT_TRUE(orx::testing::writeFile(placeOf(kEntry), "written"));
+        work = cache.deferSeal(kEntry);
+        return Error();
+    });
+    EXPECT_FALSE(error.hasError()) << qPrintable(error.errorMessage());
+    // Nobody gets or removes what is being made, though the old record may still be there.
+    EXPECT_FALSE(cache.contains(kEntry));
+    EXPECT_FALSE(cache.lease(kEntry));
+    records.exec("COMMIT");
+    ASSERT_TRUE(work);
+    EXPECT_TRUE(cache.prune({0, std::nullopt}));
+    EXPECT_TRUE(cache.verify()->damaged.isEmpty());
+    EXPECT_EQ(orx::testing::readFile(placeOf(kEntry)), "written");
+    work->finished(Error());
+    EXPECT_TRUE(cache.waitForPending().isEmpty());
+    EXPECT_TRUE(cache.contains(kEntry));
+    EXPECT_TRUE(staged().isEmpty());
+}
+
+TEST_F(CacheAddTest, AWriterThatFailsLeavesNoRecordOfWhatItReplaced) {
+    ASSERT_FALSE(fill(kEntry, "old").hasError());
+    EXPECT_TRUE(
+        cache.add(nullptr, kEntry, [] { return Error(ErrorCode::General, u"out of ink"_qs); }).hasError());
+    (void)cache.waitForPending();
+    EXPECT_TRUE(subPaths().isEmpty());
+    EXPECT_TRUE(staged().isEmpty());
+    EXPECT_FALSE(fill(kEntry, "new").hasError());
 }
 
 TEST_F(CacheAddTest, NothingElseComesWhereAWriterIsAtWork) {

@@ -168,6 +168,22 @@ TEST_F(CacheCallsTest, ADirectoryIsAddedWithoutLookingIntoIt) {
     EXPECT_EQ(cache.entries()->last().files, kFiles);
 }
 
+TEST_F(CacheCallsTest, WhatAWriterReplacesIsRemovedByAWorker) {
+    addDirectory();
+    EXPECT_LT(callsOf([this] {
+                  const Error error = cache.add(nullptr, kFolder, [this] {
+                      EXPECT_FALSE(QFileInfo::exists(placeOf(kFolder)));
+                      EXPECT_FALSE(cache.contains(kFolder));
+                      return Error();
+                  });
+                  EXPECT_FALSE(error.hasError()) << qPrintable(error.errorMessage());
+              }),
+              2 * kFewCalls);                    // looks at what is there, too
+    EXPECT_EQ(cache.waitForPending().size(), 1); // nothing was written
+    EXPECT_TRUE(cache.entries()->isEmpty());
+    EXPECT_TRUE(staged().isEmpty());
+}
+
 TEST_F(CacheCallsTest, TheCallsOfWhoLooksAtEverythingAreCounted) {
     addDirectory();
     EXPECT_GT(callsOf([this] { EXPECT_TRUE(cache.verify()->damaged.isEmpty()); }), 2 * kFiles);

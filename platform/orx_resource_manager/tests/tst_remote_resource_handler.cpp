@@ -441,6 +441,49 @@ TEST_F(RemoteResourceHandlerTest, OtherEntriesBesideTheContentStay) {
     EXPECT_EQ(elsewhere.fetched, 2);
 }
 
+TEST_F(RemoteResourceHandlerTest, WhatLiesBesideTheContentDoesNotKeepARetrievalWaitingForWriters) {
+    const QString other = QFileInfo(kSubPath).path() + QStringLiteral("/run1-renamed.mzML");
+    const QString planted = QFileInfo(handlerOf()->expectedPath()->toString()).path() + u"/planted.mzML"_qs;
+    ASSERT_TRUE(handlerOf(other)->retrieve());
+    std::shared_ptr<ResourceCacheWork> work;
+    const QString made = QStringLiteral("server/being made");
+    const Error error = cache.add(nullptr, made, [&] {
+        work = cache.deferSeal(made);
+        return Error();
+    });
+    ASSERT_FALSE(error.hasError()) << qPrintable(error.errorMessage());
+    for (const bool isPlanted : {false, true}) {
+        if (isPlanted)
+            write(planted, "not the content");
+        const auto handler = handlerOf();
+        handler->overrideRetrieveMode(Mode::Refresh);
+        const auto path = handler->retrieve();
+        ASSERT_TRUE(path) << qPrintable(path.errorMessage());
+        EXPECT_FALSE(QFileInfo::exists(planted));
+    }
+    EXPECT_TRUE(handlerOf(other)->isAvailableLocally());
+    write(cache.expectedPath(made)->toString(), "made");
+    work->finished(Error());
+    EXPECT_TRUE(cache.waitForPending().isEmpty());
+    EXPECT_TRUE(cache.contains(made));
+}
+
+TEST_F(RemoteResourceHandlerTest, WhatAWriterMakesBesideTheContentStays) {
+    const QString other = QFileInfo(kSubPath).path() + QStringLiteral("/run1-renamed.mzML");
+    std::shared_ptr<ResourceCacheWork> work;
+    const Error error = cache.add(nullptr, other, [&] {
+        write(cache.expectedPath(other)->toString(), "made");
+        work = cache.deferSeal(other);
+        return Error();
+    });
+    ASSERT_FALSE(error.hasError()) << qPrintable(error.errorMessage());
+    const auto path = handlerOf()->retrieve();
+    EXPECT_TRUE(path) << qPrintable(path.errorMessage());
+    work->finished(Error());
+    EXPECT_TRUE(cache.waitForPending().isEmpty());
+    EXPECT_TRUE(cache.contains(other));
+}
+
 TEST_F(RemoteResourceHandlerTest, NobodyIsAskedForWhatIsInTheCache) {
     Refusal refusal;
     EXPECT_TRUE(handlerOf()->retrieve(&refusal).error().is(ErrorCode::Canceled));

@@ -1,0 +1,244 @@
+// How content comes to its place in a cache, and goes from it.
+#include "CacheStore.h"
+
+#include <QCoreApplication>
+#include <QUuid>
+
+#include <cerrno>
+#include <cstdio>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace orx {
+
+using namespace CacheFiles;
+
+namespace {
+
+//! Directories above a place may be removed, being empty, just when they are to be used.
+constexpr int kAttempts = 20;
+
+QString translated(const char* text) {
+    return QCoreApplication::translate("orx::ResourceCache", text);
+}
+
+} // namespace
+
+Result<CacheDescriptor> CacheStore::ensureParent(const CacheSubPath& place) {
+    const auto opened = root();
+    if (opened.hasError())
+        return opened.error();
+    QByteArrayList above = place.components();
+    above.removeLast();
+    for (int attempt = 1;; ++attempt) {
+        auto parent = ensureDirectories((*opened)->content.get(), above, placePath(place));
+        if (parent || attempt == kAttempts || !isMissing(parent.error()))
+            return parent;
+    }
+}
+
+Error CacheStore::seal(const CacheSubPath& place, int staging, const QByteArray& name,
+                       const CachePayload& payload) {
+    const auto opened = root();
+    if (opened.hasError())
+        return opened.error();
+    CacheLocks& locks = *(*opened)->locks;
+    // What a writer makes at the place would be exchanged under its hands.
+    const auto write = locks.tryShared(CacheLocks::offset(place.key(), CacheLocks::kWrite));
+    const auto sweep = write ? locks.waitShared(CacheLocks::kSweep) : std::nullopt;
+    const auto lock =
+        sweep ? locks.waitExclusive(CacheLocks::offset(place.key(), CacheLocks::kPlace)) : std::nullopt;
+    if (!lock)
+        return busy(place.text());
+    const auto taken = m_work.isTaken(place.text());
+    if (taken.hasError())
+        return taken.error();
+    if (*taken)
+        return m_work.put(place.text(), payload, CacheRecords::Durability::Flushed); // tells why not
+    return exchange(place, staging, name, payload);
+}
+
+namespace {
+
+//! For file systems that cannot exchange: for a moment there is nothing at the place.
+int swapByRenames(int from, const char* name, int to, const char* there) {
+    const QByteArray aside = QByteArray(".aside-") + QUuid::createUuid().toByteArray(QUuid::Id128);
+    const bool wasThere = ::renameat(to, there, from, aside.constData()) == 0;
+    if (!wasThere && errno != ENOENT)
+        return errno;
+    if (::renameat(from, name, to, there) != 0) {
+        const int failure = errno;
+        if (wasThere)
+            ::renameat(from, aside.constData(), to, there);
+        return failure;
+    }
+    return !wasThere || ::renameat(from, aside.constData(), from, name) == 0 ? 0 : errno;
+}
+
+//! Exchanges two names, the second of which may be free. Called the other way round it undoes itself. Returns
+//! 0 or errno.
+int swapNames(int from, const char* name, int to, const char* there) {
+    if (::renameat2(from, name, to, there, RENAME_EXCHANGE) == 0)
+        return 0;
+    if (errno == ENOENT && ::renameat2(from, name, to, there, RENAME_NOREPLACE) == 0)
+        return 0;
+    const bool isUnknown = errno == EINVAL || errno == ENOSYS || errno == ENOTSUP;
+    return isUnknown ? swapByRenames(from, name, to, there) : errno;
+}
+
+} // namespace
+
+Error CacheStore::exchange(const CacheSubPath& place, int staging, const QByteArray& name,
+                           const CachePayload& payload) {
+    const QString shown = placePath(place);
+    const char* there = place.name().constData();
+    const auto recorded = m_work.find(place.text());
+    if (recorded.hasError() && !recorded.error().is(ErrorCode::NotFound))
+        return recorded.error();
+    for (int attempt = 1;; ++attempt) {
+        const auto parent = ensureParent(place);
+        if (parent.hasError())
+            return parent.error();
+        const int failure = swapNames(staging, name.constData(), parent->get(), there);
+        if ((failure == ENOENT || failure == EEXIST) && attempt < kAttempts)
+            continue;
+        errno = failure;
+        if (failure != 0)
+            return systemError("Could not bring \"%1\" to its place in the cache", shown);
+        // Without an old content or record that could come back, nothing can be taken for what it is not.
+        const bool isNew =
+            !recorded && ::faccessat(staging, name.constData(), F_OK, AT_SYMLINK_NOFOLLOW) != 0;
+        Error error = isNew ? Error() : flush(parent->get(), shown);
+        if (!error.hasError())
+            error = m_work.put(place.text(), payload,
+                               isNew ? CacheRecords::Durability::Relaxed : CacheRecords::Durability::Flushed);
+        if (error.hasError() && swapNames(parent->get(), there, staging, name.constData()) != 0)
+            qCWarning(cacheLog).noquote() << systemError("Could not bring back \"%1\"", shown).errorMessage();
+        return error;
+    }
+}
+
+Error CacheStore::sealInPlace(const CacheSubPath& place, const CachePayload& payload) {
+    const auto parent = openParent(place);
+    if (parent.hasError())
+        return parent.error();
+    ORX_RETURN_ON_ERROR(flush(parent->get(), placePath(place)));
+    const auto opened = root();
+    if (opened.hasError())
+        return opened.error();
+    const auto lock = (*opened)->locks->waitExclusive(CacheLocks::offset(place.key(), CacheLocks::kPlace));
+    return lock ? m_work.put(place.text(), payload, CacheRecords::Durability::Flushed) : busy(place.text());
+}
+
+Error CacheStore::flushWay(const CacheSubPath& place) {
+    const auto opened = root();
+    if (opened.hasError())
+        return opened.error();
+    QByteArrayList above = place.components();
+    do {
+        above.removeLast();
+        const auto directory = openDirectories((*opened)->content.get(), above, placePath(place));
+        if (directory.hasError())
+            return isMissing(directory.error()) ? Error() : directory.error();
+        ORX_RETURN_ON_ERROR(flush(directory->get(), placePath(place)));
+    } while (!above.isEmpty());
+    return Error();
+}
+
+Error CacheStore::clearPlace(const CacheSubPath& place) {
+    const auto opened = root();
+    if (opened.hasError())
+        return opened.error();
+    const auto parent = openParent(place);
+    if (parent.hasError())
+        return isMissing(parent.error()) ? Error() : parent.error();
+    ORX_RETURN_ON_ERROR(removeTree(parent->get(), place.name(), placePath(place)));
+    QByteArrayList above = place.components();
+    above.removeLast();
+    while (!above.isEmpty()) {
+        const QByteArray name = above.takeLast();
+        const auto directory = openDirectories((*opened)->content.get(), above, placePath(place));
+        // One that is not empty, or used by now, ends it.
+        if (directory.hasError() || ::unlinkat(directory->get(), name.constData(), AT_REMOVEDIR) != 0)
+            break;
+    }
+    return Error();
+}
+
+namespace {
+
+Error noEntry(const CacheSubPath& place) {
+    return Error(ErrorCode::InvalidArgument,
+                 translated("\"%1\" is no entry of the cache.").arg(place.text()));
+}
+
+} // namespace
+
+Error CacheStore::remove(const CacheSubPath& place) {
+    const auto opened = root();
+    if (opened.hasError())
+        return opened.error();
+    CacheLocks& locks = *(*opened)->locks;
+    const auto use = locks.tryExclusive(CacheLocks::offset(place.key(), CacheLocks::kUse));
+    const auto lock =
+        use ? locks.waitExclusive(CacheLocks::offset(place.key(), CacheLocks::kPlace)) : std::nullopt;
+    if (!lock)
+        return busy(place.text());
+    const auto taken = m_work.isTaken(place.text());
+    if (taken.hasError())
+        return taken.error();
+    if (*taken)
+        return noEntry(place);
+    const auto record = m_work.find(place.text());
+    if (record.hasError() && !record.error().is(ErrorCode::NotFound))
+        return record.error();
+    if (record)
+        ORX_RETURN_ON_ERROR(m_work.remove(record->id));
+    return clearPlace(place);
+}
+
+Result<CacheStore::Displaced> CacheStore::displace(const CacheSubPath& place) {
+    const auto opened = root();
+    if (opened.hasError())
+        return opened.error();
+    CacheLocks& locks = *(*opened)->locks;
+    auto use = locks.tryExclusive(CacheLocks::offset(place.key(), CacheLocks::kUse));
+    const auto lock = use ? locks.waitExclusive(CacheLocks::offset(place.key(), CacheLocks::kPlace),
+                                                CacheLocks::kShortPatience)
+                          : std::nullopt;
+    if (!lock)
+        return busy(place.text());
+    const auto taken = m_quick.isTaken(place.text());
+    if (taken.hasError())
+        return taken.error();
+    if (*taken)
+        return noEntry(place);
+    const auto record = m_quick.find(place.text());
+    if (record.hasError() && !record.error().is(ErrorCode::NotFound))
+        return record.error();
+    Displaced displaced{*opened, std::move(*use), record ? std::optional(record->id) : std::nullopt, {}};
+    const auto parent = openParent(place);
+    if (parent.hasError() && !isMissing(parent.error()))
+        return parent.error();
+    const QByteArray gone = "gone-" + QUuid::createUuid().toByteArray(QUuid::Id128);
+    if (parent &&
+        ::renameat(parent->get(), place.name().constData(), (*opened)->staging.get(), gone.constData()) == 0)
+        displaced.content = gone;
+    else if (parent && errno != ENOENT)
+        return systemError("Could not take \"%1\" out of the cache", placePath(place));
+    return displaced;
+}
+
+Error CacheStore::discard(const Displaced& displaced) {
+    const Error unrecorded = displaced.record ? m_work.remove(*displaced.record) : Error();
+    // What could not be removed is left to the next sweep.
+    const Error removed = displaced.content.isEmpty()
+                              ? Error()
+                              : removeTree(displaced.root->staging.get(), displaced.content, stagingDir());
+    if (removed.hasError())
+        qCWarning(cacheLog).noquote() << removed.errorMessage();
+    return unrecorded;
+}
+
+} // namespace orx
