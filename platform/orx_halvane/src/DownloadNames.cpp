@@ -28,6 +28,16 @@ QByteArray beginning(const QString& name, qsizetype maximum) {
     return bytes;
 }
 
+QString sibling(const QString& name, const char* kind, int fileId, int version) {
+    const QByteArray suffix =
+        QByteArray(".halvane-") + kind + '-' + QByteArray::number(fileId) + '-' + QByteArray::number(version);
+    const QByteArray whole = "." + QFile::encodeName(name) + suffix;
+    if (whole.size() <= DownloadNames::maxBytes)
+        return QFile::decodeName(whole);
+    const QByteArray end = "~" + ChunkHash::of(QFile::encodeName(name)) + suffix;
+    return QFile::decodeName("." + beginning(name, DownloadNames::maxBytes - 1 - end.size()) + end);
+}
+
 } // namespace
 
 Error DownloadNames::check(const QString& name) {
@@ -73,13 +83,15 @@ QString DownloadNames::shortened(const QString& base, const QString& end) {
 }
 
 QString DownloadNames::partialName(const QString& name, int fileId, int version) {
-    const QByteArray suffix =
-        ".halvane-part-" + QByteArray::number(fileId) + "-" + QByteArray::number(version);
-    const QByteArray whole = "." + QFile::encodeName(name) + suffix;
-    if (whole.size() <= maxBytes)
-        return QFile::decodeName(whole);
-    const QByteArray end = "~" + ChunkHash::of(QFile::encodeName(name)) + suffix;
-    return QFile::decodeName("." + beginning(name, maxBytes - 1 - end.size()) + end);
+    return sibling(name, "part", fileId, version);
+}
+
+QString DownloadNames::packedName(const QString& name, int fileId, int version) {
+    return sibling(name, "packed", fileId, version);
+}
+
+QString DownloadNames::unpackedName(const QString& name, int fileId, int version) {
+    return sibling(name, "unpacked", fileId, version);
 }
 
 } // namespace orx

@@ -26,6 +26,10 @@ public:
     //! The hidden sibling that holds what has arrived so far: `.NAME.halvane-part-ID-VERSION`. Of a name too
     //! long for that only the beginning is in it, with a checksum of the whole.
     static QString partialName(const QString& name, int fileId, int version);
+    //! The same for a packed acquisition that has arrived, and for what it was unpacked to, before that takes
+    //! the name: `.NAME.halvane-packed-ID-VERSION` and `.NAME.halvane-unpacked-ID-VERSION`.
+    static QString packedName(const QString& name, int fileId, int version);
+    static QString unpackedName(const QString& name, int fileId, int version);
 };
 
 } // namespace orx

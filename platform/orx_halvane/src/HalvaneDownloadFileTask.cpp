@@ -472,9 +472,15 @@ std::unique_ptr<Task>
 HalvaneDownloadFileTaskCreator::create(const HalvaneFileDownloadParameters& parameters) {
     HalvaneFileDownloadParameters ofHandler = parameters;
     ofHandler.isIntermediate = true;
+    ofHandler.keepSame = true;
+    return createUnpacking(ofHandler);
+}
+
+std::unique_ptr<Task>
+HalvaneDownloadFileTaskCreator::createUnpacking(const HalvaneFileDownloadParameters& parameters) {
     if (parameters.reference && FileTypes::fileType(parameters.reference->name()) == FileTypes::VONK)
-        return std::make_unique<HalvaneDownloadVonkTask>(ofHandler);
-    return std::make_unique<HalvaneDownloadFileTask>(ofHandler);
+        return std::make_unique<HalvaneDownloadVonkTask>(parameters);
+    return std::make_unique<HalvaneDownloadFileTask>(parameters);
 }
 
 } // namespace orx

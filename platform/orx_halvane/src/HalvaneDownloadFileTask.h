@@ -56,10 +56,12 @@ private:
 
 class ORX_HALVANE_EXPORT HalvaneDownloadFileTaskCreator {
 public:
-    //! For resource handlers, whose cache takes the file on from the target directory: the target is
-    //! intermediate, whatever \a parameters say. A packed acquisition is unpacked there, into a directory of
-    //! its name with the data in "content".
+    //! For who takes the file on from a target directory of its own, as the cache of a resource handler does:
+    //! isIntermediate and keepSame hold, whatever \a parameters say. A packed acquisition is unpacked there,
+    //! into a directory of its name with the data in "content".
     static std::unique_ptr<Task> create(const HalvaneFileDownloadParameters& parameters);
+    //! The same by \a parameters: HalvaneDownloadVonkTask, or HalvaneDownloadFileTask.
+    static std::unique_ptr<Task> createUnpacking(const HalvaneFileDownloadParameters& parameters);
 };
 
 } // namespace orx

@@ -72,8 +72,8 @@ public:
     bool advancing = false;
     bool listingWaited = false;
     bool removesOthers = false;
-    //! Below the target; kept when others are to be removed.
-    QSet<QString> listed;
+    //! Kept when others are to be removed.
+    TargetDirectories::Kept listed;
 };
 
 HalvaneDownloadFolderTaskBase::HalvaneDownloadFolderTaskBase(
@@ -198,7 +198,7 @@ void HalvaneDownloadFolderTaskBase::Private::list(const Folder& folder) {
     const auto listing = std::make_shared<Listing>();
     listing->folder = folder;
     if (removesOthers)
-        listed.insert(folder.path);
+        listed.directories.insert(folder.path);
     const auto make = [path = pathOf(folder.path), isTarget = folder.path.isEmpty()] {
         return isTarget ? Error() : TargetDirectories::makeInside(path);
     };
@@ -253,7 +253,7 @@ void HalvaneDownloadFolderTaskBase::Private::onListed(const Listing& listing) {
 
 void HalvaneDownloadFolderTaskBase::Private::fetch(const File& file) {
     if (removesOthers)
-        listed.insert(file.path());
+        listed.files.insert(file.path());
     auto task = makeTask(file);
     if (task.hasError()) {
         plan.fileEnded();
@@ -328,7 +328,7 @@ Task* HalvaneDownloadFolderTask::createFileDownloadTask(
     parameters.overwrite = policy == DuplicateDownloadPolicy::Overwrite;
     parameters.keepSame = m_isMirroring;
     parameters.isIntermediate = m_isMirroring;
-    return HalvaneDownloadFileTaskCreator::create(parameters).release();
+    return HalvaneDownloadFileTaskCreator::createUnpacking(parameters).release();
 }
 
 } // namespace orx

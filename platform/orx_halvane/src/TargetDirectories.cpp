@@ -51,8 +51,7 @@ Error TargetDirectories::makeInside(const QString& path) {
                                 .arg(path)));
 }
 
-Error TargetDirectories::removeOthers(const QString& target, const QString& directory,
-                                      const QSet<QString>& kept) {
+Error TargetDirectories::removeOthers(const QString& target, const QString& directory, const Kept& kept) {
     const QFileInfoList entries =
         QDir(target + u'/' + directory)
             .entryInfoList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
@@ -60,7 +59,9 @@ Error TargetDirectories::removeOthers(const QString& target, const QString& dire
     for (const QFileInfo& entry : entries) {
         const QString path = directory.isEmpty() ? entry.fileName() : directory + u'/' + entry.fileName();
         const bool isDirectory = entry.isDir() && !entry.isSymLink();
-        if (kept.contains(path)) {
+        if (kept.files.contains(path))
+            continue;
+        if (kept.directories.contains(path)) {
             if (isDirectory)
                 ORX_RETURN_ON_ERROR(removeOthers(target, path, kept));
             continue;

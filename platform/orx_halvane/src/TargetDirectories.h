@@ -17,9 +17,16 @@ public:
     //! Makes \a path, whose parent exists, and flushes the parent's entry of it. A directory that is there is
     //! used as it is; anything else there, links included, is ErrorCode::AlreadyExists.
     static Error makeInside(const QString& path);
-    //! Removes what lies anywhere in the directory \a directory of \a target and is not in \a kept, which
-    //! holds paths below \a target. Links are removed, not followed.
-    static Error removeOthers(const QString& target, const QString& directory, const QSet<QString>& kept);
+    //! Paths below a target.
+    struct Kept {
+        //! What is not kept is removed from them.
+        QSet<QString> directories;
+        //! Files, and what stands for a file: a directory that it was unpacked to stays with all it holds.
+        QSet<QString> files;
+    };
+    //! Removes what lies anywhere in the directory \a directory of \a target and is not in \a kept. Links are
+    //! removed, not followed.
+    static Error removeOthers(const QString& target, const QString& directory, const Kept& kept);
 };
 
 } // namespace orx
