@@ -6,7 +6,6 @@
 #include "Resources.h"
 #include "UnpackedCheck.h"
 
-#include <DelayStepTask.h>
 #include <DownloadNames.h>
 #include <HalvaneDownloadFileTask.h>
 #include <HalvaneGetVonkMetadataTask.h>
@@ -31,8 +30,6 @@ using orx::vonk::VonkMetadata;
 using Outcome = DownloadedFile::Outcome;
 
 namespace {
-
-constexpr std::chrono::milliseconds waitForAnother(20);
 
 QString contentOf(const QString& unpacked) {
     return unpacked + QStringLiteral("/content");
@@ -179,6 +176,7 @@ QStringList AcquisitionDownloadTask::makers() const {
 }
 
 void AcquisitionDownloadTask::look(const Next& next) {
+    m_seenMakers = makers();
     const auto parts = std::make_shared<QList<Part>>(m_parts);
     execSubtask(workerStep(QStringLiteral("LookAtTarget"),
                            [parts, directory = m_wanted.directory]() -> Error {
@@ -224,10 +222,16 @@ void AcquisitionDownloadTask::compare(const std::shared_ptr<UnpackedCheck>& chec
                 });
 }
 
-const AcquisitionDownloadTask::Part* AcquisitionDownloadTask::firstClash() const {
-    const auto clash = std::find_if(m_parts.begin(), m_parts.end(),
-                                    [](const Part& part) { return part.isThere && !part.isSame; });
-    return clash == m_parts.end() ? nullptr : &*clash;
+QList<const AcquisitionDownloadTask::Part*> AcquisitionDownloadTask::clashes() const {
+    QList<const Part*> clashes;
+    for (const Part& part : m_parts) {
+        if (part.isThere && !part.isSame)
+            clashes.append(&part);
+    }
+    std::stable_partition(clashes.begin(), clashes.end(), [this](const Part* part) {
+        return !m_answerer.whoMade(targetPath(*part)).isEmpty();
+    });
+    return clashes;
 }
 
 bool AcquisitionDownloadTask::isAllSame() const {
@@ -237,16 +241,45 @@ bool AcquisitionDownloadTask::isAllSame() const {
 // Also when something came to the target while the content was fetched.
 void AcquisitionDownloadTask::onCompared() {
     m_mayOverwrite = false;
+    if (makers() != m_seenMakers)
+        return look([this] { onCompared(); });
     if (isAllSame())
-        return endAs(Outcome::Unchanged);
-    if (const Part* clash = firstClash())
-        return onClash(*clash);
+        return endUnchanged();
+    if (const QList<const Part*> found = clashes(); !found.isEmpty())
+        return onClashes(found);
     fetch();
 }
 
-void AcquisitionDownloadTask::onClash(const Part& clash) {
-    const QString path = targetPath(clash);
-    const Result<IfExists> decision = decide(path, m_answerer.whoMade(path));
+// From now on it is of this download.
+void AcquisitionDownloadTask::endUnchanged() {
+    takePlaces(targetPaths(), [this] {
+        const bool isAsSeen = makers() == m_seenMakers;
+        if (isAsSeen)
+            rememberFound(targetPaths());
+        leavePlaces();
+        if (isAsSeen)
+            return endAs(Outcome::Unchanged);
+        look([this] { onCompared(); });
+    });
+}
+
+// To overwrite what this download made is decided about each of it.
+Result<IfExists> AcquisitionDownloadTask::decideAbout(const QList<const Part*>& clashes) {
+    Result<IfExists> decision(IfExists::Overwrite);
+    for (const Part* clash : clashes) {
+        const QString path = targetPath(*clash);
+        const QString madeBy = m_answerer.whoMade(path);
+        if (clash != clashes.first() && madeBy.isEmpty())
+            break;
+        decision = decide(path, madeBy);
+        if (decision.hasError() || *decision != IfExists::Overwrite)
+            break;
+    }
+    return decision;
+}
+
+void AcquisitionDownloadTask::onClashes(const QList<const Part*>& clashes) {
+    const Result<IfExists> decision = decideAbout(clashes);
     if (decision.hasError())
         return finish(decision.error());
     if (*decision == IfExists::Skip)
@@ -256,7 +289,6 @@ void AcquisitionDownloadTask::onClash(const Part& clash) {
         return findFreeNames(2);
     }
     m_mayOverwrite = true;
-    m_overwrittenMakers = makers();
     fetch();
 }
 
@@ -265,7 +297,7 @@ void AcquisitionDownloadTask::findFreeNames(int number) {
     for (Part& part : m_parts)
         part.as = numbered(part.wantedName, number);
     look([this, number] {
-        if (firstClash())
+        if (!clashes().isEmpty())
             findFreeNames(number + 1);
         else
             onCompared();
@@ -416,39 +448,41 @@ void AcquisitionDownloadTask::downloadHere() {
 
 // ---- into the target
 
+// Another file of this download may come to the same place, or have come there meanwhile.
 void AcquisitionDownloadTask::place(const QString& contentDir) {
+    QStringList paths;
+    for (const Part& part : m_parts) {
+        if (!part.isSame)
+            paths.append(targetPath(part));
+    }
+    takePlaces(paths, [this, contentDir, paths] {
+        if (makers() == m_seenMakers)
+            return copy(contentDir, paths);
+        leavePlaces();
+        look([this] { onCompared(); });
+    });
+}
+
+void AcquisitionDownloadTask::copy(const QString& contentDir, const QStringList& paths) {
     ContentPlacing placing;
     placing.contentDir = contentDir;
     placing.targetDir = m_wanted.directory;
     placing.overwrites = m_mayOverwrite;
     placing.mayMove = !m_usesCache;
-    QStringList paths;
     for (const Part& part : m_parts) {
-        if (part.isSame)
-            continue;
-        placing.names.append({part.name, part.as});
-        paths.append(targetPath(part));
-    }
-    // Another file of this download may come to the same place, or have come there meanwhile.
-    if (!m_answerer.beginWriting(paths)) {
-        execSubtask(std::unique_ptr<BaseTask>(std::make_unique<orx::DelayStepTask>(waitForAnother)),
-                    [this, contentDir](BaseTask*) { place(contentDir); });
-        return;
-    }
-    if (m_mayOverwrite && makers() != m_overwrittenMakers) {
-        m_answerer.endWriting(paths);
-        return look([this] { onCompared(); });
+        if (!part.isSame)
+            placing.names.append({part.name, part.as});
     }
     execSubtask(
         workerStep(QStringLiteral("PlaceContent"), [placing] { return placing.run(); }),
         [this, paths](BaseTask*) {
-            for (const QString& path : paths)
-                m_answerer.remember(path, m_wanted.item);
-            m_answerer.endWriting(paths);
+            remember(paths);
+            rememberFound(targetPaths());
+            leavePlaces();
             endAs(Outcome::Downloaded);
         },
-        [this, paths](BaseTask* ended) {
-            m_answerer.endWriting(paths);
+        [this](BaseTask* ended) {
+            leavePlaces();
             onNotPlaced(ended->error());
         });
 }

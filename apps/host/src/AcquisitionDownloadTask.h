@@ -52,7 +52,6 @@ private:
         bool isSame = false;
         orx::Error problem;
     };
-    using Next = std::function<void()>;
     using Compared = std::function<void(bool isSame)>;
 
     static QList<Part> partsOf(const QList<orx::vonk::VonkEntry>& entries);
@@ -68,10 +67,14 @@ private:
     void look(const Next& next);
     void compareParts(qsizetype from, const Next& next);
     void compare(const std::shared_ptr<UnpackedCheck>& check, const Compared& next);
-    const Part* firstClash() const;
+    //! What another file of this download made first.
+    QList<const Part*> clashes() const;
     bool isAllSame() const;
     void onCompared();
-    void onClash(const Part& clash);
+    void endUnchanged();
+    //! One for all. Errors: those of ClashAnswerer::decide().
+    orx::Result<IfExists> decideAbout(const QList<const Part*>& clashes);
+    void onClashes(const QList<const Part*>& clashes);
     void findFreeNames(int number);
     orx::Error firstProblem() const;
     void endAs(DownloadedFile::Outcome outcome);
@@ -85,6 +88,7 @@ private:
     void unpackHere();
     void downloadHere();
     void place(const QString& contentDir);
+    void copy(const QString& contentDir, const QStringList& paths);
     void onNotPlaced(const orx::Error& error);
     //! What lies in \a contentDir under its own names.
     void compareContent(const QString& contentDir, const Compared& next);
@@ -100,8 +104,8 @@ private:
     QString m_stagingDir;
     bool m_usesCache = true;
     bool m_mayOverwrite = false;
-    //! Those that the decision to overwrite was about.
-    QStringList m_overwrittenMakers;
+    //! The makers as of the last look: what may be overwritten.
+    QStringList m_seenMakers;
 };
 
 } // namespace halvane::host

@@ -14,11 +14,23 @@ ClashAnswerer::ClashAnswerer(IfExists policy, Question question)
     , m_question(std::move(question)) {}
 
 void ClashAnswerer::remember(const QString& path, const RemoteItem& item) {
-    m_made.insert(QDir::cleanPath(path), item.reference());
+    const QFileInfo place(QDir::cleanPath(path));
+    m_made[place.path()].insert(place.fileName(), {item.type, item.id, item.version});
 }
 
 QString ClashAnswerer::whoMade(const QString& path) const {
-    return m_made.value(QDir::cleanPath(path));
+    const QFileInfo place(QDir::cleanPath(path));
+    const auto directory = m_made.find(place.path());
+    if (directory == m_made.end())
+        return {};
+    const auto maker = directory->find(place.fileName());
+    if (maker == directory->end())
+        return {};
+    RemoteItem item;
+    item.type = maker->type;
+    item.id = maker->id;
+    item.version = maker->version;
+    return item.reference();
 }
 
 bool ClashAnswerer::beginWriting(const QStringList& paths) {

@@ -274,8 +274,6 @@ void DownloadJob::fetchFolder(const Item& item) {
 
 void DownloadJob::onFileDone(const DownloadedFile& file, bool isSource) {
     ++m_doneFiles;
-    if (file.outcome == DownloadedFile::Outcome::Downloaded && m_request.sources.size() > 1)
-        m_answerer.remember(file.path, file.item);
     m_folderCounts.downloaded += file.outcome == DownloadedFile::Outcome::Downloaded ? 1 : 0;
     m_folderCounts.unchanged += file.outcome == DownloadedFile::Outcome::Unchanged ? 1 : 0;
     m_folderCounts.skipped += file.outcome == DownloadedFile::Outcome::Skipped ? 1 : 0;

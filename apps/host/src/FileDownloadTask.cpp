@@ -56,6 +56,12 @@ QString FileDownloadTask::targetPath() const {
 Error FileDownloadTask::initialize() {
     // The cache holds packed acquisitions unpacked.
     m_usesCache = !m_wanted.packed && mayUseCache(m_wanted.item.size);
+    look();
+    return {};
+}
+
+void FileDownloadTask::look() {
+    m_seenMaker = m_answerer.whoMade(targetPath());
     const auto look = std::make_shared<Look>();
     execSubtask(workerStep(QStringLiteral("LookAtTarget"),
                            [look, path = targetPath(), size = m_wanted.item.size]() -> Error {
@@ -67,7 +73,14 @@ Error FileDownloadTask::initialize() {
                                return {};
                            }),
                 [this, look](BaseTask*) { onLooked(*look); });
-    return {};
+}
+
+// Something has come to the target that no decision was about.
+void FileDownloadTask::lookAgain() {
+    leavePlaces();
+    m_name = m_wanted.name;
+    m_mayOverwrite = false;
+    look();
 }
 
 // What is complete already needs neither room nor permission.
@@ -79,7 +92,7 @@ void FileDownloadTask::onLooked(const Look& look) {
     }
     compare(targetPath(), [this, look](bool isSame) {
         if (isSame)
-            return endAs(Outcome::Unchanged);
+            return endUnchanged();
         onOtherContent(look);
     });
 }
@@ -90,9 +103,8 @@ void FileDownloadTask::onOtherContent(const Look& look) {
     // The plug-in's task asks when it has the file; but neither the direct download nor that of a dangling
     // link does.
     const bool isAskedLater = m_answerer.policy() == IfExists::Ask && m_usesCache && !look.isDangling;
-    const QString madeBy = m_answerer.whoMade(targetPath());
     const Result<IfExists> decision =
-        isAskedLater ? Result<IfExists>(IfExists::Ask) : decide(targetPath(), madeBy);
+        isAskedLater ? Result<IfExists>(IfExists::Ask) : decide(targetPath(), m_seenMaker);
     if (decision.hasError())
         return finish(decision.error());
     if (*decision == IfExists::Skip)
@@ -110,11 +122,12 @@ void FileDownloadTask::findFreeName(int number) {
     int passed = 1;
     m_name = orx::FileUtils::freeName(m_wanted.name,
                                       [&passed, number](const QString&) { return passed++ < number; });
+    m_seenMaker = m_answerer.whoMade(targetPath());
     if (!isThere(QFileInfo(targetPath())))
         return fetch();
     compare(targetPath(), [this, number](bool isSame) {
         if (isSame)
-            return endAs(Outcome::Unchanged);
+            return endUnchanged();
         findFreeName(number + 1);
     });
 }
@@ -139,6 +152,17 @@ void FileDownloadTask::compareMore(const std::shared_ptr<orx::ContentCheck>& che
                     else
                         compareMore(check, next);
                 });
+}
+
+// From now on it is a file of this download.
+void FileDownloadTask::endUnchanged() {
+    takePlaces({targetPath()}, [this] {
+        if (m_answerer.whoMade(targetPath()) != m_seenMaker)
+            return lookAgain();
+        rememberFound({targetPath()});
+        leavePlaces();
+        endAs(Outcome::Unchanged);
+    });
 }
 
 void FileDownloadTask::endAs(Outcome outcome) {
@@ -193,15 +217,37 @@ void FileDownloadTask::discardCopy(const orx::FileCopy::Stamp& seen) {
 void FileDownloadTask::refreshCache() {
     m_result.fromCache = false;
     m_handler->overrideRetrieveMode(ResourceHandler::RetrieveMode::Refresh);
-    auto retrieval = m_handler->retrieveAsync(ResourceHandler::AsyncProcessingType::RunByCaller, nullptr);
-    if (retrieval.hasError())
-        return onNotCopied(retrieval.error());
-    execSubtask(
-        std::unique_ptr<BaseTask>(std::move(retrieval).value()), [this](BaseTask*) { fetchThroughCache(); },
-        [this](BaseTask* task) { onNotCopied(task->error()); });
+    retrieve();
 }
 
 void FileDownloadTask::fetchThroughCache() {
+    m_handler->overrideRetrieveMode(ResourceHandler::RetrieveMode::CacheFirst);
+    retrieve();
+}
+
+void FileDownloadTask::retrieve() {
+    auto retrieval = m_handler->retrieveAsync(ResourceHandler::AsyncProcessingType::RunByCaller, nullptr);
+    if (retrieval.hasError())
+        return onNotCopied(retrieval.error());
+    std::unique_ptr<orx::Task> task = std::move(retrieval).value();
+    if (!task)
+        return place();
+    connect(task.get(), &BaseTask::progressInitiated, this, &BaseTask::progressInitiated);
+    connect(task.get(), &BaseTask::progress, this, &BaseTask::progress);
+    execSubtask(
+        std::unique_ptr<BaseTask>(std::move(task)), [this](BaseTask*) { place(); },
+        [this](BaseTask* ended) { onNotCopied(ended->error()); });
+}
+
+// What came to the target meanwhile the plug-in's task asks about, unless it may overwrite.
+void FileDownloadTask::place() {
+    takePlaces({targetPath()}, [this] {
+        m_mayOverwrite = m_mayOverwrite && m_answerer.whoMade(targetPath()) == m_seenMaker;
+        copy();
+    });
+}
+
+void FileDownloadTask::copy() {
     // Whether it is to be skipped or renamed this task answers itself, so that it knows what came of it.
     const auto policy = m_mayOverwrite ? DuplicateDownloadPolicy::Overwrite : DuplicateDownloadPolicy::Ask;
     HalvaneDownloadFileCacheTask* task = nullptr;
@@ -219,8 +265,6 @@ void FileDownloadTask::fetchThroughCache() {
                     onClash(names, {}, *task, *newNames);
                 });
     }
-    connect(task, &BaseTask::progressInitiated, this, &BaseTask::progressInitiated);
-    connect(task, &BaseTask::progress, this, &BaseTask::progress);
     execSubtask(
         std::unique_ptr<BaseTask>(task), [this, task](BaseTask*) { onCopied(*task); },
         [this](BaseTask* ended) { onNotCopied(ended->error()); });
@@ -231,21 +275,28 @@ void FileDownloadTask::onClash(const QStringList& names, const MadeBy& madeBy,
                                HalvaneDownloadFileCacheTask& task, QStringList& newNames) {
     const QDir directory(m_wanted.directory);
     const QString first = names.value(0);
-    const auto maker = madeBy.value(first);
+    const auto reference = madeBy.value(first);
     const QString path = directory.filePath(first);
-    const Result<IfExists> decision = decide(path, maker ? maker->toText() : m_answerer.whoMade(path));
+    const QString maker = reference ? reference->toText() : m_answerer.whoMade(path);
+    const Result<IfExists> decision = decide(path, maker);
     using Policy = orx::FileUtils::DuplicateFilesPolicy;
     if (decision.hasError()) {
         m_refusal = decision.error();
         task.setError(m_refusal);
     } else if (*decision == IfExists::Overwrite) {
+        m_mayOverwrite = true;
+        m_seenMaker = maker;
         task.setDuplicateFilesPolicy(Policy::Overwrite);
     } else if (*decision == IfExists::Skip) {
         m_skipped = true;
         task.setDuplicateFilesPolicy(Policy::Skip);
     } else {
         const auto isTaken = [&](const QString& name) {
-            return isThere(QFileInfo(directory.filePath(name))) || newNames.contains(name);
+            const QString place = m_wanted.directory + u'/' + name;
+            if (isThere(QFileInfo(place)) || newNames.contains(name) || !m_answerer.beginWriting({place}))
+                return true;
+            m_places.append(place);
+            return false;
         };
         for (QString& name : newNames)
             name = orx::FileUtils::freeName(name, isTaken);
@@ -257,10 +308,14 @@ void FileDownloadTask::onCopied(HalvaneDownloadFileCacheTask& task) {
     QStringList paths;
     for (const QString& name : task.filenames())
         paths.append(m_wanted.directory + u'/' + name);
-    if (paths.isEmpty() && m_skipped)
+    if (paths.isEmpty() && m_skipped) {
+        leavePlaces();
         return endAs(Outcome::Skipped);
+    }
     if (paths.isEmpty())
         paths.append(targetPath());
+    remember(paths);
+    leavePlaces();
     m_result.path = paths.first();
     m_result.outcome = Outcome::Downloaded;
     m_result.isRenamed = m_name != m_wanted.name;
@@ -270,6 +325,7 @@ void FileDownloadTask::onCopied(HalvaneDownloadFileCacheTask& task) {
 // ---- when the cache or the copy failed
 
 void FileDownloadTask::onNotCopied(const Error& error) {
+    leavePlaces();
     if (isCanceled())
         return finish(error);
     if (m_refusal.hasError())
@@ -301,7 +357,18 @@ void FileDownloadTask::fetchWithoutCache(const Error& cause) {
     fetchDirectly();
 }
 
+// Whatever else would write to the target waits until it is fetched.
 void FileDownloadTask::fetchDirectly() {
+    m_usesCache = false;
+    takePlaces({targetPath()}, [this] {
+        const bool isSeen = m_mayOverwrite && m_answerer.whoMade(targetPath()) == m_seenMaker;
+        if (!isSeen && isThere(QFileInfo(targetPath())))
+            return lookAgain();
+        download();
+    });
+}
+
+void FileDownloadTask::download() {
     m_result.fromCache = false;
     const auto reference =
         HalvaneFileResourceReference::create(m_wanted.item.id, m_wanted.item.version, m_wanted.item.name);
@@ -315,14 +382,29 @@ void FileDownloadTask::fetchDirectly() {
     auto task = std::make_unique<HalvaneDownloadFileTask>(parameters);
     connect(task.get(), &BaseTask::progressInitiated, this, &BaseTask::progressInitiated);
     connect(task.get(), &BaseTask::progress, this, &BaseTask::progress);
-    execSubtask(std::move(task), [this](HalvaneDownloadFileTask* ended) {
-        m_result.item.sha256 = ended->sha256();
-        m_result.item.size = ended->size();
-        m_result.path = targetPath();
-        m_result.outcome = Outcome::Downloaded;
-        m_result.isRenamed = m_name != m_wanted.name;
-        m_result.warnings = error().warnings();
-    });
+    HalvaneDownloadFileTask* raw = task.get();
+    execSubtask(
+        std::unique_ptr<BaseTask>(std::move(task)),
+        [this, raw](BaseTask*) {
+            remember({targetPath()});
+            leavePlaces();
+            m_result.item.sha256 = raw->sha256();
+            m_result.item.size = raw->size();
+            m_result.path = targetPath();
+            m_result.outcome = Outcome::Downloaded;
+            m_result.isRenamed = m_name != m_wanted.name;
+            m_result.warnings = error().warnings();
+        },
+        [this](BaseTask* ended) { onNotDownloaded(ended->error()); });
+}
+
+// Somebody else may have been faster.
+void FileDownloadTask::onNotDownloaded(const Error& error) {
+    leavePlaces();
+    const bool isTaken = error.is(ErrorCode::AlreadyExists) && isThere(QFileInfo(targetPath()));
+    if (isTaken && !m_mayOverwrite && !isCanceled())
+        return lookAgain();
+    finish(error);
 }
 
 } // namespace halvane::host

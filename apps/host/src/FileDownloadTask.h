@@ -15,7 +15,7 @@ namespace halvane::host {
 //! Brings a file as the one file that it is: into the cache and out of it by the plug-in's task, or directly.
 //! A content that is in the cache already is compared with the server's SHA-256 first, and fetched anew when
 //! it differs. Where the cache fails, and neither the server nor the target, the file comes down directly,
-//! with a warning.
+//! with a warning. What another file of the download has brought to the target meanwhile is a clash again.
 //!
 //! Errors: ErrorCode::FileNotWritable and ErrorCode::StorageFull for a target that cannot be, those of
 //! ClashAnswerer::decide(), those of the retrieval.
@@ -42,21 +42,29 @@ private:
     using Compared = std::function<void(bool isSame)>;
 
     QString targetPath() const;
+    void look();
+    void lookAgain();
     void onLooked(const Look& look);
     void onOtherContent(const Look& look);
     void findFreeName(int number);
     void compare(const QString& path, const Compared& next);
     void compareMore(const std::shared_ptr<orx::ContentCheck>& check, const Compared& next);
+    void endUnchanged();
     void endAs(DownloadedFile::Outcome outcome);
     void fetch();
     void discardCopy(const orx::FileCopy::Stamp& seen);
     void refreshCache();
     void fetchThroughCache();
+    void retrieve();
+    void place();
+    void copy();
     void onCopied(orx::HalvaneDownloadFileCacheTask& task);
     void onNotCopied(const orx::Error& error);
     void explain(const orx::Error& error);
     void fetchWithoutCache(const orx::Error& cause);
     void fetchDirectly();
+    void download();
+    void onNotDownloaded(const orx::Error& error);
 
     MakeTask m_makeTask;
     QSharedPointer<orx::ResourceHandler> m_handler;
@@ -64,6 +72,8 @@ private:
     QString m_name;
     bool m_usesCache = true;
     bool m_mayOverwrite = false;
+    //! Which file of this download is at the target, as of the last look: who may be overwritten.
+    QString m_seenMaker;
     //! What was answered to the plug-in's question.
     bool m_skipped = false;
     orx::Error m_refusal;

@@ -4,6 +4,7 @@
 #include "DownloadSteps.h"
 #include "RemotePath.h"
 
+#include <DelayStepTask.h>
 #include <FileTypes.h>
 #include <HalvaneHistory.h>
 #include <ResourceManager.h>
@@ -14,6 +15,12 @@ using orx::BaseTask;
 using orx::Error;
 using orx::Result;
 
+namespace {
+
+constexpr std::chrono::milliseconds waitForAnother(20);
+
+} // namespace
+
 ItemDownloadTask::ItemDownloadTask(const Wanted& wanted, ClashAnswerer& answerer, QObject* parent)
     : ComplexTask(QStringLiteral("Download(%1)").arg(wanted.item.reference()), parent)
     , m_wanted(wanted)
@@ -21,7 +28,9 @@ ItemDownloadTask::ItemDownloadTask(const Wanted& wanted, ClashAnswerer& answerer
     m_result.item = wanted.item;
 }
 
-ItemDownloadTask::~ItemDownloadTask() = default;
+ItemDownloadTask::~ItemDownloadTask() {
+    leavePlaces();
+}
 
 std::unique_ptr<ItemDownloadTask> ItemDownloadTask::create(const Wanted& wanted, ClashAnswerer& answerer,
                                                            const MakeTask& makeTask) {
@@ -56,6 +65,31 @@ Result<IfExists> ItemDownloadTask::decide(const QString& path, const QString& ma
             clash.existingVersion = version.value();
     }
     return m_answerer.decide(clash);
+}
+
+void ItemDownloadTask::takePlaces(const QStringList& paths, const Next& next) {
+    if (m_answerer.beginWriting(paths)) {
+        m_places += paths;
+        return next();
+    }
+    execSubtask(std::unique_ptr<BaseTask>(std::make_unique<orx::DelayStepTask>(waitForAnother)),
+                [this, paths, next](BaseTask*) { takePlaces(paths, next); });
+}
+
+void ItemDownloadTask::leavePlaces() {
+    m_answerer.endWriting(std::exchange(m_places, {}));
+}
+
+void ItemDownloadTask::remember(const QStringList& paths) {
+    for (const QString& path : paths)
+        m_answerer.remember(path, m_wanted.item);
+}
+
+void ItemDownloadTask::rememberFound(const QStringList& paths) {
+    for (const QString& path : paths) {
+        if (m_answerer.whoMade(path).isEmpty())
+            remember({path});
+    }
 }
 
 void ItemDownloadTask::recordVersion(const QStringList& paths) {

@@ -5,6 +5,7 @@
 #include <ComplexTask.h>
 #include <DuplicateDownload.h>
 
+#include <functional>
 #include <memory>
 
 namespace orx {
@@ -59,12 +60,23 @@ protected:
     bool mayUseCache(qint64 bytes);
     //! What is to become of the clash at \a path. Errors: those of ClashAnswerer::decide().
     orx::Result<IfExists> decide(const QString& path, const QString& madeBy);
+    using Next = std::function<void()>;
+    //! Goes on to \a next once no other file of this download writes to one of \a paths, which it keeps from
+    //! them until leavePlaces() or the end of the task.
+    void takePlaces(const QStringList& paths, const Next& next);
+    void leavePlaces();
+    //! What is at \a paths is this file now.
+    void remember(const QStringList& paths);
+    //! The same, except of those that another file of this download made, with the same content.
+    void rememberFound(const QStringList& paths);
     //! Tells the history what the paths are, and ends the result.
     void recordVersion(const QStringList& paths);
 
     Wanted m_wanted;
     ClashAnswerer& m_answerer;
     DownloadedFile m_result;
+    //! Nobody else writes there.
+    QStringList m_places;
 };
 
 } // namespace halvane::host
