@@ -14,6 +14,7 @@ import re
 import resource
 import shutil
 import signal
+import sqlite3
 import statistics
 import subprocess
 import sys
@@ -470,6 +471,43 @@ def bench_tree(table, ours, nginx, build, work, files, few, count):
                 "ours verifies each file, lists 121 folders and keeps records; the peer fetches one flat list into two directories")
 
 
+def fill_cache(directory, entries):
+    """Places and records as a fetch of each file makes them: a directory of its own for every version."""
+    now = time.time_ns()
+    database = sqlite3.connect(directory / "state" / "cache.sqlite")
+    with database:
+        for i in range(entries):
+            place = f"data.example.org_8080/files/{i}/versions/1/run{i}.mzML"
+            path = directory / "content" / place
+            path.parent.mkdir(parents=True)
+            path.write_bytes(b"x" * 1000)
+            os.utime(path, ns=(now, now))
+            database.execute(
+                "INSERT INTO entries (sub_path, kind, bytes, files, modified_ns, sha256, added_ms, used_ms) VALUES (?, 2, 1000, 1, ?, ?, ?, ?)",
+                (place, now, "0" * 64, now // 1_000_000, now // 1_000_000 + i))
+    database.close()
+    os.sync()
+
+
+def bench_cache(table, build, work, entries):
+    """Nobody waits for the upkeep of the cache; it must not take minutes all the same."""
+    directory = work / "many-entries"
+    environment = {**os.environ, "HALVANE_CACHE_DIR": str(directory), "HALVANE_CONFIG_DIR": str(work / "many-entries-config")}
+    program = build / "bin" / "halvane"
+    timed([program, "cache", "ls"], env=environment)  # makes the cache
+    fill_cache(directory, entries)
+    steps = (("ls", [program, "cache", "ls"]), ("prune with nothing to do", [program, "cache", "prune"]),
+             ("prune of all but 1,000", [program, "cache", "prune", "--max-size", "1000000"]))
+    for name, command in steps:
+        before = os.times()
+        seconds, memory, _ = timed(command, env=environment)
+        after = os.times()
+        processor = after.children_user + after.children_system - before.children_user - before.children_system
+        table.limit(f"cache {name}, {entries:,} entries", seconds, "s", 10 * entries / 100_000,
+                    f"one run; processor time {processor:.1f} s, {memory:.0f} MiB")
+    shutil.rmtree(directory)
+
+
 def bench_summary(table, program, source, mib, label, count):
     """The summary of a run, which is made beside packing: what it takes by itself."""
     runs = [timed([program, "summarise", source]) for _ in range(count)]
@@ -557,7 +595,13 @@ def main():
     parser.add_argument("--only-transfers", action="store_true", help="only the rows of one file up and down")
     parser.add_argument("--only-tree", action="store_true", help="only the rows of trees of small files")
     parser.add_argument("--only-pack", action="store_true", help="only the rows of packed acquisitions")
+    parser.add_argument("--only-cache", action="store_true", help="only the rows of a cache with many entries")
     options = parser.parse_args()
+    only = {name for name in ("transfers", "tree", "pack", "cache") if getattr(options, f"only_{name}")}
+
+    def wanted(name):
+        return not only or name in only
+
     root = options.root
     build = root / "build" / "bench"
     work = Path(tempfile.mkdtemp(prefix="orx-bench-"))
@@ -566,19 +610,21 @@ def main():
     table = Table()
     servers = []
     try:
-        if not options.only_transfers and not options.only_tree:
+        if wanted("cache"):
+            bench_cache(table, build, work, 10_000 if options.quick else 100_000)
+        if wanted("pack"):
             bench_pack(table, root, build, work, 64 if options.quick else 500, count)
-        if not options.only_pack:
+        if wanted("transfers") or wanted("tree"):
             servers.append(ours := Ours(build, work))
             servers.append(nginx := Nginx(peer_program(root, "nginx", "/usr/sbin/nginx"), work))
-        if not options.only_tree and not options.only_pack:
+        if wanted("transfers"):
             bench_large_file(table, ours, nginx, work, size, count)
-        if not options.only_transfers and not options.only_tree and not options.only_pack:
+        if not only:
             bench_memory(table, ours, work, 4 * size)
             bench_growth(table, ours, work, size)
             bench_stall(table, ours, build, work, 2 * size)
             bench_tasks(table, build, (25_000, 100_000) if options.quick else (25_000, 100_000, 400_000), count)
-        if not options.only_transfers and not options.only_pack:
+        if wanted("tree"):
             bench_tree_up(table, ours, build, work, 1_000 if options.quick else 20_000)
             bench_tree(table, ours, nginx, build, work, 2_000 if options.quick else 20_000, 500 if options.quick else 2_000, count)
     finally:
