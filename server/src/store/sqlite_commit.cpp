@@ -140,7 +140,7 @@ std::vector<FinalisationOutcome> SqliteCatalog::commit(std::span<const Finalisat
         works.emplace_back([&file = files[i], &request = batch[i]](SqliteConnection& connection) {
             file = commitOne(connection, request);
         });
-    std::vector<std::future<void>> done = m_writer.submit(Durability::Flushed, std::move(works));
+    std::vector<SqliteWriter::Pending> done = m_writer.submit(Durability::Flushed, std::move(works));
     std::vector<FinalisationOutcome> outcomes;
     for (std::size_t i = 0; i < batch.size(); ++i) {
         try {

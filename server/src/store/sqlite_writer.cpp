@@ -43,13 +43,18 @@ void SqliteWriter::run(Durability durability, Work work) {
     submit(durability, std::move(works)).front().get();
 }
 
-std::vector<std::future<void>> SqliteWriter::submit(Durability durability, std::vector<Work> works) {
-    std::vector<std::future<void>> results;
+void SqliteWriter::Pending::get() {
+    if (const std::exception_ptr failure = m_failure.get())
+        std::rethrow_exception(failure);
+}
+
+std::vector<SqliteWriter::Pending> SqliteWriter::submit(Durability durability, std::vector<Work> works) {
+    std::vector<Pending> results;
     {
         const std::lock_guard lock(m_mutex);
         for (Work& work : works) {
             m_queue.push_back({durability, std::move(work), {}});
-            results.push_back(m_queue.back().done.get_future());
+            results.emplace_back(m_queue.back().done.get_future());
         }
     }
     m_wake.notify_one();
@@ -104,27 +109,27 @@ bool SqliteWriter::runTogether(std::vector<Job>& batch) {
         rollBack();
         return false;
     }
-    for (std::size_t i = 0; i < batch.size(); ++i) {
-        if (failures[i])
-            batch[i].done.set_exception(failures[i]);
-        else
-            batch[i].done.set_value();
-    }
+    for (std::size_t i = 0; i < batch.size(); ++i)
+        batch[i].done.set_value(std::move(failures[i]));
     return true;
 }
 
 void SqliteWriter::runAlone(Job& job) {
+    job.done.set_value(failureOf(job));
+}
+
+// Null when it is committed.
+std::exception_ptr SqliteWriter::failureOf(const Job& job) {
     try {
         prepareTransaction(job.durability);
         job.work(m_connection);
         m_connection.execute("COMMIT");
     } catch (...) {
-        const std::exception_ptr failure = translatedCurrent();
+        std::exception_ptr failure = translatedCurrent();
         rollBack();
-        job.done.set_exception(failure);
-        return;
+        return failure;
     }
-    job.done.set_value();
+    return nullptr;
 }
 
 void SqliteWriter::prepareTransaction(Durability durability) {

@@ -6,6 +6,7 @@
 
 #include <condition_variable>
 #include <deque>
+#include <exception>
 #include <functional>
 #include <future>
 #include <memory>
@@ -30,6 +31,18 @@ public:
     // to the submitter.
     using Work = std::function<void(SqliteConnection&)>;
 
+    // The end of one work, which its submitter waits for. Once the submitter has the failure it alone holds
+    // it.
+    class Pending {
+    public:
+        explicit Pending(std::future<std::exception_ptr> failure) : m_failure(std::move(failure)) {}
+        // Once. Returns when the work is committed, throws what it threw.
+        void get();
+
+    private:
+        std::future<std::exception_ptr> m_failure;
+    };
+
     explicit SqliteWriter(const std::string& path);
     ~SqliteWriter();
     SqliteWriter(const SqliteWriter&) = delete;
@@ -39,13 +52,13 @@ public:
     void run(Durability durability, Work work);
     // Queues all of them next to each other, so that they come into one transaction as far as a batch holds
     // them.
-    std::vector<std::future<void>> submit(Durability durability, std::vector<Work> works);
+    std::vector<Pending> submit(Durability durability, std::vector<Work> works);
 
 private:
     struct Job {
         Durability durability;
         Work work;
-        std::promise<void> done;
+        std::promise<std::exception_ptr> done;
     };
 
     static constexpr std::size_t maximumBatch = 256;
@@ -56,6 +69,7 @@ private:
     void process(std::vector<Job>& batch);
     bool runTogether(std::vector<Job>& batch);
     void runAlone(Job& job);
+    std::exception_ptr failureOf(const Job& job);
     void prepareTransaction(Durability durability);
     void rollBack();
     void afterCommit();
