@@ -30,6 +30,12 @@ std::unique_ptr<HalvaneDownloadFolderCacheTask> CacheDownloads::download(int fol
         nullptr);
 }
 
+std::unique_ptr<HalvaneDownloadFolderCacheTask> CacheDownloads::downloadInto(int folder,
+                                                                             const QString& directory) const {
+    return std::make_unique<HalvaneDownloadFolderCacheTask>(
+        *HalvaneFolderResourceReference::create(folder, QStringLiteral("raw")), at(directory), true, nullptr);
+}
+
 std::unique_ptr<HalvaneDownloadFileCacheTask>
 CacheDownloads::downloadFile(int file, int version, const QString& name, const QString& as) const {
     return std::make_unique<HalvaneDownloadFileCacheTask>(

@@ -18,6 +18,8 @@ protected:
     static QString text(const char* utf8) { return QString::fromUtf8(utf8); }
     QString at(const QString& relative) const { return m_target.filePath(relative); }
     std::unique_ptr<HalvaneDownloadFolderCacheTask> download(int folder, bool contentOnly = true) const;
+    //! The content of the folder, into a directory below the target.
+    std::unique_ptr<HalvaneDownloadFolderCacheTask> downloadInto(int folder, const QString& directory) const;
     std::unique_ptr<HalvaneDownloadFileCacheTask> downloadFile(int file, int version, const QString& name,
                                                                const QString& as = QString()) const;
     //! Runs \a task to its end, until nothing below it works any more.

@@ -33,15 +33,18 @@ TEST_P(ScriptedDownloads, NamesThatAreDangerousHereNeverLeaveTheTargetAndAreName
     file(text("good"), "content", raw);
     file(text("..."), "dots", raw);
     file(text("trailing  "), "blanks", raw);
-    const auto task = download(raw);
+    // One level down, so that what gets out of its folder by ".." is seen too.
+    const auto task = downloadInto(raw, text("deep/target"));
     const Error error = run(*task);
     EXPECT_TRUE(error.is(ErrorCode::InvalidArgument)) << qPrintable(error.errorMessage());
-    EXPECT_EQ(tree(), (QStringList{text("...=dots"), text("good=content"), text("trailing  =blanks")}));
+    EXPECT_EQ(tree(), (QStringList{text("deep/"), text("deep/target/"), text("deep/target/...=dots"),
+                                   text("deep/target/good=content"), text("deep/target/trailing  =blanks")}));
+    EXPECT_FALSE(QFileInfo::exists(text("/etc/x")));
     EXPECT_EQ(task->failures().size(), 2 * names.size());
     QStringList told;
     for (const HalvaneDownloadFailure& failure : task->failures())
         told.append(failure.path);
-    for (const char* shown : {"..", ".", "/etc/x", "a/b", "bell\\x07"})
+    for (const char* shown : {"..", ".", "/etc/x", "a/b", "n\\x00l", "bell\\x07"})
         EXPECT_EQ(told.count(text(shown)), 2) << shown;
     EXPECT_EQ(told.count(QString(300, u'y')), 2);
     EXPECT_EQ(cache().entries()->size(), 3);

@@ -15,9 +15,9 @@ namespace {
 // Leaves room for the dot, the random part and the suffix within 255 bytes.
 constexpr int longestStem = 200;
 
-bool isDirectory(const QByteArray& path) {
+bool isDirectory(int directory, const QByteArray& path) {
     struct stat info = {};
-    return ::lstat(path.constData(), &info) == 0 && S_ISDIR(info.st_mode);
+    return ::fstatat(directory, path.constData(), &info, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(info.st_mode);
 }
 
 } // namespace
@@ -31,17 +31,25 @@ QByteArray FilePlace::temporaryBeside(const QByteArray& target) {
 }
 
 int FilePlace::take(const QByteArray& temporary, const QByteArray& target) {
-    if (::renameat2(AT_FDCWD, temporary.constData(), AT_FDCWD, target.constData(), RENAME_NOREPLACE) == 0)
+    return takeIn(AT_FDCWD, temporary, target);
+}
+
+int FilePlace::takeIn(int directory, const QByteArray& temporary, const QByteArray& target) {
+    if (::renameat2(directory, temporary.constData(), directory, target.constData(), RENAME_NOREPLACE) == 0)
         return 0;
+    // Network file systems may not have that.
     if (errno != EINVAL && errno != ENOSYS && errno != ENOTSUP)
         return errno;
-    // Network file systems may not have that. A link takes no name that is taken; a directory takes the place
-    // of nothing but an empty one.
-    if (isDirectory(temporary))
-        return std::rename(temporary.constData(), target.constData()) == 0 ? 0 : errno;
-    if (::link(temporary.constData(), target.constData()) != 0)
+    return takeByLink(directory, temporary, target);
+}
+
+int FilePlace::takeByLink(int directory, const QByteArray& temporary, const QByteArray& target) {
+    // A link takes no name that is taken; a directory takes the place of nothing but an empty one.
+    if (isDirectory(directory, temporary))
+        return ::renameat(directory, temporary.constData(), directory, target.constData()) == 0 ? 0 : errno;
+    if (::linkat(directory, temporary.constData(), directory, target.constData(), 0) != 0)
         return errno;
-    ::unlink(temporary.constData());
+    ::unlinkat(directory, temporary.constData(), 0);
     return 0;
 }
 

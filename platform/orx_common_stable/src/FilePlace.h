@@ -18,6 +18,12 @@ public:
     //! Renames the file or directory \a temporary to \a target, where nothing must be, in one step. Zero, or
     //! what was wrong: EEXIST, ENOTEMPTY or another errno.
     static int take(const QByteArray& temporary, const QByteArray& target);
+    //! The same for names in the open directory \a directory.
+    static int takeIn(int directory, const QByteArray& temporary, const QByteArray& target);
+    //! What takeIn() does on file systems that cannot rename without replacing: a file is at both names for a
+    //! moment (and stays so when the process is killed in it), an empty directory is no obstacle to a
+    //! directory.
+    static int takeByLink(int directory, const QByteArray& temporary, const QByteArray& target);
 };
 
 } // namespace orx

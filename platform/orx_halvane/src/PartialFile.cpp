@@ -1,5 +1,7 @@
 #include "PartialFile.h"
 
+#include <FilePlace.h>
+
 #include <QCoreApplication>
 #include <QFile>
 
@@ -109,8 +111,12 @@ Error PartialFile::openPartial() {
             return system("Could not create the partial file of \"%1\"");
         // A file system without locks still has the checksum to rely on.
         const bool locked = ::flock(m_file, LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK;
-        if (locked && isStillThere())
-            return Error();
+        if (locked && isStillThere()) {
+            if (!isAlsoElsewhere())
+                return Error();
+            if (::unlinkat(m_directory, encoded(m_location.partialName).constData(), 0) != 0)
+                return system("Could not remove an old partial file of \"%1\"");
+        }
         ::close(m_file);
         m_file = -1;
         if (!locked)
@@ -128,6 +134,11 @@ bool PartialFile::isStillThere() const {
            ::fstatat(m_directory, encoded(m_location.partialName).constData(), &named, AT_SYMLINK_NOFOLLOW) ==
                0 &&
            opened.st_ino == named.st_ino && opened.st_dev == named.st_dev;
+}
+
+bool PartialFile::isAlsoElsewhere() const {
+    struct stat opened {};
+    return ::fstat(m_file, &opened) == 0 && opened.st_nlink > 1;
 }
 
 Result<bool> PartialFile::hashMore(qint64 bytes) {
@@ -226,24 +237,12 @@ Error PartialFile::rename() {
 }
 
 Error PartialFile::renameWithoutReplacing() {
-    const QByteArray target = encoded(m_location.targetName);
-    if (::renameat2(m_directory, encoded(m_location.partialName).constData(), m_directory, target.constData(),
-                    RENAME_NOREPLACE) == 0)
-        return Error();
-    if (errno == EEXIST)
+    const int reason =
+        FilePlace::takeIn(m_directory, encoded(m_location.partialName), encoded(m_location.targetName));
+    if (reason == EEXIST)
         return checkTarget();
-    if (errno != EINVAL && errno != ENOSYS)
-        return system("Could not give the file \"%1\" its name");
-    // This file system cannot do it in one step: an empty file of our own takes the name, and is replaced.
-    const int placeholder =
-        ::openat(m_directory, target.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-    if (placeholder < 0)
-        return errno == EEXIST ? checkTarget() : system("Could not give the file \"%1\" its name");
-    ::close(placeholder);
-    Error error = rename();
-    if (error.hasError())
-        ::unlinkat(m_directory, target.constData(), 0);
-    return error;
+    errno = reason;
+    return reason == 0 ? Error() : system("Could not give the file \"%1\" its name");
 }
 
 } // namespace orx

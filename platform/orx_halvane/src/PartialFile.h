@@ -67,6 +67,9 @@ private:
     Error openPartial();
     //! False when the file was renamed or removed between opening and locking it.
     bool isStillThere() const;
+    //! Whether it is a second name of a file, as a publication that was killed may leave it: nothing is
+    //! written into that.
+    bool isAlsoElsewhere() const;
     Error rename();
     Error renameWithoutReplacing();
     Error noRoom(qint64 missing) const;

@@ -10,6 +10,7 @@
 #include <csignal>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 using namespace orx;
 
@@ -99,6 +100,24 @@ TEST_F(PartialFileTest, ALaterRunGoesOnAfterWhatIsThere) {
     EXPECT_TRUE(*all);
     ASSERT_FALSE(file.append("values").hasError());
     ASSERT_FALSE(file.publish(expected("measured values")).hasError());
+    EXPECT_EQ(get("run"), "measured values");
+}
+
+// Killed between the two steps of a file system that cannot rename without replacing.
+TEST_F(PartialFileTest, NothingIsWrittenIntoATargetThatStillBearsThePartialNameToo) {
+    put("run", "what a person went on with");
+    ASSERT_EQ(::link(QFile::encodeName(m_dir.filePath(QStringLiteral("run"))).constData(),
+                     QFile::encodeName(m_dir.filePath(QStringLiteral(".run.part"))).constData()),
+              0);
+    PartialFile file(location(true));
+    ASSERT_FALSE(file.open().hasError());
+    EXPECT_EQ(file.size(), 0);
+    ASSERT_FALSE(file.startOver().hasError());
+    ASSERT_FALSE(file.append("measured ").hasError());
+    EXPECT_EQ(get("run"), "what a person went on with");
+    ASSERT_FALSE(file.append("values").hasError());
+    ASSERT_FALSE(file.publish(expected("measured values")).hasError());
+    EXPECT_EQ(entries(), onlyTarget);
     EXPECT_EQ(get("run"), "measured values");
 }
 

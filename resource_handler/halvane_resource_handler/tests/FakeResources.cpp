@@ -42,10 +42,14 @@ protected:
         ++m_resources->started;
         Q_EMIT progressInitiated(7);
         if (m_resources->holdFetch)
-            return;
-        QMetaObject::invokeMethod(this, &FakeRetrieval::work, Qt::QueuedConnection);
+            m_resources->held = this;
+        else
+            goOn();
     }
     void doCancel() override { finish(error()); }
+
+public:
+    void goOn() { QMetaObject::invokeMethod(this, &FakeRetrieval::work, Qt::QueuedConnection); }
 
 private:
     void work() {
@@ -112,6 +116,13 @@ FakeResources::FakeResources(const QString& path) : directory(path) {
 
 FakeResources::~FakeResources() {
     ResourceHandlerFactory::unregisterResourceHandlerScheme(HalvaneResourceReference::schemeType);
+}
+
+bool FakeResources::releaseFetch() {
+    auto* const retrieval = static_cast<FakeRetrieval*>(held.data());
+    if (retrieval)
+        retrieval->goOn();
+    return retrieval;
 }
 
 void FakeResources::cache(const Content& content, Valid valid) {

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <QMap>
+#include <QPointer>
 #include <QTemporaryDir>
 
 namespace orx::testing {
@@ -36,6 +37,8 @@ public:
     Error retrieveError; //!< of making the retrieval
     Error fetchError;    //!< of the retrieval itself
     bool holdFetch = false;
+    //! Lets the retrieval go on that is held; false when there is none any more.
+    bool releaseFetch();
     //! Every file has a place of its own, named after its id; paths of cache() then begin with that.
     bool apart = false;
 
@@ -43,6 +46,7 @@ public:
     int started = 0; //!< retrievals run
     QSharedPointer<ResourceHandler> lastHandler;
     bool isValid = false;
+    QPointer<Task> held;
     const QString directory;
 };
 

@@ -3,6 +3,8 @@
 #include <tasks/HalvaneDownloadFileCacheTask.h>
 
 #include <QDateTime>
+#include <QFile>
+#include <QFileInfo>
 #include <QPointer>
 
 using namespace orx;
@@ -144,10 +146,25 @@ TEST_F(DownloadFileCacheTask, ACancelledRetrievalCopiesNothing) {
 
 TEST_F(DownloadFileCacheTask, DestroyedWhileItFetchesItLeavesNothing) {
     resources.holdFetch = true;
+    resources.fetched = {{kRun, "content"}};
     auto task = taskFor(kRun);
     task->exec();
+    ASSERT_TRUE(resources.held);
     task.reset();
+    ASSERT_TRUE(waitUntil([this] { return !resources.held; })) << "the retrieval goes with the task";
+    EXPECT_FALSE(resources.isValid);
     EXPECT_EQ(targetTree(), QStringList());
+}
+
+TEST_F(DownloadFileCacheTask, ARetrievalThatTakesItsTimeIsWaitedFor) {
+    resources.holdFetch = true;
+    resources.fetched = {{kRun, "content"}};
+    auto task = taskFor(kRun);
+    task->exec();
+    EXPECT_EQ(targetTree(), QStringList());
+    ASSERT_TRUE(resources.releaseFetch());
+    EXPECT_FALSE(task->waitForFinished().hasError());
+    EXPECT_EQ(targetTree(), QStringList{QStringLiteral("run1.mzML=content")});
 }
 
 struct PathCase {
@@ -320,13 +337,35 @@ TEST_P(OtherPolicies, NeverAsk) {
     answer(*task, {QStringLiteral("unused")});
     EXPECT_FALSE(run(*task).hasError());
     EXPECT_TRUE(asked.isEmpty());
-    const QString expected =
-        GetParam() == Policy::Overwrite ? QStringLiteral("run1.mzML=new") : QStringLiteral("run1.mzML=old");
-    EXPECT_TRUE(targetTree().contains(expected));
+    QStringList expected{QStringLiteral("run1.mzML=old")};
+    if (GetParam() == Policy::Overwrite)
+        expected = {QStringLiteral("run1.mzML=new")};
+    if (GetParam() == Policy::Rename)
+        expected.prepend(QStringLiteral("run1 (2).mzML=new"));
+    EXPECT_EQ(targetTree(), expected);
 }
 
 INSTANTIATE_TEST_SUITE_P(All, OtherPolicies,
                          ::testing::Values(Policy::Overwrite, Policy::Skip, Policy::Rename));
+
+TEST_F(DownloadFileCacheTask, OnlyAnOlderFileGivesWayToANewerOne) {
+    resources.cache({{kRun, "new"}});
+    for (const auto& [days, expected] : {std::pair(1, "run1.mzML=old"), std::pair(-1, "run1.mzML=new")}) {
+        putTarget(kRun, "old");
+        QFile there(targetPath(kRun));
+        ASSERT_TRUE(there.open(QIODevice::ReadWrite));
+        ASSERT_TRUE(
+            there.setFileTime(QFileInfo(resources.directory + u'/' + kRun).lastModified().addDays(days),
+                              QFileDevice::FileModificationTime));
+        there.close();
+        auto task = taskFor(kRun);
+        task->setDuplicateFilesPolicy(Policy::OverwriteOlder);
+        answer(*task, {QStringLiteral("unused")});
+        EXPECT_FALSE(run(*task).hasError());
+        EXPECT_TRUE(asked.isEmpty());
+        EXPECT_EQ(targetTree(), QStringList{QString::fromLatin1(expected)});
+    }
+}
 
 TEST_F(DownloadFileCacheTask, UnchangedAnswersReachTheCopyWhichRefuses) {
     resources.cache({{kRun, "new"}});

@@ -2,6 +2,10 @@
 
 #include <tasks/HalvaneDownloadFolderCacheTask.h>
 
+#include <QDateTime>
+#include <QFile>
+#include <QFileInfo>
+
 using namespace orx;
 using namespace orx::testing;
 
@@ -107,6 +111,23 @@ INSTANTIATE_TEST_SUITE_P(
                    0}),
     [](const auto& testCase) { return testCase.param.label; });
 
+TEST_F(DownloadFolderCacheTask, OnlyAnOlderFileGivesWayToANewerOneWhenThatIsThePolicy) {
+    resources.cache({{QStringLiteral("12/a"), "new"}});
+    const QDateTime fetched = QFileInfo(resources.directory + QStringLiteral("/12/a")).lastModified();
+    for (const auto& [days, expected] : {std::pair(1, "a=old"), std::pair(-1, "a=new")}) {
+        putTarget(QStringLiteral("a"), "old");
+        QFile there(targetPath(QStringLiteral("a")));
+        ASSERT_TRUE(there.open(QIODevice::ReadWrite));
+        ASSERT_TRUE(there.setFileTime(fetched.addDays(days), QFileDevice::FileModificationTime));
+        there.close();
+        auto task = folder.fileTask(fileReference(12, 1, QStringLiteral("a")), targetDir(),
+                                    DuplicateDownloadPolicy::OnlyNewer);
+        EXPECT_FALSE(run(*task).hasError());
+        EXPECT_EQ(targetTree(), QStringList{QString::fromLatin1(expected)});
+        EXPECT_TRUE(questions.isEmpty());
+    }
+}
+
 TEST_F(DownloadFolderCacheTask, AClashWithWhatWasThereBeforeHasNoReference) {
     putTarget(QStringLiteral("a"), "old");
     const auto reference = download(12);
@@ -209,6 +230,27 @@ TEST_F(DownloadFolderCacheTask, AFailedFileIsNotSaidToHaveMadeAnything) {
     download(13);
     ASSERT_EQ(questions.size(), 1);
     EXPECT_TRUE(questions.first().info.clashes.value(QStringLiteral("a")).isNull());
+}
+
+TEST_F(DownloadFolderCacheTask, ACancelledFileIsNotSaidToHaveMadeAnything) {
+    resources.cache({{QStringLiteral("12/a"), "12"}, {QStringLiteral("12/b"), "12"}});
+    putTarget(QStringLiteral("b"), "old");
+    auto task = folder.fileTask(fileReference(12, 1, QStringLiteral("a")), targetDir());
+    QObject::connect(task.get(), &HalvaneDownloadFileCacheTask::duplicateFileNameDetectedOnCopy, task.get(),
+                     [&task] { task->cancel(); });
+    answer = {QStringLiteral("c")};
+    EXPECT_TRUE(run(*task).isCanceled());
+    EXPECT_EQ(targetTree(), QStringList{QStringLiteral("b=old")});
+    putTarget(QStringLiteral("a"), "of somebody");
+    putTarget(QStringLiteral("c"), "of somebody");
+    questions.clear();
+    answer.clear();
+    download(13, {QStringLiteral("a"), QStringLiteral("c")});
+    ASSERT_EQ(questions.size(), 1);
+    EXPECT_EQ(questions.first().info.clashes.keys(),
+              (QList<QString>{QStringLiteral("a"), QStringLiteral("c")}));
+    for (const auto& made : questions.first().info.clashes)
+        EXPECT_TRUE(made.isNull());
 }
 
 TEST_F(DownloadFolderCacheTask, PathsAreComparedByLetterCase) {
