@@ -53,6 +53,22 @@ protected:
         return id;
     }
 
+    //! The same of one that holds the directory \a name with the file "acqu".
+    int putPackedDirectory(const QString& name) const {
+        EXPECT_TRUE(QDir().mkpath(client.path(name)));
+        client.makeFile(name + "/acqu", "packed");
+        vonk::PackInput input;
+        input.path = client.path(name);
+        EXPECT_TRUE(vonk::VonkPacker::pack(input, client.path(name + ".vonk")));
+        const int id =
+            client.mustRun({"--json", "put", "--no-cache", client.path(name + ".vonk"), "--to", "/mixed"})
+                .object()["id"]
+                .toInt();
+        EXPECT_TRUE(QDir(client.path(name)).removeRecursively());
+        EXPECT_TRUE(QFile::remove(client.path(name + ".vonk")));
+        return id;
+    }
+
     void writeOld(const QString& name) const {
         ASSERT_TRUE(QDir().mkpath(client.path("out/mixed")));
         client.makeFile("out/mixed/" + name, "old");
@@ -204,6 +220,54 @@ TEST_F(GetClashes, AQuestionNamesTheFileThatGotItsNameByAnAnswer) {
     terminal.type("s\n");
     EXPECT_EQ(terminal.finish(), 0) << terminal.seen();
     EXPECT_EQ(local("a (2).txt"), "content of a");
+}
+
+//! The folder /mixed/run1.d with the file "notes", and run1.d.vonk, which unfolds to run1.d.
+class GetUnfolding : public GetClashes {
+protected:
+    void SetUp() override {
+        GetClashes::SetUp();
+        client.mustRun({"mkdir", "/mixed/run1.d"});
+        const QString notes = client.makeFile("notes", "notes");
+        client.mustRun({"put", "--no-cache", notes, "--to", "/mixed/run1.d"});
+        packed = putPackedDirectory("run1.d");
+        ASSERT_TRUE(QFile::remove(notes));
+    }
+    static void expectNotMerged(const Outcome& outcome, const QStringList& named) {
+        EXPECT_EQ(outcome.exitCode, 14) << outcome.out.constData();
+        const QList<QJsonObject> failures = failuresOf(outcome);
+        ASSERT_EQ(failures.size(), 1);
+        const QString message = failures[0]["message"].toString();
+        EXPECT_THAT(message.toStdString(), HasSubstr("nothing is merged"));
+        for (const QString& name : named)
+            EXPECT_TRUE(message.contains(name)) << message.toStdString();
+    }
+
+    int packed = 0;
+};
+
+TEST_F(GetUnfolding, AnAcquisitionIsNotMergedWithAFolderBesideIt) {
+    for (const QString policy : {"overwrite", "rename", "skip", "fail"}) {
+        const Outcome outcome = Client::finish(*start({"--if-exists", policy}));
+        expectNotMerged(outcome, {"\"run1.d.vonk\"", "out/mixed/run1.d\"", "folder:3"});
+        EXPECT_EQ(client.filesIn("out/mixed"), QStringList{"run1.d"});
+        EXPECT_EQ(client.filesIn("out/mixed/run1.d"), QStringList{"notes"});
+    }
+}
+
+TEST_F(GetUnfolding, OfTwoThatAreAskedForTheLaterOneFails) {
+    const QString folder = "/mixed/run1.d";
+    const QString file = "/mixed/run1.d.vonk";
+    expectNotMerged(client.run({"--json", "get", folder, file, "--to", "one", "--if-exists", "overwrite"}),
+                    {"run1.d.vonk", "one/run1.d\"", "folder:3"});
+    EXPECT_EQ(client.filesIn("one/run1.d"), QStringList{"notes"});
+    // What an earlier run brought is of this one too when it stays.
+    for (int run = 0; run < 2; ++run) {
+        expectNotMerged(
+            client.run({"--json", "get", file, folder, "--to", "other", "--if-exists", "overwrite"}),
+            {folder, "other/run1.d\"", QString("file:%1@1").arg(packed)});
+        EXPECT_EQ(client.filesIn("other/run1.d"), QStringList{"acqu"});
+    }
 }
 
 } // namespace

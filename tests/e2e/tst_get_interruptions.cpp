@@ -269,10 +269,14 @@ TEST_P(GetInterruptedAt, AServerThatIsKilledSendsWhatIsMissingWhenItIsBack) {
 
 TEST_F(GetInterrupted, AStalledConnectionIsGivenUpForAnotherOne) {
     client.setEnvironment("HALVANE_TIMEOUT", "3s");
+    client.makeFile("back", before);
     held = {proxy->holdReply({"GET", contentPath, 1})};
     proxy->cutReplyBody({"GET", contentPath}, mediumSize / 2);
     // The held reply is never let through.
-    const Outcome outcome = client.run(getMedium());
+    const auto process = client.start(getMedium());
+    held[0]->waitUntilAnswered();
+    EXPECT_EQ(Client::contentOf(client.path("back")), before);
+    const Outcome outcome = Client::finish(*process);
     EXPECT_EQ(outcome.exitCode, 0) << outcome.err.constData();
     EXPECT_GE(proxy->traffic("GET", contentPath).requests, 3);
     EXPECT_TRUE(areSame(client.path("back"), owner->path("medium.raw")));

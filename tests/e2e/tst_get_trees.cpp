@@ -267,6 +267,14 @@ TEST_F(GetTrees, WhenNothingCameTheExitCodeTellsWhy) {
     EXPECT_FALSE(QFileInfo::exists(client.path("out")));
 }
 
+// A folder without files is something, too.
+TEST_F(GetTrees, AnEmptyFolderThatCameIsNotNothing) {
+    const Outcome outcome = get({"/raw/2026/empty", "/nowhere", "--to", "out"});
+    EXPECT_EQ(outcome.exitCode, 14);
+    EXPECT_EQ(outcome.objects().last()["error"], "PartlyFailed");
+    EXPECT_EQ(client.filesIn("out"), QStringList{"empty"});
+}
+
 TEST_F(GetTrees, FoldersOfOneNameAreNeverMerged) {
     client.mustRun({"mkdir", "-p", "/old/2026"});
     put("a.mzML", "old content", "/old/2026");
@@ -348,9 +356,14 @@ protected:
                                  {{"Authorization", "Bearer " + service.token()}},
                                  QByteArray::fromStdString(request.body)};
         const std::lock_guard lock(mutex);
-        return service.answer(scripted);
+        ScriptedReply reply = service.answer(scripted);
+        if (!statedSize.isEmpty())
+            reply.body.replace("\"size\":7,", "\"size\":" + statedSize + ',');
+        return reply;
     }
 
+    //! Instead of 7.
+    QByteArray statedSize;
     std::mutex mutex;
     ScriptedHalvaneService service;
     LoopbackServer server;
@@ -397,6 +410,30 @@ TEST_F(DangerousNames, NeverLeaveTheTargetAreNamedAndTheRestComesDown) {
     EXPECT_EQ(client.filesIn("deep/er/in/raw"), there);
     for (const QString& name : harmless)
         EXPECT_EQ(Client::contentOf(client.path("deep/er/in/raw/" + name)), "content of " + name.toUtf8());
+}
+
+// None of the others would have room either.
+TEST_F(DangerousNames, ARunOfManyFilesEndsAfterSeveralThatTheDiskHasNoRoomFor) {
+    constexpr int fileCount = 12;
+    constexpr int tried = 8;
+    statedSize = "9000000000000000";
+    QStringList arguments{"--json", "get"};
+    for (int i = 0; i < fileCount; ++i) {
+        service.addFile(QString("f%1").arg(i), "content");
+        arguments << QString("/f%1").arg(i);
+    }
+    ASSERT_TRUE(
+        client.login(QUrl(QString::fromStdString(server.url(""))), service.userName(), service.password()));
+    const Outcome outcome = client.run(arguments + QStringList{"--to", "out"});
+    EXPECT_EQ(outcome.exitCode, 4) << outcome.err.constData();
+    QStringList told;
+    for (const QJsonObject& object : outcome.objects()) {
+        if (object["type"] == "failure")
+            told.append(object["message"].toString());
+    }
+    ASSERT_EQ(told.size(), fileCount) << outcome.out.constData();
+    for (int i = 0; i < fileCount; ++i)
+        EXPECT_TRUE(told[i].contains(QString("out/f%1\"").arg(qMin(i, tried - 1)))) << i;
 }
 
 } // namespace

@@ -129,7 +129,7 @@ int Runner::endDownload(const DownloadJob& job, const Error& error) {
         return int(ExitCode::Success);
     const QString goOn = QStringLiteral(
         "When the reasons are gone, run the same command again: only what is missing is fetched.");
-    if (job.doneFileCount() == 0)
+    if (job.doneFileCount() == 0 && job.doneFolderCount() == 0)
         return m_output.failedRun(
             int(host::exitCodeOf(failures.first().error)),
             host::errorName(failures.first().error.domain(), failures.first().error.code()),

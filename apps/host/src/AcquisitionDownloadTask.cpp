@@ -121,6 +121,15 @@ void AcquisitionDownloadTask::onParts(const QList<Part>& parts) {
     m_parts = parts;
     if (const Error error = chooseNames(); error.hasError())
         return finish(error);
+    if (const Part* part = partInFolder()) {
+        const QString path = targetPath(*part);
+        return finish(
+            Error(ErrorCode::InvalidArgument,
+                  QStringLiteral(
+                      "\"%1\" (%2) would unfold to \"%3\", which is %4 of this same download, and nothing "
+                      "is merged. Get it by a command of its own, with --as or another --to.")
+                      .arg(m_wanted.item.name, m_wanted.item.reference(), path, m_answerer.whoMade(path))));
+    }
     m_usesCache = mayUseCache(m_size);
     look([this] { onCompared(); });
 }
@@ -140,6 +149,13 @@ Error AcquisitionDownloadTask::chooseNames() {
         part.as = part.wantedName;
     }
     return {};
+}
+
+const AcquisitionDownloadTask::Part* AcquisitionDownloadTask::partInFolder() const {
+    const auto found = std::find_if(m_parts.begin(), m_parts.end(), [this](const Part& part) {
+        return m_answerer.isOfFolder(targetPath(part));
+    });
+    return found == m_parts.end() ? nullptr : &*found;
 }
 
 void AcquisitionDownloadTask::fetchAsFile(const Error& reason) {
@@ -297,7 +313,7 @@ void AcquisitionDownloadTask::findFreeNames(int number) {
     for (Part& part : m_parts)
         part.as = numbered(part.wantedName, number);
     look([this, number] {
-        if (!clashes().isEmpty())
+        if (partInFolder() || !clashes().isEmpty())
             findFreeNames(number + 1);
         else
             onCompared();

@@ -58,6 +58,8 @@ private:
     void onMetadata(const orx::vonk::VonkMetadata& metadata);
     void onParts(const QList<Part>& parts);
     orx::Error chooseNames();
+    //! The part that would be merged with a folder of this download; null when none would.
+    const Part* partInFolder() const;
     void fetchAsFile(const orx::Error& reason);
 
     QString targetPath(const Part& part) const;

@@ -18,19 +18,29 @@ void ClashAnswerer::remember(const QString& path, const RemoteItem& item) {
     m_made[place.path()].insert(place.fileName(), {item.type, item.id, item.version});
 }
 
-QString ClashAnswerer::whoMade(const QString& path) const {
+std::optional<RemoteItem> ClashAnswerer::itemAt(const QString& path) const {
     const QFileInfo place(QDir::cleanPath(path));
     const auto directory = m_made.find(place.path());
     if (directory == m_made.end())
-        return {};
+        return std::nullopt;
     const auto maker = directory->find(place.fileName());
     if (maker == directory->end())
-        return {};
+        return std::nullopt;
     RemoteItem item;
     item.type = maker->type;
     item.id = maker->id;
     item.version = maker->version;
-    return item.reference();
+    return item;
+}
+
+QString ClashAnswerer::whoMade(const QString& path) const {
+    const auto item = itemAt(path);
+    return item ? item->reference() : QString();
+}
+
+bool ClashAnswerer::isOfFolder(const QString& path) const {
+    const auto item = itemAt(path);
+    return item && item->isFolder();
 }
 
 bool ClashAnswerer::beginWriting(const QStringList& paths) {

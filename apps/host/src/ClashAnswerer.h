@@ -50,6 +50,8 @@ public:
     void remember(const QString& path, const RemoteItem& item);
     //! The reference of what of this download is at \a path; empty when nothing is.
     QString whoMade(const QString& path) const;
+    //! It is a folder.
+    bool isOfFolder(const QString& path) const;
     //! For files that are written side by side: takes \a paths for one of them, unless another one writes to
     //! one of them just then (false).
     bool beginWriting(const QStringList& paths);
@@ -63,6 +65,7 @@ private:
     };
 
     orx::Error refusal(const Clash& clash) const;
+    std::optional<RemoteItem> itemAt(const QString& path) const;
 
     IfExists m_policy;
     bool m_nobodyAsked;

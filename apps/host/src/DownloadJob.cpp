@@ -20,6 +20,9 @@ using orx::Result;
 
 namespace {
 
+//! As many as a folder gives up after.
+constexpr int hopelessInARow = 8;
+
 Error noDirectory(const QString& path) {
     return Error(ErrorCode::FileNotWritable,
                  QStringLiteral("The directory \"%1\" does not exist; make it first.").arg(path));
@@ -30,6 +33,14 @@ Error makeDirectory(const QString& path) {
         return {};
     return Error(ErrorCode::FileNotWritable,
                  QStringLiteral("The directory \"%1\" could not be made.").arg(path));
+}
+
+Error merged(const QString& source, const QString& path, const QString& maker) {
+    return Error(
+        ErrorCode::InvalidArgument,
+        QStringLiteral("\"%1\" would come as \"%2\", which is %3 of this same download, and nothing is "
+                       "merged. Get it by a command of its own, with --as or another --to.")
+            .arg(source, path, maker));
 }
 
 QString withoutTrailingSlashes(QString path) {
@@ -246,6 +257,7 @@ void DownloadJob::fetchFile(const Item& item) {
         [this, item](BaseTask* ended) {
             m_arrivedBytes = 0;
             fail(item.source, m_targetDir + u'/' + item.name, ended->error());
+            countFailure(ended->error());
             fetchNext();
         });
 }
@@ -259,6 +271,12 @@ void DownloadJob::fetchFolder(const Item& item) {
     auto task = std::make_unique<FolderDownloadTask>(reference.value(), m_targetDir, item.name.isEmpty(),
                                                      m_answerer, m_request);
     FolderDownloadTask* raw = task.get();
+    if (const QString maker = m_answerer.whoMade(raw->folderPath()); !maker.isEmpty()) {
+        fail(item.source, raw->folderPath(), merged(item.source, raw->folderPath(), maker));
+        return fetchNext();
+    }
+    if (!item.name.isEmpty())
+        m_answerer.remember(raw->folderPath(), item.remote);
     m_folder = raw;
     m_folderCounts = {};
     m_folderCounts.item = item.remote;
@@ -274,6 +292,7 @@ void DownloadJob::fetchFolder(const Item& item) {
 
 void DownloadJob::onFileDone(const DownloadedFile& file, bool isSource) {
     ++m_doneFiles;
+    m_failedInARow = 0;
     m_folderCounts.downloaded += file.outcome == DownloadedFile::Outcome::Downloaded ? 1 : 0;
     m_folderCounts.unchanged += file.outcome == DownloadedFile::Outcome::Unchanged ? 1 : 0;
     m_folderCounts.skipped += file.outcome == DownloadedFile::Outcome::Skipped ? 1 : 0;
@@ -294,6 +313,10 @@ void DownloadJob::onFolderEnded(const Item& item, FolderDownloadTask& task, Down
     m_knownBytes += task.totalBytes();
     m_doneBytes += task.doneBytes();
     m_folder = nullptr;
+    if (!task.hasError())
+        ++m_doneFolders;
+    else if (folder.downloaded + folder.unchanged + folder.skipped == 0)
+        countFailure(task.error());
     Q_EMIT folderDone(folder);
 }
 
@@ -301,8 +324,18 @@ void DownloadJob::fail(const QString& source, const QString& path, const Error& 
     if (error.isCanceled() && (isCanceled() || m_answerer.wantsToQuit()))
         return;
     m_failures.append({source, path, error});
-    if (!concernsAll(error))
-        return;
+    if (concernsAll(error))
+        giveUp(error);
+}
+
+// A source that nothing came of.
+void DownloadJob::countFailure(const Error& error) {
+    m_failedInARow = concernsMany(error) ? m_failedInARow + 1 : 0;
+    if (m_failedInARow >= hopelessInARow)
+        giveUp(error);
+}
+
+void DownloadJob::giveUp(const Error& error) {
     for (const Item& item : m_items)
         m_failures.append({item.source, item.source, error});
     m_items.clear();

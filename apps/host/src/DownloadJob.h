@@ -16,9 +16,9 @@ class FolderDownloadTask;
 //! Brings files and folders of the server to local paths, one source after the other, each file as
 //! ItemDownloadTask does. One failure does not stop the others; the job ends with the first failure, and
 //! failures() has them all. It gives up early when nothing else could succeed: nobody is logged in, nobody
-//! answers. A target that cannot be is found before any call (ErrorCode::FileNotWritable). Two sources that
-//! would come by one path fail before anything is fetched when one of them is a folder: nothing is merged.
-//! Thread: that of the object.
+//! answers, several in a row failed because of the network or a full disk. A target that cannot be is found
+//! before any call (ErrorCode::FileNotWritable). Two sources that would come by one path fail before anything
+//! is fetched when one of them is a folder: nothing is merged. Thread: that of the object.
 class HALVANE_HOST_EXPORT DownloadJob : public orx::ComplexTask {
     Q_OBJECT
 public:
@@ -31,6 +31,8 @@ public:
     QList<DownloadFailure> failures() const { return m_failures; }
     //! Files that did not fail.
     int doneFileCount() const { return m_doneFiles; }
+    //! Folders that were asked for and are here with everything in them.
+    int doneFolderCount() const { return m_doneFolders; }
     DownloadState state() const;
 
 Q_SIGNALS:
@@ -65,6 +67,9 @@ private:
     void onFileDone(const DownloadedFile& file, bool isSource);
     void onFolderEnded(const Item& item, FolderDownloadTask& task, DownloadedFolder folder);
     void fail(const QString& source, const QString& path, const orx::Error& error);
+    void countFailure(const orx::Error& error);
+    //! The sources that are left fail like the last one.
+    void giveUp(const orx::Error& error);
 
     DownloadRequest m_request;
     ClashAnswerer m_answerer;
@@ -77,6 +82,9 @@ private:
     QList<DownloadFailure> m_failures;
     bool m_metFolder = false;
     int m_doneFiles = 0;
+    int m_doneFolders = 0;
+    //! Failures since something came that are those of the network or of a full disk.
+    int m_failedInARow = 0;
     //! Of the sources that are files, and of the folders that have been gone through.
     int m_knownFiles = 0;
     qint64 m_knownBytes = 0;

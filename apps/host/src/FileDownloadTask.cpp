@@ -123,6 +123,8 @@ void FileDownloadTask::findFreeName(int number) {
     m_name = orx::FileUtils::freeName(m_wanted.name,
                                       [&passed, number](const QString&) { return passed++ < number; });
     m_seenMaker = m_answerer.whoMade(targetPath());
+    if (m_answerer.isOfFolder(targetPath()))
+        return findFreeName(number + 1);
     if (!isThere(QFileInfo(targetPath())))
         return fetch();
     compare(targetPath(), [this, number](bool isSame) {
@@ -293,7 +295,8 @@ void FileDownloadTask::onClash(const QStringList& names, const MadeBy& madeBy,
     } else {
         const auto isTaken = [&](const QString& name) {
             const QString place = m_wanted.directory + u'/' + name;
-            if (isThere(QFileInfo(place)) || newNames.contains(name) || !m_answerer.beginWriting({place}))
+            if (isThere(QFileInfo(place)) || newNames.contains(name) || m_answerer.isOfFolder(place) ||
+                !m_answerer.beginWriting({place}))
                 return true;
             m_places.append(place);
             return false;

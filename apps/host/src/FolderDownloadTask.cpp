@@ -77,6 +77,13 @@ FolderDownloadTask::createFileDownloadTask(const QSharedPointer<HalvaneFileResou
     return task;
 }
 
+// So that nothing unfolds into it.
+void FolderDownloadTask::onFolderListed(int folderId, const QString& path) {
+    RemoteItem folder;
+    folder.id = folderId;
+    m_answerer.remember(path, folder);
+}
+
 HalvaneDownloadFileCacheTask* FolderDownloadTask::makeCacheTask(
     FileDownloadTask& asker, const QSharedPointer<HalvaneFileResourceReference>& fileReference,
     const orx::PathImpl<orx::PathType::Dir>& targetDir, const QString& name, DuplicateDownloadPolicy policy) {

@@ -30,6 +30,7 @@ protected:
     orx::Task* createFileDownloadTask(const QSharedPointer<orx::HalvaneFileResourceReference>& fileReference,
                                       const orx::PathImpl<orx::PathType::Dir>& targetDir, const QString& name,
                                       std::optional<orx::DuplicateDownloadPolicy> policy) override;
+    void onFolderListed(int folderId, const QString& path) override;
 
 private:
     ItemDownloadTask::Wanted wantedOf(const orx::HalvaneFileResourceReference& reference,

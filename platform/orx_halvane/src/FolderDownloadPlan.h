@@ -62,6 +62,8 @@ public:
                           const QList<HalvaneFileItemSPtr>& files);
     void notListed();
     void fileEnded();
+    //! Listed folders that are not taken yet; the last listing's are at the end.
+    const std::vector<Folder>& waitingFolders() const { return m_folders; }
 
     //! Nothing more will be taken.
     void stop();

@@ -117,6 +117,8 @@ bool HalvaneDownloadFolderTaskBase::isWholeTreeKnown() const {
     return d->begun && d->plan.isWholeTreeKnown();
 }
 
+void HalvaneDownloadFolderTaskBase::onFolderListed(int, const QString&) {}
+
 void HalvaneDownloadFolderTaskBase::removeWhatIsNotListed() {
     d->removesOthers = true;
 }
@@ -244,8 +246,11 @@ void HalvaneDownloadFolderTaskBase::Private::onListed(const Listing& listing) {
         report.addFailure(listing.folder.path.isEmpty() ? reference->name() : listing.folder.path,
                           listing.error);
     } else {
+        const size_t waiting = plan.waitingFolders().size();
         for (const auto& refused : plan.listed(listing.folder, listing.folders, listing.files))
             report.addFailure(refused.path, refused.error);
+        for (size_t i = waiting; i < plan.waitingFolders().size(); ++i)
+            q->onFolderListed(plan.waitingFolders()[i].id, pathOf(plan.waitingFolders()[i].path));
     }
     if (showProgress())
         advance();

@@ -72,6 +72,10 @@ protected:
                                          const PathImpl<PathType::Dir>& targetDir, const QString& name,
                                          std::optional<DuplicateDownloadPolicy> policy) = 0;
 
+    //! A directory will be made at \a path for a folder of the server. Told before any file beside it is
+    //! fetched. Nothing by default.
+    virtual void onFolderListed(int folderId, const QString& path);
+
     //! When everything came down, what else is in the directory of the folder is removed. Before the run.
     void removeWhatIsNotListed();
 
