@@ -2,6 +2,7 @@
 // the packed files that they are when that is asked for.
 #include "Client.h"
 
+#include <FaultProxy.h>
 #include <VonkPacker.h>
 
 #include <gmock/gmock.h>
@@ -10,6 +11,9 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+
+#include <fcntl.h>
+#include <sys/stat.h>
 
 namespace orx::testing {
 namespace {
@@ -67,6 +71,19 @@ protected:
     }
     Outcome getRun(const QStringList& more = {}) const {
         return get(QStringList{"/packed/run.d.vonk", "--to", "out"} + more);
+    }
+    //! Other bytes of the same size and time.
+    void damageCopy() const {
+        const QString cached =
+            client.mustRun({"--json", "cache", "path", "/packed/run.d.vonk"}).object()["path"].toString();
+        const QByteArray name = QFile::encodeName(cached + "/content/run.d/acqu");
+        struct stat before {};
+        ASSERT_EQ(::stat(name.constData(), &before), 0) << name.constData();
+        QFile acqu(QFile::decodeName(name));
+        ASSERT_TRUE(acqu.open(QIODevice::ReadWrite) && acqu.write("PARAMETERS") == 10);
+        acqu.close();
+        const timespec times[] = {before.st_atim, before.st_mtim};
+        ASSERT_EQ(::utimensat(AT_FDCWD, name.constData(), times, 0), 0);
     }
     void makeOut() const { ASSERT_TRUE(QDir().mkpath(client.path("out"))); }
     QByteArray local(const QString& path) const { return Client::contentOf(client.path(path)); }
@@ -284,14 +301,7 @@ TEST_F(GetPacked, AnEntryOfTheSameRunIsNotOverwrittenByAPolicy) {
 TEST_F(GetPacked, ADamagedCopyInTheCacheIsFetchedAnew) {
     makeOut();
     ASSERT_EQ(getRun().exitCode, 0);
-    const QString cached =
-        client.mustRun({"--json", "cache", "path", "/packed/run.d.vonk"}).object()["path"].toString();
-    QFile acqu(cached + "/content/run.d/acqu");
-    ASSERT_TRUE(acqu.open(QIODevice::ReadWrite)) << qPrintable(acqu.fileName());
-    const QDateTime time = QFileInfo(acqu).lastModified();
-    ASSERT_EQ(acqu.write("PARAMETERS"), 10);
-    ASSERT_TRUE(acqu.flush() && acqu.setFileTime(time, QFileDevice::FileModificationTime));
-    acqu.close();
+    damageCopy();
     forget("out/run.d");
     const Outcome outcome = getRun();
     EXPECT_EQ(outcome.exitCode, 0);
@@ -300,6 +310,24 @@ TEST_F(GetPacked, ADamagedCopyInTheCacheIsFetchedAnew) {
     expectRunAt("out/run.d");
     forget("out/run.d");
     EXPECT_EQ(getRun().object()["from_cache"], true);
+    expectRunAt("out/run.d");
+}
+
+TEST_F(GetPacked, ACopyThatWasFoundDamagedIsNotThereThoughItCannotBeFetchedAnew) {
+    FaultProxy proxy("127.0.0.1", server.port());
+    ASSERT_TRUE(client.login(QUrl(QString::fromStdString(proxy.url()))));
+    makeOut();
+    ASSERT_EQ(getRun().exitCode, 0);
+    damageCopy();
+    forget("out/run.d");
+    // Behind what is read to learn what the packed file holds.
+    proxy.corruptReplyBody({"GET", ".*/content", 0, -1}, 500'000);
+    const Outcome failed = getRun();
+    EXPECT_NE(failed.exitCode, 0);
+    EXPECT_THAT(failed.err.toStdString(), HasSubstr("is not what the server has; it is fetched anew"));
+    EXPECT_EQ(client.run({"cache", "path", "/packed/run.d.vonk"}).exitCode, 3);
+    proxy.clearRules();
+    EXPECT_EQ(getRun().object()["from_cache"], false);
     expectRunAt("out/run.d");
 }
 

@@ -391,11 +391,16 @@ int Runner::withEntry(const CacheCommand& command, ResourceCache& cache) {
     const auto path = cache.expectedPath(command.subPath);
     if (path.hasError())
         return m_output.error(path.error());
+    const Error missing(
+        ErrorCode::NotFound,
+        QStringLiteral("\"%1\" is not in the cache, or is damaged; \"halvane cache ls\" lists what is.")
+            .arg(command.subPath));
     if (!cache.contains(command.subPath))
-        return m_output.error(Error(
-            ErrorCode::NotFound,
-            QStringLiteral("\"%1\" is not in the cache, or is damaged; \"halvane cache ls\" lists what is.")
-                .arg(command.subPath)));
+        return m_output.error(missing);
+    // What is handed out is looked into.
+    if (command.action == CacheCommand::Action::Path)
+        if (const Error error = cache.look(command.subPath); error.hasError())
+            return m_output.error(error.is(ErrorCode::NotFound) ? missing : error);
     const bool pin = command.action == CacheCommand::Action::Pin;
     if (command.action != CacheCommand::Action::Path) {
         const Error error = cache.setCleanupPolicy(command.subPath, pin ? ResourceCleanupPolicy::Keep

@@ -7,9 +7,11 @@
 #include "UnpackedCheck.h"
 
 #include <DownloadNames.h>
+#include <FileCopy.h>
 #include <HalvaneDownloadFileTask.h>
 #include <HalvaneGetVonkMetadataTask.h>
 #include <PackedPaths.h>
+#include <RemoteResourceHandler.h>
 #include <ResourceHandler.h>
 
 #include <QDir>
@@ -356,17 +358,33 @@ void AcquisitionDownloadTask::fetch() {
     const auto cached = m_handler->expectedPath();
     if (!m_result.fromCache || cached.hasError())
         return retrieve();
+    const auto seen = orx::FileCopy::stampOf(cached->toString());
+    if (seen.hasError())
+        return retrieve();
     // Sizes and times of the entry may be right, and its bytes others.
-    compareContent(contentOf(cached->toString()), [this](bool isSame) {
-        if (!isSame) {
-            addWarning(QStringLiteral(
-                           "The copy of \"%1\" in the cache is not what the server has; it is fetched anew.")
-                           .arg(m_wanted.item.name));
-            m_result.fromCache = false;
-            m_handler->overrideRetrieveMode(ResourceHandler::RetrieveMode::Refresh);
-        }
-        retrieve();
+    compareContent(contentOf(cached->toString()), [this, stamp = *seen](bool isSame) {
+        if (isSame)
+            return retrieve();
+        addWarning(
+            QStringLiteral("The copy of \"%1\" in the cache is not what the server has; it is fetched anew.")
+                .arg(m_wanted.item.name));
+        m_result.fromCache = false;
+        m_handler->overrideRetrieveMode(ResourceHandler::RetrieveMode::Refresh);
+        discardCopy(stamp);
     });
+}
+
+// So that nobody takes the damaged copy when it cannot be fetched anew.
+void AcquisitionDownloadTask::discardCopy(const orx::FileCopy::Stamp& seen) {
+    const auto handler = m_handler.dynamicCast<orx::RemoteResourceHandler>();
+    if (!handler)
+        return retrieve();
+    execSubtask(
+        std::unique_ptr<BaseTask>(handler->markDamagedTask(seen)), [this](BaseTask*) { retrieve(); },
+        [this](BaseTask* task) {
+            addWarning(task->error().errorMessage());
+            retrieve();
+        });
 }
 
 void AcquisitionDownloadTask::retrieve() {

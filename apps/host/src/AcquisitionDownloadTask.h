@@ -82,6 +82,7 @@ private:
     void endAs(DownloadedFile::Outcome outcome);
 
     void fetch();
+    void discardCopy(const orx::FileCopy::Stamp& seen);
     void retrieve();
     void onRetrieved();
     void onNotRetrieved(const orx::Error& error);

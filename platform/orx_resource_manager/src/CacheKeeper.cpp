@@ -171,14 +171,12 @@ Result<ResourceCache::PruneReport> CacheKeeper::prune(const ResourceCache::Limit
 
 namespace {
 
-//! What an error says of an entry that was looked at; the error itself when it says nothing of the entry.
+//! What an error says of an entry that was looked at; the error itself when it says only that nobody could
+//! look.
 Result<QString> damageIn(const Error& error) {
-    for (const int number : {EMFILE, ENFILE, ENOMEM})
-        if (error.is(ErrorDomain::OperatingSystem, number))
-            return error;
-    if (error.isCanceled())
-        return error;
-    return error.errorMessage();
+    const bool isDamage = CacheStore::isMissing(error) || error.is(ErrorCode::InvalidArgument) ||
+                          error.is(ErrorCode::FileChanged);
+    return isDamage ? Result<QString>(error.errorMessage()) : Result<QString>(error);
 }
 
 } // namespace

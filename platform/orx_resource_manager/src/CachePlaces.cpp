@@ -73,7 +73,12 @@ int swapByRenames(int from, const char* name, int to, const char* there) {
             ::renameat(from, aside.constData(), to, there);
         return failure;
     }
-    return !wasThere || ::renameat(from, aside.constData(), from, name) == 0 ? 0 : errno;
+    if (!wasThere || ::renameat(from, aside.constData(), from, name) == 0)
+        return 0;
+    const int failure = errno;
+    ::renameat(to, there, from, name);
+    ::renameat(from, aside.constData(), to, there);
+    return failure;
 }
 
 //! Exchanges two names, the second of which may be free. Called the other way round it undoes itself. Returns

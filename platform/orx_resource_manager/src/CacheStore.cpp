@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
+#include <sqlite3.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -42,12 +43,13 @@ bool isSameFile(const QString& path, int descriptor) {
            named.st_dev == opened.st_dev && named.st_ino == opened.st_ino;
 }
 
+//! By SQLite's own judgement; one that it could not come to is none.
 bool isSound(const QString& path) {
     try {
         SQLite::Database database(QFile::encodeName(path).toStdString(), SQLite::OPEN_READWRITE, 10'000);
         return std::string(database.execAndGet("PRAGMA quick_check(1)").getText()) == "ok";
-    } catch (const SQLite::Exception&) {
-        return false;
+    } catch (const SQLite::Exception& exception) {
+        return exception.getErrorCode() != SQLITE_CORRUPT && exception.getErrorCode() != SQLITE_NOTADB;
     }
 }
 

@@ -215,6 +215,16 @@ Error ResourceCache::setCleanupPolicy(const QString& subPath, ResourceCleanupPol
     return d->store->quickRecords().setPolicy(subPath, policy);
 }
 
+Error ResourceCache::look(const QString& subPath) const {
+    const auto place = d->store->parse(subPath);
+    if (place.hasError())
+        return place.error();
+    const auto use = d->store->waitUse(*place);
+    if (!use)
+        return CacheStore::busy(subPath);
+    return d->store->valid(*place, CachePayload::Depth::Everything).error();
+}
+
 Error ResourceCache::markDamaged(const QString& subPath, const FileCopy::Stamp& seen) {
     const auto place = d->store->parse(subPath);
     return place ? d->store->markDamaged(*place, seen) : place.error();

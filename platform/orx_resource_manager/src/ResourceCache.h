@@ -150,9 +150,14 @@ public:
     //! ErrorCode::NotFound without an entry.
     Error setCleanupPolicy(const QString& subPath, ResourceCleanupPolicy policy);
 
+    //! Looks at all of an entry, which is known to be damaged after that when it differs from its record;
+    //! ErrorCode::NotFound when there is none that is whole. Blocks on the disk.
+    Error look(const QString& subPath) const;
+
     //! For who read a file at the entry's place, which had the stamp \a seen before, and found that it is not
     //! what it should be: the entry is not there any more, until a fill brings it anew. Nothing happens when
-    //! another file has come to the place since. Blocks on the disk.
+    //! another file has come to the place since. The same of a directory, whose stamp tells which one it is
+    //! and not what is in it. Blocks on the disk.
     Error markDamaged(const QString& subPath, const FileCopy::Stamp& seen);
     //! The same on a worker.
     std::unique_ptr<Task> markDamagedTask(const QString& subPath, const FileCopy::Stamp& seen);

@@ -10,8 +10,10 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
+#include <cstring>
 #include <dirent.h>
 #include <dlfcn.h>
+#include <string_view>
 
 namespace {
 
@@ -21,6 +23,12 @@ thread_local int diskCalls = 0;
 std::atomic<bool> isExchangeUnknown = false;
 //! The renameat() that fails, counted down to 0; negative: none.
 std::atomic<int> renamesLeft = -1;
+
+//! What opening the file of this name ends with; 0: nothing.
+std::atomic<int> openFailure = 0;
+constexpr const char* kUnreadable = "unreadable";
+//! How often the records can be opened by SQLite from then on; negative: as often as one likes.
+std::atomic<int> opensLeft = -1;
 
 template <typename Function>
 Function* next(const char* name) {
@@ -43,7 +51,24 @@ extern "C" int openat(int directory, const char* name, int flags, ...) {
     const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(arguments, mode_t) : 0;
     va_end(arguments);
     ++diskCalls;
-    return call(directory, name, flags, mode);
+    if (openFailure == 0 || std::strcmp(name, kUnreadable) != 0)
+        return call(directory, name, flags, mode);
+    errno = openFailure;
+    return -1;
+}
+
+extern "C" int open64(const char* name, int flags, ...) {
+    static const auto call = next<int(const char*, int, mode_t)>("open64");
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(arguments, mode_t) : 0;
+    va_end(arguments);
+    const bool isRecords = std::string_view(name).ends_with("/cache.sqlite");
+    if (!isRecords || opensLeft < 0 || opensLeft-- > 0)
+        return call(name, flags, mode);
+    opensLeft = 0;
+    errno = EMFILE;
+    return -1;
 }
 
 extern "C" dirent* readdir(DIR* stream) {
@@ -225,7 +250,8 @@ TEST_F(CacheWithoutExchangeTest, ContentComesToAFreePlaceAndToOneThatIsTaken) {
 
 TEST_F(CacheWithoutExchangeTest, WhereverItFailsTheOldEntryIsThereAsBefore) {
     ASSERT_FALSE(fill(kFile, "old").hasError());
-    for (const int renames : {0, 1}) { // the old one away, the new one to its place
+    for (const int renames :
+         {0, 1, 2}) { // the old one away, the new one to its place, the old one to staging
         renamesLeft = renames;
         EXPECT_TRUE(fill(kFile, "new", true).hasError());
         renamesLeft = -1;
@@ -247,4 +273,51 @@ TEST_F(CacheWithoutExchangeTest, WithoutARecordTheOldEntryComesBack) {
     EXPECT_EQ(orx::testing::readFile(placeOf(kFile)), "old");
     EXPECT_TRUE(cache.contains(kFile));
     EXPECT_EQ(inContent(), QStringList{u"run1.mzML"_qs});
+}
+
+namespace {
+
+class CacheWithoutAccessTest : public orx::testing::CacheFixture {
+protected:
+    ~CacheWithoutAccessTest() override {
+        openFailure = 0;
+        opensLeft = -1;
+    }
+    QStringList setAside() const {
+        return QFileInfo(database()).dir().entryList({u"cache.sqlite.damaged-*"_qs});
+    }
+    const QString kFile = QString::fromLatin1(kUnreadable);
+};
+
+} // namespace
+
+TEST_F(CacheWithoutAccessTest, VerificationTellsWhatItCouldNotReadAndLeavesIt) {
+    ASSERT_FALSE(fill(kFile, "content").hasError());
+    ASSERT_FALSE(cache.setCleanupPolicy(kFile, ResourceCleanupPolicy::Keep).hasError());
+    for (const int failure : {EACCES, EIO}) {
+        openFailure = failure;
+        const auto report = cache.verify();
+        openFailure = 0;
+        ASSERT_TRUE(report) << qPrintable(report.errorMessage());
+        EXPECT_TRUE(report->damaged.isEmpty());
+        ASSERT_EQ(report->problems.size(), 1);
+        EXPECT_TRUE(report->problems.first().contains(kFile));
+        EXPECT_TRUE(cache.contains(kFile));
+    }
+    EXPECT_EQ(*cache.cleanupPolicy(kFile), ResourceCleanupPolicy::Keep);
+    openFailure = ENOENT;
+    EXPECT_EQ(cache.verify()->damaged.size(), 1);
+}
+
+TEST_F(CacheWithoutAccessTest, RecordsThatNobodyCanJudgeAreNotSetAside) {
+    ASSERT_TRUE(ResourceCache(root()).entries());
+    ASSERT_TRUE(orx::testing::writeFile(database(), QByteArray(4096, '?')));
+    ResourceCache other(root());
+    opensLeft = 1; // meets the damage
+    EXPECT_TRUE(other.entries().hasError());
+    EXPECT_EQ(opensLeft, 0);
+    EXPECT_TRUE(setAside().isEmpty());
+    opensLeft = -1;
+    EXPECT_TRUE(other.entries());
+    EXPECT_EQ(setAside().size(), 1);
 }

@@ -278,6 +278,39 @@ TEST_F(CacheUpkeepTest, WhatCameSinceAReaderFoundDamageStays) {
     EXPECT_TRUE(cache.markDamaged(u"../b"_qs, *seen).is(ErrorCode::InvalidArgument));
 }
 
+TEST_F(CacheUpkeepTest, ADirectoryInWhichAReaderFoundDamageIsNotThereUntilItIsBroughtAnew) {
+    const QString top = path(u"folder"_qs);
+    ASSERT_TRUE(orx::testing::writeFile(top + u"/in/file"_qs, "content"));
+    const auto add = [&] {
+        ASSERT_FALSE(cache.add(nullptr, u"folder"_qs, Path(top)).hasError());
+        ASSERT_TRUE(cache.waitForPending().isEmpty());
+    };
+    add();
+    const auto first = FileCopy::stampOf(placeOf(u"folder"_qs));
+    ASSERT_TRUE(first);
+    damage(placeOf(u"folder/in/file"_qs));
+    EXPECT_FALSE(cache.look(u"folder"_qs).hasError()); // sizes and times do not show it
+    EXPECT_FALSE(cache.markDamaged(u"folder"_qs, *first).hasError());
+    EXPECT_FALSE(cache.contains(u"folder"_qs));
+    add();
+    EXPECT_FALSE(cache.markDamaged(u"folder"_qs, *first).hasError());
+    EXPECT_TRUE(cache.contains(u"folder"_qs));
+}
+
+TEST_F(CacheUpkeepTest, ALookIntoADirectoryFindsWhatItsTopDoesNotShow) {
+    const QString top = path(u"folder"_qs);
+    ASSERT_TRUE(orx::testing::writeFile(top + u"/in/file"_qs, "content"));
+    ASSERT_FALSE(cache.add(nullptr, u"folder"_qs, Path(top)).hasError());
+    ASSERT_TRUE(cache.waitForPending().isEmpty());
+    EXPECT_FALSE(cache.look(u"folder"_qs).hasError());
+    ASSERT_TRUE(QFile::resize(placeOf(u"folder/in/file"_qs), 3));
+    EXPECT_TRUE(cache.contains(u"folder"_qs));
+    EXPECT_TRUE(cache.look(u"folder"_qs).is(ErrorCode::NotFound));
+    EXPECT_FALSE(cache.contains(u"folder"_qs));
+    EXPECT_TRUE(cache.look(u"absent"_qs).is(ErrorCode::NotFound));
+    EXPECT_TRUE(cache.look(u"../a"_qs).is(ErrorCode::InvalidArgument));
+}
+
 TEST_F(CacheUpkeepTest, VerificationLooksIntoDirectories) {
     const QString top = path(u"folder"_qs);
     ASSERT_TRUE(orx::testing::writeFile(top + u"/in/file"_qs, "content"));
