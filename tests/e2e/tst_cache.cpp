@@ -157,7 +157,7 @@ TEST_F(Cache, ATruncatedEntryIsFetchedAgain) {
     EXPECT_EQ(get()["from_cache"], true);
 }
 
-TEST_F(Cache, ATruncatedEntryIsNeverWhatGoesUp) {
+TEST_F(Cache, WhatGoesUpIsTheFileWhateverBecameOfItsCopy) {
     put();
     const QString entry = cachePath();
     changeEntry(entry, [](QFile& copy) { ASSERT_TRUE(copy.resize(50'000)); });
