@@ -56,9 +56,11 @@ TEST_F(FileCalls, EachVersionHasItsTrace) {
     const json file = storeFile("a", "one");
     EXPECT_EQ(get(pathOf(file, "/versions/1/trace")).data(), (json{{"trace", json::object()}}));
     const json opened = openUpload("a", 3, file.at("id"), 0);
-    ASSERT_EQ(putChunk(opened.at("upload_id"), 0, "two", {{"Halvane-Content-Sha256", sha256Text("two")}}).status,
+    ASSERT_EQ(
+        putChunk(opened.at("upload_id"), 0, "two", {{"Halvane-Content-Sha256", sha256Text("two")}}).status,
+        200);
+    ASSERT_EQ(finalize(opened.at("upload_id"), {}, {{"vonk_trace", {{"name", "a \u00e9 \"b\""}}}}).status,
               200);
-    ASSERT_EQ(finalize(opened.at("upload_id"), {}, {{"vonk_trace", {{"name", "a \u00e9 \"b\""}}}}).status, 200);
     EXPECT_EQ(get(pathOf(file, "/versions/1/trace")).data(), (json{{"trace", json::object()}}));
     for (const char* version : {"2", "latest"})
         EXPECT_EQ(get(pathOf(file, std::string("/versions/") + version + "/trace")).data(),

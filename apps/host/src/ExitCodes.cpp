@@ -105,7 +105,8 @@ constexpr std::array infos{
     ExitCodeInfo{ExitCode::Network, "the server cannot be reached, or the connection was lost"},
     ExitCodeInfo{ExitCode::NoHalvaneServer, "what answers is not a Halvane server"},
     ExitCodeInfo{ExitCode::ServerTrouble, "the server is full, overloaded or has a fault"},
-    ExitCodeInfo{ExitCode::ContentMismatch, "a file changed while it was sent or packed, or differs from its checksum"},
+    ExitCodeInfo{ExitCode::ContentMismatch,
+                 "a file changed while it was sent or packed, or differs from its checksum"},
     ExitCodeInfo{ExitCode::PartlyFailed, "some of what was asked for failed, as listed; the rest is done"},
     ExitCodeInfo{ExitCode::Canceled, "interrupted"},
 };

@@ -12,8 +12,8 @@ class HALVANE_HOST_EXPORT Session {
 public:
     //! Loads the profile \a requestedProfile (see Profiles::currentName) with its token into the connection.
     //! ErrorCode::NotAuthenticated when there is no such profile or no token, ErrorCode::InvalidArgument for
-    //! a time in HALVANE_TIMEOUT that is none. May block on the keyring. What the profile trusts counts for the
-    //! threads that have not sent a request yet.
+    //! a time in HALVANE_TIMEOUT that is none. May block on the keyring. What the profile trusts counts for
+    //! the threads that have not sent a request yet.
     static orx::Result<Profile> open(const QString& requestedProfile);
     //! Points the connection at the server of \a profile with nobody logged in.
     static void connectTo(const Profile& profile);

@@ -143,8 +143,8 @@ private:
     QList<HalvaneFileVersion> m_versions;
 };
 
-//! GET /files/ID/versions/VERSION/trace: what came with the finalisation of a version, for packed acquisitions
-//! the manifest; empty when nothing did.
+//! GET /files/ID/versions/VERSION/trace: what came with the finalisation of a version, for packed
+//! acquisitions the manifest; empty when nothing did.
 class ORX_HALVANE_EXPORT HalvaneGetVersionTraceTask : public HalvaneTask {
     Q_OBJECT
 public:

@@ -66,7 +66,8 @@ TEST_F(FolderUpload, TellsOfEachFolderBelowThatFailed) {
     QStringList failed;
     QObject::connect(task.get(), &HalvaneFolderUploadTask::folderUploadFailed, task.get(),
                      [&failed](const HalvaneFolderUploadTask* folder) {
-                         failed.append(folder->path() + QStringLiteral(": ") + folder->error().errorMessage());
+                         failed.append(folder->path() + QStringLiteral(": ") +
+                                       folder->error().errorMessage());
                      });
     EXPECT_TRUE(run(*task).hasError());
     EXPECT_EQ(failed, (QStringList{QFileInfo(below).path() + QStringLiteral(": not yours"),
