@@ -192,6 +192,7 @@ QList<QStringList> Runner::infoRows(const RemoteItem& item, const HalvaneResourc
         const QString parent = folder->parentId() < 0 ? QStringLiteral("-")
                                                       : QStringLiteral("folder:%1").arg(folder->parentId());
         rows.append({{QStringLiteral("folder"), parent},
+                     {QStringLiteral("file type"), metadata.type()->name},
                      {QStringLiteral("groups"), groups.isEmpty() ? QStringLiteral("-") : groups},
                      {QStringLiteral("you may"), privilegesOf(*folder).join(QStringLiteral(", "))}});
     }

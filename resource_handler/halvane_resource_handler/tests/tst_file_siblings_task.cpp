@@ -114,9 +114,27 @@ TEST_F(FileSiblings, OfAFolderThatCannotBeListedAreNone) {
 }
 
 TEST_F(FileSiblings, OfAServerThatCannotBeReachedAreNone) {
+    server.script(QStringLiteral("*"), ScriptedFault::networkError(NetworkErrorCode::ConnectionFailed),
+                  ScriptedHalvaneServer::Always);
+    EXPECT_EQ(siblingsOf(file), QStringList());
+    EXPECT_TRUE(ErrorLog::mentions(LoadName));
+    EXPECT_GE(server.count(QStringLiteral("GET /files/*")), 1) << "it was tried";
+    EXPECT_EQ(server.count(QStringLiteral("GET /folders/*")), 0);
+}
+
+TEST_F(FileSiblings, OfAServerThatIsLostBetweenTheCallsAreNone) {
+    server.script(QStringLiteral("GET /folders/*"),
+                  ScriptedFault::networkError(NetworkErrorCode::ConnectionLost),
+                  ScriptedHalvaneServer::Always);
+    EXPECT_EQ(siblingsOf(file), QStringList());
+    EXPECT_TRUE(ErrorLog::mentions(LoadName));
+}
+
+TEST_F(FileSiblings, AreNoneWhenNobodyIsLoggedIn) {
     HalvaneConnection::instance().setCredentials(QString(), QByteArray());
     EXPECT_EQ(siblingsOf(file), QStringList());
     EXPECT_TRUE(ErrorLog::mentions(LoadName));
+    EXPECT_TRUE(server.log().isEmpty());
 }
 
 TEST(FileSiblingsTask, HasTheParentItIsGiven) {

@@ -497,7 +497,9 @@ TEST_F(FolderInCache, IsTakenAsItIsWhenTheServerCannotBeReached) {
     ASSERT_TRUE(handler()->retrieve());
     server.script(QStringLiteral("*"), ScriptedFault::networkError(NetworkErrorCode::TlsFailed),
                   ScriptedHalvaneServer::Always);
-    EXPECT_TRUE(handler()->retrieve());
+    const auto taken = handler()->retrieve();
+    ASSERT_TRUE(taken);
+    EXPECT_EQ(taken.warnings().size(), 1) << "that the server was not asked is said";
     EXPECT_EQ(cached(QStringLiteral("run1.mzML")), "some content");
     const auto refreshing = handler();
     refreshing->overrideRetrieveMode(ResourceHandler::RetrieveMode::Refresh);
