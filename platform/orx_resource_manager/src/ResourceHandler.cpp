@@ -33,12 +33,13 @@ public:
         Task* const task = m_task.release();
         QObject::connect(task, &BaseTask::idle, task, &QObject::deleteLater);
     }
-    //! Blocking; not for a task that runs already.
+    //! Blocking; not for a task that runs already. A success has the task's warnings.
     Error run() {
         if (!m_task)
             return Error(ErrorCode::General, translated("There is no task that could be run."));
         m_task->exec();
-        return m_task->waitForFinished();
+        ORX_RETURN_ON_ERROR(m_task->waitForFinished());
+        return m_task->error();
     }
     QVariant result() const { return m_task->variantResult(); }
 
@@ -95,9 +96,12 @@ Result<PathImpl<PathType::Unknown>> ResourceHandler::retrieve(ResourcePromptingI
     auto task = retrieveAsync(AsyncProcessingType::RunByCaller, prompting);
     if (task.hasError())
         return ORX_ECATCH(task).error();
-    if (*task)
-        ORX_RETURN_ON_ERROR(AwaitedTask(std::move(*task)).run());
-    return ORX_ECATCH(expectedPath());
+    const Error end = *task ? AwaitedTask(std::move(*task)).run() : Error();
+    ORX_RETURN_ON_ERROR(end);
+    auto path = expectedPath();
+    for (const QString& warning : end.warnings())
+        path.addWarning(warning);
+    return ORX_ECATCH(path);
 }
 
 Result<QSharedPointer<ResourceMetadata>> ResourceHandler::retrieveMetadata() const {
