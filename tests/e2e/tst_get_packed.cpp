@@ -277,7 +277,7 @@ TEST_F(GetPacked, TwinsOfAFolderKeepTheirContentsApart) {
     }
 }
 
-// Whichever of them comes later is not to replace the other.
+// Both unpack to run.raw; which of them comes first depends on timing, and the other one fails either way.
 TEST_F(GetPacked, AnEntryOfTheSameRunIsNotOverwrittenByAPolicy) {
     client.mustRun({"mkdir", "/alike"});
     for (const QByteArray what : {"one", "two"})
