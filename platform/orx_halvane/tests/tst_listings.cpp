@@ -4,6 +4,7 @@
 #include "HalvaneListingStore.h"
 #include "HalvaneTaskFixture.h"
 
+#include <FullPool.h>
 #include <RealServer.h>
 #include <WorkerPool.h>
 
@@ -232,41 +233,20 @@ TEST_F(ListingsTest, WhoWaitsMayBeCancelledOrDestroyed) {
 
 namespace {
 
-//! Keeps all workers busy until it is told to let go.
-class BusyWorkers {
-public:
-    BusyWorkers() : m_begun(WorkerPool::instance().threadCount()) {
-        for (int i = 0; i < WorkerPool::instance().threadCount(); ++i)
-            WorkerPool::instance().submit(
-                [this] {
-                    m_begun.count_down();
-                    m_end.wait();
-                },
-                nullptr, [] {});
-        m_begun.wait();
-    }
-    ~BusyWorkers() { release(); }
-    void release() {
-        if (!std::exchange(m_isReleased, true))
-            m_end.count_down();
-        waitForJobs();
-    }
-    //! Until what was submitted so far has run, and its completions too.
-    static void waitForJobs() {
-        int left = WorkerPool::instance().threadCount();
-        for (int i = WorkerPool::instance().threadCount(); i > 0; --i)
-            WorkerPool::instance().submit([] {}, nullptr, [&left] { --left; });
-        EXPECT_TRUE(waitUntil([&] {
-            QCoreApplication::processEvents();
-            return left == 0;
-        }));
-    }
-
-private:
-    bool m_isReleased = false;
-    std::latch m_begun;
-    std::latch m_end{1};
-};
+//! Until what was submitted so far has run, and its completions too: all workers meet, so none is still at an
+//! earlier job.
+void waitForJobs() {
+    const int count = WorkerPool::instance().threadCount();
+    const auto meeting = std::make_shared<std::latch>(count);
+    int left = count;
+    for (int i = 0; i < count; ++i)
+        WorkerPool::instance().submit([meeting] { meeting->arrive_and_wait(); }, nullptr,
+                                      [&left] { --left; });
+    EXPECT_TRUE(waitUntil([&left] {
+        QCoreApplication::processEvents();
+        return left == 0;
+    }));
+}
 
 } // namespace
 
@@ -297,7 +277,7 @@ protected:
 };
 
 TEST_F(LargeListings, AreReadOnAWorker) {
-    BusyWorkers workers;
+    probes::FullPool workers;
     const auto task = replied();
     EXPECT_TRUE(task->isRunning()) << "nobody has had time to read it";
     workers.release();
@@ -308,7 +288,7 @@ TEST_F(LargeListings, AreReadOnAWorker) {
 }
 
 TEST_F(LargeListings, AreSharedWhileTheyAreRead) {
-    BusyWorkers workers;
+    probes::FullPool workers;
     const auto first = replied();
     HalvaneGetFilesTask second(m_folder);
     second.exec();
@@ -320,13 +300,14 @@ TEST_F(LargeListings, AreSharedWhileTheyAreRead) {
 
 TEST_F(LargeListings, MayBeCancelledOrDestroyedWhileTheyAreRead) {
     for (const bool destroy : {false, true}) {
-        BusyWorkers workers;
+        probes::FullPool workers;
         auto task = replied();
         if (destroy)
             task.reset();
         else
             task->cancel();
         workers.release();
+        waitForJobs();
         if (task) {
             EXPECT_TRUE(task->error().isCanceled());
             EXPECT_TRUE(task->files().isEmpty());

@@ -7,36 +7,12 @@
 
 #include <atomic>
 #include <future>
-#include <latch>
 
 using namespace orx;
 
 namespace {
 
 const QString kEntry = QStringLiteral("server/run1.mzML");
-
-//! Keeps workers of the pool from anything else while it lives.
-class BusyWorkers {
-public:
-    explicit BusyWorkers(int count = WorkerPool::instance().threadCount())
-        : m_running(std::make_shared<std::latch>(count)) {
-        for (int i = 0; i < count; ++i)
-            WorkerPool::instance().submit(
-                [running = m_running, end = m_end] {
-                    running->count_down();
-                    end->wait();
-                },
-                nullptr, {});
-        m_running->wait();
-    }
-    ~BusyWorkers() { m_end->count_down(); }
-    BusyWorkers(const BusyWorkers&) = delete;
-    BusyWorkers& operator=(const BusyWorkers&) = delete;
-
-private:
-    std::shared_ptr<std::latch> m_running;
-    std::shared_ptr<std::latch> m_end = std::make_shared<std::latch>(1);
-};
 
 class CacheAddTest : public orx::testing::CacheFixture {
 protected:
@@ -80,7 +56,7 @@ TEST_F(CacheAddTest, ADirectoryMayBeRenamedRightAfterTheCall) {
     const QString top = makeFolder();
     ASSERT_TRUE(QDir().mkpath(top + u"/empty"_qs));
     {
-        const BusyWorkers busy;
+        const probes::FullPool busy;
         ASSERT_FALSE(cache.add(nullptr, kEntry, Path(top)).hasError());
         ASSERT_TRUE(QDir().mkpath(path(u"elsewhere"_qs)));
         ASSERT_TRUE(QDir().rename(top, path(u"elsewhere/renamed"_qs)));
@@ -97,7 +73,7 @@ TEST_F(CacheAddTest, ADirectoryMayBeRenamedRightAfterTheCall) {
 TEST_F(CacheAddTest, OfADirectoryThatIsRemovedRightAfterTheCallNothingIsKept) {
     const QString top = makeFolder();
     {
-        const BusyWorkers busy;
+        const probes::FullPool busy;
         ASSERT_FALSE(cache.add(nullptr, kEntry, Path(top)).hasError());
         ASSERT_TRUE(QDir(top).removeRecursively());
     }
@@ -129,7 +105,7 @@ TEST_F(CacheAddTest, ADirectoryThatChangesBeforeItsTurnIsNotKept) {
             // The additions stop at the first; one free worker lists the directory, and then runs the job
             // after that.
             const orx::testing::HeldPlace held(root(), u"first"_qs);
-            const BusyWorkers busy(WorkerPool::instance().threadCount() - 2);
+            const probes::FullPool busy(WorkerPool::instance().threadCount() - 2);
             ASSERT_FALSE(cache.add(nullptr, u"first"_qs, Path(path(u"first"_qs))).hasError());
             ASSERT_FALSE(cache.add(nullptr, kEntry, Path(top)).hasError());
             bool isListed = false;

@@ -7,11 +7,10 @@
 
 namespace orx::probes {
 
-//! Occupies every worker until it is released.
+//! Occupies every worker, or \a count of them, until it is released.
 class FullPool {
 public:
-    FullPool() {
-        const int count = WorkerPool::instance().threadCount();
+    explicit FullPool(int count = WorkerPool::instance().threadCount()) {
         for (int i = 0; i < count; ++i)
             WorkerPool::instance().submit([this] { occupy(); }, nullptr, {});
         std::unique_lock lock(m_mutex);
