@@ -10,7 +10,7 @@ namespace orx::vonk {
 
 namespace {
 
-//! The caller among them. More would not read or write any faster, and each needs memory.
+//! More would not read or write any faster, and each needs memory.
 constexpr unsigned mostThreads = 7;
 
 //! Whoever has nothing else to do takes the next step that is due, the caller too: no thread of its own waits
@@ -18,9 +18,7 @@ constexpr unsigned mostThreads = 7;
 class Run {
 public:
     explicit Run(const ChunkPipeline& steps)
-        : m_steps(steps)
-        , m_helpers(std::clamp(std::thread::hardware_concurrency(), 2U, mostThreads) - 1)
-        , m_slots(2 * m_helpers + 4) {}
+        : m_steps(steps), m_helpers(ChunkPipeline::threadCount() - 1), m_slots(2 * m_helpers + 4) {}
 
     ~Run() {
         {
@@ -168,6 +166,10 @@ private:
 };
 
 } // namespace
+
+unsigned ChunkPipeline::threadCount() {
+    return std::clamp(std::thread::hardware_concurrency(), 2U, mostThreads);
+}
 
 Error ChunkPipeline::run() const {
     return Run(*this).run();

@@ -41,6 +41,8 @@ struct ChunkPipeline {
 
     //! The first error in the order of the chunks; no thread runs any more when it returns.
     Error run() const;
+    //! How many threads share the work, the caller among them.
+    static unsigned threadCount();
 };
 
 } // namespace orx::vonk

@@ -10,22 +10,29 @@ namespace orx::vonk {
 namespace {
 
 Error decode(FrameDecompressor& decompressor, bool hasDigest, ChunkSlot& slot) {
-    if (hasDigest && digest64(slot.frame.bytes()) != slot.row.digest)
+    const quint64 digest = digest64(slot.frame.bytes());
+    if (hasDigest && digest != slot.row.digest)
         return Error(ErrorCode::ChecksumMismatch,
                      translated("it is damaged: a part of its data is not what it was."));
     // Format 1 has no digest, so that a change that zstd passes over is left to the digest of the file.
-    slot.row.digest = digest64(slot.frame.bytes());
+    slot.row.digest = digest;
     return decompressor.decompress(slot.frame.bytes(), slot.row.contentSize, slot.content);
 }
 
 } // namespace
 
 ChunkReading::ChunkReading(const PackedFile& file, const PackedIndex& index, const WorkWatch& watch)
+    : ChunkReading(file, index, wholePayload(index), watch) {}
+
+ChunkReading::ChunkReading(const PackedFile& file, const PackedIndex& index, const PayloadPart& part,
+                           const WorkWatch& watch)
     : m_file(file)
     , m_index(index)
     , m_watch(watch)
-    , m_cursor(index.metadata.entries)
-    , m_position(index.payloadOffset) {}
+    , m_cursor(part.cursor)
+    , m_next(part.firstChunk)
+    , m_end(part.endChunk)
+    , m_position(part.position) {}
 
 Error ChunkReading::run(const ChunkPipeline::Step& use) {
     const qint64 total = m_index.metadata.totalSize();
@@ -48,9 +55,23 @@ Error ChunkReading::run(const ChunkPipeline::Step& use) {
     return pipeline.run();
 }
 
+Error ChunkReading::runAlone(const ChunkPipeline::Step& use) {
+    FrameDecompressor decompressor;
+    ChunkSlot slot;
+    for (;;) {
+        const Result<bool> more = produce(slot);
+        ORX_RETURN_ON_ERROR(more.error());
+        if (!*more)
+            return {};
+        ORX_RETURN_ON_ERROR(decode(decompressor, m_index.hasDigests, slot));
+        ORX_RETURN_ON_ERROR(checkInOrder(slot));
+        ORX_RETURN_ON_ERROR(use(slot));
+    }
+}
+
 Result<bool> ChunkReading::produce(ChunkSlot& slot) {
     ORX_RETURN_ON_ERROR(m_watch.check());
-    if (m_next == m_index.chunks.size())
+    if (m_next == m_end)
         return false;
     slot.row = m_index.chunks[m_next++];
     slot.piece = m_cursor.take(slot.row.contentSize);

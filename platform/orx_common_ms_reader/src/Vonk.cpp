@@ -2,6 +2,7 @@
 
 #include "ChunkReading.h"
 #include "PackedText.h"
+#include "PayloadCheck.h"
 #include "StagedFile.h"
 #include "StagedTree.h"
 
@@ -107,8 +108,7 @@ Error Vonk::validate(Check check, const WorkWatch& watch) const {
         return Error(ErrorCode::InvalidArgument, translated("\"%1\" is not open.").arg(d->path));
     Error error = checkIndex(d->opened->index);
     if (!error.hasError() && check == Check::Full)
-        error =
-            ChunkReading(d->opened->file, d->opened->index, watch).run([](ChunkSlot&) { return Error(); });
+        error = checkPayload(d->opened->file, d->opened->index, watch);
     return ORX_ECATCH(withPath(error));
 }
 

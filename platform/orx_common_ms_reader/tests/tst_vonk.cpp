@@ -8,6 +8,7 @@
 #include <QJsonArray>
 #include <QtEndian>
 
+#include <atomic>
 #include <functional>
 #include <sys/stat.h>
 #include <zstd.h>
@@ -437,7 +438,7 @@ TEST_F(Reading, CancelledAnywhereUnpackingAndUpgradingLeaveNothing) {
     ASSERT_FALSE(vonk.open().hasError());
     bool wasCanceled = true;
     for (int last = 0; wasCanceled; ++last) {
-        int left = last;
+        std::atomic<int> left = last;
         WorkWatch watch;
         watch.isCanceled = [&] { return left-- <= 0; };
         const Error error = vonk.unpack(out(QStringLiteral("a")), watch);
