@@ -166,6 +166,34 @@ TEST_F(PutTrees, RawDataIsPackedWithoutBeingToldAndNotAsAFile) {
     EXPECT_THAT(directory.err.toStdString(), HasSubstr("leave out --as-file"));
 }
 
+TEST_F(PutTrees, ADirectoryOfRawDataMayBeNamedInEveryWay) {
+    makeRawDirectory("frames.d");
+    ASSERT_TRUE(QFile::link("frames.d", client.path("link.d")));
+    EXPECT_EQ(put({"frames.d/", "--to", "/raw"}).object()["reference"], "file:1@1");
+    EXPECT_EQ(put({"./frames.d/.//", "--to", "/raw", "--new-version"}).object()["reference"], "file:1@2");
+    EXPECT_EQ(put({client.path("frames.d/."), "--to", "/raw", "--new-version"}).object()["reference"],
+              "file:1@3");
+    EXPECT_EQ(put({"link.d/", "--to", "/raw"}).object()["name"], "link.d.vonk");
+    for (const char* nameless : {".", "./", "../frames.d", "../frames.d/."}) {
+        const Outcome outcome =
+            client.runWrapped({"env", "--chdir=" + client.path("frames.d")},
+                              {"--json", "put", nameless, "--to", "/raw", "--new-version"});
+        ASSERT_EQ(outcome.exitCode, 0) << nameless << ": " << outcome.err.constData();
+        EXPECT_EQ(outcome.object()["name"], "frames.d.vonk") << nameless;
+    }
+    EXPECT_EQ(onServer("/raw"), (QStringList{"/raw/frames.d.vonk@7", "/raw/link.d.vonk@1"}));
+}
+
+TEST_F(PutTrees, OfRawDataNothingIsKeptInTheCacheWhenThatIsNotWanted) {
+    makeRawFile("run.mzML");
+    makeRawFile("folder/run.mzML");
+    for (const char* path : {"run.mzML", "folder"})
+        ASSERT_EQ(put({path, "--to", "/raw", "--no-cache"}).exitCode, 0) << path;
+    EXPECT_EQ(client.mustRun({"--json", "cache", "ls"}).objects().size(), 0);
+    ASSERT_EQ(put({"run.mzML", "--to", "/raw", "--new-version"}).exitCode, 0);
+    EXPECT_EQ(client.mustRun({"--json", "cache", "ls"}).objects().size(), 1);
+}
+
 TEST_F(PutTrees, WhatIsLeftOutIsToldWithItsReason) {
     write("2026/a.txt", "content of a");
     write("2026/.hidden", "x");

@@ -8,6 +8,7 @@
 #include <DownloadNames.h>
 #include <ExitCodes.h>
 #include <HalvaneResourceReference.h>
+#include <LocalTree.h>
 #include <MakeFolderTask.h>
 #include <Profiles.h>
 #include <Quantities.h>
@@ -456,7 +457,7 @@ private:
                         .arg(QLatin1String(option))};
         }
         UploadRequest& request = command.single;
-        request.localPath = command.tree.paths.first();
+        request.localPath = host::namedPath(command.tree.paths.first());
         request.target = command.tree.target;
         request.name = put.count("--as") > 0 ? filledTextOf(m_raw.name, "--as") : QString();
         request.alias = textOf(m_raw.alias, "--alias");

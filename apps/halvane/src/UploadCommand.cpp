@@ -141,6 +141,8 @@ int Runner::putFile(const host::UploadRequest& request) {
     const auto resources = startResources();
     if (resources.hasError())
         return m_output.error(resources.error());
+    if (!request.keepInCache)
+        orx::ResourceManager::setCache(nullptr);
     const QFileInfo file(request.localPath);
     UploadFileJob job(request);
     QString summary;

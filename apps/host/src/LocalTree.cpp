@@ -121,6 +121,17 @@ UploadRefusal refusalOfSource(const QFileInfo& info) {
 
 } // namespace
 
+QString namedPath(const QString& path) {
+    if (!QFileInfo(path).isDir())
+        return path;
+    QString named = path;
+    while (named.size() > 1 && (named.endsWith(u'/') || named.endsWith(QStringLiteral("/."))))
+        named.chop(1);
+    const QString name = QFileInfo(named).fileName();
+    const bool isNamed = name != QStringLiteral(".") && name != QStringLiteral("..");
+    return isNamed ? named : QFileInfo(named).canonicalFilePath();
+}
+
 QString LocalEntry::serverName() const {
     const QString name = QFileInfo(path).fileName();
     return kind == Kind::RawData ? FileTypes::addMissingExtension(name, FileTypes::VONK) : name;

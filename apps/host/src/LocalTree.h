@@ -55,4 +55,8 @@ struct HALVANE_HOST_EXPORT LocalTree {
     static QList<LocalTree> scan(const QStringList& paths, const std::stop_token& stop = {});
 };
 
+//! The same path with the name of what is there at its end, when it is a directory whose path says none:
+//! "run.d/", "run.d/.", "." and "..". Blocks for a look.
+HALVANE_HOST_EXPORT QString namedPath(const QString& path);
+
 } // namespace halvane::host

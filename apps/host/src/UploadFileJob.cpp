@@ -215,8 +215,7 @@ void UploadFileJob::upload() {
     if (created.hasError())
         return finish(created.error());
     HalvaneFileUploadTaskBase* const raw = created->get();
-    if (!m_request.keepInCache)
-        raw->setCachedOnFinished(false);
+    raw->setCachedOnFinished(m_request.keepInCache);
     const auto onSuccess = [this, raw](BaseTask*) {
         if (const auto uploaded = raw->uploadedFile())
             return awaitJournal(uploaded->reference());
