@@ -1,5 +1,6 @@
 #include "CacheKeeper.h"
 
+#include "CacheParallel.h"
 #include "CacheSweeper.h"
 
 #include <QCoreApplication>
@@ -84,17 +85,25 @@ Error CacheKeeper::removeBatch(Records::const_iterator begin, Records::const_ite
     const auto gone = m_store.records().removeUnchanged(records);
     if (gone.hasError())
         return gone.error();
+    std::erase_if(removals, [&](const Removal& removal) { return !gone->contains(removal.record->id); });
     for (const Removal& removal : removals) {
-        if (!gone->contains(removal.record->id))
-            continue;
         report.removed << removal.record->entry;
         report.bytesRemoved += removal.record->entry.bytes;
-        // The entry is gone; what could not be removed is left to the next sweep.
-        const Error error = removal.place ? m_store.clearPlace(*removal.place) : Error();
+    }
+    clearPlaces(removals);
+    return Error();
+}
+
+//! The entries are gone; what could not be removed is left to the next sweep.
+void CacheKeeper::clearPlaces(const std::vector<Removal>& removals) {
+    std::vector<Error> errors(removals.size());
+    inParallel(removals.size(), [&](size_t i) {
+        if (removals[i].place)
+            errors[i] = m_store.clearPlace(*removals[i].place);
+    });
+    for (const Error& error : errors)
         if (error.hasError())
             qCWarning(cacheLog).noquote() << error.errorMessage();
-    }
-    return Error();
 }
 
 //! False when there is nothing more to remove.

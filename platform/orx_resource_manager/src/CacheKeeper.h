@@ -28,6 +28,7 @@ private:
                             ResourceCache::PruneReport& report);
     Error removeBatch(Records::const_iterator begin, Records::const_iterator end, QSet<qint64>& spared,
                       ResourceCache::PruneReport& report);
+    void clearPlaces(const std::vector<Removal>& removals);
     Error verifyEntry(const CacheRecords::Record& listed, ResourceCache::VerifyReport& report,
                       const std::function<bool(qint64)>& onBytes);
     Result<QString> damageOf(const CacheSubPath& place, CacheRecords::Record& record,

@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 namespace orx {
 
@@ -155,19 +156,24 @@ Error CacheStore::clearPlace(const CacheSubPath& place) {
     const auto opened = root();
     if (opened.hasError())
         return opened.error();
-    const auto parent = openParent(place);
-    if (parent.hasError())
-        return isMissing(parent.error()) ? Error() : parent.error();
-    ORX_RETURN_ON_ERROR(removeTree(parent->get(), place.name(), placePath(place)));
-    QByteArrayList above = place.components();
-    above.removeLast();
-    while (!above.isEmpty()) {
-        const QByteArray name = above.takeLast();
-        const auto directory = openDirectories((*opened)->content.get(), above, placePath(place));
-        // One that is not empty, or used by now, ends it.
-        if (directory.hasError() || ::unlinkat(directory->get(), name.constData(), AT_REMOVEDIR) != 0)
-            break;
+    const QByteArrayList& components = place.components();
+    std::vector<CacheDescriptor> way;
+    const auto directory = [&](size_t depth) {
+        return depth == 0 ? (*opened)->content.get() : way[depth - 1].get();
+    };
+    while (way.size() + 1 < size_t(components.size())) {
+        const QByteArray& name = components.at(qsizetype(way.size()));
+        auto next = openDirectory(directory(way.size()), name, placePath(place));
+        if (next.hasError())
+            return isMissing(next.error()) ? Error() : std::move(next).error();
+        way.push_back(std::move(*next));
     }
+    ORX_RETURN_ON_ERROR(removeTree(directory(way.size()), place.name(), placePath(place)));
+    // One that is not empty, or used by now, ends it.
+    for (size_t depth = way.size(); depth > 0; --depth)
+        if (::unlinkat(directory(depth - 1), components.at(qsizetype(depth) - 1).constData(), AT_REMOVEDIR) !=
+            0)
+            break;
     return Error();
 }
 

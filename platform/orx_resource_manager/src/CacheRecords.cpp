@@ -211,6 +211,17 @@ Result<std::vector<CacheRecords::Record>> CacheRecords::all() {
     return records;
 }
 
+Result<QStringList> CacheRecords::subPaths() {
+    QStringList subPaths;
+    ORX_RETURN_ON_ERROR(m_file.run(SqliteFile::Access::Read, [&](SQLite::Database& database) {
+        subPaths.clear();
+        SQLite::Statement rows(database, "SELECT sub_path FROM entries ORDER BY sub_path");
+        while (rows.executeStep())
+            subPaths << textOf(rows.getColumn(0));
+    }));
+    return subPaths;
+}
+
 Error CacheRecords::put(const QString& subPath, const CachePayload& payload, Durability durability) {
     bool isOverlapping = false;
     const auto access =
@@ -301,11 +312,20 @@ Error CacheRecords::endFutureUses() {
 
 namespace {
 
-void removeItems(SQLite::Database& database, qint64 id) {
-    SQLite::Statement items(database, "DELETE FROM items WHERE entry_id = ?");
-    items.bind(1, int64_t(id));
-    items.exec();
-}
+//! Removes what belongs to entries that go.
+class ItemsRemoval {
+public:
+    explicit ItemsRemoval(SQLite::Database& database)
+        : m_items(database, "DELETE FROM items WHERE entry_id = ?") {}
+    void remove(qint64 id) {
+        m_items.bind(1, int64_t(id));
+        m_items.exec();
+        m_items.reset();
+    }
+
+private:
+    SQLite::Statement m_items;
+};
 
 } // namespace
 
@@ -313,7 +333,7 @@ void removeItems(SQLite::Database& database, qint64 id) {
 
 Error CacheRecords::remove(qint64 id) {
     return m_file.run(SqliteFile::Access::WriteRelaxed, [&](SQLite::Database& database) {
-        removeItems(database, id);
+        ItemsRemoval(database).remove(id);
         SQLite::Statement row(database, "DELETE FROM entries WHERE entry_id = ?");
         row.bind(1, int64_t(id));
         row.exec();
@@ -324,6 +344,7 @@ Result<QSet<qint64>> CacheRecords::removeUnchanged(const std::vector<const Recor
     QSet<qint64> gone;
     ORX_RETURN_ON_ERROR(m_file.run(SqliteFile::Access::WriteRelaxed, [&](SQLite::Database& database) {
         gone.clear();
+        ItemsRemoval items(database);
         SQLite::Statement row(
             database,
             "DELETE FROM entries WHERE entry_id = ? AND policy = ? AND added_ms = ? AND used_ms = ?");
@@ -333,7 +354,7 @@ Result<QSet<qint64>> CacheRecords::removeUnchanged(const std::vector<const Recor
             row.bind(3, int64_t(record->entry.addedAt.toMSecsSinceEpoch()));
             row.bind(4, int64_t(record->entry.lastUsedAt.toMSecsSinceEpoch()));
             if (row.exec() > 0) {
-                removeItems(database, record->id);
+                items.remove(record->id);
                 gone.insert(record->id);
             }
             row.reset();

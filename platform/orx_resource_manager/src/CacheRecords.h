@@ -42,6 +42,7 @@ public:
     Result<Record> find(const QString& subPath, CachePayload::Depth depth = CachePayload::Depth::Top);
     //! All, by sub-path.
     Result<std::vector<Record>> all();
+    Result<QStringList> subPaths();
     //! Replaces what is recorded of the place; the policy stays. ErrorCode::AlreadyExists when the place lies
     //! within another entry or holds others.
     Error put(const QString& subPath, const CachePayload& payload, Durability durability);

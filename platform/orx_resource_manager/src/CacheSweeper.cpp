@@ -1,10 +1,14 @@
 #include "CacheSweeper.h"
 
+#include "CacheLeftovers.h"
+
 #include <QDateTime>
 #include <QFile>
 #include <QThread>
 #include <QUuid>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
@@ -77,46 +81,14 @@ bool isKept(const struct stat& status) {
     return S_ISREG(status.st_mode) || S_ISDIR(status.st_mode);
 }
 
-//! Finds what seems to be neither an entry nor on the way to one, while others go on bringing content.
-class LeftoverSearch {
-public:
-    LeftoverSearch(const std::vector<CacheRecords::Record>& records, std::function<void(const Error&)> note)
-        : m_note(std::move(note)) {
-        for (const CacheRecords::Record& record : records) {
-            const QByteArray path = QFile::encodeName(record.entry.subPath);
-            m_entries.insert(path);
-            for (auto end = path.lastIndexOf('/'); end > 0; end = path.lastIndexOf('/', end - 1))
-                m_above.insert(path.left(end));
-        }
-    }
-
-    //! Sub-paths of what is below \a directory.
-    void search(int directory, const QByteArray& prefix, const QString& shown, QByteArrayList& found) const {
-        const auto names = namesIn(directory, shown);
-        m_note(names.error());
-        if (names.hasError())
-            return;
-        for (const QByteArray& name : *names) {
-            const QByteArray path = prefix + name;
-            const QString childShown = shown + u'/' + QFile::decodeName(name);
-            struct stat status {};
-            if (m_entries.contains(path) &&
-                (::fstatat(directory, name.constData(), &status, AT_SYMLINK_NOFOLLOW) != 0 || isKept(status)))
-                continue;
-            const auto child = m_above.contains(path) ? openDirectory(directory, name, childShown)
-                                                      : Result<CacheDescriptor>(CacheDescriptor());
-            if (child && child->isOpen())
-                search(child->get(), path + '/', childShown, found);
-            else
-                found << path;
-        }
-    }
-
-private:
-    QSet<QByteArray> m_entries;
-    QSet<QByteArray> m_above;
-    std::function<void(const Error&)> m_note;
-};
+std::vector<std::string> encoded(const QStringList& subPaths) {
+    std::vector<std::string> paths;
+    paths.reserve(size_t(subPaths.size()));
+    for (const QString& subPath : subPaths)
+        paths.push_back(QFile::encodeName(subPath).toStdString());
+    std::sort(paths.begin(), paths.end());
+    return paths;
+}
 
 } // namespace
 
@@ -155,14 +127,20 @@ void CacheSweeper::sweep() {
 }
 
 void CacheSweeper::takeContent(const CacheRoot& root) {
-    const auto records = m_store.records().all();
-    note(records.error());
-    if (records.hasError())
+    const auto subPaths = m_store.records().subPaths();
+    note(subPaths.error());
+    if (subPaths.hasError())
         return;
+    CacheLeftovers leftovers(encoded(*subPaths));
+    leftovers.search(root.content.get());
+    for (const CacheLeftovers::Problem& problem : leftovers.problems()) {
+        errno = problem.number;
+        note(systemError("Could not look into the directory \"%1\"",
+                         m_store.contentDir() + u'/' + QFile::decodeName(problem.path.c_str())));
+    }
     QByteArrayList found;
-    LeftoverSearch(*records, [this](const Error& error) {
-        note(error);
-    }).search(root.content.get(), QByteArray(), m_store.contentDir(), found);
+    for (const std::string& path : leftovers.found())
+        found << QByteArray::fromStdString(path);
     for (qsizetype at = 0; at < found.size(); at += kTakenAtOnce) {
         // For those who wait to bring content.
         if (at > 0)

@@ -309,6 +309,19 @@ TEST_F(CacheWithoutAccessTest, VerificationTellsWhatItCouldNotReadAndLeavesIt) {
     EXPECT_EQ(cache.verify()->damaged.size(), 1);
 }
 
+TEST_F(CacheWithoutAccessTest, PruningTellsWhatItCouldNotLookIntoAndTakesTheRest) {
+    ASSERT_FALSE(fill(kFile + u"/1"_qs, "content").hasError());
+    ASSERT_TRUE(orx::testing::writeFile(placeOf(u"left"_qs), "x"));
+    openFailure = EACCES;
+    const auto report = cache.prune();
+    openFailure = 0;
+    ASSERT_TRUE(report) << qPrintable(report.errorMessage());
+    ASSERT_EQ(report->problems.size(), 1);
+    EXPECT_TRUE(report->problems.first().contains(placeOf(kFile)));
+    EXPECT_FALSE(QFileInfo::exists(placeOf(u"left"_qs)));
+    EXPECT_TRUE(cache.contains(kFile + u"/1"_qs));
+}
+
 TEST_F(CacheWithoutAccessTest, RecordsThatNobodyCanJudgeAreNotSetAside) {
     ASSERT_TRUE(ResourceCache(root()).entries());
     ASSERT_TRUE(orx::testing::writeFile(database(), QByteArray(4096, '?')));

@@ -100,6 +100,65 @@ TEST_F(CacheLeftoversTest, ManyGoAtOnce) {
     EXPECT_TRUE(staged().isEmpty());
 }
 
+TEST_F(CacheLeftoversTest, AmongManyDirectoriesOnlyLeftoversGo) {
+    constexpr int kMany = 150;
+    QStringList entries;
+    for (int i = 0; i < kMany; ++i) {
+        entries << u"s/%1/versions/1/run"_qs.arg(i);
+        ASSERT_FALSE(fill(entries.last(), "x").hasError());
+    }
+    QStringList leftovers;
+    for (int i = 0; i < kMany; i += 3)
+        leftovers << u"s/%1/left"_qs.arg(i) << u"s/%1/versions/2/run"_qs.arg(i)
+                  << u"s/%1/versions/1/run.part"_qs.arg(i) << u"s/left %1/run"_qs.arg(i);
+    for (const QString& leftover : leftovers)
+        ASSERT_TRUE(orx::testing::writeFile(placeOf(leftover), "x"));
+    const auto report = cache.prune();
+    ASSERT_TRUE(report);
+    EXPECT_TRUE(report->problems.isEmpty());
+    EXPECT_EQ(report->leftoverBytes, leftovers.size());
+    for (const QString& leftover : leftovers)
+        EXPECT_FALSE(QFileInfo::exists(placeOf(leftover))) << qPrintable(leftover);
+    for (const QString& entry : entries)
+        EXPECT_TRUE(cache.contains(entry)) << qPrintable(entry);
+    EXPECT_EQ(QDir(placeOf(u"s"_qs)).entryList(QDir::AllEntries | QDir::NoDotAndDotDot).size(), kMany);
+}
+
+TEST_F(CacheLeftoversTest, NamesThatBeginLikeThatOfAnEntryAreToldApart) {
+    // The bytes before and after "/" are "." and "0".
+    const QStringList entries{u"s/n/1"_qs, u"s/n./1"_qs, u"s/n0/1"_qs, u"s/n-/1"_qs, u"s/m"_qs, u"s/m.x"_qs};
+    const QStringList leftovers{u"s/n/10"_qs,
+                                u"s/n/1."_qs,
+                                u"s/n.0"_qs,
+                                u"s/n00/1"_qs,
+                                u"s/m0"_qs,
+                                u"s/m-"_qs
+                                u"s/m.x/"_qs +
+                                    u"x"_qs};
+    for (const QString& entry : entries)
+        ASSERT_FALSE(fill(entry, "x").hasError());
+    for (const QString& leftover : leftovers)
+        ASSERT_TRUE(orx::testing::writeFile(placeOf(leftover), "x"));
+    ASSERT_TRUE(cache.prune());
+    for (const QString& entry : entries)
+        EXPECT_TRUE(cache.contains(entry)) << qPrintable(entry);
+    for (const QString& leftover : leftovers)
+        EXPECT_FALSE(QFileInfo::exists(placeOf(leftover))) << qPrintable(leftover);
+}
+
+TEST_F(CacheLeftoversTest, EntriesInManyDirectoriesGoWithTheirDirectories) {
+    for (int i = 0; i < 100; ++i)
+        ASSERT_FALSE(fill(u"s/%1/versions/1/run"_qs.arg(i), "x").hasError());
+    const auto kept = cache.lease(u"s/50/versions/1/run"_qs);
+    ASSERT_TRUE(kept);
+    const auto report = cache.prune({0, std::nullopt});
+    ASSERT_TRUE(report);
+    EXPECT_EQ(report->removed.size(), 99 + 3);
+    EXPECT_EQ(QDir(placeOf(u"s"_qs)).entryList(QDir::AllEntries | QDir::NoDotAndDotDot),
+              QStringList{u"50"_qs});
+    EXPECT_TRUE(cache.contains(u"s/50/versions/1/run"_qs));
+}
+
 TEST_F(CacheLeftoversTest, WhatAFetchLeftStaysWhileAnythingInItIsFresh) {
     const QString deep = u"fill-"_qs + orx::testing::sha256("deep");
     ASSERT_TRUE(orx::testing::writeFile(staging(deep + u"/raw/2026/part"_qs), "x"));
