@@ -1,6 +1,7 @@
 // The catalogue, the blob store and the committer on a directory of their own.
 #include "blobs/blob_store.h"
 #include "store/sqlite_catalog.h"
+#include "store/sqlite_connection.h"
 #include "support/temporary_directory.h"
 #include "uploads/finalizer.h"
 #include "uploads/sweeper.h"
@@ -128,9 +129,8 @@ TEST_F(CatalogTest, AnExpiredUploadIsGoneWithItsKey) {
 
 TEST_F(CatalogTest, ListingsHaveANewTagExactlyWhenTheyChange) {
     const auto tags = [this](Id folder) {
-        const auto unknown = [](const std::string&) { return false; };
-        const auto folders = m_catalog->subfolders(m_admin, folder, unknown, [](const FolderRecord&) {});
-        const auto files = m_catalog->files(m_admin, folder, unknown, [](const FileRecord&) {});
+        const auto folders = m_catalog->subfolders(m_admin, folder, {}, [](const FolderRecord&) {});
+        const auto files = m_catalog->files(m_admin, folder, {}, [](const FileRecord&) {});
         return std::make_pair(folders.etag, files.etag);
     };
     const auto begin = tags(rootFolderId);
@@ -149,6 +149,85 @@ TEST_F(CatalogTest, ListingsHaveANewTagExactlyWhenTheyChange) {
     m_catalog->createGroup("lab");
     m_catalog->grant(folder, "lab", PrivilegeSet::all());
     EXPECT_NE(tags(rootFolderId).first, withGrandchild.first);
+}
+
+TEST_F(CatalogTest, WhoKnowsAListingIsToldWhatIsNewOrChangedSinceWhileNothingHasGone) {
+    const auto create = [this](const std::string& name, Id parent = rootFolderId) {
+        return m_catalog->createFolder(m_admin, parent, name, {}, {});
+    };
+    const auto list = [this](const KnownListing& known) {
+        std::string names;
+        const ListingState state = m_catalog->subfolders(
+            m_admin, rootFolderId, known, [&](const FolderRecord& folder) { names += folder.name + ';'; });
+        return std::make_pair(state, names);
+    };
+    const Id a = create("a");
+    const Id b = create("b");
+    const std::string begin = list({}).first.etag;
+    create("c");
+    create("below a", a);
+    const auto [changes, changed] = list({begin, true});
+    EXPECT_EQ(changes.base, begin);
+    EXPECT_EQ(changed, "a;c;");
+    EXPECT_EQ(list({changes.etag, true}).first.notModified, true);
+    for (const KnownListing& other :
+         {KnownListing{begin, false}, KnownListing{"", true}, KnownListing{"\"d1-x-0-u1\"", true},
+          KnownListing{"\"d1-999-0-u1\"", true}, KnownListing{begin + ", " + begin, true},
+          KnownListing{"\"d2" + begin.substr(3), true}}) {
+        const auto [state, names] = list(other);
+        EXPECT_EQ(state.base, "") << other.tags;
+        EXPECT_EQ(names, "a;b;c;") << other.tags;
+    }
+    m_catalog->removeFolder(b);
+    EXPECT_EQ(list({changes.etag, true}).second, "a;c;") << "all of it: the one that has gone is no change";
+    const std::string removed = list({}).first.etag;
+    create("d");
+    EXPECT_EQ(list({removed, true}).second, "d;");
+    m_catalog->createGroup("lab");
+    m_catalog->grant(a, "lab", PrivilegeSet::all());
+    EXPECT_EQ(list({removed, true}).second, "a;c;d;") << "other privileges are another listing";
+}
+
+TEST_F(CatalogTest, ACatalogueOfTheFirstVersionIsBroughtUpToDate) {
+    const Id folder = m_catalog->createFolder(m_admin, rootFolderId, "a", {}, {});
+    const std::vector<Finalisation> batch{completeUpload("f", "x")};
+    (void)m_catalog->commit(batch);
+    const auto list = [this](const KnownListing& known) {
+        std::string names;
+        ListingState folders = m_catalog->subfolders(m_admin, rootFolderId, known,
+                                                     [&](const FolderRecord& f) { names += f.name + ';'; });
+        const ListingState files =
+            m_catalog->files(m_admin, rootFolderId, {}, [&](const FileRecord& f) { names += f.name + ';'; });
+        EXPECT_FALSE(files.etag.empty());
+        return std::make_pair(folders, names);
+    };
+    const std::string before = list({}).first.etag;
+    m_catalog.reset();
+    SqliteConnection(path()).execute(
+        "DROP INDEX folders_by_change; DROP INDEX files_by_change; ALTER TABLE folders DROP COLUMN "
+        "folders_removed; ALTER TABLE folders DROP COLUMN listed_change; ALTER TABLE files DROP COLUMN "
+        "listed_change; PRAGMA user_version=1");
+    try {
+        reopen();
+        ADD_FAILURE() << "it was opened";
+    } catch (const ApiError& error) {
+        EXPECT_NE(std::string(error.what()).find("earlier version of halvane-server; start the server once"),
+                  std::string::npos);
+    }
+    SqliteCatalog::upgrade(path());
+    SqliteCatalog::upgrade(path()); // of this version already
+    reopen();
+    const auto [state, names] = list({before, true});
+    EXPECT_EQ(state.base, "") << "what changed since then is not known";
+    EXPECT_FALSE(state.notModified);
+    EXPECT_EQ(names, "a;f;");
+    (void)m_catalog->createFolder(m_admin, folder, "below", {}, {});
+    EXPECT_EQ(list({state.etag, true}).second, "a;f;");
+    EXPECT_EQ(list({state.etag, true}).first.base, state.etag);
+    m_catalog.reset();
+    SqliteConnection(path()).execute("PRAGMA user_version=3");
+    SqliteCatalog::upgrade(path());
+    EXPECT_THROW(reopen(), ApiError);
 }
 
 TEST_F(CatalogTest, AFullDatabaseFailsTheWriteThatFillsItAndNoOther) {

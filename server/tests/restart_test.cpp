@@ -1,4 +1,5 @@
 // Stops, kills and restarts in the middle of things.
+#include "store/sqlite_connection.h"
 #include "support/server_test.h"
 
 #include <csignal>
@@ -29,6 +30,21 @@ TEST_F(Restart, WhatWasAcknowledgedIsThereAfterAKill) {
     EXPECT_EQ(contentOf(a.at("id")), large);
     EXPECT_EQ(contentOf(b.at("id")), "x");
     EXPECT_EQ(get("/folders/" + std::to_string(folder)).status, 200);
+}
+
+TEST_F(Restart, AServerBringsTheCatalogueOfAnEarlierVersionUpToDate) {
+    const int folder = makeFolder("f");
+    ASSERT_EQ(stop(), 0);
+    SqliteConnection(dataDirectory() + "/catalog.sqlite3")
+        .execute("DROP INDEX folders_by_change; DROP INDEX files_by_change; ALTER TABLE folders DROP COLUMN "
+                 "folders_removed; ALTER TABLE folders DROP COLUMN listed_change; ALTER TABLE files DROP "
+                 "COLUMN listed_change; PRAGMA user_version=1");
+    const ProgramResult refused = command({"group", "add", "--name", "lab"});
+    EXPECT_EQ(refused.exitCode, 1);
+    EXPECT_NE(refused.err.find("start the server once"), std::string::npos) << refused.err;
+    start();
+    EXPECT_EQ(get("/folders/" + std::to_string(folder)).status, 200);
+    EXPECT_EQ(addGroup("lab"), 1);
 }
 
 TEST_F(Restart, ReceivedChunksSurviveAKillAndTheUploadGoesOn) {

@@ -115,6 +115,48 @@ TEST_P(TreeContract, AListingFollowsEveryChangeThatShowsInIt) {
     }
 }
 
+TEST_P(TreeContract, OnlyWhatIsNewOrChangedIsToldToWhoAsksForThat) {
+    const int folder = makeFolder(text("raw"));
+    const int file = makeFile(text("a"), "1", folder);
+    makeFile(text("b"), "1", folder);
+    const int below = makeFolder(text("c"), folder);
+    makeFolder(text("d"), folder);
+    const auto namesOf = [](const Answer& answer, const QString& key) {
+        QStringList names;
+        for (const QJsonValue item : answer.data()[key].toArray())
+            names.append(item.toObject()[text("name")].toString());
+        return names;
+    };
+    for (const QString& key : {text("files"), text("folders")}) {
+        const QString path = text("/folders/%1/%2").arg(folder).arg(key);
+        const QByteArray tag = get(path).header("ETag");
+        const QList<HttpHeader> changesOnly{{"If-None-Match", tag}, {"A-IM", "changes"}};
+        EXPECT_EQ(get(path, changesOnly).status, 304);
+        const QString old = key == u"files" ? text("a") : text("c");
+        if (key == u"files") {
+            addVersion(file, "2");
+            makeFile(text("new"), "1", folder);
+        } else {
+            makeFolder(text("in c"), below); // which has children from here on
+            makeFolder(text("new"), folder);
+        }
+        const Answer changes = get(path, changesOnly);
+        EXPECT_EQ(changes.status, 226);
+        EXPECT_EQ(changes.header("IM"), "changes");
+        EXPECT_EQ(changes.header("Delta-Base"), tag);
+        EXPECT_EQ(namesOf(changes, key), (QStringList{old, text("new")}));
+        const Answer whole = get(path, {{"If-None-Match", tag}});
+        EXPECT_EQ(whole.status, 200) << "nobody gets changes unasked";
+        EXPECT_EQ(whole.header("ETag"), changes.header("ETag"));
+        EXPECT_EQ(namesOf(whole, key).size(), 3);
+        for (const QByteArray unknown : {"\"another\"", "*x"}) {
+            const Answer answer = get(path, {{"If-None-Match", unknown}, {"A-IM", "changes"}});
+            EXPECT_EQ(answer.status, 200) << unknown.constData();
+            EXPECT_EQ(namesOf(answer, key).size(), 3);
+        }
+    }
+}
+
 TEST_P(TreeContract, AListingOfAThousandFilesIsWholeAndConfirmedByItsTag) {
     const int folder = makeFolder(text("raw"));
     QStringList names;

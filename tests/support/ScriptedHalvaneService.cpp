@@ -69,17 +69,18 @@ QJsonObject ScriptedHalvaneService::File::toJson() const {
 ScriptedHalvaneService::ScriptedHalvaneService() {
     static std::atomic<int> instances = 0;
     m_instance = ++instances;
-    m_folders.insert(RootFolder, Folder{RootFolder, -1, QStringLiteral("/"), {}, 0});
+    m_folders.insert(RootFolder, Folder{RootFolder, -1, QStringLiteral("/"), {}});
 }
 
 int ScriptedHalvaneService::addFolder(const QString& name, int parentId, int id) {
     const int folderId = id == -1 ? m_nextFolder : id;
     m_nextFolder = std::max(m_nextFolder, folderId + 1);
-    m_folders.insert(folderId, Folder{folderId, parentId, name, {}, 0});
-    ++m_folders[parentId].changes;
+    m_folders.insert(folderId, Folder{folderId, parentId, name, {}});
+    Folder& parent = m_folders[parentId];
+    m_folders[folderId].listedChange = ++parent.changes;
     // The listing that this parent is in shows that it has children.
-    if (const int above = m_folders[parentId].parentId; above != -1)
-        ++m_folders[above].changes;
+    if (parent.parentId != -1)
+        parent.listedChange = ++m_folders[parent.parentId].changes;
     return folderId;
 }
 
@@ -94,7 +95,7 @@ int ScriptedHalvaneService::addFile(const QString& name, const QByteArray& conte
 void ScriptedHalvaneService::addVersion(int fileId, const QByteArray& content) {
     File& file = m_files[fileId];
     file.versions.append(Version{content, QString(), QStringLiteral("Regular"), QString(), {}});
-    ++m_folders[file.folderId].changes;
+    file.listedChange = ++m_folders[file.folderId].changes;
 }
 
 int ScriptedHalvaneService::openUploadCount() const {
@@ -183,23 +184,31 @@ ScriptedReply ScriptedHalvaneService::createFolder(const ScriptedRequest& reques
 
 ScriptedReply ScriptedHalvaneService::listing(const ScriptedRequest& request, const Folder& folder,
                                               const QString& key) const {
-    const QByteArray tag = '"' + QByteArray::number(m_instance) + '-' + QByteArray::number(folder.id) + '-' +
-                           QByteArray::number(folder.changes) + '"';
-    if (request.header("If-None-Match").contains(tag))
+    const QByteArray prefix =
+        '"' + QByteArray::number(m_instance) + '-' + QByteArray::number(folder.id) + '-';
+    const QByteArray tag = prefix + QByteArray::number(folder.changes) + '"';
+    const QByteArray known = request.header("If-None-Match");
+    if (known.contains(tag))
         return {304, {{"ETag", tag}}, {}};
+    const bool isDelta = request.header("A-IM") == "changes" && known.startsWith(prefix);
+    const int since = isDelta ? known.mid(prefix.size()).chopped(1).toInt() : -1;
     QJsonArray items;
     if (key == u"files") {
         for (const File& file : m_files) {
-            if (file.folderId == folder.id && isReadable(folder.id))
+            if (file.folderId == folder.id && file.listedChange > since && isReadable(folder.id))
                 items.append(file.toJson());
         }
     } else {
         for (const Folder& child : m_folders) {
-            if (child.parentId == folder.id && isReadable(child.id))
+            if (child.parentId == folder.id && child.listedChange > since && isReadable(child.id))
                 items.append(folderJson(child, false));
         }
     }
     ScriptedReply reply = success({{key, items}});
+    if (isDelta) {
+        reply.status = 226;
+        reply.headers += {{"IM", "changes"}, {"Delta-Base", known}};
+    }
     reply.headers.append({"ETag", tag});
     return reply;
 }

@@ -49,6 +49,7 @@ public:
         QString name;
         QList<Version> versions; //!< version 1 first
         QJsonArray extendedMetadata;
+        int listedChange = 0; //!< of its folder, when its item in the listing became what it is
         QJsonObject toJson() const;
     };
     struct Folder {
@@ -57,6 +58,7 @@ public:
         QString name;
         QList<int> groups;
         int changes = 0;
+        int listedChange = 0; //!< as that of a file, of its parent
     };
 
     static constexpr int RootFolder = 1;

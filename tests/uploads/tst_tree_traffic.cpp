@@ -45,10 +45,10 @@ struct Cost {
 
 class TreeTraffic : public TreeUploads {
 protected:
-    //! So many files, and a tenth as many sub-folders with one file each among them.
+    //! So many files, and a fifth as many folders: sub-folders, each with one of its own that holds a file.
     void makeTree(int files) const {
         for (int i = 0; i < files; ++i)
-            put((i % 10 == 0 ? text("sub %1/run %1.bin") : text("run %1.bin")).arg(i), 20);
+            put((i % 10 == 0 ? text("sub %1/below/run %1.bin") : text("run %1.bin")).arg(i), 20);
     }
     //! Puts \a items, half files and half folders, beside one file and one folder made by calls, without the
     //! thousands of calls that would take.
@@ -103,16 +103,17 @@ protected:
         for (const RealServer::Request& request : server.requests()) {
             ++cost.requests;
             cost.bytesIn += request.bytesIn;
-            // Each folder that is made makes the list of folders another one, which is sent again.
-            if (request.path != text("/api/v1/folders/%1/folders").arg(raw))
-                cost.bytesOut += request.bytesOut;
-            if (request.path == text("/api/v1/folders/%1/files").arg(raw))
-                listingsSent += request.status == 200;
+            cost.bytesOut += request.bytesOut;
+            if (request.status != 200)
+                continue;
+            fileListsSent += request.path == text("/api/v1/folders/%1/files").arg(raw);
+            folderListsSent += request.path == text("/api/v1/folders/%1/folders").arg(raw);
         }
         return cost;
     }
-    //! Of the list of files of the folder that the tree goes into: whole replies.
-    int listingsSent = 0;
+    //! Of the lists of the folder that the tree goes into: whole replies.
+    int fileListsSent = 0;
+    int folderListsSent = 0;
 };
 
 struct Size {
@@ -130,7 +131,7 @@ INSTANTIATE_TEST_SUITE_P(Files, TrafficOf,
 
 TEST_P(TrafficOf, GrowsWithTheTreeAndWithWhatIsThereAndNeverWithTheirProduct) {
     const auto [files, there] = GetParam();
-    const int folders = files / 10;
+    const int folders = files / 5;
     const Cost cost = costOf(files, there);
     // Three calls make a file; each entry is compared with a listing, and each folder looked for and made.
     EXPECT_LE(cost.requests, 3 * files + (files + folders) + 4 * (folders + 1));
@@ -138,7 +139,8 @@ TEST_P(TrafficOf, GrowsWithTheTreeAndWithWhatIsThereAndNeverWithTheirProduct) {
     EXPECT_LE(cost.bytesIn, 600 * (files + folders + 1));
     // An item of a listing takes up to 500 bytes; what is there is sent once.
     EXPECT_LE(cost.bytesOut, 1'500 * (files + folders + 1) + 500 * there);
-    EXPECT_EQ(listingsSent, 1) << "one body, then confirmations";
+    EXPECT_EQ(fileListsSent, 1) << "one body, then confirmations";
+    EXPECT_EQ(folderListsSent, 1) << "one body, then what is new and confirmations";
 }
 
 } // namespace

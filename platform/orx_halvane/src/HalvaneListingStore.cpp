@@ -9,7 +9,30 @@ const void* identityOf(const QList<HalvaneFileItemSPtr>& files) {
     return files.isEmpty() ? nullptr : static_cast<const void*>(files.constData());
 }
 
+//! New items have larger ids than all that were there before, so that they go to the end.
+template <typename Item>
+void merge(QList<Item>& items, const QList<Item>& changes) {
+    const auto isBefore = [](const Item& item, const Item& other) { return item->id() < other->id(); };
+    for (const Item& change : changes) {
+        const auto place = std::lower_bound(items.begin(), items.end(), change, isBefore);
+        if (place != items.end() && (*place)->id() == change->id())
+            *place = change;
+        else
+            items.insert(place, change);
+    }
+}
+
 } // namespace
+
+std::shared_ptr<HalvaneListing> HalvaneListing::with(const HalvaneListing& changes) const {
+    auto merged = std::make_shared<HalvaneListing>();
+    merged->tag = changes.tag;
+    merged->files = files;
+    merged->folders = folders;
+    merge(merged->files, changes.files);
+    merge(merged->folders, changes.folders);
+    return merged;
+}
 
 int HalvaneListing::findFileId(const QString& name) const {
     std::call_once(m_indexed, [this] {

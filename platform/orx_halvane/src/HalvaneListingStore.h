@@ -20,6 +20,9 @@ struct ORX_HALVANE_EXPORT HalvaneListing {
     QList<HalvaneFolderTreeNodeSPtr> folders;
 
     qsizetype size() const { return files.size() + folders.size(); }
+    //! This listing with the items of \a changes, which are new or in the place of the ones with their ids.
+    //! Both are in the order of the ids, and so is the result; it has the tag of \a changes.
+    std::shared_ptr<HalvaneListing> with(const HalvaneListing& changes) const;
     //! As HalvaneConnectionUtils::findFileIdInFiles(), by an index that is made at the first question.
     int findFileId(const QString& name) const;
 

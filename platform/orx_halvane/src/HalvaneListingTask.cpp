@@ -27,6 +27,7 @@ QHash<QByteArray, HalvaneListingTask*>* callsUnderWay() {
 }
 
 constexpr int ok = 200;
+constexpr int onlyChanges = 226;
 constexpr int notModified = 304;
 //! From here on reading a reply would be felt by what else runs on the thread: some 200 items.
 constexpr qsizetype largeReply = 64 * 1024;
@@ -62,6 +63,8 @@ struct HalvaneListingTask::Private {
     //! As of when the call was sent.
     quint64 unsafeRequests = 0;
     bool isFollower = false;
+    //! The answer that it waits for is too old, but spares the call of the whole listing.
+    bool asksAfterwards = false;
     QList<QPointer<HalvaneListingTask>> followers;
 };
 
@@ -81,14 +84,16 @@ std::shared_ptr<const HalvaneListing> HalvaneListingTask::listing() const {
 Error HalvaneListingTask::initialize() {
     ORX_RETURN_ON_ERROR(HalvaneTask::initialize());
     d->key = baseUrl().toEncoded() + ' ' + authenticationToken() + ' ' + d->path.toUtf8();
-    d->kept = HalvaneListingStore::instance().find(d->key);
     return Error();
 }
 
 void HalvaneListingTask::start() {
+    d->kept = HalvaneListingStore::instance().find(d->key);
     HalvaneListingTask* const other = callsUnderWay() ? callsUnderWay()->value(d->key) : nullptr;
-    if (other && other->d->unsafeRequests == unsafeRequestsEnded()) {
+    const bool isFresh = other && other->d->unsafeRequests == unsafeRequestsEnded();
+    if (isFresh || (other && !d->kept)) {
         d->isFollower = true;
+        d->asksAfterwards = !isFresh;
         other->d->followers.append(this);
         return;
     }
@@ -105,13 +110,15 @@ void HalvaneListingTask::makeTheCall() {
 
 Result<NetworkRequest> HalvaneListingTask::prepareRequest(const QUrl& baseUrl) const {
     auto request = HalvaneTask::prepareRequest(baseUrl, d->path, NetworkRequest::Method::Get);
-    if (!request.hasError() && d->kept)
+    if (!request.hasError() && d->kept) {
         request->setHeader("If-None-Match", d->kept->tag);
+        request->setHeader("A-IM", "changes");
+    }
     return request;
 }
 
 void HalvaneListingTask::replyArrived(const NetworkReply& reply) {
-    if (reply.status != ok || reply.body.size() < largeReply)
+    if ((reply.status != ok && reply.status != onlyChanges) || reply.body.size() < largeReply)
         return HalvaneTask::replyArrived(reply);
     const auto reading = std::make_shared<Reading>(Reading{reply, nullptr, {}});
     d->reading = reading;
@@ -125,15 +132,24 @@ void HalvaneListingTask::replyArrived(const NetworkReply& reply) {
 void HalvaneListingTask::take(const Reading& reading) {
     if (!reading.listing)
         return HalvaneTask::replyArrived(reading.reply);
-    if (!reading.error.hasError())
-        keep(reading.listing, reading.reply);
-    finish(ORX_ECATCH(asInvalidReply(reading.error)));
+    finish(ORX_ECATCH(reading.error.hasError() ? asInvalidReply(reading.error)
+                                               : keep(reading.listing, reading.reply)));
 }
 
-void HalvaneListingTask::keep(std::shared_ptr<HalvaneListing> listing, const NetworkReply& reply) {
+//! Changes are worth something only beside the listing that they are changes of.
+Error HalvaneListingTask::keep(const std::shared_ptr<HalvaneListing>& listing, const NetworkReply& reply) {
     listing->tag = reply.header("ETag");
-    d->result = std::move(listing);
+    if (reply.status == onlyChanges) {
+        if (!d->kept || reply.header("Delta-Base") != d->kept->tag)
+            return ORX_ECATCH(
+                asInvalidReply(Error(ErrorCode::ParseError,
+                                     QStringLiteral("it tells the changes of a listing that is not here."))));
+        d->result = d->kept->with(*listing);
+    } else {
+        d->result = listing;
+    }
     HalvaneListingStore::instance().keep(d->key, d->result);
+    return Error();
 }
 
 Error HalvaneListingTask::handleReply(const NetworkReply& reply) {
@@ -144,7 +160,7 @@ Error HalvaneListingTask::handleReply(const NetworkReply& reply) {
     d->read = std::make_shared<HalvaneListing>();
     Error error = HalvaneTask::handleReply(reply);
     if (!error.hasError())
-        keep(d->read, reply);
+        error = keep(d->read, reply);
     d->read.reset();
     return ORX_ECATCH(error);
 }
@@ -172,11 +188,10 @@ void HalvaneListingTask::tellFollowers() {
         const auto take = [follower, isAnswer, result = d->result, error = error()] {
             if (!follower->isRunning() || !std::exchange(follower->d->isFollower, false))
                 return;
+            if (!isAnswer || follower->d->asksAfterwards)
+                return follower->start();
             follower->d->result = result;
-            if (isAnswer)
-                follower->finish(result ? Error() : error);
-            else
-                follower->start();
+            follower->finish(result ? Error() : error);
         };
         QMetaObject::invokeMethod(follower.data(), take, Qt::QueuedConnection);
     }

@@ -8,10 +8,12 @@ struct HalvaneListing;
 
 //! Base of the calls that list what is in a folder. Every run asks the server or takes part in an answer that
 //! is as fresh: it sends the entity tag of the listing that this process keeps, if any, and takes that one
-//! when the server says that it still holds; or it waits for the same call of another task of this thread
-//! that is on its way, unless a request of this process that may have changed something has ended since that
-//! one was sent. When the other task is cancelled or destroyed, the call is made after all; its failure is
-//! the failure of all who wait. A large answer is read on a worker.
+//! when the server says that it still holds, or with the changes that the server tells; or it waits for the
+//! same call of another task of this thread that is on its way, unless a request of this process that may
+//! have changed something has ended since that one was sent. When there has been one and nothing is kept yet,
+//! it waits all the same, to ask for the changes only. When the other task is cancelled or destroyed, the
+//! call is made after all; its failure is the failure of all who wait for its answer. A large answer is read
+//! on a worker.
 class ORX_HALVANE_EXPORT HalvaneListingTask : public HalvaneTask {
     Q_OBJECT
 public:
@@ -38,7 +40,7 @@ private:
     struct Reading;
     void makeTheCall();
     void take(const Reading& reading);
-    void keep(std::shared_ptr<HalvaneListing> listing, const NetworkReply& reply);
+    Error keep(const std::shared_ptr<HalvaneListing>& listing, const NetworkReply& reply);
     void tellFollowers();
     struct Private;
     std::unique_ptr<Private> d;

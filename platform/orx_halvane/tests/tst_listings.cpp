@@ -157,6 +157,7 @@ TEST_F(ListingsTest, CallsOnTheirWayAreShared) {
 
 TEST_F(ListingsTest, ACallIsNotSharedWhenSomethingMayHaveChangedSince) {
     const int folder = addFolder();
+    EXPECT_TRUE(list(folder).isEmpty());
     const auto first = heldListing(folder);
     HalvaneCreateFolderTask::Input input;
     input.name = QStringLiteral("new");
@@ -170,8 +171,78 @@ TEST_F(ListingsTest, ACallIsNotSharedWhenSomethingMayHaveChangedSince) {
     EXPECT_TRUE(first->files().isEmpty());
 }
 
+TEST_F(ListingsTest, ACallThatIsTooOldIsWaitedForWhenNothingIsKeptYet) {
+    const int folder = addFolder();
+    addFile("a", folder);
+    const auto first = heldListing(folder);
+    HalvaneCreateFolderTask create({QStringLiteral("new"), {}, folder});
+    ASSERT_TRUE(succeeded(run(create)));
+    addFile("b", folder);
+    HalvaneGetFilesTask second(folder);
+    HalvaneGetFilesTask third(folder);
+    second.exec();
+    third.exec();
+    EXPECT_EQ(calls(), 1);
+    m_server.release();
+    ASSERT_TRUE(succeeded(second.waitForFinished()));
+    ASSERT_TRUE(succeeded(third.waitForFinished()));
+    EXPECT_TRUE(first->isFinished());
+    EXPECT_EQ(names(second.files()), (QStringList{QStringLiteral("a"), QStringLiteral("b")}));
+    EXPECT_EQ(third.files().size(), 2);
+    EXPECT_EQ(calls(), 2);
+    EXPECT_FALSE(m_server.requests().back().header("If-None-Match").isEmpty()) << "for the changes only";
+}
+
+TEST_F(ListingsTest, ACallThatIsWaitedForAndFailsIsNoAnswerOfItsOwn) {
+    const int folder = addFolder();
+    const auto first = heldListing(folder);
+    HalvaneCreateFolderTask create({QStringLiteral("new"), {}, folder});
+    ASSERT_TRUE(succeeded(run(create)));
+    HalvaneGetFilesTask second(folder);
+    second.exec();
+    first->cancel();
+    EXPECT_TRUE(succeeded(second.waitForFinished()));
+    EXPECT_EQ(calls(), 2);
+}
+
+// What changed only
+
+TEST_F(ListingsTest, OnlyWhatChangedIsSentOfAFolderThatIsKnown) {
+    const int folder = addFolder();
+    const int a = addFile("a", folder);
+    addFile("b", folder);
+    EXPECT_EQ(list(folder).size(), 2);
+    addFile("c", folder);
+    m_server.service().addVersion(a, "newer");
+    HalvaneGetFilesTask task(folder);
+    ASSERT_TRUE(succeeded(run(task)));
+    EXPECT_EQ(names(task.files()),
+              (QStringList{QStringLiteral("a"), QStringLiteral("b"), QStringLiteral("c")}));
+    EXPECT_EQ(task.files().front()->lastVersion(), 2);
+    EXPECT_EQ(m_server.requests().back().header("A-IM"), "changes");
+    HalvaneGetFilesTask confirmed(folder);
+    ASSERT_TRUE(succeeded(run(confirmed)));
+    EXPECT_EQ(confirmed.files().constData(), task.files().constData()) << "kept with its own tag";
+}
+
+TEST_F(ListingsTest, ChangesOfAnotherListingAreNoReply) {
+    const int folder = addFolder();
+    addFile("a", folder);
+    EXPECT_EQ(list(folder).size(), 1);
+    const QByteArray nothing = R"({"status": "success", "data": {"files": []}})";
+    for (const QByteArray base : {"", "\"another\""}) {
+        m_server.script(QStringLiteral("*"), {ScriptedFault::Kind::Reply,
+                                              {226, {{"ETag", "\"new\""}, {"Delta-Base", base}}, nothing}});
+        HalvaneGetFilesTask task(folder);
+        EXPECT_TRUE(isNetworkError(run(task), NetworkErrorCode::InvalidReply));
+        EXPECT_TRUE(task.files().isEmpty());
+    }
+    EXPECT_EQ(list(folder), QStringList{QStringLiteral("a")}) << "what is kept is what it was";
+}
+
 TEST_F(ListingsTest, ARequestThatFailedMayHaveChangedSomethingToo) {
     const int folder = addFolder();
+    EXPECT_TRUE(list(folder).isEmpty());
     const auto first = heldListing(folder);
     m_server.script(QStringLiteral("POST /folders"), ScriptedFault::replyLost());
     HalvaneCreateFolderTask::Input input;
@@ -179,7 +250,7 @@ TEST_F(ListingsTest, ARequestThatFailedMayHaveChangedSomethingToo) {
     HalvaneCreateFolderTask create(input);
     EXPECT_TRUE(run(create).hasError());
     EXPECT_TRUE(list(folder).isEmpty());
-    EXPECT_EQ(calls(), 2);
+    EXPECT_EQ(calls(), 3);
     m_server.release();
     EXPECT_TRUE(succeeded(first->waitForFinished()));
 }
@@ -357,7 +428,41 @@ TEST_F(ListingsTest, AFileIsFoundByItsNameInAKeptAndInAnyList) {
     EXPECT_EQ(HalvaneConnectionUtils::findFileIdInFiles(QStringLiteral("a"), {}), -1);
 }
 
+TEST_F(LargeListings, OfWhichMuchChangedAreMergedOnAWorkerToo) {
+    EXPECT_EQ(list(1), QStringList());
+    EXPECT_EQ(list(m_folder), m_names);
+    for (int i = 600; i < 1'200; ++i)
+        m_names.append(QString::fromLatin1(addNumbered(i)));
+    probes::FullPool workers;
+    const auto task = replied();
+    EXPECT_TRUE(task->isRunning());
+    workers.release();
+    ASSERT_TRUE(succeeded(task->waitForFinished()));
+    EXPECT_EQ(names(task->files()), m_names);
+}
+
 // The store
+
+TEST(ListingStore, MergesChangesByTheirIds) {
+    const ListingPtr old = listingOf(3);
+    HalvaneListing changes;
+    changes.tag = "\"2\"";
+    for (const int id : {2, 5}) {
+        auto item = HalvaneFileItemSPtr::create();
+        item->setId(id);
+        item->setName(QStringLiteral("new"));
+        changes.files.append(item);
+    }
+    const auto merged = old->with(changes);
+    QList<int> ids;
+    for (const auto& file : merged->files)
+        ids.append(file->id());
+    EXPECT_EQ(ids, (QList<int>{1, 2, 3, 5}));
+    EXPECT_EQ(merged->files[1]->name(), QStringLiteral("new"));
+    EXPECT_EQ(merged->tag, "\"2\"");
+    EXPECT_EQ(old->size(), 3) << "who holds it keeps it";
+    EXPECT_EQ(merged->findFileId(QStringLiteral("new")), 5);
+}
 
 TEST(ListingStore, ForgetsWhatWasNotUsedForLongest) {
     HalvaneListingStore store(10, 3);

@@ -4,7 +4,6 @@
 #include "core/json_input.h"
 #include "core/json_text.h"
 #include "core/names.h"
-#include "core/ranges.h"
 
 namespace halvane::server {
 
@@ -52,10 +51,9 @@ template <typename Record, typename List, typename Append>
 Response listing(const Request& request, const char* name, const List& list, const Append& append) {
     std::string body = R"({"status":"success","data":{")" + std::string(name) + R"(":[)";
     bool first = true;
-    const auto isKnown = [&](const std::string& etag) {
-        return ifNoneMatchNames(request.header("If-None-Match"), etag);
-    };
-    const ListingState state = list(isKnown, [&](const Record& record) {
+    const KnownListing known{std::string(request.header("If-None-Match")),
+                             request.header("A-IM") == listingChanges};
+    const ListingState state = list(known, [&](const Record& record) {
         if (!first)
             body += ',';
         first = false;
@@ -96,8 +94,8 @@ void addFolderCalls(Router& router, Services& services) {
                        const Id id = pathId(values[0], "folder");
                        return listing<FolderRecord>(
                            request, "folders",
-                           [&](const auto& isKnown, const auto& item) {
-                               return catalog.subfolders(caller, id, isKnown, item);
+                           [&](const auto& known, const auto& item) {
+                               return catalog.subfolders(caller, id, known, item);
                            },
                            [](std::string& out, const FolderRecord& folder) {
                                appendFolder(out, folder, PathShown::No);
@@ -109,8 +107,8 @@ void addFolderCalls(Router& router, Services& services) {
                        const Id id = pathId(values[0], "folder");
                        return listing<FileRecord>(
                            request, "files",
-                           [&](const auto& isKnown, const auto& item) {
-                               return catalog.files(caller, id, isKnown, item);
+                           [&](const auto& known, const auto& item) {
+                               return catalog.files(caller, id, known, item);
                            },
                            appendFile);
                    }));

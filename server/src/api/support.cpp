@@ -105,6 +105,10 @@ Response listingResponse(const ListingState& state, std::string body) {
         response.status = 304;
         return response;
     }
+    if (!state.base.empty()) {
+        response.status = 226;
+        response.with("IM", listingChanges).with("Delta-Base", state.base);
+    }
     response.with("Content-Type", "application/json");
     response.body = std::move(body);
     return response;

@@ -31,7 +31,10 @@ std::string finalizedJson(const FinalizedFile& file);
 void appendPath(std::string& out, const std::vector<PathStep>& path);
 std::optional<std::string> isoOrNull(const std::optional<TimeMs>& time);
 
-// Answers a listing: 304 for a known tag.
+// The instance manipulation (RFC 3229) of a listing that holds only what is new or changed.
+inline constexpr const char* listingChanges = "changes";
+
+// Answers a listing: 304 for a known tag, 226 for what is new or changed since one.
 Response listingResponse(const ListingState& state, std::string body);
 
 } // namespace halvane::server

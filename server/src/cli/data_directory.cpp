@@ -62,13 +62,21 @@ void initialiseDataDirectory(const std::string& directory, const std::string& ad
     syncDirectoryAt(directory);
 }
 
-std::unique_ptr<CatalogStore> openCatalog(const std::string& directory) {
+void requirePrepared(const std::string& directory) {
     std::error_code ignored;
     if (!fs::exists(catalogPath(directory), ignored))
         throw ApiError(ErrorCode::BadRequest,
                        "'" + directory +
                            "' is no prepared data directory; prepare it with 'halvane-server init --data " +
                            directory + " --admin NAME --password-stdin'.");
+}
+
+void upgradeCatalog(const std::string& directory) {
+    SqliteCatalog::upgrade(catalogPath(directory));
+}
+
+std::unique_ptr<CatalogStore> openCatalog(const std::string& directory) {
+    requirePrepared(directory);
     return std::make_unique<SqliteCatalog>(catalogPath(directory));
 }
 

@@ -16,6 +16,12 @@ class CatalogStore;
 void initialiseDataDirectory(const std::string& directory, const std::string& admin,
                              const std::string& password, const PasswordCost& cost);
 
+// Throws ApiError that says how to prepare it when the directory is not.
+void requirePrepared(const std::string& directory);
+
+// Brings the catalogue of an earlier version up to this one; for who holds the lock of the directory.
+void upgradeCatalog(const std::string& directory);
+
 // The catalogue of a prepared directory; throws ApiError that says how to prepare it.
 std::unique_ptr<CatalogStore> openCatalog(const std::string& directory);
 

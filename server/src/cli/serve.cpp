@@ -50,8 +50,10 @@ void serve(const ServeOptions& options) {
     std::signal(SIGXFSZ, SIG_IGN); // a limit on the size of files fails the write, not the service
     ::mallopt(M_ARENA_MAX, 4);
 
-    const std::unique_ptr<CatalogStore> catalog = openCatalog(options.dataDirectory);
+    requirePrepared(options.dataDirectory);
     const Descriptor lock = lockDataDirectory(options.dataDirectory);
+    upgradeCatalog(options.dataDirectory);
+    const std::unique_ptr<CatalogStore> catalog = openCatalog(options.dataDirectory);
     Log log;
     if (!options.logFile.empty())
         log.openFile(options.logFile);

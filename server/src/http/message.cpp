@@ -51,6 +51,8 @@ const char* reasonPhrase(int status) {
         return "OK";
     case 206:
         return "Partial Content";
+    case 226:
+        return "IM Used";
     case 304:
         return "Not Modified";
     case 400:

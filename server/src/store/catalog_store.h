@@ -15,10 +15,18 @@
 
 namespace halvane::server {
 
-// The state of a listing: with an unchanged tag no item was visited.
+// What the caller has of a listing.
+struct KnownListing {
+    std::string tags;          // If-None-Match; empty for nothing
+    bool takesChanges = false; // what is new or changed since its one tag is enough
+};
+
+// The state of a listing: with an unchanged tag no item was visited; with a base only those that are new or
+// changed since the listing had that tag, of which nothing has gone.
 struct ListingState {
     std::string etag; // with its quotes
     bool notModified = false;
+    std::string base;
 };
 
 using FinalisationOutcome = std::variant<FinalizedFile, ApiError>;
@@ -44,13 +52,10 @@ public:
 
     // --- folders ---
     virtual FolderRecord folder(const Caller& caller, Id id) = 0;
-    // Calls `begin` once unless the listing still has the tag that isKnown recognises, then `item` for each
-    // entry by id, all in one snapshot.
-    virtual ListingState subfolders(const Caller& caller, Id id,
-                                    const std::function<bool(const std::string&)>& isKnown,
+    // Calls `item` for each entry by id, unless `known` spares it, all in one snapshot.
+    virtual ListingState subfolders(const Caller& caller, Id id, const KnownListing& known,
                                     const std::function<void(const FolderRecord&)>& item) = 0;
-    virtual ListingState files(const Caller& caller, Id id,
-                               const std::function<bool(const std::string&)>& isKnown,
+    virtual ListingState files(const Caller& caller, Id id, const KnownListing& known,
                                const std::function<void(const FileRecord&)>& item) = 0;
     virtual Id createFolder(const Caller& caller, Id parent, const std::string& name,
                             const std::vector<Id>& groups, const CallKey& key) = 0;

@@ -59,6 +59,15 @@ void SqliteCatalog::create(const std::string& path,
     }
 }
 
+void SqliteCatalog::upgrade(const std::string& path) {
+    SqliteConnection connection(path);
+    try {
+        upgradeSchema(connection);
+    } catch (const SQLite::Exception& error) {
+        throw connection.translated(error);
+    }
+}
+
 void SqliteCatalog::read(const std::function<void(SqliteConnection&)>& work) {
     std::unique_ptr<SqliteConnection> connection;
     {

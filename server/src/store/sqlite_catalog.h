@@ -17,6 +17,8 @@ public:
     // Makes a new, empty one with the root folder and these settings, durably.
     static void create(const std::string& path,
                        const std::vector<std::pair<std::string, std::string>>& settings);
+    // Brings one of an earlier version up to this one; only while no server works with it.
+    static void upgrade(const std::string& path);
 
     Id createUser(const NewUser& user) override;
     Id createGroup(const std::string& name) override;
@@ -30,10 +32,9 @@ public:
     std::string setting(const std::string& name) override;
 
     FolderRecord folder(const Caller& caller, Id id) override;
-    ListingState subfolders(const Caller& caller, Id id,
-                            const std::function<bool(const std::string&)>& isKnown,
+    ListingState subfolders(const Caller& caller, Id id, const KnownListing& known,
                             const std::function<void(const FolderRecord&)>& item) override;
-    ListingState files(const Caller& caller, Id id, const std::function<bool(const std::string&)>& isKnown,
+    ListingState files(const Caller& caller, Id id, const KnownListing& known,
                        const std::function<void(const FileRecord&)>& item) override;
     Id createFolder(const Caller& caller, Id parent, const std::string& name, const std::vector<Id>& groups,
                     const CallKey& key) override;

@@ -50,6 +50,10 @@ struct Target {
     Id folderId = 0;
 };
 
+void countFileChange(SqliteConnection& connection, Id folder) {
+    Query(connection, "UPDATE folders SET files_change = files_change + 1 WHERE id = ?1").bind(folder).run();
+}
+
 Target newVersionOf(SqliteConnection& connection, const Finalisation& request, const OpenUpload& upload) {
     const FolderAccess access = requireReadableFile(connection, request.caller, upload.targetId);
     requirePrivilege(access, Privilege::AddFiles, "add files to");
@@ -61,7 +65,9 @@ Target newVersionOf(SqliteConnection& connection, const Finalisation& request, c
                        "The file '" + query.text(1) + "' (id " + std::to_string(upload.targetId) +
                            ") has the version " + std::to_string(last) + " by now, not " +
                            std::to_string(*upload.expectedVersion) + ".");
-    Query(connection, "UPDATE files SET last_version = ?2 WHERE id = ?1")
+    countFileChange(connection, access.folder().id);
+    Query(connection, "UPDATE files SET last_version = ?2, listed_change = (SELECT files_change FROM folders"
+                      " WHERE folders.id = files.folder_id) WHERE id = ?1")
         .bind(upload.targetId, last + 1)
         .run();
     return {upload.targetId, last + 1, access.folder().id};
@@ -71,8 +77,10 @@ Target newFileIn(SqliteConnection& connection, const Finalisation& request, cons
                  TimeMs now) {
     const FolderAccess access = requireReadable(connection, request.caller, upload.targetId);
     requirePrivilege(access, Privilege::AddFiles, "add files to");
-    Query(connection, "INSERT INTO files (folder_id, name, last_version, created_at, created_by) VALUES (?1, "
-                      "?2, 1, ?3, ?4)")
+    countFileChange(connection, upload.targetId);
+    Query(connection,
+          "INSERT INTO files (folder_id, name, last_version, created_at, created_by, listed_change)"
+          " VALUES (?1, ?2, 1, ?3, ?4, (SELECT files_change FROM folders WHERE id = ?1))")
         .bind(upload.targetId, upload.name, now, request.caller.userId)
         .run();
     return {connection.database().getLastInsertRowid(), 1, upload.targetId};
@@ -109,9 +117,6 @@ void closeUpload(SqliteConnection& connection, Id upload, const Target& target, 
     Query(connection, "DELETE FROM upload_chunks WHERE upload_id = ?1").bind(upload).run();
     Query(connection, "UPDATE uploads SET final_file = ?2, final_version = ?3, expires_at = ?4 WHERE id = ?1")
         .bind(upload, target.fileId, target.version, now)
-        .run();
-    Query(connection, "UPDATE folders SET files_change = files_change + 1 WHERE id = ?1")
-        .bind(target.folderId)
         .run();
 }
 

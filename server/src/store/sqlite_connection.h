@@ -52,6 +52,12 @@ public:
         (bindOne(++index, values), ...);
         return *this;
     }
+    // Binds the parameter ?index alone.
+    template <typename Value>
+    Query& bindAt(int index, const Value& value) {
+        bindOne(index, value);
+        return *this;
+    }
     bool next() { return m_statement->executeStep(); }
     // Runs a statement that gives no rows; how many it changed.
     int run() { return m_statement->exec(); }

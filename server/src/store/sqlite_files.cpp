@@ -1,4 +1,5 @@
 // The files and versions of the SQLite catalogue.
+#include "store/listing_tag.h"
 #include "store/sqlite_access.h"
 #include "store/sqlite_catalog.h"
 
@@ -12,6 +13,10 @@ namespace {
     " v.created_at, v.source_modified_at, u.name FROM files f"                                               \
     " JOIN versions v ON v.file_id = f.id AND v.version = f.last_version LEFT JOIN users u ON u.id = "       \
     "f.created_by"
+
+constexpr const char* allFiles = HALVANE_FILE_COLUMNS " WHERE f.folder_id = ?1 ORDER BY f.id";
+constexpr const char* changedFiles =
+    HALVANE_FILE_COLUMNS " WHERE f.folder_id = ?1 AND f.listed_change > ?2 ORDER BY f.id";
 
 FileRecord fileOf(const Query& row) {
     return {row.integer(0),
@@ -41,8 +46,7 @@ FileRecord SqliteCatalog::file(const Caller& caller, Id id) {
     return result;
 }
 
-ListingState SqliteCatalog::files(const Caller& caller, Id id,
-                                  const std::function<bool(const std::string&)>& isKnown,
+ListingState SqliteCatalog::files(const Caller& caller, Id id, const KnownListing& known,
                                   const std::function<void(const FileRecord&)>& item) {
     ListingState state;
     read([&](SqliteConnection& connection) {
@@ -50,12 +54,15 @@ ListingState SqliteCatalog::files(const Caller& caller, Id id,
         const bool hidden = !access.here().has(Privilege::Read);
         Query change(connection, "SELECT files_change FROM folders WHERE id = ?1");
         change.bind(id).next();
-        state.etag = "\"f" + std::to_string(id) + '-' + change.text(0) + (hidden ? "-hidden\"" : "\"");
-        state.notModified = isKnown(state.etag);
+        const ListingTag tag{"\"f" + std::to_string(id) + '-', change.integer(0),
+                             hidden ? "-hidden\"" : "\""};
+        const auto since = compare(known, tag, 0, state); // files go with their folder only
         if (state.notModified || hidden)
             return;
-        Query query(connection, HALVANE_FILE_COLUMNS " WHERE f.folder_id = ?1 ORDER BY f.id");
-        query.bind(id);
+        Query query(connection, since ? changedFiles : allFiles);
+        query.bindAt(1, id);
+        if (since)
+            query.bindAt(2, *since);
         while (query.next())
             item(fileOf(query));
     });

@@ -1,4 +1,5 @@
 // The folders of the SQLite catalogue.
+#include "store/listing_tag.h"
 #include "store/sqlite_access.h"
 #include "store/sqlite_catalog.h"
 
@@ -27,21 +28,52 @@ std::vector<Id> groupIds(const std::vector<Grant>& grants) {
     return ids;
 }
 
+// The item of this folder in its parent's listing is another one since the last change of that listing.
+void markListed(SqliteConnection& connection, Id folder) {
+    Query(connection, "UPDATE folders SET listed_change = (SELECT p.folders_change FROM folders p"
+                      " WHERE p.id = folders.parent_id) WHERE id = ?1 AND parent_id IS NOT NULL")
+        .bind(folder)
+        .run();
+}
+
 void countFolderChange(SqliteConnection& connection, Id folder) {
     // The parent's own listing shows whether this folder has children.
     Query(connection, "UPDATE folders SET folders_change = folders_change + 1"
                       " WHERE id = ?1 OR id = (SELECT parent_id FROM folders WHERE id = ?1)")
         .bind(folder)
         .run();
+    markListed(connection, folder);
 }
 
-std::string subfoldersTag(SqliteConnection& connection, const Caller& caller, Id id) {
-    Query query(connection, "SELECT folders_change, (SELECT value FROM settings WHERE name = 'access_change')"
-                            " FROM folders WHERE id = ?1");
-    query.bind(id).next();
-    return "\"d" + std::to_string(id) + '-' + query.text(0) + '-' + query.text(1) + "-u" +
-           std::to_string(caller.userId) + '"';
+void countFolderRemoval(SqliteConnection& connection, Id parent) {
+    countFolderChange(connection, parent);
+    Query(connection, "UPDATE folders SET folders_removed = folders_change WHERE id = ?1").bind(parent).run();
 }
+
+// Of the listing of its sub-folders; the first change whose successors can be told, since nothing was
+// removed.
+struct SubfoldersTag {
+    ListingTag tag;
+    std::int64_t firstBase = 0;
+};
+
+SubfoldersTag subfoldersTag(SqliteConnection& connection, const Caller& caller, Id id) {
+    Query query(connection,
+                "SELECT folders_change, (SELECT value FROM settings WHERE name = 'access_change'),"
+                " folders_removed FROM folders WHERE id = ?1");
+    query.bind(id).next();
+    return {{"\"d" + std::to_string(id) + '-', query.integer(0),
+             '-' + query.text(1) + "-u" + std::to_string(caller.userId) + '"'},
+            query.integer(2)};
+}
+
+#define HALVANE_SUBFOLDERS                                                                                   \
+    "SELECT f.id, f.name, " HALVANE_HAS_READABLE_CHILD ", o.group_id, o.privileges FROM folders f"           \
+    " LEFT JOIN grants o ON o.folder_id = f.id WHERE f.parent_id = ?1"
+
+constexpr const char* allSubfolders = HALVANE_SUBFOLDERS " ORDER BY f.id, o.group_id";
+constexpr const char* changedSubfolders =
+    HALVANE_SUBFOLDERS " AND f.listed_change > ?5 ORDER BY f.id, o.group_id";
 
 void requireVisibleGroups(SqliteConnection& connection, const Caller& caller, const std::vector<Id>& groups) {
     for (const Id group : groups) {
@@ -70,6 +102,7 @@ Id insertFolder(SqliteConnection& connection, const Caller& caller, const Folder
             .bind(id, group, parent.here().bits())
             .run();
     countFolderChange(connection, parent.folder().id);
+    markListed(connection, id);
     return id;
 }
 
@@ -94,22 +127,20 @@ FolderRecord SqliteCatalog::folder(const Caller& caller, Id id) {
     return result;
 }
 
-ListingState SqliteCatalog::subfolders(const Caller& caller, Id id,
-                                       const std::function<bool(const std::string&)>& isKnown,
+ListingState SqliteCatalog::subfolders(const Caller& caller, Id id, const KnownListing& known,
                                        const std::function<void(const FolderRecord&)>& item) {
     ListingState state;
     read([&](SqliteConnection& connection) {
         const FolderAccess access = requireReadableOrRoot(connection, caller, id);
-        state.etag = subfoldersTag(connection, caller, id);
-        state.notModified = isKnown(state.etag);
+        const SubfoldersTag tag = subfoldersTag(connection, caller, id);
+        const auto since = compare(known, tag.tag, tag.firstBase, state);
         if (state.notModified)
             return;
         const Identity who = caller.identity();
-        Query query(
-            connection,
-            "SELECT f.id, f.name, " HALVANE_HAS_READABLE_CHILD ", o.group_id, o.privileges FROM folders f"
-            " LEFT JOIN grants o ON o.folder_id = f.id WHERE f.parent_id = ?1 ORDER BY f.id, o.group_id");
+        Query query(connection, since ? changedSubfolders : allSubfolders);
         query.bind(id, caller.isAdmin, groupIdsJson(caller), true); // only what may be read is shown
+        if (since)
+            query.bindAt(5, *since);
         FolderRecord current;
         std::vector<Grant> grants;
         const auto emit = [&] {
@@ -159,7 +190,7 @@ void SqliteCatalog::removeFolder(Id id) {
             if (!parent.bind(id).next())
                 throw ApiError(ErrorCode::NotFound,
                                "There is no folder with the id " + std::to_string(id) + ".");
-            countFolderChange(connection, parent.integer(0));
+            countFolderRemoval(connection, parent.integer(0));
         }
         connection.execute("CREATE TEMP TABLE IF NOT EXISTS gone_folders (id INTEGER PRIMARY KEY);"
                            "CREATE TEMP TABLE IF NOT EXISTS gone_files (id INTEGER PRIMARY KEY);"

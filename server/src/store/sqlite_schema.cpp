@@ -27,8 +27,10 @@ CREATE TABLE folders (
     id INTEGER PRIMARY KEY AUTOINCREMENT CHECK (id <= 2147483647),
     parent_id INTEGER REFERENCES folders (id), name TEXT NOT NULL, depth INTEGER NOT NULL,
     created_at INTEGER NOT NULL, created_by INTEGER,
-    files_change INTEGER NOT NULL DEFAULT 0, folders_change INTEGER NOT NULL DEFAULT 0);
+    files_change INTEGER NOT NULL DEFAULT 0, folders_change INTEGER NOT NULL DEFAULT 0,
+    folders_removed INTEGER NOT NULL DEFAULT 0, listed_change INTEGER NOT NULL DEFAULT 0);
 CREATE INDEX folders_by_parent ON folders (parent_id, id);
+CREATE INDEX folders_by_change ON folders (parent_id, listed_change);
 CREATE TABLE grants (
     folder_id INTEGER NOT NULL REFERENCES folders (id), group_id INTEGER NOT NULL REFERENCES groups (id),
     privileges INTEGER NOT NULL, PRIMARY KEY (folder_id, group_id)) WITHOUT ROWID;
@@ -36,8 +38,9 @@ CREATE TABLE grants (
 CREATE TABLE files (
     id INTEGER PRIMARY KEY AUTOINCREMENT CHECK (id <= 2147483647),
     folder_id INTEGER NOT NULL REFERENCES folders (id), name TEXT NOT NULL, last_version INTEGER NOT NULL,
-    created_at INTEGER NOT NULL, created_by INTEGER NOT NULL);
+    created_at INTEGER NOT NULL, created_by INTEGER NOT NULL, listed_change INTEGER NOT NULL DEFAULT 0);
 CREATE INDEX files_by_folder ON files (folder_id, id);
+CREATE INDEX files_by_change ON files (folder_id, listed_change);
 CREATE TABLE small_contents (id INTEGER PRIMARY KEY AUTOINCREMENT, content BLOB NOT NULL);
 CREATE TABLE versions (
     file_id INTEGER NOT NULL REFERENCES files (id), version INTEGER NOT NULL,
@@ -76,6 +79,29 @@ CREATE INDEX call_results_by_age ON call_results (created_at);
 CREATE TABLE garbage (blob_name TEXT PRIMARY KEY) WITHOUT ROWID;
 )sql";
 
+// Version 1 did not note when the item of a listing changed: what changed since a tag is known only for the
+// tags to come.
+constexpr const char* fromVersion1 = R"sql(
+ALTER TABLE folders ADD COLUMN folders_removed INTEGER NOT NULL DEFAULT 0;
+ALTER TABLE folders ADD COLUMN listed_change INTEGER NOT NULL DEFAULT 0;
+ALTER TABLE files ADD COLUMN listed_change INTEGER NOT NULL DEFAULT 0;
+UPDATE folders SET files_change = files_change + 1, folders_change = folders_change + 1;
+UPDATE folders SET folders_removed = folders_change;
+UPDATE files SET listed_change = (SELECT files_change FROM folders WHERE folders.id = files.folder_id);
+CREATE INDEX folders_by_change ON folders (parent_id, listed_change);
+CREATE INDEX files_by_change ON files (folder_id, listed_change);
+)sql";
+
+std::int64_t versionOf(SqliteConnection& connection) {
+    Query query(connection, "PRAGMA user_version");
+    query.next();
+    return query.integer(0);
+}
+
+void setVersion(SqliteConnection& connection) {
+    connection.execute(("PRAGMA user_version=" + std::to_string(schemaVersion)).c_str());
+}
+
 } // namespace
 
 void createSchema(SqliteConnection& connection,
@@ -89,20 +115,34 @@ void createSchema(SqliteConnection& connection,
     for (const auto& [name, value] : settings)
         Query(connection, "INSERT INTO settings (name, value) VALUES (?1, ?2)").bind(name, value).run();
     connection.execute("INSERT INTO settings (name, value) VALUES ('access_change', 0), ('serving', 0)");
-    connection.execute(("PRAGMA user_version=" + std::to_string(schemaVersion)).c_str());
+    setVersion(connection);
+    connection.execute("COMMIT");
+}
+
+void upgradeSchema(SqliteConnection& connection) {
+    if (versionOf(connection) != 1)
+        return;
+    connection.execute("BEGIN IMMEDIATE");
+    connection.execute(fromVersion1);
+    setVersion(connection);
     connection.execute("COMMIT");
 }
 
 void requireSchema(SqliteConnection& connection, const std::string& path) {
-    Query query(connection, "PRAGMA user_version");
-    query.next();
-    if (query.integer(0) == 0)
+    const std::int64_t version = versionOf(connection);
+    if (version == 0)
         throw ApiError(ErrorCode::Internal,
                        "'" + path +
                            "' is not a catalogue; prepare the data directory with 'halvane-server init'.");
-    if (query.integer(0) != schemaVersion)
+    if (version < schemaVersion)
         throw ApiError(ErrorCode::Internal,
-                       "The catalogue '" + path + "' was written by another version of halvane-server.");
+                       "The catalogue '" + path +
+                           "' was written by an earlier version of halvane-server; start "
+                           "the server once, which brings it up to this version.");
+    if (version > schemaVersion)
+        throw ApiError(ErrorCode::Internal,
+                       "The catalogue '" + path +
+                           "' was written by a later version of halvane-server; use that one.");
 }
 
 } // namespace halvane::server
