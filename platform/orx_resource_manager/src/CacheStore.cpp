@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <fcntl.h>
 #include <sqlite3.h>
+#include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -27,6 +28,11 @@ namespace {
 //! In the state directory. Enough for SQLite's shared memory and the first removals.
 constexpr const char* kReserveName = "reserve";
 constexpr off_t kReserveBytes = 1024 * 1024;
+
+//! In the state directory: what lies in the cache's directories was made by it.
+constexpr const char* kMarkName = "is-a-cache";
+constexpr std::string_view kMarkText =
+    "The directories here and in ../content are a cache: what is in them may be removed at any time.\n";
 
 QString translated(const char* text) {
     return QCoreApplication::translate("orx::ResourceCache", text);
@@ -41,6 +47,31 @@ bool isSameFile(const QString& path, int descriptor) {
     }, opened{};
     return ::stat(QFile::encodeName(path).constData(), &named) == 0 && ::fstat(descriptor, &opened) == 0 &&
            named.st_dev == opened.st_dev && named.st_ino == opened.st_ino;
+}
+
+bool isFile(int directory, const char* name) {
+    struct stat status {};
+    return ::fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(status.st_mode);
+}
+
+//! Whether \a name in \a parent is a directory that holds something.
+Result<bool> holdsSomething(int parent, const char* name, const QString& shown) {
+    const auto directory = openDirectory(parent, name, shown);
+    if (directory.hasError())
+        return directory.error().is(ErrorCode::NotFound) ? Result<bool>(false) : directory.error();
+    const Error error = forEachName(directory->get(), shown,
+                                    [](const QByteArray&) { return Error(ErrorCode::AlreadyExists, {}); });
+    return error.hasError() && !error.is(ErrorCode::AlreadyExists) ? Result<bool>(error) : error.hasError();
+}
+
+Error leaveMark(int top, int state, const QString& rootDir) {
+    const CacheDescriptor mark(::openat(state, kMarkName, O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+    // For people: that it is there is what counts.
+    if (!mark.isOpen() || ::pwrite(mark.get(), kMarkText.data(), kMarkText.size(), 0) < 0)
+        return systemError("Could not make the cache in \"%1\"", rootDir);
+    ORX_RETURN_ON_ERROR(flush(mark.get(), rootDir));
+    ORX_RETURN_ON_ERROR(flush(state, rootDir));
+    return flush(top, rootDir);
 }
 
 //! By SQLite's own judgement; one that it could not come to is none.
@@ -103,6 +134,27 @@ bool CacheStore::isStillThere(const CacheRoot& root) const {
     return isSameFile(stagingDir(), root.staging.get()) && isSameFile(contentDir(), root.content.get());
 }
 
+//! Whatever has no record is removed from a cache: nothing that somebody else put there may be taken for it.
+Error CacheStore::checkIsOurs(int top) const {
+    // Another process that makes the cache just then leaves the mark before anything else.
+    const auto content = holdsSomething(top, "content", contentDir());
+    const auto state = holdsSomething(top, "state", m_rootDir + QStringLiteral("/state"));
+    if (content.hasError() || state.hasError())
+        return content.hasError() ? content.error() : state.error();
+    if (!*content && !*state)
+        return Error();
+    const auto opened = openDirectory(top, "state", m_rootDir);
+    // Caches of the first releases have no mark.
+    const bool isOurs = opened && (isFile(opened->get(), kMarkName) ||
+                                   (isFile(opened->get(), "locks") && isFile(opened->get(), "cache.sqlite")));
+    return isOurs
+               ? Error()
+               : Error(ErrorCode::InvalidArgument,
+                       translated("\"%1\" is no cache, but there is something in its \"%2\". Let the "
+                                  "cache use another directory, or move that away.")
+                           .arg(m_rootDir, *content ? QStringLiteral("content") : QStringLiteral("state")));
+}
+
 Error CacheStore::openRoot(CacheRoot& root) const {
     if (!QDir().mkpath(QFileInfo(m_rootDir).path()))
         return systemError("Could not create the directory of the cache \"%1\"", m_rootDir);
@@ -119,8 +171,11 @@ Error CacheStore::openRoot(CacheRoot& root) const {
         directory = std::move(*opened);
         return Error();
     };
-    ORX_RETURN_ON_ERROR(ensure(root.content, top.get(), "content", contentDir()));
+    ORX_RETURN_ON_ERROR(checkIsOurs(top.get()));
     ORX_RETURN_ON_ERROR(ensure(root.state, top.get(), "state", m_rootDir + QStringLiteral("/state")));
+    if (!isFile(root.state.get(), kMarkName))
+        ORX_RETURN_ON_ERROR(leaveMark(top.get(), root.state.get(), m_rootDir));
+    ORX_RETURN_ON_ERROR(ensure(root.content, top.get(), "content", contentDir()));
     ORX_RETURN_ON_ERROR(ensure(root.staging, root.state.get(), "staging", stagingDir()));
     CacheDescriptor locks(
         ::openat(root.state.get(), "locks", O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));

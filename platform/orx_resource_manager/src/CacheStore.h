@@ -104,6 +104,7 @@ public:
     static Error busy(const QString& subPath);
 
 private:
+    Error checkIsOurs(int top) const;
     Error openRoot(CacheRoot& root) const;
     bool isStillThere(const CacheRoot& root) const;
     bool setAsideDatabase(const QString& path, const QString& reason);

@@ -132,6 +132,7 @@ TEST_F(CachePlacesTest, AMissingFileIsNotThere) {
 }
 
 TEST_F(CachePlacesTest, ContentWithoutARecordIsNotThereAndIsReplaced) {
+    ASSERT_TRUE(subPaths().isEmpty()); // makes the cache
     ASSERT_TRUE(orx::testing::writeFile(placeOf(kEntry), "planted"));
     EXPECT_FALSE(cache.contains(kEntry));
     ASSERT_FALSE(fill(kEntry, "content").hasError());
@@ -262,6 +263,42 @@ TEST_F(CachePlacesTest, ACacheRemovedByHandStartsAnew) {
     ASSERT_FALSE(fill(kEntry, "content").hasError());
     EXPECT_TRUE(cache.contains(kEntry));
     EXPECT_EQ(subPaths(), QStringList{kEntry});
+}
+
+TEST_F(CachePlacesTest, ADirectoryThatIsNoCacheIsRefusedAndLeftAsItIs) {
+    for (const char* const foreign :
+         {"content/site/index.html", "state/notes", "state/staging/add-1/notes"}) {
+        SCOPED_TRACE(foreign);
+        const QString file = root() + u'/' + QString::fromLatin1(foreign);
+        ASSERT_TRUE(orx::testing::writeFile(file, "precious"));
+        const QStringList before = QDir(root()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot);
+        const Error error = fill(kEntry, "content");
+        EXPECT_TRUE(error.is(ErrorCode::InvalidArgument));
+        EXPECT_TRUE(error.errorMessage().contains(root())) << qPrintable(error.errorMessage());
+        EXPECT_TRUE(cache.prune({0, std::nullopt}).hasError());
+        EXPECT_TRUE(cache.add(nullptr, kEntry, [] { return Error(); }).is(ErrorCode::InvalidArgument));
+        EXPECT_FALSE(cache.contains(kEntry));
+        EXPECT_EQ(orx::testing::readFile(file), "precious");
+        EXPECT_EQ(QDir(root()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot), before);
+        ASSERT_TRUE(QDir(root()).removeRecursively());
+    }
+    ASSERT_TRUE(QDir().mkpath(root() + u"/content"_qs));
+    ASSERT_TRUE(QDir().mkpath(root() + u"/state"_qs));
+    ASSERT_TRUE(orx::testing::writeFile(root() + u"/other"_qs, "precious"));
+    EXPECT_FALSE(fill(kEntry, "content").hasError());
+    EXPECT_EQ(orx::testing::readFile(root() + u"/other"_qs), "precious");
+}
+
+TEST_F(CachePlacesTest, ACacheIsKnownByItsMarkAloneOrByItsRecords) {
+    ASSERT_FALSE(fill(kEntry, "content").hasError());
+    ASSERT_TRUE(QFile::remove(root() + u"/state/is-a-cache"_qs));
+    EXPECT_TRUE(ResourceCache(root()).contains(kEntry));
+    for (const char* const name : {"cache.sqlite", "cache.sqlite-wal", "cache.sqlite-shm", "locks"})
+        QFile::remove(root() + u"/state/"_qs + QString::fromLatin1(name));
+    ResourceCache other(root());
+    EXPECT_FALSE(other.contains(kEntry));
+    EXPECT_TRUE(other.prune());
+    EXPECT_FALSE(QFileInfo::exists(placeOf(kEntry)));
 }
 
 TEST_F(CachePlacesTest, PoliciesBelongToEntries) {
