@@ -194,6 +194,28 @@ TEST_F(PutTrees, OfRawDataNothingIsKeptInTheCacheWhenThatIsNotWanted) {
     EXPECT_EQ(client.mustRun({"--json", "cache", "ls"}).objects().size(), 1);
 }
 
+TEST_F(PutTrees, ACompanionIsSentOnceAndComesBackWithItsRawData) {
+    const QByteArray uuid = "12345678-1234-1234-1234-123456789abc";
+    const QString document = write(
+        "study/tissue.imzML",
+        R"(<?xml version="1.0"?><mzML version="1.1"><fileDescription><fileContent>)"
+        R"(<cvParam cvRef="IMS" accession="IMS:1000080" name="uuid" value="{)" +
+            uuid +
+            R"(}"/></fileContent></fileDescription><run id="r"><spectrumList count="0"/></run></mzML>)");
+    const QString binary = write("study/tissue.ibd", QByteArray::fromHex(QByteArray(uuid).replace("-", "")) +
+                                                         QByteArray(5000, 'i'));
+    const Outcome outcome = put({"study", "--to", "/raw"});
+    ASSERT_EQ(outcome.exitCode, 0) << outcome.err.constData();
+    const QList<QJsonObject> leftOut = ofType(outcome, "left_out");
+    ASSERT_EQ(leftOut.size(), 1);
+    EXPECT_EQ(leftOut.first()["path"], binary);
+    EXPECT_EQ(leftOut.first()["reason"], "companion");
+    EXPECT_EQ(onServer("/raw"), (QStringList{"/raw/study/", "/raw/study/tissue.imzML.vonk@1"}));
+    client.mustRun({"get", "/raw/study", "--to", makeDirectory("back")});
+    EXPECT_EQ(Client::contentOf(client.path("back/study/tissue.imzML")), Client::contentOf(document));
+    EXPECT_EQ(Client::contentOf(client.path("back/study/tissue.ibd")), Client::contentOf(binary));
+}
+
 TEST_F(PutTrees, WhatIsLeftOutIsToldWithItsReason) {
     write("2026/a.txt", "content of a");
     write("2026/.hidden", "x");

@@ -113,6 +113,7 @@ UploadRefusal refusalOfSource(const QFileInfo& info) {
     case UploadRefusal::DirectoryLink:
     case UploadRefusal::Extension:
     case UploadRefusal::Name:
+    case UploadRefusal::Companion:
         return UploadRefusal::None;
     default:
         return refusal;

@@ -23,6 +23,8 @@ QString reasonWord(UploadRefusal refusal) {
         return QStringLiteral("link");
     case UploadRefusal::Special:
         return QStringLiteral("special");
+    case UploadRefusal::Companion:
+        return QStringLiteral("companion");
     default:
         return QStringLiteral("filter");
     }

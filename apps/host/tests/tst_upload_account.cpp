@@ -89,15 +89,16 @@ TEST_F(Account, RulesExplainAndUnwantedRefusalsFail) {
           entry(at("t/l"), Kind::None, UploadRefusal::DirectoryLink),
           entry(at("t/p"), Kind::None, UploadRefusal::Special),
           entry(at("t/x.tmp"), Kind::None, UploadRefusal::Name),
+          entry(at("t/run.ibd"), Kind::None, UploadRefusal::Companion),
           entry(at("t/run.d"), Kind::RawData, UploadRefusal::StillWritten)}}};
     const UploadReport report = account.report(some, false);
     QStringList reasons;
     for (const LeftOutPath& path : report.leftOut)
         reasons.append(path.reason);
-    EXPECT_EQ(reasons.join(u' '), QStringLiteral("hidden link special filter"));
+    EXPECT_EQ(reasons.join(u' '), QStringLiteral("hidden link special filter companion"));
     ASSERT_EQ(report.failures.size(), 1);
     EXPECT_EQ(report.failures.first().path, at("t/run.d"));
-    EXPECT_EQ(report.trees.first().leftOut, 4);
+    EXPECT_EQ(report.trees.first().leftOut, 5);
 }
 
 } // namespace

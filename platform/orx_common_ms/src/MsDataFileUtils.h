@@ -18,6 +18,10 @@ public:
     static bool isValidMsData(const QString& path);
     //! The same with the kind, the companions and, when it is not valid, the reason.
     static MsDataCheck checkMsData(const QString& path);
+    //! The valid raw data beside the file \a path that has this as a companion ("run.imzML" of "run.ibd",
+    //! "run.wiff" of "run.wiff.scan"), as an absolute path; empty when there is none, and for all other names
+    //! at once.
+    static QString ownerOfCompanion(const QString& path);
 };
 
 } // namespace orx

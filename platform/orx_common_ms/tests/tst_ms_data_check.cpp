@@ -195,6 +195,24 @@ TEST(MsDataCheck, namesTheCompanionsByAbsolutePath) {
     EXPECT_EQ(MsDataFileUtils::checkMsData(document).companions, QStringList{companion});
 }
 
+TEST(MsDataCheck, knowsTheOwnerOfACompanion) {
+    const MsDataMaker maker;
+    const auto owner = [](const QString& path) { return MsDataFileUtils::ownerOfCompanion(path); };
+    const QString binary = textFile(maker, "Run.IBD", kUuidBytes);
+    EXPECT_EQ(owner(binary), QString()) << "nothing is beside it";
+    const QString document = textFile(maker, "run.imzML", MsDataMaker::imzMl(kUuid));
+    EXPECT_EQ(owner(binary), document);
+    EXPECT_EQ(owner(document), QString());
+    const QString scans = textFile(maker, "a.WIFF.scan", "x");
+    EXPECT_EQ(owner(scans), QString());
+    const QString wiff = textFile(maker, "a.wiff", MsDataMaker::compoundDocument());
+    EXPECT_EQ(owner(scans), wiff);
+    EXPECT_EQ(owner(textFile(maker, "a.scan", "x")), QString());
+    EXPECT_EQ(owner(QString()), QString());
+    textFile(maker, "Run.IBD", "of another run, longer");
+    EXPECT_EQ(owner(binary), QString()) << "the document is not valid with it";
+}
+
 TEST(MsDataCheck, recognisesPeakListsByTheirFirstLines) {
     const QByteArray ions = "BEGIN IONS\nPEPMASS=1\n1 2\nEND IONS\n";
     QByteArray manyParameters;

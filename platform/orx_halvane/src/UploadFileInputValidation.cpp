@@ -94,10 +94,17 @@ UploadRefusal refusalByRules(const QFileInfo& path, const Rules& rules) {
     return rules.isExcluded(name) ? UploadRefusal::Name : UploadRefusal::None;
 }
 
+//! Whether raw data that is itself taken brings the file along.
+bool isCompanion(const QFileInfo& path, const Rules& rules) {
+    const QString owner = MsDataFileUtils::ownerOfCompanion(path.absoluteFilePath());
+    return !owner.isEmpty() && refusalByRules(QFileInfo(owner), rules) == UploadRefusal::None;
+}
+
 //! What a look at the content says. Blocks.
 struct Content {
     bool isAcquisition = false;
     bool isMsData = false;
+    bool isCompanion = false;
 };
 
 Content contentOf(const QString& path) {
@@ -150,18 +157,23 @@ bool UploadFileInputValidation::isAllowedExtension(const QFileInfo& path) {
 }
 
 UploadRefusal UploadFileInputValidation::refusal(const QFileInfo& path) {
-    const UploadRefusal refusal = refusalByRules(path, *rules());
-    return refusal == UploadRefusal::None && isStillWritten(path.absoluteFilePath())
-               ? UploadRefusal::StillWritten
-               : refusal;
+    const std::shared_ptr<const Rules> applied = rules();
+    const UploadRefusal refusal = refusalByRules(path, *applied);
+    if (refusal != UploadRefusal::None)
+        return refusal;
+    if (isCompanion(path, *applied))
+        return UploadRefusal::Companion;
+    return isStillWritten(path.absoluteFilePath()) ? UploadRefusal::StillWritten : UploadRefusal::None;
 }
 
 QCoro::Task<UploadFileInputValidation::ValidationResult>
 UploadFileInputValidation::co_validUploadPath(QFileInfo path) {
     const std::shared_ptr<const Rules> applied = rules();
     const QString file = path.absoluteFilePath();
-    std::function<Content(const std::stop_token&)> look = [file](const std::stop_token&) {
-        return contentOf(file);
+    std::function<Content(const std::stop_token&)> look = [path, applied, file](const std::stop_token&) {
+        Content content = contentOf(file);
+        content.isCompanion = isCompanion(path, *applied);
+        return content;
     };
     ValidationResult result;
     result.isValidPath = refusalByRules(path, *applied) == UploadRefusal::None;
@@ -169,7 +181,8 @@ UploadFileInputValidation::co_validUploadPath(QFileInfo path) {
         co_return result;
     const Content content = co_await onWorker<Content>(std::move(look));
     result.isValidMsData = content.isMsData;
-    if (content.isAcquisition) {
+    result.isValidPath = !content.isCompanion;
+    if (content.isAcquisition && result.isValidPath) {
         result.isValidPath = co_await waitForQuiet(file, applied->filters);
         setStillWritten(file, !result.isValidPath);
     }
@@ -197,6 +210,8 @@ QString UploadFileInputValidation::explanation(UploadRefusal refusal, const QStr
         return say(QT_TR_NOOP("The extension of \"%1\" is not among those allowed."));
     case UploadRefusal::Name:
         return say(QT_TR_NOOP("The name of \"%1\" is excluded by the upload filters."));
+    case UploadRefusal::Companion:
+        return say(QT_TR_NOOP("\"%1\" is packed together with the raw data beside it."));
     case UploadRefusal::StillWritten:
         return say(QT_TR_NOOP("\"%1\" is still being written. Upload it when the acquisition has ended."));
     }

@@ -36,7 +36,8 @@ enum class UploadRefusal {
     DirectoryLink, //!< might lead around in circles
     Special,       //!< neither a file nor a directory: a socket, a pipe, a device
     Extension,
-    Name, //!< excluded by the filters
+    Name,      //!< excluded by the filters
+    Companion, //!< belongs to raw data beside it, which is packed together with it
     StillWritten
 };
 
@@ -56,7 +57,8 @@ public:
     //! True for every directory.
     static bool isAllowedExtension(const QFileInfo& path);
     //! The extension rule and the filters. Looks at the name and at what the file system says of the entry;
-    //! opens nothing. A link to a file is that file.
+    //! opens nothing, but for a file that is named like a companion of raw data, when that lies beside it. A
+    //! link to a file is that file.
     static bool validUploadPath(const QFileInfo& path) { return refusal(path) == UploadRefusal::None; }
     //! The same, asked asynchronously, with a look into the content; an acquisition that is still being
     //! written is waited for first, and not valid when it does not come to rest.

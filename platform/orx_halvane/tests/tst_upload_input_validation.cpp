@@ -71,6 +71,25 @@ QByteArray spectra() {
 
 } // namespace
 
+TEST_F(UploadInput, ACompanionGoesUpWithTheRawDataBesideItAndAloneWithoutIt) {
+    const QByteArray document =
+        R"(<?xml version="1.0"?><mzML version="1.1"><fileDescription><fileContent>)"
+        R"(<cvParam cvRef="IMS" accession="IMS:1000080" name="uuid" value="{12345678-1234-1234-1234-123456789abc}"/>)"
+        R"(</fileContent></fileDescription><run id="r"><spectrumList count="0"/></run></mzML>)";
+    const QString binary = make(u"tissue.ibd"_qs, QByteArray::fromHex("12345678123412341234123456789abc"));
+    EXPECT_EQ(refusal(binary), UploadRefusal::None);
+    const QString imaging = make(u"tissue.imzML"_qs, document);
+    EXPECT_EQ(refusal(binary), UploadRefusal::Companion);
+    EXPECT_FALSE(check(binary).isValidPath);
+    EXPECT_EQ(refusal(imaging), UploadRefusal::None);
+    EXPECT_TRUE(check(imaging).isValidMsData);
+    UploadFilters filters;
+    filters.allowedExtensions = {u"ibd"_qs};
+    Validation::setFilters(filters);
+    EXPECT_EQ(refusal(binary), UploadRefusal::None) << "what it belongs to is not taken";
+    EXPECT_TRUE(check(binary).isValidPath);
+}
+
 TEST_F(UploadInput, FilesAndDirectoriesAreValidByDefault) {
     EXPECT_TRUE(isValid(make(QStringLiteral("notes.txt"))));
     EXPECT_TRUE(isValid(make(QStringLiteral("without extension"))));
