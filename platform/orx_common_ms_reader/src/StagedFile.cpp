@@ -44,6 +44,12 @@ Error checkRoom(const QString& directory, qint64 bytes, const QString& wanted) {
 }
 
 Result<StagedFile> StagedFile::create(const QString& path, qint64 bytes) {
+    // What QTemporaryDir gives when it could not be made.
+    if (path.isEmpty())
+        return Error(
+            ErrorCode::FileNotWritable,
+            translated("There is no place for a packed acquisition: its path is empty. Is there a directory "
+                       "for temporary files, and may you write to it?"));
     StagedFile file;
     file.m_path = path;
     file.m_target = encodedPath(path);

@@ -187,5 +187,18 @@ TEST_F(SampleDataUpload, CancelledWhilePackingItLeavesNothing) {
     EXPECT_TRUE(temporaryFiles().isEmpty());
 }
 
+// The worker is anywhere: before its file is there, while it writes it, or when it is through.
+TEST_F(SampleDataUpload, DestroyedWhilePackingItLeavesNothing) {
+    for (int turns = 0; turns < 12; ++turns) {
+        auto task = std::make_unique<HalvaneSampleDataUploadTask>(uploadOf(raw), nullptr);
+        task->exec();
+        for (int turn = 0; turn < turns && temporaryFiles().isEmpty(); ++turn)
+            QCoreApplication::processEvents();
+        task.reset();
+        EXPECT_EQ(temporaryDirCount(), 0) << turns;
+    }
+    EXPECT_TRUE(cache.isEmpty());
+}
+
 } // namespace
 } // namespace orx::testing

@@ -1,14 +1,19 @@
 // The upload of a packed acquisition: its checks, the upgrade of older formats, its trace, its cache entry.
+#include "LogProbe.h"
 #include "UploadFixture.h"
 
 #include <FileUtils.h>
+#include <FullPool.h>
 #include <HalvaneConnection.h>
 #include <Vonk.h>
 #include <VonkUpgradeRule.h>
 #include <tasks/HalvaneVonkFileUploadTask.h>
 
+#include <QCoreApplication>
 #include <QDir>
+#include <QDirIterator>
 #include <QJsonArray>
+#include <QTimer>
 
 namespace orx::testing {
 namespace {
@@ -74,6 +79,15 @@ protected:
         return file.readAll();
     }
 
+    //! The files of all temporary directories below \a directory.
+    static QStringList entriesBelow(const QString& directory) {
+        QStringList names;
+        QDirIterator files(directory, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
+        while (files.hasNext())
+            names += files.next();
+        return names;
+    }
+
     CacheProbe cache;
     ErrorLog errors;
 };
@@ -129,7 +143,13 @@ TEST_F(VonkFileUpload, AFileThatCannotBeReadFailsWithTheReadersError) {
     const QString cut = packedFile(2);
     ASSERT_TRUE(QFile::resize(cut, QFileInfo(cut).size() - 1));
     HalvaneVonkFileUploadTask damaged(uploadOf(cut), nullptr);
-    EXPECT_TRUE(run(damaged).hasError());
+    const Error error = run(damaged);
+    EXPECT_TRUE(error.is(ErrorCode::ChecksumMismatch));
+    EXPECT_EQ(error.errorMessage(),
+              QStringLiteral("\"%1\" cannot be used as a packed acquisition: it is damaged: "
+                             "its end is missing or not what it was.")
+                  .arg(cut));
+    EXPECT_TRUE(ErrorLog::mentions(QStringLiteral("HalvaneVonkFileUploadTask::initialize")));
     EXPECT_TRUE(server.log().isEmpty());
 }
 
@@ -184,11 +204,29 @@ TEST_F(VonkFileUpload, TheFlagDoesNotPreventAnUpgrade) {
     EXPECT_FALSE(task.performSilentUpgrade());
 }
 
+TEST_F(VonkFileUpload, AnUpgradeIsLoggedWithBothPaths) {
+    server.service().setChunkSize(1 << 20);
+    const LogProbe log;
+    const QString path = packedFile(1);
+    HalvaneVonkFileUploadTask task(uploadOf(path), nullptr);
+    EXPECT_FALSE(run(task).hasError());
+    EXPECT_EQ(
+        log.lines(),
+        QStringList{
+            QStringLiteral("info|Upgrading  \"%1\" into \"%2\"").arg(path, task.parameters().localPath)});
+}
+
 TEST_F(VonkFileUpload, AnUpgradeThatFailsEndsTheTaskBeforeAnyRequest) {
     const QString path = packedFile(1);
     setTempDir(filePath(QStringLiteral("missing directory")));
     HalvaneVonkFileUploadTask task(uploadOf(path), nullptr);
-    EXPECT_TRUE(run(task).hasError());
+    const Error error = run(task);
+    EXPECT_TRUE(error.is(ErrorCode::FileNotWritable));
+    EXPECT_EQ(error.errorMessage(),
+              QStringLiteral(
+                  "There is no place for a packed acquisition: its path is empty. Is there a directory for "
+                  "temporary files, and may you write to it?"));
+    EXPECT_TRUE(ErrorLog::mentions(QStringLiteral("HalvaneVonkFileUploadTask::initialize")));
     EXPECT_TRUE(server.log().isEmpty());
     EXPECT_EQ(task.parameters().localPath, path);
 }
@@ -200,8 +238,48 @@ TEST_F(VonkFileUpload, ADamagedFileOfAnOlderFormatEndsTheTaskBeforeAnyRequest) {
     ASSERT_TRUE(file.seek(200)); // in the payload, which only the upgrade reads
     ASSERT_EQ(file.write("xxxxxxxx"), 8);
     file.close();
-    HalvaneVonkFileUploadTask task(uploadOf(path), nullptr);
-    EXPECT_TRUE(run(task).hasError());
+    const QString temporary = filePath(QStringLiteral("temporary"));
+    ASSERT_TRUE(QDir().mkpath(temporary));
+    setTempDir(temporary);
+    {
+        HalvaneVonkFileUploadTask task(uploadOf(path), nullptr);
+        const Error error = run(task);
+        EXPECT_TRUE(error.is(ErrorCode::ChecksumMismatch));
+        EXPECT_TRUE(error.errorMessage().contains(path)) << qPrintable(error.errorMessage());
+        EXPECT_TRUE(server.log().isEmpty());
+        EXPECT_EQ(entriesBelow(temporary), QStringList()) << "nothing of it is left";
+    }
+    EXPECT_TRUE(QDir(temporary).isEmpty());
+}
+
+TEST_F(VonkFileUpload, CancelledWhileItUpgradesItEndsWithoutTheUpgrade) {
+    const QString temporary = filePath(QStringLiteral("temporary"));
+    ASSERT_TRUE(QDir().mkpath(temporary));
+    setTempDir(temporary);
+    HalvaneVonkFileUploadTask task(uploadOf(packedFile(1)), nullptr);
+    orx::probes::FullPool pool; // the upgrade cannot begin
+    QTimer::singleShot(0, &task, [&] {
+        task.cancel();
+        pool.release();
+    });
+    EXPECT_TRUE(run(task).isCanceled());
+    EXPECT_EQ(entriesBelow(temporary), QStringList());
+    EXPECT_TRUE(server.log().isEmpty());
+}
+
+TEST_F(VonkFileUpload, DestroyedWhileItUpgradesItLeavesNothing) {
+    const QString temporary = filePath(QStringLiteral("temporary"));
+    ASSERT_TRUE(QDir().mkpath(temporary));
+    setTempDir(temporary);
+    auto task = std::make_unique<HalvaneVonkFileUploadTask>(uploadOf(packedFile(1)), nullptr);
+    orx::probes::FullPool pool;
+    QTimer::singleShot(0, qApp, [&] {
+        task.reset();
+        pool.release();
+    });
+    task->exec();
+    EXPECT_FALSE(task);
+    EXPECT_TRUE(QDir(temporary).isEmpty());
     EXPECT_TRUE(server.log().isEmpty());
 }
 

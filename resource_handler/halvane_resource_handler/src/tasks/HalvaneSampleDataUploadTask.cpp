@@ -49,7 +49,10 @@ HalvaneSampleDataUploadTask::HalvaneSampleDataUploadTask(const HalvaneFileUpload
     setCachedOnFinished(false);
 }
 
-HalvaneSampleDataUploadTask::~HalvaneSampleDataUploadTask() = default;
+HalvaneSampleDataUploadTask::~HalvaneSampleDataUploadTask() {
+    // Before the directory goes into which a worker may be packing.
+    stopBody();
+}
 
 Error HalvaneSampleDataUploadTask::initialize() {
     ORX_RETURN_ON_ERROR(d->createLocalVonk(d->parameters.localPath));

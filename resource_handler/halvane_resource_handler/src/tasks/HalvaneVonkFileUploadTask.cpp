@@ -10,6 +10,7 @@
 #include <VonkUpgradeHelper.h>
 
 #include <QFileInfo>
+#include <QPointer>
 #include <QTemporaryDir>
 
 namespace orx {
@@ -22,7 +23,9 @@ Result<vonk::VonkMetadata> vonkMetadata(const QString& path) {
     return file.metadata();
 }
 
-Result<QString> doPerformSilentUpgrade(const QString& path, const QTemporaryDir* tempDir) {
+//! A task that is cancelled or destroyed while this waits ends the upgrade too.
+Result<QString> doPerformSilentUpgrade(const QString& path, const QTemporaryDir* tempDir,
+                                       const HalvaneVonkFileUploadTask* upload) {
     if (!tempDir)
         return ORX_ECATCH(Error(ErrorCode::InvalidArgument,
                                 HalvaneVonkFileUploadTask::tr("Temporary dir is not provided")));
@@ -30,6 +33,8 @@ Result<QString> doPerformSilentUpgrade(const QString& path, const QTemporaryDir*
     qCInfo(halvaneResourceHandlerLog) << "Upgrading " << path << "into" << target;
     const auto task = VonkUpgradeHelper::createUpgradeVonkTask(path, target, Task::ExecutionMode::Direct);
     task->setExecutionMode(Task::ExecutionMode::Worker);
+    QObject::connect(upload, &BaseTask::canceled, task.get(), &BaseTask::cancel);
+    QObject::connect(upload, &QObject::destroyed, task.get(), &BaseTask::cancel);
     task->exec();
     ORX_RETURN_ON_ERROR(task->waitForFinished(-1));
     return target;
@@ -83,9 +88,15 @@ Error HalvaneVonkFileUploadTask::initialize() {
 
 Error HalvaneVonkFileUploadTask::upgrade(HalvaneFileUploadParameters upload) {
     const auto userSettings = HalvaneConnection::instance().settings().userSettingsPtr();
-    m_tempDir = std::make_unique<QTemporaryDir>(userSettings->tempDirTemplate());
-    auto upgraded = doPerformSilentUpgrade(upload.localPath, m_tempDir.get());
+    // The upgrade waits in an event loop, in which this object may be destroyed.
+    const QPointer<HalvaneVonkFileUploadTask> guard(this);
+    auto tempDir = std::make_unique<QTemporaryDir>(userSettings->tempDirTemplate());
+    auto upgraded = doPerformSilentUpgrade(upload.localPath, tempDir.get(), this);
+    if (guard)
+        m_tempDir = std::move(tempDir);
     ORX_RETURN_ON_ERROR(upgraded.error());
+    if (!guard)
+        return Error(ErrorCode::Canceled, tr("The upload was cancelled."));
     upload.localPath = *upgraded;
     auto metadata = vonkMetadata(upload.localPath);
     ORX_RETURN_ON_ERROR(metadata.error());
