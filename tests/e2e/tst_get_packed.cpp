@@ -1,6 +1,7 @@
 // Packed acquisitions come down as what they hold, are recognised when they are there already, and come as
 // the packed files that they are when that is asked for.
 #include "Client.h"
+#include "SmallWriter.h"
 
 #include <FaultProxy.h>
 #include <VonkPacker.h>
@@ -259,6 +260,30 @@ TEST_F(GetPacked, OnlyWhatIsMissingOfSeveralEntriesIsWritten) {
     EXPECT_EQ(outcome.object()["outcome"], "downloaded");
     EXPECT_EQ(client.filesIn("out"), (QStringList{"method.txt", "spectra.bin"}));
     EXPECT_EQ(local("out/spectra.bin"), "spectra.bin of one");
+}
+
+// Writers sort them, and readers do not ask for it; an upgrade keeps the order.
+TEST_F(GetPacked, EntriesInAnyOrderComeDown) {
+    for (const int version : {1, 2}) {
+        vonk::SmallWriter writer(version);
+        for (const char* const name : {"a/x", "b", "a/y"})
+            writer.addFile(QString("content/") + name, QByteArray(name) + " of version");
+        writer.finish();
+        const QString name = QString("mixed%1.vonk").arg(version);
+        put(client.makeFile(name, writer.bytes()), "/packed");
+        for (const QStringList& cache : {QStringList{"--no-cache"}, QStringList{}}) {
+            makeOut();
+            const Outcome outcome = get(cache + QStringList{"/packed/" + name, "--to", "out"});
+            EXPECT_EQ(outcome.exitCode, 0) << outcome.err.constData();
+            EXPECT_EQ(client.filesIn("out"), (QStringList{"a", "b"}));
+            EXPECT_EQ(client.filesIn("out/a"), (QStringList{"x", "y"}));
+            EXPECT_EQ(local("out/a/y"), "a/y of version");
+            forget("out");
+        }
+        client.mustRun({"unpack", client.makeFile(name, writer.bytes()), "--to", client.path("out")});
+        EXPECT_EQ(client.filesIn("out/a"), (QStringList{"x", "y"}));
+        forget("out");
+    }
 }
 
 TEST_F(GetPacked, TwinsOfAFolderKeepTheirContentsApart) {

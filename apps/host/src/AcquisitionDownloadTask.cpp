@@ -15,6 +15,7 @@
 #include <ResourceHandler.h>
 
 #include <QDir>
+#include <QHash>
 
 #include <algorithm>
 
@@ -93,14 +94,17 @@ Error AcquisitionDownloadTask::initialize() {
 QList<AcquisitionDownloadTask::Part> AcquisitionDownloadTask::partsOf(const QList<VonkEntry>& entries) {
     const qsizetype prefix = orx::vonk::contentPrefix().size();
     QList<Part> parts;
+    // Entries may come in any order.
+    QHash<QString, qsizetype> known;
     for (VonkEntry entry : entries) {
         entry.path = entry.path.mid(prefix);
         const QString name = entry.path.section(u'/', 0, 0);
-        if (parts.isEmpty() || parts.last().name != name) {
+        if (!known.contains(name)) {
+            known.insert(name, parts.size());
             parts.emplace_back();
             parts.last().name = name;
         }
-        Part& part = parts.last();
+        Part& part = parts[known.value(name)];
         part.isDirectory = !entry.isFile() || entry.path != name;
         part.entries.append(entry);
     }

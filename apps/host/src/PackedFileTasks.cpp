@@ -9,6 +9,7 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QScopeGuard>
+#include <QSet>
 
 #include <cerrno>
 #include <sys/stat.h>
@@ -73,10 +74,12 @@ Error naming(const Error& error, const QString& hidden, const QString& asked) {
 //! its companions too.
 QStringList topNamesOf(const orx::vonk::VonkMetadata& metadata) {
     QStringList names;
+    QSet<QString> known;
     for (const orx::vonk::VonkEntry& entry : metadata.entries) {
         const QString name = entry.path.section(u'/', 1, 1);
-        if (!names.contains(name))
+        if (!known.contains(name))
             names.append(name);
+        known.insert(name);
     }
     if (names.removeOne(metadata.name))
         names.append(metadata.name);

@@ -3,8 +3,7 @@
 #include <algorithm>
 #include <condition_variable>
 #include <mutex>
-#include <thread>
-#include <vector>
+#include <system_error>
 
 namespace orx::vonk {
 
@@ -68,8 +67,8 @@ private:
             m_published = m_produced + 1;
         }
         m_due.notify_all();
-        if (m_threads.size() < m_helpers)
-            m_threads.emplace_back([this] { serve(); });
+        if (m_threads.size() < m_helpers && !startThread(m_threads, [this] { serve(); }))
+            m_helpers = m_threads.size();
     }
 
     //! Uses the oldest chunk; helps until it is done.
@@ -146,7 +145,7 @@ private:
     }
 
     const ChunkPipeline& m_steps;
-    const size_t m_helpers;
+    size_t m_helpers;
     std::vector<Slot> m_slots;
     std::vector<std::thread> m_threads;
     std::mutex m_mutex;
@@ -169,6 +168,15 @@ private:
 
 unsigned ChunkPipeline::threadCount() {
     return std::clamp(std::thread::hardware_concurrency(), 2U, mostThreads);
+}
+
+bool startThread(std::vector<std::thread>& threads, std::function<void()> body) {
+    try {
+        threads.emplace_back(std::move(body));
+        return true;
+    } catch (const std::system_error&) {
+        return false;
+    }
 }
 
 Error ChunkPipeline::run() const {

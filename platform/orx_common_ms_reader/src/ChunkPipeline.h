@@ -7,6 +7,8 @@
 #include <Error.h>
 
 #include <functional>
+#include <thread>
+#include <vector>
 
 namespace orx::vonk {
 
@@ -44,5 +46,9 @@ struct ChunkPipeline {
     //! How many threads share the work, the caller among them.
     static unsigned threadCount();
 };
+
+//! Adds a thread to those that share some work; false when the system allows no more, which leaves the work
+//! to those there are.
+bool startThread(std::vector<std::thread>& threads, std::function<void()> body);
 
 } // namespace orx::vonk

@@ -62,6 +62,12 @@ private:
         ORX_RETURN_ON_ERROR(checkEntryPath(entry.path));
         const Stamp stamp = stampOf(info);
         entry.modified = stamp.modified;
+        if (PackedTime::fromString(entry.modified.toString()) != entry.modified)
+            return Error(
+                ErrorCode::InvalidArgument,
+                translated(
+                    "\"%1\" cannot be packed: its time of modification is impossible; set another one.")
+                    .arg(QFile::decodeName(local)));
         if (S_ISREG(info.st_mode)) {
             entry.size = info.st_size;
             m_found.push_back({std::move(entry), local, stamp});

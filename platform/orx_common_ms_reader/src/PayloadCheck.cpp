@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <thread>
 
 namespace orx::vonk {
 
@@ -45,7 +44,7 @@ private:
         const size_t most = std::min(size_t(ChunkPipeline::threadCount()), m_parts.size());
         std::vector<std::thread> helpers;
         for (size_t helper = 1; helper < most; ++helper)
-            helpers.emplace_back([this] { takeParts({}); });
+            startThread(helpers, [this] { takeParts({}); });
         takeParts([this](qint64 done) { m_watch.report(done, m_total); });
         for (std::thread& helper : helpers)
             helper.join();

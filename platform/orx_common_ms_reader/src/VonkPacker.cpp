@@ -10,12 +10,13 @@
 
 #include <ContentHash.h>
 
-#include <QDir>
+#include <QFile>
 #include <QFileInfo>
 
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <system_error>
 #include <thread>
 
 namespace orx::vonk {
@@ -39,13 +40,18 @@ public:
         if (!summarise)
             return;
         m_isRunning = true;
-        m_thread = std::jthread([this, summarise](std::stop_token stop) {
-            PackInput::Summary summary = summarise(std::move(stop));
-            const std::lock_guard lock(m_mutex);
-            m_summary = std::move(summary);
+        try {
+            m_thread = std::jthread([this, summarise](std::stop_token stop) {
+                PackInput::Summary summary = summarise(std::move(stop));
+                const std::lock_guard lock(m_mutex);
+                m_summary = std::move(summary);
+                m_isRunning = false;
+                m_ended.notify_all();
+            });
+        } catch (const std::system_error&) {
             m_isRunning = false;
-            m_ended.notify_all();
-        });
+            m_summary.absent = translated("The system allowed no thread to make it.");
+        }
     }
 
     //! Waits for it, and stops it when the work is cancelled meanwhile.
@@ -101,7 +107,7 @@ public:
     Result<VonkMetadata> writeTail(PackInput::Summary summary) {
         VonkMetadata metadata;
         metadata.formatVersion = vonkVersion();
-        metadata.name = QFileInfo(QDir::cleanPath(m_input.path)).fileName();
+        metadata.name = QFileInfo(QFile::decodeName(encodedPath(m_input.path))).fileName();
         metadata.sourceKind = m_input.sourceKind;
         metadata.entries = m_source.entries();
         for (qsizetype i = 0; i < metadata.entries.size(); ++i)

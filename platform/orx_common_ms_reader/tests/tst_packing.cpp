@@ -10,7 +10,9 @@
 #include <algorithm>
 #include <atomic>
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/stat.h>
+#include <system_error>
 #include <thread>
 #include <unistd.h>
 
@@ -151,6 +153,80 @@ TEST_F(Packing, KeepsTimesBefore1970AndSizesNobodyHas) {
     ASSERT_FALSE(vonk.open().hasError());
     ASSERT_FALSE(vonk.unpack(out(QStringLiteral("ours"))).hasError());
     EXPECT_EQ(tree(out(QStringLiteral("ours/content"))), tree(in()));
+}
+
+// File systems hold different times: some keep this one, and some the next that they have.
+TEST_F(Packing, RefusesATimeThatCouldNotComeBack) {
+    QTemporaryDir memory(QStringLiteral("/dev/shm/packing-XXXXXX"));
+    const QString directory = memory.isValid() ? memory.path() : in();
+    const QString path = directory + QStringLiteral("/late.raw");
+    write(path, "m/z", 1'000'000'000'000);
+    struct stat info = {};
+    ASSERT_EQ(::stat(QFile::encodeName(path).constData(), &info), 0);
+    const auto metadata = VonkPacker::pack(inputOf(path), packed());
+    if (info.st_mtim.tv_sec < 1'000'000'000'000) {
+        EXPECT_FALSE(checked(packed(), Vonk::Check::Full).hasError());
+        return;
+    }
+    EXPECT_TRUE(metadata.error().is(ErrorCode::InvalidArgument));
+    EXPECT_EQ(
+        metadata.error().errorMessage(),
+        QStringLiteral("\"%1\" cannot be packed: its time of modification is impossible; set another one.")
+            .arg(path));
+    EXPECT_EQ(names(out()), QStringList());
+}
+
+TEST_F(Packing, IsNamedAfterTheDirectoryHoweverItIsSaid) {
+    const QString source = makeAcquisition();
+    const QString before = QDir::currentPath();
+    ASSERT_TRUE(QDir::setCurrent(source + QStringLiteral("/AcqData")));
+    for (const char* const path : {"..", "../", "../.", "../../run1.d"}) {
+        const auto metadata = VonkPacker::pack(inputOf(QString::fromLatin1(path)), packed());
+        ASSERT_FALSE(metadata.hasError()) << path;
+        EXPECT_EQ(metadata->name, QStringLiteral("run1.d")) << path;
+        EXPECT_EQ(metadata->entries.first().path, QStringLiteral("content/run1.d")) << path;
+        ASSERT_TRUE(QFile::remove(packed()));
+    }
+    QDir::setCurrent(before);
+}
+
+//! While it lives no thread can be started: none finds room for its stack.
+class NoThreads {
+public:
+    NoThreads() {
+        ::pthread_getattr_default_np(&m_before);
+        pthread_attr_t attributes = {};
+        ::pthread_getattr_default_np(&attributes);
+        ::pthread_attr_setstacksize(&attributes, size_t(1) << 47);
+        ::pthread_setattr_default_np(&attributes);
+        ::pthread_attr_destroy(&attributes);
+    }
+    ~NoThreads() {
+        ::pthread_setattr_default_np(&m_before);
+        ::pthread_attr_destroy(&m_before);
+    }
+    Q_DISABLE_COPY_MOVE(NoThreads)
+
+private:
+    pthread_attr_t m_before = {};
+};
+
+TEST_F(Packing, GoesOnAloneWhenTheSystemAllowsNoThread) {
+    const QString source = makeAcquisition();
+    pack(source, out(QStringLiteral("before.vonk")));
+    PackInput input = inputOf(source);
+    input.summarise = [](std::stop_token) { return PackInput::Summary{QJsonObject(), {}}; };
+    const NoThreads none;
+    EXPECT_THROW(std::thread([] {}).join(), std::system_error);
+    const auto metadata = VonkPacker::pack(input, packed());
+    ASSERT_FALSE(metadata.hasError()) << qPrintable(metadata.error().errorMessage());
+    EXPECT_FALSE(metadata->runSummary.has_value());
+    EXPECT_EQ(metadata->runSummaryAbsent, QStringLiteral("The system allowed no thread to make it."));
+    EXPECT_FALSE(checked(packed(), Vonk::Check::Full).hasError());
+    Vonk vonk(packed());
+    ASSERT_FALSE(vonk.open().hasError());
+    ASSERT_FALSE(vonk.unpack(out(QStringLiteral("unpacked"))).hasError());
+    EXPECT_EQ(tree(out(QStringLiteral("unpacked/content"))), tree(in()));
 }
 
 TEST_F(Packing, PacksCompanionsBesideTheMainFile) {
