@@ -444,6 +444,15 @@ def bench_tree(table, ours, nginx, build, work, files, few, count):
         fail(f"{down['files']} of {files} files came down")
     table.limit(f"client memory, tree of {files} files of 10 KB, 12 levels, down", down["memory_mib"], "MiB", 300,
                 f"high-water mark; {down['seconds']:.1f} s; at most {down['descriptors']:.0f} descriptors of 256")
+    ours.clear_cache()
+    seconds, memory, _ = timed([build / "bin" / "halvane", "--json", "get", f"folder:{folder}", "--to", work / "tree-by-host"], env=ours.environment,
+                               preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (256, 256)))
+    came = sum(1 for path in (work / "tree-by-host").rglob("*") if path.is_file())
+    if came != files:
+        fail(f"{came} of {files} files came down by the command line")
+    shutil.rmtree(work / "tree-by-host")
+    ours.clear_cache()
+    table.limit("halvane get of the same tree, memory", memory, "MiB", 300, f"high-water mark; {seconds:.1f} s; 256 descriptors at most")
 
     folder, sources = make(few)
     shutil.move(sources, nginx.files / "tree")

@@ -38,7 +38,7 @@ protected:
     //! Leads the client over \a url from now on, logged in as before.
     static void connectOver(const QUrl& url);
 
-    ResourceCache& cache() { return *m_cache; }
+    ResourceCache& cache() const { return *m_cache; }
 
 private:
     QTemporaryDir m_cacheDir;

@@ -6,6 +6,7 @@
 #include <QDirIterator>
 
 #include <atomic>
+#include <mutex>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -13,17 +14,37 @@
 namespace {
 
 std::atomic<int> flushes = 0;
+std::mutex directoryMutex;
+//! What is watched; empty: nothing.
+std::string watchedDirectory;
+std::atomic<int> flushesOfDirectory = 0;
+
+void noteFlush(int descriptor) {
+    ++flushes;
+    const std::string link = "/proc/self/fd/" + std::to_string(descriptor);
+    char path[4096];
+    const ssize_t length = ::readlink(link.c_str(), path, sizeof path);
+    const std::lock_guard lock(directoryMutex);
+    if (length > 0 && std::string(path, size_t(length)) == watchedDirectory)
+        ++flushesOfDirectory;
+}
+
+void watch(const QString& directory) {
+    const std::lock_guard lock(directoryMutex);
+    watchedDirectory = QDir(directory).canonicalPath().toStdString();
+    flushesOfDirectory = 0;
+}
 
 } // namespace
 
 // Every flush of this process comes by here, those of SQLite and of the libraries, too.
 extern "C" int fsync(int descriptor) {
-    ++flushes;
+    noteFlush(descriptor);
     return int(::syscall(SYS_fsync, descriptor));
 }
 
 extern "C" int fdatasync(int descriptor) {
-    ++flushes;
+    noteFlush(descriptor);
     return int(::syscall(SYS_fdatasync, descriptor));
 }
 
@@ -103,10 +124,48 @@ TEST_P(LargeTree, ASmallFileIsFlushedInTheCacheAndInTheTargetAndNowhereElse) {
         ASSERT_FALSE(run(*download(alone)).hasError());
     }
     flushes = 0;
-    ASSERT_FALSE(run(*download(raw)).hasError());
-    EXPECT_LE(flushes, 3 * 20 + 4)
-        << "the content in the cache, the copy and its directory; a few for the database";
-    EXPECT_GE(flushes, 3 * 20);
+    watch(at(QString()));
+    const auto task = download(raw);
+    int atTheEnd = -1;
+    QObject::connect(task.get(), &BaseTask::finished, [&atTheEnd] { atTheEnd = flushesOfDirectory; });
+    ASSERT_FALSE(run(*task).hasError());
+    EXPECT_LE(flushes, 2 * 20 + 1 + 4)
+        << "the content in the cache and its copy; the directory once; a few for the database";
+    EXPECT_GE(flushes, 2 * 20 + 1);
+    EXPECT_EQ(atTheEnd, 1) << "when the end is told everything is durable";
+}
+
+TEST_P(LargeTree, WhatCameIsDurableWhateverBecameOfTheRest) {
+    const int raw = makeFolder(text("raw"));
+    for (int i = 0; i < 5; ++i)
+        makeFile(text("run %1").arg(i), "content", raw);
+    ASSERT_TRUE(QDir().mkpath(at(text("run 3/in the way"))));
+    watch(at(QString()));
+    {
+        const auto failing = download(raw);
+        failing->setDuplicatePolicy(DuplicateDownloadPolicy::Overwrite);
+        int atTheEnd = -1;
+        QObject::connect(failing.get(), &BaseTask::finished, [&atTheEnd] { atTheEnd = flushesOfDirectory; });
+        EXPECT_TRUE(run(*failing).hasError());
+        EXPECT_EQ(failing->downloadedFileCount(), 4);
+        EXPECT_EQ(atTheEnd, 1);
+    }
+    flushesOfDirectory = 0;
+    auto canceled = download(raw);
+    canceled->setDuplicatePolicy(DuplicateDownloadPolicy::Overwrite);
+    // The files are in the cache: those that are begun together end together.
+    QObject::connect(canceled.get(), &BaseTask::progress, canceled.get(),
+                     [&canceled] { canceled->cancel(); });
+    EXPECT_TRUE(run(*canceled).isCanceled());
+    canceled.reset();
+    EXPECT_EQ(flushesOfDirectory, 1);
+}
+
+TEST_P(LargeTree, AFileByItselfIsDurableWhenItEnds) {
+    const int file = makeFile(text("a"), "content");
+    watch(at(QString()));
+    ASSERT_FALSE(run(*downloadFile(file, 1, text("a"))).hasError());
+    EXPECT_EQ(flushesOfDirectory, 1);
 }
 
 TEST_P(LargeTree, AReplacedEntryIsFlushedWithItsDirectoryAndItsRecord) {

@@ -412,6 +412,50 @@ TEST_F(DangerousNames, NeverLeaveTheTargetAreNamedAndTheRestComesDown) {
         EXPECT_EQ(Client::contentOf(client.path("deep/er/in/raw/" + name)), "content of " + name.toUtf8());
 }
 
+TEST_F(DangerousNames, OfAFileThatIsAskedForItselfAreRefusedTooUnlessAnotherNameIsGiven) {
+    const QStringList refused{
+        "..",     ".",         "/etc/x",         "../../escaped", "a/b", QString("nul") + QChar(0) + "nul",
+        "bell\a", "new\nline", QString(300, 'y')};
+    ASSERT_TRUE(QDir().mkpath(client.path("deep/er/in")));
+    ASSERT_TRUE(
+        client.login(QUrl(QString::fromStdString(server.url(""))), service.userName(), service.password()));
+    const QStringList shown{"\"..\"",      "\".\"",     "\"/etc/x\"",   "\"../../escaped\"", "\"a/b\"",
+                            "nul\\x00nul", "bell\\x07", "new\\x0aline", QString(300, 'y')};
+    for (int i = 0; i < refused.size(); ++i) {
+        const QString reference = QString("file:%1").arg(service.addFile(refused[i], "content"));
+        const Outcome outcome = client.run({"--json", "get", reference, "--to", "deep/er/in"});
+        EXPECT_NE(outcome.exitCode, 0);
+        ASSERT_FALSE(outcome.objects().isEmpty()) << outcome.err.constData();
+        EXPECT_THAT(outcome.objects().first()["message"].toString().toStdString(),
+                    HasSubstr(shown[i].toStdString()));
+        EXPECT_FALSE(outcome.err.contains('\a'));
+        EXPECT_EQ(client.filesIn("deep/er/in"), QStringList());
+        EXPECT_EQ(client.run({"get", reference, "--to", "deep/er/in", "--as", "x"}).exitCode, 0) << i;
+        EXPECT_EQ(client.filesIn("deep/er/in"), QStringList{"x"});
+        ASSERT_TRUE(QFile::remove(client.path("deep/er/in/x")));
+    }
+    EXPECT_EQ(client.filesIn(), QStringList{"deep"});
+    EXPECT_EQ(client.filesIn("deep"), QStringList{"er"});
+    EXPECT_EQ(client.filesIn("deep/er"), QStringList{"in"});
+}
+
+TEST_F(DangerousNames, OfAnAcquisitionMakeNothingOutsideTheTargetEither) {
+    QFile packed(ORX_PACKED_TEST_DATA_DIR "/version2.vonk");
+    ASSERT_TRUE(packed.open(QIODevice::ReadOnly));
+    const QString reference = QString("file:%1").arg(service.addFile("/../escaped.vonk", packed.readAll()));
+    ASSERT_TRUE(QDir().mkpath(client.path("deep/in")));
+    ASSERT_TRUE(
+        client.login(QUrl(QString::fromStdString(server.url(""))), service.userName(), service.password()));
+    EXPECT_NE(client.run({"get", reference, "--to", "deep/in"}).exitCode, 0);
+    EXPECT_EQ(client.filesIn("deep/in"), QStringList());
+    const Outcome outcome = client.run({"get", reference, "--to", "deep/in", "--as", "x"});
+    EXPECT_EQ(outcome.exitCode, 0) << outcome.err.constData();
+    EXPECT_EQ(client.filesIn("deep/in"), QStringList{"x"});
+    EXPECT_TRUE(QFileInfo(client.path("deep/in/x")).isDir());
+    EXPECT_EQ(client.filesIn("deep"), QStringList{"in"});
+    EXPECT_EQ(client.filesIn(), QStringList{"deep"});
+}
+
 // None of the others would have room either.
 TEST_F(DangerousNames, ARunOfManyFilesEndsAfterSeveralThatTheDiskHasNoRoomFor) {
     constexpr int fileCount = 12;

@@ -3,8 +3,7 @@
 #include "Interruption.h"
 #include "Output.h"
 #include "ProgressReport.h"
-
-#include <cstdio>
+#include "QuestionText.h"
 
 #include <errno.h>
 #include <unistd.h>
@@ -18,11 +17,6 @@ using Choice = host::ClashAnswer::Choice;
 namespace {
 
 const char* choices = "[o]verwrite, [s]kip, [r]ename, [q]uit (O, S, R: also for all others)? ";
-
-void print(const QString& text) {
-    std::fputs(text.toUtf8().constData(), stderr);
-    std::fflush(stderr);
-}
 
 // Empty at the end of the input and when a signal came.
 std::optional<QByteArray> readLine() {
@@ -84,14 +78,9 @@ QString described(const Clash& clash, const Output& output) {
         clash.item.sourceModifiedAt.isValid() ? clash.item.sourceModifiedAt : clash.item.modifiedAt;
     QString text = QStringLiteral("\"%1\" is there already, with another content:\n")
                        .arg(output.shown(clash.existing.absoluteFilePath()));
-    const auto side = [&text](const char* name, const QString& size, const QDateTime& when,
-                              const QString& what) {
-        text += QStringLiteral("  %1  %2  %3  %4\n")
-                    .arg(QString::fromLatin1(name).leftJustified(9), size.rightJustified(10), timeText(when),
-                         what);
-    };
-    side("here", sizeOf(clash.existing), clash.existing.lastModified(), originOf(clash));
-    side("to come", bytesText(clash.item.size), time, clash.item.reference());
+    text +=
+        QuestionText::side("here", sizeOf(clash.existing), clash.existing.lastModified(), originOf(clash));
+    text += QuestionText::side("to come", bytesText(clash.item.size), time, clash.item.reference());
     return text;
 }
 
@@ -102,12 +91,12 @@ host::ClashAnswerer::Question clashQuestion(const Output& output, ProgressReport
         return {};
     return [&output, &progress](const Clash& clash) {
         progress.hide();
-        print(described(clash, output));
+        QuestionText::print(described(clash, output));
         for (;;) {
-            print(QString::fromLatin1(choices));
+            QuestionText::print(QString::fromLatin1(choices));
             const auto line = readLine();
             if (!line) {
-                print(QStringLiteral("\n"));
+                QuestionText::print(QStringLiteral("\n"));
                 return ClashAnswer{Choice::Quit, false};
             }
             if (const auto answer = parseAnswer(*line))

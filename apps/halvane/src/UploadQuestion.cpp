@@ -2,11 +2,10 @@
 
 #include "Output.h"
 #include "ProgressReport.h"
+#include "QuestionText.h"
 #include "TextForms.h"
 
 #include <QFileInfo>
-
-#include <cstdio>
 
 #include <errno.h>
 #include <unistd.h>
@@ -21,26 +20,16 @@ namespace {
 
 const char* choices = "[n]ew version, [k]eep both, [s]kip, [q]uit (N, K, S: also for all others)? ";
 
-void print(const QString& text) {
-    std::fputs(text.toUtf8().constData(), stderr);
-    std::fflush(stderr);
-}
-
 QString described(const QString& localPath, const host::RemoteItem& existing, const Output& output) {
     const QFileInfo local(localPath);
     const QDateTime time =
         existing.sourceModifiedAt.isValid() ? existing.sourceModifiedAt : existing.modifiedAt;
     QString text = QStringLiteral("\"%1\": the folder has a file of that name, with another content:\n")
                        .arg(output.shown(localPath));
-    const auto side = [&text](const char* name, const QString& size, const QDateTime& when,
-                              const QString& what) {
-        text += QStringLiteral("  %1  %2  %3  %4\n")
-                    .arg(QString::fromLatin1(name).leftJustified(9), size.rightJustified(10), timeText(when),
-                         what);
-    };
-    side("here", local.isDir() ? QStringLiteral("a directory") : bytesText(local.size()),
-         local.lastModified(), QString());
-    side("on server", bytesText(existing.size), time, existing.reference());
+    text +=
+        QuestionText::side("here", local.isDir() ? QStringLiteral("a directory") : bytesText(local.size()),
+                           local.lastModified(), QString());
+    text += QuestionText::side("on server", bytesText(existing.size), time, existing.reference());
     return text;
 }
 
@@ -53,7 +42,7 @@ UploadQuestion::UploadQuestion(host::UploadPolicy& policy, const Output& output,
             [this](const orx::DuplicateUploadPolicyRequest& request) { ask(request.input().localPath); });
     connect(&m_policy.asking(), &AskingDuplicateUploadPolicy::withdrawn, this, [this] {
         if (m_input)
-            print(QStringLiteral("\n"));
+            QuestionText::print(QStringLiteral("\n"));
         end();
     });
 }
@@ -66,7 +55,8 @@ bool UploadQuestion::isPossible() {
 
 void UploadQuestion::ask(const QString& localPath) {
     m_progress.setPaused(true);
-    print(described(localPath, m_policy.existing(localPath), m_output) + QString::fromLatin1(choices));
+    QuestionText::print(described(localPath, m_policy.existing(localPath), m_output) +
+                        QString::fromLatin1(choices));
     m_line.clear();
     m_input = std::make_unique<QSocketNotifier>(STDIN_FILENO, QSocketNotifier::Read);
     connect(m_input.get(), &QSocketNotifier::activated, this, &UploadQuestion::onReadable);
@@ -78,7 +68,7 @@ void UploadQuestion::onReadable() {
     if (count < 0 && errno == EINTR)
         return;
     if (count <= 0) {
-        print(QStringLiteral("\n"));
+        QuestionText::print(QStringLiteral("\n"));
         end();
         return m_quit();
     }
@@ -110,7 +100,7 @@ void UploadQuestion::answer(const QByteArray& word) {
         end();
         return m_quit();
     default:
-        return print(QString::fromLatin1(choices));
+        return QuestionText::print(QString::fromLatin1(choices));
     }
     end();
     m_policy.asking().answer(given, scope);

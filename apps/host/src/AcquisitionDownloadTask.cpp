@@ -44,14 +44,6 @@ bool isNoAcquisition(const Error& error) {
            error.is(ErrorCode::InvalidArgument);
 }
 
-//! "run.d" with the mark " (file 12)" is "run (file 12).d".
-QString marked(const QString& name, const QString& mark) {
-    const QFileInfo info(name);
-    const bool hasSuffix = !info.completeBaseName().isEmpty() && !info.suffix().isEmpty();
-    const QString suffix = hasSuffix ? u'.' + info.suffix() : QString();
-    return orx::DownloadNames::shortened(name.chopped(suffix.size()), mark + suffix);
-}
-
 //! The \a number-th name, of which the first is \a name itself.
 QString numbered(const QString& name, int number) {
     int passed = 1;
@@ -151,7 +143,7 @@ Error AcquisitionDownloadTask::chooseNames() {
     for (Part& part : m_parts) {
         part.wantedName = isNamed ? m_wanted.name : part.name;
         if (!m_wanted.mark.isEmpty())
-            part.wantedName = marked(part.name, m_wanted.mark);
+            part.wantedName = orx::DownloadNames::marked(part.name, m_wanted.mark);
         part.as = part.wantedName;
     }
     return {};
@@ -331,7 +323,19 @@ Error AcquisitionDownloadTask::firstProblem() const {
         if (!part.isSame)
             ORX_RETURN_ON_ERROR(Error(part.problem));
     }
-    return checkRoom(QFileInfo(targetPath(m_parts.first())), m_size);
+    return {};
+}
+
+//! \a there: what an earlier run left for this one.
+Error AcquisitionDownloadTask::checkRoom(qint64 there) const {
+    qint64 missing = -there;
+    for (const Part& part : m_parts) {
+        if (part.isSame)
+            continue;
+        for (const VonkEntry& entry : part.entries)
+            missing += entry.isFile() ? entry.size : 0;
+    }
+    return host::checkRoom(QFileInfo(targetPath(m_parts.first())), missing);
 }
 
 void AcquisitionDownloadTask::endAs(Outcome outcome) {
@@ -352,8 +356,10 @@ void AcquisitionDownloadTask::fetch() {
         return finish(problem);
     if (!m_usesCache)
         return fetchDirectly();
+    if (const Error problem = checkRoom(0); problem.hasError())
+        return finish(problem);
     if (m_handler)
-        return retrieve();
+        return fetchThroughCache();
     const auto handler = handlerOf(m_wanted.item);
     if (handler.hasError())
         return fetchWithoutCache(handler.error());
@@ -361,48 +367,20 @@ void AcquisitionDownloadTask::fetch() {
     m_result.fromCache = m_handler->isAvailableLocally();
     const auto cached = m_handler->expectedPath();
     if (!m_result.fromCache || cached.hasError())
-        return retrieve();
+        return fetchThroughCache();
     const auto seen = orx::FileCopy::stampOf(cached->toString());
     if (seen.hasError())
-        return retrieve();
+        return fetchThroughCache();
     // Sizes and times of the entry may be right, and its bytes others.
     compareContent(contentOf(cached->toString()), [this, stamp = *seen](bool isSame) {
         if (isSame)
-            return retrieve();
-        addWarning(
-            QStringLiteral("The copy of \"%1\" in the cache is not what the server has; it is fetched anew.")
-                .arg(m_wanted.item.name));
-        m_result.fromCache = false;
-        m_handler->overrideRetrieveMode(ResourceHandler::RetrieveMode::Refresh);
-        discardCopy(stamp);
+            return fetchThroughCache();
+        discardCopy(stamp, [this] { fetchThroughCache(); });
     });
 }
 
-// So that nobody takes the damaged copy when it cannot be fetched anew.
-void AcquisitionDownloadTask::discardCopy(const orx::FileCopy::Stamp& seen) {
-    const auto handler = m_handler.dynamicCast<orx::RemoteResourceHandler>();
-    if (!handler)
-        return retrieve();
-    execSubtask(
-        std::unique_ptr<BaseTask>(handler->markDamagedTask(seen)), [this](BaseTask*) { retrieve(); },
-        [this](BaseTask* task) {
-            addWarning(task->error().errorMessage());
-            retrieve();
-        });
-}
-
-void AcquisitionDownloadTask::retrieve() {
-    auto retrieval = m_handler->retrieveAsync(ResourceHandler::AsyncProcessingType::RunByCaller, nullptr);
-    if (retrieval.hasError())
-        return onNotRetrieved(retrieval.error());
-    std::unique_ptr<Task> task = std::move(retrieval).value();
-    if (!task)
-        return onRetrieved();
-    connect(task.get(), &BaseTask::progressInitiated, this, &BaseTask::progressInitiated);
-    connect(task.get(), &BaseTask::progress, this, &BaseTask::progress);
-    execSubtask(
-        std::unique_ptr<BaseTask>(std::move(task)), [this](BaseTask*) { onRetrieved(); },
-        [this](BaseTask* ended) { onNotRetrieved(ended->error()); });
+void AcquisitionDownloadTask::fetchThroughCache() {
+    retrieve([this] { onRetrieved(); }, [this](const Error& error) { onNotRetrieved(error); });
 }
 
 void AcquisitionDownloadTask::onRetrieved() {
@@ -437,10 +415,11 @@ void AcquisitionDownloadTask::fetchWithoutCache(const Error& cause) {
 // ---- without the cache
 
 void AcquisitionDownloadTask::fetchDirectly() {
+    // The name on the server may be none that a file here can have; the one of the target is.
     m_stagingDir = m_wanted.directory + u'/' +
-                   orx::DownloadNames::partialName(m_wanted.item.name + QStringLiteral("-unpacked"),
+                   orx::DownloadNames::partialName(m_wanted.name + QStringLiteral("-unpacked"),
                                                    m_wanted.item.id, m_wanted.item.version);
-    const QString contentDir = contentOf(m_stagingDir + u'/' + m_wanted.item.name);
+    const QString contentDir = contentOf(unpackedPath());
     compareContent(contentDir, [this, contentDir](bool isSame) {
         if (isSame)
             return place(contentDir);
@@ -448,16 +427,26 @@ void AcquisitionDownloadTask::fetchDirectly() {
     });
 }
 
+QString AcquisitionDownloadTask::unpackedPath() const {
+    return m_stagingDir + u'/' + m_wanted.name;
+}
+
 void AcquisitionDownloadTask::unpackHere() {
+    const auto there = std::make_shared<qint64>(0);
     execSubtask(workerStep(QStringLiteral("MakeStaging"),
-                           [path = m_stagingDir]() -> Error {
+                           [path = m_stagingDir, there]() -> Error {
+                               *there = bytesIn(path);
                                if (QFileInfo(path).isDir() || QDir().mkdir(path))
                                    return {};
                                return Error(
                                    ErrorCode::FileNotWritable,
                                    QStringLiteral("The directory \"%1\" could not be made.").arg(path));
                            }),
-                [this](BaseTask*) { downloadHere(); });
+                [this, there](BaseTask*) {
+                    if (const Error problem = checkRoom(*there); problem.hasError())
+                        return finish(problem);
+                    downloadHere();
+                });
 }
 
 void AcquisitionDownloadTask::downloadHere() {
@@ -468,13 +457,13 @@ void AcquisitionDownloadTask::downloadHere() {
     orx::HalvaneFileDownloadParameters parameters;
     parameters.reference = reference.value();
     parameters.targetDir = QDir(m_stagingDir);
+    parameters.targetName = m_wanted.name;
     auto task = orx::HalvaneDownloadFileTaskCreator::create(parameters);
     connect(task.get(), &BaseTask::progressInitiated, this, &BaseTask::progressInitiated);
     connect(task.get(), &BaseTask::progress, this, &BaseTask::progress);
     execSubtask(std::unique_ptr<BaseTask>(std::move(task)), [this](BaseTask*) {
-        const QString unpacked = m_stagingDir + u'/' + m_wanted.item.name;
-        if (QFileInfo(unpacked).isDir())
-            return place(contentOf(unpacked));
+        if (QFileInfo(unpackedPath()).isDir())
+            return place(contentOf(unpackedPath()));
         // Its end reads well, the rest does not.
         execSubtask(workerStep(QStringLiteral("RemoveStaging"),
                                [path = m_stagingDir] { return removeStaging(path); }),

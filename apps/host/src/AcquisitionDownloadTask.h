@@ -4,11 +4,6 @@
 
 #include <VonkMetadata.h>
 
-namespace orx {
-class ResourceHandler;
-class Task;
-} // namespace orx
-
 namespace halvane::host {
 
 class UnpackedCheck;
@@ -79,15 +74,17 @@ private:
     void onClashes(const QList<const Part*>& clashes);
     void findFreeNames(int number);
     orx::Error firstProblem() const;
+    orx::Error checkRoom(qint64 there) const;
     void endAs(DownloadedFile::Outcome outcome);
 
     void fetch();
-    void discardCopy(const orx::FileCopy::Stamp& seen);
-    void retrieve();
+    void fetchThroughCache();
     void onRetrieved();
     void onNotRetrieved(const orx::Error& error);
     void fetchWithoutCache(const orx::Error& cause);
     void fetchDirectly();
+    //! In the staging directory.
+    QString unpackedPath() const;
     void unpackHere();
     void downloadHere();
     void place(const QString& contentDir);
@@ -102,7 +99,6 @@ private:
     //! As they are in the acquisition, below "content".
     QList<orx::vonk::VonkEntry> m_entries;
     QList<Part> m_parts;
-    QSharedPointer<orx::ResourceHandler> m_handler;
     //! Beside the target; empty unless it is used.
     QString m_stagingDir;
     bool m_usesCache = true;

@@ -157,14 +157,13 @@ Result<QString> DownloadJob::localNameOf(const RemoteItem& remote) const {
         return m_targetName;
     if (remote.isFolder() && remote.id == RemoteItem::root().id)
         return QString();
-    if (remote.isFile() ? isUsableLocalName(remote.name)
-                        : !orx::DownloadNames::checkListed(remote.name).hasError())
+    if (!orx::DownloadNames::checkListed(remote.name).hasError())
         return remote.name;
-    return Error(
-        ErrorCode::InvalidArgument,
-        QStringLiteral("The name \"%1\" on the server cannot be the name of a local %2; give it "
-                       "another one with --as, in the directory of --to.")
-            .arg(remote.name, remote.isFile() ? QStringLiteral("file") : QStringLiteral("directory")));
+    return Error(ErrorCode::InvalidArgument,
+                 QStringLiteral("The name \"%1\" on the server cannot be the name of a local %2; give it "
+                                "another one with --as, in the directory of --to.")
+                     .arg(orx::DownloadNames::printable(remote.name),
+                          remote.isFile() ? QStringLiteral("file") : QStringLiteral("directory")));
 }
 
 // Files of one name are a clash, which is answered as any other; what has a folder in it never.

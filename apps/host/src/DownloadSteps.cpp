@@ -1,5 +1,6 @@
 #include "DownloadSteps.h"
 
+#include <QDirIterator>
 #include <QStorageInfo>
 
 namespace halvane::host {
@@ -61,6 +62,16 @@ Error checkRoom(const QFileInfo& target, qint64 size) {
     return Error(ErrorCode::StorageFull,
                  QStringLiteral("There is no room for \"%1\": %2 bytes are missing; free some space.")
                      .arg(target.absoluteFilePath(), QString::number(size - storage.bytesAvailable())));
+}
+
+qint64 bytesIn(const QString& path) {
+    qint64 bytes = 0;
+    QDirIterator it(path, QDir::Files | QDir::Hidden | QDir::System, QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        it.next();
+        bytes += it.fileInfo().isSymLink() ? 0 : it.fileInfo().size();
+    }
+    return bytes;
 }
 
 std::unique_ptr<orx::BaseTask> workerStep(const QString& name, orx::WorkerStepTask::Job job) {

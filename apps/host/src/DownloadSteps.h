@@ -24,6 +24,8 @@ orx::Error checkFilePlace(const QFileInfo& target);
 orx::Error checkDirectoryPlace(const QFileInfo& target);
 //! ErrorCode::StorageFull when there is no room for \a size bytes more beside \a target.
 orx::Error checkRoom(const QFileInfo& target, qint64 size);
+//! Of the files in the directory \a path, hidden ones and those further down included; 0 when there is none.
+qint64 bytesIn(const QString& path);
 
 std::unique_ptr<orx::BaseTask> workerStep(const QString& name, orx::WorkerStepTask::Job job);
 

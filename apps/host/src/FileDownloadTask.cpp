@@ -5,6 +5,7 @@
 #include "Resources.h"
 
 #include <ContentCheck.h>
+#include <DownloadNames.h>
 #include <FileUtils.h>
 #include <HalvaneDownloadFileTask.h>
 #include <RemoteResourceHandler.h>
@@ -53,6 +54,12 @@ QString FileDownloadTask::targetPath() const {
     return m_wanted.directory + u'/' + m_name;
 }
 
+QString FileDownloadTask::partialPath() const {
+    return m_usesCache ? QString()
+                       : m_wanted.directory + u'/' +
+                             orx::DownloadNames::partialName(m_name, m_wanted.item.id, m_wanted.item.version);
+}
+
 Error FileDownloadTask::initialize() {
     // The cache holds packed acquisitions unpacked.
     m_usesCache = !m_wanted.packed && mayUseCache(m_wanted.item.size);
@@ -64,12 +71,14 @@ void FileDownloadTask::look() {
     m_seenMaker = m_answerer.whoMade(targetPath());
     const auto look = std::make_shared<Look>();
     execSubtask(workerStep(QStringLiteral("LookAtTarget"),
-                           [look, path = targetPath(), size = m_wanted.item.size]() -> Error {
+                           [look, path = targetPath(), partial = partialPath(),
+                            size = m_wanted.item.size]() -> Error {
                                const QFileInfo target(path);
+                               const qint64 arrived = partial.isEmpty() ? 0 : QFileInfo(partial).size();
                                look->isThere = isThere(target);
                                look->isFile = target.isFile();
                                look->isDangling = target.isSymLink() && !target.exists();
-                               look->problem = checkPlace(target, size);
+                               look->problem = checkPlace(target, size - arrived);
                                return {};
                            }),
                 [this, look](BaseTask*) { onLooked(*look); });
@@ -184,6 +193,7 @@ void FileDownloadTask::fetch() {
     if (handler.hasError())
         return fetchWithoutCache(handler.error());
     m_handler = handler.value();
+    m_handler->overrideRetrieveMode(ResourceHandler::RetrieveMode::CacheFirst);
     m_result.fromCache = m_handler->isAvailableLocally();
     const auto cached = m_handler->expectedPath();
     if (!m_result.fromCache || cached.hasError() || QFileInfo(cached->toString()).isDir() ||
@@ -196,49 +206,12 @@ void FileDownloadTask::fetch() {
     compare(cached->toString(), [this, stamp = *seen](bool isSame) {
         if (isSame)
             return fetchThroughCache();
-        addWarning(
-            QStringLiteral("The copy of \"%1\" in the cache is not what the server has; it is fetched anew.")
-                .arg(m_wanted.item.name));
-        discardCopy(stamp);
+        discardCopy(stamp, [this] { fetchThroughCache(); });
     });
 }
 
-// So that nobody takes the damaged copy when it cannot be fetched anew.
-void FileDownloadTask::discardCopy(const orx::FileCopy::Stamp& seen) {
-    const auto handler = m_handler.dynamicCast<orx::RemoteResourceHandler>();
-    if (!handler)
-        return refreshCache();
-    execSubtask(
-        std::unique_ptr<BaseTask>(handler->markDamagedTask(seen)), [this](BaseTask*) { refreshCache(); },
-        [this](BaseTask* task) {
-            addWarning(task->error().errorMessage());
-            refreshCache();
-        });
-}
-
-void FileDownloadTask::refreshCache() {
-    m_result.fromCache = false;
-    m_handler->overrideRetrieveMode(ResourceHandler::RetrieveMode::Refresh);
-    retrieve();
-}
-
 void FileDownloadTask::fetchThroughCache() {
-    m_handler->overrideRetrieveMode(ResourceHandler::RetrieveMode::CacheFirst);
-    retrieve();
-}
-
-void FileDownloadTask::retrieve() {
-    auto retrieval = m_handler->retrieveAsync(ResourceHandler::AsyncProcessingType::RunByCaller, nullptr);
-    if (retrieval.hasError())
-        return onNotCopied(retrieval.error());
-    std::unique_ptr<orx::Task> task = std::move(retrieval).value();
-    if (!task)
-        return place();
-    connect(task.get(), &BaseTask::progressInitiated, this, &BaseTask::progressInitiated);
-    connect(task.get(), &BaseTask::progress, this, &BaseTask::progress);
-    execSubtask(
-        std::unique_ptr<BaseTask>(std::move(task)), [this](BaseTask*) { place(); },
-        [this](BaseTask* ended) { onNotCopied(ended->error()); });
+    retrieve([this] { place(); }, [this](const Error& error) { onNotCopied(error); });
 }
 
 // What came to the target meanwhile the plug-in's task asks about, unless it may overwrite.

@@ -2,12 +2,9 @@
 
 #include "ItemDownloadTask.h"
 
-#include <FileCopy.h>
-
 namespace orx {
 class ContentCheck;
 class HalvaneDownloadFileCacheTask;
-class ResourceHandler;
 } // namespace orx
 
 namespace halvane::host {
@@ -42,6 +39,8 @@ private:
     using Compared = std::function<void(bool isSame)>;
 
     QString targetPath() const;
+    //! What an earlier download without the cache left is there; empty with the cache.
+    QString partialPath() const;
     void look();
     void lookAgain();
     void onLooked(const Look& look);
@@ -52,10 +51,7 @@ private:
     void endUnchanged();
     void endAs(DownloadedFile::Outcome outcome);
     void fetch();
-    void discardCopy(const orx::FileCopy::Stamp& seen);
-    void refreshCache();
     void fetchThroughCache();
-    void retrieve();
     void place();
     void copy();
     void onCopied(orx::HalvaneDownloadFileCacheTask& task);
@@ -67,7 +63,6 @@ private:
     void onNotDownloaded(const orx::Error& error);
 
     MakeTask m_makeTask;
-    QSharedPointer<orx::ResourceHandler> m_handler;
     //! Of the file in the target; another one when the own one is taken.
     QString m_name;
     bool m_usesCache = true;

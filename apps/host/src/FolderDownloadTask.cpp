@@ -77,6 +77,10 @@ FolderDownloadTask::createFileDownloadTask(const QSharedPointer<HalvaneFileResou
     return task;
 }
 
+bool FolderDownloadTask::namesContent() const {
+    return false;
+}
+
 // So that nothing unfolds into it.
 void FolderDownloadTask::onFolderListed(int folderId, const QString& path) {
     RemoteItem folder;

@@ -30,6 +30,8 @@ protected:
     orx::Task* createFileDownloadTask(const QSharedPointer<orx::HalvaneFileResourceReference>& fileReference,
                                       const orx::PathImpl<orx::PathType::Dir>& targetDir, const QString& name,
                                       std::optional<orx::DuplicateDownloadPolicy> policy) override;
+    //! False: AcquisitionDownloadTask finds the names of what an acquisition holds.
+    bool namesContent() const override;
     void onFolderListed(int folderId, const QString& path) override;
 
 private:

@@ -7,6 +7,7 @@
 #include <DelayStepTask.h>
 #include <FileTypes.h>
 #include <HalvaneHistory.h>
+#include <RemoteResourceHandler.h>
 #include <ResourceManager.h>
 
 namespace halvane::host {
@@ -51,6 +52,38 @@ bool ItemDownloadTask::mayUseCache(qint64 bytes) {
     addWarning(QStringLiteral("\"%1\" is larger than the cache may be and comes down without it.")
                    .arg(m_wanted.item.name));
     return false;
+}
+
+void ItemDownloadTask::retrieve(const Next& next, const std::function<void(const Error&)>& onFailure) {
+    auto retrieval =
+        m_handler->retrieveAsync(orx::ResourceHandler::AsyncProcessingType::RunByCaller, nullptr);
+    if (retrieval.hasError())
+        return onFailure(retrieval.error());
+    std::unique_ptr<orx::Task> task = std::move(retrieval).value();
+    if (!task)
+        return next();
+    connect(task.get(), &BaseTask::progressInitiated, this, &BaseTask::progressInitiated);
+    connect(task.get(), &BaseTask::progress, this, &BaseTask::progress);
+    execSubtask(
+        std::unique_ptr<BaseTask>(std::move(task)), [next](BaseTask*) { next(); },
+        [onFailure](BaseTask* ended) { onFailure(ended->error()); });
+}
+
+void ItemDownloadTask::discardCopy(const orx::FileCopy::Stamp& seen, const Next& next) {
+    addWarning(
+        QStringLiteral("The copy of \"%1\" in the cache is not what the server has; it is fetched anew.")
+            .arg(m_wanted.item.name));
+    m_result.fromCache = false;
+    m_handler->overrideRetrieveMode(orx::ResourceHandler::RetrieveMode::Refresh);
+    const auto handler = m_handler.dynamicCast<orx::RemoteResourceHandler>();
+    if (!handler)
+        return next();
+    execSubtask(
+        std::unique_ptr<BaseTask>(handler->markDamagedTask(seen)), [next](BaseTask*) { next(); },
+        [this, next](BaseTask* task) {
+            addWarning(task->error().errorMessage());
+            next();
+        });
 }
 
 Result<IfExists> ItemDownloadTask::decide(const QString& path, const QString& madeBy) {

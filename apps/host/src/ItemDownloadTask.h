@@ -4,13 +4,15 @@
 
 #include <ComplexTask.h>
 #include <DuplicateDownload.h>
+#include <FileCopy.h>
 
 #include <functional>
 #include <memory>
 
 namespace orx {
 class HalvaneDownloadFileCacheTask;
-}
+class ResourceHandler;
+} // namespace orx
 
 namespace halvane::host {
 
@@ -58,9 +60,15 @@ protected:
 
     //! Whether \a bytes of this file may lie in the cache; says so when they are too many.
     bool mayUseCache(qint64 bytes);
+    using Next = std::function<void()>;
+    //! Brings the content into the cache unless it is there, as the handler's mode says; its progress is that
+    //! of this task.
+    void retrieve(const Next& next, const std::function<void(const orx::Error&)>& onFailure);
+    //! The copy in the cache, which had the stamp \a seen, is not what the server has: nobody takes it any
+    //! more, also when it cannot be fetched anew.
+    void discardCopy(const orx::FileCopy::Stamp& seen, const Next& next);
     //! What is to become of the clash at \a path. Errors: those of ClashAnswerer::decide().
     orx::Result<IfExists> decide(const QString& path, const QString& madeBy);
-    using Next = std::function<void()>;
     //! Goes on to \a next once no other file of this download writes to one of \a paths, which it keeps from
     //! them until leavePlaces() or the end of the task.
     void takePlaces(const QStringList& paths, const Next& next);
@@ -75,6 +83,8 @@ protected:
     Wanted m_wanted;
     ClashAnswerer& m_answerer;
     DownloadedFile m_result;
+    //! Of the file; null until the cache is used.
+    QSharedPointer<orx::ResourceHandler> m_handler;
     //! Nobody else writes there.
     QStringList m_places;
 };

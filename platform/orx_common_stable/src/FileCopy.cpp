@@ -1,6 +1,7 @@
 #include "FileCopy.h"
 
 #include "AtomicFile.h"
+#include "DirectoryFlushes.h"
 #include "FilePlace.h"
 #include "Result.h"
 
@@ -228,7 +229,7 @@ Error renameInto(const QByteArray& temporary, const QByteArray& target, FileCopy
         failure = errno;
     if (failure != 0)
         return writeFailure(failure, target);
-    return AtomicFile::syncDirectory(QFileInfo(QFile::decodeName(target)).path());
+    return DirectoryFlushes::flushOrNote(QFileInfo(QFile::decodeName(target)).path());
 }
 
 // Entries of a directory, and a directory's own copy, as bytes: names need not be valid text here.

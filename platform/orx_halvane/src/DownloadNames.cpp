@@ -82,6 +82,12 @@ QString DownloadNames::shortened(const QString& base, const QString& end) {
     return QFile::decodeName(beginning(base, room)) + end;
 }
 
+QString DownloadNames::marked(const QString& name, const QString& mark) {
+    const qsizetype dot = name.lastIndexOf(u'.');
+    const qsizetype split = dot > 0 ? dot : name.size();
+    return shortened(name.left(split), mark + name.mid(split));
+}
+
 QString DownloadNames::partialName(const QString& name, int fileId, int version) {
     return sibling(name, "part", fileId, version);
 }

@@ -23,6 +23,9 @@ public:
     //! \a base, cut between characters where necessary, with \a end: at most maxBytes long, unless \a end
     //! alone is longer.
     static QString shortened(const QString& base, const QString& end);
+    //! A file's \a name with \a mark before its last extension: "run.d" and " (file 12)" give
+    //! "run (file 12).d".
+    static QString marked(const QString& name, const QString& mark);
     //! The hidden sibling that holds what has arrived so far: `.NAME.halvane-part-ID-VERSION`. Of a name too
     //! long for that only the beginning is in it, with a checksum of the whole.
     static QString partialName(const QString& name, int fileId, int version);

@@ -11,9 +11,18 @@
 #include "TreeProgress.h"
 #include "WorkerStepTask.h"
 
+#include <DirectoryFlushes.h>
+#include <FileTypes.h>
+
 #include <QPointer>
 
 namespace orx {
+namespace {
+
+//! So many directories wait to be flushed before the end: a tree that is given up has few left.
+constexpr qsizetype flushedAtATime = 64;
+
+} // namespace
 
 class HalvaneDownloadFolderTaskBase::Private {
 public:
@@ -42,6 +51,7 @@ public:
     QString pathOf(const QString& relative) const;
     void makeTarget();
     void removeOthers();
+    void flushDirectories();
     //! Starts whatever the plan has slots for.
     void advance();
     void list(const Folder& folder);
@@ -51,6 +61,7 @@ public:
     void onAnswer(const ListingPtr& listing, const Error& error);
     void onListed(const Listing& listing);
     void fetch(const File& file);
+    QString nameFor(const File& file) const;
     Result<std::unique_ptr<Task>> makeTask(const File& file);
     void onFetched(BaseTask* task, const File& file, int key);
     //! False when who heard of it destroyed the task, and this object with it.
@@ -72,6 +83,9 @@ public:
     bool advancing = false;
     bool listingWaited = false;
     bool removesOthers = false;
+    bool flushing = false;
+    //! Of what the file tasks copied when they ended.
+    const std::shared_ptr<DirectoryFlushes> flushes = std::make_shared<DirectoryFlushes>();
     //! Kept when others are to be removed.
     TargetDirectories::Kept listed;
 };
@@ -115,6 +129,10 @@ qint64 HalvaneDownloadFolderTaskBase::doneBytes() const {
 
 bool HalvaneDownloadFolderTaskBase::isWholeTreeKnown() const {
     return d->begun && d->plan.isWholeTreeKnown();
+}
+
+bool HalvaneDownloadFolderTaskBase::namesContent() const {
+    return true;
 }
 
 void HalvaneDownloadFolderTaskBase::onFolderListed(int, const QString&) {}
@@ -186,6 +204,21 @@ void HalvaneDownloadFolderTaskBase::Private::advance() {
     advancing = false;
     if (removesOthers && plan.isDone() && report.failures().isEmpty() && !q->isCanceled() && q->isRunning())
         removeOthers();
+    flushDirectories();
+}
+
+// Before the end, and now and then: whatever became of the other files, those that came are durable then.
+void HalvaneDownloadFolderTaskBase::Private::flushDirectories() {
+    const qsizetype enough = plan.isDone() ? 1 : flushedAtATime;
+    if (flushing || flushes->count() < enough || q->isCanceled() || !q->isRunning())
+        return;
+    flushing = true;
+    q->execSubtask(std::make_unique<WorkerStepTask>(QStringLiteral("FlushDirectories"),
+                                                    [waiting = flushes] { return waiting->flush(); }),
+                   [this](WorkerStepTask*) {
+                       flushing = false;
+                       advance();
+                   });
 }
 
 void HalvaneDownloadFolderTaskBase::Private::removeOthers() {
@@ -275,6 +308,15 @@ void HalvaneDownloadFolderTaskBase::Private::fetch(const File& file) {
     q->execSubtask(std::unique_ptr<BaseTask>(std::move(task).value()), ended, ended);
 }
 
+QString HalvaneDownloadFolderTaskBase::Private::nameFor(const File& file) const {
+    if (!q->namesContent() || FileTypes::fileType(file.name) != FileTypes::VONK)
+        return file.localName;
+    if (file.localName == file.name)
+        return {};
+    const QString content = file.name.left(file.name.lastIndexOf(u'.'));
+    return DownloadNames::marked(content, QStringLiteral(" (file %1)").arg(file.id));
+}
+
 Result<std::unique_ptr<Task>> HalvaneDownloadFolderTaskBase::Private::makeTask(const File& file) {
     const auto fileReference = HalvaneFileResourceReference::create(file.id, file.version, file.name);
     if (fileReference.hasError())
@@ -284,9 +326,10 @@ Result<std::unique_ptr<Task>> HalvaneDownloadFolderTaskBase::Private::makeTask(c
         HalvaneConnection::instance().serverKey(), file.id, file.version,
         {file.size, file.sha256, file.sourceModifiedAt, file.modifiedAt, file.alias});
     std::unique_ptr<Task> task(
-        q->createFileDownloadTask(*fileReference, DirPath(pathOf(file.directory)), file.localName, policy));
+        q->createFileDownloadTask(*fileReference, DirPath(pathOf(file.directory)), nameFor(file), policy));
     if (!task)
         return ORX_ECATCH(Error(ErrorCode::General, tr("Nothing was found that could download it.")));
+    DirectoryFlushes::attach(*task, flushes);
     return task;
 }
 
@@ -320,6 +363,10 @@ bool HalvaneDownloadFolderTaskBase::Private::showProgress() {
 void HalvaneDownloadFolderTask::setMirroring() {
     m_isMirroring = true;
     removeWhatIsNotListed();
+}
+
+bool HalvaneDownloadFolderTask::namesContent() const {
+    return false;
 }
 
 Task* HalvaneDownloadFolderTask::createFileDownloadTask(

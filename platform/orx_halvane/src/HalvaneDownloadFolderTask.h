@@ -39,6 +39,10 @@ struct ORX_HALVANE_EXPORT HalvaneDownloadFailure {
 //! Bytes as such: HalvaneTransferMonitor.
 //!
 //! Cancelled or destroyed: nothing more is made; what came down completely stays.
+//!
+//! What came down is durable when the task ends, when it was cancelled or destroyed at the latest when it is
+//! deleted. A single file is whole before that, but its name may be lost when the power fails: what a file
+//! task copies when it ends is flushed with its directory, which is flushed once for many files.
 class ORX_HALVANE_EXPORT HalvaneDownloadFolderTaskBase : public HalvaneComplexTask {
     Q_OBJECT
 public:
@@ -65,12 +69,18 @@ public:
     bool isWholeTreeKnown() const;
 
 protected:
-    //! The task that brings \a fileReference as \a name into \a targetDir, which exists. Called once per
-    //! file; the result is owned, run and deleted here, and its progress taken as the part of the file that
-    //! is done. Null is a failure of that file.
+    //! The task that brings \a fileReference as \a name into \a targetDir, which exists. \a name is empty for
+    //! what comes under its own names; see namesContent(). Called once per file; the result is owned, run and
+    //! deleted here, and its progress taken as the part of the file that is done. Null is a failure of that
+    //! file.
     virtual Task* createFileDownloadTask(const QSharedPointer<HalvaneFileResourceReference>& fileReference,
                                          const PathImpl<PathType::Dir>& targetDir, const QString& name,
                                          std::optional<DuplicateDownloadPolicy> policy) = 0;
+
+    //! Whether the name for a packed acquisition is one for what it holds, the default: none where its own
+    //! names may be used, and of several of one name in a folder one that tells which it is, without the
+    //! extension of packed files. Else the name is that of the packed file.
+    virtual bool namesContent() const;
 
     //! A directory will be made at \a path for a folder of the server. Told before any file beside it is
     //! fetched. Nothing by default.
@@ -100,6 +110,8 @@ public:
     void setMirroring() override;
 
 protected:
+    //! False: it is the name of the directory that the acquisition is unpacked to.
+    bool namesContent() const override;
     Task* createFileDownloadTask(const QSharedPointer<HalvaneFileResourceReference>& fileReference,
                                  const PathImpl<PathType::Dir>& targetDir, const QString& name,
                                  std::optional<DuplicateDownloadPolicy> policy) override;

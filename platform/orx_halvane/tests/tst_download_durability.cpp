@@ -1,5 +1,6 @@
 // In which order what comes down is flushed and gets its name. A program of its own, since it looks at the
 // system calls of its own process.
+#include <DirectoryFlushes.h>
 #include <FileUtils.h>
 #include <PartialFile.h>
 
@@ -121,6 +122,66 @@ TEST_F(DownloadDurability, SoDoesACopyOfAFile) {
     for (const Policy policy : {Policy::Refuse, Policy::Overwrite})
         EXPECT_EQ(callsOf([&] { return FileUtils::tryCopyFile(at("source/run"), at("out/run"), policy); }),
                   oneFile);
+}
+
+TEST_F(DownloadDurability, ADirectoryThatIsNotedIsFlushedOnceForAllThatCameIntoIt) {
+    const auto flushes = std::make_shared<DirectoryFlushes>();
+    using Policy = FileUtils::DuplicateFilesPolicy;
+    const auto copy = [this](const char* name) {
+        return FileUtils::tryCopyFile(at("source/run"), at("out/") + text(name), Policy::Refuse);
+    };
+    const QStringList noted{text("flush hidden"), text("rename hidden to a"), text("flush hidden"),
+                            text("rename hidden to b")};
+    EXPECT_EQ(callsOf([&]() -> Error {
+                  const DirectoryFlushes::Scope scope(flushes);
+                  ORX_RETURN_ON_ERROR(copy("a"));
+                  return copy("b");
+              }),
+              noted);
+    EXPECT_EQ(flushes->count(), 1);
+    EXPECT_EQ(callsOf([&] { return flushes->flush(); }), QStringList{text("flush out")});
+    EXPECT_EQ(callsOf([&] { return flushes->flush(); }), QStringList());
+    // Without a scope, and in one of nobody within another, each copy is durable when it ends.
+    EXPECT_EQ(callsOf([&] { return copy("run"); }), oneFile);
+    ASSERT_TRUE(QFile::remove(at("out/run")));
+    EXPECT_EQ(callsOf([&] {
+                  const DirectoryFlushes::Scope outer(flushes);
+                  const DirectoryFlushes::Scope inner(nullptr);
+                  return copy("run");
+              }),
+              oneFile);
+    EXPECT_EQ(flushes->count(), 0);
+}
+
+TEST_F(DownloadDurability, ADirectoryThatIsNotedIsFlushedAtTheLatestWhenNobodyHoldsTheNote) {
+    auto flushes = std::make_shared<DirectoryFlushes>();
+    EXPECT_EQ(callsOf([&] {
+                  const DirectoryFlushes::Scope scope(flushes);
+                  return FileUtils::tryCopyFile(at("source/run"), at("out/run"),
+                                                FileUtils::DuplicateFilesPolicy::Refuse);
+              }).size(),
+              2);
+    EXPECT_EQ(callsOf([&] {
+                  flushes.reset();
+                  return Error();
+              }),
+              QStringList{text("flush out")});
+}
+
+TEST_F(DownloadDurability, ANotedDirectoryThatHasGoneIsForgottenAndOneThatCannotBeFlushedIsKept) {
+    const auto flushes = std::make_shared<DirectoryFlushes>();
+    ASSERT_TRUE(QDir(dir.path()).mkdir(text("gone")));
+    {
+        const DirectoryFlushes::Scope scope(flushes);
+        ASSERT_FALSE(DirectoryFlushes::flushOrNote(at("gone")).hasError());
+        ASSERT_FALSE(DirectoryFlushes::flushOrNote(at("source/run")).hasError());
+    }
+    ASSERT_TRUE(QDir(dir.path()).rmdir(text("gone")));
+    const Error error = flushes->flush();
+    EXPECT_TRUE(error.errorMessage().contains(at("source/run"))) << "it is no directory";
+    EXPECT_EQ(flushes->count(), 1);
+    ASSERT_TRUE(QFile::remove(at("source/run")));
+    EXPECT_FALSE(flushes->flush().hasError());
 }
 
 TEST_F(DownloadDurability, ADirectoryGetsItsNameWhenEverythingInItIsOnTheDisk) {

@@ -3,6 +3,8 @@
 #include "TasksLog.h"
 #include "TreeSlots.h"
 
+#include <DirectoryFlushes.h>
+
 #include <QPointer>
 
 #include <algorithm>
@@ -97,7 +99,11 @@ void BaseTask::finish(const Error& error) {
         setError(held);
     }
     const QPointer<BaseTask> guard(this);
-    Error result = doFinish();
+    Error result = [this] {
+        // Without any it opens one too: who ends within the end of another task is not part of that.
+        const DirectoryFlushes::Scope scope(DirectoryFlushes::of(*this));
+        return doFinish();
+    }();
     if (!guard)
         return;
     // An end without an error that is made anew has not heard of them.

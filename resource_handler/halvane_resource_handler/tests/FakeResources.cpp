@@ -68,7 +68,9 @@ private:
 class FakeHandler final : public ResourceHandler {
 public:
     FakeHandler(const ResourceReferenceSPtr& reference, ResourceCache* cache, FakeResources* resources)
-        : ResourceHandler(reference, cache), m_resources(resources) {}
+        : ResourceHandler(reference, cache), m_resources(resources) {
+        overrideRetrieveMode(RetrieveMode::Refresh); // not what is wanted of it
+    }
     Result<ResourceCleanupPolicy> cleanupPolicy() const override { return ResourceCleanupPolicy::Automatic; }
     Error setCleanupPolicy(ResourceCleanupPolicy) override { return Error(); }
     bool isAvailableLocally() const override { return m_resources->isValid; }

@@ -315,6 +315,44 @@ TEST_F(DownloadFileCacheTask, WithAnotherNameTheOwnNameMayBeTaken) {
     EXPECT_EQ(targetTree(), (QStringList{QStringLiteral("other.mzML=new"), QStringLiteral("run1.mzML=old")}));
 }
 
+struct ContentCase {
+    const char* label;
+    QString name;
+    FakeResources::Content content;
+    QString taken;
+    QStringList copied;
+};
+
+class ContentWithAnotherName : public DownloadFileCacheTask,
+                               public ::testing::WithParamInterface<ContentCase> {};
+
+TEST_P(ContentWithAnotherName, IsCopiedAndAskedAboutByItsOwnNames) {
+    resources.cache(GetParam().content);
+    putTarget(QStringLiteral("other"), "in nobody's way");
+    putTarget(GetParam().taken, "old");
+    auto task = taskFor(GetParam().name, QStringLiteral("other"));
+    answer(*task, {QStringLiteral("free")});
+    EXPECT_FALSE(run(*task).hasError());
+    EXPECT_EQ(asked, QList<QStringList>{QStringList{GetParam().taken}});
+    EXPECT_EQ(task->filenames(), GetParam().copied);
+    EXPECT_TRUE(targetTree().contains(QStringLiteral("other=in nobody's way")));
+    EXPECT_TRUE(targetTree().contains(GetParam().taken + QStringLiteral("=old")));
+}
+
+INSTANTIATE_TEST_SUITE_P(Contents, ContentWithAnotherName,
+                         ::testing::Values(ContentCase{"OneDirectory",
+                                                       QStringLiteral("run1.d"),
+                                                       {{QStringLiteral("run1.d/a"), "A"}},
+                                                       QStringLiteral("run1.d"),
+                                                       {QStringLiteral("free")}},
+                                           ContentCase{
+                                               "SeveralEntries",
+                                               QStringLiteral("a"),
+                                               {{QStringLiteral("a"), "A"}, {QStringLiteral("b"), "B"}},
+                                               QStringLiteral("b"),
+                                               {QStringLiteral("a"), QStringLiteral("free")}}),
+                         [](const auto& testCase) { return testCase.param.label; });
+
 TEST_F(DownloadFileCacheTask, HiddenEntriesAreNotAskedAbout) {
     resources.cache(
         {{QStringLiteral("a"), "A"}, {QStringLiteral(".hidden"), "H"}, {QStringLiteral("b"), "B"}});

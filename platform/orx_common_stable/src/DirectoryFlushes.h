@@ -1,0 +1,64 @@
+#pragma once
+
+#include "orx_common_stable_export.h"
+
+#include "Error.h"
+
+#include <QSet>
+#include <QString>
+
+#include <memory>
+#include <mutex>
+
+class QObject;
+
+namespace orx {
+
+//! Directories that are flushed later, each once for all that came into it. Where a Scope is open FileCopy,
+//! and with it FileUtils, notes the directory that a file or directory came into and does not flush it: what
+//! it made is whole at once, and durable from the next flush() on. Thread: any.
+class ORX_COMMON_STABLE_EXPORT DirectoryFlushes {
+public:
+    DirectoryFlushes() = default;
+    //! Flushes what is left; a failure is only logged.
+    ~DirectoryFlushes();
+    DirectoryFlushes(const DirectoryFlushes&) = delete;
+    DirectoryFlushes& operator=(const DirectoryFlushes&) = delete;
+
+    //! Those that wait.
+    qsizetype count() const;
+    //! Flushes those that wait when it is called, and blocks on the disk. Those that it could not flush go on
+    //! waiting, except those that are not there any more.
+    Error flush();
+
+    //! Belongs to one thread and is about what that does; scopes close in the reverse of the order in which
+    //! they were opened.
+    class ORX_COMMON_STABLE_EXPORT Scope {
+    public:
+        //! Null: directories are flushed at once, also within another scope.
+        explicit Scope(std::shared_ptr<DirectoryFlushes> flushes);
+        ~Scope();
+        Scope(const Scope&) = delete;
+        Scope& operator=(const Scope&) = delete;
+
+    private:
+        friend class DirectoryFlushes;
+        std::shared_ptr<DirectoryFlushes> m_flushes;
+        Scope* m_outer;
+    };
+    //! Has the innermost scope of this thread note \a directory, or flushes it.
+    static Error flushOrNote(const QString& directory);
+
+    //! What the end of the task \a task (BaseTask::doFinish()) makes on the disk is noted there.
+    static void attach(QObject& task, const std::shared_ptr<DirectoryFlushes>& flushes);
+    //! Null unless something was attached.
+    static std::shared_ptr<DirectoryFlushes> of(const QObject& task);
+
+private:
+    void note(const QString& directory);
+
+    mutable std::mutex m_mutex;
+    QSet<QString> m_directories;
+};
+
+} // namespace orx

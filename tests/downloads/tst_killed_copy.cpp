@@ -1,0 +1,91 @@
+// A client that is killed while it copies out of its cache: the target holds what was there, or the whole new
+// content, and the next run completes it without fetching anything again.
+#include "CacheDownloads.h"
+
+#include <HalvaneConnection.h>
+
+#include <QProcess>
+
+#include <csignal>
+
+namespace orx::testing {
+namespace {
+
+struct Place {
+    const char* name;
+    //! Files that have come by then.
+    int came;
+};
+
+class KilledCopy : public CacheDownloads {
+protected:
+    static constexpr int fileCount = 4;
+
+    static QByteArray contentOf(int number) { return QByteArray(5'000 + number, char('a' + number)); }
+    QString nameOf(int number) const { return text("run %1").arg(number); }
+    void SetUp() override {
+        raw = makeFolder(text("raw"));
+        for (int i = 0; i < fileCount; ++i)
+            makeFile(nameOf(i), contentOf(i), raw);
+    }
+    void putOld() const {
+        for (int i = 0; i < fileCount; ++i)
+            put(nameOf(i), "old " + QByteArray::number(i));
+    }
+    //! A client of its own process.
+    void runAnother(QProcess& process, const QString& place) const {
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(text("HALVANE_TOKEN"), QString::fromLatin1(HalvaneConnection::instance().token()));
+        process.setProcessEnvironment(environment);
+        process.setProcessChannelMode(QProcess::ForwardedChannels);
+        process.start(text(CACHE_DOWNLOADER),
+                      {real()->url().toString(), QString::fromLatin1(RealServer::AdminName),
+                       QString::number(raw), cache().rootDir(), QDir(at(QString())).canonicalPath(), place});
+        ASSERT_TRUE(process.waitForFinished(-1));
+    }
+    //! How many files have come; every other one must be the old one, and nothing else have a name that
+    //! shows.
+    int filesThatCame() const {
+        int came = 0;
+        for (int i = 0; i < fileCount; ++i) {
+            QFile file(at(nameOf(i)));
+            EXPECT_TRUE(file.open(QIODevice::ReadOnly));
+            const QByteArray content = file.readAll();
+            if (content == contentOf(i))
+                ++came;
+            else
+                EXPECT_EQ(content, "old " + QByteArray::number(i));
+        }
+        EXPECT_EQ(QDir(at(QString())).entryList(QDir::AllEntries | QDir::NoDotAndDotDot).size(), fileCount);
+        return came;
+    }
+
+    int raw = -1;
+};
+INSTANTIATE_TEST_SUITE_P(Real, KilledCopy, ::testing::Values(Backend::Real), backendName);
+
+TEST_P(KilledCopy, LeavesOldOrWholeContentAndTheNextRunFetchesNothing) {
+    QProcess whole;
+    runAnother(whole, text("nowhere"));
+    ASSERT_EQ(whole.exitCode(), 0) << "so that everything is in the cache";
+    ASSERT_EQ(cache().entries()->size(), fileCount);
+    for (const Place& place :
+         {Place{"copy", 1}, Place{"flush", 1}, Place{"rename", 1}, Place{"directory", fileCount}}) {
+        SCOPED_TRACE(place.name);
+        putOld();
+        QProcess killed;
+        runAnother(killed, text(place.name));
+        EXPECT_EQ(killed.exitStatus(), QProcess::CrashExit);
+        EXPECT_EQ(killed.exitCode(), SIGKILL);
+        EXPECT_EQ(filesThatCame(), place.came);
+        forgetCalls();
+        QProcess next;
+        runAnother(next, text("nowhere"));
+        EXPECT_EQ(next.exitCode(), 0);
+        EXPECT_EQ(filesThatCame(), fileCount);
+        EXPECT_EQ(contentCalls(), 0);
+    }
+}
+
+} // namespace
+} // namespace orx::testing
