@@ -45,6 +45,19 @@ TEST(TextForms, ProgressOfATreeTellsFilesAndBytes) {
               QStringLiteral("2026  0 of 2 files  0 B of 0 B"));
 }
 
+TEST(TextForms, ProgressOfATreeTellsWhatRuns) {
+    const qint64 mib = 1024 * 1024;
+    const QString name = QStringLiteral("2026");
+    const QString running = QStringLiteral("run1.raw and 7 more");
+    EXPECT_EQ(treeProgressText(name, {312, 2000, 45 * mib, 100 * mib, true, running}, 5.0 * mib),
+              QStringLiteral("2026  312 of 2000 files  45 %  45.0 MiB of 100.0 MiB  5.0 MiB/s  0:11 left  "
+                             "run1.raw and 7 more"));
+    EXPECT_EQ(treeProgressText(name, {3, 20, 5 * mib, 10 * mib, false, running}, 0),
+              QStringLiteral("2026  3 of 20+ files  5.0 MiB of 10.0 MiB+  run1.raw and 7 more"));
+    EXPECT_EQ(treeProgressText(name, {20, 20, 10 * mib, 10 * mib, true, {}}, 5.0 * mib),
+              QStringLiteral("2026  20 of 20 files  100 %  10.0 MiB of 10.0 MiB  5.0 MiB/s  0:00 left"));
+}
+
 TEST(TextForms, ProgressLeavesOutWhatIsUnknown) {
     const qint64 mib = 1024 * 1024;
     EXPECT_EQ(progressText(QStringLiteral("run"), 45 * mib, 100 * mib, 5.0 * mib, seconds(11)),

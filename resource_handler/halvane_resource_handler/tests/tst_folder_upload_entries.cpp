@@ -372,6 +372,85 @@ TEST_F(FolderUploadEntries, ARetriedPathThatBecameADirectoryGoesUpWithoutTelling
     EXPECT_EQ(task->finishedTaskCounts(), (FinishedTaskCounts{1, 1, 0}));
 }
 
+// Whoever hears of something may be done with the whole upload.
+TEST_F(FolderUploadEntries, MayBeDestroyedInAnyOfItsSignals) {
+    using Task = HalvaneFolderUploadTask;
+    using Connect = std::function<void(Task*, QObject*, const std::function<void()>&)>;
+    const auto on = [](auto signal) -> Connect {
+        return [signal](Task* task, QObject* context, const std::function<void()>& then) {
+            QObject::connect(task, signal, context, then);
+        };
+    };
+    const QList<std::pair<Connect, const char*>> cases{
+        {on(&Task::progressInitiated), ""},   {on(&Task::uploadStarted), ""},
+        {on(&BaseTask::progress), ""},        {on(&Task::fileUploadFailed), "a%1"},
+        {on(&Task::fileUploadFailed), "c%1"}, {on(&Task::folderUploadFailed), "c%1"},
+        {on(&BaseTask::finished), ""}};
+    int number = 0;
+    for (const auto& [connect, refused] : cases) {
+        ASSERT_TRUE(QDir(tree()).removeRecursively());
+        put(QStringLiteral("a%1").arg(++number));
+        put(QStringLiteral("b%1").arg(number));
+        put(QStringLiteral("sub/c%1").arg(number));
+        refuse(QString::fromLatin1(refused).replace(QStringLiteral("%1"), QString::number(number)));
+        auto task = upload();
+        QObject context;
+        bool destroyed = false;
+        connect(task.get(), &context, [&] {
+            task.reset();
+            destroyed = true;
+        });
+        task->exec();
+        ASSERT_TRUE(waitUntil([&destroyed] { return destroyed; })) << number;
+        EXPECT_TRUE(waitUntil([this] { return server.heldCount() == 0; }));
+        QCoreApplication::processEvents();
+    }
+}
+
+TEST_F(FolderUploadEntries, AFailureAndACancellationThreeLevelsDownAreRecordedAtEachLevel) {
+    const NestedUploads nested;
+    put(QStringLiteral("sub/deep/a"));
+    put(QStringLiteral("sub/deep/b"));
+    put(QStringLiteral("sub/good"));
+    server.onRequest = [this](const ScriptedRequest& request) {
+        if (request.line() != u"POST /uploads")
+            return;
+        const QString name = request.json().value(u"name").toString();
+        if (name == u"a")
+            server.script(QStringLiteral("POST /uploads"),
+                          ScriptedFault::failure(403, HalvaneServerErrorCode::NoPrivilege,
+                                                 QStringLiteral("not yours")));
+        else if (name == u"b")
+            server.script(QStringLiteral("POST /uploads"), ScriptedFault::hold());
+    };
+    const auto task = upload();
+    QPointer<HalvaneFileUploadTaskBase> held;
+    QObject::connect(task.get(), &HalvaneFolderUploadTask::uploadStarted, task.get(),
+                     [&held](HalvaneFileUploadTaskBase* file) {
+                         if (file->path().endsWith(u"/b"))
+                             held = file;
+                     });
+    task->exec();
+    ASSERT_TRUE(waitUntil([&] { return server.heldCount() == 1 && task->failedFileUploadsCount() == 1; }));
+    auto* const inner = nested.of(QStringLiteral("deep"));
+    auto* const middle = nested.of(QStringLiteral("sub"));
+    ASSERT_TRUE(inner && middle && held);
+    const auto recorded = [&] {
+        QList<FinishedTaskCounts> counts;
+        for (const auto* level : {task.get(), middle, inner})
+            counts.append({0, level->failedFileUploadsCount(), level->canceledFileUploadsCount()});
+        return counts;
+    };
+    EXPECT_EQ(recorded(), QList<FinishedTaskCounts>(3, {0, 1, 0}));
+    QList<FinishedTaskCounts> afterwards;
+    QObject::connect(task.get(), &HalvaneFolderUploadTask::fileUploadCanceled, task.get(),
+                     [&] { afterwards = recorded(); });
+    held->cancel();
+    ASSERT_TRUE(waitUntil([&afterwards] { return !afterwards.isEmpty(); }));
+    EXPECT_EQ(afterwards, QList<FinishedTaskCounts>(3, {0, 1, 1}));
+    finishHeld(server, *task);
+}
+
 TEST_F(FolderUploadEntries, ARetryThatCannotBeMadeIsStampedOnItsWay) {
     const QString path = put(QStringLiteral("a"));
     refuse(QStringLiteral("a"), 1);

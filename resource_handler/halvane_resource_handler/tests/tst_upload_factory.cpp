@@ -108,20 +108,24 @@ TEST_F(UploadFactory, ParametersThatCannotBeMadeAreTheError) {
 }
 
 TEST_F(UploadFactory, ASingleUploadGetsEverythingButTheGroups) {
-    const QList<HalvaneExtendedMetaDataValue> metadata(1);
-    const QString path = makeFile(QStringLiteral("a"));
-    auto task = create(path, ItemType::File, 12, QList<HalvaneExtendedMetaDataValue>{}, QStringLiteral("b"));
-    ASSERT_FALSE(task.hasError());
-    EXPECT_EQ((*task)->parent(), nullptr);
-    const auto parameters = qobject_cast<HalvaneFileUploadTask*>(task->get())->parameters();
-    EXPECT_EQ(parameters.localPath, path);
-    EXPECT_EQ(parameters.targetId, 12);
-    EXPECT_EQ(parameters.targetItemType, ItemType::File);
-    EXPECT_EQ(parameters.alias, QStringLiteral("alias"));
-    EXPECT_TRUE(parameters.extendedMetadata.has_value());
-    EXPECT_EQ(parameters.policyOptions, Replace);
-    EXPECT_EQ(parameters.targetFileName, QStringLiteral("b"));
-    EXPECT_EQ((*task)->maxProgress(), 103);
+    const QList<HalvaneExtendedMetaDataValue> metadata{
+        {QStringLiteral("operator"), QStringLiteral("anna"), QString()}};
+    for (const QString& path : {makeFile(QStringLiteral("a")), rawFile()}) {
+        auto task = create(path, ItemType::File, 12, metadata, QStringLiteral("b"));
+        ASSERT_FALSE(task.hasError());
+        EXPECT_EQ((*task)->parent(), nullptr);
+        const auto parameters = qobject_cast<HalvaneFileUploadTaskBase*>(task->get())->parameters();
+        EXPECT_EQ(parameters.localPath, path);
+        EXPECT_EQ(parameters.targetId, 12);
+        EXPECT_EQ(parameters.targetItemType, ItemType::File);
+        EXPECT_EQ(parameters.alias, QStringLiteral("alias"));
+        ASSERT_TRUE(parameters.extendedMetadata.has_value());
+        EXPECT_EQ(*parameters.extendedMetadata, (QList<HalvaneCompactExtendedMetaDataValue>{
+                                                    {QStringLiteral("operator"), QStringLiteral("anna")}}));
+        EXPECT_EQ(parameters.policyOptions, Replace);
+        EXPECT_EQ(parameters.targetFileName, QStringLiteral("b"));
+        EXPECT_EQ((*task)->maxProgress(), 103);
+    }
 }
 
 } // namespace

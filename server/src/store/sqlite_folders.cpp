@@ -67,13 +67,14 @@ SubfoldersTag subfoldersTag(SqliteConnection& connection, const Caller& caller, 
             query.integer(2)};
 }
 
-#define HALVANE_SUBFOLDERS                                                                                   \
-    "SELECT f.id, f.name, " HALVANE_HAS_READABLE_CHILD ", o.group_id, o.privileges FROM folders f"           \
+#define HALVANE_SUBFOLDERS(index)                                                                            \
+    "SELECT f.id, f.name, " HALVANE_HAS_READABLE_CHILD ", o.group_id, o.privileges FROM folders f " index    \
     " LEFT JOIN grants o ON o.folder_id = f.id WHERE f.parent_id = ?1"
 
-constexpr const char* allSubfolders = HALVANE_SUBFOLDERS " ORDER BY f.id, o.group_id";
+constexpr const char* allSubfolders = HALVANE_SUBFOLDERS("") " ORDER BY f.id, o.group_id";
+// Left to itself SQLite goes through all of them to be spared the sorting of a few.
 constexpr const char* changedSubfolders =
-    HALVANE_SUBFOLDERS " AND f.listed_change > ?5 ORDER BY f.id, o.group_id";
+    HALVANE_SUBFOLDERS("INDEXED BY folders_by_change") " AND f.listed_change > ?5 ORDER BY f.id, o.group_id";
 
 void requireVisibleGroups(SqliteConnection& connection, const Caller& caller, const std::vector<Id>& groups) {
     for (const Id group : groups) {

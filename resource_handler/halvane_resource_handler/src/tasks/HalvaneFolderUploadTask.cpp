@@ -36,6 +36,11 @@ public:
     QList<FailedFileInfo> canceled;
 };
 
+//! What all uploads of one file have in common; none is made.
+struct SingleUpload : HalvaneFileUploadTaskBase {
+    using HalvaneFileUploadTaskBase::maxProgress;
+};
+
 constexpr QDir::Filters uploadedEntries = QDir::Dirs | QDir::Files | QDir::Drives | QDir::NoDotAndDotDot;
 
 int filesIn(const HalvaneUploadedFolderInfo& folder) {
@@ -175,8 +180,13 @@ int HalvaneFolderUploadTask::Private::computeMaxProgress() const {
     const QStringList names = directory.entryList(uploadedEntries, QDir::NoSort);
     for (const QString& name : names) {
         const QString path = directory.filePath(name);
-        if (!UploadFileInputValidation::validUploadPath(QFileInfo(path)))
+        const QFileInfo info(path);
+        if (!UploadFileInputValidation::validUploadPath(info))
             continue;
+        if (info.isFile()) { // whichever upload the factory made of it, without a look at its content here
+            sum += SingleUpload::maxProgress(false);
+            continue;
+        }
         constexpr int anyId = 1;
         if (const auto task = createUploadTask(UploadedFileData(anyId, path)); !task.hasError())
             sum += (*task)->maxProgress();
@@ -254,8 +264,11 @@ Result<HalvaneUploadTask*> HalvaneFolderUploadTask::Private::appendUploadTask(co
     connect(task, &BaseTask::progress, q,
             [this, last = 0](int value, int) mutable { addProgress(value - std::exchange(last, value)); });
     auto* const file = qobject_cast<HalvaneFileUploadTaskBase*>(task);
+    const QPointer<HalvaneFolderUploadTask> guard(q);
     if (file && mode == UploadMode::Initial)
         Q_EMIT q->uploadStarted(file);
+    if (!guard)
+        return nullptr; // a receiver destroyed the folder upload, and this object with it
     if (auto* const nested = qobject_cast<HalvaneFolderUploadTask*>(task))
         follow(nested, mode);
     q->appendSubtask(
