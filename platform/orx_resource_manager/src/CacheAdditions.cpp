@@ -5,10 +5,11 @@
 #include <WorkerPool.h>
 
 #include <QCoreApplication>
-#include <QMutexLocker>
+#include <QFile>
 #include <QUuid>
 
 #include <algorithm>
+#include <thread>
 
 namespace orx {
 
@@ -19,22 +20,23 @@ using namespace CacheFiles;
 class CacheAdditions::Writing {
 public:
     Writing(const CacheSubPath& at, const Expected& is, Cancel by)
-        : place(at), expected(is), cancel(std::move(by)) {}
+        : place(at)
+        , expected(is)
+        , cancel(std::move(by))
+        , directory("add-" + QUuid::createUuid().toByteArray(QUuid::Id128)) {}
 
     const CacheSubPath place;
     const Expected expected;
     const Cancel cancel;
-    //! Keep fills of the entry waiting, other content away from the place, and the sweep from taking what is
-    //! there for a leftover.
+    //! Below the staging directory; the writer makes the content in it, under the name of the place.
+    const QByteArray directory;
+    const std::thread::id writer = std::this_thread::get_id();
+    //! Keep fills of the entry waiting, and the sweep from taking the directory for a leftover.
     std::optional<CacheLock> fill;
-    std::optional<CacheLock> write;
-    std::optional<CacheLock> sweep;
+    std::optional<CacheLock> staging;
     //! The writer and the works it deferred to.
     int parts = 1;
     Error error;
-    //! What was at the place, until it is discarded.
-    QMutex displacedMutex;
-    std::optional<CacheStore::Displaced> displaced;
 };
 
 void CacheAdditions::enqueue(Job job) {
@@ -136,42 +138,19 @@ Error CacheAdditions::copyInto(const CacheRoot& root, const QByteArray& staging,
     return m_store->seal(place, directory->get(), place.name(), *payload);
 }
 
-//! On the caller's thread, which may be an event loop: it takes locks that others hold for a short time only,
-//! and leaves all that may take long to a worker.
-Error CacheAdditions::beginWriting(const std::shared_ptr<Writing>& begun) {
-    Writing& writing = *begun;
+//! On the caller's thread, which may be an event loop: it waits for nobody.
+Error CacheAdditions::beginWriting(Writing& writing) {
     const auto root = m_store->root();
     if (root.hasError())
         return root.error();
     CacheLocks& locks = *(*root)->locks;
     writing.fill = locks.tryExclusive(CacheLocks::offset(writing.place.key(), CacheLocks::kFill));
     if (writing.fill)
-        writing.write = locks.tryExclusive(CacheLocks::offset(writing.place.key(), CacheLocks::kWrite));
-    if (writing.write)
-        writing.sweep = locks.waitShared(CacheLocks::kSweep, CacheLocks::kShortPatience);
-    if (!writing.sweep)
+        writing.staging = locks.tryExclusive(
+            CacheLocks::offset(writing.directory.mid(qsizetype(sizeof "add-") - 1), CacheLocks::kFill));
+    if (!writing.staging)
         return CacheStore::busy(writing.place.text());
-    auto displaced = m_store->displace(writing.place);
-    if (displaced.hasError())
-        return std::move(displaced).error();
-    writing.displaced = std::move(*displaced);
-    WorkerPool::instance().submit(
-        [self = shared_from_this(), begun] {
-            // The seal tries again, and tells it.
-            [[maybe_unused]] const Error later = self->discardDisplaced(*begun);
-        },
-        nullptr, {});
-    const auto parent = m_store->ensureParent(writing.place);
-    return parent ? Error() : parent.error();
-}
-
-//! Thread: worker.
-Error CacheAdditions::discardDisplaced(Writing& writing) {
-    const QMutexLocker lock(&writing.displacedMutex);
-    if (writing.displaced)
-        ORX_RETURN_ON_ERROR(m_store->discard(*writing.displaced));
-    writing.displaced.reset();
-    return Error();
+    return ensureDirectory((*root)->staging.get(), writing.directory, m_store->stagingDir()).error();
 }
 
 Error CacheAdditions::addWritten(const CacheSubPath& place, const std::function<Error()>& writer,
@@ -182,7 +161,7 @@ Error CacheAdditions::addWritten(const CacheSubPath& place, const std::function<
         cancel = m_cancel;
     }
     const auto writing = std::make_shared<Writing>(place, expected, std::move(cancel));
-    ORX_RETURN_ON_ERROR(beginWriting(writing));
+    ORX_RETURN_ON_ERROR(beginWriting(*writing));
     {
         const std::lock_guard lock(m_mutex);
         ++m_pending;
@@ -218,6 +197,15 @@ void CacheAdditions::endPart(const std::shared_ptr<Writing>& writing, const Erro
              writing->cancel});
 }
 
+std::optional<QString> CacheAdditions::writersPath(const CacheSubPath& place) {
+    const std::lock_guard lock(m_mutex);
+    const auto writing = m_writers.value(place.text());
+    if (!writing || writing->writer != std::this_thread::get_id())
+        return std::nullopt;
+    return m_store->stagingDir() + u'/' + QString::fromLatin1(writing->directory) + u'/' +
+           QFile::decodeName(place.name());
+}
+
 QString CacheAdditions::acknowledged(const Writing& writing) {
     return writing.expected.sha256;
 }
@@ -226,36 +214,32 @@ bool CacheAdditions::isDropped(const Writing& writing) {
     return *writing.cancel;
 }
 
-Error CacheAdditions::sealWritten(Writing& writing, const CancelFlag& cancel) {
+Error CacheAdditions::sealFrom(int staging, const Writing& writing, const CancelFlag& cancel) {
+    ORX_RETURN_ON_ERROR(writing.error);
+    if (cancel)
+        return Error(ErrorCode::Canceled, QString());
+    const QByteArray& name = writing.place.name();
     const QString shown = m_store->placePath(writing.place);
-    const auto attempt = [&]() -> Error {
-        const Error discarded = discardDisplaced(writing);
-        ORX_RETURN_ON_ERROR(writing.error);
-        ORX_RETURN_ON_ERROR(discarded);
-        const auto parent = m_store->openParent(writing.place);
-        if (parent.hasError())
-            return parent.error();
-        auto payload = CachePayload::look(parent->get(), writing.place.name(), shown);
-        if (payload.hasError())
-            return std::move(payload).error();
-        ORX_RETURN_ON_ERROR(payload->hash(parent->get(), writing.place.name(), shown, &cancel));
-        ORX_RETURN_ON_ERROR(CacheStore::compare(*payload, writing.expected.sha256, writing.place.text()));
-        ORX_RETURN_ON_ERROR(payload->flush(parent->get(), writing.place.name(), shown));
-        return m_store->sealInPlace(writing.place, *payload);
-    };
-    const Error error = attempt();
-    // Nobody else brings anything there before the locks are released.
-    if (error.hasError()) {
-        if (const Error cleared = m_store->clearPlace(writing.place); cleared.hasError())
-            qCWarning(cacheLog).noquote() << cleared.errorMessage();
-    }
-    {
-        const QMutexLocker lock(&writing.displacedMutex);
-        writing.displaced.reset();
-    }
-    writing.write.reset();
+    auto payload = CachePayload::look(staging, name, shown);
+    if (payload.hasError())
+        return std::move(payload).error();
+    ORX_RETURN_ON_ERROR(payload->hash(staging, name, shown, &cancel));
+    ORX_RETURN_ON_ERROR(CacheStore::compare(*payload, writing.expected.sha256, writing.place.text()));
+    ORX_RETURN_ON_ERROR(payload->flush(staging, name, shown));
+    return m_store->seal(writing.place, staging, name, *payload);
+}
+
+Error CacheAdditions::sealWritten(Writing& writing, const CancelFlag& cancel) {
+    const auto root = m_store->root();
+    if (root.hasError())
+        return root.error();
+    const auto staging = openDirectory((*root)->staging.get(), writing.directory, m_store->stagingDir());
+    const Error error = staging ? sealFrom(staging->get(), writing, cancel) : staging.error();
+    const Error swept = removeTree((*root)->staging.get(), writing.directory, m_store->stagingDir());
+    if (swept.hasError())
+        qCWarning(cacheLog).noquote() << swept.errorMessage();
+    writing.staging.reset();
     writing.fill.reset();
-    writing.sweep.reset();
     if (!error.hasError())
         CacheKeeper(*m_store).keepUp(writing.expected.limits);
     return error;

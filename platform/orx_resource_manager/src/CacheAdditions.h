@@ -34,6 +34,8 @@ public:
     //! One part more of the writing of \a subPath, ended by endPart(); null when no writer of it runs.
     std::shared_ptr<Writing> beginPart(const QString& subPath);
     void endPart(const std::shared_ptr<Writing>& writing, const Error& error);
+    //! Where the writer of \a place that runs on this thread makes the content; none without one.
+    std::optional<QString> writersPath(const CacheSubPath& place);
     //! See CacheStore::compare().
     static QString acknowledged(const Writing& writing);
     //! Whether drop() was called since the writing began.
@@ -58,8 +60,8 @@ private:
     Error copyInto(const CacheRoot& root, const QByteArray& staging, const CacheSubPath& place,
                    CacheSource& source, const Expected& expected, const CacheFiles::CancelFlag& cancel);
     Error sealWritten(Writing& writing, const CacheFiles::CancelFlag& cancel);
-    Error beginWriting(const std::shared_ptr<Writing>& begun);
-    Error discardDisplaced(Writing& writing);
+    Error sealFrom(int staging, const Writing& writing, const CacheFiles::CancelFlag& cancel);
+    Error beginWriting(Writing& writing);
 
     std::shared_ptr<CacheStore> m_store;
     std::mutex m_mutex;

@@ -4,6 +4,7 @@
 #include <QMutexLocker>
 #include <QThread>
 
+#include <chrono>
 #include <fcntl.h>
 
 namespace orx {
@@ -12,10 +13,11 @@ namespace {
 
 constexpr int kExclusive = -1;
 constexpr unsigned long kPauseMs = 2;
+constexpr std::chrono::milliseconds kPatience{60'000};
 
 template <typename Try>
-std::optional<CacheLock> insist(Try attempt, std::chrono::milliseconds patience) {
-    const QDeadlineTimer deadline(patience);
+std::optional<CacheLock> insist(Try attempt) {
+    const QDeadlineTimer deadline(kPatience);
     for (;;) {
         if (auto lock = attempt(); lock || deadline.hasExpired())
             return lock;
@@ -72,20 +74,12 @@ std::optional<CacheLock> CacheLocks::tryExclusive(qint64 offset) {
     return CacheLock(shared_from_this(), offset);
 }
 
-std::optional<CacheLock> CacheLocks::waitShared(qint64 offset, std::chrono::milliseconds patience) {
-    return insist([&] { return tryShared(offset); }, patience);
+std::optional<CacheLock> CacheLocks::waitShared(qint64 offset) {
+    return insist([&] { return tryShared(offset); });
 }
 
-std::optional<CacheLock> CacheLocks::waitExclusive(qint64 offset, std::chrono::milliseconds patience) {
-    return insist([&] { return tryExclusive(offset); }, patience);
-}
-
-bool CacheLocks::isHeldExclusively(qint64 offset) {
-    const QMutexLocker lock(&m_mutex);
-    if (const auto held = m_held.constFind(offset); held != m_held.constEnd())
-        return *held == kExclusive;
-    struct flock range = byteAt(offset, F_RDLCK);
-    return ::fcntl(m_file.get(), F_OFD_GETLK, &range) == 0 && range.l_type != F_UNLCK;
+std::optional<CacheLock> CacheLocks::waitExclusive(qint64 offset) {
+    return insist([&] { return tryExclusive(offset); });
 }
 
 void CacheLocks::release(qint64 offset) {

@@ -5,7 +5,6 @@
 #include <QHash>
 #include <QMutex>
 
-#include <chrono>
 #include <memory>
 #include <optional>
 
@@ -41,8 +40,6 @@ public:
     static constexpr int kFill = 1;
     //! Exclusive while what lies at an entry's place and its record are exchanged: short.
     static constexpr int kPlace = 2;
-    //! Shared by who exchanges content, exclusive for a writer that makes it at the place itself.
-    static constexpr int kWrite = 3;
     //! Shared by who brings content to its place, exclusive for who takes content without record away: short.
     static constexpr qint64 kSweep = 0;
     //! Exclusive for who sets a damaged database aside.
@@ -56,15 +53,10 @@ public:
     //! None when somebody else holds it in a way that excludes this.
     std::optional<CacheLock> tryShared(qint64 offset);
     std::optional<CacheLock> tryExclusive(qint64 offset);
-    //! Whether somebody, here or in another process, keeps all others from it. Takes nothing.
-    bool isHeldExclusively(qint64 offset);
-    //! How long a worker waits for a lock that others hold for a short time only, and how long an event loop
-    //! does, which waits for less than that in all but the worst case.
-    static constexpr std::chrono::milliseconds kPatience{60'000};
-    static constexpr std::chrono::milliseconds kShortPatience{1000};
-    //! None when it was in vain.
-    std::optional<CacheLock> waitShared(qint64 offset, std::chrono::milliseconds patience = kPatience);
-    std::optional<CacheLock> waitExclusive(qint64 offset, std::chrono::milliseconds patience = kPatience);
+    //! For workers: waits up to a minute for a lock that others hold for a short time only. None when it was
+    //! in vain.
+    std::optional<CacheLock> waitShared(qint64 offset);
+    std::optional<CacheLock> waitExclusive(qint64 offset);
 
 private:
     friend class CacheLock;

@@ -45,9 +45,7 @@ Error CacheStore::seal(const CacheSubPath& place, int staging, const QByteArray&
     if (opened.hasError())
         return opened.error();
     CacheLocks& locks = *(*opened)->locks;
-    // What a writer makes at the place would be exchanged under its hands.
-    const auto write = locks.tryShared(CacheLocks::offset(place.key(), CacheLocks::kWrite));
-    const auto sweep = write ? locks.waitShared(CacheLocks::kSweep) : std::nullopt;
+    const auto sweep = locks.waitShared(CacheLocks::kSweep);
     const auto lock =
         sweep ? locks.waitExclusive(CacheLocks::offset(place.key(), CacheLocks::kPlace)) : std::nullopt;
     if (!lock)
@@ -125,18 +123,6 @@ Error CacheStore::exchange(const CacheSubPath& place, int staging, const QByteAr
     }
 }
 
-Error CacheStore::sealInPlace(const CacheSubPath& place, const CachePayload& payload) {
-    const auto parent = openParent(place);
-    if (parent.hasError())
-        return parent.error();
-    ORX_RETURN_ON_ERROR(flush(parent->get(), placePath(place)));
-    const auto opened = root();
-    if (opened.hasError())
-        return opened.error();
-    const auto lock = (*opened)->locks->waitExclusive(CacheLocks::offset(place.key(), CacheLocks::kPlace));
-    return lock ? m_work.put(place.text(), payload, CacheRecords::Durability::Flushed) : busy(place.text());
-}
-
 Error CacheStore::flushWay(const CacheSubPath& place) {
     const auto opened = root();
     if (opened.hasError())
@@ -207,49 +193,6 @@ Error CacheStore::remove(const CacheSubPath& place) {
     if (record)
         ORX_RETURN_ON_ERROR(m_work.remove(record->id));
     return clearPlace(place);
-}
-
-Result<CacheStore::Displaced> CacheStore::displace(const CacheSubPath& place) {
-    const auto opened = root();
-    if (opened.hasError())
-        return opened.error();
-    CacheLocks& locks = *(*opened)->locks;
-    auto use = locks.tryExclusive(CacheLocks::offset(place.key(), CacheLocks::kUse));
-    const auto lock = use ? locks.waitExclusive(CacheLocks::offset(place.key(), CacheLocks::kPlace),
-                                                CacheLocks::kShortPatience)
-                          : std::nullopt;
-    if (!lock)
-        return busy(place.text());
-    const auto taken = m_quick.isTaken(place.text());
-    if (taken.hasError())
-        return taken.error();
-    if (*taken)
-        return noEntry(place);
-    const auto record = m_quick.find(place.text());
-    if (record.hasError() && !record.error().is(ErrorCode::NotFound))
-        return record.error();
-    Displaced displaced{*opened, std::move(*use), record ? std::optional(record->id) : std::nullopt, {}};
-    const auto parent = openParent(place);
-    if (parent.hasError() && !isMissing(parent.error()))
-        return parent.error();
-    const QByteArray gone = "gone-" + QUuid::createUuid().toByteArray(QUuid::Id128);
-    if (parent &&
-        ::renameat(parent->get(), place.name().constData(), (*opened)->staging.get(), gone.constData()) == 0)
-        displaced.content = gone;
-    else if (parent && errno != ENOENT)
-        return systemError("Could not take \"%1\" out of the cache", placePath(place));
-    return displaced;
-}
-
-Error CacheStore::discard(const Displaced& displaced) {
-    const Error unrecorded = displaced.record ? m_work.remove(*displaced.record) : Error();
-    // What could not be removed is left to the next sweep.
-    const Error removed = displaced.content.isEmpty()
-                              ? Error()
-                              : removeTree(displaced.root->staging.get(), displaced.content, stagingDir());
-    if (removed.hasError())
-        qCWarning(cacheLog).noquote() << removed.errorMessage();
-    return unrecorded;
 }
 
 } // namespace orx

@@ -266,10 +266,6 @@ Result<CacheRecords::Record> CacheStore::valid(const CacheSubPath& place, CacheP
     const auto difference = differenceAt(parent->get(), place.name(), placePath(place), *record, depth);
     if (difference.hasError())
         return difference.error();
-    // What a writer makes there is not what the record, which goes soon, tells of.
-    if ((*opened)->locks->isHeldExclusively(CacheLocks::offset(place.key(), CacheLocks::kWrite)))
-        return Error(ErrorCode::NotFound,
-                     translated("\"%1\" in the cache is just being made.").arg(place.text()));
     if (difference->isEmpty())
         return record;
     // So that a look at its top shows it, too.

@@ -64,8 +64,6 @@ public:
     //! records it. What was at the place is in \a staging then, or nothing. After a failure the place and the
     //! record are as before.
     Error seal(const CacheSubPath& place, int staging, const QByteArray& name, const CachePayload& payload);
-    //! Records what lies at the place already.
-    Error sealInPlace(const CacheSubPath& place, const CachePayload& payload);
     //! The directory above the place, made when missing.
     Result<CacheDescriptor> ensureParent(const CacheSubPath& place);
     //! The directory above the place; ErrorCode::NotFound.
@@ -82,19 +80,6 @@ public:
     Error clearPlace(const CacheSubPath& place);
     //! Record and content; ErrorCode::Busy when somebody uses it. Nothing when there is neither.
     Error remove(const CacheSubPath& place);
-    //! What an entry held when its place was made free.
-    struct Displaced {
-        std::shared_ptr<CacheRoot> root;
-        //! Keeps everybody from the entry whose record is still there.
-        CacheLock use;
-        std::optional<qint64> record;
-        //! In the staging directory; empty when nothing was at the place.
-        QByteArray content;
-    };
-    //! Makes the place free as remove() does, for who has its kWrite lock and must not wait: whatever is
-    //! there, it takes a few calls, and writes no records. The rest is left to discard().
-    Result<Displaced> displace(const CacheSubPath& place);
-    Error discard(const Displaced& displaced);
 
     //! ErrorCode::ChecksumMismatch when \a expected (hexadecimal; empty: unknown) is not a file's digest.
     static Error compare(const CachePayload& payload, const QString& expected, const QString& shown);

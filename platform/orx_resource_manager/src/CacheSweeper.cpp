@@ -197,8 +197,8 @@ QByteArrayList CacheSweeper::take(const CacheRoot& root, const QByteArrayList& p
     return taken;
 }
 
-//! Takes one leftover when nobody brings it there. Of one that is no directory its own locks tell that;
-//! writers, who hold the lock of the sweep for long, need not end for it.
+//! Takes one leftover when nobody brings it there. Of one that is no directory the lock of its place tells
+//! that.
 Error CacheSweeper::takeBeside(const CacheRoot& root, const QByteArray& path, QByteArrayList& taken) {
     const QString subPath = QFile::decodeName(path);
     struct stat status {};
@@ -210,11 +210,6 @@ Error CacheSweeper::takeBeside(const CacheRoot& root, const QByteArray& path, QB
     std::optional<CacheLock> atPlace;
     // None for what cannot be the name of an entry.
     const auto place = m_store.parse(subPath);
-    const auto isWritten = [&] {
-        return place && root.locks->isHeldExclusively(CacheLocks::offset(place->key(), CacheLocks::kWrite));
-    };
-    if (isWritten())
-        return Error();
     if (S_ISDIR(status.st_mode)) {
         sweep = root.locks->waitExclusive(CacheLocks::kSweep);
         if (!sweep)
@@ -224,8 +219,7 @@ Error CacheSweeper::takeBeside(const CacheRoot& root, const QByteArray& path, QB
         if (!atPlace)
             return CacheStore::busy(subPath);
     }
-    if (!isWritten())
-        taken += take(root, {path});
+    taken += take(root, {path});
     return Error();
 }
 

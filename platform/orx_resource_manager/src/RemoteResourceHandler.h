@@ -28,7 +28,8 @@ public:
     //! and leaves no entry. ResourceCache::waitForPending() waits for it. ErrorCode::InvalidArgument when a
     //! path of known kind names something of the other kind.
     Error addToCache(const PathImpl<PathType::Unknown>& localPath);
-    //! The same for content that \a writer makes; it runs before the call returns, and its error is returned.
+    //! The same for content that \a writer makes at expectedPath(), which names another path while it runs;
+    //! it runs before the call returns, and its error is returned.
     Error addToCache(const Writer& writer);
 
     //! A task that makes the file at expectedPath() unavailable, which had the stamp \a seen before it was

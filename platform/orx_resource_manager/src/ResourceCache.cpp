@@ -149,7 +149,8 @@ Result<Path> ResourceCache::expectedPath(const QString& subPath) const {
     const auto place = d->store->parse(subPath);
     if (place.hasError())
         return place.error();
-    return Path(d->store->placePath(*place));
+    const auto written = d->additions->writersPath(*place);
+    return Path(written ? *written : d->store->placePath(*place));
 }
 
 bool ResourceCache::contains(const QString& subPath) const {

@@ -138,7 +138,8 @@ public:
     void setChecksumSource(ChecksumSource source);
 
     //! Where \a subPath lies. ErrorCode::InvalidArgument for one that is empty, absolute, has an empty, "."
-    //! or ".." component, a NUL, or a component that this file system cannot hold (over 255 bytes).
+    //! or ".." component, a NUL, or a component that this file system cannot hold (over 255 bytes). While a
+    //! writer of the entry runs (see add()), to what it calls on its thread: where it makes the content.
     Result<Path> expectedPath(const QString& subPath) const;
     //! Whether there is an entry: a file of the recorded size and time, or a directory, which is not looked
     //! into and not known to be damaged. Like lease() and the additions it takes the same few calls for a
@@ -174,8 +175,10 @@ public:
 
     //! See RemoteResourceHandler::addToCache(). Thread: one with an event loop or WorkerPool completions.
     //! The first fails for a source that cannot be opened or is larger than the cache may be; what is wrong
-    //! in a directory (its size, links in it) is found by a worker, and only logged. The second removes what
-    //! the entry held before the writer runs; ErrorCode::Busy when somebody uses or fills the entry.
+    //! in a directory (its size, links in it) is found by a worker, and only logged. The second runs the
+    //! writer, which makes the content at expectedPath() as that is while it runs; what the entry holds stays
+    //! until the new content is complete. ErrorCode::Busy when somebody fills the entry. Neither waits for
+    //! others.
     Error add(const ResourceReferenceSPtr& reference, const QString& subPath, const Path& source);
     Error add(const ResourceReferenceSPtr& reference, const QString& subPath,
               const std::function<Error()>& writer);

@@ -68,7 +68,7 @@ protected:
 //! The locks of a cache (docs/cache.md) as another process sees them. What it holds is free when it goes.
 class OtherLocks {
 public:
-    enum Which { Use, Fill, Place, Write };
+    enum Which { Use, Fill, Place };
     static constexpr off_t kSweep = 0;
     static off_t of(const QString& subPath, Which which) {
         return (sha256(subPath.toUtf8()).left(15).toLongLong(nullptr, 16) << 2) + 4 + which;

@@ -3,6 +3,8 @@
 
 #include <WorkerPool.h>
 
+#include <QTimer>
+
 #include <SQLiteCpp/Database.h>
 
 #include <atomic>
@@ -27,6 +29,8 @@ protected:
         EXPECT_TRUE(orx::testing::writeFile(top + u"/b/c"_qs, "22"));
         return top;
     }
+    //! Where a writer that runs makes the content.
+    QString made() const { return cache.expectedPath(kEntry)->toString(); }
     Error addFile(const QByteArray& content) {
         return cache.add(probes::sampleReference(), kEntry, Path(source(content)));
     }
@@ -248,15 +252,20 @@ TEST_F(CacheAddTest, AdditionsThatAreDroppedWhileTheyRunAreWholeOrAbsent) {
     }
 }
 
-TEST_F(CacheAddTest, AWriterMakesTheContentAtItsPlace) {
+TEST_F(CacheAddTest, AWriterMakesTheContentWhereTheCacheTellsIt) {
     ASSERT_FALSE(cache
                      .add(nullptr, kEntry,
                           [&] {
-                              EXPECT_TRUE(QFileInfo(QFileInfo(placeOf(kEntry)).path()).isDir());
-                              EXPECT_TRUE(orx::testing::writeFile(placeOf(kEntry), "written"));
+                              EXPECT_TRUE(QFileInfo(QFileInfo(made()).path()).isDir());
+                              EXPECT_EQ(QFileInfo(made()).fileName(), u"run1.mzML"_qs);
+                              EXPECT_NE(made(), placeOf(kEntry));
+                              EXPECT_EQ(std::async(std::launch::async, [&] { return made(); }).get(),
+                                        placeOf(kEntry));
+                              EXPECT_TRUE(orx::testing::writeFile(made(), "written"));
                               return Error();
                           })
                      .hasError());
+    EXPECT_EQ(made(), placeOf(kEntry));
     EXPECT_TRUE(cache.waitForPending().isEmpty());
     EXPECT_TRUE(cache.contains(kEntry));
     EXPECT_EQ(cache.entries()->first().sha256, orx::testing::sha256("written"));
@@ -264,31 +273,34 @@ TEST_F(CacheAddTest, AWriterMakesTheContentAtItsPlace) {
 
 TEST_F(CacheAddTest, AWriterThatFailsLeavesNothing) {
     const Error error = cache.add(nullptr, kEntry, [&] {
-        EXPECT_TRUE(orx::testing::writeFile(placeOf(kEntry), "half"));
+        EXPECT_TRUE(orx::testing::writeFile(made(), "half"));
         return Error(ErrorCode::General, u"out of ink"_qs);
     });
     EXPECT_EQ(error.errorMessage(), u"out of ink"_qs);
     (void)cache.waitForPending();
     EXPECT_FALSE(cache.contains(kEntry));
     EXPECT_FALSE(QFileInfo::exists(placeOf(kEntry)));
+    EXPECT_TRUE(staged().isEmpty());
 }
 
 TEST_F(CacheAddTest, AWriterMayFinishLater) {
+    QString target;
     std::shared_ptr<ResourceCacheWork> work;
     EXPECT_FALSE(cache.deferSeal(kEntry));
     ASSERT_FALSE(cache
                      .add(nullptr, kEntry,
                           [&] {
+                              target = made();
                               work = cache.deferSeal(kEntry);
                               return Error();
                           })
                      .hasError());
     ASSERT_TRUE(work);
     EXPECT_FALSE(cache.contains(kEntry));
-    ASSERT_TRUE(orx::testing::writeFile(placeOf(kEntry), "unpacked"));
+    ASSERT_TRUE(orx::testing::writeFile(target, "unpacked"));
     // Nobody takes it for a leftover.
     ASSERT_TRUE(cache.prune());
-    EXPECT_TRUE(QFileInfo::exists(placeOf(kEntry)));
+    EXPECT_TRUE(QFileInfo::exists(target));
     // Nor does anybody fill the entry meanwhile.
     const auto waiting =
         cache.fillTask(nullptr, kEntry, orx::testing::noFetch(), ResourceCache::FillMode::Missing);
@@ -300,10 +312,12 @@ TEST_F(CacheAddTest, AWriterMayFinishLater) {
 }
 
 TEST_F(CacheAddTest, WhatAWriterCallsMayGoOnWithoutKnowingTheCache) {
+    QString target;
     std::shared_ptr<BackgroundWork> work;
     ASSERT_FALSE(cache
                      .add(nullptr, kEntry,
                           [&] {
+                              target = made();
                               work = BackgroundWork::begin();
                               return Error();
                           })
@@ -311,7 +325,7 @@ TEST_F(CacheAddTest, WhatAWriterCallsMayGoOnWithoutKnowingTheCache) {
     ASSERT_TRUE(work);
     EXPECT_FALSE(BackgroundWork::begin());
     EXPECT_FALSE(work->isCanceled());
-    ASSERT_TRUE(orx::testing::writeFile(placeOf(kEntry), "unpacked"));
+    ASSERT_TRUE(orx::testing::writeFile(target, "unpacked"));
     const auto elsewhere = std::async(std::launch::async, [&work] { work->finished(Error()); });
     EXPECT_TRUE(cache.waitForPending().isEmpty());
     EXPECT_TRUE(cache.contains(kEntry));
@@ -342,14 +356,15 @@ TEST_F(CacheAddTest, WorkThatIsGivenUpLeavesNothing) {
     ASSERT_FALSE(cache
                      .add(nullptr, kEntry,
                           [&] {
+                              EXPECT_TRUE(orx::testing::writeFile(made(), "half"));
                               work = cache.deferSeal(kEntry);
                               return Error();
                           })
                      .hasError());
-    ASSERT_TRUE(orx::testing::writeFile(placeOf(kEntry), "half"));
     work.reset();
     EXPECT_EQ(cache.waitForPending().size(), 1);
     EXPECT_FALSE(QFileInfo::exists(placeOf(kEntry)));
+    EXPECT_TRUE(staged().isEmpty());
 }
 
 TEST_F(CacheAddTest, WrittenContentIsComparedToo) {
@@ -357,7 +372,7 @@ TEST_F(CacheAddTest, WrittenContentIsComparedToo) {
     ASSERT_FALSE(cache
                      .add(probes::sampleReference(), kEntry,
                           [&] {
-                              EXPECT_TRUE(orx::testing::writeFile(placeOf(kEntry), "false"));
+                              EXPECT_TRUE(orx::testing::writeFile(made(), "false"));
                               return Error();
                           })
                      .hasError());
@@ -366,98 +381,115 @@ TEST_F(CacheAddTest, WrittenContentIsComparedToo) {
     EXPECT_FALSE(QFileInfo::exists(placeOf(kEntry)));
 }
 
-TEST_F(CacheAddTest, AWriterDoesNotTakeAwayWhatIsInUse) {
+TEST_F(CacheAddTest, AWriterWaitsForNobody) {
     ASSERT_FALSE(fill(kEntry, "old").hasError());
+    ASSERT_FALSE(cache.setCleanupPolicy(kEntry, ResourceCleanupPolicy::Keep).hasError());
+    std::shared_ptr<ResourceCacheWork> work;
+    QString target;
+    {
+        // Somebody takes leftovers away, another one exchanges the entry, a third one writes records.
+        orx::testing::OtherLocks locks(root());
+        locks.hold(orx::testing::OtherLocks::kSweep);
+        locks.hold(orx::testing::OtherLocks::of(kEntry, orx::testing::OtherLocks::Place));
+        SQLite::Database records(database().toStdString(), SQLite::OPEN_READWRITE, 10'000);
+        records.exec("BEGIN IMMEDIATE");
+        const Error error = cache.add(nullptr, kEntry, [&] {
+            target = made();
+            work = cache.deferSeal(kEntry);
+            return Error();
+        });
+        EXPECT_FALSE(error.hasError()) << qPrintable(error.errorMessage());
+        ASSERT_TRUE(work);
+        ASSERT_TRUE(orx::testing::writeFile(target, "written"));
+        work->finished(Error());
+        // The worker waits, and this thread's events go on.
+        int turns = 0;
+        QTimer timer;
+        QObject::connect(&timer, &QTimer::timeout, [&] { ++turns; });
+        timer.start(0);
+        orx::testing::processUntil([&] { return turns == 100; });
+        EXPECT_EQ(orx::testing::readFile(placeOf(kEntry)), "old");
+        EXPECT_TRUE(cache.contains(kEntry));
+        records.exec("COMMIT");
+    }
+    EXPECT_TRUE(cache.waitForPending().isEmpty());
+    EXPECT_EQ(orx::testing::readFile(placeOf(kEntry)), "written");
+    EXPECT_TRUE(cache.contains(kEntry));
+    EXPECT_EQ(*cache.cleanupPolicy(kEntry), ResourceCleanupPolicy::Keep);
+    EXPECT_TRUE(staged().isEmpty());
+}
+
+TEST_F(CacheAddTest, AWriterIsRefusedWhileSomebodyFillsTheEntry) {
+    ASSERT_FALSE(fill(kEntry, "old").hasError());
+    {
+        orx::testing::OtherLocks locks(root());
+        locks.hold(orx::testing::OtherLocks::of(kEntry, orx::testing::OtherLocks::Fill));
+        EXPECT_TRUE(cache.add(nullptr, kEntry, [] { return Error(); }).is(ErrorCode::Busy));
+    }
+    EXPECT_TRUE(cache.contains(kEntry));
+    EXPECT_TRUE(staged().isEmpty());
+}
+
+TEST_F(CacheAddTest, WhoReadsKeepsWhatAWriterReplaces) {
+    ASSERT_FALSE(fill(kEntry, "old").hasError());
+    QFile reader(placeOf(kEntry));
+    ASSERT_TRUE(reader.open(QIODevice::ReadOnly));
     const auto lease = cache.lease(kEntry);
     ASSERT_TRUE(lease && lease->isHeld());
-    EXPECT_TRUE(cache.add(nullptr, kEntry, [] { return Error(); }).is(ErrorCode::Busy));
-    EXPECT_TRUE(cache.contains(kEntry));
-}
-
-TEST_F(CacheAddTest, AWriterWaitsForWhoTakesLeftoversAway) {
-    ASSERT_FALSE(fill(u"other"_qs, "makes the directories").hasError());
-    orx::testing::OtherLocks locks(root());
-    locks.hold(orx::testing::OtherLocks::kSweep);
-    std::atomic<bool> isDone = false;
-    // Until the writer's addition has begun: it holds the fill of the entry.
-    const auto sweep = std::async(std::launch::async, [&] {
-        while (!isDone && !locks.isHeld(orx::testing::OtherLocks::of(kEntry, orx::testing::OtherLocks::Fill)))
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        locks.release(orx::testing::OtherLocks::kSweep);
-    });
-    const Error error = cache.add(nullptr, kEntry, [&] {
-        EXPECT_TRUE(orx::testing::writeFile(placeOf(kEntry), "written"));
-        return Error();
-    });
-    isDone = true;
-    EXPECT_FALSE(error.hasError()) << qPrintable(error.errorMessage());
+    ASSERT_FALSE(cache
+                     .add(nullptr, kEntry,
+                          [&] {
+                              EXPECT_TRUE(orx::testing::writeFile(made(), "written"));
+                              return Error();
+                          })
+                     .hasError());
     EXPECT_TRUE(cache.waitForPending().isEmpty());
-    EXPECT_TRUE(cache.contains(kEntry));
-}
-
-TEST_F(CacheAddTest, AWriterDoesNotWaitForWhoWritesRecords) {
-    ASSERT_FALSE(fill(kEntry, "old").hasError());
-    const QString other = u"server/run2.mzML"_qs;
-    SQLite::Database records(database().toStdString(), SQLite::OPEN_READWRITE, 10'000);
-    records.exec("BEGIN IMMEDIATE");
-    // A worker comes to wait for the records with it.
-    ASSERT_FALSE(cache.add(nullptr, other, Path(source("copied"))).hasError());
-    std::shared_ptr<ResourceCacheWork> work;
-    const Error error = cache.add(nullptr, kEntry, [&] {
-        EXPECT_FALSE(QFileInfo::exists(placeOf(kEntry)));
-        EXPECT_TRUE(orx::testing::writeFile(placeOf(kEntry), "written"));
-        work = cache.deferSeal(kEntry);
-        return Error();
-    });
-    EXPECT_FALSE(error.hasError()) << qPrintable(error.errorMessage());
-    // Nobody gets or removes what is being made, though the old record may still be there.
-    EXPECT_FALSE(cache.contains(kEntry));
-    EXPECT_FALSE(cache.lease(kEntry));
-    records.exec("COMMIT");
-    ASSERT_TRUE(work);
-    EXPECT_TRUE(cache.prune({0, std::nullopt}));
-    EXPECT_TRUE(cache.verify()->damaged.isEmpty());
+    EXPECT_EQ(reader.readAll(), "old");
     EXPECT_EQ(orx::testing::readFile(placeOf(kEntry)), "written");
-    work->finished(Error());
-    EXPECT_TRUE(cache.waitForPending().isEmpty());
-    EXPECT_TRUE(cache.contains(kEntry));
-    EXPECT_TRUE(staged().isEmpty());
 }
 
-TEST_F(CacheAddTest, AWriterThatFailsLeavesNoRecordOfWhatItReplaced) {
+TEST_F(CacheAddTest, AWriterThatFailsLeavesWhatWasThere) {
     ASSERT_FALSE(fill(kEntry, "old").hasError());
-    EXPECT_TRUE(
-        cache.add(nullptr, kEntry, [] { return Error(ErrorCode::General, u"out of ink"_qs); }).hasError());
-    (void)cache.waitForPending();
-    EXPECT_TRUE(subPaths().isEmpty());
-    EXPECT_TRUE(staged().isEmpty());
-    EXPECT_FALSE(fill(kEntry, "new").hasError());
+    const std::function<Error()> writers[] = {
+        [] { return Error(ErrorCode::StorageFull, u"out of ink"_qs); },
+        [&] {
+            EXPECT_TRUE(orx::testing::writeFile(made(), "half"));
+            return Error(ErrorCode::StorageFull, u"out of ink"_qs);
+        },
+        [] { return Error(); }, // makes nothing
+    };
+    for (const auto& writer : writers) {
+        (void)cache.add(nullptr, kEntry, writer);
+        EXPECT_EQ(cache.waitForPending().size(), 1);
+        EXPECT_TRUE(cache.contains(kEntry));
+        EXPECT_EQ(orx::testing::readFile(placeOf(kEntry)), "old");
+        EXPECT_EQ(subPaths(), QStringList{kEntry});
+        EXPECT_TRUE(staged().isEmpty());
+    }
 }
 
-TEST_F(CacheAddTest, NothingElseComesWhereAWriterIsAtWork) {
+TEST_F(CacheAddTest, ACopyAndAWriterOfOneEntryDoNotMeet) {
+    QString target;
     std::shared_ptr<ResourceCacheWork> work;
     const auto beginToWrite = [&] {
-        EXPECT_TRUE(orx::testing::writeFile(placeOf(kEntry), "half"));
+        target = made();
         work = cache.deferSeal(kEntry);
         return Error();
     };
     // The copy has its turn before what is written is sealed.
     ASSERT_FALSE(cache.add(nullptr, kEntry, beginToWrite).hasError());
     ASSERT_FALSE(addFile("copied").hasError());
-    ASSERT_TRUE(orx::testing::writeFile(placeOf(kEntry), "written"));
+    ASSERT_TRUE(orx::testing::writeFile(target, "written"));
     work->finished(Error());
-    EXPECT_EQ(cache.waitForPending().size(), 1);
+    EXPECT_TRUE(cache.waitForPending().isEmpty());
     EXPECT_TRUE(cache.contains(kEntry));
     EXPECT_EQ(orx::testing::readFile(placeOf(kEntry)), "written");
 
     ASSERT_FALSE(cache.add(nullptr, kEntry, beginToWrite).hasError());
     ASSERT_FALSE(addFile("copied").hasError());
     work->finished(Error(ErrorCode::General, u"out of ink"_qs));
-    EXPECT_EQ(cache.waitForPending().size(), 2);
-    EXPECT_FALSE(cache.contains(kEntry));
-    EXPECT_FALSE(QFileInfo::exists(placeOf(kEntry)));
-    EXPECT_TRUE(subPaths().isEmpty());
-    ASSERT_FALSE(addFile("copied").hasError());
-    EXPECT_TRUE(cache.waitForPending().isEmpty());
+    EXPECT_EQ(cache.waitForPending().size(), 1);
+    EXPECT_TRUE(cache.contains(kEntry));
     EXPECT_EQ(orx::testing::readFile(placeOf(kEntry)), "copied");
+    EXPECT_TRUE(staged().isEmpty());
 }

@@ -168,7 +168,7 @@ TEST_F(CacheUpkeepTest, LeftoversAreSweptOnceADayByFillsAndAdditions) {
         },
         [&] {
             const auto write = [&] {
-                EXPECT_TRUE(orx::testing::writeFile(placeOf(u"written"_qs), "x"));
+                EXPECT_TRUE(orx::testing::writeFile(cache.expectedPath(u"written"_qs)->toString(), "x"));
                 return Error();
             };
             EXPECT_FALSE(cache.add(nullptr, u"written"_qs, write).hasError());

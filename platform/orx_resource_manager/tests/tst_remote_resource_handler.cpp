@@ -447,7 +447,9 @@ TEST_F(RemoteResourceHandlerTest, WhatLiesBesideTheContentDoesNotKeepARetrievalW
     ASSERT_TRUE(handlerOf(other)->retrieve());
     std::shared_ptr<ResourceCacheWork> work;
     const QString made = QStringLiteral("server/being made");
+    QString target;
     const Error error = cache.add(nullptr, made, [&] {
+        target = cache.expectedPath(made)->toString();
         work = cache.deferSeal(made);
         return Error();
     });
@@ -462,7 +464,7 @@ TEST_F(RemoteResourceHandlerTest, WhatLiesBesideTheContentDoesNotKeepARetrievalW
         EXPECT_FALSE(QFileInfo::exists(planted));
     }
     EXPECT_TRUE(handlerOf(other)->isAvailableLocally());
-    write(cache.expectedPath(made)->toString(), "made");
+    write(target, "made");
     work->finished(Error());
     EXPECT_TRUE(cache.waitForPending().isEmpty());
     EXPECT_TRUE(cache.contains(made));
