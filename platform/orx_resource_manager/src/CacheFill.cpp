@@ -25,6 +25,16 @@ QString CacheFill::directory() const {
     return m_store->stagingDir() + u'/' + QString::fromLatin1(stagingName());
 }
 
+bool CacheFill::needsNothingNew() const {
+    return m_mode == ResourceCache::FillMode::Missing || m_mode == ResourceCache::FillMode::LookOnly;
+}
+
+//! What another fill brought while this one waited for it is new enough for content that never changes. Of
+//! other content the server may have been asked before this fill was.
+bool CacheFill::isNewEnough(const CacheRecords::Record& record) const {
+    return needsNothingNew() || (!isUpdate() && m_hasWaited && m_addedBefore != record.entry.addedAt);
+}
+
 Result<CacheFill::Begun> CacheFill::waitForOther() {
     if (!m_hasWaited) {
         const auto record = m_store->valid(m_place, CachePayload::Depth::Top);
@@ -35,32 +45,45 @@ Result<CacheFill::Begun> CacheFill::waitForOther() {
     return Begun::Waiting;
 }
 
+//! The entry, when there is a whole one; leased when it is taken as it is.
+Result<std::optional<CacheRecords::Record>> CacheFill::look() {
+    // Before the look, so that nobody removes what was seen.
+    auto use = m_store->tryUse(m_place);
+    auto record = m_store->valid(m_place, CachePayload::Depth::Everything);
+    if (record.hasError() && record.error().is(ErrorCode::InvalidArgument))
+        return record.error();
+    if (record.hasError())
+        return std::optional<CacheRecords::Record>();
+    if (use && isNewEnough(*record))
+        hold(std::move(*use));
+    return std::optional(std::move(*record));
+}
+
 Result<CacheFill::Begun> CacheFill::begin() {
     const auto root = m_store->root();
     if (root.hasError())
         return root.error();
+    // Who needs nothing new does not wait for who brings it.
+    if (needsNothingNew() && !m_hasWaited) {
+        ORX_RETURN_ON_ERROR(clearBeside());
+        ORX_RETURN_ON_ERROR(look().error());
+        if (m_lease || m_mode == ResourceCache::FillMode::LookOnly)
+            return m_lease ? Begun::Done : Begun::Fetch;
+    }
     m_fill = (*root)->locks->tryExclusive(CacheLocks::offset(m_place.key(), CacheLocks::kFill));
-    if (!m_fill)
-        return waitForOther();
+    return m_fill ? beginAlone(**root) : waitForOther();
+}
+
+Result<CacheFill::Begun> CacheFill::beginAlone(const CacheRoot& root) {
     ORX_RETURN_ON_ERROR(clearBeside());
-    // Before the look, so that nobody removes what was seen.
-    auto use = m_store->tryUse(m_place);
-    const auto record = m_store->valid(m_place, CachePayload::Depth::Everything);
-    if (record.hasError() && record.error().is(ErrorCode::InvalidArgument))
+    const auto record = look();
+    if (record.hasError())
         return record.error();
-    // What another fill brought while this one waited for it is new enough.
-    const bool isGood = record && (m_mode == ResourceCache::FillMode::Missing ||
-                                   m_mode == ResourceCache::FillMode::LookOnly ||
-                                   (m_hasWaited && m_addedBefore != record->entry.addedAt));
-    if (use && isGood) {
-        hold(std::move(*use));
+    if (m_lease) {
         m_fill.reset();
         return Begun::Done;
     }
-    use.reset();
-    if (m_mode == ResourceCache::FillMode::LookOnly)
-        return Begun::Fetch;
-    ORX_RETURN_ON_ERROR(prepareDirectory(**root, record ? &record->payload : nullptr));
+    ORX_RETURN_ON_ERROR(prepareDirectory(root, *record ? &(*record)->payload : nullptr));
     return Begun::Fetch;
 }
 

@@ -42,7 +42,11 @@ public:
 
 private:
     QByteArray stagingName() const { return "fill-" + m_place.key(); }
+    Result<std::optional<CacheRecords::Record>> look();
+    bool needsNothingNew() const;
+    bool isNewEnough(const CacheRecords::Record& record) const;
     Result<Begun> waitForOther();
+    Result<Begun> beginAlone(const CacheRoot& root);
     void hold(CacheLock use);
     Error clearBeside();
     Error prepareDirectory(const CacheRoot& root, const CachePayload* entry);

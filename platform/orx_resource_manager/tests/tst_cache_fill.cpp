@@ -20,7 +20,8 @@ protected:
         QPointer<orx::testing::OpenFetch> fetch;
         QString directory;
     };
-    void open(OpenFill& fill, const QString& subPath) {
+    void open(OpenFill& fill, const QString& subPath,
+              ResourceCache::FillMode mode = ResourceCache::FillMode::Missing) {
         fill.task = cache.fillTask(
             nullptr, subPath,
             [&fill](const DirPath& directory) -> std::unique_ptr<Task> {
@@ -29,7 +30,7 @@ protected:
                 fill.directory = directory.toString();
                 return fetch;
             },
-            ResourceCache::FillMode::Missing);
+            mode);
         fill.task->exec();
         orx::testing::processUntil([&fill] { return fill.fetch && fill.fetch->isRunning(); });
     }
@@ -166,6 +167,28 @@ TEST_F(CacheFillTest, WhenTheOneThatFetchesFailsAnotherFetches) {
     EXPECT_TRUE(cache.contains(kEntry));
 }
 
+TEST_F(CacheFillTest, WhoNeedsNothingNewDoesNotWaitForWhoFetches) {
+    ASSERT_FALSE(fill(kEntry, "old").hasError());
+    orx::testing::OtherLocks locks(root());
+    locks.hold(orx::testing::OtherLocks::of(kEntry, orx::testing::OtherLocks::Fill));
+    for (const auto mode : {ResourceCache::FillMode::LookOnly, ResourceCache::FillMode::Missing}) {
+        const auto task = cache.fillTask(nullptr, kEntry, orx::testing::noFetch(), mode);
+        task->exec();
+        EXPECT_FALSE(task->waitForFinished().hasError());
+    }
+    // Nor does who is to say why there is nothing.
+    const auto absent = cache.fillTask(
+        nullptr, kEntry + u".other"_qs,
+        [](const DirPath&) -> std::unique_ptr<Task> {
+            return std::make_unique<probes::BodyTask>(
+                [](probes::BodyTask*) { return Error(ErrorCode::General, u"not there"_qs); });
+        },
+        ResourceCache::FillMode::LookOnly);
+    locks.hold(orx::testing::OtherLocks::of(kEntry + u".other"_qs, orx::testing::OtherLocks::Fill));
+    absent->exec();
+    EXPECT_EQ(absent->waitForFinished().errorMessage(), u"not there"_qs);
+}
+
 TEST_F(CacheFillTest, WhatACancelledFillLeftIsThereForTheNext) {
     OpenFill first;
     open(first, kEntry);
@@ -263,6 +286,34 @@ TEST_F(CacheDirectoryFillTest, AnUpdateBeginsWithTheEntryAndLeavesItAloneUntilIt
     EXPECT_TRUE(cache.contains(kFolder));
     EXPECT_TRUE(cache.verify()->damaged.isEmpty());
     EXPECT_TRUE(staged().isEmpty());
+}
+
+TEST_F(CacheDirectoryFillTest, AnUpdateAsksItselfThoughAnotherOneEndsMeanwhile) {
+    ASSERT_FALSE(fillWith({{u"a.raw"_qs, "old"}}).hasError());
+    // The other one has asked the server before this one was asked for.
+    OpenFill first;
+    open(first, kFolder, Mode::Anew);
+    int fetched = 0;
+    const auto second = cache.fillTask(
+        nullptr, kFolder,
+        [&fetched](const DirPath& directory) -> std::unique_ptr<Task> {
+            return std::make_unique<probes::MirrorTask>(
+                [&fetched, target = directory.child(u"raw/a.raw"_qs)](probes::BodyTask*) {
+                    ++fetched;
+                    EXPECT_EQ(orx::testing::readFile(target), "stale");
+                    EXPECT_TRUE(QFile::remove(target));
+                    EXPECT_TRUE(orx::testing::writeFile(target, "new"));
+                    return Error();
+                });
+        },
+        Mode::Update);
+    second->exec();
+    ASSERT_TRUE(orx::testing::writeFile(first.directory + u"/raw/a.raw"_qs, "stale"));
+    EXPECT_TRUE(second->waitForFinished(0).is(ErrorCode::TimedOut));
+    first.fetch->finish(Error());
+    EXPECT_FALSE(BaseTask::waitForAllFinished({first.task.get(), second.get()}).hasError());
+    EXPECT_EQ(fetched, 1);
+    EXPECT_EQ(filesIn(placeOf(kFolder)), (Files{{u"a.raw"_qs, "new"}}));
 }
 
 TEST_F(CacheDirectoryFillTest, AnUpdateThatFailsLeavesTheEntryAndItsWorkForTheNext) {
