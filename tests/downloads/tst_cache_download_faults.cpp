@@ -66,20 +66,6 @@ TEST_P(ScriptedDownloads, OneFailedFileDoesNotHideTheOthers) {
     EXPECT_EQ(task->downloadedFileCount(), 2);
 }
 
-TEST_P(ScriptedDownloads, AnErrorPutOnAFileByWhoIsAskedFailsThatFileOnly) {
-    const int raw = folder(text("raw"), Root);
-    file(text("a"), "first", raw);
-    file(text("b"), "second", raw);
-    put(text("a"), "before");
-    const auto task = download(raw);
-    QObject::connect(task.get(), &HalvaneDownloadFolderCacheTask::duplicateFileNameDetectedInFolderOnCopy,
-                     task.get(),
-                     [](auto&&, auto&&, HalvaneDownloadFileCacheTask* of, auto&&) { of->cancel(); });
-    EXPECT_TRUE(run(*task).hasError());
-    EXPECT_EQ(tree(), (QStringList{text("a=before"), text("b=second")}));
-    EXPECT_EQ(task->failures().size(), 1);
-}
-
 TEST_P(ScriptedDownloads, AVersionThatComesHalfWayLeavesTheListedOneWhole) {
     const int raw = folder(text("raw"), Root);
     const int id = file(text("a"), "the version of the listing", raw);

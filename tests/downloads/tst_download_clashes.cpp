@@ -130,6 +130,20 @@ TEST_P(DownloadClashes, AnErrorPutOnTheTaskByWhoIsAskedCopiesNothing) {
     EXPECT_TRUE(task->filenames().isEmpty());
 }
 
+TEST_P(DownloadClashes, AnErrorPutOnAFileByWhoIsAskedFailsThatFileOnly) {
+    const int raw = makeFolder(text("raw"));
+    makeFile(text("a"), "first", raw);
+    makeFile(text("b"), "second", raw);
+    put(text("a"), "before");
+    const auto task = download(raw);
+    QObject::connect(task.get(), &HalvaneDownloadFolderCacheTask::duplicateFileNameDetectedInFolderOnCopy,
+                     task.get(),
+                     [](auto&&, auto&&, HalvaneDownloadFileCacheTask* of, auto&&) { of->cancel(); });
+    EXPECT_TRUE(run(*task).hasError());
+    EXPECT_EQ(tree(), (QStringList{text("a=before"), text("b=second")}));
+    EXPECT_EQ(task->failures().size(), 1);
+}
+
 TEST_P(DownloadClashes, AFileThatIsInTheCacheEndsFromWithinTheStart) {
     const int file = makeFile(text("run"), "content");
     ASSERT_FALSE(run(*downloadFile(file, 1, text("run"))).hasError());

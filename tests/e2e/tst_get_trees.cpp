@@ -146,6 +146,20 @@ TEST_F(GetTrees, TheVersionsThatCameAreRecorded) {
     EXPECT_EQ(putChecked("b.mzML").exitCode, 0);
 }
 
+// Nothing is written then, so that nothing goes back either.
+TEST_F(GetTrees, AnOlderVersionOfTheSameContentIsNotRecordedForAFileThatIsUnchanged) {
+    put("a.mzML", "another content of a", "/raw/2026", {"--new-version"});
+    put("a.mzML", "content of a", "/raw/2026", {"--new-version"});
+    ASSERT_TRUE(QDir().mkpath(client.path("out")));
+    ASSERT_EQ(get({"/raw/2026/a.mzML", "--to", "out"}).exitCode, 0);
+    const Outcome unchanged = get({"file:1@1", "--to", "out"});
+    EXPECT_EQ(unchanged.object()["outcome"], "unchanged");
+    client.makeFile("out/a.mzML", "edited a");
+    EXPECT_EQ(
+        client.run({"put", "out/a.mzML", "--to", "/raw/2026", "--new-version", "--check-version"}).exitCode,
+        0);
+}
+
 TEST_F(GetTrees, ASecondRunFetchesOnlyWhatIsMissing) {
     const QStringList arguments{"/raw/2026", "--to", "out", "--no-cache"};
     ASSERT_EQ(get(arguments).exitCode, 0);
@@ -476,8 +490,10 @@ TEST_F(DangerousNames, ARunOfManyFilesEndsAfterSeveralThatTheDiskHasNoRoomFor) {
             told.append(object["message"].toString());
     }
     ASSERT_EQ(told.size(), fileCount) << outcome.out.constData();
-    for (int i = 0; i < fileCount; ++i)
+    for (int i = 0; i < fileCount; ++i) {
         EXPECT_TRUE(told[i].contains(QString("out/f%1\"").arg(qMin(i, tried - 1)))) << i;
+        EXPECT_EQ(told[i].startsWith("Not tried"), i >= tried) << i;
+    }
 }
 
 } // namespace

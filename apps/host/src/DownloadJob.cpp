@@ -335,8 +335,10 @@ void DownloadJob::countFailure(const Error& error) {
 }
 
 void DownloadJob::giveUp(const Error& error) {
+    const Error notTried(error.domain(), error.code(),
+                         QStringLiteral("Not tried, since it would fail, too: %1").arg(error.errorMessage()));
     for (const Item& item : m_items)
-        m_failures.append({item.source, item.source, error});
+        m_failures.append({item.source, item.source, notTried});
     m_items.clear();
 }
 

@@ -68,7 +68,7 @@ private:
     void onFolderEnded(const Item& item, FolderDownloadTask& task, DownloadedFolder folder);
     void fail(const QString& source, const QString& path, const orx::Error& error);
     void countFailure(const orx::Error& error);
-    //! The sources that are left fail like the last one.
+    //! The sources that are left fail with the error of the last one, which tells that they were not tried.
     void giveUp(const orx::Error& error);
 
     DownloadRequest m_request;

@@ -127,24 +127,27 @@ void ItemDownloadTask::rememberFound(const QStringList& paths) {
 
 void ItemDownloadTask::recordVersion(const QStringList& paths) {
     const auto warning = std::make_shared<QString>();
-    execSubtask(workerStep(QStringLiteral("RecordVersion"),
-                           [paths, warning, item = m_wanted.item]() -> Error {
-                               for (const QString& path : paths) {
-                                   const Error error =
-                                       orx::HalvaneHistory().setFileVersion(path, item.id, item.version);
-                                   if (error.hasError())
-                                       *warning = error.errorMessage();
-                               }
-                               return {};
-                           }),
-                [this, warning](BaseTask*) {
-                    if (!warning->isEmpty())
-                        addWarning(
-                            QStringLiteral("The file \"%1\" was downloaded, but that could not be recorded "
-                                           "here: %2")
-                                .arg(m_result.path, *warning));
-                    m_result.warnings = error().warnings();
-                });
+    execSubtask(
+        workerStep(QStringLiteral("RecordVersion"),
+                   [paths, warning, item = m_wanted.item,
+                    isWritten = m_result.outcome == DownloadedFile::Outcome::Downloaded]() -> Error {
+                       orx::HalvaneHistory history;
+                       for (const QString& path : paths) {
+                           const Error error = isWritten
+                                                   ? history.setFileVersion(path, item.id, item.version)
+                                                   : history.raiseFileVersion(path, item.id, item.version);
+                           if (error.hasError())
+                               *warning = error.errorMessage();
+                       }
+                       return {};
+                   }),
+        [this, warning](BaseTask*) {
+            if (!warning->isEmpty())
+                addWarning(QStringLiteral("The file \"%1\" was downloaded, but that could not be recorded "
+                                          "here: %2")
+                               .arg(m_result.path, *warning));
+            m_result.warnings = error().warnings();
+        });
 }
 
 } // namespace halvane::host

@@ -77,7 +77,8 @@ protected:
     void remember(const QStringList& paths);
     //! The same, except of those that another file of this download made, with the same content.
     void rememberFound(const QStringList& paths);
-    //! Tells the history what the paths are, and ends the result.
+    //! Tells the history what the paths are, and ends the result. What was found unchanged may be known as a
+    //! later version of the same content, and stays that.
     void recordVersion(const QStringList& paths);
 
     Wanted m_wanted;

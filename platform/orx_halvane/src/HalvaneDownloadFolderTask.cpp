@@ -46,6 +46,9 @@ public:
         , target(QDir(targetDirPath).absolutePath())
         , rootPath(contentOnly || !folder ? QString() : folder->name())
         , namesFolder(!contentOnly) {}
+    // File tasks that are to be deleted later hold the flushes, too. The stamp of an error is its line in the
+    // log.
+    ~Private() { (void)ORX_ECATCH(flushes->flush()); }
 
     Error check() const;
     QString pathOf(const QString& relative) const;

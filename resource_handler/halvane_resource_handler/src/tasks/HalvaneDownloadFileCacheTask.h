@@ -42,7 +42,8 @@ public:
 Q_SIGNALS:
     //! Names that are taken in \a targetDir, before anything is copied. A receiver, connected directly, may
     //! write other names over those in \a fixedDuplicates, whose length is to stay; may set another policy;
-    //! or may put an error on the task (by cancelling it, for instance), which ends it without a copy.
+    //! or may put an error on the task (by cancelling it, for instance), which ends it without a copy. A
+    //! name that a person types is checked by the receiver: it must be one component of a path.
     void duplicateFileNameDetectedOnCopy(const QStringList& duplicates, QStringList* fixedDuplicates,
                                          const QDir& targetDir,
                                          const HalvaneFileResourceReferenceSPtr& fileReference);
