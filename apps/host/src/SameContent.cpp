@@ -1,6 +1,7 @@
 #include "SameContent.h"
 
 #include <PackInput.h>
+#include <Vonk.h>
 #include <VonkMetadata.h>
 
 #include <QDir>
@@ -11,6 +12,7 @@
 namespace halvane::host {
 
 using orx::vonk::PackInput;
+using orx::vonk::Vonk;
 using orx::vonk::VonkEntry;
 using orx::vonk::VonkMetadata;
 
@@ -56,6 +58,30 @@ std::unique_ptr<SameContent> SameContent::ofRawData(const QString& path, const Q
     return content;
 }
 
+std::unique_ptr<SameContent> SameContent::ofOldPacked(const QString& path, const QJsonObject& manifest) {
+    auto content = ofRawData(path, manifest);
+    content->m_isOldPacked = true;
+    return content;
+}
+
+bool SameContent::isOldPacked(const QString& path) {
+    Vonk vonk(path);
+    return !vonk.open().hasError() &&
+           vonk.metadata().formatVersion.majorVersion() < orx::vonk::vonkVersion().majorVersion();
+}
+
+void SameContent::compareManifests() {
+    const auto theirs = VonkMetadata::fromJson(*m_manifest);
+    m_manifest.reset();
+    Vonk vonk(m_path);
+    m_isLikely = !theirs.hasError() && !vonk.open().hasError() && !vonk.validate().hasError();
+    if (!m_isLikely)
+        return;
+    VonkMetadata ours = vonk.metadata();
+    ours.formatVersion = theirs->formatVersion;
+    m_isLikely = ours == *theirs;
+}
+
 void SameContent::listRawData() {
     const auto metadata = VonkMetadata::fromJson(*m_manifest);
     m_manifest.reset();
@@ -76,7 +102,9 @@ void SameContent::listRawData() {
 }
 
 bool SameContent::haveSizes() {
-    if (m_manifest)
+    if (m_manifest && m_isOldPacked)
+        compareManifests();
+    else if (m_manifest)
         listRawData();
     return m_isLikely;
 }

@@ -18,8 +18,13 @@ public:
     static std::unique_ptr<SameContent> ofFile(const QString& path, qint64 size, const QByteArray& sha256);
     //! Raw data, with the manifest of the packed version.
     static std::unique_ptr<SameContent> ofRawData(const QString& path, const QJsonObject& manifest);
+    //! A packed acquisition of an older format, with the manifest of the version that was made of it: what
+    //! they say of themselves, digests of all files among it, but not the format.
+    static std::unique_ptr<SameContent> ofOldPacked(const QString& path, const QJsonObject& manifest);
+    //! Whether a file is a packed acquisition that is upgraded when it is sent. Reads what it says of itself.
+    static bool isOldPacked(const QString& path);
 
-    //! Reads nothing: whether names and sizes are the same.
+    //! Reads nothing of the content: whether names and sizes are the same.
     bool haveSizes();
     //! Reads up to \a bytes more; nothing while there is more to read. Calls haveSizes() first.
     std::optional<bool> isSame(qint64 bytes);
@@ -31,10 +36,12 @@ private:
         QByteArray sha256;
     };
     void listRawData();
+    void compareManifests();
 
     QString m_path;
-    //! Of raw data, until it has been listed.
+    //! Of raw data and old packed acquisitions, until it has been compared.
     std::optional<QJsonObject> m_manifest;
+    bool m_isOldPacked = false;
     bool m_isLikely = true;
     QList<Part> m_parts;
     qsizetype m_next = 0;

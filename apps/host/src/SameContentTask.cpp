@@ -62,8 +62,27 @@ void SameContentTask::ask(int fileId) {
 void SameContentTask::onKnown(const RemoteItem& item) {
     if (item.id == m_wanted.existingFileId)
         m_existing = item;
-    if (!m_wanted.isRawData)
-        return begin(item, SameContent::ofFile(m_wanted.localPath, item.size, item.sha256.toLatin1()));
+    if (m_wanted.isRawData)
+        return askTrace(item);
+    const std::shared_ptr<SameContent> content =
+        SameContent::ofFile(m_wanted.localPath, item.size, item.sha256.toLatin1());
+    if (!FileTypes::fileMatchesAnyType(m_wanted.localPath, {FileTypes::VONK}))
+        return begin(item, content);
+    const auto isOld = std::make_shared<bool>(false);
+    execSubtask(std::make_unique<WorkerStepTask>(QStringLiteral("LookAtFormat"),
+                                                 [path = m_wanted.localPath, isOld]() -> Error {
+                                                     *isOld = SameContent::isOldPacked(path);
+                                                     return {};
+                                                 }),
+                [this, item, content, isOld](WorkerStepTask*) {
+                    if (*isOld)
+                        askTrace(item);
+                    else
+                        begin(item, content);
+                });
+}
+
+void SameContentTask::askTrace(const RemoteItem& item) {
     auto trace = std::make_unique<HalvaneGetVersionTraceTask>(item.id, item.version);
     HalvaneGetVersionTraceTask* raw = trace.get();
     execSubtask(
@@ -81,7 +100,8 @@ void SameContentTask::onKnown(const RemoteItem& item) {
 void SameContentTask::onTrace(const RemoteItem& item, const QJsonObject& trace) {
     if (trace.isEmpty())
         return onAnother();
-    begin(item, SameContent::ofRawData(m_wanted.localPath, trace));
+    begin(item, m_wanted.isRawData ? SameContent::ofRawData(m_wanted.localPath, trace)
+                                   : SameContent::ofOldPacked(m_wanted.localPath, trace));
 }
 
 void SameContentTask::begin(const RemoteItem& item, std::shared_ptr<SameContent> content) {

@@ -15,8 +15,9 @@ class SameContent;
 //! Tells whether the server has the content of a local file, packed acquisition or raw data already: under
 //! the name that is taken, and perhaps under the free names that were made of it ("run (2).raw"). Compared
 //! are size and SHA-256 with the last version; for raw data the paths, sizes and SHA-256 of everything in it
-//! with what its packed version says of itself. Times do not count. Sends nothing but questions. Thread: that
-//! of the object.
+//! with what its packed version says of itself; a packed acquisition of an older format, which is upgraded
+//! when it is sent, by what both say of themselves. Times of raw data do not count. Sends nothing but
+//! questions. Thread: that of the object.
 class HALVANE_HOST_EXPORT SameContentTask : public orx::ComplexTask {
     Q_OBJECT
 public:
@@ -48,6 +49,7 @@ protected:
 private:
     void ask(int fileId);
     void onKnown(const RemoteItem& item);
+    void askTrace(const RemoteItem& item);
     void onTrace(const RemoteItem& item, const QJsonObject& trace);
     void begin(const RemoteItem& item, std::shared_ptr<SameContent> content);
     void compareMore(const RemoteItem& item, const std::shared_ptr<SameContent>& content);

@@ -215,7 +215,9 @@ void UploadFileJob::upload() {
     if (created.hasError())
         return finish(created.error());
     HalvaneFileUploadTaskBase* const raw = created->get();
-    raw->setCachedOnFinished(m_request.keepInCache);
+    // Raw data is cached by the upload of its packed file, and not by its own.
+    if (!m_request.keepInCache)
+        raw->setCachedOnFinished(false);
     const auto onSuccess = [this, raw](BaseTask*) {
         if (const auto uploaded = raw->uploadedFile())
             return awaitJournal(uploaded->reference());
