@@ -126,6 +126,19 @@ for file in "$work"/up/*; do
   echo "$name: identical"
 done
 
+mkdir "$work/unpacked"
+step "Put them as acquisitions, which are packed for it, and get them back as they were"
+as anna show mkdir /acquisitions
+for file in "$work"/up/*; do
+  name=$(basename "$file")
+  line=$(as anna "$BIN/halvane" --json put "$file" --to /acquisitions)
+  [ "$(field name <<<"$line")" = "$name.vonk" ] || fail "$name was not packed"
+  as anna "$BIN/halvane" --quiet get --no-cache "/acquisitions/$name.vonk" --to "$work/unpacked" >/dev/null
+  same "$file" "$work/unpacked/$name"
+  echo "$name: $(stat -c %s "$file") bytes packed into $(field size <<<"$line"), came back identical"
+done
+as anna show inspect /acquisitions/tiny.mzML.vonk
+
 step "Get the whole folder on another machine, twice"
 mkdir "$work/whole"
 printf '%s\n' "$password" | as colleague "$BIN/halvane" --quiet login "$url" --user anna --password-stdin >/dev/null

@@ -85,6 +85,34 @@ TEST(RealSummary, ofADocumentWhoseCountAndIndexAreWrong) {
               (QStringList{QStringLiteral("The source declares 2918 spectra; 11 are there.")}));
 }
 
+// Every array is decoded here: nothing but the peaks tells the ion current.
+TEST(RealSummary, ofADocumentWithoutIndexAndWithoutStatedIonCurrent) {
+    const RunSummary summary = summaryOf("no-index.mzML");
+    EXPECT_EQ(summary.kind, MsDataKind::MzMl);
+    EXPECT_EQ(summary.spectraByLevel, (QMap<int, qint64>{{2, 139}}));
+    expectRange(summary.mz, 99.20220947265625, 1762.959716796875);
+    expectRange(summary.retentionTime, 5000.0916, 5049.7361);
+    EXPECT_EQ(summary.trace.msLevel, 0);
+    ASSERT_EQ(summary.trace.points.size(), 139);
+    expectPoint(summary.trace.points.front(), 5000.0916, 8986.035438895226, 1094.31640625);
+    expectPoint(summary.trace.points.back(), 5049.7361, 12454.219659805298, 606.0740356445312);
+    EXPECT_NEAR(sumOfTotals(summary), 8278652.647275925, 1e-3);
+    EXPECT_EQ(summary.startTime, QStringLiteral("2010-02-22T16:21:17"));
+    EXPECT_TRUE(summary.notes.isEmpty());
+}
+
+TEST(RealSummary, ofDocumentsWithChromatogramsOnly) {
+    for (const char* const name : {"chromatograms.mzML", "one-chromatogram.mzML.gz"}) {
+        const RunSummary summary = summaryOf(name);
+        EXPECT_EQ(summary.kind, MsDataKind::MzMl) << name;
+        EXPECT_EQ(summary.spectrumCount(), 0) << name;
+        EXPECT_FALSE(summary.mz.has_value()) << name;
+        EXPECT_FALSE(summary.retentionTime.has_value()) << name;
+        EXPECT_TRUE(summary.trace.points.isEmpty()) << name;
+    }
+    EXPECT_EQ(summaryOf("chromatograms.mzML").startTime, QStringLiteral("2012-08-08T11:18:49"));
+}
+
 TEST(RealSummary, ofScansInsideScansWhoseCountIsWrong) {
     const RunSummary summary = summaryOf("two-scans.mzXML");
     EXPECT_EQ(summary.kind, MsDataKind::MzXml);
