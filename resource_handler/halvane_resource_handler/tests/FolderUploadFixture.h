@@ -82,6 +82,19 @@ protected:
                                                      QStringLiteral("not yours")));
         };
     }
+    //! Of the uploads that are opened the first fails with "not yours"; no other gets any further.
+    void refuseFirstAndHoldOthers() {
+        server.onRequest = [this, refused = false](const ScriptedRequest& request) mutable {
+            if (request.line() != u"POST /uploads")
+                return;
+            if (std::exchange(refused, true))
+                server.script(QStringLiteral("POST /uploads"), ScriptedFault::hold());
+            else
+                server.script(QStringLiteral("POST /uploads"),
+                              ScriptedFault::failure(403, HalvaneServerErrorCode::NoPrivilege,
+                                                     QStringLiteral("not yours")));
+        };
+    }
 
     QStringList signalled;
     ErrorLog errors;

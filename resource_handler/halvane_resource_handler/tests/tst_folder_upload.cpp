@@ -182,9 +182,7 @@ TEST_F(FolderUpload, AFailureIsRecordedAtEveryLevelAndItsProgressTakenBack) {
 TEST_F(FolderUpload, WithoutKeepGoingTheFirstFailureCancelsTheOthers) {
     for (int i = 0; i < 3; ++i)
         put(QStringLiteral("f%1").arg(i));
-    server.script(
-        QStringLiteral("POST /uploads"),
-        ScriptedFault::failure(403, HalvaneServerErrorCode::NoPrivilege, QStringLiteral("not yours")));
+    refuseFirstAndHoldOthers();
     const auto task = upload(Replace);
     EXPECT_EQ(run(*task).errorMessage(), QStringLiteral("not yours"));
     EXPECT_EQ(task->failedFileUploadsCount(), 1);
@@ -219,12 +217,11 @@ TEST_F(FolderUpload, RetryAfterTheEndRunsTheTaskAgain) {
 TEST_F(FolderUpload, RetryTakesCancelledUploadsToo) {
     for (int i = 0; i < 3; ++i)
         put(QStringLiteral("f%1").arg(i));
-    server.script(
-        QStringLiteral("POST /uploads"),
-        ScriptedFault::failure(403, HalvaneServerErrorCode::NoPrivilege, QStringLiteral("not yours")));
+    refuseFirstAndHoldOthers();
     const auto task = upload(Replace);
     EXPECT_TRUE(run(*task).hasError());
     const QString canceled = tree(signalled.filter(QStringLiteral("canceled")).value(0).section(u' ', 1));
+    server.onRequest = nullptr;
     ASSERT_FALSE(task->retry(canceled).hasError());
     EXPECT_EQ(task->canceledFileUploadsCount(), 1);
     EXPECT_EQ(task->failedFileUploadsCount(), 1);
