@@ -1,5 +1,5 @@
 // Any JSON object as metadata: it is read or refused with an error, and what was read is written in a form
-// that reads back as the same.
+// that reads back and is written as the same again, but for the order of the privileges.
 #include "FuzzCheck.h"
 
 #include <HalvaneFileResourceMetadata.h>
@@ -47,7 +47,7 @@ void readBoth(const QJsonObject& json) {
     FUZZ_CHECK(withoutPrivileges((*again)->toJson()) == withoutPrivileges(written));
 }
 
-//! A file object keeps what was read before a failure, and stays usable.
+//! A file object stays usable after a failure, whatever was read before it.
 void readFile(const QJsonObject& json) {
     HalvaneFileResourceMetadata file(HalvaneFileItem(), {QStringLiteral("raw")}, {3});
     const Error error = static_cast<ResourceMetadata&>(file).loadFromJson(json);

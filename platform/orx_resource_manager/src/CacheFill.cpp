@@ -40,6 +40,8 @@ Result<CacheFill::Begun> CacheFill::waitForOther() {
         const auto record = m_store->valid(m_place, CachePayload::Depth::Top);
         if (record)
             m_addedBefore = record->entry.addedAt;
+        qCInfo(cacheLog).noquote()
+            << translated("Waiting for who fills \"%1\" in the cache.").arg(m_place.text());
     }
     m_hasWaited = true;
     return Begun::Waiting;

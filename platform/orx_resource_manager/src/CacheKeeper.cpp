@@ -193,6 +193,9 @@ Result<QString> damageIn(const Error& error) {
 //! What is wrong with an entry; empty when nothing is.
 Result<QString> CacheKeeper::damageOf(const CacheSubPath& place, CacheRecords::Record& record,
                                       const std::function<bool(qint64)>& onBytes) {
+    // Its record cannot show what a reader found out.
+    if (record.isDamaged)
+        return translated("it was found to be damaged when it was read");
     const QString shown = m_store.placePath(place);
     const auto parent = m_store.openParent(place);
     if (parent.hasError())

@@ -1,5 +1,7 @@
 // A process beside a test that uses the same cache. The arguments are the cache, a sub-path and one of:
-// - fill CONTENT: fills the entry; prints "fetching" when it fetches, and the fetch goes on when a line comes
+// - fill CONTENT: fills the entry; prints "fetching" when it fetches, and the fetch goes on when a line
+// comes,
+//   or "waiting" when it finds that another one fills the entry
 // - half CONTENT: writes a part of the content, prints "half" and never ends
 // - replace COUNT: fills COUNT entries below the sub-path, and then anew, in order; prints "old N" and "new
 // N" when
@@ -85,6 +87,12 @@ int main(int argc, char** argv) {
         keepLease(cache, arguments.at(2));
         return 0;
     }
+    qInstallMessageHandler([](QtMsgType type, const QMessageLogContext& context, const QString& message) {
+        if (type == QtInfoMsg && QLatin1String(context.category) == QLatin1String("orx.cache"))
+            say("waiting");
+        else
+            std::fprintf(stderr, "%s\n", qPrintable(message));
+    });
     const Error error = command == u"replace"
                             ? replaceEach(cache, arguments.at(2), arguments.value(4).toInt())
                             : fill(cache, arguments.at(2), arguments.value(4).toUtf8(), command == u"half");

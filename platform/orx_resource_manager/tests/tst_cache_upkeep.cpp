@@ -324,6 +324,20 @@ TEST_F(CacheUpkeepTest, VerificationLooksIntoDirectories) {
     EXPECT_FALSE(QFileInfo::exists(placeOf(u"folder"_qs)));
 }
 
+TEST_F(CacheUpkeepTest, WhatAReaderFoundDamagedIsRemovedByVerificationThoughItsRecordAgrees) {
+    ASSERT_FALSE(cache.setCleanupPolicy(u"b"_qs, ResourceCleanupPolicy::Keep).hasError());
+    const auto stamp = FileCopy::stampOf(placeOf(u"b"_qs));
+    ASSERT_TRUE(stamp);
+    ASSERT_FALSE(cache.markDamaged(u"b"_qs, *stamp).hasError());
+    EXPECT_FALSE(cache.contains(u"b"_qs));
+    const auto report = cache.verify();
+    ASSERT_TRUE(report);
+    ASSERT_EQ(report->damaged.size(), 1);
+    EXPECT_EQ(report->damaged.first().first, u"b"_qs);
+    EXPECT_EQ(subPaths(), (QStringList{u"a"_qs, u"c"_qs}));
+    EXPECT_FALSE(QFileInfo::exists(placeOf(u"b"_qs)));
+}
+
 TEST_F(CacheUpkeepTest, VerificationCanBeCancelled) {
     EXPECT_TRUE(cache.verify([](qint64) { return false; }).error().isCanceled());
     EXPECT_EQ(subPaths().size(), 3);
