@@ -218,8 +218,10 @@ private:
             ->check(CLI::IsMember({"ask", "new-version", "keep-both", "skip", "fail"}))
             ->type_name("WHAT");
         put->add_flag("--keep-going", m_raw.keepGoing, "Do not stop at the first failure");
-        put->add_flag("--retry", m_raw.onlyMissing,
-                      "Send only what failed or is missing; what is there in its size is not read again");
+        put->add_flag(
+            "--retry", m_raw.onlyMissing,
+            "Send only what failed or is missing; what an earlier run saw on the server, and nobody "
+            "touched since, is not read again");
         put->add_flag("--dry-run", m_raw.dryRun, "Tell what would be sent, and send nothing");
     }
 

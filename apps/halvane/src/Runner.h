@@ -3,6 +3,8 @@
 #include "CommandLine.h"
 
 #include <DownloadJob.h>
+#include <KnownContents.h>
+#include <LocalTree.h>
 #include <ResolveItemTask.h>
 #include <Resources.h>
 #include <Session.h>
@@ -62,8 +64,13 @@ private:
     int putFile(const host::UploadRequest& request);
     int putTree(const PutCommand& command);
     int printPlan(const host::TreeUploadRequest& request, const host::UploadPolicy::Options& options);
+    //! What is there now of what was uploaded.
+    QList<host::LocalTree> treesNow(const host::TreeUploadJob& job);
     //! How an upload of more than one file ended.
     int endUpload(const host::TreeUploadJob& job, const orx::Error& error, const QString& summary);
+    //! What a later run needs not read again.
+    void keepKnown(const host::TreeUploadJob& job, const host::KnownContents::ByPath& before) const;
+    void printRemarks(const QList<host::LocalTree>& trees) const;
     void printTrees(const host::UploadReport& report, const QString& summary) const;
     void printLeftOut(const host::UploadReport& report) const;
     //! How a download of several files ended.

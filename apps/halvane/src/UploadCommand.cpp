@@ -7,20 +7,22 @@
 
 #include <ErrorText.h>
 #include <ExitCodes.h>
+#include <KnownContents.h>
 #include <ResourceManager.h>
 #include <TreeUploadJob.h>
-#include <UnfinishedUploads.h>
 #include <UploadPlanTask.h>
 
 #include <QFileInfo>
 
+#include <stop_token>
+
 namespace halvane::cli {
 
 using host::ExitCode;
+using host::KnownContents;
 using host::LocalTree;
 using host::PlannedUpload;
 using host::TreeUploadJob;
-using host::UnfinishedUploads;
 using host::UploadedFile;
 using host::UploadedTree;
 using host::UploadFileJob;
@@ -33,7 +35,7 @@ namespace {
 
 const QString goOnText = QStringLiteral(
     "When the reasons are gone, run the same command again: only what is missing is sent. With "
-    "--retry nothing is read again that is there.");
+    "--retry nothing is read again that is there and was not touched since.");
 
 QString withSummary(const QString& text, const QString& summary) {
     return summary.isEmpty() ? text : text + QStringLiteral(", ") + summary;
@@ -123,6 +125,22 @@ QStringList rowOf(const PlannedUpload& planned, const Output& output) {
             name};
 }
 
+// "2026/sub/ (12 files)  not_tried  The upload ended before its turn came."
+QStringList rowOf(const host::NotTriedPath& path, const Output& output) {
+    QString shown = QStringLiteral("  ") + output.shown(path.path);
+    if (path.isDirectory)
+        shown +=
+            path.files == 1 ? QStringLiteral("/ (1 file)") : QStringLiteral("/ (%1 files)").arg(path.files);
+    return {shown, QStringLiteral("not_tried"), output.shown(path.text)};
+}
+
+KnownContents::ByPath knownOf(const QStringList& paths) {
+    KnownContents::ByPath known;
+    for (const QString& path : paths)
+        known.insert(KnownContents(LocalTree::sourceOf(path)).read());
+    return known;
+}
+
 bool isPlainDirectory(const host::UploadRequest& request) {
     return QFileInfo(request.localPath).isDir() && (request.asFile || !UploadFileJob::isRawData(request));
 }
@@ -205,13 +223,10 @@ int Runner::putTree(const PutCommand& command) {
                              ? m_output.shown(QFileInfo(command.tree.paths.first()).fileName())
                              : QStringLiteral("%1 paths").arg(command.tree.paths.size());
     ProgressReport progress(name, m_global.quiet);
-    const UnfinishedUploads unfinished(command.tree);
-    const auto options =
-        UploadPolicy::optionsOf(command.tree, UploadQuestion::isPossible(), unfinished.lastPaths());
+    const KnownContents::ByPath known = knownOf(command.tree.paths);
+    const auto options = UploadPolicy::optionsOf(command.tree, UploadQuestion::isPossible(), known);
     if (command.dryRun)
         return printPlan(command.tree, options);
-    if (const Error begun = unfinished.begin(); begun.hasError())
-        return m_output.error(begun);
     TreeUploadJob job(command.tree, options);
     UploadQuestion question(job.policy(), m_output, progress, [&job] { job.cancel(); });
     progress.setTree([&job, this] { return treeOf(job, m_output); });
@@ -223,14 +238,21 @@ int Runner::putTree(const PutCommand& command) {
     });
     const Error error = run(job);
     progress.hide();
-    if (const Error kept = unfinished.end(job.account().unfinishedPaths()); kept.hasError())
-        m_output.warnings({kept.errorMessage()});
+    keepKnown(job, known);
     if (!job.hasBegun())
         return transferFailed(error, {});
     const int exitCode = endUpload(job, error, progress.summary());
     if (command.tree.keepInCache)
         waitForCache((*resources)->cache());
     return exitCode;
+}
+
+void Runner::keepKnown(const TreeUploadJob& job, const KnownContents::ByPath& before) const {
+    for (const LocalTree& tree : job.trees()) {
+        const Error kept = KnownContents(tree.source).write(job.account().knownContents(tree, before));
+        if (kept.hasError())
+            m_output.warnings({kept.errorMessage()});
+    }
 }
 
 int Runner::printPlan(const host::TreeUploadRequest& request, const UploadPolicy::Options& options) {
@@ -254,9 +276,15 @@ int Runner::printPlan(const host::TreeUploadRequest& request, const UploadPolicy
                      {QStringLiteral("bytes"), bytes}},
                     QStringLiteral("%1 files, %2 would be sent; nothing was")
                         .arg(QString::number(files), bytesText(bytes)));
+    printRemarks(plan.trees());
     printLeftOut(plan.report());
     m_output.failures(plan.report().failures, QStringLiteral("would fail:"));
     return int(ExitCode::Success);
+}
+
+void Runner::printRemarks(const QList<LocalTree>& trees) const {
+    for (const LocalTree& tree : trees)
+        m_output.warnings(tree.remarks);
 }
 
 void Runner::printTrees(const UploadReport& report, const QString& summary) const {
@@ -272,7 +300,7 @@ void Runner::printTrees(const UploadReport& report, const QString& summary) cons
     }
 }
 
-// What was not tried is counted for people; a script gets each.
+// A script gets each path that was not tried, people directories nothing of which was.
 void Runner::printLeftOut(const UploadReport& report) const {
     QList<QStringList> rows;
     for (const host::LeftOutPath& path : report.leftOut) {
@@ -287,25 +315,30 @@ void Runner::printLeftOut(const UploadReport& report) const {
             rows.append(
                 {QStringLiteral("  ") + m_output.shown(path.path), path.reason, m_output.shown(path.text)});
     }
+    for (const host::NotTriedPath& path : report.notTried)
+        rows.append(rowOf(path, m_output));
     m_output.notes(QStringLiteral("left out:"), rows);
 }
 
-int Runner::endUpload(const TreeUploadJob& job, const Error& error, const QString& summary) {
+// What came and what vanished meanwhile is told too; after an interruption nobody waits for that.
+QList<LocalTree> Runner::treesNow(const TreeUploadJob& job) {
     QStringList sources;
     for (const LocalTree& tree : job.trees())
         sources.append(tree.source);
-    // What came meanwhile is told too; after an interruption nobody waits for that.
-    QList<LocalTree> trees = job.trees();
-    if (!Interruption::wasRequested()) {
-        const auto now = std::make_shared<QList<LocalTree>>();
-        const Error scanned = runOnWorker(QStringLiteral("LookAgain"), [now, sources]() -> Error {
-            *now = LocalTree::scan(sources);
-            return {};
-        });
-        if (!scanned.hasError())
-            trees = *now;
-    }
-    const UploadReport report = job.report(trees);
+    const auto now = std::make_shared<QList<LocalTree>>();
+    std::stop_source stop;
+    m_interruption.watch([&stop] { stop.request_stop(); });
+    const Error scanned = runOnWorker(QStringLiteral("LookAgain"), [now, sources, &stop]() -> Error {
+        *now = LocalTree::scan(sources, stop.get_token());
+        return {};
+    });
+    m_interruption.watch(std::function<void()>());
+    return scanned.hasError() || Interruption::wasRequested() ? job.trees() : *now;
+}
+
+int Runner::endUpload(const TreeUploadJob& job, const Error& error, const QString& summary) {
+    const UploadReport report = job.report(treesNow(job));
+    printRemarks(job.trees());
     printTrees(report, summary);
     printLeftOut(report);
     m_output.failures(report.failures, QStringLiteral("not uploaded:"));

@@ -8,13 +8,14 @@
 #include <QFileInfo>
 
 #include <errno.h>
+#include <termios.h>
 #include <unistd.h>
 
 namespace halvane::cli {
 
-using orx::AskingDuplicateUploadPolicy;
+using host::UploadPolicy;
 using orx::DuplicateUploadAnswer;
-using Scope = orx::AskingDuplicateUploadPolicy::Scope;
+using Scope = UploadPolicy::Scope;
 
 namespace {
 
@@ -38,9 +39,8 @@ QString described(const QString& localPath, const host::RemoteItem& existing, co
 UploadQuestion::UploadQuestion(host::UploadPolicy& policy, const Output& output, ProgressReport& progress,
                                std::function<void()> quit)
     : m_policy(policy), m_output(output), m_progress(progress), m_quit(std::move(quit)) {
-    connect(&m_policy.asking(), &AskingDuplicateUploadPolicy::asked, this,
-            [this](const orx::DuplicateUploadPolicyRequest& request) { ask(request.input().localPath); });
-    connect(&m_policy.asking(), &AskingDuplicateUploadPolicy::withdrawn, this, [this] {
+    connect(&m_policy, &UploadPolicy::asked, this, &UploadQuestion::ask);
+    connect(&m_policy, &UploadPolicy::withdrawn, this, [this] {
         if (m_input)
             QuestionText::print(QStringLiteral("\n"));
         end();
@@ -53,10 +53,11 @@ bool UploadQuestion::isPossible() {
     return ::isatty(STDIN_FILENO) && ::isatty(STDERR_FILENO);
 }
 
-void UploadQuestion::ask(const QString& localPath) {
+void UploadQuestion::ask(const QString& localPath, const host::RemoteItem& existing) {
     m_progress.setPaused(true);
-    QuestionText::print(described(localPath, m_policy.existing(localPath), m_output) +
-                        QString::fromLatin1(choices));
+    // What was typed before answers no question that had not been seen.
+    ::tcflush(STDIN_FILENO, TCIFLUSH);
+    QuestionText::print(described(localPath, existing, m_output) + QString::fromLatin1(choices));
     m_line.clear();
     m_input = std::make_unique<QSocketNotifier>(STDIN_FILENO, QSocketNotifier::Read);
     connect(m_input.get(), &QSocketNotifier::activated, this, &UploadQuestion::onReadable);
@@ -103,7 +104,7 @@ void UploadQuestion::answer(const QByteArray& word) {
         return QuestionText::print(QString::fromLatin1(choices));
     }
     end();
-    m_policy.asking().answer(given, scope);
+    m_policy.answer(given, scope);
 }
 
 // The notifier is perhaps the one that is being served.

@@ -28,7 +28,7 @@ public:
     static bool isPossible();
 
 private:
-    void ask(const QString& localPath);
+    void ask(const QString& localPath, const host::RemoteItem& existing);
     void onReadable();
     void answer(const QByteArray& line);
     void end();

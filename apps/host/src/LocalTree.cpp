@@ -1,11 +1,14 @@
 #include "LocalTree.h"
 
+#include "LocalStamp.h"
+
 #include <FileTypes.h>
 #include <MsDataFileUtils.h>
 
 #include <QDir>
 #include <QDirIterator>
 #include <QFileInfo>
+#include <QHash>
 #include <QStringDecoder>
 
 #include <memory>
@@ -32,12 +35,15 @@ qint64 bytesBelow(const QString& directory, const std::stop_token& stop) {
     return bytes;
 }
 
+bool isNamedPacked(const QString& path) {
+    return FileTypes::fileMatchesAnyType(path, {FileTypes::VONK});
+}
+
 Kind kindOf(const QFileInfo& info) {
     const QString path = info.filePath();
-    if (info.isFile() && FileTypes::fileMatchesAnyType(path, {FileTypes::VONK}))
+    if (info.isFile() && isNamedPacked(path))
         return Kind::Packed;
-    const bool mayBeRawData = !FileTypes::fileMatchesAnyType(path, {FileTypes::VONK});
-    if (mayBeRawData && orx::MsDataFileUtils::isValidMsData(path))
+    if (!isNamedPacked(path) && orx::MsDataFileUtils::isValidMsData(path))
         return Kind::RawData;
     if (info.isFile())
         return Kind::File;
@@ -106,6 +112,29 @@ void addBelow(QList<LocalEntry>& entries, const std::stop_token& stop) {
     }
 }
 
+void addRemarks(LocalTree& tree, const std::stop_token& stop) {
+    QHash<QString, QString> pathsByTarget;
+    for (const LocalEntry& entry : std::as_const(tree.entries)) {
+        if (stop.stop_requested())
+            return;
+        if (entry.kind == Kind::Directory && isNamedPacked(entry.path) &&
+            orx::MsDataFileUtils::isValidMsData(entry.path))
+            tree.remarks.append(
+                QStringLiteral("\"%1\" is raw data, but named like a packed acquisition: it goes up as a "
+                               "folder. Rename it to have it packed.")
+                    .arg(entry.path));
+        if (!entry.isUpload())
+            continue;
+        const QString target = QFileInfo(entry.path).path() + u'/' + entry.serverName();
+        if (const QString other = pathsByTarget.value(target); !other.isEmpty())
+            tree.remarks.append(
+                QStringLiteral("\"%1\" and \"%2\" go up under one name, \"%3\". Put them into different "
+                               "folders to keep them apart.")
+                    .arg(other, entry.path, entry.serverName()));
+        pathsByTarget.insert(target, entry.path);
+    }
+}
+
 // The rules for names are for what nobody named.
 UploadRefusal refusalOfSource(const QFileInfo& info) {
     switch (const UploadRefusal refusal = UploadFileInputValidation::refusal(info)) {
@@ -154,11 +183,16 @@ QString LocalEntry::kindName() const {
     return QStringLiteral("nothing");
 }
 
+QString LocalTree::sourceOf(const QString& path) {
+    return QDir::cleanPath(QFileInfo(path).absoluteFilePath());
+}
+
 LocalTree LocalTree::scan(const QString& path, const std::stop_token& stop) {
-    const QFileInfo info(QDir::cleanPath(QFileInfo(path).absoluteFilePath()));
-    LocalTree tree{info.filePath(), {entryOf(info, refusalOfSource(info), stop)}};
+    const QFileInfo info(sourceOf(path));
+    LocalTree tree{info.filePath(), {entryOf(info, refusalOfSource(info), stop)}, {}};
     if (tree.root().kind == Kind::Directory)
         addBelow(tree.entries, stop);
+    addRemarks(tree, stop);
     return tree;
 }
 
@@ -167,6 +201,18 @@ QList<LocalTree> LocalTree::scan(const QStringList& paths, const std::stop_token
     for (const QString& path : paths)
         trees.append(scan(path, stop));
     return trees;
+}
+
+void LocalTree::takeStamps(const std::stop_token& stop) {
+    for (LocalEntry& entry : entries) {
+        if (stop.stop_requested())
+            return;
+        if (!entry.isUpload())
+            continue;
+        const LocalStamp::Time now = LocalStamp::Time::clock::now();
+        const LocalStamp stamp = LocalStamp::of(entry.path, entry.kind == Kind::RawData);
+        entry.stamp = stamp.isReliable(now) ? stamp.text : QByteArray();
+    }
 }
 
 } // namespace halvane::host

@@ -30,6 +30,8 @@ struct HALVANE_HOST_EXPORT LocalEntry {
     orx::UploadRefusal refusal = orx::UploadRefusal::None;
     //! A directory that cannot be listed: a sentence; else empty.
     QString problem;
+    //! LocalStamp of what is uploaded, when it is reliable and was taken.
+    QByteArray stamp;
 
     bool isUpload() const {
         return refusal == orx::UploadRefusal::None && kind != Kind::Directory && kind != Kind::None;
@@ -46,13 +48,21 @@ struct HALVANE_HOST_EXPORT LocalTree {
     QString source;
     //! Itself first, every directory before its entries; in the order of names.
     QList<LocalEntry> entries;
+    //! What somebody might not expect of it, a sentence each: two entries that go up under one name, a
+    //! directory of raw data that goes up as a folder for its name.
+    QStringList remarks;
 
     const LocalEntry& root() const { return entries.first(); }
 
+    //! The source of the tree that \a path gives.
+    static QString sourceOf(const QString& path);
     //! Looks at \a path and everything below. What was named itself is taken whatever the rules for names
     //! say, a link as what it points to. Blocks; thread: any. Incomplete when it was asked to stop.
     static LocalTree scan(const QString& path, const std::stop_token& stop = {});
     static QList<LocalTree> scan(const QStringList& paths, const std::stop_token& stop = {});
+    //! Gives every upload its stamp: what is read of it later is what the stamp stands for, as long as it is
+    //! the same. Blocks; thread: any.
+    void takeStamps(const std::stop_token& stop = {});
 };
 
 //! The same path with the name of what is there at its end, when it is a directory whose path says none:

@@ -7,6 +7,7 @@
 
 #include <QFileInfo>
 #include <QHash>
+#include <QSet>
 
 namespace halvane::host {
 
@@ -26,6 +27,25 @@ Error checkPath(const QString& path) {
                  info.isSymLink()
                      ? QStringLiteral("\"%1\" is a link to something that does not exist.").arg(path)
                      : QStringLiteral("There is no file or directory \"%1\".").arg(path));
+}
+
+// Nothing goes up twice, and each path has one account.
+Error checkApart(const QStringList& paths) {
+    QSet<QString> sources;
+    for (const QString& path : paths)
+        sources.insert(LocalTree::sourceOf(path));
+    for (const QString& path : paths) {
+        for (QString above = LocalTree::sourceOf(path); above.contains(u'/');) {
+            above.truncate(above.lastIndexOf(u'/'));
+            const QString other = above.isEmpty() ? QStringLiteral("/") : above;
+            if (sources.contains(other) && other != LocalTree::sourceOf(path))
+                return Error(ErrorCode::InvalidArgument,
+                             QStringLiteral("\"%1\" lies in \"%2\", which goes up with everything in it. "
+                                            "Name only one of them.")
+                                 .arg(path, other));
+        }
+    }
+    return {};
 }
 
 Error problemOf(const LocalEntry& root) {
@@ -49,8 +69,10 @@ Error takeAsFile(LocalEntry& root) {
         return Error(ErrorCode::InvalidArgument,
                      QStringLiteral("\"%1\" is a directory and cannot go up as a file: leave out --as-file.")
                          .arg(root.path));
-    if (root.kind == LocalEntry::Kind::RawData)
+    if (root.kind == LocalEntry::Kind::RawData) {
         root.kind = LocalEntry::Kind::File;
+        root.stamp.clear(); // it was that of what would be packed
+    }
     return {};
 }
 
@@ -70,6 +92,7 @@ Error PrepareUploadTask::initialize() {
     ORX_RETURN_ON_ERROR(ResolveItemTask::checkText(m_request.target));
     for (const QString& path : m_request.paths)
         ORX_RETURN_ON_ERROR(checkPath(path));
+    ORX_RETURN_ON_ERROR(checkApart(m_request.paths));
     const auto filters = uploadFilters();
     ORX_RETURN_ON_ERROR(filters.error());
     UploadFileInputValidation::setFilters(filters.value());
@@ -90,6 +113,8 @@ void PrepareUploadTask::onResolved(const RemoteItem& target) {
                     QStringLiteral("ScanLocalTrees"),
                     [trees, paths = m_request.paths, stop = m_stop.get_token()]() -> Error {
                         *trees = LocalTree::scan(paths, stop);
+                        for (LocalTree& tree : *trees)
+                            tree.takeStamps(stop);
                         return {};
                     }),
                 [this, trees](orx::WorkerStepTask*) {

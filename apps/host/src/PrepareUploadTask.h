@@ -12,8 +12,9 @@
 namespace halvane::host {
 
 //! Finds out what is to be uploaded and where to, before anything is sent: the target folder and what lies at
-//! the paths. A path that is not there fails before any call (ErrorCode::NotFound), as a target that is no
-//! reference does; then errors of ResolveItemTask. Thread: that of the object.
+//! the paths. A path that is not there fails before any call (ErrorCode::NotFound), as one that lies in
+//! another one and a target that is no reference do (ErrorCode::InvalidArgument); then errors of
+//! ResolveItemTask. Thread: that of the object.
 class HALVANE_HOST_EXPORT PrepareUploadTask : public orx::ComplexTask {
     Q_OBJECT
 public:

@@ -1,5 +1,6 @@
 #include "SameContentTask.h"
 
+#include "LocalStamp.h"
 #include "SameContent.h"
 
 #include <FileTypes.h>
@@ -56,12 +57,35 @@ Error SameContentTask::initialize() {
 void SameContentTask::ask(int fileId) {
     execSubtask(
         std::make_unique<HalvaneGetFileMetadataTask>(fileId),
-        [this](HalvaneGetFileMetadataTask* task) { onKnown(RemoteItem::fromFile(task->fileItem(), {})); });
+        [this](HalvaneGetFileMetadataTask* task) { onAnswered(RemoteItem::fromFile(task->fileItem(), {})); });
 }
 
-void SameContentTask::onKnown(const RemoteItem& item) {
+void SameContentTask::onAnswered(const RemoteItem& item) {
     if (item.id == m_wanted.existingFileId)
         m_existing = item;
+    if (m_wanted.known && !item.sha256.isEmpty() && m_wanted.known->sha256 == item.sha256)
+        compareStamps(item);
+    else
+        compareContent(item);
+}
+
+void SameContentTask::compareStamps(const RemoteItem& item) {
+    const auto now = std::make_shared<LocalStamp>();
+    execSubtask(std::make_unique<WorkerStepTask>(
+                    QStringLiteral("CompareStamps"),
+                    [now, path = m_wanted.localPath, isRawData = m_wanted.isRawData]() -> Error {
+                        *now = LocalStamp::of(path, isRawData);
+                        return {};
+                    }),
+                [this, item, now](WorkerStepTask*) {
+                    if (!now->text.isEmpty() && now->text == m_wanted.known->stamp)
+                        onSame(item);
+                    else
+                        compareContent(item);
+                });
+}
+
+void SameContentTask::compareContent(const RemoteItem& item) {
     if (m_wanted.isRawData)
         return askTrace(item);
     const std::shared_ptr<SameContent> content =
@@ -114,8 +138,6 @@ void SameContentTask::begin(const RemoteItem& item, std::shared_ptr<SameContent>
                 [this, item, content, isLikely](WorkerStepTask*) {
                     if (!*isLikely)
                         onAnother();
-                    else if (m_wanted.sizesSuffice)
-                        m_same = item;
                     else
                         compareMore(item, content);
                 });

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "KnownContents.h"
 #include "RemoteItem.h"
 
 #include <ComplexTask.h>
@@ -28,8 +29,8 @@ public:
         //! The file that has the name.
         int existingFileId = -1;
         bool alsoFreeNames = false;
-        //! Sizes are compared, and nothing is read.
-        bool sizesSuffice = false;
+        //! What the path is known to hold as long as its stamp is the same; then nothing is read.
+        std::optional<KnownContent> known;
         //! Record that this machine has the version at the path.
         bool recordsVersion = true;
     };
@@ -48,7 +49,9 @@ protected:
 
 private:
     void ask(int fileId);
-    void onKnown(const RemoteItem& item);
+    void onAnswered(const RemoteItem& item);
+    void compareStamps(const RemoteItem& item);
+    void compareContent(const RemoteItem& item);
     void askTrace(const RemoteItem& item);
     void onTrace(const RemoteItem& item, const QJsonObject& trace);
     void begin(const RemoteItem& item, std::shared_ptr<SameContent> content);

@@ -147,7 +147,7 @@ void TreeUploadJob::addFile(const LocalEntry& entry) {
     appendSubtask(std::unique_ptr<BaseTask>(std::move(task)), {}, [this, path = entry.path](BaseTask* ended) {
         // An upload that failed has told so; what failed before it has not.
         if (ended->error().isCanceled())
-            m_account.setCanceled(path);
+            giveUp(path);
         else if (!m_account.isKnown(path))
             fail(path, ended->error());
     });
@@ -183,7 +183,7 @@ void TreeUploadJob::follow(HalvaneFileUploadTaskBase* task) {
 void TreeUploadJob::onUploadEnded(const QString& path, const HalvaneFileUploadTaskBase& task) {
     m_running.remove(path);
     if (task.isCanceled())
-        return m_account.setCanceled(path);
+        return giveUp(path);
     if (task.hasError())
         return fail(path, task.error());
     if (const auto uploaded = task.uploadedFile())
@@ -191,14 +191,28 @@ void TreeUploadJob::onUploadEnded(const QString& path, const HalvaneFileUploadTa
 }
 
 void TreeUploadJob::onDone(const UploadedFile& file) {
-    m_account.setDone(file.path, file.outcome);
-    m_doneBytes += m_sizes.value(file.path);
+    if (file.outcome == Outcome::Skipped)
+        takeFromTotal(file.path);
+    else
+        m_doneBytes += m_sizes.value(file.path);
+    m_account.setDone(file.path, file.outcome, file.item.sha256);
     Q_EMIT fileDone(file, isSource(file.path));
 }
 
 void TreeUploadJob::fail(const QString& path, const Error& error) {
+    takeFromTotal(path);
     m_account.setFailed(path, error);
     giveUpAfter(error);
+}
+
+void TreeUploadJob::giveUp(const QString& path) {
+    takeFromTotal(path);
+    m_account.setCanceled(path);
+}
+
+void TreeUploadJob::takeFromTotal(const QString& path) {
+    if (!m_account.isKnown(path))
+        m_totalBytes -= m_sizes.value(path);
 }
 
 void TreeUploadJob::giveUpAfter(const Error& error) {
@@ -231,17 +245,9 @@ UploadState TreeUploadJob::state() const {
     return state;
 }
 
-UploadReport TreeUploadJob::report(const QList<LocalTree>& trees) const {
-    UploadAccount account = m_account;
-    // Who was asked about a file that did not go up has left it out.
-    for (const LocalTree& tree : trees) {
-        for (const LocalEntry& entry : tree.entries) {
-            if (m_policy->wasAsked(entry.path) && !account.isKnown(entry.path) && !isCanceled())
-                account.setDone(entry.path, Outcome::Skipped);
-        }
-    }
+UploadReport TreeUploadJob::report(const QList<LocalTree>& now) const {
     const bool wasStopped = isCanceled() || m_givenUp.hasError() || (hasError() && !m_request.keepGoing);
-    return account.report(trees, wasStopped);
+    return m_account.report(m_trees, now, wasStopped);
 }
 
 } // namespace halvane::host

@@ -34,8 +34,8 @@ public:
     const RemoteItem& target() const { return m_target; }
     const QList<LocalTree>& trees() const { return m_trees; }
     const UploadAccount& account() const { return m_account; }
-    //! After the end; \a trees: what is there by now.
-    UploadReport report(const QList<LocalTree>& trees) const;
+    //! After the end; \a now: what is there by then of trees().
+    UploadReport report(const QList<LocalTree>& now) const;
 
 Q_SIGNALS:
     //! A file did not fail; \a isSource: it was asked for itself, not found in a directory.
@@ -56,6 +56,9 @@ private:
     void onUploadEnded(const QString& path, const orx::HalvaneFileUploadTaskBase& task);
     void onDone(const UploadedFile& file);
     void fail(const QString& path, const orx::Error& error);
+    void giveUp(const QString& path);
+    //! The file does not go up any more, so that nobody waits for its bytes.
+    void takeFromTotal(const QString& path);
     //! Ends what runs and what waits when \a error would be that of all.
     void giveUpAfter(const orx::Error& error);
     orx::HalvaneUploadPolicyOptions policyOptions() const;
@@ -70,6 +73,7 @@ private:
     bool m_hasBegun = false;
     //! Of the files that are to go up.
     QHash<QString, qint64> m_sizes;
+    //! Of those that may still go up, and those that did.
     qint64 m_totalBytes = 0;
     qint64 m_doneBytes = 0;
     //! Bytes done of those that run.

@@ -1,10 +1,10 @@
 #pragma once
 
+#include "KnownContents.h"
 #include "LocalTree.h"
 #include "Uploads.h"
 
 #include <QHash>
-#include <QSet>
 
 namespace halvane::host {
 
@@ -12,48 +12,42 @@ namespace halvane::host {
 //! those of LocalTree. A value; no thread of its own.
 class HALVANE_HOST_EXPORT UploadAccount {
 public:
-    //! The last word on a path counts.
-    void setDone(const QString& path, UploadedFile::Outcome outcome);
+    //! The last word on a path counts. \a sha256: of the version on the server that has the content, if one
+    //! has.
+    void setDone(const QString& path, UploadedFile::Outcome outcome, const QString& sha256 = QString());
     void setFailed(const QString& path, const orx::Error& error);
     //! It was given up, by a person or because another one failed.
     void setCanceled(const QString& path);
-    //! What is in the directory and has no word of its own did not go up for that reason.
+    //! Unless the error is that of something in the directory, what is in it and has no word of its own did
+    //! not go up for that reason.
     void setFolderFailed(const QString& path, const orx::Error& error);
     //! The folder of the server that a directory that was asked for became.
     void setFolder(const QString& source, const RemoteItem& folder);
 
     bool isKnown(const QString& path) const { return m_entries.contains(path); }
     int doneCount() const { return m_done; }
-    int failedCount() const { return m_failed; }
-    //! Files that failed or were given up: what a later run looks at more closely.
-    QStringList unfinishedPaths() const;
+    //! What a later run of \a tree may rely on: the stamps of what is on the server; of what this run has not
+    //! got to, what \a before says.
+    KnownContents::ByPath knownContents(const LocalTree& tree, const KnownContents::ByPath& before) const;
 
-    //! \a trees: what is there at the end. \a wasStopped: the run ended early, which is the reason for what
-    //! was not tried.
-    UploadReport report(const QList<LocalTree>& trees, bool wasStopped) const;
+    //! Every path that was there when the run began (\a before), is there at its end (\a now) or got a word.
+    //! The trees are those of the same sources. \a wasStopped: the run ended early, which is the reason for
+    //! what was not tried.
+    UploadReport report(const QList<LocalTree>& before, const QList<LocalTree>& now, bool wasStopped) const;
 
 private:
+    friend class UploadReckoning;
     enum class Word { Uploaded, Unchanged, Skipped, Failed, Canceled };
     struct Entry {
         Word word = Word::Failed;
         orx::Error error;
+        QString sha256;
     };
-    void set(const QString& path, Word word, const orx::Error& error = {});
-    void addTo(UploadReport& report, UploadedTree& tree, const LocalEntry& entry, bool wasStopped) const;
-    bool addKnown(UploadReport& report, UploadedTree& tree, const LocalEntry& entry) const;
-    bool addRefused(UploadReport& report, UploadedTree& tree, const LocalEntry& entry) const;
-    void addMissing(UploadReport& report, UploadedTree& tree, const LocalEntry& entry, bool wasStopped) const;
-    void addFailedFolder(UploadReport& report, UploadedTree& tree, const LocalEntry& entry) const;
-    //! The error of the innermost failed directory above \a path, within \a source.
-    const orx::Error* folderErrorAbove(const QString& path) const;
 
     QHash<QString, Entry> m_entries;
     QHash<QString, orx::Error> m_folderErrors;
-    //! Directories that have something below that failed by itself.
-    QSet<QString> m_hasFailures;
     QHash<QString, RemoteItem> m_folders;
     int m_done = 0;
-    int m_failed = 0;
 };
 
 } // namespace halvane::host

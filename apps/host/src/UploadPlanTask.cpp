@@ -47,7 +47,7 @@ UploadReport reportOf(const QList<LocalTree>& trees, const QList<UploadFailure>&
                 account.setDone(entry.path, UploadedFile::Outcome::Unchanged);
         }
     }
-    return account.report(trees, false);
+    return account.report(trees, trees, false);
 }
 
 } // namespace
@@ -167,7 +167,7 @@ bool UploadPlanTask::planFileIn(const LocalEntry& entry, int folderId) {
     wanted.folderId = folderId;
     wanted.existingFileId = id;
     wanted.alsoFreeNames = m_options.ifTaken == IfTaken::KeepBoth;
-    wanted.sizesSuffice = m_options.mayCompareSizesOf(entry.path);
+    wanted.known = m_options.knownOf(entry.path);
     wanted.recordsVersion = false;
     execSubtask(std::make_unique<SameContentTask>(wanted),
                 [this, entry](SameContentTask* task) { onCompared(entry, *task); });

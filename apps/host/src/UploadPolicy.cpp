@@ -2,6 +2,8 @@
 
 #include <QPointer>
 
+#include <utility>
+
 namespace halvane::host {
 
 using orx::BaseTask;
@@ -18,20 +20,32 @@ constexpr int comparisonsAtATime = 3;
 } // namespace
 
 UploadPolicy::Options UploadPolicy::optionsOf(const TreeUploadRequest& request, bool canAsk,
-                                              const std::optional<QSet<QString>>& suspects) {
+                                              const KnownContents::ByPath& known) {
     Options options;
     options.ifTaken = request.ifTaken;
     options.canAsk = canAsk;
     options.keepGoing = request.keepGoing;
-    options.onlyMissing = request.onlyMissing;
-    options.suspects = suspects;
+    if (request.onlyMissing)
+        options.known = known;
     return options;
+}
+
+std::optional<KnownContent> UploadPolicy::Options::knownOf(const QString& localPath) const {
+    const auto found = known.constFind(localPath);
+    return found == known.constEnd() ? std::nullopt : std::optional(*found);
 }
 
 UploadPolicy::UploadPolicy(const Options& options)
     : m_options(options)
     , m_asking(std::make_shared<orx::AskingDuplicateUploadPolicy>())
-    , m_comparisons(comparisonsAtATime) {}
+    , m_comparisons(comparisonsAtATime) {
+    using Asking = orx::AskingDuplicateUploadPolicy;
+    connect(m_asking.get(), &Asking::asked, this, [this](const orx::DuplicateUploadPolicyRequest& request) {
+        m_current = request.input().localPath;
+        Q_EMIT asked(m_current, m_questions.value(m_current).existing);
+    });
+    connect(m_asking.get(), &Asking::withdrawn, this, &UploadPolicy::withdrawn);
+}
 
 UploadPolicy::~UploadPolicy() = default;
 
@@ -45,7 +59,7 @@ void UploadPolicy::decide(const DuplicateUploadPolicyRequestPtr& request) {
     wanted.folderId = input.folderId;
     wanted.existingFileId = input.existingFileId;
     wanted.alsoFreeNames = m_options.ifTaken == IfTaken::KeepBoth;
-    wanted.sizesSuffice = m_options.mayCompareSizesOf(input.localPath);
+    wanted.known = m_options.knownOf(input.localPath);
     auto task = std::make_unique<SameContentTask>(wanted);
     request->setOnWithdrawn([task = QPointer<SameContentTask>(task.get())] {
         if (task)
@@ -87,15 +101,38 @@ void UploadPolicy::decideByOption(const DuplicateUploadPolicyRequestPtr& request
         Q_EMIT skipped(path, existing);
         return request->answer(DuplicateUploadAnswer::Skip);
     case IfTaken::Ask:
-        if (m_options.canAsk) {
-            m_asked.insert(path, existing);
-            return m_asking->decide(request);
-        }
+        if (m_options.canAsk)
+            return ask(request, existing);
         break;
     case IfTaken::Fail:
         break;
     }
     fail(request, refusal(path, existing));
+}
+
+void UploadPolicy::ask(const DuplicateUploadPolicyRequestPtr& request, const RemoteItem& existing) {
+    const QString path = request->input().localPath;
+    if (m_answerForAll == DuplicateUploadAnswer::Skip)
+        Q_EMIT skipped(path, existing);
+    if (!m_answerForAll)
+        m_questions.insert(path, {request, existing});
+    m_asking->decide(request);
+}
+
+// What was asked and is not answered, for whatever reason, was not left out by anybody.
+void UploadPolicy::answer(DuplicateUploadAnswer answer, Scope scope) {
+    QHash<QString, Question> answered;
+    if (scope == Scope::All) {
+        m_answerForAll = answer;
+        answered = std::exchange(m_questions, {});
+    } else if (m_questions.contains(m_current)) {
+        answered.insert(m_current, m_questions.take(m_current));
+    }
+    for (auto question = answered.begin(); question != answered.end(); ++question) {
+        if (answer == DuplicateUploadAnswer::Skip && question->request->isOpen())
+            Q_EMIT skipped(question.key(), question->existing);
+    }
+    m_asking->answer(answer, scope);
 }
 
 // One answer of failure ends the comparison of the whole folder.

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "KnownContents.h"
 #include "SameContentTask.h"
 #include "Uploads.h"
 
@@ -7,7 +8,6 @@
 #include <TasksQueue.h>
 
 #include <QHash>
-#include <QSet>
 
 #include <memory>
 #include <optional>
@@ -26,18 +26,15 @@ public:
         bool canAsk = false;
         //! What fails is left out and told by failed(), so that the others of its folder go on.
         bool keepGoing = false;
-        //! For what is not among \a suspects sizes suffice; nothing: everything is suspect.
-        bool onlyMissing = false;
-        std::optional<QSet<QString>> suspects = QSet<QString>();
+        //! What needs not be read again unless it was touched.
+        KnownContents::ByPath known;
 
-        bool mayCompareSizesOf(const QString& localPath) const {
-            return onlyMissing && suspects && !suspects->contains(localPath);
-        }
+        std::optional<KnownContent> knownOf(const QString& localPath) const;
     };
 
-    //! \a suspects: what the last run left; see UnfinishedUploads.
+    //! \a known: from earlier runs; only a retry relies on it.
     static Options optionsOf(const TreeUploadRequest& request, bool canAsk,
-                             const std::optional<QSet<QString>>& suspects);
+                             const KnownContents::ByPath& known);
 
     explicit UploadPolicy(const Options& options);
     ~UploadPolicy() override;
@@ -46,14 +43,16 @@ public:
     //! Ends all comparisons; answers Cancel from now on.
     void cancel() override;
 
-    //! Where a person is asked; answered through its answer().
-    orx::AskingDuplicateUploadPolicy& asking() { return *m_asking; }
-    //! What is on the server under the name that \a localPath wants, for who is asked.
-    RemoteItem existing(const QString& localPath) const { return m_asked.value(localPath); }
-    //! Whether a person was asked about the path; what does not go up then was left out by the answer.
-    bool wasAsked(const QString& localPath) const { return m_asked.contains(localPath); }
+    using Scope = orx::AskingDuplicateUploadPolicy::Scope;
+    //! Of a person, to the question that was put last; \a scope All: to all others too.
+    void answer(orx::DuplicateUploadAnswer answer, Scope scope);
 
 Q_SIGNALS:
+    //! A person is asked, one question at a time: \a existing has the name that \a localPath wants. Answered
+    //! by answer().
+    void asked(const QString& localPath, const halvane::host::RemoteItem& existing);
+    //! The question that was put last needs no answer any more.
+    void withdrawn();
     //! The server has the content of \a localPath as \a item.
     void unchanged(const QString& localPath, const halvane::host::RemoteItem& item);
     //! \a localPath was left out for \a item, which has its name.
@@ -63,12 +62,20 @@ Q_SIGNALS:
 private:
     void onCompared(const orx::DuplicateUploadPolicyRequestPtr& request, const SameContentTask& task);
     void decideByOption(const orx::DuplicateUploadPolicyRequestPtr& request, const RemoteItem& existing);
+    void ask(const orx::DuplicateUploadPolicyRequestPtr& request, const RemoteItem& existing);
     void fail(const orx::DuplicateUploadPolicyRequestPtr& request, const orx::Error& error);
     orx::Error refusal(const QString& localPath, const RemoteItem& existing) const;
 
     Options m_options;
+    struct Question {
+        orx::DuplicateUploadPolicyRequestPtr request;
+        RemoteItem existing;
+    };
     std::shared_ptr<orx::AskingDuplicateUploadPolicy> m_asking;
-    QHash<QString, RemoteItem> m_asked;
+    //! By local path; those that nobody waits for any more stay until the next answer.
+    QHash<QString, Question> m_questions;
+    QString m_current;
+    std::optional<orx::DuplicateUploadAnswer> m_answerForAll;
     bool m_isCanceled = false;
     orx::TasksQueue m_comparisons;
 };

@@ -28,8 +28,7 @@ struct TreeUploadRequest {
     bool checkVersion = false;
     //! One failure does not stop the others.
     bool keepGoing = false;
-    //! What the server has under its name and in its size is taken for what is here, unless it failed the
-    //! last time: nothing is read again.
+    //! What an earlier run saw on the server and nobody touched since is not read again.
     bool onlyMissing = false;
     //! Raw data files go up as the files that they are, and are not packed. For files only.
     bool asFile = false;
@@ -57,8 +56,18 @@ using UploadFailure = DownloadFailure;
 struct LeftOutPath {
     QString source;
     QString path;
-    //! A word for scripts: "hidden", "filter", "link", "special", "policy", "not_tried", "unexplained".
+    //! A word for scripts: "hidden", "filter", "link", "special", "policy", "vanished", "not_tried",
+    //! "unexplained".
     QString reason;
+    //! A sentence.
+    QString text;
+};
+
+//! What was not tried for one reason: a file, or a directory with everything in it.
+struct NotTriedPath {
+    QString path;
+    bool isDirectory = false;
+    int files = 1;
     //! A sentence.
     QString text;
 };
@@ -70,7 +79,7 @@ struct UploadedTree {
     bool isFolder = false;
     //! Of the folder on the server; no id when there is none.
     RemoteItem folder;
-    //! Files that were to go up.
+    //! Files that were to go up, those that have vanished meanwhile among them.
     int files = 0;
     int uploaded = 0;
     int unchanged = 0;
@@ -87,9 +96,12 @@ struct UploadedTree {
 struct UploadReport {
     QList<UploadedTree> trees;
     QList<UploadFailure> failures;
+    //! In the order of paths, each by itself.
     QList<LeftOutPath> leftOut;
+    //! Those of it that were not tried, in as few lines as possible.
+    QList<NotTriedPath> notTried;
     int unexplained = 0;
-    //! Files that are on the server now, or were left out as asked for.
+    //! Files that are on the server now.
     int done = 0;
 };
 
@@ -98,6 +110,7 @@ struct UploadState {
     int filesDone = 0;
     int filesTotal = 0;
     qint64 bytesDone = 0;
+    //! Without those of files that failed or were left out.
     qint64 bytesTotal = 0;
     bool areTotalsKnown = false;
     //! Local paths of uploads that run.

@@ -108,8 +108,9 @@ struct Content {
 };
 
 Content contentOf(const QString& path) {
-    if (QFileInfo(path).isFile() && FileTypes::fileMatchesAnyType(path, {FileTypes::VONK}))
-        return {true, false};
+    // A directory of that name is any directory, whatever it holds.
+    if (FileTypes::fileMatchesAnyType(path, {FileTypes::VONK}))
+        return {QFileInfo(path).isFile(), false};
     const bool isMsData = MsDataFileUtils::isValidMsData(path);
     return {isMsData, isMsData};
 }
