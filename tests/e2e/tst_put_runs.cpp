@@ -125,6 +125,19 @@ TEST_F(PutTaken, ADryRunTellsEverythingAndChangesNothing) {
     EXPECT_THAT(text.out.toStdString(), HasSubstr("would be sent; nothing was"));
 }
 
+TEST_F(PutTaken, ADryRunGivesNoNameThatSomethingBesideItWillHave) {
+    makePacked("2026/run.vonk");
+    client.mustRun({"put", "2026", "--to", "/raw"});
+    write("2026/run.vonk", "something else");
+    write("2026/run (2)", "packed, it would be run (2).vonk");
+    const Outcome outcome = putTree({"--if-exists", "keep-both", "--dry-run"});
+    for (const QJsonObject& entry : ofType(outcome, "planned")) {
+        if (entry["path"] == client.path("2026/run.vonk"))
+            EXPECT_EQ(entry["name"], "run (3).vonk");
+    }
+    EXPECT_EQ(ofType(outcome, "planned").size(), 5) << outcome.out.constData();
+}
+
 // ---- somebody is asked
 
 const std::string question = "[q]uit";
@@ -153,6 +166,19 @@ TEST_F(PutQuestions, EachIsAskedAboutInTurnAndOthersGoOnMeanwhile) {
     EXPECT_EQ(onServer("/raw/2026"),
               (QStringList{"/raw/2026/a (2).txt@1", "/raw/2026/a.txt@1", "/raw/2026/b.txt@1",
                            "/raw/2026/c (2).txt@1", "/raw/2026/c.txt@1"}));
+}
+
+// Nobody answers what was not seen.
+TEST_F(PutQuestions, WhatIsTypedAheadIsNoAnswer) {
+    Terminal terminal(client, asking());
+    ASSERT_TRUE(terminal.waitFor(question)) << terminal.seen();
+    terminal.type("s\nk\n");
+    ASSERT_TRUE(terminal.waitFor(question)) << terminal.seen();
+    terminal.type("s\n");
+    EXPECT_FALSE(terminal.waitFor(question)) << terminal.seen();
+    EXPECT_EQ(terminal.finish(), 0) << terminal.seen();
+    EXPECT_EQ(onServer("/raw/2026"),
+              (QStringList{"/raw/2026/a.txt@1", "/raw/2026/b.txt@1", "/raw/2026/c.txt@1"}));
 }
 
 TEST_F(PutQuestions, AnAnswerForAllIsAskedForOnce) {

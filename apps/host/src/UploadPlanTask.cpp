@@ -2,6 +2,7 @@
 
 #include "UploadAccount.h"
 
+#include <FileTypes.h>
 #include <FileUtils.h>
 #include <HalvaneConnectionUtils.h>
 #include <HalvaneItemTasks.h>
@@ -48,6 +49,13 @@ UploadReport reportOf(const QList<LocalTree>& trees, const QList<UploadFailure>&
         }
     }
     return account.report(trees, trees, false);
+}
+
+// Whether something beside it will have that name on the server, as it is or packed; as an upload sees it.
+bool isNameOfSibling(const QDir& siblings, const QString& name) {
+    const QString stem = name.left(name.lastIndexOf(u'.'));
+    return siblings.exists(name) ||
+           (orx::FileTypes::addMissingExtension(stem, orx::FileTypes::VONK) == name && siblings.exists(stem));
 }
 
 } // namespace
@@ -191,7 +199,7 @@ QString UploadPlanTask::freeName(const LocalEntry& entry, int folderId) {
     const QString name = orx::FileUtils::freeName(entry.serverName(), [&](const QString& candidate) {
         return candidate == entry.serverName() || given.contains(candidate) ||
                HalvaneConnectionUtils::findFileIdInFiles(candidate, files) != -1 ||
-               siblings.exists(candidate);
+               isNameOfSibling(siblings, candidate);
     });
     given.insert(name);
     return name;
