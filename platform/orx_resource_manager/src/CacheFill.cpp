@@ -15,6 +15,9 @@ using namespace CacheFiles;
 
 namespace {
 
+//! Told only to who asks for it.
+Q_LOGGING_CATEGORY(waitingLog, "orx.cache.waiting", QtWarningMsg)
+
 QString translated(const char* text) {
     return QCoreApplication::translate("orx::ResourceCache", text);
 }
@@ -40,7 +43,7 @@ Result<CacheFill::Begun> CacheFill::waitForOther() {
         const auto record = m_store->valid(m_place, CachePayload::Depth::Top);
         if (record)
             m_addedBefore = record->entry.addedAt;
-        qCInfo(cacheLog).noquote()
+        qCInfo(waitingLog).noquote()
             << translated("Waiting for who fills \"%1\" in the cache.").arg(m_place.text());
     }
     m_hasWaited = true;

@@ -10,6 +10,8 @@
 #include "CacheEntries.h"
 #include "CacheFixture.h"
 
+#include <QLoggingCategory>
+
 #include <cstdio>
 
 using namespace orx;
@@ -87,8 +89,9 @@ int main(int argc, char** argv) {
         keepLease(cache, arguments.at(2));
         return 0;
     }
+    QLoggingCategory::setFilterRules(u"orx.cache.waiting.info=true"_qs);
     qInstallMessageHandler([](QtMsgType type, const QMessageLogContext& context, const QString& message) {
-        if (type == QtInfoMsg && QLatin1String(context.category) == QLatin1String("orx.cache"))
+        if (type == QtInfoMsg && QLatin1String(context.category) == QLatin1String("orx.cache.waiting"))
             say("waiting");
         else
             std::fprintf(stderr, "%s\n", qPrintable(message));
