@@ -132,8 +132,9 @@ TEST_F(PutTaken, ADryRunGivesNoNameThatSomethingBesideItWillHave) {
     write("2026/run (2)", "packed, it would be run (2).vonk");
     const Outcome outcome = putTree({"--if-exists", "keep-both", "--dry-run"});
     for (const QJsonObject& entry : ofType(outcome, "planned")) {
-        if (entry["path"] == client.path("2026/run.vonk"))
+        if (entry["path"] == client.path("2026/run.vonk")) {
             EXPECT_EQ(entry["name"], "run (3).vonk");
+        }
     }
     EXPECT_EQ(ofType(outcome, "planned").size(), 5) << outcome.out.constData();
 }
