@@ -456,8 +456,12 @@ TEST_F(DangerousNames, OfAFileThatIsAskedForItselfAreRefusedTooUnlessAnotherName
 TEST_F(DangerousNames, OfAnAcquisitionMakeNothingOutsideTheTargetEither) {
     QFile packed(ORX_PACKED_TEST_DATA_DIR "/version2.vonk");
     ASSERT_TRUE(packed.open(QIODevice::ReadOnly));
-    const QString reference = QString("file:%1").arg(service.addFile("/../escaped.vonk", packed.readAll()));
+    const int id = service.addFile("/../escaped.vonk", packed.readAll());
+    const QString reference = QString("file:%1").arg(id);
     ASSERT_TRUE(QDir().mkpath(client.path("deep/in")));
+    // Where it would be unpacked by that name.
+    const QString outside = QString("escaped.vonk-unpacked.halvane-part-%1-1").arg(id);
+    client.makeFile("deep/" + outside, "of somebody");
     ASSERT_TRUE(
         client.login(QUrl(QString::fromStdString(server.url(""))), service.userName(), service.password()));
     EXPECT_NE(client.run({"get", reference, "--to", "deep/in"}).exitCode, 0);
@@ -466,7 +470,8 @@ TEST_F(DangerousNames, OfAnAcquisitionMakeNothingOutsideTheTargetEither) {
     EXPECT_EQ(outcome.exitCode, 0) << outcome.err.constData();
     EXPECT_EQ(client.filesIn("deep/in"), QStringList{"x"});
     EXPECT_TRUE(QFileInfo(client.path("deep/in/x")).isDir());
-    EXPECT_EQ(client.filesIn("deep"), QStringList{"in"});
+    EXPECT_EQ(client.filesIn("deep"), (QStringList{outside, "in"}));
+    EXPECT_EQ(Client::contentOf(client.path("deep/" + outside)), "of somebody");
     EXPECT_EQ(client.filesIn(), QStringList{"deep"});
 }
 
