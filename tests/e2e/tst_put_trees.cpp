@@ -194,6 +194,23 @@ TEST_F(PutTrees, OfRawDataNothingIsKeptInTheCacheWhenThatIsNotWanted) {
     EXPECT_EQ(client.mustRun({"--json", "cache", "ls"}).objects().size(), 1);
 }
 
+TEST_F(PutTrees, OfRawDataThatIsNotWholeSomebodyIsWarned) {
+    makeRawFile("run.mzML");
+    ASSERT_TRUE(QFile::setPermissions(client.path("run.mzML"), QFile::ReadOwner | QFile::WriteOwner));
+    ASSERT_TRUE(QFile::resize(client.path("run.mzML"), 2'000));
+    const Outcome single = put({"run.mzML", "--to", "/raw"});
+    EXPECT_EQ(single.exitCode, 0);
+    EXPECT_EQ(single.object()["name"], "run.mzML");
+    EXPECT_THAT(single.err.toStdString(), HasSubstr("looks like raw data (mzml)"));
+    EXPECT_THAT(put({"run.mzML", "--to", "/raw", "--as-file", "--new-version"}).err.toStdString(),
+                ::testing::Not(HasSubstr("looks like raw data")));
+    makeDirectory("folder");
+    ASSERT_TRUE(QFile::rename(client.path("run.mzML"), client.path("folder/run.mzML")));
+    const Outcome tree = put({"folder", "--to", "/raw"});
+    EXPECT_EQ(tree.exitCode, 0);
+    EXPECT_THAT(tree.err.toStdString(), HasSubstr("folder/run.mzML\" looks like raw data (mzml)"));
+}
+
 TEST_F(PutTrees, ACompanionIsSentOnceAndComesBackWithItsRawData) {
     const QByteArray uuid = "12345678-1234-1234-1234-123456789abc";
     const QString document = write(

@@ -123,6 +123,10 @@ void addRemarks(LocalTree& tree, const std::stop_token& stop) {
                 QStringLiteral("\"%1\" is raw data, but named like a packed acquisition: it goes up as a "
                                "folder. Rename it to have it packed.")
                     .arg(entry.path));
+        if (entry.kind == Kind::File || entry.kind == Kind::Directory) {
+            if (const QString remark = remarkOnDoubtfulData(entry.path); !remark.isEmpty())
+                tree.remarks.append(remark);
+        }
         if (!entry.isUpload())
             continue;
         const QString target = QFileInfo(entry.path).path() + u'/' + entry.serverName();
@@ -160,6 +164,14 @@ QString namedPath(const QString& path) {
     const QString name = QFileInfo(named).fileName();
     const bool isNamed = name != QStringLiteral(".") && name != QStringLiteral("..");
     return isNamed ? named : QFileInfo(named).canonicalFilePath();
+}
+
+QString remarkOnDoubtfulData(const QString& path) {
+    const orx::MsDataCheck check = orx::MsDataFileUtils::checkMsData(path);
+    if (check.kind == orx::MsDataKind::None || check.isValid())
+        return {};
+    return QStringLiteral("\"%1\" looks like raw data (%2), but goes up as it is and not packed. %3")
+        .arg(path, orx::msDataKindId(check.kind), check.reason);
 }
 
 QString LocalEntry::serverName() const {

@@ -49,7 +49,8 @@ struct HALVANE_HOST_EXPORT LocalTree {
     //! Itself first, every directory before its entries; in the order of names.
     QList<LocalEntry> entries;
     //! What somebody might not expect of it, a sentence each: two entries that go up under one name, a
-    //! directory of raw data that goes up as a folder for its name.
+    //! directory of raw data that goes up as a folder for its name, raw data that is not packed since
+    //! something of it is missing.
     QStringList remarks;
 
     const LocalEntry& root() const { return entries.first(); }
@@ -68,5 +69,9 @@ struct HALVANE_HOST_EXPORT LocalTree {
 //! The same path with the name of what is there at its end, when it is a directory whose path says none:
 //! "run.d/", "run.d/.", "." and "..". Blocks for a look.
 HALVANE_HOST_EXPORT QString namedPath(const QString& path);
+
+//! Why what looks like raw data is not packed but goes up as it is, a sentence or two with the path; empty
+//! for everything else. Blocks for a look.
+HALVANE_HOST_EXPORT QString remarkOnDoubtfulData(const QString& path);
 
 } // namespace halvane::host

@@ -69,6 +69,22 @@ TEST_F(LocalTreeTest, RawDataThatIsNamedLikeAPackedAcquisitionIsAFolderAndThatIs
     EXPECT_THAT(tree.remarks.first().toStdString(), HasSubstr("run.vonk\" is raw data"));
 }
 
+TEST_F(LocalTreeTest, RawDataThatIsNotWholeGoesUpAsItIsAndThatIsRemarked) {
+    copyRawDirectory(QStringLiteral("t/run.d"));
+    ASSERT_TRUE(QFile::remove(at(QStringLiteral("t/run.d/analysis.tdf_bin"))));
+    copyRawFile(QStringLiteral("t/cut.mzML"));
+    const QString cut = at(QStringLiteral("t/cut.mzML"));
+    ASSERT_TRUE(QFile::resize(cut, QFileInfo(cut).size() - 10));
+    const LocalTree tree = scan();
+    EXPECT_EQ(kinds(tree).value(QStringLiteral("run.d")), Kind::Directory);
+    EXPECT_EQ(kinds(tree).value(QStringLiteral("cut.mzML")), Kind::File);
+    ASSERT_EQ(tree.remarks.size(), 2);
+    EXPECT_THAT(
+        tree.remarks.first().toStdString(),
+        ::testing::AllOf(HasSubstr("cut.mzML\" looks like raw data (mzml)"), HasSubstr("is not complete")));
+    EXPECT_THAT(tree.remarks.last().toStdString(), HasSubstr("analysis.tdf_bin"));
+}
+
 // What a folder upload asks about, and what it makes of the answer, depends on it.
 TEST_F(LocalTreeTest, TheCheckOfUploadsAgreesOnWhatIsRawData) {
     write(QStringLiteral("t/a.txt"));
