@@ -187,6 +187,16 @@ TEST_F(SampleDataUpload, CancelledWhilePackingItLeavesNothing) {
     EXPECT_TRUE(temporaryFiles().isEmpty());
 }
 
+TEST_F(SampleDataUpload, TheInnerUploadHasThePolicyOptions) {
+    server.service().addFile(QStringLiteral("small.mgf.vonk"), "old", ScriptedHalvaneService::RootFolder, 7);
+    HalvaneSampleDataUploadTask task(
+        uploadOf(raw, ScriptedHalvaneService::RootFolder, ItemType::Folder, ByName), nullptr);
+    EXPECT_FALSE(run(task).hasError());
+    ASSERT_TRUE(task.uploadedFile().has_value());
+    EXPECT_EQ(task.uploadedFile()->reference().fileId, 7);
+    EXPECT_EQ(task.uploadedFile()->reference().version, 2);
+}
+
 // The worker is anywhere: before its file is there, while it writes it, or when it is through.
 TEST_F(SampleDataUpload, DestroyedWhilePackingItLeavesNothing) {
     for (int turns = 0; turns < 12; ++turns) {
