@@ -234,6 +234,21 @@ TEST_F(Cache, PruningKeepsWhatIsPinned) {
     EXPECT_TRUE(entries().isEmpty());
 }
 
+TEST_F(Cache, ADamagedCopyMayBeUnpinned) {
+    put();
+    const QString place = entries()[0]["sub_path"].toString();
+    for (const QString& named : {QString("/raw/run.mzML"), place}) {
+        client.mustRun({"cache", "pin", named});
+        ASSERT_TRUE(QFile::setPermissions(cachePath(), QFile::ReadOwner | QFile::WriteOwner));
+        ASSERT_TRUE(QFile::resize(cachePath(), QFileInfo(cachePath()).size() - 1));
+        EXPECT_EQ(client.run({"cache", "pin", named}).exitCode, 3);
+        EXPECT_EQ(client.mustRun({"--json", "cache", "unpin", named}).object()["pinned"], false);
+        client.mustRun({"cache", "prune", "--max-size", "0"});
+        EXPECT_EQ(client.run({"cache", "unpin", named}).exitCode, 3);
+        get();
+    }
+}
+
 TEST_F(Cache, ThePathOfACopyIsPrinted) {
     put({"--no-cache"});
     const Outcome absent = client.run({"--json", "cache", "path", "/raw/run.mzML"});

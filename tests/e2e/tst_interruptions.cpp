@@ -243,6 +243,9 @@ TEST_F(Interruptions, APutUnderAnotherNameIsFoundAgain) {
         const QList<QJsonObject> files = listing();
         ASSERT_EQ(files.size(), 1);
         EXPECT_EQ(files[0]["version"], version);
+        const Outcome kept = client.mustRun({"cache", "path", QString("file:1@%1").arg(version)});
+        EXPECT_TRUE(Client::contentOf(QString::fromUtf8(kept.out).trimmed()) == Client::contentOf(file))
+            << "what the killed run could not put into the cache";
     }
 }
 

@@ -351,25 +351,27 @@ int Runner::withCopy(const CacheCommand& command) {
     if (named.hasError())
         return m_output.error(named.error());
     const auto& [item, handler] = named.value();
-    // Looks at all of it, and keeps it from being removed meanwhile.
+    const Error missing(
+        ErrorCode::NotFound,
+        (item.isFolder()
+             ? QStringLiteral("\"%1\" (%2) is not in the cache as a whole; \"halvane get\" brings "
+                              "the files of a folder there, each by itself.")
+             : QStringLiteral("\"%1\" (%2) is not in the cache; \"halvane get\" brings it there."))
+            .arg(item.name, item.reference()));
+    const auto told = [&](const Error& error) {
+        return m_output.error(error.is(ErrorCode::NotFound) ? missing : error);
+    };
+    // Looks at all of it, and keeps it from being removed meanwhile. What is damaged may be unpinned too.
     handler->overrideRetrieveMode(ResourceHandler::RetrieveMode::CacheOnly);
-    const auto path = handler->retrieve();
-    if (path.hasError() && path.error().is(ErrorCode::NotFound))
-        return m_output.error(
-            Error(ErrorCode::NotFound,
-                  (item.isFolder()
-                       ? QStringLiteral("\"%1\" (%2) is not in the cache as a whole; \"halvane get\" brings "
-                                        "the files of a folder there, each by itself.")
-                       : QStringLiteral("\"%1\" (%2) is not in the cache; \"halvane get\" brings it there."))
-                      .arg(item.name, item.reference())));
+    const bool unpin = command.action == CacheCommand::Action::Unpin;
+    const auto path = unpin ? handler->expectedPath() : handler->retrieve();
     if (path.hasError())
-        return m_output.error(path.error());
+        return told(path.error());
     if (command.action != CacheCommand::Action::Path) {
-        const bool pin = command.action == CacheCommand::Action::Pin;
         const Error error =
-            handler->setCleanupPolicy(pin ? ResourceCleanupPolicy::Keep : ResourceCleanupPolicy::Automatic);
+            handler->setCleanupPolicy(unpin ? ResourceCleanupPolicy::Automatic : ResourceCleanupPolicy::Keep);
         if (error.hasError())
-            return m_output.error(error);
+            return told(error);
     }
     const auto policy = handler->cleanupPolicy();
     if (policy.hasError())
@@ -396,18 +398,18 @@ int Runner::withEntry(const CacheCommand& command, ResourceCache& cache) {
         ErrorCode::NotFound,
         QStringLiteral("\"%1\" is not in the cache, or is damaged; \"halvane cache ls\" lists what is.")
             .arg(command.subPath));
-    if (!cache.contains(command.subPath))
+    const bool unpin = command.action == CacheCommand::Action::Unpin;
+    if (!unpin && !cache.contains(command.subPath))
         return m_output.error(missing);
     // What is handed out is looked into.
     if (command.action == CacheCommand::Action::Path)
         if (const Error error = cache.look(command.subPath); error.hasError())
             return m_output.error(error.is(ErrorCode::NotFound) ? missing : error);
-    const bool pin = command.action == CacheCommand::Action::Pin;
     if (command.action != CacheCommand::Action::Path) {
-        const Error error = cache.setCleanupPolicy(command.subPath, pin ? ResourceCleanupPolicy::Keep
-                                                                        : ResourceCleanupPolicy::Automatic);
+        const Error error = cache.setCleanupPolicy(command.subPath, unpin ? ResourceCleanupPolicy::Automatic
+                                                                          : ResourceCleanupPolicy::Keep);
         if (error.hasError())
-            return m_output.error(error);
+            return m_output.error(error.is(ErrorCode::NotFound) ? missing : error);
     }
     const auto policy = cache.cleanupPolicy(command.subPath);
     if (policy.hasError())

@@ -7,9 +7,12 @@
 #include <HalvaneConnectionUtils.h>
 #include <HalvaneError.h>
 #include <HalvaneHistory.h>
+#include <HalvaneResourceReference.h>
 #include <HalvaneUploadTasks.h>
 #include <JournalHold.h>
 #include <MsDataFileUtils.h>
+#include <RemoteResourceHandler.h>
+#include <ResourceManager.h>
 #include <WorkerStepTask.h>
 #include <tasks/HalvaneFileUploadTask.h>
 #include <tasks/HalvaneSampleDataUploadTask.h>
@@ -277,11 +280,33 @@ void UploadFileJob::describe(const HalvaneApiReference& file) {
     HalvaneGetFileMetadataTask* raw = metadata.get();
     const auto onSuccess = [this, raw, version = file.version](BaseTask*) {
         m_item = RemoteItem::fromFile(raw->fileItem(), {});
+        if (m_foundCommitted)
+            keepFound(version);
         if (m_item.version != version)
             describeVersion(version);
     };
     execSubtask(std::unique_ptr<BaseTask>(std::move(metadata)), onSuccess,
                 [this](BaseTask* task) { warnOfUnread(task->error()); });
+}
+
+// The run that made the version did not live to put the file into the cache. What is packed or was packed
+// would have to be unpacked there: it is fetched when somebody wants it.
+void UploadFileJob::keepFound(int version) {
+    const bool isPacked =
+        m_isPacked || orx::FileTypes::fileMatchesAnyType(m_request.localPath, {orx::FileTypes::VONK});
+    if (!m_request.keepInCache || isPacked)
+        return;
+    const auto reference = orx::HalvaneFileResourceReference::create(m_item.id, version, m_item.name);
+    const auto handler = reference.hasError()
+                             ? Result<QSharedPointer<orx::ResourceHandler>>(reference.error())
+                             : orx::ResourceManager::getHandler(*reference);
+    const auto remote = handler.hasError() ? QSharedPointer<orx::RemoteResourceHandler>()
+                                           : handler->dynamicCast<orx::RemoteResourceHandler>();
+    const Error error =
+        remote ? remote->addToCache(orx::Path(m_request.localPath, orx::PathType::File)) : handler.error();
+    if (error.hasError())
+        addWarning(QStringLiteral("The file is on the server, but no copy of it is in the cache: %1")
+                       .arg(errorText(error)));
 }
 
 void UploadFileJob::warnOfUnread(const Error& error) {

@@ -82,6 +82,7 @@ private:
     void awaitJournal(const orx::HalvaneApiReference& file);
     void describe(const orx::HalvaneApiReference& file);
     void describeVersion(int version);
+    void keepFound(int version);
     void warnOfUnread(const orx::Error& error);
 
     //! The name that the file is looked for under, and gets.
