@@ -250,6 +250,26 @@ TEST_P(DownloadClashes, OfAFolderTheClashMapTellsFilesOfTheDownloadFromWhatWasTh
     EXPECT_EQ(tree(), expected);
 }
 
+TEST_P(DownloadClashes, WhatAnAcquisitionHoldsTakesNoNameOfAnotherItemOfTheFolder) {
+    const int raw = makeFolder(text("raw"));
+    const int packed = makePacked(text("run1.raw.vonk"), {text("run1.raw")}, "packed", raw);
+    makeFile(text("run1.raw"), "plain", raw);
+    const int other = makePacked(text("sub.vonk"), {text("sub")}, "packed", raw);
+    makeFolder(text("sub"), raw);
+    for (const auto policy : {DuplicateDownloadPolicy::Overwrite, DuplicateDownloadPolicy::Skip}) {
+        SCOPED_TRACE(int(policy));
+        const QString directory = text("with policy %1").arg(int(policy));
+        const auto task = downloadInto(raw, directory);
+        task->setDuplicatePolicy(policy);
+        ASSERT_FALSE(run(*task).hasError()) << qPrintable(task->error().traceText());
+        const QStringList all = tree();
+        for (const QString& expected :
+             {text("run1.raw=plain"), text("run1 (file %1).raw=run1.raw of packed").arg(packed),
+              text("sub (file %1)=sub of packed").arg(other), text("sub/")})
+            EXPECT_TRUE(all.contains(directory + u'/' + expected)) << qPrintable(all.join(u' '));
+    }
+}
+
 TEST_P(DownloadClashes, AFolderBringsWhatAcquisitionsHoldUnderItsOwnNamesAndTwinsApart) {
     const int raw = makeFolder(text("raw"));
     makePacked(text("run1.raw.vonk"), {text("run1.raw")}, "first", raw);

@@ -249,6 +249,28 @@ TEST_F(Interruptions, APutUnderAnotherNameIsFoundAgain) {
     }
 }
 
+TEST_F(Interruptions, WhatIsFoundAgainIsKeptInTheCacheOnlyAsItWasSent) {
+    const auto setTime = [this] {
+        QFile opened(file);
+        ASSERT_TRUE(opened.open(QIODevice::ReadWrite));
+        ASSERT_TRUE(opened.setFileTime(QDateTime::fromSecsSinceEpoch(1'700'000'000),
+                                       QFileDevice::FileModificationTime));
+    };
+    file = client.makeLargeFile("run.mzML", 2 * chunkSize, 1);
+    setTime();
+    const QStringList command{"--json", "put", file, "--to", "/raw"};
+    const auto hold = proxy->holdReply({"POST", finalizePath});
+    const auto process = client.start(command);
+    hold->waitUntilAnswered();
+    process->kill();
+    ASSERT_TRUE(process->waitForFinished());
+    hold->drop();
+    client.makeLargeFile("run.mzML", 2 * chunkSize, 2);
+    setTime();
+    EXPECT_EQ(client.mustRun(command).object()["outcome"], "found");
+    EXPECT_EQ(client.run({"cache", "path", "file:1@1"}).exitCode, 3);
+}
+
 // Nobody is told that the file is not there. Only where metadata are missing, another run goes on.
 TEST_F(Interruptions, WhatStopsAPutAfterItsVersionIsMadeSaysThatTheFileIsThere) {
     const QStringList command{"--json", "put", file, "--to", "/raw", "--metadata", "operator=anna"};

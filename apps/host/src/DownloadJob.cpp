@@ -6,6 +6,7 @@
 #include "ResolveItemTask.h"
 
 #include <DownloadNames.h>
+#include <TargetDirectories.h>
 #include <WorkerStepTask.h>
 
 #include <QDir>
@@ -28,11 +29,9 @@ Error noDirectory(const QString& path) {
                  QStringLiteral("The directory \"%1\" does not exist; make it first.").arg(path));
 }
 
+// Durably: what is told as downloaded lies in it.
 Error makeDirectory(const QString& path) {
-    if (QFileInfo(path).isDir() || QDir().mkdir(path))
-        return {};
-    return Error(ErrorCode::FileNotWritable,
-                 QStringLiteral("The directory \"%1\" could not be made.").arg(path));
+    return QFileInfo(path).isDir() ? Error() : orx::TargetDirectories::makeInside(QDir(path).absolutePath());
 }
 
 Error merged(const QString& source, const QString& path, const QString& maker) {

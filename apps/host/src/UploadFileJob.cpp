@@ -4,6 +4,8 @@
 #include "ResolveItemTask.h"
 
 #include <FileTypes.h>
+#include <HalvaneAcknowledgedContents.h>
+#include <HalvaneConnection.h>
 #include <HalvaneConnectionUtils.h>
 #include <HalvaneError.h>
 #include <HalvaneHistory.h>
@@ -294,8 +296,11 @@ void UploadFileJob::describe(const HalvaneApiReference& file) {
 void UploadFileJob::keepFound(int version) {
     const bool isPacked =
         m_isPacked || orx::FileTypes::fileMatchesAnyType(m_request.localPath, {orx::FileTypes::VONK});
-    if (!m_request.keepInCache || isPacked)
+    if (!m_request.keepInCache || isPacked || m_item.version != version || m_item.sha256.isEmpty())
         return;
+    // The journal knows the file by its size and times: what is cached is compared with what was sent.
+    orx::HalvaneAcknowledgedContents::record(orx::HalvaneConnection::instance().serverKey(), m_item.id,
+                                             version, m_item.sha256.toLatin1());
     const auto reference = orx::HalvaneFileResourceReference::create(m_item.id, version, m_item.name);
     const auto handler = reference.hasError()
                              ? Result<QSharedPointer<orx::ResourceHandler>>(reference.error())

@@ -3,6 +3,8 @@
 #include "DownloadNames.h"
 #include "LocalNames.h"
 
+#include <FileTypes.h>
+
 #include <QCoreApplication>
 
 #include <algorithm>
@@ -53,7 +55,8 @@ private:
 };
 
 //! Items that have their names for themselves keep them, whatever free names the others would get.
-void giveNames(NamedItems<HalvaneFolderTreeNode>& folders, NamedItems<HalvaneFileItem>& files) {
+//! The names that are taken then.
+LocalNames giveNames(NamedItems<HalvaneFolderTreeNode>& folders, NamedItems<HalvaneFileItem>& files) {
     LocalNames names;
     folders.sort();
     files.sort();
@@ -61,6 +64,17 @@ void giveNames(NamedItems<HalvaneFolderTreeNode>& folders, NamedItems<HalvaneFil
     files.keepNames(names);
     folders.giveFreeNames(names);
     files.giveFreeNames(names);
+    return names;
+}
+
+//! See FolderDownloadPlan::File::contentName. A packed file says nothing of its content but by its own name:
+//! "run1.raw.vonk" holds "run1.raw".
+QString contentNameOf(const HalvaneFileItem& file, const QString& localName, LocalNames& names) {
+    if (FileTypes::fileType(file.name()) != FileTypes::VONK)
+        return {};
+    const QString content = file.name().left(file.name().lastIndexOf(u'.'));
+    const bool isFree = localName == file.name() && names.take(content);
+    return isFree ? QString() : names.takeFree(content, LocalNames::Kind::File, file.id());
 }
 
 } // namespace
@@ -119,13 +133,13 @@ QList<FolderDownloadPlan::Refused> FolderDownloadPlan::listed(const Folder& fold
     }
     if (m_stopped)
         return refused;
-    giveNames(namedFolders, namedFiles);
+    LocalNames names = giveNames(namedFolders, namedFiles);
     for (const auto& [child, name] : namedFolders)
         m_folders.push_back({child->id(), childPath(folder.path, name)});
     for (const auto& [child, name] : namedFiles) {
         m_files.push_back({child->id(), child->lastVersion(), child->size(), child->sha256().toLatin1(),
                            child->sourceModifiedAt(), child->modifiedAt(), child->alias(), child->name(),
-                           name, folder.path});
+                           name, contentNameOf(*child, name, names), folder.path});
         m_totalBytes += std::max<qint64>(0, child->size());
         ++m_totalFiles;
     }

@@ -35,6 +35,9 @@ public:
         //! On the server and in the target.
         QString name;
         QString localName;
+        //! Of a packed acquisition: what its content is to be called when it is a single file; empty: as it
+        //! calls itself, which nothing else in the directory is called as far as names tell.
+        QString contentName;
         //! Of the folder it is in.
         QString directory;
         QString path() const { return directory.isEmpty() ? localName : directory + u'/' + localName; }

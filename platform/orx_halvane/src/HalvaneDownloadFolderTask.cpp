@@ -312,12 +312,8 @@ void HalvaneDownloadFolderTaskBase::Private::fetch(const File& file) {
 }
 
 QString HalvaneDownloadFolderTaskBase::Private::nameFor(const File& file) const {
-    if (!q->namesContent() || FileTypes::fileType(file.name) != FileTypes::VONK)
-        return file.localName;
-    if (file.localName == file.name)
-        return {};
-    const QString content = file.name.left(file.name.lastIndexOf(u'.'));
-    return DownloadNames::marked(content, QStringLiteral(" (file %1)").arg(file.id));
+    const bool namesContent = q->namesContent() && FileTypes::fileType(file.name) == FileTypes::VONK;
+    return namesContent ? file.contentName : file.localName;
 }
 
 Result<std::unique_ptr<Task>> HalvaneDownloadFolderTaskBase::Private::makeTask(const File& file) {
