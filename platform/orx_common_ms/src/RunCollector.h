@@ -48,7 +48,10 @@ public:
     void addUnreadableArray(const QString& reason);
     //! The time of a spectrum has no unit, or one that is not known.
     void addTimeWithoutUnit() { ++m_timesWithoutUnit; }
-    void setInstrument(const QString& instrument) { m_summary.instrument = instrument; }
+    //! Without byte-order marks, which are no text, and of which each reader of the summary would drop one.
+    void setInstrument(QString instrument) {
+        m_summary.instrument = instrument.remove(QChar(QChar::ByteOrderMark));
+    }
     void setStartTime(const QString& startTime) { m_summary.startTime = startTime; }
     //! Of the run as a whole, where spectra state none.
     void setMz(const ValueRange& range) { m_observedMz = range; }

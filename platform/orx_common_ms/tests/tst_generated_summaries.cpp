@@ -6,6 +6,8 @@
 #include <SummaryReaders.h>
 
 #include <QDir>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QtEndian>
 
 #include <gtest/gtest.h>
@@ -517,6 +519,14 @@ TEST(MgfSummary, readsListsWithEverythingThatTheyMayHold) {
     expectOnlyPoint(summary, {3, 7, 7});
     EXPECT_EQ(summary.notes,
               (QStringList{QStringLiteral("Spectra without a time, which are not in the trace: 1.")}));
+}
+
+TEST(MgfSummary, hasNoByteOrderMarksInItsTextsSoThatJsonGivesItBack) {
+    const RunSummary summary = readMgf("INSTRUMENT=\xef\xbb\xbf\xef\xbb\xbf"
+                                       "A trap\nBEGIN IONS\nPEPMASS=1\n1 2\nEND IONS\n");
+    EXPECT_EQ(summary.instrument, QStringLiteral("A trap"));
+    const QByteArray text = QJsonDocument(summary.toJson()).toJson();
+    EXPECT_EQ(*RunSummary::fromJson(QJsonDocument::fromJson(text).object()), summary);
 }
 
 TEST(MgfSummary, isAbsentWithTheReasonWhenItIsDamaged) {

@@ -25,7 +25,8 @@ public:
 };
 
 //! Answers for one reference. Held by QSharedPointer; retrievals keep their handler alive. Thread: that of
-//! its maker. The calls named "blocking" process events of the thread while they wait; the others never wait.
+//! its maker. The calls named "blocking" process events of the thread while they wait; the others wait
+//! for no server and no other retrieval, but some may for the cache's records; see docs/cache.md.
 class ORX_RESOURCE_MANAGER_EXPORT ResourceHandler : public QEnableSharedFromThis<ResourceHandler> {
 public:
     //! The values are fixed.
