@@ -55,7 +55,9 @@ Result<std::optional<CacheRecords::Record>> CacheFill::look() {
     // Before the look, so that nobody removes what was seen.
     auto use = m_store->tryUse(m_place);
     auto record = m_store->valid(m_place, CachePayload::Depth::Everything);
-    if (record.hasError() && record.error().is(ErrorCode::InvalidArgument))
+    // Somebody exchanges it all the time: that there is none would not be true.
+    if (record.hasError() &&
+        (record.error().is(ErrorCode::InvalidArgument) || record.error().is(ErrorCode::Busy)))
         return record.error();
     if (record.hasError())
         return std::optional<CacheRecords::Record>();

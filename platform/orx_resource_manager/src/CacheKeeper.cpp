@@ -9,8 +9,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <fcntl.h>
-#include <sys/stat.h>
 
 namespace orx {
 
@@ -21,8 +19,6 @@ namespace {
 //! Records that go in one transaction: few at first, which make room for the rest on a full disk.
 constexpr std::ptrdiff_t kFirstBatch = 8;
 constexpr std::ptrdiff_t kLargestBatch = 256;
-//! At an entry that is replaced while it is verified.
-constexpr int kLooks = 3;
 
 QString translated(const char* text) {
     return QCoreApplication::translate("orx::ResourceCache", text);
@@ -217,32 +213,6 @@ Result<QString> CacheKeeper::damageOf(const CacheSubPath& place, CacheRecords::R
     return QString();
 }
 
-namespace {
-
-//! Tells what lies at a place from what is brought there later, and from what is brought back.
-struct Identity {
-    dev_t device = 0;
-    ino_t inode = 0;
-    qint64 changedNs = 0;
-    bool operator==(const Identity&) const = default;
-};
-
-Identity identityOf(int parent, const QByteArray& name) {
-    struct stat status {};
-    if (::fstatat(parent, name.constData(), &status, AT_SYMLINK_NOFOLLOW) != 0)
-        return {};
-    return {status.st_dev, status.st_ino,
-            qint64(status.st_ctim.tv_sec) * 1'000'000'000 + status.st_ctim.tv_nsec};
-}
-
-//! Whether both tell of the same content, brought at the same time.
-bool isSameContent(const CacheRecords::Record& a, const CacheRecords::Record& b) {
-    return a.id == b.id && a.entry.addedAt == b.entry.addedAt && a.payload.sha256 == b.payload.sha256 &&
-           a.payload.bytes == b.payload.bytes && a.payload.modifiedNs == b.payload.modifiedNs;
-}
-
-} // namespace
-
 //! One look at an entry.
 struct CacheKeeper::Finding {
     CacheRecords::Record record;
@@ -254,13 +224,9 @@ struct CacheKeeper::Finding {
 
 //! None when the entry was replaced meanwhile: between the exchange of a content and that of its record the
 //! two differ. ErrorCode::NotFound when it is gone.
-Result<std::optional<CacheKeeper::Finding>> CacheKeeper::lookAt(const CacheSubPath& place, CacheLocks& locks,
+Result<std::optional<CacheKeeper::Finding>> CacheKeeper::lookAt(const CacheSubPath& place,
                                                                 const std::function<bool(qint64)>& onBytes) {
-    const auto identity = [&] {
-        const auto parent = m_store.openParent(place);
-        return parent ? identityOf(parent->get(), place.name()) : Identity();
-    };
-    const Identity before = identity();
+    const CacheStore::Identity seen = m_store.identityAt(place);
     auto record = m_store.records().find(place.text(), CachePayload::Depth::Everything);
     if (record.hasError())
         return record.error();
@@ -269,15 +235,12 @@ Result<std::optional<CacheKeeper::Finding>> CacheKeeper::lookAt(const CacheSubPa
         return std::move(damage).error();
     if (damage->isEmpty())
         return std::optional(Finding{std::move(*record), QString(), std::nullopt});
-    auto atPlace = locks.waitExclusive(CacheLocks::offset(place.key(), CacheLocks::kPlace));
-    if (!atPlace)
-        return CacheStore::busy(place.text());
-    const auto now = m_store.records().find(place.text());
-    if (now.hasError())
-        return now.error();
-    if (!isSameContent(*now, *record) || identity() != before)
+    auto atPlace = m_store.holdUnchanged(place, seen, *record);
+    if (atPlace.hasError())
+        return std::move(atPlace).error();
+    if (!*atPlace)
         return std::optional<Finding>();
-    return std::optional(Finding{std::move(*record), *damage, std::move(atPlace)});
+    return std::optional(Finding{std::move(*record), *damage, std::move(*atPlace)});
 }
 
 //! Marks a damaged entry, and removes it unless somebody else uses it.
@@ -305,8 +268,8 @@ Error CacheKeeper::verifyEntry(const CacheRecords::Record& listed, ResourceCache
     }
     CacheLocks& locks = *(*root)->locks;
     auto use = locks.tryShared(CacheLocks::offset(place->key(), CacheLocks::kUse));
-    for (int look = 1; use && look <= kLooks; ++look) {
-        const auto finding = lookAt(*place, locks, onBytes);
+    for (int look = 1; use && look <= CacheStore::kLooks; ++look) {
+        const auto finding = lookAt(*place, onBytes);
         if (finding.hasError())
             return finding.error().is(ErrorCode::NotFound) ? Error() : finding.error();
         if (!*finding)

@@ -33,7 +33,7 @@ private:
                       const std::function<bool(qint64)>& onBytes);
     Result<QString> damageOf(const CacheSubPath& place, CacheRecords::Record& record,
                              const std::function<bool(qint64)>& onBytes);
-    Result<std::optional<Finding>> lookAt(const CacheSubPath& place, CacheLocks& locks,
+    Result<std::optional<Finding>> lookAt(const CacheSubPath& place,
                                           const std::function<bool(qint64)>& onBytes);
     Error discard(const CacheSubPath& place, const Finding& finding, CacheLock use, CacheLocks& locks);
 

@@ -26,6 +26,41 @@ QString translated(const char* text) {
 
 } // namespace
 
+namespace {
+
+//! Whether both tell of the same content, brought at the same time.
+bool isSameContent(const CacheRecords::Record& a, const CacheRecords::Record& b) {
+    return a.id == b.id && a.entry.addedAt == b.entry.addedAt && a.payload.sha256 == b.payload.sha256 &&
+           a.payload.bytes == b.payload.bytes && a.payload.modifiedNs == b.payload.modifiedNs;
+}
+
+} // namespace
+
+CacheStore::Identity CacheStore::identityAt(const CacheSubPath& place) {
+    const auto parent = openParent(place);
+    struct stat status {};
+    if (!parent || ::fstatat(parent->get(), place.name().constData(), &status, AT_SYMLINK_NOFOLLOW) != 0)
+        return {};
+    return {status.st_dev, status.st_ino,
+            qint64(status.st_ctim.tv_sec) * 1'000'000'000 + status.st_ctim.tv_nsec};
+}
+
+Result<std::optional<CacheLock>> CacheStore::holdUnchanged(const CacheSubPath& place, const Identity& seen,
+                                                           const CacheRecords::Record& record) {
+    const auto opened = root();
+    if (opened.hasError())
+        return opened.error();
+    auto lock = (*opened)->locks->waitExclusive(CacheLocks::offset(place.key(), CacheLocks::kPlace));
+    if (!lock)
+        return busy(place.text());
+    const auto now = m_work.find(place.text());
+    if (now.hasError())
+        return now.error();
+    if (!isSameContent(*now, record) || identityAt(place) != seen)
+        return std::optional<CacheLock>();
+    return std::optional(std::move(*lock));
+}
+
 Result<CacheDescriptor> CacheStore::ensureParent(const CacheSubPath& place) {
     const auto opened = root();
     if (opened.hasError())

@@ -252,28 +252,61 @@ Result<QString> differenceAt(int parent, const QByteArray& name, const QString& 
 
 } // namespace
 
-Result<CacheRecords::Record> CacheStore::valid(const CacheSubPath& place, CachePayload::Depth depth) {
-    const auto opened = root();
-    if (opened.hasError())
-        return opened.error();
+//! One look at an entry that is recorded.
+struct CacheStore::Look {
+    //! Taken before the record was read.
+    Identity seen;
+    CacheRecords::Record record;
+    //! Empty when the entry is whole.
+    Result<QString> difference;
+    bool isWhole() const { return difference && difference->isEmpty(); }
+    //! What it says when the entry is not.
+    Error told(const CacheSubPath& place) const;
+};
+
+Result<CacheStore::Look> CacheStore::lookOnce(const CacheSubPath& place, CachePayload::Depth depth) {
     const bool isQuick = depth == CachePayload::Depth::Top;
+    const Identity seen = isQuick ? Identity() : identityAt(place);
     auto record = (isQuick ? m_quick : m_work).find(place.text(), depth);
     if (record.hasError())
-        return record;
+        return std::move(record).error();
     const auto parent = openParent(place);
-    if (parent.hasError())
-        return parent.error();
-    const auto difference = differenceAt(parent->get(), place.name(), placePath(place), *record, depth);
+    Result<QString> difference =
+        parent ? differenceAt(parent->get(), place.name(), placePath(place), *record, depth)
+               : Result<QString>(parent.error());
+    return Look{seen, std::move(*record), std::move(difference)};
+}
+
+Error CacheStore::Look::told(const CacheSubPath& place) const {
     if (difference.hasError())
         return difference.error();
-    if (difference->isEmpty())
-        return record;
-    // So that a look at its top shows it, too.
-    if (!isQuick && !record->isDamaged && record->payload.type == PathType::Dir)
-        if (const Error error = m_work.setDamaged(*record); error.hasError())
-            qCWarning(cacheLog).noquote() << error.errorMessage();
     return Error(ErrorCode::NotFound,
                  translated("\"%1\" in the cache is not whole: %2.").arg(place.text(), *difference));
+}
+
+Result<CacheRecords::Record> CacheStore::valid(const CacheSubPath& place, CachePayload::Depth depth) {
+    if (const auto opened = root(); opened.hasError())
+        return opened.error();
+    for (int attempt = 1; attempt <= kLooks; ++attempt) {
+        auto look = lookOnce(place, depth);
+        if (look.hasError())
+            return std::move(look).error();
+        if (look->isWhole())
+            return std::move(look->record);
+        if (depth == CachePayload::Depth::Top)
+            return look->told(place);
+        const auto held = holdUnchanged(place, look->seen, look->record);
+        if (held.hasError())
+            return held.error();
+        if (!*held)
+            continue;
+        // So that a look at its top shows it, too.
+        if (look->difference && !look->record.isDamaged && look->record.payload.type == PathType::Dir)
+            if (const Error error = m_work.setDamaged(look->record); error.hasError())
+                qCWarning(cacheLog).noquote() << error.errorMessage();
+        return look->told(place);
+    }
+    return busy(place.text());
 }
 
 bool CacheStore::isAlone(const CacheSubPath& place) {

@@ -10,6 +10,7 @@
 #include <QLoggingCategory>
 
 #include <memory>
+#include <sys/types.h>
 
 namespace orx {
 
@@ -28,6 +29,9 @@ struct CacheRoot {
 //! Shared by the cache and what works for it. Thread: any; blocks on the disk.
 class CacheStore {
 public:
+    //! Of an entry that is exchanged again and again while it is looked at.
+    static constexpr int kLooks = 3;
+
     explicit CacheStore(const QString& rootDir);
     ~CacheStore();
     CacheStore(const CacheStore&) = delete;
@@ -45,9 +49,26 @@ public:
     CacheRecords& records() { return m_work; }
 
     //! The record of an entry that is whole by sizes and times; ErrorCode::NotFound otherwise. By its top
-    //! alone, without its items, it costs a few calls, whatever the entry holds and whoever writes records.
-    //! A directory of which a look at everything shows that it is not whole is recorded as damaged.
+    //! alone, without its items, it costs a few calls, whatever the entry holds and whoever writes records;
+    //! while somebody exchanges what lies there it finds nothing. For a look at everything such an exchange
+    //! is waited for (ErrorCode::Busy when it takes too long), and a directory that is not whole is recorded
+    //! as damaged.
     Result<CacheRecords::Record> valid(const CacheSubPath& place, CachePayload::Depth depth);
+    //! Tells what lies at a place from what is brought there later, and from what is brought back.
+    struct Identity {
+        dev_t device = 0;
+        ino_t inode = 0;
+        qint64 changedNs = 0;
+        bool operator==(const Identity&) const = default;
+    };
+    //! Of what is there now; of nothing when there is nothing.
+    Identity identityAt(const CacheSubPath& place);
+    //! For who saw a difference between \a record, which he read after \a seen, and what lies at the place:
+    //! while both are exchanged they differ. The lock of the place when neither was exchanged since, so that
+    //! nobody does while it is held; none when one was, and another look tells. ErrorCode::NotFound when
+    //! there is no record any more, ErrorCode::Busy.
+    Result<std::optional<CacheLock>> holdUnchanged(const CacheSubPath& place, const Identity& seen,
+                                                   const CacheRecords::Record& record);
     //! Whether nothing else is in the directory that holds the place. A few calls, whatever is there.
     bool isAlone(const CacheSubPath& place);
     //! Keeps what lies at the place from being removed; none while somebody removes it.
@@ -93,6 +114,8 @@ private:
     Error openRoot(CacheRoot& root) const;
     bool isStillThere(const CacheRoot& root) const;
     bool setAsideDatabase(const QString& path, const QString& reason);
+    struct Look;
+    Result<Look> lookOnce(const CacheSubPath& place, CachePayload::Depth depth);
     Error exchange(const CacheSubPath& place, int staging, const QByteArray& name,
                    const CachePayload& payload);
 

@@ -2,6 +2,10 @@
 
 #include <QThread>
 
+#include <poll.h>
+#include <sys/inotify.h>
+#include <thread>
+
 using namespace orx;
 
 namespace {
@@ -96,6 +100,110 @@ TEST_F(CacheUpkeepRacesTest, VerificationLeavesWhatComesBackWhenItsReplacementFa
     EXPECT_EQ(report->entries, 3);
     EXPECT_TRUE(cache.contains(u"b"_qs));
     EXPECT_EQ(orx::testing::readFile(placeOf(u"b"_qs)), QByteArray(100, 'x'));
+}
+
+namespace {
+
+//! Tells when somebody has read a directory.
+class ReadingWatch {
+public:
+    explicit ReadingWatch(const QString& directory) : m_events(::inotify_init1(IN_CLOEXEC)) {
+        EXPECT_GE(::inotify_add_watch(m_events, QFile::encodeName(directory).constData(), IN_CLOSE_NOWRITE),
+                  0);
+    }
+    ~ReadingWatch() { ::close(m_events); }
+    void wait() const {
+        struct pollfd ready {
+            m_events, POLLIN, 0
+        };
+        while (::poll(&ready, 1, -1) < 0) {
+        }
+    }
+
+private:
+    int m_events;
+};
+
+//! Readers of the directory "d" while another content takes its place.
+class CacheLookRacesTest : public CacheUpkeepRacesTest {
+protected:
+    void SetUp() override {
+        CacheUpkeepRacesTest::SetUp();
+        ASSERT_FALSE(replace("old")->waitForFinished().hasError());
+    }
+    //! Running.
+    std::unique_ptr<Task> replace(const QByteArray& content) {
+        auto task = cache.fillTask(
+            nullptr, u"d"_qs,
+            [content](const DirPath& directory) {
+                EXPECT_TRUE(orx::testing::writeFile(directory.child(u"d"_qs) + u"/sub/f"_qs, content));
+                return probes::taskWith(QVariant());
+            },
+            ResourceCache::FillMode::Anew);
+        task->exec();
+        return task;
+    }
+    QByteArray content() const { return orx::testing::readFile(placeOf(u"d/sub/f"_qs)); }
+    //! Makes \a look from beside a replacement that has brought its content and waits to write the record,
+    //! and lets that go on when the content was read.
+    Error lookDuringReplacement(const std::function<Error()>& look) {
+        SQLite::Database writer(database().toStdString(), SQLite::OPEN_READWRITE, 10'000);
+        writer.exec("BEGIN IMMEDIATE");
+        const auto fill = replace("new content");
+        while (content() != "new content") {
+            QCoreApplication::processEvents();
+            QThread::msleep(1);
+        }
+        const ReadingWatch watch(placeOf(u"d/sub"_qs));
+        Error seen;
+        std::thread reader([&] { seen = look(); });
+        watch.wait();
+        writer.exec("COMMIT");
+        Error error = fill->waitForFinished();
+        reader.join();
+        EXPECT_FALSE(seen.hasError()) << seen.errorMessage().toStdString();
+        return error;
+    }
+    void refuseRecords() {
+        execute("CREATE TRIGGER refusal BEFORE UPDATE OF sha256 ON entries BEGIN SELECT RAISE(ABORT, 'no'); "
+                "END");
+    }
+    Error lookFromBeside() const { return ResourceCache(root()).look(u"d"_qs); }
+    //! As a retrieval that must not fetch.
+    Error takeFromBeside() const {
+        ResourceCache other(root());
+        const auto task =
+            other.fillTask(nullptr, u"d"_qs, orx::testing::noFetch(), ResourceCache::FillMode::LookOnly);
+        task->exec();
+        return task->waitForFinished();
+    }
+};
+
+} // namespace
+
+TEST_F(CacheLookRacesTest, ALookWaitsForTheRecordOfWhatIsJustBrought) {
+    EXPECT_FALSE(lookDuringReplacement([this] { return lookFromBeside(); }).hasError());
+    EXPECT_EQ(content(), "new content");
+    EXPECT_TRUE(cache.contains(u"d"_qs));
+}
+
+TEST_F(CacheLookRacesTest, WhatComesBackWhenItsReplacementFailsIsNotDamaged) {
+    refuseRecords();
+    EXPECT_TRUE(lookDuringReplacement([this] { return lookFromBeside(); }).hasError());
+    EXPECT_EQ(content(), "old");
+    EXPECT_TRUE(cache.contains(u"d"_qs));
+}
+
+TEST_F(CacheLookRacesTest, WhoTakesOnlyWhatIsThereGetsWhatIsJustBrought) {
+    EXPECT_FALSE(lookDuringReplacement([this] { return takeFromBeside(); }).hasError());
+    EXPECT_EQ(content(), "new content");
+}
+
+TEST_F(CacheLookRacesTest, WhoTakesOnlyWhatIsThereGetsWhatComesBack) {
+    refuseRecords();
+    EXPECT_TRUE(lookDuringReplacement([this] { return takeFromBeside(); }).hasError());
+    EXPECT_EQ(content(), "old");
+    EXPECT_TRUE(cache.contains(u"d"_qs));
 }
 
 namespace {
