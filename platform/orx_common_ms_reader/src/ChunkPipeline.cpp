@@ -1,23 +1,22 @@
 #include "ChunkPipeline.h"
 
+#include "SharedLimits.h"
+
 #include <algorithm>
 #include <condition_variable>
 #include <mutex>
-#include <system_error>
+#include <vector>
 
 namespace orx::vonk {
 
 namespace {
-
-//! More would not read or write any faster, and each needs memory.
-constexpr unsigned mostThreads = 7;
 
 //! Whoever has nothing else to do takes the next step that is due, the caller too: no thread of its own waits
 //! for one kind of step, so that few processors are kept busy with few switches between threads.
 class Run {
 public:
     explicit Run(const ChunkPipeline& steps)
-        : m_steps(steps), m_helpers(ChunkPipeline::threadCount() - 1), m_slots(2 * m_helpers + 4) {}
+        : m_steps(steps), m_slots(1 + size_t(extraChunkCount())), m_extraChunks(extraChunks()) {}
 
     ~Run() {
         {
@@ -25,15 +24,14 @@ public:
             m_isEnding = true;
         }
         m_due.notify_all();
-        for (std::thread& thread : m_threads)
-            thread.join();
+        m_helpers.join();
     }
 
     Error run() {
         for (;; ++m_produced) {
-            if (m_produced - m_retired == m_slots.size())
+            while (!hasRoom())
                 ORX_RETURN_ON_ERROR(retire());
-            const Result<bool> more = m_steps.produce(slotOf(m_produced).chunk);
+            const Result<bool> more = m_steps.produce(nextSlot());
             ORX_RETURN_ON_ERROR(more.error());
             if (!*more)
                 break;
@@ -59,6 +57,26 @@ private:
 
     Slot& slotOf(size_t sequence) { return m_slots[sequence % m_slots.size()]; }
 
+    bool hasRoom() {
+        const size_t onTheWay = m_produced - m_retired;
+        if (onTheWay <= size_t(m_extraChunks.taken()))
+            return true;
+        // One who works alone would do nothing with more.
+        const size_t useful = m_helpers.count() == 0 ? 1 : 2 * m_helpers.count() + 4;
+        return onTheWay < std::min(useful, m_slots.size()) && m_extraChunks.take();
+    }
+
+    //! Takes the memory of a chunk that is through, if there is one: only as many have any as were ever on
+    //! their way at a time.
+    ChunkSlot& nextSlot() {
+        ChunkSlot& chunk = slotOf(m_produced).chunk;
+        if (!m_spare.empty()) {
+            chunk = std::move(m_spare.back());
+            m_spare.pop_back();
+        }
+        return chunk;
+    }
+
     void publish() {
         {
             const std::lock_guard lock(m_mutex);
@@ -67,8 +85,9 @@ private:
             m_published = m_produced + 1;
         }
         m_due.notify_all();
-        if (m_threads.size() < m_helpers && !startThread(m_threads, [this] { serve(); }))
-            m_helpers = m_threads.size();
+        // Asked again with each chunk: others may have given back theirs.
+        if (m_helpers.count() + 1 < workThreadCount())
+            m_helpers.start([this] { serve(); });
     }
 
     //! Uses the oldest chunk; helps until it is done.
@@ -87,7 +106,9 @@ private:
         ++m_retired;
         ORX_RETURN_ON_ERROR(slot.workError);
         ORX_RETURN_ON_ERROR(slot.orderError);
-        return m_steps.consume(slot.chunk);
+        ORX_RETURN_ON_ERROR(m_steps.consume(slot.chunk));
+        m_spare.push_back(std::move(slot.chunk));
+        return {};
     }
 
     void serve() {
@@ -145,15 +166,16 @@ private:
     }
 
     const ChunkPipeline& m_steps;
-    size_t m_helpers;
     std::vector<Slot> m_slots;
-    std::vector<std::thread> m_threads;
     std::mutex m_mutex;
     //! Threads wait on the first, the caller on the second.
     std::condition_variable m_due;
     std::condition_variable m_done;
     // Of the caller.
     ChunkPipeline::Step m_ownWork;
+    HelperThreads m_helpers;
+    LimitShare m_extraChunks;
+    std::vector<ChunkSlot> m_spare;
     size_t m_produced = 0;
     size_t m_retired = 0;
     // Guarded by the mutex, like the flags of the slots.
@@ -165,19 +187,6 @@ private:
 };
 
 } // namespace
-
-unsigned ChunkPipeline::threadCount() {
-    return std::clamp(std::thread::hardware_concurrency(), 2U, mostThreads);
-}
-
-bool startThread(std::vector<std::thread>& threads, std::function<void()> body) {
-    try {
-        threads.emplace_back(std::move(body));
-        return true;
-    } catch (const std::system_error&) {
-        return false;
-    }
-}
 
 Error ChunkPipeline::run() const {
     return Run(*this).run();

@@ -7,8 +7,6 @@
 #include <Error.h>
 
 #include <functional>
-#include <thread>
-#include <vector>
 
 namespace orx::vonk {
 
@@ -21,8 +19,9 @@ struct ChunkSlot {
 };
 
 //! Chunks through four steps: made and used one after the other by the caller, worked on side by side, and
-//! looked at in their order. Threads of its own and, when it would only wait, the caller take the two steps
-//! in the middle. At most a bounded number of chunks is on its way.
+//! looked at in their order. The caller, when it would only wait, and what there is of helping threads take
+//! the two steps in the middle. Threads and chunks on their way are bounded for all pipelines of the process
+//! together; each has its caller and one chunk, and so never waits for another one.
 struct ChunkPipeline {
     using Step = std::function<Error(ChunkSlot&)>;
 
@@ -43,12 +42,6 @@ struct ChunkPipeline {
 
     //! The first error in the order of the chunks; no thread runs any more when it returns.
     Error run() const;
-    //! How many threads share the work, the caller among them.
-    static unsigned threadCount();
 };
-
-//! Adds a thread to those that share some work; false when the system allows no more, which leaves the work
-//! to those there are.
-bool startThread(std::vector<std::thread>& threads, std::function<void()> body);
 
 } // namespace orx::vonk

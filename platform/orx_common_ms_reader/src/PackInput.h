@@ -19,8 +19,8 @@ struct ORX_COMMON_MS_READER_EXPORT PackInput {
         std::optional<QJsonObject> json;
         QString absent;
     };
-    //! Called once, on a thread of its own while the data is packed; what it returns when it was asked to
-    //! stop is not used.
+    //! Called once, on a thread of its own while the data is packed, or after it when enough other ones are
+    //! being made in this process; what it returns when it was asked to stop is not used.
     using Summarise = std::function<Summary(std::stop_token)>;
 
     //! The raw acquisition \a path with its companions, its kind and its summary, which is made while it is

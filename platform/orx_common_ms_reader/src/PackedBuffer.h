@@ -4,12 +4,26 @@
 #include <cstddef>
 #include <memory>
 #include <span>
+#include <utility>
 
 namespace orx::vonk {
 
 //! Bytes that are overwritten again and again: never cleared, memory kept.
 class PackedBuffer {
 public:
+    PackedBuffer() = default;
+    //! The other one is empty then, without memory.
+    PackedBuffer(PackedBuffer&& other) noexcept
+        : m_bytes(std::move(other.m_bytes))
+        , m_size(std::exchange(other.m_size, 0))
+        , m_capacity(std::exchange(other.m_capacity, 0)) {}
+    PackedBuffer& operator=(PackedBuffer&& other) noexcept {
+        m_bytes = std::move(other.m_bytes);
+        m_size = std::exchange(other.m_size, 0);
+        m_capacity = std::exchange(other.m_capacity, 0);
+        return *this;
+    }
+
     //! What was in it is lost when it has to grow.
     void resize(size_t size) {
         if (size > m_capacity) {

@@ -2,6 +2,7 @@
 
 #include "ChunkReading.h"
 #include "PayloadPart.h"
+#include "SharedLimits.h"
 
 #include <algorithm>
 #include <atomic>
@@ -25,7 +26,7 @@ public:
         , m_total(index.metadata.totalSize()) {}
 
     Error run() {
-        const qint64 share = m_total / (2 * qint64(ChunkPipeline::threadCount()));
+        const qint64 share = m_total / (2 * qint64(workThreadCount()));
         for (PayloadPart& part : payloadParts(m_index, partWeight, std::max(partWeight, share)))
             (part.isLarge ? m_large : m_parts).push_back(part);
         ORX_RETURN_ON_ERROR(checkSideBySide());
@@ -41,13 +42,12 @@ private:
     Error checkSideBySide() {
         m_errors.resize(m_parts.size());
         m_failed = m_parts.size();
-        const size_t most = std::min(size_t(ChunkPipeline::threadCount()), m_parts.size());
-        std::vector<std::thread> helpers;
+        const size_t most = std::min(size_t(workThreadCount()), m_parts.size());
+        HelperThreads helpers;
         for (size_t helper = 1; helper < most; ++helper)
-            startThread(helpers, [this] { takeParts({}); });
+            helpers.start([this] { takeParts({}); });
         takeParts([this](qint64 done) { m_watch.report(done, m_total); });
-        for (std::thread& helper : helpers)
-            helper.join();
+        helpers.join();
         m_watch.report(m_done, m_total);
         return m_failed < m_parts.size() ? m_errors[m_failed] : Error();
     }

@@ -12,7 +12,6 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/statvfs.h>
 #include <unistd.h>
 
 namespace orx::vonk {
@@ -28,22 +27,7 @@ QByteArray encodedPath(const QString& path) {
     return QFile::encodeName(QDir::cleanPath(QFileInfo(path).absoluteFilePath()));
 }
 
-Error checkRoom(const QString& directory, qint64 bytes, const QString& wanted) {
-    struct statvfs info = {};
-    if (::statvfs(encodedPath(directory).constData(), &info) != 0)
-        return writeFailure(errno, directory);
-    const double available = double(info.f_bavail) * double(info.f_frsize);
-    if (double(bytes) <= available)
-        return {};
-    return Error(ErrorCode::StorageFull,
-                 translated("There is no room for \"%1\": it may take %2 MiB, and %3 MiB are free in \"%4\".")
-                     .arg(wanted)
-                     .arg(bytes / (1024 * 1024) + 1)
-                     .arg(qint64(available) / (1024 * 1024))
-                     .arg(directory));
-}
-
-Result<StagedFile> StagedFile::create(const QString& path, qint64 bytes) {
+Result<StagedFile> StagedFile::create(const QString& path, qint64 bytes, const WorkWatch& watch) {
     // What QTemporaryDir gives when it could not be made.
     if (path.isEmpty())
         return Error(
@@ -56,7 +40,9 @@ Result<StagedFile> StagedFile::create(const QString& path, qint64 bytes) {
     struct stat info = {};
     if (::lstat(file.m_target.constData(), &info) == 0)
         return ORX_ECATCH(writeFailure(EEXIST, path));
-    ORX_RETURN_ON_ERROR(checkRoom(QFileInfo(path).absolutePath(), bytes, path));
+    auto room = DiskRoom::take(QFileInfo(path).absolutePath(), bytes, path, watch);
+    ORX_RETURN_ON_ERROR(room.error());
+    file.m_room = std::move(*room);
     const QByteArray temporary = FilePlace::temporaryBeside(file.m_target);
     file.m_file = Descriptor(::open(temporary.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
     if (!file.m_file.isOpen())
@@ -74,6 +60,7 @@ Error StagedFile::write(std::span<const char> bytes) {
     if (writeFully(*m_file, bytes) < 0)
         return ORX_ECATCH(writeFailure(errno, m_path));
     m_written += qint64(bytes.size());
+    m_room->written(qint64(bytes.size()));
     if (m_written - m_flushed >= sliceSize) {
         ::sync_file_range(*m_file, m_flushed, m_written - m_flushed, SYNC_FILE_RANGE_WRITE);
         m_flushed = m_written;

@@ -1,6 +1,9 @@
 #pragma once
 
+#include "DiskRoom.h"
 #include "PackedFile.h"
+
+#include <optional>
 
 namespace orx::vonk {
 
@@ -8,9 +11,9 @@ namespace orx::vonk {
 //! not at all: what was not committed is gone with the object.
 class StagedFile {
 public:
-    //! ErrorCode::AlreadyExists when something is at \a path, StorageFull when fewer than \a bytes are free
-    //! there, FileNotWritable.
-    static Result<StagedFile> create(const QString& path, qint64 bytes);
+    //! ErrorCode::AlreadyExists when something is at \a path, FileNotWritable, and what DiskRoom::take() says
+    //! of \a bytes there.
+    static Result<StagedFile> create(const QString& path, qint64 bytes, const WorkWatch& watch = {});
     ~StagedFile();
     StagedFile(StagedFile&& other) noexcept = default;
 
@@ -27,10 +30,8 @@ private:
     Descriptor m_file;
     qint64 m_written = 0;
     qint64 m_flushed = 0;
+    std::optional<DiskRoom> m_room;
 };
-
-//! ErrorCode::StorageFull when the file system of \a directory has fewer than \a bytes free for us.
-Error checkRoom(const QString& directory, qint64 bytes, const QString& wanted);
 
 //! Absolute and clean, as bytes for the system.
 QByteArray encodedPath(const QString& path);

@@ -48,14 +48,17 @@ qint64 roomFor(const QList<VonkEntry>& entries) {
 
 } // namespace
 
-Result<StagedTree> StagedTree::create(const QString& path, const QList<VonkEntry>& entries) {
+Result<StagedTree> StagedTree::create(const QString& path, const QList<VonkEntry>& entries,
+                                      const WorkWatch& watch) {
     StagedTree tree;
     tree.m_path = path;
     tree.m_target = encodedPath(path);
     struct stat info = {};
     if (::lstat(tree.m_target.constData(), &info) == 0)
         return ORX_ECATCH(writeFailure(EEXIST, path));
-    ORX_RETURN_ON_ERROR(checkRoom(QFileInfo(path).absolutePath(), roomFor(entries), path));
+    auto room = DiskRoom::take(QFileInfo(path).absolutePath(), roomFor(entries), path, watch);
+    ORX_RETURN_ON_ERROR(room.error());
+    tree.m_room = std::move(*room);
     const QByteArray staging = FilePlace::temporaryBeside(tree.m_target);
     if (::mkdir(staging.constData(), 0777) != 0)
         return ORX_ECATCH(writeFailure(errno, path));
@@ -81,7 +84,10 @@ Error StagedTree::begin(const VonkEntry& entry) {
 }
 
 Error StagedTree::write(std::span<const char> bytes) {
-    return writeFully(*m_file, bytes) < 0 ? failure() : Error();
+    if (writeFully(*m_file, bytes) < 0)
+        return failure();
+    m_room->written(qint64(bytes.size()));
+    return {};
 }
 
 Error StagedTree::endFile(const VonkEntry& entry) {

@@ -1,9 +1,12 @@
 #pragma once
 
+#include "DiskRoom.h"
 #include "PackedFile.h"
 #include "VonkMetadata.h"
 
 #include <QStringList>
+
+#include <optional>
 
 namespace orx::vonk {
 
@@ -12,9 +15,10 @@ namespace orx::vonk {
 //! component, and no link is ever followed.
 class StagedTree {
 public:
-    //! ErrorCode::AlreadyExists when something is at \a path, StorageFull when there is no room for the
-    //! entries, FileNotWritable.
-    static Result<StagedTree> create(const QString& path, const QList<VonkEntry>& entries);
+    //! ErrorCode::AlreadyExists when something is at \a path, FileNotWritable, and what DiskRoom::take() says
+    //! of the entries.
+    static Result<StagedTree> create(const QString& path, const QList<VonkEntry>& entries,
+                                     const WorkWatch& watch = {});
     ~StagedTree();
     StagedTree(StagedTree&& other) noexcept = default;
 
@@ -40,6 +44,7 @@ private:
     Descriptor m_file;
     //! All that were made, outer ones first.
     QStringList m_directories;
+    std::optional<DiskRoom> m_room;
 };
 
 } // namespace orx::vonk

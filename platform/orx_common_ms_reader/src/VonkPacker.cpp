@@ -5,6 +5,7 @@
 #include "PackedFrames.h"
 #include "PackedLimits.h"
 #include "PackedText.h"
+#include "SharedLimits.h"
 #include "StagedFile.h"
 #include "TarStream.h"
 
@@ -33,36 +34,55 @@ qint64 largestPacked(const QList<VonkEntry>& entries) {
     return bytes;
 }
 
-//! Makes the summary while the data is packed. Gone before it was taken, it stops that and waits.
+//! Makes the summary while the data is packed, or after it when enough others are being made. Gone before it
+//! was taken, it stops that and waits.
 class SummaryThread {
 public:
-    explicit SummaryThread(const PackInput::Summarise& summarise) {
-        if (!summarise)
+    explicit SummaryThread(PackInput::Summarise summarise) : m_summarise(std::move(summarise)) {
+        m_isWanted = bool(m_summarise);
+        startIfAllowed();
+    }
+
+    //! Waits for it, and stops it when the work is cancelled meanwhile.
+    Result<PackInput::Summary> take(const WorkWatch& watch) {
+        for (;;) {
+            startIfAllowed();
+            std::unique_lock lock(m_mutex);
+            const bool isMade = m_ended.wait_for(lock, std::chrono::milliseconds(20),
+                                                 [this] { return !m_isWanted && !m_isRunning; });
+            if (isMade)
+                return std::move(m_summary);
+            ORX_RETURN_ON_ERROR(watch.check());
+        }
+    }
+
+private:
+    void startIfAllowed() {
+        LimitShare share(summaries());
+        if (!m_isWanted || !share.take())
             return;
+        m_isWanted = false;
         m_isRunning = true;
         try {
-            m_thread = std::jthread([this, summarise](std::stop_token stop) {
-                PackInput::Summary summary = summarise(std::move(stop));
-                const std::lock_guard lock(m_mutex);
-                m_summary = std::move(summary);
-                m_isRunning = false;
-                m_ended.notify_all();
-            });
+            m_thread =
+                std::jthread([this, share = std::move(share)](const std::stop_token& stop) { make(stop); });
         } catch (const std::system_error&) {
             m_isRunning = false;
             m_summary.absent = translated("The system allowed no thread to make it.");
         }
     }
 
-    //! Waits for it, and stops it when the work is cancelled meanwhile.
-    Result<PackInput::Summary> take(const WorkWatch& watch) {
-        std::unique_lock lock(m_mutex);
-        while (!m_ended.wait_for(lock, std::chrono::milliseconds(20), [this] { return !m_isRunning; }))
-            ORX_RETURN_ON_ERROR(watch.check());
-        return std::move(m_summary);
+    void make(const std::stop_token& stop) {
+        PackInput::Summary summary = m_summarise(stop);
+        const std::lock_guard lock(m_mutex);
+        m_summary = std::move(summary);
+        m_isRunning = false;
+        m_ended.notify_all();
     }
 
-private:
+    const PackInput::Summarise m_summarise;
+    //! Of the packing's thread.
+    bool m_isWanted = false;
     std::mutex m_mutex;
     std::condition_variable m_ended;
     PackInput::Summary m_summary;
@@ -219,7 +239,7 @@ Result<VonkMetadata> VonkPacker::pack(const PackInput& input, const QString& tar
     auto source = PackSource::list(input);
     ORX_RETURN_ON_ERROR(source.error());
     ORX_RETURN_ON_ERROR(checkChunkCount(source->entries(), input.path));
-    auto staged = StagedFile::create(target, largestPacked(source->entries()));
+    auto staged = StagedFile::create(target, largestPacked(source->entries()), watch);
     ORX_RETURN_ON_ERROR(staged.error());
     SummaryThread summary(input.summarise);
     Packing packing(input, std::move(*source), *staged, watch);
