@@ -125,12 +125,13 @@ QStringList rowOf(const PlannedUpload& planned, const Output& output) {
             name};
 }
 
-// "2026/sub/ (12 files)  not_tried  The upload ended before its turn came."
+// "2026/sub/ (12 files)  not_tried  The upload ended before its turn came."; "2026/empty/  not_tried  ..."
 QStringList rowOf(const host::NotTriedPath& path, const Output& output) {
     QString shown = QStringLiteral("  ") + output.shown(path.path);
     if (path.isDirectory)
-        shown +=
-            path.files == 1 ? QStringLiteral("/ (1 file)") : QStringLiteral("/ (%1 files)").arg(path.files);
+        shown += path.files == 0   ? QStringLiteral("/")
+                 : path.files == 1 ? QStringLiteral("/ (1 file)")
+                                   : QStringLiteral("/ (%1 files)").arg(path.files);
     return {shown, QStringLiteral("not_tried"), output.shown(path.text)};
 }
 
@@ -351,7 +352,7 @@ int Runner::endUpload(const TreeUploadJob& job, const Error& error, const QStrin
         return error.hasError() ? m_output.error(error) : int(ExitCode::Success);
     if (report.failures.isEmpty())
         return m_output.failedRun(int(ExitCode::PartlyFailed), QStringLiteral("PartlyFailed"),
-                                  QStringLiteral("%1 files have neither gone up nor a reason. Run the same "
+                                  QStringLiteral("%1 paths have neither gone up nor a reason. Run the same "
                                                  "command again: only what is missing is sent.")
                                       .arg(report.unexplained));
     if (report.done == 0) {

@@ -131,8 +131,12 @@ void TreeUploadJob::addFolder(const LocalTree& tree) {
     }
     folder->setDuplicateUploadPolicy(m_policy);
     connect(folder, &HalvaneFolderUploadTask::uploadStarted, this, &TreeUploadJob::follow);
+    connect(folder, &HalvaneFolderUploadTask::folderUploaded, this,
+            [this](const HalvaneFolderUploadTask* made) { m_account.setFolderMade(made->path()); });
     connect(folder, &HalvaneFolderUploadTask::folderUploadFailed, this,
             [this](const HalvaneFolderUploadTask* failed) {
+                if (failed->uploadedFolder())
+                    m_account.setFolderMade(failed->path());
                 m_account.setFolderFailed(failed->path(), failed->error());
                 giveUpAfter(failed->error());
             });

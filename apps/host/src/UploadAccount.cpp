@@ -30,6 +30,7 @@ void UploadAccount::setFolderFailed(const QString& path, const Error& error) {
 
 void UploadAccount::setFolder(const QString& source, const RemoteItem& folder) {
     m_folders.insert(source, folder);
+    setFolderMade(source);
 }
 
 KnownContents::ByPath UploadAccount::knownContents(const LocalTree& tree,

@@ -5,6 +5,7 @@
 #include "Uploads.h"
 
 #include <QHash>
+#include <QSet>
 
 namespace halvane::host {
 
@@ -21,6 +22,8 @@ public:
     //! Unless the error is that of something in the directory, what is in it and has no word of its own did
     //! not go up for that reason.
     void setFolderFailed(const QString& path, const orx::Error& error);
+    //! The server has the folder of a directory, whatever becomes of what is in it.
+    void setFolderMade(const QString& path) { m_foldersMade.insert(path); }
     //! The folder of the server that a directory that was asked for became.
     void setFolder(const QString& source, const RemoteItem& folder);
 
@@ -46,6 +49,7 @@ private:
 
     QHash<QString, Entry> m_entries;
     QHash<QString, orx::Error> m_folderErrors;
+    QSet<QString> m_foldersMade;
     QHash<QString, RemoteItem> m_folders;
     int m_done = 0;
 };

@@ -46,6 +46,8 @@ UploadReport reportOf(const QList<LocalTree>& trees, const QList<UploadFailure>&
         for (const LocalEntry& entry : tree.entries) {
             if (entry.isUpload() && !account.isKnown(entry.path))
                 account.setDone(entry.path, UploadedFile::Outcome::Unchanged);
+            else if (entry.kind == Kind::Directory)
+                account.setFolderMade(entry.path);
         }
     }
     return account.report(trees, trees, false);

@@ -62,6 +62,7 @@ UploadReckoning::UploadReckoning(const UploadAccount& account, const LocalTree& 
     collect(before, now);
     collectErrors();
     collectVanished();
+    collectFiles();
 }
 
 // ---- what there is
@@ -132,6 +133,15 @@ void UploadReckoning::collectVanished() {
     }
 }
 
+void UploadReckoning::collectFiles() {
+    for (const Path& path : std::as_const(m_paths)) {
+        if (!isFile(path))
+            continue;
+        for (const QString& above : directoriesAbove(path.entry.path))
+            m_withFiles.insert(above);
+    }
+}
+
 // ---- questions
 
 bool UploadReckoning::isWithin(const QString& path) const {
@@ -170,9 +180,14 @@ QString UploadReckoning::vanishedAbove(const QString& path) const {
     return {};
 }
 
+bool UploadReckoning::isFileless(const Path& path) const {
+    return path.entry.kind == Kind::Directory && path.entry.problem.isEmpty() && !hasWord(path.entry.path) &&
+           !m_withFiles.contains(path.entry.path);
+}
+
 UploadReckoning::Reason UploadReckoning::reasonOf(const Path& path) const {
     const QString& at = path.entry.path;
-    if (const QString above = vanishedAbove(at); !above.isEmpty())
+    if (const QString above = vanishedAbove(at); m_vanished.value(above) > 0)
         return {Reason::Kind::NotTried, vanishedText(above)};
     if (const auto error = ownErrorAbove(at); error && !error->isCanceled())
         return {Reason::Kind::NotTried, errorText(*error)};
@@ -181,7 +196,7 @@ UploadReckoning::Reason UploadReckoning::reasonOf(const Path& path) const {
         return {Reason::Kind::NotTried, errorText(source->error)};
     if (path.hasVanished)
         return {Reason::Kind::Vanished, vanishedText(at)};
-    if (m_wasStopped || ownErrorAbove(at))
+    if (m_wasStopped || ownErrorAbove(at) || m_account.m_folderErrors.contains(at))
         return {Reason::Kind::NotTried, QStringLiteral("The upload ended before its turn came.")};
     return {Reason::Kind::Unexplained,
             QStringLiteral("Nothing is known of it; it came perhaps while the upload ran.")};
@@ -203,18 +218,19 @@ UploadedTree UploadReckoning::addTo(UploadReport& report) {
 
 void UploadReckoning::add(const Path& path) {
     const qsizetype notTried = m_notTried.size();
-    const bool isFile = path.entry.isUpload() || hasWord(path.entry.path);
-    m_tree.files += isFile ? 1 : 0;
+    m_tree.files += isFile(path) ? 1 : 0;
     if (!addWord(path.entry) && !addRefused(path)) {
         if (path.entry.kind == Kind::Directory)
             addDirectory(path);
         else
             addMissing(path);
     }
-    if (!isFile)
-        return;
-    const QString reason = m_notTried.size() > notTried ? m_notTried.last().text : QString();
-    for (const QString& above : directoriesAbove(path.entry.path)) {
+    if (isFile(path) || isFileless(path))
+        addToDirectories(path.entry.path, m_notTried.size() > notTried ? m_notTried.last().text : QString());
+}
+
+void UploadReckoning::addToDirectories(const QString& path, const QString& reason) {
+    for (const QString& above : directoriesAbove(path)) {
         const auto first = m_onlyReason.constFind(above);
         if (first == m_onlyReason.constEnd())
             m_onlyReason.insert(above, reason);
@@ -243,7 +259,7 @@ bool UploadReckoning::addWord(const LocalEntry& entry) {
         addFailure(entry.path, known->error);
         break;
     case Word::Canceled:
-        addNotTried(entry.path, QStringLiteral("The upload ended before it was complete."));
+        addNotTried(entry, QStringLiteral("The upload ended before it was complete."));
         break;
     }
     return true;
@@ -276,17 +292,19 @@ void UploadReckoning::addDirectory(const Path& path) {
         return addFailure(
             at, Error(ErrorCode::NotFound,
                       QStringLiteral("%1 %2 of its files did not go up.").arg(vanishedText(at)).arg(lost)));
-    if (!isOwnError(at) || (m_wasStopped && !m_errorsBelow.value(at).isEmpty()))
-        return;
-    if (const Error error = m_account.m_folderErrors.value(at); !error.isCanceled())
+    const Error error = m_account.m_folderErrors.value(at);
+    const bool isOwn = isOwnError(at) && !(m_wasStopped && !m_errorsBelow.value(at).isEmpty());
+    if (isOwn && !error.isCanceled())
         addFailure(at, error);
+    else if (isFileless(path) && !m_account.m_foldersMade.contains(at))
+        addMissing(path);
 }
 
 void UploadReckoning::addMissing(const Path& path) {
     const QString& at = path.entry.path;
     switch (const Reason reason = reasonOf(path); reason.kind) {
     case Reason::Kind::NotTried:
-        return addNotTried(at, reason.text);
+        return addNotTried(path.entry, reason.text);
     case Reason::Kind::Vanished:
         return addFailure(at, Error(ErrorCode::NotFound, reason.text));
     case Reason::Kind::Unexplained:
@@ -305,28 +323,30 @@ void UploadReckoning::addLeftOut(const QString& path, const QString& reason, con
     m_report->leftOut.append({m_source, path, reason, text});
 }
 
-void UploadReckoning::addNotTried(const QString& path, const QString& text) {
+void UploadReckoning::addNotTried(const LocalEntry& entry, const QString& text) {
     ++m_tree.notTried;
-    addLeftOut(path, QStringLiteral("not_tried"), text);
-    m_notTried.append(m_report->leftOut.last());
+    addLeftOut(entry.path, QStringLiteral("not_tried"), text);
+    const bool isDirectory = entry.kind == Kind::Directory;
+    m_notTried.append({entry.path, isDirectory, isDirectory ? 0 : 1, text});
 }
 
 void UploadReckoning::groupNotTried() {
     QHash<QString, qsizetype> groups;
-    for (const LeftOutPath& path : std::as_const(m_notTried)) {
-        QString whole;
+    for (const NotTriedPath& path : std::as_const(m_notTried)) {
+        QString whole = path.isDirectory ? path.path : QString();
         for (const QString& above : directoriesAbove(path.path)) {
             if (!m_mixed.contains(above))
                 whole = above;
         }
         const auto group = whole.isEmpty() ? groups.end() : groups.find(whole);
         if (group != groups.end()) {
-            ++m_report->notTried[*group].files;
+            m_report->notTried[*group].files += path.files;
             continue;
         }
         if (!whole.isEmpty())
             groups.insert(whole, m_report->notTried.size());
-        m_report->notTried.append({whole.isEmpty() ? path.path : whole, !whole.isEmpty(), 1, path.text});
+        m_report->notTried.append(
+            {whole.isEmpty() ? path.path : whole, !whole.isEmpty(), path.files, path.text});
     }
 }
 

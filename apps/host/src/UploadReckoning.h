@@ -34,6 +34,7 @@ private:
     void collectWords(const QSet<QString>& seen);
     void collectErrors();
     void collectVanished();
+    void collectFiles();
 
     bool isWithin(const QString& path) const;
     QStringList directoriesAbove(const QString& path) const;
@@ -42,6 +43,9 @@ private:
     std::optional<orx::Error> ownErrorAbove(const QString& path) const;
     //! The outermost directory above that has vanished; empty without.
     QString vanishedAbove(const QString& path) const;
+    bool isFile(const Path& path) const { return path.entry.isUpload() || hasWord(path.entry.path); }
+    //! A directory of which nothing but itself could go up.
+    bool isFileless(const Path& path) const;
     bool hasWord(const QString& path) const { return m_account.isKnown(path); }
     Reason reasonOf(const Path& path) const;
 
@@ -50,7 +54,9 @@ private:
     bool addRefused(const Path& path);
     void addDirectory(const Path& path);
     void addMissing(const Path& path);
-    void addNotTried(const QString& path, const QString& text);
+    void addNotTried(const LocalEntry& entry, const QString& text);
+    //! What the directories above \a path have in common is as before.
+    void addToDirectories(const QString& path, const QString& reason);
     void addFailure(const QString& path, const orx::Error& error);
     void addLeftOut(const QString& path, const QString& reason, const QString& text);
     //! A directory nothing of which was tried is one line.
@@ -64,7 +70,10 @@ private:
     QHash<QString, QSet<QString>> m_errorsBelow;
     //! Outermost directories that have vanished, with the number of files that did not go up for that.
     QHash<QString, int> m_vanished;
-    QList<LeftOutPath> m_notTried;
+    //! Directories that hold something that was to go up.
+    QSet<QString> m_withFiles;
+    //! Each path by itself.
+    QList<NotTriedPath> m_notTried;
     //! Directories that have something that was tried, or was not for another reason.
     QHash<QString, QString> m_onlyReason;
     QSet<QString> m_mixed;

@@ -67,6 +67,7 @@ struct LeftOutPath {
 struct NotTriedPath {
     QString path;
     bool isDirectory = false;
+    //! 0 for a directory that holds none.
     int files = 1;
     //! A sentence.
     QString text;
@@ -88,7 +89,7 @@ struct UploadedTree {
     //! Left out by a rule; of a directory its content does not count.
     int leftOut = 0;
     int notTried = 0;
-    //! Neither uploaded nor reported by anybody.
+    //! Neither uploaded nor reported by anybody; directories without files among them.
     int unexplained = 0;
 };
 

@@ -148,11 +148,80 @@ TEST_F(Account, RulesExplainAndUnwantedRefusalsFail) {
           entry(at("t/gone"), Kind::None, UploadRefusal::Missing),
           entry(at("t/run.d"), Kind::RawData, UploadRefusal::StillWritten)},
          {}}};
+    account.setFolder(at("t"), {});
     const UploadReport all = account.report(some, some, false);
     EXPECT_EQ(leftOut(all),
               list("t/.a hidden,t/l link,t/p special,t/x.tmp filter,t/run.ibd companion,t/gone vanished"));
     EXPECT_EQ(failed(all), list("t/run.d"));
     EXPECT_EQ(all.trees.first().leftOut, 6);
+}
+
+// ---- directories without files
+
+//! /data/t with a, sub and, in that, empty with inner, and c.
+class AccountOfEmptyDirectories : public Account {
+protected:
+    UploadReport report(bool wasStopped = false) const { return account.report(before, before, wasStopped); }
+    const QList<LocalTree> before{
+        {at("t"),
+         {entry(at("t"), Kind::Directory), entry(at("t/a"), Kind::File), entry(at("t/sub"), Kind::Directory),
+          entry(at("t/sub/c"), Kind::File), entry(at("t/sub/empty"), Kind::Directory),
+          entry(at("t/sub/empty/inner"), Kind::Directory)},
+         {}}};
+};
+
+TEST_F(AccountOfEmptyDirectories, ThoseThatAreThereNeedNoLine) {
+    account.setDone(at("t/a"), Outcome::Uploaded);
+    account.setDone(at("t/sub/c"), Outcome::Uploaded);
+    account.setFolderMade(at("t/sub/empty"));
+    account.setFolderMade(at("t/sub/empty/inner"));
+    EXPECT_EQ(leftOut(report()), QStringList());
+    EXPECT_EQ(report().unexplained, 0);
+    EXPECT_EQ(report().trees.first().files, 2);
+}
+
+TEST_F(AccountOfEmptyDirectories, OfWhichNothingIsKnownAreUnexplainedUnlessTheRunWasStopped) {
+    account.setDone(at("t/a"), Outcome::Uploaded);
+    account.setDone(at("t/sub/c"), Outcome::Uploaded);
+    EXPECT_EQ(leftOut(report()), list("t/sub/empty unexplained,t/sub/empty/inner unexplained"));
+    EXPECT_EQ(report().unexplained, 2);
+    EXPECT_EQ(leftOut(report(true)), list("t/sub/empty not_tried,t/sub/empty/inner not_tried"));
+    EXPECT_EQ(notTried(report(true)), list("t/sub/empty/ 0"));
+    EXPECT_EQ(report(true).trees.first().notTried, 2);
+}
+
+TEST_F(AccountOfEmptyDirectories, BelowAFolderThatCouldNotBeMadeAreNotTried) {
+    account.setDone(at("t/a"), Outcome::Uploaded);
+    account.setFolderFailed(at("t/sub"), failure);
+    account.setFolderFailed(at("t"), failure);
+    EXPECT_EQ(failed(report()), list("t/sub"));
+    EXPECT_EQ(leftOut(report()), list("t/sub/c not_tried,t/sub/empty not_tried,t/sub/empty/inner not_tried"));
+    EXPECT_EQ(notTried(report()), list("t/sub/ 1"));
+    account.setDone(at("t/sub/c"), Outcome::Uploaded);
+    EXPECT_EQ(notTried(report()), list("t/sub/empty/ 0"));
+}
+
+TEST_F(AccountOfEmptyDirectories, ThatFailedThemselvesAreFailuresAndThatWereGivenUpNotTried) {
+    account.setDone(at("t/a"), Outcome::Uploaded);
+    account.setDone(at("t/sub/c"), Outcome::Uploaded);
+    account.setFolderMade(at("t/sub/empty"));
+    account.setFolderFailed(at("t/sub/empty/inner"), failure);
+    EXPECT_EQ(failed(report()), list("t/sub/empty/inner"));
+    EXPECT_EQ(leftOut(report()), QStringList());
+    account.setFolderFailed(at("t/sub/empty/inner"), Error(ErrorCode::Canceled, QStringLiteral("canceled")));
+    EXPECT_EQ(failed(report()), QStringList());
+    EXPECT_EQ(leftOut(report()), list("t/sub/empty/inner not_tried"));
+}
+
+TEST_F(AccountOfEmptyDirectories, ThatHaveVanishedBeforeTheyWereMadeAreFailures) {
+    account.setDone(at("t/a"), Outcome::Uploaded);
+    account.setDone(at("t/sub/c"), Outcome::Uploaded);
+    account.setFolderMade(at("t/sub/empty"));
+    QList<LocalTree> now = before;
+    now.first().entries.resize(2);
+    const UploadReport all = account.report(before, now, false);
+    EXPECT_EQ(failed(all), list("t/sub/empty/inner"));
+    EXPECT_TRUE(all.failures.first().error.is(ErrorCode::NotFound));
 }
 
 // ---- what is not there any more, and what came

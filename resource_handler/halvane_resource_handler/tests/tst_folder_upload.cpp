@@ -53,8 +53,9 @@ TEST_F(FolderUpload, ATreeGoesUpWithAllItsLevels) {
                                     QStringLiteral("started sub/deep/c")}));
 }
 
-TEST_F(FolderUpload, TellsOfEachFolderBelowThatFailed) {
+TEST_F(FolderUpload, TellsOfEachFolderBelowThatFailedAndThatIsThere) {
     put(QStringLiteral("good/a"));
+    EXPECT_TRUE(QDir().mkpath(tree(QStringLiteral("good/empty"))));
     const QString below = put(QStringLiteral("sub/deep/b"));
     server.onRequest = [this](const ScriptedRequest& request) {
         if (request.line() == u"POST /folders" && request.json().value(u"name") == QStringLiteral("deep"))
@@ -69,7 +70,13 @@ TEST_F(FolderUpload, TellsOfEachFolderBelowThatFailed) {
                          failed.append(folder->path() + QStringLiteral(": ") +
                                        folder->error().errorMessage());
                      });
+    QStringList uploaded;
+    QObject::connect(task.get(), &HalvaneFolderUploadTask::folderUploaded, task.get(),
+                     [&uploaded, this](const HalvaneFolderUploadTask* folder) {
+                         uploaded.append(QDir(tree()).relativeFilePath(folder->path()));
+                     });
     EXPECT_TRUE(run(*task).hasError());
+    EXPECT_EQ(uploaded, (QStringList{QStringLiteral("good/empty"), QStringLiteral("good")}));
     EXPECT_EQ(failed, (QStringList{QFileInfo(below).path() + QStringLiteral(": not yours"),
                                    tree(QStringLiteral("sub")) + QStringLiteral(": not yours")}));
     EXPECT_EQ(onServer(), QStringList{QStringLiteral("good/a=content")});

@@ -385,7 +385,7 @@ TEST_F(FolderUploadEntries, MayBeDestroyedInAnyOfItsSignals) {
         {on(&Task::progressInitiated), ""},   {on(&Task::uploadStarted), ""},
         {on(&BaseTask::progress), ""},        {on(&Task::fileUploadFailed), "a%1"},
         {on(&Task::fileUploadFailed), "c%1"}, {on(&Task::folderUploadFailed), "c%1"},
-        {on(&BaseTask::finished), ""}};
+        {on(&Task::folderUploaded), ""},      {on(&BaseTask::finished), ""}};
     int number = 0;
     for (const auto& [connect, refused] : cases) {
         ASSERT_TRUE(QDir(tree()).removeRecursively());

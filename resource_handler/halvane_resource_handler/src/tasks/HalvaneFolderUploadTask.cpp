@@ -285,15 +285,18 @@ void HalvaneFolderUploadTask::Private::follow(HalvaneFolderUploadTask* nested, U
             &HalvaneFolderUploadTask::fileUploadFailed);
     connect(nested, &HalvaneFolderUploadTask::fileUploadCanceled, q,
             &HalvaneFolderUploadTask::fileUploadCanceled);
+    connect(nested, &HalvaneFolderUploadTask::folderUploaded, q, &HalvaneFolderUploadTask::folderUploaded);
     connect(nested, &HalvaneFolderUploadTask::folderUploadFailed, q,
             &HalvaneFolderUploadTask::folderUploadFailed);
 }
 
 void HalvaneFolderUploadTask::Private::onUploaded(BaseTask* task) {
-    if (const auto* file = qobject_cast<HalvaneFileUploadTaskBase*>(task))
+    if (const auto* file = qobject_cast<HalvaneFileUploadTaskBase*>(task)) {
         uploadedFolder->addFile(file->uploadedFile().value());
-    else if (const auto* folder = qobject_cast<HalvaneFolderUploadTask*>(task))
+    } else if (const auto* folder = qobject_cast<HalvaneFolderUploadTask*>(task)) {
         uploadedFolder->addFolder(folder->uploadedFolder().value());
+        Q_EMIT q->folderUploaded(folder);
+    }
 }
 
 void HalvaneFolderUploadTask::Private::onNotUploaded(BaseTask* task) {

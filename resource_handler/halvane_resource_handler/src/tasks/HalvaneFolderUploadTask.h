@@ -72,6 +72,8 @@ Q_SIGNALS:
     //! \a task is valid during the signal.
     void fileUploadFailed(const orx::HalvaneFileUploadTaskBase* task);
     void fileUploadCanceled(const orx::HalvaneFileUploadTaskBase* task);
+    //! A folder below this one is there with everything in it. \a task is valid during the signal.
+    void folderUploaded(const orx::HalvaneFolderUploadTask* task);
     //! A folder below this one ended with an error, be it of its own or of what is in it: what of its entries
     //! no other signal told of did not go up for that reason. \a task is valid during the signal.
     void folderUploadFailed(const orx::HalvaneFolderUploadTask* task);

@@ -1,0 +1,252 @@
+// What a put of trees makes of failures, of skipped files and of its end in the middle.
+#include <RunUntilIdle.h>
+#include <TreeUploadJob.h>
+
+#include <UploadFixture.h>
+
+#include <gtest/gtest.h>
+
+#include <QDir>
+
+namespace halvane::host {
+namespace {
+
+using orx::ErrorCode;
+using orx::HalvaneServerErrorCode;
+using orx::testing::ScriptedFault;
+using orx::testing::ScriptedHalvaneServer;
+using orx::testing::waitUntil;
+using Outcome = UploadedFile::Outcome;
+
+//! Puts directories and files of the work directory into the root folder of a scripted server.
+class TreeJob : public orx::testing::UploadTest {
+protected:
+    TreeJob() { server.service().setChunkSize(1 << 20); }
+
+    void write(const char* path, const QByteArray& content = "content") const {
+        const QString name = QLatin1String(path);
+        ASSERT_TRUE(QDir().mkpath(QFileInfo(filePath(name)).path()));
+        (void)makeFile(name, content);
+    }
+    //! A folder "t" on the server, and files in it.
+    void addOnServer(const QMap<QString, QByteArray>& files) {
+        const int folder = server.service().addFolder(QStringLiteral("t"));
+        for (auto file = files.begin(); file != files.end(); ++file)
+            ids.insert(file.key(), server.service().addFile(file.key(), file.value(), folder));
+    }
+    void refuse(const QString& call, const ScriptedFault& fault) {
+        server.script(call, fault, ScriptedHalvaneServer::Always);
+    }
+    static ScriptedFault notYours() {
+        return ScriptedFault::failure(403, HalvaneServerErrorCode::NoPrivilege, QStringLiteral("not yours"));
+    }
+    void make(const QStringList& paths = {QStringLiteral("t")}) {
+        for (const QString& path : paths)
+            request.paths.append(filePath(path));
+        request.target = QStringLiteral("folder:1");
+        job = std::make_unique<TreeUploadJob>(request, UploadPolicy::optionsOf(request, false, {}));
+        QObject::connect(
+            job.get(), &TreeUploadJob::fileDone, [this](const UploadedFile& file, bool isSource) {
+                const QString word = file.outcome == Outcome::Uploaded    ? QStringLiteral("uploaded ")
+                                     : file.outcome == Outcome::Unchanged ? QStringLiteral("unchanged ")
+                                                                          : QStringLiteral("skipped ");
+                done.append(word + below(file.path) + (isSource ? QStringLiteral(" (source)") : QString()));
+            });
+    }
+    orx::Error put(const QStringList& paths = {QStringLiteral("t")}) {
+        make(paths);
+        return end(runUntilIdle(*job));
+    }
+    orx::Error end(const orx::Error& error) {
+        done.sort();
+        QStringList sources;
+        for (const LocalTree& tree : job->trees())
+            sources.append(tree.source);
+        report = job->report(LocalTree::scan(sources));
+        return error;
+    }
+    QString below(const QString& path) const { return QDir(filePath(QString())).relativeFilePath(path); }
+    QStringList failed() const {
+        QStringList found;
+        for (const UploadFailure& failure : report.failures)
+            found.append(below(failure.path));
+        found.sort();
+        return found;
+    }
+    //! "path reason".
+    QStringList leftOut() const {
+        QStringList found;
+        for (const LeftOutPath& path : report.leftOut)
+            found.append(below(path.path) + u' ' + path.reason);
+        return found;
+    }
+    static QStringList list(const char* words) {
+        return QString::fromLatin1(words).split(u',', Qt::SkipEmptyParts);
+    }
+
+    QHash<QString, int> ids;
+    TreeUploadRequest request;
+    std::unique_ptr<TreeUploadJob> job;
+    QStringList done;
+    UploadReport report;
+};
+
+TEST_F(TreeJob, TellsOfEachFileAndWhetherItWasAskedForItself) {
+    write("t/new");
+    write("t/same", "as there");
+    write("t/other", "not as there");
+    write("alone");
+    addOnServer({{QStringLiteral("same"), "as there"}, {QStringLiteral("other"), "there"}});
+    request.ifTaken = IfTaken::Skip;
+    EXPECT_FALSE(put({QStringLiteral("t"), QStringLiteral("alone")}).hasError());
+    EXPECT_EQ(done, list("skipped t/other,unchanged t/same,uploaded alone (source),uploaded t/new"));
+    EXPECT_EQ(leftOut(), list("t/other policy"));
+    EXPECT_EQ(report.done, 3);
+}
+
+// ---- the bytes that are waited for
+
+TEST_F(TreeJob, TheTotalIsThatOfWhatMayStillGoUp) {
+    write("t/big", "0123456789");
+    write("t/same", "as there");
+    write("t/skipped", "not as there");
+    write("t/refused", "no luck");
+    addOnServer({{QStringLiteral("same"), "as there"}, {QStringLiteral("skipped"), "there"}});
+    server.onRequest = [this](const orx::testing::ScriptedRequest& call) {
+        if (call.line() == u"POST /uploads" && call.json().value(u"name") == QStringLiteral("refused"))
+            server.script(QStringLiteral("POST /uploads"), notYours());
+    };
+    request.ifTaken = IfTaken::Skip;
+    request.keepGoing = true;
+    make();
+    EXPECT_FALSE(job->state().areTotalsKnown);
+    (void)end(runUntilIdle(*job));
+    const UploadState state = job->state();
+    EXPECT_TRUE(state.areTotalsKnown);
+    EXPECT_EQ(state.filesTotal, 4);
+    EXPECT_EQ(state.filesDone, 3);
+    EXPECT_EQ(state.bytesTotal, 10 + 8);
+    EXPECT_EQ(state.bytesDone, 10 + 8);
+    EXPECT_EQ(state.running, QStringList());
+    EXPECT_EQ(failed(), list("t/refused"));
+}
+
+// ---- comparisons that fail
+
+struct Comparison {
+    bool keepGoing;
+    const char* done;
+    const char* leftOut;
+};
+
+class TreeJobComparing : public TreeJob, public ::testing::WithParamInterface<Comparison> {};
+INSTANTIATE_TEST_SUITE_P(
+    KeepGoing, TreeJobComparing,
+    ::testing::Values(Comparison{false, "", "t/new not_tried,t/same not_tried,t/sub/x not_tried"},
+                      Comparison{true, "unchanged t/same,uploaded t/new,uploaded t/sub/x", ""}),
+    [](const auto& one) { return one.param.keepGoing ? "Yes" : "No"; });
+
+TEST_P(TreeJobComparing, OneThatFailsStopsItsFolderUnlessTheRunKeepsGoing) {
+    write("t/new");
+    write("t/other", "not as there");
+    write("t/same", "as there");
+    write("t/sub/x");
+    addOnServer({{QStringLiteral("same"), "as there"}, {QStringLiteral("other"), "there"}});
+    refuse(QStringLiteral("GET /files/%1").arg(ids.value(QStringLiteral("other"))), notYours());
+    if (!GetParam().keepGoing) // the other comparison does not come to its end before the one that fails
+        refuse(QStringLiteral("GET /files/%1").arg(ids.value(QStringLiteral("same"))), ScriptedFault::hang());
+    request.keepGoing = GetParam().keepGoing;
+    EXPECT_EQ(put().hasError(), !GetParam().keepGoing);
+    EXPECT_EQ(done, list(GetParam().done));
+    EXPECT_EQ(failed(), list("t/other"));
+    EXPECT_EQ(report.failures.first().error.errorMessage(), QStringLiteral("not yours"));
+    EXPECT_EQ(leftOut(), list(GetParam().leftOut));
+    EXPECT_EQ(report.unexplained, 0);
+}
+
+// ---- folders that fail
+
+TEST_F(TreeJob, WhatLiesBelowAFolderThatCannotBeMadeIsNotTriedEmptyDirectoriesToo) {
+    write("t/a");
+    write("t/no/b");
+    ASSERT_TRUE(QDir().mkpath(filePath(QStringLiteral("t/no/empty/inner"))));
+    ASSERT_TRUE(QDir().mkpath(filePath(QStringLiteral("t/yes/empty"))));
+    server.onRequest = [this](const orx::testing::ScriptedRequest& call) {
+        if (call.line() == u"POST /folders" && call.json().value(u"name") == QStringLiteral("no"))
+            server.script(QStringLiteral("POST /folders"), notYours());
+    };
+    request.keepGoing = true;
+    EXPECT_TRUE(put().hasError());
+    EXPECT_EQ(failed(), list("t/no"));
+    EXPECT_EQ(leftOut(), list("t/no/b not_tried,t/no/empty not_tried,t/no/empty/inner not_tried"));
+    EXPECT_EQ(report.unexplained, 0);
+    EXPECT_EQ(done, list("uploaded t/a"));
+}
+
+// ---- the end in the middle
+
+TEST_F(TreeJob, CancelledWhileItComparesNothingIsSkippedAndNothingFails) {
+    write("t/other", "not as there");
+    write("t/new");
+    ASSERT_TRUE(QDir().mkpath(filePath(QStringLiteral("t/empty"))));
+    addOnServer({{QStringLiteral("other"), "there"}});
+    refuse(QStringLiteral("GET /files/*"), ScriptedFault::hold());
+    request.ifTaken = IfTaken::Skip;
+    make();
+    job->exec();
+    ASSERT_TRUE(waitUntil([this] { return server.heldCount() == 1; }));
+    job->cancel();
+    ASSERT_TRUE(waitUntil([this] { return job->isIdle(); }));
+    EXPECT_TRUE(end(job->error()).isCanceled());
+    EXPECT_EQ(done, QStringList());
+    EXPECT_EQ(failed(), QStringList());
+    EXPECT_EQ(leftOut(), list("t/empty not_tried,t/new not_tried,t/other not_tried"));
+    EXPECT_EQ(server.count(QStringLiteral("POST *")), 0) << "nothing was sent";
+}
+
+TEST_F(TreeJob, ALoginThatHasExpiredEndsTheRunAlsoWhenItKeepsGoing) {
+    for (int i = 0; i < 60; ++i)
+        write(qPrintable(QStringLiteral("t/sub%1/f%2").arg(i % 3).arg(i)));
+    refuse(QStringLiteral("POST /uploads"),
+           ScriptedFault::failure(401, HalvaneServerErrorCode::NotAuthenticated, QStringLiteral("expired")));
+    request.keepGoing = true;
+    const orx::Error error = put();
+    EXPECT_TRUE(orx::isHalvaneError(error, HalvaneServerErrorCode::NotAuthenticated) ||
+                error.is(ErrorCode::NotAuthenticated))
+        << qPrintable(error.traceText());
+    EXPECT_GT(report.failures.size(), 0);
+    EXPECT_LT(report.failures.size(), 60);
+    EXPECT_EQ(report.trees.first().failed + report.trees.first().notTried, 60);
+    EXPECT_EQ(report.unexplained, 0);
+    EXPECT_LT(server.count(QStringLiteral("POST /uploads")), 60) << "no more was tried";
+}
+
+// ---- before it begins
+
+TEST_F(TreeJob, WithoutTheTargetNothingHasBegun) {
+    write("t/a");
+    request.target = QStringLiteral("folder:77");
+    request.paths = {filePath(QStringLiteral("t"))};
+    TreeUploadJob missing(request, UploadPolicy::optionsOf(request, false, {}));
+    EXPECT_TRUE(runUntilIdle(missing).hasError());
+    EXPECT_FALSE(missing.hasBegun());
+    EXPECT_EQ(missing.trees().size(), 0);
+}
+
+TEST_F(TreeJob, OfTwoSourcesOfOneNameTheLaterOneFailsAndStopsTheRunUnlessItKeepsGoing) {
+    write("one/t/a");
+    write("two/t/b");
+    const QStringList both{QStringLiteral("one/t"), QStringLiteral("two/t")};
+    EXPECT_TRUE(put(both).is(ErrorCode::InvalidArgument));
+    EXPECT_EQ(failed(), list("two/t"));
+    EXPECT_EQ(leftOut(), list("one/t/a not_tried,two/t/b not_tried"));
+    EXPECT_EQ(server.service().folders().size(), 1);
+    request = {};
+    request.keepGoing = true;
+    EXPECT_FALSE(put(both).hasError());
+    EXPECT_EQ(failed(), list("two/t"));
+    EXPECT_EQ(done, list("uploaded one/t/a"));
+}
+
+} // namespace
+} // namespace halvane::host
