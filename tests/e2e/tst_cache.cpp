@@ -147,6 +147,28 @@ TEST_F(Cache, WhatSomebodyPutBesideACopyIsNotGivenToUsers) {
     EXPECT_TRUE(Client::contentOf(client.path("target/raw/run.mzML")) == Client::contentOf(file));
 }
 
+TEST_F(Cache, WhatAnotherServerAtTheSameAddressHadIsNoCopy) {
+    FaultProxy proxy("127.0.0.1", std::uint16_t(server.url().port()));
+    ASSERT_TRUE(client.login(QUrl(QString::fromStdString(proxy.url()))));
+    put();
+    EXPECT_TRUE(QFileInfo::exists(cachePath()));
+    // Set up anew: what is put has the same number.
+    RealServer second;
+    ASSERT_TRUE(second.start());
+    proxy.setTarget("127.0.0.1", std::uint16_t(second.url().port()));
+    ASSERT_TRUE(client.login(QUrl(QString::fromStdString(proxy.url()))));
+    client.mustRun({"mkdir", "/raw"});
+    file = client.makeLargeFile("run.mzML", 100'000, 2);
+    put({"--no-cache"});
+    ASSERT_EQ(entries().size(), 1);
+    for (const QString command : {"path", "pin"})
+        EXPECT_EQ(client.run({"cache", command, "/raw/run.mzML"}).exitCode, 3);
+    EXPECT_EQ(entries()[0]["pinned"], false);
+    EXPECT_EQ(get()["from_cache"], false);
+    ASSERT_EQ(entries().size(), 1);
+    EXPECT_TRUE(Client::contentOf(cachePath()) == Client::contentOf(file));
+}
+
 TEST_F(Cache, ATruncatedEntryIsFetchedAgain) {
     put();
     const QString path = cachePath();

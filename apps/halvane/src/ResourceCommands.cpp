@@ -6,6 +6,8 @@
 
 #include <ErrorText.h>
 #include <ExitCodes.h>
+#include <HalvaneAcknowledgedContents.h>
+#include <HalvaneConnection.h>
 #include <HalvaneError.h>
 #include <HalvaneFileResourceMetadata.h>
 #include <HalvaneFolderResourceMetadata.h>
@@ -351,6 +353,9 @@ int Runner::withCopy(const CacheCommand& command) {
     if (named.hasError())
         return m_output.error(named.error());
     const auto& [item, handler] = named.value();
+    // What another server at the same address had by this number is no copy of it.
+    orx::HalvaneAcknowledgedContents::record(orx::HalvaneConnection::instance().serverKey(), item.id,
+                                             item.version, item.sha256.toLatin1());
     const Error missing(
         ErrorCode::NotFound,
         (item.isFolder()

@@ -51,10 +51,10 @@ Result<CacheFill::Begun> CacheFill::waitForOther() {
 }
 
 //! The entry, when there is a whole one; leased when it is taken as it is.
-Result<std::optional<CacheRecords::Record>> CacheFill::look() {
+Result<std::optional<CacheRecords::Record>> CacheFill::look(const QString& expected) {
     // Before the look, so that nobody removes what was seen.
     auto use = m_store->tryUse(m_place);
-    auto record = m_store->valid(m_place, CachePayload::Depth::Everything);
+    auto record = m_store->valid(m_place, CachePayload::Depth::Everything, expected);
     // Somebody exchanges it all the time: that there is none would not be true.
     if (record.hasError() &&
         (record.error().is(ErrorCode::InvalidArgument) || record.error().is(ErrorCode::Busy)))
@@ -66,24 +66,24 @@ Result<std::optional<CacheRecords::Record>> CacheFill::look() {
     return std::optional(std::move(*record));
 }
 
-Result<CacheFill::Begun> CacheFill::begin() {
+Result<CacheFill::Begun> CacheFill::begin(const QString& expected) {
     const auto root = m_store->root();
     if (root.hasError())
         return root.error();
     // Who needs nothing new does not wait for who brings it.
     if (needsNothingNew() && !m_hasWaited) {
         ORX_RETURN_ON_ERROR(clearBeside());
-        ORX_RETURN_ON_ERROR(look().error());
+        ORX_RETURN_ON_ERROR(look(expected).error());
         if (m_lease || m_mode == ResourceCache::FillMode::LookOnly)
             return m_lease ? Begun::Done : Begun::Fetch;
     }
     m_fill = (*root)->locks->tryExclusive(CacheLocks::offset(m_place.key(), CacheLocks::kFill));
-    return m_fill ? beginAlone(**root) : waitForOther();
+    return m_fill ? beginAlone(**root, expected) : waitForOther();
 }
 
-Result<CacheFill::Begun> CacheFill::beginAlone(const CacheRoot& root) {
+Result<CacheFill::Begun> CacheFill::beginAlone(const CacheRoot& root, const QString& expected) {
     ORX_RETURN_ON_ERROR(clearBeside());
-    const auto record = look();
+    const auto record = look(expected);
     if (record.hasError())
         return record.error();
     if (m_lease) {

@@ -23,7 +23,8 @@ public:
               ResourceCache::Neighbours neighbours)
         : m_store(std::move(store)), m_place(place), m_mode(mode), m_neighbours(neighbours) {}
 
-    Result<Begun> begin();
+    //! \a expected as in CacheStore::valid().
+    Result<Begun> begin(const QString& expected);
     //! Whether the fetch may find content in directory() under the place's name.
     bool isUpdate() const { return m_mode == ResourceCache::FillMode::Update; }
     //! Throws away what the fetch found, for it to begin anew. After begin() said Fetch.
@@ -42,11 +43,11 @@ public:
 
 private:
     QByteArray stagingName() const { return "fill-" + m_place.key(); }
-    Result<std::optional<CacheRecords::Record>> look();
+    Result<std::optional<CacheRecords::Record>> look(const QString& expected);
     bool needsNothingNew() const;
     bool isNewEnough(const CacheRecords::Record& record) const;
     Result<Begun> waitForOther();
-    Result<Begun> beginAlone(const CacheRoot& root);
+    Result<Begun> beginAlone(const CacheRoot& root, const QString& expected);
     void hold(CacheLock use);
     Error clearBeside();
     Error prepareDirectory(const CacheRoot& root, const CachePayload* entry);

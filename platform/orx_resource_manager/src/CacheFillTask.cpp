@@ -55,8 +55,8 @@ Error CacheFillTask::doFinish() {
 void CacheFillTask::begin() {
     const auto begun = std::make_shared<CacheFill::Begun>();
     execSubtask(std::make_unique<WorkerStepTask>(QStringLiteral("Begin to fill the cache"),
-                                                 [fill = m_fill, begun] {
-                                                     auto result = fill->begin();
+                                                 [fill = m_fill, begun, expected = m_checksum()] {
+                                                     auto result = fill->begin(expected);
                                                      if (result.hasError())
                                                          return std::move(result).error();
                                                      *begun = *result;

@@ -277,6 +277,21 @@ Result<CacheStore::Look> CacheStore::lookOnce(const CacheSubPath& place, CachePa
     return Look{seen, std::move(*record), std::move(difference)};
 }
 
+namespace {
+
+bool isOther(const CachePayload& payload, const QString& expected) {
+    return !expected.isEmpty() && payload.type == PathType::File &&
+           expected.compare(QLatin1String(payload.sha256), Qt::CaseInsensitive) != 0;
+}
+
+Error other(const CacheSubPath& place, const CachePayload& payload, const QString& expected) {
+    return Error(ErrorCode::NotFound,
+                 translated("\"%1\" in the cache is another content (SHA-256 %2) than the server has (%3).")
+                     .arg(place.text(), QString::fromLatin1(payload.sha256), expected.toLower()));
+}
+
+} // namespace
+
 Error CacheStore::Look::told(const CacheSubPath& place) const {
     if (difference.hasError())
         return difference.error();
@@ -284,13 +299,16 @@ Error CacheStore::Look::told(const CacheSubPath& place) const {
                  translated("\"%1\" in the cache is not whole: %2.").arg(place.text(), *difference));
 }
 
-Result<CacheRecords::Record> CacheStore::valid(const CacheSubPath& place, CachePayload::Depth depth) {
+Result<CacheRecords::Record> CacheStore::valid(const CacheSubPath& place, CachePayload::Depth depth,
+                                               const QString& expected) {
     if (const auto opened = root(); opened.hasError())
         return opened.error();
     for (int attempt = 1; attempt <= kLooks; ++attempt) {
         auto look = lookOnce(place, depth);
         if (look.hasError())
             return std::move(look).error();
+        if (look->isWhole() && isOther(look->record.payload, expected))
+            return other(place, look->record.payload, expected);
         if (look->isWhole())
             return std::move(look->record);
         if (depth == CachePayload::Depth::Top)
@@ -395,8 +413,7 @@ bool CacheStore::releaseReserve() {
 }
 
 Error CacheStore::compare(const CachePayload& payload, const QString& expected, const QString& shown) {
-    if (expected.isEmpty() || payload.type != PathType::File ||
-        expected.compare(QLatin1String(payload.sha256), Qt::CaseInsensitive) == 0)
+    if (!isOther(payload, expected))
         return Error();
     return Error(ErrorCode::ChecksumMismatch,
                  translated("The content of \"%1\" for the cache is not what the server has (SHA-256 %2 "

@@ -52,8 +52,9 @@ public:
     //! alone, without its items, it costs a few calls, whatever the entry holds and whoever writes records;
     //! while somebody exchanges what lies there it finds nothing. For a look at everything such an exchange
     //! is waited for (ErrorCode::Busy when it takes too long), and a directory that is not whole is recorded
-    //! as damaged.
-    Result<CacheRecords::Record> valid(const CacheSubPath& place, CachePayload::Depth depth);
+    //! as damaged. A file whose digest is not \a expected (hexadecimal; empty: unknown) is not there either.
+    Result<CacheRecords::Record> valid(const CacheSubPath& place, CachePayload::Depth depth,
+                                       const QString& expected = QString());
     //! Tells what lies at a place from what is brought there later, and from what is brought back.
     struct Identity {
         dev_t device = 0;

@@ -121,7 +121,7 @@ Error RemoteResourceHandler::setCleanupPolicy(ResourceCleanupPolicy policy) {
 }
 
 bool RemoteResourceHandler::isAvailableLocally() const {
-    return cache() && cache()->contains(subCachePath());
+    return cache() && cache()->contains(subCachePath(), reference());
 }
 
 Result<Path> RemoteResourceHandler::localPath() const {
@@ -203,7 +203,7 @@ std::optional<std::unique_ptr<Task>> RemoteResourceHandler::retrieveTask() {
     const bool isChanging = !reference()->namesOneContent();
     std::optional<ResourceCacheLease> lease;
     if (mode == RetrieveMode::CacheOnly || (mode == RetrieveMode::CacheFirst && !isChanging))
-        lease = cache()->lease(subCachePath());
+        lease = cache()->lease(subCachePath(), reference());
     if (lease && lease->isWhole() && cache()->isAlone(subCachePath())) {
         d->lease = std::move(lease);
         return std::nullopt;

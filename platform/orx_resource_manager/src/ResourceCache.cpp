@@ -115,12 +115,12 @@ struct ResourceCache::Private {
     CacheAdditions::Expected expected(const ResourceReferenceSPtr& reference) const {
         return {settings->checksum(reference), settings->limits()};
     }
-    //! Of an entry that is whole, as far as its top tells.
-    std::optional<PathType> typeOf(const QString& subPath) const {
+    //! Of an entry that is whole and what the server said, as far as its top tells.
+    std::optional<PathType> typeOf(const QString& subPath, const ResourceReferenceSPtr& reference) const {
         const auto place = store->parse(subPath);
         if (place.hasError())
             return std::nullopt;
-        const auto record = store->valid(*place, CachePayload::Depth::Top);
+        const auto record = store->valid(*place, CachePayload::Depth::Top, settings->checksum(reference));
         if (record.hasError() && !CacheStore::isMissing(record.error()))
             qCWarning(cacheLog).noquote() << record.errorMessage();
         return record ? std::optional(record->entry.type) : std::nullopt;
@@ -153,14 +153,15 @@ Result<Path> ResourceCache::expectedPath(const QString& subPath) const {
     return Path(written ? *written : d->store->placePath(*place));
 }
 
-bool ResourceCache::contains(const QString& subPath) const {
-    return d->typeOf(subPath).has_value();
+bool ResourceCache::contains(const QString& subPath, const ResourceReferenceSPtr& reference) const {
+    return d->typeOf(subPath, reference).has_value();
 }
 
-std::optional<ResourceCacheLease> ResourceCache::lease(const QString& subPath) {
+std::optional<ResourceCacheLease> ResourceCache::lease(const QString& subPath,
+                                                       const ResourceReferenceSPtr& reference) {
     const auto place = d->store->parse(subPath);
     auto lock = place ? d->store->tryUse(*place) : std::nullopt;
-    const auto type = lock ? d->typeOf(subPath) : std::nullopt;
+    const auto type = lock ? d->typeOf(subPath, reference) : std::nullopt;
     return type ? std::optional(leaseOf(*place, std::move(*lock), *type == PathType::File)) : std::nullopt;
 }
 

@@ -142,11 +142,14 @@ public:
     //! writer of the entry runs (see add()), to what it calls on its thread: where it makes the content.
     Result<Path> expectedPath(const QString& subPath) const;
     //! Whether there is an entry: a file of the recorded size and time, or a directory, which is not looked
-    //! into and not known to be damaged. Like lease() and the additions it takes the same few calls for a
-    //! directory of any size, so that an event loop may make it.
-    bool contains(const QString& subPath) const;
+    //! into and not known to be damaged. A file is not there when the server said (ChecksumSource) that the
+    //! content of \a reference, which may be null, is another one: two servers may have been at one address.
+    //! Like lease() and the additions it takes the same few calls for a directory of any size, so that an
+    //! event loop may make it.
+    bool contains(const QString& subPath, const ResourceReferenceSPtr& reference = {}) const;
     //! A lease of an entry that contains() finds, which also counts as its use; none without one.
-    std::optional<ResourceCacheLease> lease(const QString& subPath);
+    std::optional<ResourceCacheLease> lease(const QString& subPath,
+                                            const ResourceReferenceSPtr& reference = {});
     Result<ResourceCleanupPolicy> cleanupPolicy(const QString& subPath) const;
     //! ErrorCode::NotFound without an entry.
     Error setCleanupPolicy(const QString& subPath, ResourceCleanupPolicy policy);
@@ -166,9 +169,9 @@ public:
     //! Fills the entry: \a fetch makes the task that brings the content into the directory it is given, under
     //! the last component of \a subPath. Of several tasks and processes that fill one entry one works and the
     //! others wait for it. An entry is looked at, with all that is in it, on a worker before it is taken as
-    //! it is. What an interrupted fill left under other names than the last component is there for the next
-    //! one of the same entry to resume. The task ends when the entry is durable and visible, with progress of
-    //! the fetch. Thread: the owner's.
+    //! it is; what the server said is compared as by contains(). What an interrupted fill left under other
+    //! names than the last component is there for the next one of the same entry to resume. The task ends
+    //! when the entry is durable and visible, with progress of the fetch. Thread: the owner's.
     std::unique_ptr<Task> fillTask(const ResourceReferenceSPtr& reference, const QString& subPath,
                                    std::function<std::unique_ptr<Task>(const DirPath&)> fetch, FillMode mode,
                                    Neighbours neighbours = Neighbours::Kept);

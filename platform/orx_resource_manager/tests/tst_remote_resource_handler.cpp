@@ -4,6 +4,7 @@
 #include "RemoteResourceHandler.h"
 
 #include <QCoreApplication>
+#include <QCryptographicHash>
 #include <QDir>
 #include <QFile>
 #include <QTemporaryDir>
@@ -204,6 +205,44 @@ TEST_F(RemoteResourceHandlerTest, TheModeAndTheEntryDecideWhatIsFetched) {
         EXPECT_EQ(contentOf(path->toString()), row.content);
         EXPECT_TRUE(handler->isAvailableLocally());
     }
+}
+
+TEST_F(RemoteResourceHandlerTest, WhatIsKnownToBeAnotherContentIsNotThere) {
+    fillEntry();
+    elsewhere.content = "of another server";
+    const QString path = handlerOf()->expectedPath()->toString();
+    cache.setChecksumSource([](const ResourceReference& reference) {
+        EXPECT_EQ(reference.displayText(), sampleReference()->displayText());
+        return QString::fromLatin1(
+            QCryptographicHash::hash("of another server", QCryptographicHash::Sha256).toHex().toUpper());
+    });
+    EXPECT_FALSE(handlerOf()->isAvailableLocally());
+    const auto offline = handlerOf();
+    offline->overrideRetrieveMode(Mode::CacheOnly);
+    EXPECT_TRUE(offline->retrieve().error().is(ErrorCode::NotFound));
+    EXPECT_EQ(contentOf(path), "the first content");
+    EXPECT_EQ(elsewhere.fetched, 0);
+    ASSERT_TRUE(handlerOf()->retrieve());
+    EXPECT_EQ(elsewhere.fetched, 1);
+    EXPECT_EQ(contentOf(path), "of another server");
+    EXPECT_TRUE(offline->retrieve());
+    EXPECT_EQ(elsewhere.fetched, 1);
+}
+
+TEST_F(RemoteResourceHandlerTest, AContentThatBecameKnownWhileATaskWaitedIsLookedFor) {
+    fillEntry();
+    elsewhere.content = "of another server";
+    write(QFileInfo(handlerOf()->expectedPath()->toString()).path() + QStringLiteral("/planted"), "x");
+    // For what lies beside the entry.
+    const auto task = handlerOf()->retrieveAsync(Processing::RunByCaller, nullptr);
+    ASSERT_TRUE(task && *task);
+    cache.setChecksumSource([](const ResourceReference&) {
+        return QString::fromLatin1(
+            QCryptographicHash::hash("of another server", QCryptographicHash::Sha256).toHex());
+    });
+    (*task)->exec();
+    EXPECT_FALSE((*task)->waitForFinished().hasError());
+    EXPECT_EQ(contentOf(handlerOf()->expectedPath()->toString()), "of another server");
 }
 
 TEST_F(RemoteResourceHandlerTest, WhatIsNotThereAnyMoreIsNotFetchedWhenOnlyTheCacheMayBeAsked) {
