@@ -1,6 +1,8 @@
 // Brings a folder through a cache into a directory, replacing what is there, and kills itself at a place of
 // the second copy out of the cache: copy (half of the content is written), flush (the content is written),
-// rename (it is flushed); or at the first flush of the directory: directory. Anything else: never.
+// rename (it is flushed); before or after a directory is exchanged with its successor: exchange, exchanged;
+// at the second file of what it was that is removed: remove; or at the first flush of the directory:
+// directory. Anything else: never.
 //
 // usage: HALVANE_TOKEN=... cache_downloader URL USER FOLDER CACHE_DIRECTORY TARGET_DIRECTORY PLACE
 #include <HalvaneConnection.h>
@@ -85,6 +87,23 @@ extern "C" int rename(const char* from, const char* to) {
     if (isInTarget(to) && isTheTimeToDie("rename"))
         ::raise(SIGKILL);
     return int(::syscall(SYS_renameat2, AT_FDCWD, from, AT_FDCWD, to, 0));
+}
+
+extern "C" int renameat2(int from, const char* oldName, int to, const char* newName,
+                         unsigned flags) noexcept {
+    const bool exchanges = flags == RENAME_EXCHANGE && isInTarget(newName);
+    if (exchanges && isTheTimeToDie("exchange", 1))
+        ::raise(SIGKILL);
+    const auto result = int(::syscall(SYS_renameat2, from, oldName, to, newName, flags));
+    if (exchanges && isTheTimeToDie("exchanged", 1))
+        ::raise(SIGKILL);
+    return result;
+}
+
+extern "C" int unlink(const char* path) noexcept {
+    if (isInTarget(path) && isTheTimeToDie("remove"))
+        ::raise(SIGKILL);
+    return int(::syscall(SYS_unlinkat, AT_FDCWD, path, 0));
 }
 
 int main(int argc, char** argv) {

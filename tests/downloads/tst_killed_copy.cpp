@@ -3,6 +3,7 @@
 #include "CacheDownloads.h"
 
 #include <HalvaneConnection.h>
+#include <VonkPacker.h>
 
 #include <QProcess>
 
@@ -23,10 +24,42 @@ protected:
 
     static QByteArray contentOf(int number) { return QByteArray(5'000 + number, char('a' + number)); }
     QString nameOf(int number) const { return text("run %1").arg(number); }
-    void SetUp() override {
-        raw = makeFolder(text("raw"));
+    void SetUp() override { raw = makeFolder(text("raw")); }
+    void makeFiles() {
         for (int i = 0; i < fileCount; ++i)
             makeFile(nameOf(i), contentOf(i), raw);
+    }
+    //! A packed directory of the files of that number.
+    void makeAcquisition() {
+        const QTemporaryDir dir;
+        ASSERT_TRUE(QDir(dir.path()).mkpath(text("run.d/data")));
+        for (int i = 0; i < fileCount; ++i) {
+            QFile file(dir.filePath(acquiredName(i)));
+            ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+            file.write(contentOf(i));
+        }
+        vonk::PackInput input;
+        input.path = dir.filePath(text("run.d"));
+        const auto packed = vonk::VonkPacker::pack(input, dir.filePath(text("run.d.vonk")));
+        ASSERT_TRUE(packed) << qPrintable(packed.errorMessage());
+        QFile file(dir.filePath(text("run.d.vonk")));
+        ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+        makeFile(text("run.d.vonk"), file.readAll(), raw);
+    }
+    static QString acquiredName(int number) {
+        return text(number % 2 == 0 ? "run.d/%1" : "run.d/data/%1").arg(number);
+    }
+    void putOldAcquisition() const {
+        ASSERT_TRUE(QDir(at(text("run.d"))).removeRecursively());
+        for (int i = 0; i < fileCount; ++i)
+            put(acquiredName(i), "old " + QByteArray::number(i));
+        put(text("run.d/data/notes"), "mine");
+    }
+    //! What shows in the target, sorted.
+    QStringList shown() const {
+        QStringList entries = tree();
+        entries.removeIf([](const QString& entry) { return entry.startsWith(u'.'); });
+        return entries;
     }
     void putOld() const {
         for (int i = 0; i < fileCount; ++i)
@@ -65,6 +98,7 @@ protected:
 INSTANTIATE_TEST_SUITE_P(Real, KilledCopy, ::testing::Values(Backend::Real), backendName);
 
 TEST_P(KilledCopy, LeavesOldOrWholeContentAndTheNextRunFetchesNothing) {
+    makeFiles();
     QProcess whole;
     runAnother(whole, text("nowhere"));
     ASSERT_EQ(whole.exitCode(), 0) << "so that everything is in the cache";
@@ -83,6 +117,35 @@ TEST_P(KilledCopy, LeavesOldOrWholeContentAndTheNextRunFetchesNothing) {
         runAnother(next, text("nowhere"));
         EXPECT_EQ(next.exitCode(), 0);
         EXPECT_EQ(filesThatCame(), fileCount);
+        EXPECT_EQ(contentCalls(), 0);
+    }
+}
+
+TEST_P(KilledCopy, LeavesTheOldAcquisitionOrTheWholeNewOneAndTheNextRunFetchesNothing) {
+    makeAcquisition();
+    QProcess whole;
+    putOldAcquisition();
+    const QStringList old = shown();
+    runAnother(whole, text("nowhere"));
+    ASSERT_EQ(whole.exitCode(), 0);
+    const QStringList complete = shown();
+    ASSERT_EQ(complete.size(), old.size());
+    ASSERT_TRUE(complete.contains(text("run.d/data/notes=mine")));
+    for (const Place& place : {Place{"copy", false}, Place{"flush", false}, Place{"exchange", false},
+                               Place{"exchanged", true}, Place{"remove", true}, Place{"directory", true}}) {
+        SCOPED_TRACE(place.name);
+        putOldAcquisition();
+        ASSERT_EQ(shown(), old);
+        QProcess killed;
+        runAnother(killed, text(place.name));
+        EXPECT_EQ(killed.exitStatus(), QProcess::CrashExit);
+        EXPECT_EQ(killed.exitCode(), SIGKILL);
+        EXPECT_EQ(shown(), place.came ? complete : old);
+        forgetCalls();
+        QProcess next;
+        runAnother(next, text("nowhere"));
+        EXPECT_EQ(next.exitCode(), 0);
+        EXPECT_EQ(shown(), complete);
         EXPECT_EQ(contentCalls(), 0);
     }
 }

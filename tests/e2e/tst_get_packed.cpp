@@ -2,6 +2,7 @@
 // the packed files that they are when that is asked for.
 #include "Client.h"
 #include "SmallWriter.h"
+#include "StoppedRun.h"
 
 #include <FaultProxy.h>
 #include <VonkPacker.h>
@@ -13,6 +14,7 @@
 #include <QFile>
 #include <QFileInfo>
 
+#include <csignal>
 #include <fcntl.h>
 #include <sys/stat.h>
 
@@ -214,6 +216,38 @@ TEST_F(GetPacked, TheOptionDecidesAboutClashes) {
         EXPECT_EQ(local("out/run.d/notes.txt"), "mine");
         forget("out");
     }
+}
+
+// The whole of it is made beside the old one first, which takes long enough to be caught.
+TEST_F(GetPacked, AKilledRunThatOverwritesLeavesTheOldDirectoryAndTheNextOneReplacesIt) {
+    ASSERT_TRUE(QDir().mkpath(client.path("source/run.d")));
+    client.makeFile("source/run.d/acqu", "parameters");
+    client.makeLargeFile("source/run.d/data", 48'000'000);
+    vonk::PackInput input;
+    input.path = client.path("source/run.d");
+    put(pack(input, "large.vonk"), "/packed");
+    const QByteArray data = Client::contentOf(client.path("source/run.d/data"));
+    forget("source");
+    const QStringList overwriting{"get", "/packed/large.vonk", "--to", "out", "--if-exists", "overwrite"};
+    const auto putOld = [this] {
+        QDir(client.path("out")).removeRecursively();
+        ASSERT_TRUE(QDir().mkpath(client.path("out/run.d")));
+        client.makeFile("out/run.d/acqu", "edited");
+        client.makeFile("out/run.d/notes.txt", "mine");
+    };
+    putOld();
+    client.mustRun(overwriting); // into the cache
+    putOld();
+    StoppedRun run(client, overwriting, client.path("out"), putOld);
+    ASSERT_TRUE(run.isStopped());
+    EXPECT_FALSE(run.goOnWith(SIGKILL).ended);
+    EXPECT_EQ(client.filesIn("out/run.d"), (QStringList{"acqu", "notes.txt"}));
+    EXPECT_EQ(local("out/run.d/acqu"), "edited");
+    client.mustRun(overwriting);
+    EXPECT_EQ(client.filesIn("out/run.d"), (QStringList{"acqu", "data", "notes.txt"}));
+    EXPECT_EQ(local("out/run.d/acqu"), "parameters");
+    EXPECT_TRUE(local("out/run.d/data") == data);
+    EXPECT_EQ(local("out/run.d/notes.txt"), "mine");
 }
 
 TEST_F(GetPacked, AFileInTheWayOfADirectoryIsNotOverwritten) {

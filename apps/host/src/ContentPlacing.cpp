@@ -3,11 +3,13 @@
 #include "DownloadSteps.h"
 
 #include <AtomicFile.h>
+#include <DirectoryMerge.h>
 #include <FilePlace.h>
 
 #include <QFile>
 
 #include <cerrno>
+#include <cstdio>
 
 namespace halvane::host {
 
@@ -24,7 +26,7 @@ Error taken(const QString& path) {
 } // namespace
 
 Error ContentPlacing::run() const {
-    if (mayMove && !overwrites)
+    if (mayMove)
         return move();
     QStringList wanted;
     for (const auto& [name, as] : names)
@@ -46,19 +48,30 @@ Error ContentPlacing::run() const {
 Error ContentPlacing::move() const {
     for (const auto& [name, as] : names) {
         const QString target = targetDir + u'/' + as;
-        if (isThere(QFileInfo(target)))
+        if (!overwrites && isThere(QFileInfo(target)))
             return taken(target);
     }
-    for (const auto& [name, as] : names) {
-        const QString target = targetDir + u'/' + as;
-        const int failure =
-            orx::FilePlace::take(QFile::encodeName(contentDir + u'/' + name), QFile::encodeName(target));
-        if (failure == EEXIST || failure == ENOTEMPTY)
-            return taken(target);
-        if (failure != 0)
-            return Error::fromErrno(failure, QStringLiteral("Could not make \"%1\"").arg(target));
-    }
+    for (const auto& [name, as] : names)
+        ORX_RETURN_ON_ERROR(moveOne(contentDir + u'/' + name, targetDir + u'/' + as));
     return orx::AtomicFile::syncDirectory(targetDir);
+}
+
+Error ContentPlacing::moveOne(const QString& source, const QString& target) const {
+    const QByteArray from = QFile::encodeName(source);
+    const QByteArray to = QFile::encodeName(target);
+    int failure = orx::FilePlace::take(from, to);
+    if (failure == EEXIST || failure == ENOTEMPTY) {
+        if (!overwrites)
+            return taken(target);
+        if (QFileInfo(source).isDir())
+            return orx::DirectoryMerge::run(source, target, {.filter = {}, .mayLinkSource = true});
+        failure = std::rename(from.constData(), to.constData()) == 0 ? 0 : errno;
+    }
+    if (failure == EISDIR)
+        return taken(target);
+    if (failure != 0)
+        return Error::fromErrno(failure, QStringLiteral("Could not make \"%1\"").arg(target));
+    return {};
 }
 
 } // namespace halvane::host

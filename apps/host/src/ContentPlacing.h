@@ -12,9 +12,11 @@ struct HALVANE_HOST_EXPORT ContentPlacing {
     QString targetDir;
     //! Those that go, with the names that they get.
     QList<orx::FileUtils::CustomName> names;
-    //! Files are replaced, and directories joined; else ErrorCode::AlreadyExists when one is there.
+    //! Files are replaced, and directories joined, each in one step (see DirectoryMerge); else
+    //! ErrorCode::AlreadyExists when one is there.
     bool overwrites = false;
-    //! The content is on the file system of the target and needed no more: it may be moved.
+    //! The content is on the file system of the target, flushed, and needed no more: it may be moved, which
+    //! takes no room.
     bool mayMove = false;
 
     //! Nothing is changed when a name is taken; entries that were placed before another error stay. Blocks on
@@ -23,6 +25,7 @@ struct HALVANE_HOST_EXPORT ContentPlacing {
 
 private:
     orx::Error move() const;
+    orx::Error moveOne(const QString& source, const QString& target) const;
 };
 
 } // namespace halvane::host

@@ -326,4 +326,8 @@ Error FileCopy::directory(const QString& source, const QString& target, const Fi
     return {};
 }
 
+Error FileCopy::content(const QByteArray& source, const QByteArray& target) {
+    return ORX_ECATCH(ContentCopy(source, target).run());
+}
+
 } // namespace orx

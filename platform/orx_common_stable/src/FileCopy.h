@@ -51,6 +51,9 @@ public:
                       const IsCanceled& isCanceled = {}, const std::optional<Stamp>& expected = {});
     //! A directory with everything in it that \a filter (none: all) accepts, to a path where nothing is.
     static Error directory(const QString& source, const QString& target, const Filter& filter = {});
+    //! One regular file to a path where nothing is, for who makes a directory that gets its name later: the
+    //! content is written there at once and flushed, its name is not. Paths are bytes and absolute.
+    static Error content(const QByteArray& source, const QByteArray& target);
 };
 
 } // namespace orx

@@ -20,14 +20,21 @@ bool isDirectory(int directory, const QByteArray& path) {
     return ::fstatat(directory, path.constData(), &info, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(info.st_mode);
 }
 
+QByteArray randomBeside(const QByteArray& target, const char* prefix, const char* suffix) {
+    const qsizetype slash = target.lastIndexOf('/');
+    const QByteArray stem = target.mid(slash + 1).left(longestStem);
+    const QByteArray random = QByteArray::number(QRandomGenerator::global()->generate64(), 36);
+    return target.left(slash + 1) + prefix + stem + '.' + random + suffix;
+}
+
 } // namespace
 
 QByteArray FilePlace::temporaryBeside(const QByteArray& target) {
-    const qsizetype slash = target.lastIndexOf('/');
-    const QByteArray directory = target.left(slash + 1);
-    const QByteArray stem = target.mid(slash + 1).left(longestStem);
-    const QByteArray random = QByteArray::number(QRandomGenerator::global()->generate64(), 36);
-    return directory + '.' + stem + '.' + random + ".part";
+    return randomBeside(target, ".", ".part");
+}
+
+QByteArray FilePlace::asideOf(const QByteArray& target) {
+    return randomBeside(target, "", ".old");
 }
 
 int FilePlace::take(const QByteArray& temporary, const QByteArray& target) {
@@ -38,7 +45,7 @@ int FilePlace::takeIn(int directory, const QByteArray& temporary, const QByteArr
     if (::renameat2(directory, temporary.constData(), directory, target.constData(), RENAME_NOREPLACE) == 0)
         return 0;
     // Network file systems may not have that.
-    if (errno != EINVAL && errno != ENOSYS && errno != ENOTSUP)
+    if (!isUnknown(errno))
         return errno;
     return takeByLink(directory, temporary, target);
 }
@@ -51,6 +58,16 @@ int FilePlace::takeByLink(int directory, const QByteArray& temporary, const QByt
         return errno;
     ::unlinkat(directory, temporary.constData(), 0);
     return 0;
+}
+
+int FilePlace::exchange(const QByteArray& one, const QByteArray& other) {
+    const bool done =
+        ::renameat2(AT_FDCWD, one.constData(), AT_FDCWD, other.constData(), RENAME_EXCHANGE) == 0;
+    return done ? 0 : errno;
+}
+
+bool FilePlace::isUnknown(int reason) {
+    return reason == EINVAL || reason == ENOSYS || reason == ENOTSUP;
 }
 
 } // namespace orx

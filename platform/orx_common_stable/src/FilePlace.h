@@ -24,6 +24,13 @@ public:
     //! moment (and stays so when the process is killed in it), an empty directory is no obstacle to a
     //! directory.
     static int takeByLink(int directory, const QByteArray& temporary, const QByteArray& target);
+    //! Exchanges what two paths name, files or directories, in one step. Zero or an errno, of which
+    //! isUnknown() tells those of a file system that cannot do that.
+    static int exchange(const QByteArray& one, const QByteArray& other);
+    static bool isUnknown(int reason);
+    //! A name beside \a target that nobody uses, for what has to make room where nothing can be exchanged. It
+    //! shows, since nobody looks for it: `NAME.RANDOM.old`.
+    static QByteArray asideOf(const QByteArray& target);
 };
 
 } // namespace orx

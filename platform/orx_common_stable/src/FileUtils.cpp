@@ -1,5 +1,6 @@
 #include "FileUtils.h"
 
+#include "DirectoryMerge.h"
 #include "FileCopy.h"
 #include "Result.h"
 
@@ -139,9 +140,10 @@ private:
     Error merge(const Move& move, const QFileInfo& target) {
         if (!target.isDir() || target.isSymLink())
             return taken(target.filePath());
-        DirectoryCopy inner(QDir(move.source.filePath()), QDir(target.filePath()), m_options, m_validator,
-                            nullptr);
-        ORX_RETURN_ON_ERROR(inner.run({}));
+        DirectoryMerge::Options options;
+        options.filter = filter();
+        options.onlyNewer = policy() == Policy::OverwriteOlder;
+        ORX_RETURN_ON_ERROR(DirectoryMerge::run(move.source.filePath(), target.filePath(), options));
         noteCopied(move.targetName);
         return {};
     }

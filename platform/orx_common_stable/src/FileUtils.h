@@ -28,7 +28,9 @@ public:
         enum class DuplicateFilesPolicy : int {
             //! All names are looked at first; when one is taken, nothing is changed and the copy fails.
             Refuse = 0,
-            //! A file is replaced in one step; a directory receives the source's files, and keeps its others.
+            //! A file is replaced in one step; a directory, too, by one that has the source's files and its
+            //! own
+            //! others. See DirectoryMerge.
             Overwrite = 1,
             //! What is there stays; a directory that is there is left alone as a whole.
             Skip = 2,

@@ -41,11 +41,6 @@ int removeAll(const QByteArray& path) {
     return failure.value();
 }
 
-int exchangeNames(const QByteArray& one, const QByteArray& other) {
-    return ::renameat2(AT_FDCWD, one.constData(), AT_FDCWD, other.constData(), RENAME_EXCHANGE) == 0 ? 0
-                                                                                                     : errno;
-}
-
 //! Where names cannot be exchanged.
 int replaceInSteps(const QByteArray& source, const QByteArray& target, UnpackedTarget::Replace replace) {
     if (std::rename(source.constData(), target.constData()) == 0)
@@ -139,8 +134,8 @@ int UnpackedTarget::exchange(const QByteArray& source, Replace replace) const {
     const Found found = look();
     if (replace == Replace::Files && found != Found::File && found != Found::Nothing)
         return EEXIST;
-    const int reason = exchangeNames(source, target);
-    if (reason == EINVAL || reason == ENOSYS || reason == ENOTSUP)
+    const int reason = FilePlace::exchange(source, target);
+    if (FilePlace::isUnknown(reason))
         return replaceInSteps(source, target, replace);
     if (reason != 0)
         return reason;
@@ -150,7 +145,7 @@ int UnpackedTarget::exchange(const QByteArray& source, Replace replace) const {
         return 0;
     // A directory came there meanwhile.
     const int kept = errno;
-    const int back = exchangeNames(source, target);
+    const int back = FilePlace::exchange(source, target);
     return back != 0 ? back : kept;
 }
 

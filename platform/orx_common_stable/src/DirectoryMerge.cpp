@@ -1,0 +1,392 @@
+#include "DirectoryMerge.h"
+
+#include "AtomicFile.h"
+#include "FilePlace.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QHash>
+
+#include <cerrno>
+#include <climits>
+#include <dirent.h>
+#include <fcntl.h>
+#include <map>
+#include <memory>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+namespace orx {
+
+namespace {
+
+using Entries = std::map<QByteArray, struct stat>;
+
+QString translated(const char* text) {
+    return QCoreApplication::translate("orx::DirectoryMerge", text);
+}
+
+Error failure(const char* text, const QByteArray& path) {
+    return Error::fromErrno(errno, translated(text).arg(QFile::decodeName(path)));
+}
+
+Error refused(ErrorCode code, const char* text, const QByteArray& path) {
+    return Error(code, translated(text).arg(QFile::decodeName(path)));
+}
+
+Result<Entries> entriesOf(const QByteArray& directory) {
+    const std::unique_ptr<DIR, int (*)(DIR*)> listing(::opendir(directory.constData()), &::closedir);
+    if (!listing)
+        return failure("Could not read \"%1\"", directory);
+    Entries entries;
+    for (errno = 0; const dirent* const entry = ::readdir(listing.get()); errno = 0) {
+        const QByteArray name(entry->d_name);
+        if (name == "." || name == "..")
+            continue;
+        struct stat info = {};
+        if (::lstat((directory + '/' + name).constData(), &info) != 0)
+            return failure("Could not look at \"%1\"", directory + '/' + name);
+        entries.emplace(name, info);
+    }
+    return errno == 0 ? Result<Entries>(std::move(entries)) : failure("Could not read \"%1\"", directory);
+}
+
+bool isLater(const timespec& one, const timespec& other) {
+    return one.tv_sec != other.tv_sec ? one.tv_sec > other.tv_sec : one.tv_nsec > other.tv_nsec;
+}
+
+bool isSameTime(const timespec& one, const timespec& other) {
+    return one.tv_sec == other.tv_sec && one.tv_nsec == other.tv_nsec;
+}
+
+//! As far as this user may: who made a directory owns it.
+void copyAttributes(const QByteArray& from, const QByteArray& to) {
+    QByteArray names(64 * 1024, Qt::Uninitialized);
+    const ssize_t length = ::listxattr(from.constData(), names.data(), size_t(names.size()));
+    names.resize(qMax<qsizetype>(0, length));
+    for (const QByteArray& name : names.split('\0')) {
+        QByteArray value(64 * 1024, Qt::Uninitialized);
+        const ssize_t size = name.isEmpty() ? -1
+                                            : ::getxattr(from.constData(), name.constData(), value.data(),
+                                                         size_t(value.size()));
+        if (size >= 0)
+            ::setxattr(to.constData(), name.constData(), value.constData(), size_t(size), 0);
+    }
+}
+
+class Merging {
+public:
+    Merging(const QByteArray& source, const QByteArray& target, const DirectoryMerge::Options& options)
+        : m_source(source), m_target(target), m_options(options) {}
+
+    Error run() {
+        struct stat info = {};
+        if (::lstat(m_target.constData(), &info) != 0)
+            return failure("Could not look at \"%1\"", m_target);
+        if (!S_ISDIR(info.st_mode))
+            return refused(ErrorCode::AlreadyExists, "\"%1\" exists already and stays as it is.", m_target);
+        m_device = info.st_dev;
+        const QByteArray successor = FilePlace::temporaryBeside(m_target);
+        Error error = make(QByteArray(), true, &info, successor);
+        if (!error.hasError())
+            error = checkAsSeen();
+        QByteArray old = successor;
+        if (!error.hasError())
+            error = exchange(old);
+        if (error.hasError()) {
+            removeTree(successor);
+            return error;
+        }
+        // What is removed before that could be all that is left after a power cut.
+        ORX_RETURN_ON_ERROR(AtomicFile::syncDirectory(QFileInfo(QFile::decodeName(m_target)).path()));
+        return removeOld(old, QByteArray()) ? Error() : notRemoved(old);
+    }
+
+private:
+    //! What was in the target when it was looked at.
+    struct Seen {
+        ino_t inode;
+        //! The successor has the same file.
+        bool isLinked;
+        off_t size;
+        timespec modified;
+    };
+
+    static QByteArray below(const QByteArray& directory, const QByteArray& name) {
+        return directory.isEmpty() ? name : directory + '/' + name;
+    }
+    static QByteArray within(const QByteArray& directory, const QByteArray& relative) {
+        return relative.isEmpty() ? directory : directory + '/' + relative;
+    }
+    QByteArray sourceOf(const QByteArray& relative) const { return within(m_source, relative); }
+    QByteArray targetOf(const QByteArray& relative) const { return within(m_target, relative); }
+    void note(const QByteArray& relative, const struct stat& info, bool isLinked) {
+        m_seen.insert(relative, {info.st_ino, isLinked, info.st_size, info.st_mtim});
+    }
+
+    //! Makes the directory \a into of what source and target hold at \a relative: the source where
+    //! \a isInSource, the target where there is \a old.
+    Error make(const QByteArray& relative, bool isInSource, const struct stat* old, const QByteArray& into) {
+        if (old)
+            ORX_RETURN_ON_ERROR(checkMayChange(targetOf(relative), *old, isInSource));
+        if (::mkdir(into.constData(), old ? 0700 : 0777) != 0)
+            return failure("Could not make \"%1\"", into);
+        Entries fromSource;
+        Entries fromTarget;
+        if (isInSource)
+            ORX_RETURN_ON_ERROR(list(sourceOf(relative), fromSource, true));
+        if (old)
+            ORX_RETURN_ON_ERROR(list(targetOf(relative), fromTarget, false));
+        for (const auto& [name, info] : fromSource) {
+            const auto there = fromTarget.find(name);
+            ORX_RETURN_ON_ERROR(bring(below(relative, name), info,
+                                      there == fromTarget.end() ? nullptr : &there->second,
+                                      into + '/' + name));
+        }
+        for (const auto& [name, info] : fromTarget) {
+            if (!fromSource.contains(name))
+                ORX_RETURN_ON_ERROR(keep(below(relative, name), info, into + '/' + name));
+        }
+        return finish(relative, isInSource, old, into);
+    }
+
+    Error list(const QByteArray& directory, Entries& entries, bool isSource) const {
+        Result<Entries> found = entriesOf(directory);
+        if (found.hasError())
+            return found.error();
+        entries = std::move(found).value();
+        if (isSource && m_options.filter)
+            std::erase_if(entries, [&](const auto& entry) {
+                return !m_options.filter(QFile::decodeName(directory + '/' + entry.first));
+            });
+        return {};
+    }
+
+    // Nothing here asks for permission once more when the names are exchanged.
+    Error checkMayChange(const QByteArray& directory, const struct stat& info, bool isMerged) const {
+        if (info.st_dev != m_device)
+            return refused(ErrorCode::FileNotWritable,
+                           "\"%1\" is another volume, which cannot be replaced together with the directory "
+                           "that it is in.",
+                           directory);
+        const bool isOpen = ::faccessat(AT_FDCWD, directory.constData(), W_OK | X_OK, AT_EACCESS) == 0;
+        if (isOpen || (!isMerged && info.st_uid == ::geteuid()))
+            return {};
+        return refused(ErrorCode::FileNotWritable,
+                       "\"%1\" is protected: nothing can be changed in that directory.", directory);
+    }
+
+    //! An entry of the source; \a there: what the target has of that name.
+    Error bring(const QByteArray& relative, const struct stat& info, const struct stat* there,
+                const QByteArray& into) {
+        const bool isDirectory = S_ISDIR(info.st_mode);
+        if (there && isDirectory != bool(S_ISDIR(there->st_mode)))
+            return refused(ErrorCode::AlreadyExists, "\"%1\" exists already and stays as it is.",
+                           targetOf(relative));
+        if (isDirectory) {
+            if (there)
+                note(relative, *there, false);
+            return make(relative, true, there, into);
+        }
+        if (there && m_options.onlyNewer && !isNewer(info, relative))
+            return keep(relative, *there, into);
+        if (there)
+            note(relative, *there, false);
+        const QByteArray source = sourceOf(relative);
+        if (m_options.mayLinkSource && S_ISREG(info.st_mode) &&
+            ::link(source.constData(), into.constData()) == 0)
+            return {};
+        return FileCopy::content(source, into);
+    }
+
+    bool isNewer(const struct stat& info, const QByteArray& relative) const {
+        struct stat there = {};
+        return ::stat(targetOf(relative).constData(), &there) != 0 || isLater(info.st_mtim, there.st_mtim);
+    }
+
+    //! An entry that the target alone has.
+    Error keep(const QByteArray& relative, const struct stat& info, const QByteArray& into) {
+        if (S_ISDIR(info.st_mode)) {
+            note(relative, info, false);
+            return make(relative, false, &info, into);
+        }
+        const QByteArray old = targetOf(relative);
+        const bool isLinked = ::link(old.constData(), into.constData()) == 0;
+        note(relative, info, isLinked);
+        if (isLinked)
+            return {};
+        if (S_ISLNK(info.st_mode))
+            return keepLink(old, into);
+        ORX_RETURN_ON_ERROR(FileCopy::content(old, into));
+        if (::chmod(into.constData(), info.st_mode & 07777) != 0)
+            return failure("Could not set the access rights of \"%1\"", into);
+        copyAttributes(old, into);
+        return {};
+    }
+
+    static Error keepLink(const QByteArray& old, const QByteArray& into) {
+        QByteArray text(PATH_MAX, Qt::Uninitialized);
+        const ssize_t length = ::readlink(old.constData(), text.data(), size_t(text.size()));
+        text.resize(qMax<qsizetype>(0, length));
+        if (length <= 0 || ::symlink(text.constData(), into.constData()) != 0)
+            return failure("Could not make the link \"%1\" again", old);
+        return {};
+    }
+
+    Error finish(const QByteArray& relative, bool isInSource, const struct stat* old,
+                 const QByteArray& into) {
+        // Its access rights may be such that it cannot be opened afterwards.
+        const int directory = ::open(into.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        if (directory < 0)
+            return failure("Could not open \"%1\"", into);
+        Error error = setAttributes(relative, isInSource, old, into);
+        if (!error.hasError() && ::fsync(directory) != 0 && errno != EINVAL && errno != ENOTSUP)
+            error = failure("Could not flush \"%1\"", into);
+        ::close(directory);
+        return error;
+    }
+
+    Error setAttributes(const QByteArray& relative, bool isInSource, const struct stat* old,
+                        const QByteArray& into) const {
+        if (old) {
+            // Of another owner's directory at least the group can be kept, where this user belongs to it.
+            if (::chown(into.constData(), old->st_uid, old->st_gid) != 0)
+                (void)!::chown(into.constData(), uid_t(-1), old->st_gid);
+            if (::chmod(into.constData(), old->st_mode & 07777) != 0)
+                return failure("Could not set the access rights of \"%1\"", into);
+            copyAttributes(targetOf(relative), into);
+        }
+        const QByteArray model = old && !isInSource ? targetOf(relative) : sourceOf(relative);
+        struct stat from = {};
+        if (::lstat(model.constData(), &from) != 0)
+            return failure("Could not look at \"%1\"", model);
+        const timespec times[] = {from.st_atim, from.st_mtim};
+        if (::utimensat(AT_FDCWD, into.constData(), times, 0) != 0)
+            return failure("Could not set the time of \"%1\"", into);
+        return {};
+    }
+
+    Error checkAsSeen() const {
+        qsizetype count = 0;
+        Result<bool> same = isAsSeen(QByteArray(), count);
+        if (same.hasError())
+            return same.error();
+        if (*same && count == m_seen.size())
+            return {};
+        return refused(ErrorCode::FileChanged,
+                       "\"%1\" changed while it was to be replaced and stays as it is; try again when nobody "
+                       "else works in it.",
+                       m_target);
+    }
+
+    Result<bool> isAsSeen(const QByteArray& relative, qsizetype& count) const {
+        Result<Entries> entries = entriesOf(targetOf(relative));
+        if (entries.hasError())
+            return entries.error();
+        for (const auto& [name, info] : *entries) {
+            const QByteArray path = below(relative, name);
+            const auto seen = m_seen.find(path);
+            if (seen == m_seen.end() || seen->inode != info.st_ino)
+                return false;
+            ++count;
+            if (S_ISDIR(info.st_mode)) {
+                Result<bool> inner = isAsSeen(path, count);
+                if (inner.hasError() || !*inner)
+                    return inner;
+            } else if (!seen->isLinked &&
+                       (seen->size != info.st_size || !isSameTime(seen->modified, info.st_mtim))) {
+                return false;
+            }
+        }
+        return true;
+    }
+
+    //! \a successor becomes the name of the old one.
+    Error exchange(QByteArray& successor) const {
+        const int reason = FilePlace::exchange(successor, m_target);
+        if (reason == 0)
+            return {};
+        errno = reason;
+        if (!FilePlace::isUnknown(reason))
+            return failure("Could not replace \"%1\"", m_target);
+        const QByteArray aside = FilePlace::asideOf(m_target);
+        if (const int moved = FilePlace::take(m_target, aside); moved != 0) {
+            errno = moved;
+            return failure("Could not replace \"%1\"", m_target);
+        }
+        if (const int placed = FilePlace::take(successor, m_target); placed != 0) {
+            const int back = FilePlace::take(aside, m_target);
+            errno = placed;
+            return back == 0
+                       ? failure("Could not replace \"%1\"", m_target)
+                       : failure("Could not replace a directory, which is called \"%1\" for that", aside);
+        }
+        successor = aside;
+        return {};
+    }
+
+    //! False when something is left: what came since the last look, or what may not be removed.
+    bool removeOld(const QByteArray& directory, const QByteArray& relative) const {
+        const Result<Entries> entries = openedEntries(directory);
+        if (entries.hasError())
+            return false;
+        bool isAll = true;
+        for (const auto& [name, info] : *entries) {
+            const QByteArray path = below(relative, name);
+            const auto seen = m_seen.find(path);
+            const bool isSeen = seen != m_seen.end() && seen->inode == info.st_ino;
+            isAll = isSeen &&
+                    (S_ISDIR(info.st_mode) ? removeOld(directory + '/' + name, path)
+                                           : ::unlink((directory + '/' + name).constData()) == 0) &&
+                    isAll;
+        }
+        return isAll && ::rmdir(directory.constData()) == 0;
+    }
+
+    //! What is made here is removed whatever it is.
+    static void removeTree(const QByteArray& directory) {
+        if (const Result<Entries> entries = openedEntries(directory); !entries.hasError()) {
+            for (const auto& [name, info] : *entries) {
+                if (S_ISDIR(info.st_mode))
+                    removeTree(directory + '/' + name);
+                else
+                    ::unlink((directory + '/' + name).constData());
+            }
+        }
+        ::rmdir(directory.constData());
+    }
+
+    static Result<Entries> openedEntries(const QByteArray& directory) {
+        ::chmod(directory.constData(), 0700);
+        return entriesOf(directory);
+    }
+
+    Error notRemoved(const QByteArray& old) const {
+        return Error(ErrorCode::FileChanged,
+                     translated("\"%1\" was replaced, but what it was before could not be removed. Look "
+                                "whether \"%2\" holds something that is still needed, and remove it.")
+                         .arg(QFile::decodeName(m_target), QFile::decodeName(old)));
+    }
+
+    const QByteArray m_source;
+    const QByteArray m_target;
+    const DirectoryMerge::Options& m_options;
+    dev_t m_device = 0;
+    //! By path below the target.
+    QHash<QByteArray, Seen> m_seen;
+};
+
+QByteArray encoded(const QString& path) {
+    return QFile::encodeName(QDir::cleanPath(QFileInfo(path).absoluteFilePath()));
+}
+
+} // namespace
+
+Error DirectoryMerge::run(const QString& source, const QString& target, const Options& options) {
+    return ORX_ECATCH(Merging(encoded(source), encoded(target), options).run());
+}
+
+} // namespace orx

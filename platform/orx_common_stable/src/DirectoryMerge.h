@@ -1,0 +1,40 @@
+#pragma once
+
+#include "orx_common_stable_export.h"
+
+#include "FileCopy.h"
+
+namespace orx {
+
+//! Brings what one directory holds into another one in one step: whenever the process or the machine ends,
+//! the target is what it was, or all of the new one.
+//!
+//! Made beside the target and flushed is a directory of everything that the source holds and of what else the
+//! target holds, at every depth; the two are exchanged by one rename, and the old one is removed. What stays
+//! is no copy but the same file (a hard link; a copy where there can be none). The new directories have the
+//! access rights and attributes of those that they take the place of. What comes to the target while its
+//! successor is made is never lost: the merge is given up, or an error tells where it is.
+//!
+//! A file system that cannot exchange names gets two renames: for a moment the old directory is called
+//! `NAME.RANDOM.old`, and keeps that name when the process is killed just then; nothing is at the target
+//! then. Blocks on the disk; thread: any.
+class ORX_COMMON_STABLE_EXPORT DirectoryMerge {
+public:
+    struct Options {
+        //! Which entries of the source, given by their paths, come; none: all.
+        FileCopy::Filter filter;
+        //! A file takes the place of one only when its modification time is later.
+        bool onlyNewer = false;
+        //! The source is on the same file system and will be removed: its files are linked, not copied. They
+        //! are flushed already.
+        bool mayLinkSource = false;
+    };
+
+    //! Errors are those of FileCopy; ErrorCode::AlreadyExists, too, when a file would take the place of a
+    //! directory or the other way round, FileNotWritable for a protected directory and for one that another
+    //! volume is mounted to, FileChanged when somebody else works in the target meanwhile. After all of them
+    //! the target is what it was, unless the message says that only the old one could not be removed.
+    static Error run(const QString& source, const QString& target, const Options& options);
+};
+
+} // namespace orx

@@ -1,0 +1,341 @@
+// A directory that is joined with another one is what it was, or all of the new one, wherever the process is
+// killed. A program of its own, since it ends itself in the middle of system calls and makes some fail.
+#include <DirectoryMerge.h>
+
+#include <QDir>
+#include <QFile>
+#include <QRandomGenerator>
+#include <QTemporaryDir>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <csignal>
+#include <fcntl.h>
+#include <filesystem>
+#include <functional>
+#include <linux/fs.h>
+#include <map>
+#include <string>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using namespace orx;
+
+namespace {
+
+//! What the process does before it changes something on the disk; it is told which call that is.
+std::function<void(const char* call)> onChange;
+//! As on a file system that knows neither hard links nor the exchange of names.
+bool cannotLink = false;
+bool cannotExchange = false;
+
+long changing(const char* call, const std::function<long()>& work) {
+    if (onChange)
+        onChange(call);
+    return work();
+}
+
+} // namespace
+
+// The program's own definitions take the place of the C library's for the libraries too.
+extern "C" int mkdir(const char* path, mode_t mode) {
+    return int(changing("mkdir", [=] { return ::syscall(SYS_mkdirat, AT_FDCWD, path, mode); }));
+}
+
+extern "C" int link(const char* from, const char* to) {
+    if (cannotLink) {
+        errno = EPERM;
+        return -1;
+    }
+    return int(changing("link", [=] { return ::syscall(SYS_linkat, AT_FDCWD, from, AT_FDCWD, to, 0); }));
+}
+
+extern "C" ssize_t copy_file_range(int from, off64_t* at, int to, off64_t* end, size_t length,
+                                   unsigned flags) {
+    return changing("copy", [=] { return ::syscall(SYS_copy_file_range, from, at, to, end, length, flags); });
+}
+
+extern "C" int fsync(int descriptor) {
+    return int(changing("flush", [=] { return ::syscall(SYS_fsync, descriptor); }));
+}
+
+extern "C" int renameat2(int from, const char* oldName, int to, const char* newName, unsigned int flags) {
+    if (flags == RENAME_EXCHANGE && cannotExchange) {
+        errno = EINVAL;
+        return -1;
+    }
+    return int(changing(flags == RENAME_EXCHANGE ? "exchange" : "rename",
+                        [=] { return ::syscall(SYS_renameat2, from, oldName, to, newName, flags); }));
+}
+
+extern "C" int unlink(const char* path) {
+    return int(changing("remove", [=] { return ::syscall(SYS_unlinkat, AT_FDCWD, path, 0); }));
+}
+
+extern "C" int rmdir(const char* path) {
+    return int(changing("remove", [=] { return ::syscall(SYS_unlinkat, AT_FDCWD, path, AT_REMOVEDIR); }));
+}
+
+namespace {
+
+using Tree = std::map<std::string, std::string>;
+
+class DirectoryMergeTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        write("new/acqu", "new parameters");
+        write("new/data/fid", "new points");
+        write("new/data/more/peaks", "peaks");
+    }
+    void TearDown() override {
+        onChange = {};
+        cannotLink = false;
+        cannotExchange = false;
+        // So that what is protected can be removed with the rest.
+        for (const auto& entry : std::filesystem::recursive_directory_iterator(dir.path().toStdString())) {
+            if (entry.is_directory() && !entry.is_symlink())
+                std::filesystem::permissions(entry.path(), std::filesystem::perms::owner_all,
+                                             std::filesystem::perm_options::add);
+        }
+    }
+    //! What is at the target before each merge.
+    void putOld() const {
+        ::chmod(bytes("run/mine/protected").constData(), 0700);
+        ASSERT_TRUE(QDir(at("run")).removeRecursively());
+        write("run/acqu", "old parameters");
+        write("run/data/fid", "old");
+        write("run/data/notes", "mine");
+        write("run/mine/protected/deep", "mine, too");
+        ASSERT_EQ(::symlink("nowhere", bytes("run/link").constData()), 0);
+        ASSERT_EQ(::chmod(bytes("run/mine/protected").constData(), 0555), 0);
+        ASSERT_EQ(::chmod(bytes("run/data").constData(), 0750), 0);
+    }
+    QString at(const char* path) const { return dir.filePath(QString::fromUtf8(path)); }
+    QByteArray bytes(const char* path) const { return QFile::encodeName(at(path)); }
+    void write(const char* path, const QByteArray& content) const {
+        ASSERT_TRUE(QDir().mkpath(QFileInfo(at(path)).path()));
+        QFile file(at(path));
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+        ASSERT_EQ(file.write(content), content.size());
+    }
+    ino_t inodeOf(const char* path) const {
+        struct stat info = {};
+        EXPECT_EQ(::lstat(bytes(path).constData(), &info), 0) << path;
+        return info.st_ino;
+    }
+    mode_t modeOf(const char* path) const {
+        struct stat info = {};
+        EXPECT_EQ(::lstat(bytes(path).constData(), &info), 0) << path;
+        return info.st_mode & 07777;
+    }
+    static void addTo(Tree& tree, const QDir& directory, const QString& prefix) {
+        for (const QFileInfo& entry :
+             directory.entryInfoList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot)) {
+            const QString path = prefix + entry.fileName();
+            QFile file(entry.filePath());
+            if (entry.isSymLink())
+                tree[path.toStdString()] = "-> " + QFileInfo(entry.symLinkTarget()).fileName().toStdString();
+            else if (entry.isDir())
+                addTo(tree, QDir(entry.filePath()), path + u'/');
+            else if (file.open(QIODevice::ReadOnly))
+                tree[path.toStdString()] = file.readAll().toStdString();
+        }
+    }
+    Tree treeOf(const char* path) const {
+        Tree tree;
+        addTo(tree, QDir(at(path)), QString());
+        return tree;
+    }
+    QStringList names() const {
+        return QDir(dir.path()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot, QDir::Name);
+    }
+    QStringList onlySourceAndTarget() const { return {QStringLiteral("new"), QStringLiteral("run")}; }
+    Error merge(const DirectoryMerge::Options& options = {}) const {
+        return DirectoryMerge::run(at("new"), at("run"), options);
+    }
+    //! Kills a merge of its own process before its \a number-th change; false when it had fewer.
+    bool killAt(int number) const {
+        const pid_t child = ::fork();
+        if (child == 0) {
+            int met = 0;
+            onChange = [&met, number](const char*) {
+                if (++met == number)
+                    ::raise(SIGKILL);
+            };
+            ::_exit(merge().hasError() ? 1 : 0);
+        }
+        int status = 0;
+        EXPECT_EQ(::waitpid(child, &status, 0), child);
+        QRandomGenerator::global()->generate64(); // the number that the child took for its hidden name
+        EXPECT_TRUE(WIFSIGNALED(status) || (WIFEXITED(status) && WEXITSTATUS(status) == 0)) << status;
+        return WIFSIGNALED(status);
+    }
+
+    const Tree old{{"acqu", "old parameters"},
+                   {"data/fid", "old"},
+                   {"data/notes", "mine"},
+                   {"link", "-> nowhere"},
+                   {"mine/protected/deep", "mine, too"}};
+    const Tree merged{{"acqu", "new parameters"},   {"data/fid", "new points"},
+                      {"data/more/peaks", "peaks"}, {"data/notes", "mine"},
+                      {"link", "-> nowhere"},       {"mine/protected/deep", "mine, too"}};
+    QTemporaryDir dir;
+};
+
+TEST_F(DirectoryMergeTest, TheTargetHoldsTheSourceAndWhatElseItHadAndNothingIsLeft) {
+    putOld();
+    const ino_t notes = inodeOf("run/data/notes");
+    const ino_t deep = inodeOf("run/mine/protected/deep");
+    const Error error = merge();
+    ASSERT_FALSE(error.hasError()) << qPrintable(error.errorMessage());
+    EXPECT_EQ(treeOf("run"), merged);
+    EXPECT_EQ(names(), onlySourceAndTarget());
+    EXPECT_EQ(inodeOf("run/data/notes"), notes) << "the file itself, with whatever is said of it";
+    EXPECT_EQ(inodeOf("run/mine/protected/deep"), deep);
+    EXPECT_EQ(modeOf("run/data"), 0750u);
+    EXPECT_EQ(modeOf("run/mine/protected"), 0555u);
+    EXPECT_EQ(treeOf("new").size(), 3u);
+}
+
+TEST_F(DirectoryMergeTest, KilledAnywhereItIsOldOrNewAndTheNextOneCompletesIt) {
+    int kills = 0;
+    int sawOld = 0;
+    int sawNew = 0;
+    for (bool wasKilled = true; wasKilled;) {
+        putOld();
+        wasKilled = killAt(++kills);
+        const Tree found = treeOf("run");
+        EXPECT_TRUE(found == old || found == merged) << "killed at change " << kills;
+        ++(found == old ? sawOld : sawNew);
+        const Error error = merge();
+        ASSERT_FALSE(error.hasError()) << kills << ' ' << qPrintable(error.errorMessage());
+        EXPECT_EQ(treeOf("run"), merged) << kills;
+    }
+    EXPECT_GT(sawOld, 15) << "copies, links, flushes";
+    EXPECT_GT(sawNew, 8) << "what the old one consisted of is removed";
+}
+
+TEST_F(DirectoryMergeTest, EverythingIsFlushedBeforeTheExchangeAndThatBeforeTheOldOneGoes) {
+    putOld();
+    QStringList calls;
+    onChange = [&calls](const char* call) { calls << QString::fromLatin1(call); };
+    ASSERT_FALSE(merge().hasError());
+    const auto exchange = calls.indexOf(QStringLiteral("exchange"));
+    const auto remove = calls.indexOf(QStringLiteral("remove"));
+    ASSERT_GT(exchange, 0);
+    EXPECT_EQ(calls.mid(0, exchange).count(QStringLiteral("flush")), 3 + 5) << "files and directories";
+    EXPECT_EQ(calls.at(exchange - 1), QStringLiteral("flush"));
+    EXPECT_EQ(calls.mid(exchange + 1, remove - exchange - 1), QStringList{QStringLiteral("flush")});
+}
+
+TEST_F(DirectoryMergeTest, WithoutExchangeTheOldOneIsCalledOtherwiseUntilTheNewOneIsThere) {
+    cannotExchange = true;
+    putOld();
+    ASSERT_FALSE(merge().hasError());
+    EXPECT_EQ(treeOf("run"), merged);
+    EXPECT_EQ(names(), onlySourceAndTarget());
+    // Killed between the two renames: nothing is at the target, and the old one is whole and shows.
+    putOld();
+    const pid_t child = ::fork();
+    if (child == 0) {
+        int renames = 0;
+        onChange = [&renames](const char* call) {
+            if (std::string_view(call) == "rename" && ++renames == 2)
+                ::raise(SIGKILL);
+        };
+        ::_exit(merge().hasError() ? 1 : 0);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFSIGNALED(status));
+    const QStringList shown = QDir(dir.path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot, QDir::Name);
+    ASSERT_EQ(shown.size(), 2);
+    EXPECT_TRUE(shown.at(1).startsWith(QStringLiteral("run.")) &&
+                shown.at(1).endsWith(QStringLiteral(".old")));
+    EXPECT_EQ(treeOf(shown.at(1).toUtf8().constData()), old);
+}
+
+TEST_F(DirectoryMergeTest, WhereThereAreNoHardLinksWhatStaysIsCopied) {
+    cannotLink = true;
+    putOld();
+    ASSERT_EQ(::chmod(bytes("run/data/notes").constData(), 0640), 0);
+    const Error error = merge({.filter = {}, .mayLinkSource = true});
+    ASSERT_FALSE(error.hasError()) << qPrintable(error.errorMessage());
+    EXPECT_EQ(treeOf("run"), merged);
+    EXPECT_EQ(modeOf("run/data/notes"), 0640u);
+    EXPECT_EQ(names(), onlySourceAndTarget());
+}
+
+TEST_F(DirectoryMergeTest, ASourceThatGoesAnywayIsLinked) {
+    putOld();
+    int copies = 0;
+    onChange = [&copies](const char* call) { copies += std::string_view(call) == "copy" ? 1 : 0; };
+    ASSERT_FALSE(merge({.filter = {}, .mayLinkSource = true}).hasError());
+    EXPECT_EQ(treeOf("run"), merged);
+    EXPECT_EQ(copies, 0);
+    EXPECT_EQ(inodeOf("run/data/fid"), inodeOf("new/data/fid"));
+}
+
+TEST_F(DirectoryMergeTest, WhatComesToTheTargetMeanwhileIsNotLost) {
+    for (const char* const what : {"run/data/later", "run/acqu"}) {
+        putOld();
+        onChange = [this, what](const char* call) {
+            if (std::string_view(call) == "link")
+                write(what, "written meanwhile");
+        };
+        const Error error = merge();
+        onChange = {};
+        EXPECT_TRUE(error.is(ErrorCode::FileChanged)) << what << qPrintable(error.errorMessage());
+        EXPECT_EQ(treeOf("run").at(what + 4), "written meanwhile");
+        EXPECT_EQ(treeOf("run").at("data/fid"), "old");
+        EXPECT_EQ(names(), onlySourceAndTarget());
+    }
+    // In the very last moment, by somebody who has the old directory open.
+    putOld();
+    onChange = [this](const char* call) {
+        if (std::string_view(call) == "exchange")
+            write("run/data/later", "written meanwhile");
+    };
+    const Error error = merge();
+    onChange = {};
+    EXPECT_TRUE(error.is(ErrorCode::FileChanged));
+    EXPECT_EQ(treeOf("run"), merged);
+    ASSERT_EQ(names().size(), 3);
+    EXPECT_TRUE(error.errorMessage().contains(names().first())) << "says where it is";
+    EXPECT_EQ(treeOf(names().first().toUtf8().constData()), (Tree{{"data/later", "written meanwhile"}}));
+}
+
+TEST_F(DirectoryMergeTest, AfterAFailureTheTargetIsWhatItWas) {
+    putOld();
+    ASSERT_EQ(::symlink("acqu", bytes("new/data/more/zlink").constData()), 0);
+    EXPECT_TRUE(merge().is(ErrorCode::FileNotReadable)) << "links are not followed";
+    EXPECT_EQ(treeOf("run"), old);
+    ASSERT_TRUE(QFile::remove(at("new/data/more/zlink")));
+
+    write("new/mine", "a file");
+    EXPECT_TRUE(merge().is(ErrorCode::AlreadyExists)) << "where the target has a directory";
+    EXPECT_EQ(treeOf("run"), old);
+    ASSERT_TRUE(QFile::remove(at("new/mine")));
+
+    write("new/link/file", "a directory");
+    EXPECT_TRUE(merge().is(ErrorCode::AlreadyExists)) << "where the target has none";
+    EXPECT_EQ(treeOf("run"), old);
+    EXPECT_EQ(names(), onlySourceAndTarget());
+}
+
+TEST_F(DirectoryMergeTest, OnlyNewerFilesComeWhenThatIsAskedFor) {
+    putOld();
+    const timespec times[] = {{0, UTIME_OMIT}, {1'000'000'000, 0}};
+    ASSERT_EQ(::utimensat(AT_FDCWD, bytes("new/acqu").constData(), times, 0), 0);
+    ASSERT_EQ(::utimensat(AT_FDCWD, bytes("run/data/fid").constData(), times, 0), 0);
+    ASSERT_FALSE(merge({.filter = {}, .onlyNewer = true}).hasError());
+    Tree expected = merged;
+    expected["acqu"] = "old parameters";
+    EXPECT_EQ(treeOf("run"), expected);
+}
+
+} // namespace
