@@ -55,6 +55,12 @@ Error take(const QString& temporary, const QString& target) {
     return error == 0 ? Error() : writeFailure(error, target);
 }
 
+//! Of \a path, which was made or renamed in \a directory.
+Error flushNamesIn(const QString& directory, const QString& path) {
+    const Error error = AtomicFile::syncDirectory(directory);
+    return error.hasError() ? writeFailure(error.code(), path) : error;
+}
+
 Error checkParent(const QString& path) {
     const QString parent = QFileInfo(path).absolutePath();
     return QFileInfo(parent).isDir()
@@ -185,7 +191,10 @@ Error UnpackIntoTask::takeDirectory(const QString& staging, const QStringList& n
     ORX_RETURN_ON_ERROR(take(staging + QStringLiteral("/content"), m_directory));
     for (const QString& name : names)
         m_paths.append(QDir(m_directory).filePath(name));
-    return AtomicFile::syncDirectory(QFileInfo(m_directory).absolutePath());
+    const Error error = flushNamesIn(QFileInfo(m_directory).absolutePath(), m_directory);
+    if (error.hasError())
+        discard();
+    return error;
 }
 
 Error UnpackIntoTask::takeEntries(const QString& staging, const QStringList& names) {
@@ -197,7 +206,10 @@ Error UnpackIntoTask::takeEntries(const QString& staging, const QStringList& nam
         }
         m_paths.append(path);
     }
-    return AtomicFile::syncDirectory(m_directory);
+    const Error error = flushNamesIn(m_directory, m_paths.last());
+    if (error.hasError())
+        removePaths();
+    return error;
 }
 
 void UnpackIntoTask::removePaths() {
@@ -243,7 +255,13 @@ Error UpgradeInPlaceTask::work(const WorkWatch& watch) {
     if (::rename(QFile::encodeName(upgraded).constData(), QFile::encodeName(file).constData()) != 0)
         return writeFailure(errno, file);
     m_isUpgraded = true;
-    return AtomicFile::syncDirectory(QFileInfo(file).path());
+    if (const Error error = AtomicFile::syncDirectory(QFileInfo(file).path()); error.hasError())
+        return Error(
+            ErrorCode::FileNotWritable,
+            QStringLiteral("\"%1\" is upgraded and complete, but a power cut might bring the old file "
+                           "back: %2. Look after the disk.")
+                .arg(file, error.errorMessage()));
+    return {};
 }
 
 Error writeNewFile(const QString& path, const QByteArray& content) {
@@ -255,7 +273,10 @@ Error writeNewFile(const QString& path, const QByteArray& content) {
     const auto removal = qScopeGuard([&temporary] { QFile::remove(temporary); });
     ORX_RETURN_ON_ERROR(naming(AtomicFile::write(temporary, content), temporary, path));
     ORX_RETURN_ON_ERROR(take(temporary, target));
-    return AtomicFile::syncDirectory(QFileInfo(target).path());
+    const Error error = flushNamesIn(QFileInfo(target).path(), path);
+    if (error.hasError())
+        QFile::remove(target);
+    return error;
 }
 
 } // namespace halvane::host

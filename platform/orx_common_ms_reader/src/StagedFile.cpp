@@ -10,6 +10,7 @@
 #include <QFileInfo>
 
 #include <cerrno>
+#include <cstdio>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -25,6 +26,17 @@ constexpr qint64 sliceSize = qint64(8) * 1024 * 1024;
 
 QByteArray encodedPath(const QString& path) {
     return QFile::encodeName(QDir::cleanPath(QFileInfo(path).absoluteFilePath()));
+}
+
+Error takeForGood(const QByteArray& temporary, const QByteArray& target, const QString& path) {
+    if (const int taken = FilePlace::take(temporary, target); taken != 0)
+        return ORX_ECATCH(writeFailure(taken == ENOTEMPTY ? EEXIST : taken, path));
+    const Error unflushed = AtomicFile::syncDirectory(QFileInfo(QFile::decodeName(target)).path());
+    if (!unflushed.hasError())
+        return {};
+    // A name that a power cut might take away again is not handed out.
+    ::rename(target.constData(), temporary.constData());
+    return ORX_ECATCH(writeFailure(unflushed.code(), path));
 }
 
 Result<StagedFile> StagedFile::create(const QString& path, qint64 bytes, const WorkWatch& watch) {
@@ -71,10 +83,9 @@ Error StagedFile::write(std::span<const char> bytes) {
 Error StagedFile::commit() {
     if (::fsync(*m_file) != 0 || !m_file.close())
         return ORX_ECATCH(writeFailure(errno, m_path));
-    if (const int failure = FilePlace::take(m_temporary, m_target); failure != 0)
-        return ORX_ECATCH(writeFailure(failure, m_path));
+    ORX_RETURN_ON_ERROR(takeForGood(m_temporary, m_target, m_path));
     m_temporary.clear();
-    return AtomicFile::syncDirectory(QFileInfo(QFile::decodeName(m_target)).path());
+    return {};
 }
 
 } // namespace orx::vonk

@@ -33,6 +33,10 @@ private:
     std::optional<DiskRoom> m_room;
 };
 
+//! Gives what was flushed as \a temporary the name \a target, of \a path, for good. After an error it has its
+//! old name: ErrorCode::AlreadyExists, StorageFull, FileNotWritable.
+Error takeForGood(const QByteArray& temporary, const QByteArray& target, const QString& path);
+
 //! Absolute and clean, as bytes for the system.
 QByteArray encodedPath(const QString& path);
 

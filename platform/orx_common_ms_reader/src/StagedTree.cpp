@@ -2,7 +2,6 @@
 
 #include "StagedFile.h"
 
-#include <AtomicFile.h>
 #include <FilePlace.h>
 
 #include <QDir>
@@ -138,10 +137,9 @@ Error StagedTree::finishDirectories(const QList<VonkEntry>& entries) {
 
 Error StagedTree::commit(const QList<VonkEntry>& entries) {
     ORX_RETURN_ON_ERROR(finishDirectories(entries));
-    if (const int taken = FilePlace::take(m_staging, m_target); taken != 0)
-        return ORX_ECATCH(writeFailure(taken == ENOTEMPTY ? EEXIST : taken, m_path));
+    ORX_RETURN_ON_ERROR(takeForGood(m_staging, m_target, m_path));
     m_staging.clear();
-    return AtomicFile::syncDirectory(QFileInfo(QFile::decodeName(m_target)).path());
+    return {};
 }
 
 Error StagedTree::failure() const {
