@@ -6,9 +6,13 @@
 #include <QDirIterator>
 
 #include <atomic>
+#include <cerrno>
+#include <filesystem>
 #include <mutex>
+#include <set>
 #include <sys/resource.h>
 #include <sys/syscall.h>
+#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -18,33 +22,73 @@ std::mutex directoryMutex;
 //! What is watched; empty: nothing.
 std::string watchedDirectory;
 std::atomic<int> flushesOfDirectory = 0;
+//! Of the watched one on the thread of the tests.
+std::atomic<int> flushesHere = 0;
+const std::thread::id here = std::this_thread::get_id();
+//! Directories below it, by their paths, and how many of their flushes fail.
+std::string watchedTree;
+std::set<std::string> flushedInTree;
+int failuresInTree = 0;
+std::string failedInTree;
 
-void noteFlush(int descriptor) {
+//! Whether it fails.
+bool noteFlushInTree(const std::string& path) {
+    if (watchedTree.empty() || !path.starts_with(watchedTree + '/') || path.find("/.") != std::string::npos ||
+        !std::filesystem::is_directory(path))
+        return false;
+    if (failuresInTree > 0) {
+        --failuresInTree;
+        failedInTree = path;
+        return true;
+    }
+    flushedInTree.insert(path);
+    return false;
+}
+
+bool noteFlush(int descriptor) {
     ++flushes;
     const std::string link = "/proc/self/fd/" + std::to_string(descriptor);
     char path[4096];
     const ssize_t length = ::readlink(link.c_str(), path, sizeof path);
     const std::lock_guard lock(directoryMutex);
-    if (length > 0 && std::string(path, size_t(length)) == watchedDirectory)
+    if (length <= 0)
+        return false;
+    const std::string flushed(path, size_t(length));
+    if (flushed == watchedDirectory) {
         ++flushesOfDirectory;
+        flushesHere += std::this_thread::get_id() == here ? 1 : 0;
+    }
+    return noteFlushInTree(flushed);
 }
 
 void watch(const QString& directory) {
     const std::lock_guard lock(directoryMutex);
     watchedDirectory = QDir(directory).canonicalPath().toStdString();
     flushesOfDirectory = 0;
+    flushesHere = 0;
+}
+
+void watchTree(const QString& directory, int failures) {
+    const std::lock_guard lock(directoryMutex);
+    watchedTree = directory.isEmpty() ? std::string() : QDir(directory).canonicalPath().toStdString();
+    flushedInTree.clear();
+    failuresInTree = failures;
+    failedInTree.clear();
 }
 
 } // namespace
 
 // Every flush of this process comes by here, those of SQLite and of the libraries, too.
 extern "C" int fsync(int descriptor) {
-    noteFlush(descriptor);
+    if (noteFlush(descriptor)) {
+        errno = EIO;
+        return -1;
+    }
     return int(::syscall(SYS_fsync, descriptor));
 }
 
 extern "C" int fdatasync(int descriptor) {
-    noteFlush(descriptor);
+    (void)noteFlush(descriptor);
     return int(::syscall(SYS_fdatasync, descriptor));
 }
 
@@ -157,9 +201,40 @@ TEST_P(LargeTree, WhatCameIsDurableWhateverBecameOfTheRest) {
         if (canceled->downloadedFileCount() > 0)
             canceled->cancel();
     });
+    flushesHere = 0;
+    int atTheEnd = -1;
+    QObject::connect(canceled.get(), &BaseTask::finished, [&atTheEnd] { atTheEnd = flushesOfDirectory; });
     EXPECT_TRUE(run(*canceled).isCanceled());
+    EXPECT_EQ(atTheEnd, 1);
     canceled.reset();
     EXPECT_EQ(flushesOfDirectory, 1);
+    EXPECT_EQ(flushesHere, 0) << "a worker waits for the disk";
+}
+
+// More of them than wait for their flushes at a time.
+TEST_P(LargeTree, ADirectoryThatCannotBeFlushedIsAFailureThatHidesNoOther) {
+    constexpr int directories = 80;
+    const int raw = makeFolder(text("raw"));
+    for (int i = 0; i < directories; ++i)
+        makeFile(text("run"), "content", makeFolder(text("day %1").arg(i), raw));
+    watchTree(at(QString()), 1);
+    const auto task = download(raw);
+    size_t flushedAtTheEnd = 0;
+    QObject::connect(task.get(), &BaseTask::finished, [&flushedAtTheEnd] {
+        const std::lock_guard lock(directoryMutex);
+        flushedAtTheEnd = flushedInTree.size();
+    });
+    const Error error = run(*task);
+    const QString failed = QString::fromStdString(failedInTree);
+    watchTree(QString(), 0);
+    ASSERT_FALSE(failed.isEmpty());
+    EXPECT_EQ(task->downloadedFileCount(), directories);
+    EXPECT_EQ(flushedAtTheEnd, size_t(directories - 1)) << "all others";
+    ASSERT_EQ(task->failures().size(), 1);
+    EXPECT_EQ(task->failures().first().path, QFileInfo(failed).fileName());
+    EXPECT_TRUE(error.is(ErrorDomain::OperatingSystem, EIO));
+    EXPECT_TRUE(error.errorMessage().contains(QFileInfo(failed).fileName()))
+        << qPrintable(error.errorMessage());
 }
 
 TEST_P(LargeTree, AFileByItselfIsDurableWhenItEnds) {

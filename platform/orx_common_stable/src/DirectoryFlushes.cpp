@@ -19,8 +19,7 @@ thread_local DirectoryFlushes::Scope* innermost = nullptr;
 } // namespace
 
 DirectoryFlushes::~DirectoryFlushes() {
-    // The stamp of the error is its line in the log.
-    (void)ORX_ECATCH(flush());
+    (void)flush();
 }
 
 qsizetype DirectoryFlushes::count() const {
@@ -30,25 +29,31 @@ qsizetype DirectoryFlushes::count() const {
 
 void DirectoryFlushes::note(const QString& directory) {
     const std::lock_guard lock(m_mutex);
-    m_directories.insert(directory);
+    m_directories.insert(directory, ++m_notes);
 }
 
-Error DirectoryFlushes::flush() {
-    QSet<QString> waiting;
+void DirectoryFlushes::forget(const QString& directory, quint64 note) {
+    const std::lock_guard lock(m_mutex);
+    const auto found = m_directories.constFind(directory);
+    if (found != m_directories.constEnd() && *found == note)
+        m_directories.erase(found);
+}
+
+QList<DirectoryFlushes::Failure> DirectoryFlushes::flush() {
+    QHash<QString, quint64> waiting;
     {
         const std::lock_guard lock(m_mutex);
-        waiting.swap(m_directories);
+        waiting = m_directories;
     }
-    Error first;
-    for (const QString& directory : std::as_const(waiting)) {
-        const Error error = AtomicFile::syncDirectory(directory);
-        if (!error.hasError() || !QFileInfo::exists(directory))
-            continue;
-        note(directory);
-        if (!first.hasError())
-            first = error;
+    QList<Failure> failures;
+    for (auto entry = waiting.cbegin(); entry != waiting.cend(); ++entry) {
+        Error error = AtomicFile::syncDirectory(entry.key());
+        // The stamp of the error is its line in the log.
+        if (error.hasError() && QFileInfo::exists(entry.key()))
+            failures.append({entry.key(), ORX_ECATCH(error)});
+        forget(entry.key(), entry.value());
     }
-    return first;
+    return failures;
 }
 
 DirectoryFlushes::Scope::Scope(std::shared_ptr<DirectoryFlushes> flushes)

@@ -4,7 +4,8 @@
 
 #include "Error.h"
 
-#include <QSet>
+#include <QHash>
+#include <QList>
 #include <QString>
 
 #include <memory>
@@ -20,16 +21,21 @@ namespace orx {
 class ORX_COMMON_STABLE_EXPORT DirectoryFlushes {
 public:
     DirectoryFlushes() = default;
-    //! Flushes what is left; a failure is only logged.
+    //! Flushes what is left; failures are only logged.
     ~DirectoryFlushes();
     DirectoryFlushes(const DirectoryFlushes&) = delete;
     DirectoryFlushes& operator=(const DirectoryFlushes&) = delete;
 
     //! Those that wait.
     qsizetype count() const;
-    //! Flushes those that wait when it is called, and blocks on the disk. Those that it could not flush go on
-    //! waiting, except those that are not there any more.
-    Error flush();
+    struct Failure {
+        QString directory;
+        Error error;
+    };
+    //! Flushes those that wait when it is called, and blocks on the disk. Each waits until it was flushed or
+    //! has failed, so that whoever gives up a flush that runs can have it again. Returns those that could not
+    //! be flushed and are there; they wait no more.
+    QList<Failure> flush();
 
     //! Belongs to one thread and is about what that does; scopes close in the reverse of the order in which
     //! they were opened.
@@ -56,9 +62,13 @@ public:
 
 private:
     void note(const QString& directory);
+    //! Unless it was noted once more meanwhile.
+    void forget(const QString& directory, quint64 note);
 
     mutable std::mutex m_mutex;
-    QSet<QString> m_directories;
+    //! With the number of the last note.
+    QHash<QString, quint64> m_directories;
+    quint64 m_notes = 0;
 };
 
 } // namespace orx

@@ -1,6 +1,7 @@
 #include "HalvaneDownloadFolderTask.h"
 
 #include "DownloadNames.h"
+#include "FlushDirectoriesTask.h"
 #include "FolderDownloadPlan.h"
 #include "FolderDownloadReport.h"
 #include "HalvaneAcknowledgedContents.h"
@@ -46,15 +47,16 @@ public:
         , target(QDir(targetDirPath).absolutePath())
         , rootPath(contentOnly || !folder ? QString() : folder->name())
         , namesFolder(!contentOnly) {}
-    // File tasks that are to be deleted later hold the flushes, too. The stamp of an error is its line in the
-    // log.
-    ~Private() { (void)ORX_ECATCH(flushes->flush()); }
+    // File tasks that are to be deleted later hold the flushes, too. Failures are in the log.
+    ~Private() { (void)flushes->flush(); }
 
     Error check() const;
     QString pathOf(const QString& relative) const;
     void makeTarget();
     void removeOthers();
     void flushDirectories();
+    void startFlushing();
+    void onFlushed(const QList<DirectoryFlushes::Failure>& unflushed);
     //! Starts whatever the plan has slots for.
     void advance();
     void list(const Folder& folder);
@@ -153,6 +155,15 @@ Error HalvaneDownloadFolderTaskBase::initialize() {
     return Error();
 }
 
+// What came is to be durable at the end, which waits for this step as for every other.
+void HalvaneDownloadFolderTaskBase::cancelDescendants() {
+    const QPointer<HalvaneDownloadFolderTaskBase> guard(this);
+    if (isRunning() && d->flushes->count() > 0)
+        d->startFlushing();
+    if (guard)
+        HalvaneComplexTask::cancelDescendants();
+}
+
 Error HalvaneDownloadFolderTaskBase::doFinish() {
     if (!hasError()) {
         Error outcome = d->report.outcome(d->plan.droppedFiles());
@@ -215,13 +226,23 @@ void HalvaneDownloadFolderTaskBase::Private::flushDirectories() {
     const qsizetype enough = plan.isDone() ? 1 : flushedAtATime;
     if (flushing || flushes->count() < enough || q->isCanceled() || !q->isRunning())
         return;
+    startFlushing();
+}
+
+void HalvaneDownloadFolderTaskBase::Private::startFlushing() {
     flushing = true;
-    q->execSubtask(std::make_unique<WorkerStepTask>(QStringLiteral("FlushDirectories"),
-                                                    [waiting = flushes] { return waiting->flush(); }),
-                   [this](WorkerStepTask*) {
-                       flushing = false;
-                       advance();
-                   });
+    auto task = std::make_unique<FlushDirectoriesTask>(flushes);
+    const auto ended = [this, raw = task.get()](BaseTask*) { onFlushed(raw->failures()); };
+    q->execSubtask(std::unique_ptr<BaseTask>(std::move(task)), ended, ended);
+}
+
+void HalvaneDownloadFolderTaskBase::Private::onFlushed(const QList<DirectoryFlushes::Failure>& unflushed) {
+    flushing = false;
+    for (const DirectoryFlushes::Failure& failure : unflushed) {
+        const QString path = QDir(target).relativeFilePath(failure.directory);
+        report.addFailure(path == u"." ? reference->name() : path, failure.error);
+    }
+    advance();
 }
 
 void HalvaneDownloadFolderTaskBase::Private::removeOthers() {

@@ -40,9 +40,10 @@ struct ORX_HALVANE_EXPORT HalvaneDownloadFailure {
 //!
 //! Cancelled or destroyed: nothing more is made; what came down completely stays.
 //!
-//! What came down is durable when the task ends, when it was cancelled or destroyed at the latest when it is
-//! deleted. A single file is whole before that, but its name may be lost when the power fails: what a file
-//! task copies when it ends is flushed with its directory, which is flushed once for many files.
+//! What came down is durable when the task ends, also when it was cancelled; when it is destroyed before,
+//! when that is done. A single file is whole before that, but its name may be lost when the power fails: what
+//! a file task copies when it ends is flushed with its directory, which is flushed once for many files. A
+//! directory that cannot be flushed is a failure like that of an item, and stops nothing.
 class ORX_HALVANE_EXPORT HalvaneDownloadFolderTaskBase : public HalvaneComplexTask {
     Q_OBJECT
 public:
@@ -91,6 +92,7 @@ protected:
 
     Error initialize() override;
     Error doFinish() override;
+    void cancelDescendants() override;
 
 private:
     class Private;

@@ -13,6 +13,7 @@
 
 #include <cstdio>
 #include <fcntl.h>
+#include <functional>
 #include <mutex>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -23,6 +24,8 @@ namespace {
 
 std::mutex logMutex;
 QStringList calls;
+//! What happens just before a flush.
+std::function<void()> onFlush;
 
 void note(const QString& call) {
     const std::lock_guard lock(logMutex);
@@ -49,6 +52,8 @@ void noteRename(const char* from, const char* to) {
 // The program's own definitions take the place of the C library's for the libraries too.
 extern "C" int fsync(int descriptor) {
     noteFlush(descriptor);
+    if (onFlush)
+        onFlush();
     return int(::syscall(SYS_fsync, descriptor));
 }
 
@@ -139,8 +144,12 @@ TEST_F(DownloadDurability, ADirectoryThatIsNotedIsFlushedOnceForAllThatCameIntoI
               }),
               noted);
     EXPECT_EQ(flushes->count(), 1);
-    EXPECT_EQ(callsOf([&] { return flushes->flush(); }), QStringList{text("flush out")});
-    EXPECT_EQ(callsOf([&] { return flushes->flush(); }), QStringList());
+    const auto flush = [&] {
+        EXPECT_TRUE(flushes->flush().isEmpty());
+        return Error();
+    };
+    EXPECT_EQ(callsOf(flush), QStringList{text("flush out")});
+    EXPECT_EQ(callsOf(flush), QStringList());
     // Without a scope, and in one of nobody within another, each copy is durable when it ends.
     EXPECT_EQ(callsOf([&] { return copy("run"); }), oneFile);
     ASSERT_TRUE(QFile::remove(at("out/run")));
@@ -168,7 +177,7 @@ TEST_F(DownloadDurability, ADirectoryThatIsNotedIsFlushedAtTheLatestWhenNobodyHo
               QStringList{text("flush out")});
 }
 
-TEST_F(DownloadDurability, ANotedDirectoryThatHasGoneIsForgottenAndOneThatCannotBeFlushedIsKept) {
+TEST_F(DownloadDurability, ANotedDirectoryThatHasGoneIsForgottenAndOneThatCannotBeFlushedIsTold) {
     const auto flushes = std::make_shared<DirectoryFlushes>();
     ASSERT_TRUE(QDir(dir.path()).mkdir(text("gone")));
     {
@@ -177,11 +186,31 @@ TEST_F(DownloadDurability, ANotedDirectoryThatHasGoneIsForgottenAndOneThatCannot
         ASSERT_FALSE(DirectoryFlushes::flushOrNote(at("source/run")).hasError());
     }
     ASSERT_TRUE(QDir(dir.path()).rmdir(text("gone")));
-    const Error error = flushes->flush();
-    EXPECT_TRUE(error.errorMessage().contains(at("source/run"))) << "it is no directory";
+    const auto failures = flushes->flush();
+    ASSERT_EQ(failures.size(), 1);
+    EXPECT_EQ(failures.first().directory, at("source/run")) << "it is no directory";
+    EXPECT_TRUE(failures.first().error.errorMessage().contains(at("source/run")));
+    EXPECT_EQ(flushes->count(), 0);
+}
+
+TEST_F(DownloadDurability, ADirectoryWaitsUntilItIsFlushedAndOnceMoreWhenItIsNotedMeanwhile) {
+    const auto flushes = std::make_shared<DirectoryFlushes>();
+    const auto noteOut = [&] {
+        const DirectoryFlushes::Scope scope(flushes);
+        ASSERT_FALSE(DirectoryFlushes::flushOrNote(at("out")).hasError());
+    };
+    noteOut();
+    qsizetype meanwhile = -1;
+    onFlush = [&] {
+        meanwhile = flushes->count();
+        noteOut();
+    };
+    EXPECT_TRUE(flushes->flush().isEmpty());
+    onFlush = {};
+    EXPECT_EQ(meanwhile, 1);
     EXPECT_EQ(flushes->count(), 1);
-    ASSERT_TRUE(QFile::remove(at("source/run")));
-    EXPECT_FALSE(flushes->flush().hasError());
+    EXPECT_TRUE(flushes->flush().isEmpty());
+    EXPECT_EQ(flushes->count(), 0);
 }
 
 TEST_F(DownloadDurability, ADirectoryGetsItsNameWhenEverythingInItIsOnTheDisk) {
