@@ -93,8 +93,11 @@ int FrameCatalogue::onProgress(void* self) {
 Error FrameCatalogue::failure() const {
     if (m_stop.stop_requested())
         return Error(ErrorCode::Canceled, msText("Canceled."));
-    const QString why =
-        QString::fromUtf8(m_database ? sqlite3_errmsg(m_database) : sqlite3_errstr(SQLITE_NOMEM));
+    return unreadable(
+        QString::fromUtf8(m_database ? sqlite3_errmsg(m_database) : sqlite3_errstr(SQLITE_NOMEM)));
+}
+
+Error FrameCatalogue::unreadable(const QString& why) {
     return Error(ErrorCode::ParseError,
                  msText("Its catalogue \"analysis.tdf\" cannot be read: %1.").arg(why));
 }
@@ -106,7 +109,21 @@ Result<std::unique_ptr<FrameCatalogue::Rows>> FrameCatalogue::query(const char* 
     return std::unique_ptr<Rows>(new Rows(*this, statement));
 }
 
+Error FrameCatalogue::checkIsTable(const char* name) {
+    // Views and virtual tables have no page of their own.
+    auto rows =
+        query("SELECT type = 'table' AND rootpage > 0 FROM sqlite_schema WHERE name = ?1 COLLATE NOCASE");
+    ORX_RETURN_ON_ERROR(rows.error());
+    sqlite3_bind_text((*rows)->m_statement, 1, name, -1, SQLITE_TRANSIENT);
+    const auto found = (*rows)->next();
+    ORX_RETURN_ON_ERROR(found.error());
+    // What is missing is told of by whoever asks it.
+    const bool isTable = !*found || (*rows)->integer(0) == 1;
+    return isTable ? Error() : unreadable(msText("\"%1\" is no table").arg(QLatin1String(name)));
+}
+
 Result<QString> FrameCatalogue::property(const QString& key) {
+    ORX_RETURN_ON_ERROR(checkIsTable("GlobalMetadata"));
     auto rows = query("SELECT Value FROM GlobalMetadata WHERE Key = ?1");
     if (rows.hasError())
         return rows.error();

@@ -45,6 +45,9 @@ public:
     Q_DISABLE_COPY_MOVE(FrameCatalogue)
 
     Result<std::unique_ptr<Rows>> query(const char* sql);
+    //! ErrorCode::ParseError when \a name is a view or something else that works out its rows: that may take
+    //! any amount of memory.
+    Error checkIsTable(const char* name);
     //! The value of a key of the table GlobalMetadata; empty when it has none.
     Result<QString> property(const QString& key);
 
@@ -52,6 +55,7 @@ private:
     FrameCatalogue() = default;
     static int onProgress(void* self);
     Error failure() const;
+    static Error unreadable(const QString& why);
 
     sqlite3* m_database = nullptr;
     std::stop_token m_stop;

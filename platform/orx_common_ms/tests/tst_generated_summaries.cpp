@@ -12,6 +12,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sqlite3.h>
+
 #include <bit>
 #include <limits>
 
@@ -586,18 +588,63 @@ TEST(FrameSummary, isAbsentWhenThereAreNoFrames) {
         << qPrintable(summary.errorMessage());
 }
 
-TEST(FrameSummary, isNotHeldUpByFramesWithoutEnd) {
+TEST(FrameSummary, takesNoRowsThatAreWorkedOut) {
+    const char* const views[] = {
+        // Without end.
+        "CREATE VIEW Frames AS WITH RECURSIVE n(Id) AS (SELECT 1 UNION ALL SELECT Id + 1 FROM n) SELECT Id, "
+        "1.0 AS Time, 0 AS MsMsType, 1 AS SummedIntensities, 1 AS MaxIntensity FROM n",
+        // Of a few rows, sorted.
+        "CREATE VIEW frames AS SELECT 1 AS Id, Value AS Time, 0 AS MsMsType, 1 AS SummedIntensities, 1 AS "
+        "MaxIntensity FROM GlobalMetadata ORDER BY Value",
+        "CREATE VIRTUAL TABLE Frames USING fts5(Id, Time, MsMsType, SummedIntensities, MaxIntensity)"};
+    for (const char* const view : views) {
+        const MsDataMaker maker;
+        const QString made = maker.catalogue(QStringLiteral("a.d"));
+        MsDataMaker::execute(made + QStringLiteral("/analysis.tdf"), QByteArray("DROP TABLE Frames;") + view);
+        const auto summary = summarise(made);
+        ASSERT_TRUE(summary.hasError()) << view;
+        EXPECT_TRUE(summary.errorMessage().contains(QStringLiteral("\"Frames\" is no table")))
+            << qPrintable(summary.errorMessage());
+    }
+}
+
+TEST(FrameSummary, endsWhenEveryRowTakesTooLong) {
     const MsDataMaker maker;
     const QString made = maker.catalogue(QStringLiteral("a.d"));
-    MsDataMaker::execute(
-        made + QStringLiteral("/analysis.tdf"),
-        "DROP TABLE Frames; CREATE VIEW Frames AS WITH RECURSIVE n(Id) AS (SELECT 1 UNION ALL SELECT "
-        "Id + 1 FROM n) SELECT Id, 1.0 AS Time, 0 AS MsMsType, 1 AS SummedIntensities, 1 AS "
-        "MaxIntensity FROM n;");
+    QByteArray sum = "1";
+    for (int i = 0; i < 900; ++i)
+        sum += "+abs(Id)";
+    MsDataMaker::execute(made + QStringLiteral("/analysis.tdf"),
+                         "DROP TABLE Frames; CREATE TABLE Frames (Id INTEGER, Time REAL AS (" + sum +
+                             "), MsMsType, SummedIntensities, MaxIntensity);"
+                             "WITH RECURSIVE n(Id) AS (SELECT 1 UNION ALL SELECT Id + 1 FROM n WHERE Id < "
+                             "20000) INSERT INTO Frames (Id) SELECT Id FROM n");
     const auto summary = summarise(made);
     ASSERT_TRUE(summary.hasError());
     EXPECT_TRUE(summary.errorMessage().contains(QStringLiteral("interrupted")))
         << qPrintable(summary.errorMessage());
+}
+
+TEST(FrameSummary, takesNoMoreMemoryForMoreFramesWhateverTheirKey) {
+    const char* const tables[] = {"Id INTEGER PRIMARY KEY", "Id INTEGER", "Id TEXT PRIMARY KEY"};
+    for (const char* const id : tables) {
+        const MsDataMaker maker;
+        const QString made = maker.catalogue(QStringLiteral("a.d"));
+        MsDataMaker::execute(
+            made + QStringLiteral("/analysis.tdf"),
+            QByteArray("DROP TABLE Frames; CREATE TABLE Frames (") + id +
+                ", Time REAL, MsMsType, SummedIntensities, MaxIntensity);"
+                "WITH RECURSIVE n(Id) AS (SELECT 1 UNION ALL SELECT Id + 1 FROM n WHERE Id < 200000) "
+                "INSERT INTO Frames SELECT Id, Id / 2.0, 0, Id, 1 FROM n");
+        const qint64 before = sqlite3_memory_used();
+        sqlite3_memory_highwater(1);
+        const auto summary = summarise(made);
+        const qint64 most = sqlite3_memory_highwater(0);
+        ASSERT_FALSE(summary.hasError()) << qPrintable(summary.errorMessage());
+        EXPECT_EQ(summary->spectrumCount(), 200'000);
+        EXPECT_EQ(summary->retentionTime, (ValueRange{0.5, 100'000}));
+        EXPECT_LT(most - before, 3 * 1024 * 1024) << id;
+    }
 }
 
 TEST(Summarise, saysWhyThereIsNoSummary) {

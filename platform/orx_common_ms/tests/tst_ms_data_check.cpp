@@ -346,16 +346,23 @@ TEST(MsDataCheck, believesACatalogueThatItIsNotComplete) {
     });
 }
 
-TEST(MsDataCheck, isNotHeldUpByACatalogueThatCountsForEver) {
-    const MsDataMaker maker;
-    maker.file(QStringLiteral("a.d/analysis.tdf_bin"), "x");
-    MsDataMaker::execute(
-        maker.path(QStringLiteral("a.d/analysis.tdf")),
-        "CREATE VIEW GlobalMetadata AS WITH RECURSIVE n(Key) AS (SELECT 'a' UNION ALL SELECT "
-        "Key FROM n) SELECT Key, 'x' AS Value FROM n;");
-    const MsDataCheck check = MsDataFileUtils::checkMsData(maker.path(QStringLiteral("a.d")));
-    EXPECT_FALSE(check.isValid());
-    EXPECT_TRUE(check.reason.contains(QStringLiteral("interrupted"))) << qPrintable(check.reason);
+TEST(MsDataCheck, isNotHeldUpByACatalogueThatTakesForEver) {
+    const std::pair<const char*, const char*> rows[] = {
+        {"CREATE VIEW GlobalMetadata AS WITH RECURSIVE n(Key) AS (SELECT 'a' UNION ALL SELECT Key FROM n) "
+         "SELECT Key, 'x' AS Value FROM n;",
+         "\"GlobalMetadata\" is no table"},
+        {"CREATE TABLE GlobalMetadata (Key, Value);"
+         "WITH RECURSIVE n(Key) AS (SELECT 1 UNION ALL SELECT Key + 1 FROM n WHERE Key < 100000) "
+         "INSERT INTO GlobalMetadata SELECT Key, Key FROM n;",
+         "interrupted"}};
+    for (const auto& [sql, reason] : rows) {
+        const MsDataMaker maker;
+        maker.file(QStringLiteral("a.d/analysis.tdf_bin"), "x");
+        MsDataMaker::execute(maker.path(QStringLiteral("a.d/analysis.tdf")), sql);
+        const MsDataCheck check = MsDataFileUtils::checkMsData(maker.path(QStringLiteral("a.d")));
+        EXPECT_FALSE(check.isValid());
+        EXPECT_TRUE(check.reason.contains(QString::fromLatin1(reason))) << qPrintable(check.reason);
+    }
 }
 
 TEST(MsDataCheck, leavesACatalogueAndItsDirectoryAsTheyWere) {
