@@ -28,6 +28,11 @@ constexpr size_t kMarkedPoints = 60;
 //! From here on minutes are easier to read than seconds.
 constexpr double kMinutesFrom = 180;
 
+//! Nobody measured longer, and the library counts ticks where doubles still tell them apart.
+constexpr double kLongestTime = 1e12;
+//! Of the larger end; times closer to each other are drawn as one.
+constexpr double kLeastSpan = 1e-9;
+
 //! Nothing below it is anything but zero.
 constexpr double kNoIntensity = 1e-300;
 
@@ -76,13 +81,16 @@ std::string drawable(QString text) {
 
 //! A little room beside the values; some also where all are the same.
 void widen(Axis& axis) {
-    const double room = axis.highest > axis.lowest ? (axis.highest - axis.lowest) * 0.02 : 1;
+    const double span = axis.highest - axis.lowest;
+    const double least = kLeastSpan * std::max(std::abs(axis.lowest), std::abs(axis.highest));
+    const double room = span > least ? span * 0.02 : 1;
     axis.lowest -= room;
     axis.highest += room;
 }
 
 Axis timeAxisOf(const std::vector<PLFLT>& seconds, double& unit) {
-    Axis axis{seconds.front(), seconds.back(), "Retention time (s)"};
+    const auto [lowest, highest] = std::minmax_element(seconds.begin(), seconds.end());
+    Axis axis{*lowest, *highest, "Retention time (s)"};
     unit = 1;
     if (axis.highest >= kMinutesFrom) {
         unit = 60;
@@ -119,9 +127,15 @@ Curves curvesOf(const IonCurrentTrace& trace) {
     curves.intensityAxis = intensityAxisOf(highest, unit);
     for (std::vector<PLFLT>* values : {&curves.total, &curves.basePeak}) {
         for (PLFLT& value : *values)
-            value /= unit;
+            value = std::clamp(value / unit, curves.intensityAxis.lowest, curves.intensityAxis.highest);
     }
     return curves;
+}
+
+bool canBeDrawn(const IonCurrentTrace& trace) {
+    return std::all_of(trace.points.begin(), trace.points.end(), [](const IonCurrentTrace::Point& point) {
+        return std::abs(point.retentionTime) <= kLongestTime;
+    });
 }
 
 std::string subtitleOf(const RunSummary& run) {
@@ -212,6 +226,12 @@ Result<QByteArray> drawRun(const RunSummary& run, const QString& title, PlotForm
                      QStringLiteral("There is no ion current over time to be drawn of \"%1\": its spectra "
                                     "state no retention time or no intensity.")
                          .arg(title));
+    if (!canBeDrawn(run.trace))
+        return Error(ErrorCode::ParseError,
+                     QStringLiteral("The ion current of \"%1\" cannot be drawn: its summary states retention "
+                                    "times of more than %2 seconds.")
+                         .arg(title)
+                         .arg(kLongestTime));
     if (!isThere(deviceOf(format)))
         return Error(ErrorCode::General,
                      QStringLiteral("PLplot has no driver \"%1\" on this machine; install the package "

@@ -6,6 +6,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <limits>
+
 using namespace halvane::host;
 using orx::ErrorCode;
 using orx::IonCurrentTrace;
@@ -107,13 +110,35 @@ TEST(RunPlot, NamesAreShownAsTheyAre) {
 TEST(RunPlot, ExtremesAreDrawn) {
     for (const RunSummary& run :
          {runOf({{5, 0, 0}}), runOf({{5, 0, 0}, {5, 0, 0}}), runOf({{0, 1e-30, 1e-31}, {1e9, 1e300, 1e299}}),
-          runOf({{0, 5e-324, 0}, {1, 0, 0}}), runOf({{-5, 3, 3}, {5, 1, 1}})}) {
+          runOf({{0, 5e-324, 0}, {1, 0, 0}}), runOf({{-5, 3, 3}, {5, 1, 1}}), runOf({{1e12, 1, 1}}),
+          runOf({{-1e12, 1, 1}, {1e12, 1, 1}}),
+          // Times that hardly differ, or not in their order.
+          runOf({{5, 1, 1}, {std::nextafter(5, 6), 2, 1}}),
+          runOf({{std::nextafter(1e12, 0), 2, 1}, {1e12, 1, 1}}), runOf({{600, 1, 1}, {0, 2, 1}}),
+          // Intensities that no instrument gives.
+          runOf({{0, -1e308, -1e308}, {1, 1e308, 1e308}}), runOf({{0, -1e308, 0}, {1, -1, 0}}),
+          runOf({{0, std::numeric_limits<double>::max(), 1},
+                 {1, std::numeric_limits<double>::denorm_min(), 1}})}) {
         const QByteArray svg = svgOf(run);
         EXPECT_TRUE(svg.endsWith("</svg>\n")) << svg.right(100).constData();
         for (const auto& [x, y] : curveOf(svg, kTotalColor)) {
             EXPECT_TRUE(x > 0 && x < 1200) << x;
             EXPECT_TRUE(y > 0 && y < 700) << y;
         }
+    }
+}
+
+TEST(RunPlot, TimesThatNobodyMeasuredAreRefused) {
+    for (const RunSummary& run :
+         {runOf({{-1e308, 1, 1}, {1e308, 1, 1}}), runOf({{1e18, 1, 1}}),
+          runOf({{1e18, 1, 1}, {1e18 + 256, 1, 1}}), runOf({{-1e13, 1, 1}, {0, 1, 1}}),
+          runOf({{std::numeric_limits<double>::max(), 1, 1}})}) {
+        const auto picture = drawRun(run, QStringLiteral("run1.mzML"), PlotFormat::Svg);
+        ASSERT_FALSE(picture);
+        EXPECT_TRUE(picture.error().is(ErrorCode::ParseError));
+        EXPECT_EQ(picture.errorMessage(),
+                  QStringLiteral("The ion current of \"run1.mzML\" cannot be drawn: its summary states "
+                                 "retention times of more than 1e+12 seconds."));
     }
 }
 

@@ -4,6 +4,7 @@
 
 #include <QJsonArray>
 
+#include <algorithm>
 #include <cmath>
 
 namespace orx {
@@ -97,18 +98,26 @@ Result<IonCurrentTrace> readTrace(const QJsonObject& json) {
     return trace;
 }
 
+// Far more than there are.
+constexpr qsizetype kMostLevels = 100;
+constexpr qint64 kMostSpectra = qint64(1) << 53;
+
 Error readLevels(const QJsonObject& json, QMap<int, qint64>& levels) {
     const auto counts = JsonUtils::objectValue(json, kSpectraByLevel);
     if (counts.hasError())
         return counts.error();
-    for (auto it = counts->begin(); it != counts->end(); ++it) {
+    qint64 sum = 0;
+    for (auto it = counts->begin(); it != counts->end() && sum <= kMostSpectra; ++it) {
         bool isNumber = false;
         const int level = it.key().toInt(&isNumber);
         const auto count = JsonUtils::int64Value(*counts, it.key());
         if (!isNumber || level < 0 || count.hasError() || *count < 0)
             return wrongMember(kSpectraByLevel, "an object of counts by level");
         levels.insert(level, *count);
+        sum += std::min(*count, kMostSpectra);
     }
+    if (counts->size() > kMostLevels || sum > kMostSpectra)
+        return wrongMember(kSpectraByLevel, "a few counts that can be added");
     return Error();
 }
 

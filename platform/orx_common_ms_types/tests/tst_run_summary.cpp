@@ -74,6 +74,13 @@ TEST(RunSummary, refusesJsonThatNoSummaryHasAndNamesTheMember) {
     };
     const QJsonObject ofStrings{{QStringLiteral("1"), QStringLiteral("three")}};
     const QJsonObject negative{{QStringLiteral("1"), -3}};
+    QJsonObject manyLevels;
+    for (int level = 0; level < 101; ++level)
+        manyLevels.insert(QString::number(level), 1);
+    // None is too many by itself.
+    QJsonObject manySpectra;
+    for (int level = 0; level < 3; ++level)
+        manySpectra.insert(QString::number(level), double(qint64(1) << 52));
     const QJsonObject noLevel{{QStringLiteral("one"), 3}};
     const Row rows[] = {
         {"kind", QStringLiteral("punched cards")},
@@ -82,6 +89,8 @@ TEST(RunSummary, refusesJsonThatNoSummaryHasAndNamesTheMember) {
         {"spectra_by_level", ofStrings},
         {"spectra_by_level", negative},
         {"spectra_by_level", noLevel},
+        {"spectra_by_level", manyLevels},
+        {"spectra_by_level", manySpectra},
         {"mz", QJsonArray{1}},
         {"mz", QJsonArray{2, 1}},
         {"mz", QJsonArray{1, 2, 3}},
