@@ -26,7 +26,10 @@ public:
 
 //! Answers for one reference. Held by QSharedPointer; retrievals keep their handler alive. Thread: that of
 //! its maker. The calls named "blocking" process events of the thread while they wait; the others wait
-//! for no server and no other retrieval, but some may for the cache's records; see docs/cache.md.
+//! for no server and no other retrieval, but for the disk, and some for the cache's records: the first use of
+//! a cache makes and flushes its directories and opens its records (up to 10 s behind another process that
+//! repairs them), and setCleanupPolicy() flushes directories and waits up to 10 s for another writer of
+//! records, and with it what other threads ask of the cache meanwhile. docs/cache.md tells the rest.
 class ORX_RESOURCE_MANAGER_EXPORT ResourceHandler : public QEnableSharedFromThis<ResourceHandler> {
 public:
     //! The values are fixed.
@@ -45,7 +48,8 @@ public:
     virtual Result<ResourceCleanupPolicy> cleanupPolicy() const = 0;
     virtual Error setCleanupPolicy(ResourceCleanupPolicy policy) = 0;
     //! Whether expectedPath() holds the resource, by size and time. In a directory nothing is looked at: it
-    //! may still turn out to be damaged when it is retrieved. Never waits.
+    //! may still turn out to be damaged when it is retrieved. Waits for no lock and no server, once the cache
+    //! is in use and while no other thread sets a policy.
     virtual bool isAvailableLocally() const = 0;
     //! The base fails with ErrorCode::InvalidArgument: such a resource has no siblings to list.
     virtual Result<std::unique_ptr<GetSiblingsTask>> siblings() const;
