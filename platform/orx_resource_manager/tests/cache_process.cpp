@@ -6,6 +6,8 @@
 // - replace COUNT: fills COUNT entries below the sub-path, and then anew, in order; prints "old N" and "new
 // N" when
 //   one is there; CacheEntries.h tells their content
+// - write CONTENT: replaces the entry by a writer that writes a part of the content, prints "half" and never
+//   ends
 // - lease: leases the entry, prints "leased" or "absent" and keeps it until its input ends
 #include "CacheEntries.h"
 #include "CacheFixture.h"
@@ -47,6 +49,13 @@ Error fill(ResourceCache& cache, const QString& subPath, const QByteArray& conte
         ResourceCache::FillMode::Missing);
     task->exec();
     return task->waitForFinished();
+}
+
+Error write(ResourceCache& cache, const QString& subPath, const QByteArray& content) {
+    return cache.add(nullptr, subPath, [&] {
+        const auto path = cache.expectedPath(subPath);
+        return path ? bring(path->toString(), content, true) : path.error();
+    });
 }
 
 Error replaceEach(ResourceCache& cache, const QString& top, int count) {
@@ -96,6 +105,8 @@ int main(int argc, char** argv) {
         else
             std::fprintf(stderr, "%s\n", qPrintable(message));
     });
+    if (command == u"write")
+        return write(cache, arguments.at(2), arguments.value(4).toUtf8()).hasError() ? 1 : 0;
     const Error error = command == u"replace"
                             ? replaceEach(cache, arguments.at(2), arguments.value(4).toInt())
                             : fill(cache, arguments.at(2), arguments.value(4).toUtf8(), command == u"half");

@@ -24,6 +24,9 @@ std::atomic<bool> isExchangeUnknown = false;
 //! The renameat() that fails, counted down to 0; negative: none.
 std::atomic<int> renamesLeft = -1;
 
+//! Whether directories tell only the names of what they hold, as on some file systems.
+std::atomic<bool> isKindUnknown = false;
+
 //! What opening the file of this name ends with; 0: nothing.
 std::atomic<int> openFailure = 0;
 constexpr const char* kUnreadable = "unreadable";
@@ -75,6 +78,18 @@ extern "C" dirent* readdir(DIR* stream) {
     static const auto call = next<dirent*(DIR*)>("readdir");
     ++diskCalls;
     return call(stream);
+}
+
+extern "C" ssize_t getdents64(int directory, void* block, size_t size) {
+    static const auto call = next<ssize_t(int, void*, size_t)>("getdents64");
+    const ssize_t got = call(directory, block, size);
+    auto* const first = static_cast<char*>(block);
+    for (ssize_t at = 0; isKindUnknown && at < got;) {
+        auto* const entry = reinterpret_cast<dirent64*>(first + at);
+        entry->d_type = DT_UNKNOWN;
+        at += entry->d_reclen;
+    }
+    return got;
 }
 
 extern "C" ssize_t pread64(int file, void* data, size_t size, off64_t at) {
@@ -229,7 +244,31 @@ protected:
     const QString kFile = QStringLiteral("server/run1.mzML");
 };
 
+class CacheWithoutKindsTest : public orx::testing::CacheFixture {
+protected:
+    CacheWithoutKindsTest() { isKindUnknown = true; }
+    ~CacheWithoutKindsTest() override { isKindUnknown = false; }
+};
+
 } // namespace
+
+TEST_F(CacheWithoutKindsTest, LeftoversAreFoundAndEntriesStay) {
+    for (const QString& entry : {u"s/1/run"_qs, u"s/2/run"_qs, u"t"_qs})
+        ASSERT_FALSE(fill(entry, "x").hasError());
+    for (const QString& leftover : {u"s/1/left"_qs, u"s/3/over"_qs, u"u"_qs})
+        ASSERT_TRUE(orx::testing::writeFile(placeOf(leftover), "x"));
+    ASSERT_TRUE(QFile::link(path(u"elsewhere"_qs), placeOf(u"s/link"_qs)));
+    const auto report = cache.prune();
+    ASSERT_TRUE(report);
+    EXPECT_TRUE(report->problems.isEmpty());
+    const auto names = [this](const QString& directory) {
+        return QDir(placeOf(directory)).entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot);
+    };
+    EXPECT_EQ(names(QString()), (QStringList{u"s"_qs, u"t"_qs}));
+    EXPECT_EQ(names(u"s"_qs), (QStringList{u"1"_qs, u"2"_qs}));
+    EXPECT_EQ(names(u"s/1"_qs), QStringList{u"run"_qs});
+    EXPECT_TRUE(cache.contains(u"s/1/run"_qs) && cache.contains(u"s/2/run"_qs) && cache.contains(u"t"_qs));
+}
 
 TEST_F(CacheWithoutExchangeTest, ContentComesToAFreePlaceAndToOneThatIsTaken) {
     ASSERT_FALSE(fill(kFile, "old").hasError());

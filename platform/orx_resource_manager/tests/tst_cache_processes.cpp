@@ -73,6 +73,29 @@ TEST_F(CacheProcessesTest, AKilledFillLeavesNoEntryAndIsResumed) {
     EXPECT_TRUE(staged().isEmpty());
 }
 
+TEST_F(CacheProcessesTest, AKilledWriterLeavesTheOldEntry) {
+    ASSERT_FALSE(fill(kEntry, "old content").hasError());
+    QProcess killed;
+    start(killed, {u"write"_qs, u"new content"_qs});
+    ASSERT_EQ(nextLine(killed), "half");
+    killed.kill();
+    ASSERT_TRUE(killed.waitForFinished(-1));
+    EXPECT_TRUE(cache.contains(kEntry));
+    EXPECT_EQ(orx::testing::readFile(placeOf(kEntry)), "old content");
+    EXPECT_EQ(staged().size(), 1);
+    const auto writer = [this] {
+        const auto path = cache.expectedPath(kEntry);
+        return path && orx::testing::writeFile(path->toString(), "new content")
+                   ? Error()
+                   : Error(ErrorCode::General, {});
+    };
+    ASSERT_FALSE(cache.add(nullptr, kEntry, writer).hasError());
+    EXPECT_TRUE(cache.waitForPending().isEmpty());
+    EXPECT_EQ(orx::testing::readFile(placeOf(kEntry)), "new content");
+    ASSERT_TRUE(cache.prune());
+    EXPECT_TRUE(staged().isEmpty());
+}
+
 TEST_F(CacheProcessesTest, WhatAnotherProcessReadsIsNotRemovedUntilItEnds) {
     ASSERT_FALSE(fill(kEntry, "content").hasError());
     QProcess reader;
