@@ -210,9 +210,13 @@ TEST_F(Cache, ACopyThatWasFoundDamagedIsNotThereThoughItCannotBeFetchedAnew) {
     EXPECT_NE(failed.exitCode, 0);
     EXPECT_THAT(std::string(failed.err), HasSubstr("is not what the server has"));
     EXPECT_EQ(client.run({"cache", "path", "/raw/run.mzML"}).exitCode, 3);
+    ASSERT_EQ(entries().size(), 1);
+    EXPECT_EQ(entries()[0]["damaged"], true);
+    EXPECT_THAT(client.mustRun({"cache", "ls"}).out.toStdString(), HasSubstr("damaged"));
     proxy.clearRules();
     EXPECT_EQ(get()["from_cache"], false);
     EXPECT_EQ(get()["from_cache"], true);
+    EXPECT_EQ(entries()[0]["damaged"], false);
 }
 
 TEST_F(Cache, VerificationFindsAndRemovesWhatIsDamaged) {
@@ -253,6 +257,29 @@ TEST_F(Cache, PruningKeepsWhatIsPinned) {
     EXPECT_EQ(client.mustRun({"cache", "prune", "--max-age", "0s"}).out,
               "removed 1 entries, 97.7 KiB; 0 B left\n");
     EXPECT_EQ(client.run({"cache", "pin", "/raw/run.mzML"}).exitCode, 3);
+    EXPECT_TRUE(entries().isEmpty());
+}
+
+TEST_F(Cache, WhatInterruptedDownloadsTakeIsToldAndGoesWithEverything) {
+    put();
+    const QString path = cachePath();
+    const QString staging = path.section("/content/", 0, 0) + "/state/staging/fill-" + QString(64, 'a');
+    ASSERT_TRUE(QDir().mkpath(staging));
+    QFile part(staging + "/part");
+    ASSERT_TRUE(part.open(QIODevice::WriteOnly) && part.write(QByteArray(3000, 'x')) == 3000);
+    part.close();
+    EXPECT_THAT(client.mustRun({"cache", "ls"}).err.toStdString(), HasSubstr("interrupted:\n2.9 KiB"));
+    const QList<QJsonObject> listed = entries();
+    ASSERT_EQ(listed.size(), 2);
+    EXPECT_EQ(listed[1]["type"], "cache_unfinished");
+    EXPECT_EQ(listed[1]["size"], 3000);
+    EXPECT_EQ(client.mustRun({"--json", "cache", "prune"}).object()["unfinished_size"], 3000);
+    EXPECT_THAT(client.mustRun({"cache", "prune", "--max-size", "1"}).out.toStdString(),
+                HasSubstr("2.9 KiB in unfinished downloads stayed"));
+    EXPECT_TRUE(QFileInfo::exists(part.fileName()));
+    const QJsonObject pruned = client.mustRun({"--json", "cache", "prune", "--max-size", "0"}).object();
+    EXPECT_EQ(pruned["unfinished_size"], 0);
+    EXPECT_EQ(pruned["leftover_size"], 3000);
     EXPECT_TRUE(entries().isEmpty());
 }
 

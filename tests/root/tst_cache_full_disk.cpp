@@ -71,6 +71,14 @@ TEST_F(CacheOnAFullDisk, IsPrunedByAProcessThatBegins) {
     expectPruned();
 }
 
+TEST_F(CacheOnAFullDisk, IsPrunedWhenItIsOfAReleaseThatLeftNoMark) {
+    cache.reset();
+    ASSERT_TRUE(QFile::remove(root() + QStringLiteral("/state/is-a-cache")));
+    fillUp();
+    cache = std::make_unique<ResourceCache>(root());
+    expectPruned();
+}
+
 TEST_F(CacheOnAFullDisk, IsPrunedTwice) {
     fillUp();
     expectPruned();

@@ -294,7 +294,11 @@ private:
         CLI::App* prune = addCacheCommand("prune", "Remove what exceeds the limits, and leftovers",
                                           "  halvane cache prune\n"
                                           "  halvane cache prune --max-size 5G --max-age 30d\n");
-        prune->add_option("--max-size", m_raw.maxSize, "What may stay, such as 500M or 20G")->type_name("N");
+        prune
+            ->add_option("--max-size", m_raw.maxSize,
+                         "What may stay, such as 500M or 20G; 0: nothing, "
+                         "of interrupted downloads either")
+            ->type_name("N");
         prune->add_option("--max-age", m_raw.maxAge, "Since the last use, such as 12h or 30d")
             ->type_name("D");
         addReference(addCacheCommand("pin", "Keep a copy whatever the limits say",

@@ -106,8 +106,13 @@ QJsonObject jsonOf(const RemoteItem& item, const HalvaneResourceMetadata& metada
     return object;
 }
 
-QString policyText(ResourceCleanupPolicy policy) {
-    return policy == ResourceCleanupPolicy::Keep ? QStringLiteral("pinned") : QStringLiteral("-");
+QString stateText(const ResourceCacheEntry& entry) {
+    QStringList words;
+    if (entry.policy == ResourceCleanupPolicy::Keep)
+        words << QStringLiteral("pinned");
+    if (entry.isDamaged)
+        words << QStringLiteral("damaged");
+    return words.isEmpty() ? QStringLiteral("-") : words.join(u',');
 }
 
 QJsonObject jsonOf(const ResourceCacheEntry& entry, ResourceCache& cache) {
@@ -120,7 +125,8 @@ QJsonObject jsonOf(const ResourceCacheEntry& entry, ResourceCache& cache) {
             {QStringLiteral("sha256"), entry.sha256.isEmpty() ? QJsonValue() : QJsonValue(entry.sha256)},
             {QStringLiteral("added_at"), Output::jsonOf(entry.addedAt)},
             {QStringLiteral("last_used_at"), Output::jsonOf(entry.lastUsedAt)},
-            {QStringLiteral("pinned"), entry.policy == ResourceCleanupPolicy::Keep}};
+            {QStringLiteral("pinned"), entry.policy == ResourceCleanupPolicy::Keep},
+            {QStringLiteral("damaged"), entry.isDamaged}};
 }
 
 } // namespace
@@ -442,10 +448,20 @@ int Runner::listCache(ResourceCache& cache) {
         if (m_output.isJson())
             m_output.result(jsonOf(entry, cache), QString());
         else
-            rows.append({bytesText(entry.bytes), timeText(entry.lastUsedAt), policyText(entry.policy),
+            rows.append({bytesText(entry.bytes), timeText(entry.lastUsedAt), stateText(entry),
                          m_output.shown(entry.subPath)});
     }
     m_output.table(rows);
+    const auto unfinished = cache.unfinishedBytes();
+    if (unfinished.hasError())
+        return m_output.error(unfinished.error());
+    if (*unfinished > 0)
+        m_output.result({{QStringLiteral("type"), QStringLiteral("cache_unfinished")},
+                         {QStringLiteral("size"), *unfinished}},
+                        QString());
+    if (*unfinished > 0 && !m_output.isJson())
+        m_output.notes(QStringLiteral("beside these, of downloads that run or were interrupted:"),
+                       {{bytesText(*unfinished)}});
     return int(ExitCode::Success);
 }
 
@@ -482,7 +498,10 @@ int Runner::verifyCache(ResourceCache& cache) {
 int Runner::pruneCache(ResourceCache& cache, const ResourceCache::Limits& limits) {
     ResourceCache::PruneReport report;
     const Error error = runOnWorker(QStringLiteral("PruneCache"), [&cache, &report, limits]() -> Error {
-        auto pruned = cache.prune(limits);
+        // Nothing is to be left.
+        const auto unfinished =
+            limits.maxBytes == 0 ? ResourceCache::Unfinished::Removed : ResourceCache::Unfinished::Kept;
+        auto pruned = cache.prune(limits, unfinished);
         ORX_RETURN_ON_ERROR(pruned.error());
         report = std::move(pruned).value();
         return {};
@@ -499,12 +518,15 @@ int Runner::pruneCache(ResourceCache& cache, const ResourceCache::Limits& limits
         text += QStringLiteral("; %1 in use stayed").arg(report.inUse);
     if (report.leftoverBytes > 0)
         text += QStringLiteral("; leftovers removed, %1").arg(bytesText(report.leftoverBytes));
+    if (report.unfinishedBytes > 0)
+        text += QStringLiteral("; %1 in unfinished downloads stayed").arg(bytesText(report.unfinishedBytes));
     m_output.result({{QStringLiteral("type"), QStringLiteral("cache_pruning")},
                      {QStringLiteral("removed"), removed},
                      {QStringLiteral("removed_size"), report.bytesRemoved},
                      {QStringLiteral("size"), report.bytesLeft},
                      {QStringLiteral("in_use"), report.inUse},
                      {QStringLiteral("leftover_size"), report.leftoverBytes},
+                     {QStringLiteral("unfinished_size"), report.unfinishedBytes},
                      {QStringLiteral("problems"), arrayOf(report.problems)}},
                     text);
     m_output.warnings(report.problems);

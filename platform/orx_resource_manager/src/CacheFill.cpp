@@ -71,7 +71,7 @@ Result<CacheFill::Begun> CacheFill::begin(const QString& expected) {
     if (root.hasError())
         return root.error();
     // Who needs nothing new does not wait for who brings it.
-    if (needsNothingNew() && !m_hasWaited) {
+    if (needsNothingNew() && (!m_hasWaited || m_store->valid(m_place, CachePayload::Depth::Top, expected))) {
         ORX_RETURN_ON_ERROR(clearBeside());
         ORX_RETURN_ON_ERROR(look(expected).error());
         if (m_lease || m_mode == ResourceCache::FillMode::LookOnly)
@@ -171,6 +171,11 @@ Error CacheFill::finish(const QByteArray& sha256, const QString& expected,
     const auto root = m_store->root();
     if (root.hasError())
         return root.error();
+    // Of who only looks, who holds no lock: another fill may be writing there.
+    if (!m_fill)
+        return Error(
+            ErrorCode::NotFound,
+            translated("\"%1\" is not in the cache, and nothing was to be fetched.").arg(m_place.text()));
     const auto staging = openDirectory((*root)->staging.get(), stagingName(), directory());
     if (staging.hasError())
         return staging.error();

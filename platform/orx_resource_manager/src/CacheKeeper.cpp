@@ -149,9 +149,10 @@ void CacheKeeper::keepUp(const ResourceCache::Limits& limits) {
         qCWarning(cacheLog).noquote() << problem;
 }
 
-Result<ResourceCache::PruneReport> CacheKeeper::prune(const ResourceCache::Limits& limits) {
+Result<ResourceCache::PruneReport> CacheKeeper::prune(const ResourceCache::Limits& limits,
+                                                      ResourceCache::Unfinished unfinished) {
     ResourceCache::PruneReport report;
-    CacheSweeper sweeper(m_store, report);
+    CacheSweeper sweeper(m_store, report, unfinished);
     // Room for the records, when there is none.
     sweeper.sweepStaging();
     Error error = enforce(limits, report);
@@ -190,7 +191,7 @@ Result<QString> damageIn(const Error& error) {
 Result<QString> CacheKeeper::damageOf(const CacheSubPath& place, CacheRecords::Record& record,
                                       const std::function<bool(qint64)>& onBytes) {
     // Its record cannot show what a reader found out.
-    if (record.isDamaged)
+    if (record.entry.isDamaged)
         return translated("it was found to be damaged when it was read");
     const QString shown = m_store.placePath(place);
     const auto parent = m_store.openParent(place);

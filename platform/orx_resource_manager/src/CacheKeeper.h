@@ -14,7 +14,8 @@ public:
     //! After something came: keeps the limits, and sweeps now and then. What fails is logged.
     void keepUp(const ResourceCache::Limits& limits);
     //! Keeps the limits and sweeps. An error when nothing could be done.
-    Result<ResourceCache::PruneReport> prune(const ResourceCache::Limits& limits);
+    Result<ResourceCache::PruneReport> prune(const ResourceCache::Limits& limits,
+                                             ResourceCache::Unfinished unfinished);
     Result<ResourceCache::VerifyReport> verify(const std::function<bool(qint64)>& progress);
 
 private:

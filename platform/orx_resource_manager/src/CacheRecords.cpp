@@ -87,7 +87,7 @@ CacheRecords::Record readRecord(SQLite::Statement& row) {
     entry.addedAt = time(row.getColumn(7).getInt64());
     entry.lastUsedAt = time(row.getColumn(8).getInt64());
     entry.policy = ResourceCleanupPolicy(row.getColumn(9).getInt());
-    record.isDamaged = row.getColumn(10).getInt() != 0;
+    record.entry.isDamaged = row.getColumn(10).getInt() != 0;
     record.payload.type = entry.type;
     record.payload.bytes = entry.bytes;
     record.payload.files = entry.files;

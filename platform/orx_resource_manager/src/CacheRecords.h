@@ -20,8 +20,6 @@ public:
         ResourceCacheEntry entry;
         //! Without the items of a directory, unless find() was asked for them.
         CachePayload payload;
-        //! Known to be damaged though size and time do not show it.
-        bool isDamaged = false;
     };
     //! What the cache's limits ask to remove.
     struct Bounds {

@@ -173,8 +173,12 @@ Error CacheStore::openRoot(CacheRoot& root) const {
     };
     ORX_RETURN_ON_ERROR(checkIsOurs(top.get()));
     ORX_RETURN_ON_ERROR(ensure(root.state, top.get(), "state", m_rootDir + QStringLiteral("/state")));
-    if (!isFile(root.state.get(), kMarkName))
-        ORX_RETURN_ON_ERROR(leaveMark(top.get(), root.state.get(), m_rootDir));
+    const Error unmarked =
+        isFile(root.state.get(), kMarkName) ? Error() : leaveMark(top.get(), root.state.get(), m_rootDir);
+    // A cache of the first releases is known by its records, and pruning makes room for the mark.
+    if (unmarked.hasError() &&
+        !(unmarked.is(ErrorCode::StorageFull) && isFile(root.state.get(), "cache.sqlite")))
+        return unmarked;
     ORX_RETURN_ON_ERROR(ensure(root.content, top.get(), "content", contentDir()));
     ORX_RETURN_ON_ERROR(ensure(root.staging, root.state.get(), "staging", stagingDir()));
     CacheDescriptor locks(
@@ -247,7 +251,8 @@ Result<QString> differenceAt(int parent, const QByteArray& name, const QString& 
     }
     if (disk.hasError())
         return std::move(disk).error();
-    return record.isDamaged ? translated("its content is damaged") : record.payload.differenceFrom(*disk);
+    return record.entry.isDamaged ? translated("its content is damaged")
+                                  : record.payload.differenceFrom(*disk);
 }
 
 } // namespace
@@ -319,7 +324,7 @@ Result<CacheRecords::Record> CacheStore::valid(const CacheSubPath& place, CacheP
         if (!*held)
             continue;
         // So that a look at its top shows it, too.
-        if (look->difference && !look->record.isDamaged && look->record.payload.type == PathType::Dir)
+        if (look->difference && !look->record.entry.isDamaged && look->record.payload.type == PathType::Dir)
             if (const Error error = m_work.setDamaged(look->record); error.hasError())
                 qCWarning(cacheLog).noquote() << error.errorMessage();
         return look->told(place);

@@ -51,6 +51,11 @@ bool isFresh(int parent, const QByteArray& name) {
     return directory && forEachName(directory->get(), QString(), look).is(ErrorCode::AlreadyExists);
 }
 
+//! Of a name in the staging directory.
+bool isOfFetch(const QByteArray& name) {
+    return name.startsWith("fill-");
+}
+
 //! What its removal gives back: files that have other names stay.
 qint64 bytesOf(int parent, const QByteArray& name) {
     struct stat status {};
@@ -255,6 +260,19 @@ Error CacheSweeper::clearBeside(const CacheSubPath& place) {
     return error;
 }
 
+Result<qint64> CacheSweeper::unfinishedBytes() {
+    const auto root = m_store.root();
+    if (root.hasError())
+        return root.error();
+    const auto names = namesIn((*root)->staging.get(), m_store.stagingDir());
+    if (names.hasError())
+        return names.error();
+    qint64 bytes = 0;
+    for (const QByteArray& name : *names)
+        bytes += isOfFetch(name) ? bytesOf((*root)->staging.get(), name) : 0;
+    return bytes;
+}
+
 //! The names are "fill-", "add-" and "gone-" with the key of their lock.
 void CacheSweeper::sweepStaging() {
     const auto opened = m_store.root();
@@ -264,12 +282,16 @@ void CacheSweeper::sweepStaging() {
     if (names.hasError())
         return;
     const CacheRoot& root = **opened;
+    m_report.unfinishedBytes = 0;
     for (const QByteArray& name : *names) {
         const auto lock =
             root.locks->tryExclusive(CacheLocks::offset(name.mid(name.indexOf('-') + 1), CacheLocks::kFill));
-        if (!lock || (name.startsWith("fill-") && isFresh(root.staging.get(), name)))
-            continue;
+        const bool isUnfinished = isOfFetch(name) && (!lock || isFresh(root.staging.get(), name));
         const qint64 bytes = bytesOf(root.staging.get(), name);
+        if (!lock || (isUnfinished && m_unfinished == ResourceCache::Unfinished::Kept)) {
+            m_report.unfinishedBytes += isUnfinished ? bytes : 0;
+            continue;
+        }
         const Error error =
             removeTree(root.staging.get(), name, m_store.stagingDir() + u'/' + QFile::decodeName(name));
         note(error);

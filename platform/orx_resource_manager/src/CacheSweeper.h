@@ -9,7 +9,9 @@ namespace orx {
 //! a problem in the report, and the rest goes all the same. Thread: any; blocks on the disk.
 class CacheSweeper {
 public:
-    CacheSweeper(CacheStore& store, ResourceCache::PruneReport& report) : m_store(store), m_report(report) {}
+    CacheSweeper(CacheStore& store, ResourceCache::PruneReport& report,
+                 ResourceCache::Unfinished unfinished = ResourceCache::Unfinished::Kept)
+        : m_store(store), m_report(report), m_unfinished(unfinished) {}
 
     //! Everything.
     void sweep();
@@ -17,6 +19,8 @@ public:
     void sweepIfDue();
     //! What fetches, additions and sweeps left when they were cut off. Needs no records.
     void sweepStaging();
+    //! See ResourceCache::PruneReport.
+    Result<qint64> unfinishedBytes();
     //! What lies beside a place, in the directory that holds it, without being an entry or on the way to one.
     //! An error when some of it may still be there.
     Error clearBeside(const CacheSubPath& place);
@@ -33,6 +37,7 @@ private:
 
     CacheStore& m_store;
     ResourceCache::PruneReport& m_report;
+    ResourceCache::Unfinished m_unfinished;
 };
 
 } // namespace orx

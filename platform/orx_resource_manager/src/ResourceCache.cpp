@@ -4,6 +4,7 @@
 #include "CacheFillTask.h"
 #include "CacheKeeper.h"
 #include "CacheStore.h"
+#include "CacheSweeper.h"
 
 #include <WorkerPool.h>
 #include <WorkerStepTask.h>
@@ -320,13 +321,18 @@ Result<ResourceCache::VerifyReport> ResourceCache::verify(const std::function<bo
     return CacheKeeper(*d->store).verify(progress);
 }
 
-Result<ResourceCache::PruneReport> ResourceCache::prune(const Limits& limits) {
+Result<ResourceCache::PruneReport> ResourceCache::prune(const Limits& limits, Unfinished unfinished) {
     Limits used = d->settings->limits();
     if (limits.maxBytes)
         used.maxBytes = limits.maxBytes;
     if (limits.maxAge)
         used.maxAge = limits.maxAge;
-    return CacheKeeper(*d->store).prune(used);
+    return CacheKeeper(*d->store).prune(used, unfinished);
+}
+
+Result<qint64> ResourceCache::unfinishedBytes() const {
+    PruneReport report;
+    return CacheSweeper(*d->store, report).unfinishedBytes();
 }
 
 Error ResourceCache::remove(const QString& subPath) {

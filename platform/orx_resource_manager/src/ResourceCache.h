@@ -30,6 +30,8 @@ struct ORX_RESOURCE_MANAGER_EXPORT ResourceCacheEntry {
     QDateTime addedAt;
     QDateTime lastUsedAt;
     ResourceCleanupPolicy policy = ResourceCleanupPolicy::Automatic;
+    //! Known to be: it is not handed out, and goes with ResourceCache::verify() or when it is fetched anew.
+    bool isDamaged = false;
 };
 
 //! Keeps an entry from being removed while it lives, also by other processes. Movable.
@@ -97,6 +99,8 @@ public:
         int inUse = 0;
         //! Of content without a record and of what ended processes left; not among bytesRemoved.
         qint64 leftoverBytes = 0;
+        //! Of what fetches that run or were interrupted have brought so far; it stayed.
+        qint64 unfinishedBytes = 0;
         //! What could not be removed and why, for people.
         QStringList problems;
     };
@@ -124,6 +128,8 @@ public:
         Kept,   //!< until the next sweep
         Removed //!< that directory belongs to the resource: all of it may be copied to users
     };
+    //! What pruning does about what an interrupted fetch brought within a day, for the next one to resume.
+    enum class Unfinished { Kept, Removed };
     //! What the server said the content of a resource is; hexadecimal SHA-256, empty when unknown. Called on
     //! the thread that adds or fills; must not block.
     using ChecksumSource = std::function<QString(const ResourceReference&)>;
@@ -199,8 +205,10 @@ public:
     Result<QList<ResourceCacheEntry>> entries() const;
     Result<VerifyReport> verify(const std::function<bool(qint64 bytesDone)>& progress = {});
     //! \a limits instead of the cache's own, where given. An error when nothing could be removed because of
-    //! it; what else fails is in the report.
-    Result<PruneReport> prune(const Limits& limits = {});
+    //! it; what else fails is in the report. What running fetches bring stays in any case.
+    Result<PruneReport> prune(const Limits& limits = {}, Unfinished unfinished = Unfinished::Kept);
+    //! PruneReport::unfinishedBytes now.
+    Result<qint64> unfinishedBytes() const;
     //! ErrorCode::Busy when somebody uses it.
     Error remove(const QString& subPath);
 

@@ -3,6 +3,7 @@
 #include <QDirIterator>
 #include <QMap>
 
+#include <atomic>
 #include <csignal>
 #include <sys/resource.h>
 
@@ -11,6 +12,14 @@ using namespace orx;
 namespace {
 
 const QString kEntry = QStringLiteral("server/run1.mzML");
+
+//! Whether a fill has said that it waits for another one.
+std::atomic<bool> isWaiting = false;
+
+void noteWaiting(QtMsgType, const QMessageLogContext& context, const QString&) {
+    if (QLatin1String(context.category) == QLatin1String("orx.cache.waiting"))
+        isWaiting = true;
+}
 
 class CacheFillTest : public orx::testing::CacheFixture {
 protected:
@@ -488,4 +497,31 @@ TEST_F(CacheFillTest, AnAdditionThatCannotBeWrittenLeavesTheOldEntry) {
     EXPECT_EQ(orx::testing::readFile(placeOf(kEntry)), "old");
     EXPECT_TRUE(cache.contains(kEntry));
     EXPECT_TRUE(staged().isEmpty());
+}
+
+TEST_F(CacheFillTest, WhoWaitsTakesWhatComesWhileTheOtherOneGoesOn) {
+    ASSERT_FALSE(fill(u"x"_qs, "x").hasError());
+    ASSERT_TRUE(orx::testing::writeFile(path(u"source"_qs), "content"));
+    orx::testing::OtherLocks other(root());
+    other.hold(orx::testing::OtherLocks::of(kEntry, orx::testing::OtherLocks::Fill));
+    QLoggingCategory::setFilterRules(u"orx.cache.waiting.info=true"_qs);
+    qInstallMessageHandler(noteWaiting);
+    const auto task =
+        cache.fillTask(nullptr, kEntry, orx::testing::noFetch(), ResourceCache::FillMode::Missing);
+    task->exec();
+    orx::testing::processUntil([] { return isWaiting.load(); });
+    ASSERT_FALSE(cache.add(nullptr, kEntry, Path(path(u"source"_qs))).hasError());
+    EXPECT_TRUE(cache.waitForPending().isEmpty());
+    EXPECT_FALSE(task->waitForFinished(120'000).hasError());
+    qInstallMessageHandler(nullptr);
+    EXPECT_EQ(orx::testing::readFile(placeOf(kEntry)), "content");
+}
+
+TEST_F(CacheFillTest, WhatIsBroughtForWhoOnlyLooksIsNotTaken) {
+    const auto task = cache.fillTask(nullptr, kEntry, orx::testing::fetchOf(u"run1.mzML"_qs, "content"),
+                                     ResourceCache::FillMode::LookOnly);
+    task->exec();
+    EXPECT_TRUE(task->waitForFinished().is(ErrorCode::NotFound));
+    EXPECT_FALSE(cache.contains(kEntry));
+    EXPECT_FALSE(QFileInfo::exists(placeOf(kEntry)));
 }

@@ -182,6 +182,28 @@ TEST_F(CacheLeftoversTest, WhatCouldNotBeRemovedIsToldThoughNothingElseCouldBeDo
     EXPECT_TRUE(QString(report.error().warnings().first()).contains(u"add-1"_qs));
 }
 
+TEST_F(CacheLeftoversTest, WhatFetchesBroughtIsToldAndGoesOnlyWhenItIsToGo) {
+    const QString running = u"fill-"_qs + orx::testing::sha256("n");
+    ASSERT_TRUE(orx::testing::writeFile(staging(running + u"/part"_qs), "12345"));
+    ASSERT_TRUE(orx::testing::writeFile(
+        staging(u"fill-"_qs + orx::testing::sha256("interrupted") + u"/raw/part"_qs), "1234567"));
+    orx::testing::OtherLocks locks(root());
+    locks.hold(orx::testing::OtherLocks::of(u"n"_qs, orx::testing::OtherLocks::Fill));
+    EXPECT_EQ(cache.unfinishedBytes().valueOr(-1), 12);
+    const auto kept = cache.prune();
+    ASSERT_TRUE(kept);
+    EXPECT_EQ(kept->unfinishedBytes, 12);
+    EXPECT_EQ(kept->leftoverBytes, 0);
+    EXPECT_EQ(staged().size(), 2);
+    const auto removed = cache.prune({}, ResourceCache::Unfinished::Removed);
+    ASSERT_TRUE(removed);
+    EXPECT_EQ(removed->unfinishedBytes, 5);
+    EXPECT_EQ(removed->leftoverBytes, 7);
+    EXPECT_TRUE(removed->removed.isEmpty());
+    EXPECT_EQ(staged(), QStringList{running});
+    EXPECT_EQ(cache.unfinishedBytes().valueOr(-1), 5);
+}
+
 TEST_F(CacheLeftoversTest, AFillHasClearedUpBeforeAnotherOneMayBegin) {
     constexpr int kParts = 3000;
     const QString key = u"fill-"_qs + orx::testing::sha256("n");
