@@ -1,7 +1,8 @@
-// Makes a deep tree of small files on a server, sends a directory as a host does, or brings a folder down
-// through the cache, and prints what it took as JSON.
-// usage: bench_tree make URL USER PASSWORD FILES WORK_DIRECTORY
+// Makes a deep tree of small files on a server, sends a directory as a host does, sums up the progress of
+// one, or brings a folder down through the cache, and prints what it took as JSON. usage: bench_tree make URL
+// USER PASSWORD FILES WORK_DIRECTORY
 //        bench_tree put URL USER PASSWORD DIRECTORY CACHE_DIRECTORY
+//        bench_tree sum DIRECTORY
 //        bench_tree get URL USER PASSWORD FOLDER TARGET_DIRECTORY CACHE_DIRECTORY
 #include <HalvaneConnection.h>
 #include <HalvaneDownloadFolderCacheTask.h>
@@ -149,36 +150,71 @@ void getTree(int folder, const QString& target, const QString& cacheDir) {
     print(result);
 }
 
-//! Of this thread, in milliseconds: on a busy machine a wait for the processor is no stall of ours.
+//! Of this thread, in milliseconds.
 double processorMs() {
     timespec now{};
     ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
     return double(now.tv_sec) * 1e3 + double(now.tv_nsec) / 1e6;
 }
 
-//! The longest processor time between two turns of this thread's event loop while the object lives.
+//! The longest time between two turns of this thread's event loop while the object lives, in milliseconds.
 class LoopProbe {
 public:
+    struct Gap {
+        double wall = 0;
+        double processor = 0; //!< of this thread
+    };
+
     LoopProbe() {
+        m_clock.start();
         m_timer.setTimerType(Qt::PreciseTimer);
         QObject::connect(&m_timer, &QTimer::timeout, [this] { turn(); });
         m_timer.start(1);
     }
-    double longestGapMs() {
+    //! This turn makes a whole level of uploads at once, which counts for itself.
+    void makesLevel() { m_makesLevel = true; }
+    void end() {
         turn();
-        return m_longest;
+        m_timer.stop();
     }
+    Gap longest() const { return m_longest; }
+    Gap longestLevel() const { return m_longestLevel; }
 
 private:
     void turn() {
-        const double now = processorMs();
-        m_longest = std::max(m_longest, now - std::exchange(m_last, now));
+        const Gap now{double(m_clock.nsecsElapsed()) / 1e6, processorMs()};
+        const Gap gap{now.wall - m_last.wall, now.processor - m_last.processor};
+        Gap& longest = std::exchange(m_makesLevel, false) ? m_longestLevel : m_longest;
+        if (gap.wall > longest.wall)
+            longest = gap;
+        m_last = now;
     }
 
     QTimer m_timer;
-    double m_last = processorMs();
-    double m_longest = 0;
+    QElapsedTimer m_clock;
+    Gap m_last{0, processorMs()};
+    Gap m_longest;
+    Gap m_longestLevel;
+    bool m_makesLevel = false;
 };
+
+//! What making the task takes, which sums up the maximum of the progress of the whole tree.
+void sumUp(const QString& directory) {
+    constexpr int runs = 7;
+    QList<double> taken;
+    int maximum = 0;
+    for (int i = 0; i <= runs; ++i) { // the first one warms up
+        QElapsedTimer clock;
+        clock.start();
+        const HalvaneFolderUploadTask task(directory, 1, {}, HalvaneUploadTask::DEFAULT_UPLOAD_POLICY_OPTIONS,
+                                           nullptr);
+        if (i > 0)
+            taken.append(double(clock.nsecsElapsed()) / 1e6);
+        maximum = task.maxProgress();
+    }
+    std::sort(taken.begin(), taken.end());
+    print({{QStringLiteral("milliseconds"), taken[runs / 2]}, {QStringLiteral("maximum"), maximum}});
+}
 
 //! Sends the directory; names that are taken are left alone, so that a second run sends nothing.
 void putTree(const QString& directory, const QString& cacheDir) {
@@ -196,16 +232,19 @@ void putTree(const QString& directory, const QString& cacheDir) {
     QElapsedTimer clock;
     clock.start();
     LoopProbe loop;
+    QObject::connect(&task, &HalvaneFolderUploadTask::uploadStarted, [&loop] { loop.makesLevel(); });
     run(task);
     const double seconds = double(clock.nsecsElapsed()) / 1e9;
     const double spent = processorMs() - before;
-    const double gap = loop.longestGapMs();
+    loop.end();
     cache.waitForPending();
     ResourceManager::setCache(nullptr);
     print({{QStringLiteral("seconds"), seconds},
            {QStringLiteral("thread_seconds"), spent / 1e3},
            {QStringLiteral("making_ms"), made},
-           {QStringLiteral("longest_gap_ms"), gap},
+           {QStringLiteral("longest_gap_ms"), loop.longest().wall},
+           {QStringLiteral("longest_gap_processor_ms"), loop.longest().processor},
+           {QStringLiteral("longest_level_ms"), loop.longestLevel().wall},
            {QStringLiteral("files"), task.successfulFileUploadsCount()},
            {QStringLiteral("maximum"), task.maxProgress()},
            {QStringLiteral("descriptors"), descriptors.most()},
@@ -220,10 +259,15 @@ int main(int argc, char** argv) {
     const QString what = arguments.value(1);
     const bool makes = what == u"make" && arguments.size() == 7;
     const bool puts = what == u"put" && arguments.size() == 7;
+    if (what == u"sum" && arguments.size() == 3) {
+        sumUp(arguments.at(2));
+        return 0;
+    }
     if (!makes && !puts && !(what == u"get" && arguments.size() == 8)) {
         std::fprintf(stderr,
                      "usage: bench_tree make URL USER PASSWORD FILES WORK_DIRECTORY\n"
                      "       bench_tree put URL USER PASSWORD DIRECTORY CACHE_DIRECTORY\n"
+                     "       bench_tree sum DIRECTORY\n"
                      "       bench_tree get URL USER PASSWORD FOLDER TARGET_DIRECTORY CACHE_DIRECTORY\n");
         return 2;
     }

@@ -171,13 +171,14 @@ TEST_F(TreeJob, WhatLiesBelowAFolderThatCannotBeMadeIsNotTriedEmptyDirectoriesTo
     write("t/no/b");
     ASSERT_TRUE(QDir().mkpath(filePath(QStringLiteral("t/no/empty/inner"))));
     ASSERT_TRUE(QDir().mkpath(filePath(QStringLiteral("t/yes/empty"))));
+    ASSERT_TRUE(QDir().mkpath(filePath(QStringLiteral("t/yes/but/no"))));
     server.onRequest = [this](const orx::testing::ScriptedRequest& call) {
         if (call.line() == u"POST /folders" && call.json().value(u"name") == QStringLiteral("no"))
             server.script(QStringLiteral("POST /folders"), notYours());
     };
     request.keepGoing = true;
     EXPECT_TRUE(put().hasError());
-    EXPECT_EQ(failed(), list("t/no"));
+    EXPECT_EQ(failed(), list("t/no,t/yes/but/no"));
     EXPECT_EQ(leftOut(), list("t/no/b not_tried,t/no/empty not_tried,t/no/empty/inner not_tried"));
     EXPECT_EQ(report.unexplained, 0);
     EXPECT_EQ(done, list("uploaded t/a"));

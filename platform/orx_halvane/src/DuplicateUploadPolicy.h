@@ -60,7 +60,9 @@ public:
     //! Answers \a request, before it returns or later. Several may be open at a time. A request that is
     //! dropped unanswered leaves its task waiting.
     virtual void decide(const DuplicateUploadPolicyRequestPtr& request) = 0;
-    //! The upload was cancelled: there is nobody who waits for answers. Called once by each folder upload.
+    //! The upload was cancelled: there is nobody who waits for answers. Called once by each folder upload
+    //! that is cancelled, also by one that is so because another upload of its tree failed: a policy that
+    //! remembers it serves one tree only.
     virtual void cancel();
 };
 

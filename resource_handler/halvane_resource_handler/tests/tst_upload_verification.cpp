@@ -175,8 +175,8 @@ TEST_F(UploadVerification, ALookupThatFailedIsLoggedWithTheNameInBothPlacesAndLe
     EXPECT_EQ(log.lines(),
               QStringList(QStringLiteral("warning|Cannot check if run.txt file already exists in the target "
                                          "folder.\nError: run.txt")));
-    EXPECT_TRUE(log.file.endsWith(QStringLiteral("ExistingFile.cpp")));
-    EXPECT_TRUE(log.function.contains(QStringLiteral("existingFileId")));
+    EXPECT_TRUE(log.file.endsWith(QStringLiteral("tst_upload_verification.cpp")));
+    EXPECT_TRUE(log.function.contains(QStringLiteral("TestBody"))) << "who looked it up";
     EXPECT_EQ(existingFileId(Result<int>(12), QStringLiteral("run.txt")), 12);
     EXPECT_EQ(existingFileId(Result<int>(-1), QStringLiteral("run.txt")), -1);
 }

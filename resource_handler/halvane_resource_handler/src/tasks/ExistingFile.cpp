@@ -5,7 +5,8 @@
 
 namespace orx {
 
-std::optional<int> existingFileId(const Result<int>& lookup, const QString& fileName) {
+std::optional<int> existingFileId(const Result<int>& lookup, const QString& fileName,
+                                  const std::source_location& caller) {
     if (!lookup.hasError())
         return *lookup;
     // Both places of the text are filled with the name: what cannot be checked matters, not why.
@@ -14,7 +15,11 @@ std::optional<int> existingFileId(const Result<int>& lookup, const QString& file
                              .arg(fileName, lookup.errorMessage());
     const QLoggingCategory& category = halvaneResourceHandlerLog();
     if (category.isWarningEnabled())
-        QMessageLogger(__FILE__, __LINE__, Q_FUNC_INFO, category.categoryName()).warning().noquote() << text;
+        QMessageLogger(caller.file_name(), int(caller.line()), caller.function_name(),
+                       category.categoryName())
+                .warning()
+                .noquote()
+            << text;
     return std::nullopt;
 }
 
