@@ -335,6 +335,20 @@ TEST_F(PutTrees, WhatIsNotThereStopsItBeforeAnythingIsAsked) {
     EXPECT_EQ(intoFile.exitCode, 2);
 }
 
+TEST_F(PutTrees, TwoOfADirectoryThatGetOneNameAreBothThereAndNotSentAgain) {
+    makeRawFile("2026/run.mzML");
+    makePacked("2026/run.mzML.vonk");
+    const Outcome outcome = put({"2026", "--to", "/raw"});
+    EXPECT_EQ(outcome.exitCode, 0) << outcome.err.constData();
+    EXPECT_THAT(outcome.err.toStdString(), HasSubstr("go up under one name, \"run.mzML.vonk\""));
+    const QString name = "/raw/2026/run.mzML.vonk@1";
+    EXPECT_EQ(onServer("/raw/2026"), (QStringList{name, name}));
+    server.clearRequests();
+    const Outcome second = put({"2026", "--to", "/raw"});
+    EXPECT_EQ(second.exitCode, 0) << second.err.constData();
+    EXPECT_EQ(changes(), QStringList());
+}
+
 TEST_F(PutTrees, TwoThatWouldBeOneAreNeverMerged) {
     write("one/2026/a.txt", "content of a");
     write("two/2026/b.txt", "content of b");

@@ -47,7 +47,9 @@ protected:
         EXPECT_EQ(folder["unexplained"], 0);
         EXPECT_EQ(folder["uploaded"].toInt() + folder["failed"].toInt() + folder["not_tried"].toInt(), files);
         const QStringList there = onServer("/raw").filter("@");
-        EXPECT_EQ(there.size(), folder["uploaded"].toInt()) << outcome.err.constData();
+        // What was given up because another one failed may have been made all the same.
+        EXPECT_GE(there.size(), folder["uploaded"].toInt()) << outcome.err.constData();
+        EXPECT_LE(there.size(), folder["uploaded"].toInt() + folder["not_tried"].toInt());
         EXPECT_EQ(there.filter("@1").size(), there.size());
     }
     //! The same command sends the rest, and once more nothing.

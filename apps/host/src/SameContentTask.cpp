@@ -9,6 +9,7 @@
 #include <HalvaneError.h>
 #include <HalvaneHistory.h>
 #include <HalvaneItemTasks.h>
+#include <MsDataFileUtils.h>
 #include <WorkerStepTask.h>
 
 #include <QFileInfo>
@@ -40,6 +41,17 @@ QList<int> filesOfFreeNames(const QString& name, const QList<orx::HalvaneFileIte
         return id != -1;
     });
     return found;
+}
+
+// Whether something beside it goes up under the same name: raw data gets that of its packed acquisition.
+bool sharesItsName(const QString& path, bool isRawData) {
+    if (isRawData)
+        return QFileInfo(FileTypes::addMissingExtension(path, FileTypes::VONK)).isFile();
+    if (!FileTypes::fileMatchesAnyType(path, {FileTypes::VONK}))
+        return false;
+    const QString stem = path.left(path.lastIndexOf(u'.'));
+    return FileTypes::addMissingExtension(stem, FileTypes::VONK) == path &&
+           orx::MsDataFileUtils::isValidMsData(stem);
 }
 
 } // namespace
@@ -161,16 +173,10 @@ void SameContentTask::compareMore(const RemoteItem& item, const std::shared_ptr<
 }
 
 void SameContentTask::onAnother() {
-    if (m_wanted.alsoFreeNames && !std::exchange(m_hasListed, true)) {
-        execSubtask(
-            std::make_unique<HalvaneGetFilesTask>(m_wanted.folderId), [this](HalvaneGetFilesTask* task) {
-                const QString local = QFileInfo(m_wanted.localPath).fileName();
-                const QString name =
-                    m_wanted.isRawData ? FileTypes::addMissingExtension(local, FileTypes::VONK) : local;
-                const QList<int> others = filesOfFreeNames(name, task->files());
-                m_candidates.assign(others.begin(), others.end());
-                onAnother();
-            });
+    if (!std::exchange(m_hasListed, true) &&
+        (m_wanted.alsoFreeNames || sharesItsName(m_wanted.localPath, m_wanted.isRawData))) {
+        execSubtask(std::make_unique<HalvaneGetFilesTask>(m_wanted.folderId),
+                    [this](HalvaneGetFilesTask* task) { onListed(task->files()); });
         return;
     }
     if (m_candidates.empty())
@@ -178,6 +184,22 @@ void SameContentTask::onAnother() {
     const int next = m_candidates.front();
     m_candidates.pop_front();
     ask(next);
+}
+
+void SameContentTask::onListed(const QList<orx::HalvaneFileItemSPtr>& files) {
+    const QString local = QFileInfo(m_wanted.localPath).fileName();
+    const QString name = m_wanted.isRawData ? FileTypes::addMissingExtension(local, FileTypes::VONK) : local;
+    if (sharesItsName(m_wanted.localPath, m_wanted.isRawData)) {
+        for (const orx::HalvaneFileItemSPtr& file : files) {
+            if (file->name() == name && file->id() != m_wanted.existingFileId)
+                m_candidates.push_back(file->id());
+        }
+    }
+    if (m_wanted.alsoFreeNames) {
+        const QList<int> others = filesOfFreeNames(name, files);
+        m_candidates.insert(m_candidates.end(), others.begin(), others.end());
+    }
+    onAnother();
 }
 
 // A later put compares with it; only when an earlier run was killed it is not there yet.

@@ -4,6 +4,7 @@
 #include "RemoteItem.h"
 
 #include <ComplexTask.h>
+#include <HalvaneItems.h>
 
 #include <deque>
 #include <memory>
@@ -14,11 +15,12 @@ namespace halvane::host {
 class SameContent;
 
 //! Tells whether the server has the content of a local file, packed acquisition or raw data already: under
-//! the name that is taken, and perhaps under the free names that were made of it ("run (2).raw"). Compared
-//! are size and SHA-256 with the last version; for raw data the paths, sizes and SHA-256 of everything in it
-//! with what its packed version says of itself; a packed acquisition of an older format, which is upgraded
-//! when it is sent, by what both say of themselves. Times of raw data do not count. Sends nothing but
-//! questions. Thread: that of the object.
+//! the name that is taken, of several files of that name each when something beside it goes up under it too,
+//! and perhaps under the free names that were made of it ("run (2).raw"). Compared are size and SHA-256 with
+//! the last version; for raw data the paths, sizes and SHA-256 of everything in it with what its packed
+//! version says of itself; a packed acquisition of an older format, which is upgraded when it is sent, by
+//! what both say of themselves. Times of raw data do not count. Sends nothing but questions. Thread: that of
+//! the object.
 class HALVANE_HOST_EXPORT SameContentTask : public orx::ComplexTask {
     Q_OBJECT
 public:
@@ -57,6 +59,7 @@ private:
     void begin(const RemoteItem& item, std::shared_ptr<SameContent> content);
     void compareMore(const RemoteItem& item, const std::shared_ptr<SameContent>& content);
     void onAnother();
+    void onListed(const QList<orx::HalvaneFileItemSPtr>& files);
     void onSame(const RemoteItem& item);
 
     Wanted m_wanted;

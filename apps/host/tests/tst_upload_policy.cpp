@@ -160,6 +160,23 @@ TEST_F(Policy, ToKeepBothTheContentIsLookedForUnderTheNamesThatItMadeEarlier) {
     EXPECT_EQ(ask(path), QStringLiteral("new version"));
 }
 
+// Both are on the server under one name: each is compared with both.
+TEST_F(Policy, OfTwoThatGoUpUnderOneNameNoneIsSentAgain) {
+    const QString packed = taken(QStringLiteral("run.mgf.vonk"), "of this machine");
+    const int same = ids.value(QStringLiteral("run.mgf.vonk"));
+    ids.insert(QStringLiteral("run.mgf.vonk"),
+               server.service().addFile(QStringLiteral("run.mgf.vonk"), "packed raw data"));
+    make(IfTaken::NewVersion);
+    int found = -1;
+    QObject::connect(policy.get(), &UploadPolicy::unchanged,
+                     [&found](const QString&, const RemoteItem& item) { found = item.id; });
+    EXPECT_EQ(ask(packed), QStringLiteral("new version")) << "what else has its name is none of its business";
+    ASSERT_TRUE(
+        QFile::copy(QStringLiteral(ORX_TEST_DATA_DIR "/small.mgf"), filePath(QStringLiteral("run.mgf"))));
+    EXPECT_EQ(ask(packed), QStringLiteral("left out"));
+    EXPECT_EQ(found, same);
+}
+
 TEST_F(Policy, WhatIsKnownIsNotReadUnlessItWasTouched) {
     const QString path = taken(QStringLiteral("run"));
     const QString sha256 = QString::fromLatin1(orx::testing::sha256Hex("of the server"));
