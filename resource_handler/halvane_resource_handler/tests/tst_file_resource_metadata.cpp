@@ -165,6 +165,11 @@ TEST_F(FileResourceMetadata, EmptyPartsOfTheIdsAreDropped) {
     }
 }
 
+TEST_F(FileResourceMetadata, APartOfTheIdsMayHaveBlanksAroundItAndASign) {
+    ASSERT_FALSE(load(run1, with(other, IdsKey, QStringLiteral(" 3,7 ,\t8,+9,-1"))).hasError());
+    EXPECT_EQ(run1.parentFolderIdsPath(), (QList<int>{3, 7, 8, 9, -1}));
+}
+
 TEST_F(FileResourceMetadata, APartOfTheIdsThatIsNoWholeNumberFailsUntranslated) {
     const ContextTranslator translator;
     const QList<std::pair<QString, QString>> cases{

@@ -80,6 +80,15 @@ TEST_F(FileSiblings, AllFilesOfTheFolderAndNoOthersInTheServersOrder) {
                                              line(QStringLiteral("a run.mzML"), second, 1)}));
 }
 
+TEST_F(FileSiblings, AreReferencesWithoutAVariant) {
+    const auto siblings = OpenSiblingsTask(referenceTo(file), nullptr).loadSiblings();
+    ASSERT_FALSE(siblings.hasError());
+    ASSERT_EQ(siblings->size(), 1);
+    const auto sibling = siblings->first().dynamicCast<HalvaneFileResourceReference>();
+    ASSERT_TRUE(sibling);
+    EXPECT_EQ(sibling->variant(), QString());
+}
+
 TEST_F(FileSiblings, TheListIsNotSorted) {
     scriptListing({{30, QStringLiteral("c.mgf"), 2},
                    {10, QStringLiteral("b.mgf"), 1},

@@ -153,7 +153,7 @@ TEST_F(FolderResourceMetadata, TheFirstParentOfAnItemCarriesTheFullPathAndTheOth
 }
 
 TEST_F(FolderResourceMetadata, NamesStopAtTheLengthOfThePathsText) {
-    // Three parents and a path text of two characters: the third name is left out though it is known.
+    // Three parents and a path text of two characters: of a chain that was read only an empty name is cut.
     QJsonArray chain{element(2, QString()), element(3, QString()), element(7, QString()),
                      element(9, QStringLiteral("May"))};
     const HalvaneFolderResourceMetadata metadata = read(with(serverFolder(), PathKey, chain));
@@ -164,6 +164,19 @@ TEST_F(FolderResourceMetadata, NamesStopAtTheLengthOfThePathsText) {
     EXPECT_EQ(item.toJson().value(PathKey),
               QJsonValue(QJsonArray{element(2, QString()), element(3, QString()),
                                     element(9, QStringLiteral("May"))}));
+}
+
+TEST_F(FolderResourceMetadata, TheLastNameWithinTheLengthOfThePathsTextIsWritten) {
+    for (const QStringList& parents :
+         {QStringList{QStringLiteral("a")}, QStringList{QString(), QStringLiteral("b")}}) {
+        QJsonArray chain;
+        for (const QString& parent : parents)
+            chain.append(element(int(2 + chain.size()), parent));
+        chain.append(element(9, QStringLiteral("May")));
+        const HalvaneFolderResourceMetadata metadata = read(with(serverFolder(), PathKey, chain));
+        EXPECT_EQ(metadata.path().size(), parents.size());
+        EXPECT_EQ(metadata.toJson().value(PathKey), QJsonValue(chain));
+    }
 }
 
 TEST_F(FolderResourceMetadata, AChainOfOneHasNoParents) {
@@ -185,10 +198,13 @@ TEST_F(FolderResourceMetadata, AnEmptyChainLeavesTheNameAndTheIdsAndEmptiesThePa
     EXPECT_EQ(metadata.fullPath(), QString());
 }
 
-TEST_F(FolderResourceMetadata, TheOwnIdIsNotTakenFromTheChain) {
+TEST_F(FolderResourceMetadata, TheOwnIdAndTheParentsAreNotTakenFromTheChain) {
     const HalvaneFolderResourceMetadata metadata =
-        read(with(serverFolder(), PathKey, QJsonArray{element(77, QStringLiteral("May"))}));
+        read(with(serverFolder(), PathKey,
+                  QJsonArray{element(76, QStringLiteral("2026")), element(77, QStringLiteral("May"))}));
     EXPECT_EQ(metadata.id(), 9);
+    EXPECT_EQ(metadata.parentId(), 7);
+    EXPECT_EQ(metadata.parentFolderIdsPath(), QList<int>{76});
 }
 
 TEST_F(FolderResourceMetadata, NullPrivilegesAndGroupsLeaveWhatWasThere) {
@@ -229,6 +245,7 @@ void expectSteps(const HalvaneFolderResourceMetadata& metadata, int steps) {
     EXPECT_EQ(metadata.userGroups(), steps > 3 ? QList<int>{8} : (QList<int>{3, 4}));
     EXPECT_EQ(metadata.name(), QStringLiteral("old"));
     EXPECT_EQ(metadata.path(), QStringLiteral("top"));
+    EXPECT_EQ(metadata.fullPath(), QStringLiteral("top/old"));
     EXPECT_EQ(metadata.parentFolderIdsPath(), QList<int>{15});
 }
 

@@ -49,6 +49,14 @@ TEST(ResourceMetadataBase, TheTypeFollowsFromTheName) {
     EXPECT_EQ(HalvaneFolderResourceMetadata(folder, {}, {}).type(), FileTypes::MGF);
 }
 
+TEST(ResourceMetadataBase, TheTypeDoesNotFollowFromThePath) {
+    const QJsonObject json = with(fileJson(), QStringLiteral("FullPath"), QStringLiteral("raw/blank.mgf"));
+    const auto file = HalvaneResourceMetadataCreator::create(json);
+    ASSERT_FALSE(file.hasError());
+    EXPECT_EQ((*file)->fullPath(), QStringLiteral("raw/blank.mgf"));
+    EXPECT_EQ((*file)->type(), FileTypes::MZML);
+}
+
 TEST(ResourceMetadataBase, TheIdsPathEndsWithTheItemItself) {
     const HalvaneFileResourceMetadata file(fileItem(12, QStringLiteral("run1.mzML")),
                                            {QStringLiteral("raw"), QStringLiteral("2026")}, {3, 7});
