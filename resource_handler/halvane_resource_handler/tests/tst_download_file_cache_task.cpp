@@ -117,6 +117,14 @@ TEST_F(DownloadFileCacheTask, AnUnknownPlaceInTheCacheIsToldWhenTheTaskStarts) {
     EXPECT_EQ(resources.fetches, 0);
 }
 
+TEST_F(DownloadFileCacheTask, AMissingReferenceIsToldWhenTheTaskStarts) {
+    HalvaneDownloadFileCacheTask task(nullptr, DirPath(targetDir()), QString(), nullptr);
+    EXPECT_FALSE(task.hasError());
+    EXPECT_TRUE(run(task).hasError());
+    EXPECT_TRUE(task.localFilePath().isEmpty());
+    EXPECT_EQ(resources.fetches, 0);
+}
+
 TEST_F(DownloadFileCacheTask, ARetrievalThatCannotBeMadeFailsTheStart) {
     resources.retrieveError = Error(ErrorCode::Busy, QStringLiteral("not today"));
     auto task = taskFor(kRun);
@@ -130,7 +138,10 @@ TEST_F(DownloadFileCacheTask, AFailedRetrievalCopiesNothing) {
     resources.cache({{kRun, "half"}}, FakeResources::Valid::No);
     resources.fetchError = Error(ErrorCode::ChecksumMismatch, QStringLiteral("damaged"));
     auto task = taskFor(kRun);
-    EXPECT_TRUE(run(*task).is(ErrorCode::ChecksumMismatch));
+    const Error error = run(*task);
+    EXPECT_TRUE(error.is(ErrorCode::ChecksumMismatch));
+    EXPECT_EQ(error.errorMessage(), QStringLiteral("damaged"));
+    EXPECT_FALSE(tracedIn(error, QStringLiteral("HalvaneDownloadFileCacheTask::doFinish")));
     EXPECT_EQ(targetTree(), QStringList());
 }
 
@@ -191,6 +202,12 @@ INSTANTIATE_TEST_SUITE_P(
         PathCase{"ExtensionInCapitals", QStringLiteral("run1.VONK"), QString(), QStringLiteral("run1")}),
     [](const auto& testCase) { return testCase.param.label; });
 
+TEST_F(DownloadFileCacheTask, TheLocalPathGoesByThePlaceInTheCache) {
+    EXPECT_EQ(taskFor(QStringLiteral("sub/") + kRun)->localFilePath(), targetPath(kRun));
+    EXPECT_EQ(taskFor(QStringLiteral("sub/") + kPacked)->localFilePath(),
+              targetPath(QStringLiteral("run1.raw")));
+}
+
 TEST_F(DownloadFileCacheTask, AnotherNameIsUsedForTheCopy) {
     resources.cache({{kRun, "content"}});
     auto task = taskFor(kRun, QStringLiteral("other.mzML"));
@@ -222,6 +239,13 @@ TEST_F(DownloadFileCacheTask, APackedFileWithoutContentIsCopiedFromWhereItLies) 
     auto task = taskFor(kPacked);
     EXPECT_FALSE(run(*task).hasError());
     EXPECT_EQ(targetTree(), QStringList{QStringLiteral("run1.raw.vonk=packed")});
+}
+
+TEST_F(DownloadFileCacheTask, ContentThatIsNoDirectoryFailsTheCopy) {
+    resources.cache({{kPacked + QStringLiteral("/content"), "no directory"}});
+    auto task = taskFor(kPacked);
+    EXPECT_EQ(run(*task).errorMessage(), QStringLiteral("Copying a file to the target location failed."));
+    EXPECT_EQ(targetTree(), QStringList());
 }
 
 TEST_F(DownloadFileCacheTask, ASubDirectoryNamedContentCountsOnlyForPackedAcquisitions) {
@@ -270,6 +294,17 @@ TEST_F(DownloadFileCacheTask, AClashIsPutToTheReceiver) {
     EXPECT_EQ(askedDir, targetDir());
     EXPECT_EQ(askedReference->toText(), QStringLiteral("file:12@3"));
     EXPECT_EQ(targetTree(), (QStringList{QStringLiteral("fixed.mzML=new"), QStringLiteral("run1.mzML=old")}));
+}
+
+TEST_F(DownloadFileCacheTask, ADirectoryOfTheNameIsAClash) {
+    resources.cache({{kRun, "new"}});
+    putTarget(kRun + QStringLiteral("/inside"), "old");
+    auto task = taskFor(kRun);
+    answer(*task, {QStringLiteral("fixed.mzML")});
+    EXPECT_FALSE(run(*task).hasError());
+    EXPECT_EQ(asked, QList<QStringList>{QStringList{kRun}});
+    EXPECT_EQ(targetTree(), (QStringList{QStringLiteral("fixed.mzML=new"), QStringLiteral("run1.mzML/"),
+                                         QStringLiteral("run1.mzML/inside=old")}));
 }
 
 TEST_F(DownloadFileCacheTask, NoClashIsNotAskedAbout) {
@@ -386,6 +421,23 @@ TEST_P(OtherPolicies, NeverAsk) {
 INSTANTIATE_TEST_SUITE_P(All, OtherPolicies,
                          ::testing::Values(Policy::Overwrite, Policy::Skip, Policy::Rename));
 
+TEST_P(OtherPolicies, HoldForAnotherNameToo) {
+    const QString other = QStringLiteral("other.mzML");
+    resources.cache({{kRun, "new"}});
+    putTarget(other, "old");
+    auto task = taskFor(kRun, other);
+    task->setDuplicateFilesPolicy(GetParam());
+    answer(*task, {QStringLiteral("unused")});
+    EXPECT_FALSE(run(*task).hasError());
+    EXPECT_TRUE(asked.isEmpty());
+    QStringList expected{QStringLiteral("other.mzML=old")};
+    if (GetParam() == Policy::Overwrite)
+        expected = {QStringLiteral("other.mzML=new")};
+    if (GetParam() == Policy::Rename)
+        expected.prepend(QStringLiteral("other (2).mzML=new"));
+    EXPECT_EQ(targetTree(), expected);
+}
+
 TEST_F(DownloadFileCacheTask, OnlyAnOlderFileGivesWayToANewerOne) {
     resources.cache({{kRun, "new"}});
     for (const auto& [days, expected] : {std::pair(1, "run1.mzML=old"), std::pair(-1, "run1.mzML=new")}) {
@@ -415,6 +467,30 @@ TEST_F(DownloadFileCacheTask, UnchangedAnswersReachTheCopyWhichRefuses) {
     EXPECT_EQ(error.errorMessage(), QStringLiteral("Copying a file to the target location failed."));
     EXPECT_TRUE(tracedIn(error, QStringLiteral("HalvaneDownloadFileCacheTask::doFinish")));
     EXPECT_EQ(targetTree(), QStringList{QStringLiteral("run1.mzML=old")});
+}
+
+TEST_F(DownloadFileCacheTask, AnUnchangedOtherNameReachesTheCopyWhichRefuses) {
+    const QString other = QStringLiteral("other.mzML");
+    resources.cache({{kRun, "new"}});
+    putTarget(other, "old");
+    auto task = taskFor(kRun, other);
+    answer(*task, {other});
+    EXPECT_EQ(run(*task).errorMessage(), QStringLiteral("Copying a file to the target location failed."));
+    EXPECT_EQ(asked, QList<QStringList>{QStringList{other}});
+    EXPECT_EQ(targetTree(), QStringList{QStringLiteral("other.mzML=old")});
+}
+
+TEST_F(DownloadFileCacheTask, AnAnswerThatIsTakenTooReachesTheCopyWhichRefuses) {
+    resources.cache({{kRun, "new"}});
+    putTarget(kRun, "old");
+    putTarget(QStringLiteral("taken"), "old, too");
+    for (const QString& customName : {QString(), kRun}) {
+        auto task = taskFor(kRun, customName);
+        answer(*task, {QStringLiteral("taken")});
+        EXPECT_TRUE(run(*task).hasError()) << qPrintable(customName);
+        EXPECT_EQ(targetTree(),
+                  (QStringList{QStringLiteral("run1.mzML=old"), QStringLiteral("taken=old, too")}));
+    }
 }
 
 TEST_F(DownloadFileCacheTask, WithoutAReceiverNothingIsReplaced) {
@@ -473,7 +549,7 @@ TEST_F(DownloadFileCacheTask, AShorterAnswerLeavesTheOtherNamesAsTheyAre) {
     putTarget(QStringLiteral("a"), "old");
     putTarget(QStringLiteral("b"), "old");
     auto task = taskFor(QStringLiteral("a"));
-    answer(*task, {});
+    answer(*task, {QStringLiteral("c")});
     EXPECT_TRUE(run(*task).is(ErrorCode::General));
     EXPECT_EQ(targetTree(), (QStringList{QStringLiteral("a=old"), QStringLiteral("b=old")}));
 }

@@ -78,6 +78,17 @@ TEST_F(DownloadFolderCacheTask, EveryFileIsATaskOfItsOwnWithTheNameGiven) {
     EXPECT_EQ(targetTree(), QStringList{QStringLiteral("run1 (file 12).mzML=content")});
 }
 
+TEST_F(DownloadFolderCacheTask, HasTheDirectoryAndTheParentItIsGiven) {
+    const auto reference = *HalvaneFolderResourceReference::create(7, QStringLiteral("2026"));
+    QObject parent;
+    EXPECT_EQ((new HalvaneDownloadFolderCacheTask(reference, targetDir(), false, &parent))->parent(),
+              &parent);
+    EXPECT_EQ(HalvaneDownloadFolderCacheTask(reference, targetDir(), false, nullptr).folderPath(),
+              targetPath(QStringLiteral("2026")));
+    EXPECT_EQ(HalvaneDownloadFolderCacheTask(reference, targetDir(), true, nullptr).folderPath(),
+              targetDir());
+}
+
 struct PolicyCase {
     const char* label;
     std::optional<DuplicateDownloadPolicy> policy;
@@ -185,6 +196,19 @@ TEST_F(DownloadFolderCacheTask, ANameThatTwoFilesReportedGoesToOneOfThem) {
     EXPECT_TRUE(whose == first || whose == second);
 }
 
+TEST_F(DownloadFolderCacheTask, WhatAFileMadeIsRememberedForAllLaterQuestions) {
+    const auto first = download(12);
+    answer = {QStringLiteral("x"), QStringLiteral("y")};
+    download(13);
+    answer = {QStringLiteral("p"), QStringLiteral("q")};
+    download(14);
+    ASSERT_EQ(questions.size(), 2);
+    for (const Question& question : questions) {
+        EXPECT_EQ(question.info.clashes.value(QStringLiteral("a")), first);
+        EXPECT_EQ(question.info.clashes.value(QStringLiteral("b")), first);
+    }
+}
+
 TEST_F(DownloadFolderCacheTask, TheLaterReportOfOneReferenceReplacesTheEarlier) {
     const auto reference = download(12);
     ASSERT_TRUE(QFile::remove(targetPath(QStringLiteral("a"))));
@@ -202,13 +226,17 @@ TEST_F(DownloadFolderCacheTask, TheLaterReportOfOneReferenceReplacesTheEarlier) 
 }
 
 TEST_F(DownloadFolderCacheTask, TheSameFileUnderTwoReferenceObjectsCountsTwice) {
-    download(12);
+    const auto first = download(12);
     answer = {QStringLiteral("x"), QStringLiteral("y")};
     const auto again = download(12);
     EXPECT_FALSE(lastError.hasError());
     ASSERT_EQ(questions.size(), 1);
-    EXPECT_NE(questions.first().info.clashes.value(QStringLiteral("a")), again);
-    EXPECT_FALSE(questions.first().info.clashes.value(QStringLiteral("a")).isNull());
+    EXPECT_EQ(questions.first().info.clashes.value(QStringLiteral("a")), first);
+    answer = {QStringLiteral("p"), QStringLiteral("q")};
+    download(14, {QStringLiteral("a"), QStringLiteral("x")});
+    ASSERT_EQ(questions.size(), 2);
+    EXPECT_EQ(questions.last().info.clashes.value(QStringLiteral("a")), first);
+    EXPECT_EQ(questions.last().info.clashes.value(QStringLiteral("x")), again);
 }
 
 TEST_F(DownloadFolderCacheTask, ASingleFileReportsNoNames) {
@@ -299,4 +327,6 @@ TEST_F(DownloadFolderCacheTask, FileTasksThatOutliveTheFolderTaskAskNobody) {
 
 TEST(DuplicateDownload, NothingCanBeSkippedWithoutARunningTask) {
     EXPECT_EQ(duplicateDownloadSkipOption(nullptr), DuplicateDownloadSkipOption::Nothing);
+    const Task notStarted(QStringLiteral("not started"));
+    EXPECT_EQ(duplicateDownloadSkipOption(&notStarted), DuplicateDownloadSkipOption::Nothing);
 }
