@@ -22,6 +22,7 @@ struct State {
     int left = 0;
     int error = 0;
     FailingDisk::Lasts lasts = FailingDisk::Lasts::Once;
+    FailingDisk::Calls calls = FailingDisk::Calls::ThatWrite;
     std::string failed;
 };
 
@@ -44,10 +45,11 @@ std::string pathAt(int directory, const char* name) {
 }
 
 //! Sets errno when this call is the one.
-bool fails(const char* call, const std::string& path, bool isRenaming = false) {
+bool fails(const char* call, const std::string& path, bool isRenaming = false,
+           FailingDisk::Calls kind = FailingDisk::Calls::ThatWrite) {
     State& now = state();
     const std::lock_guard lock(now.mutex);
-    if (path.compare(0, now.directory.size(), now.directory) != 0)
+    if (kind != now.calls || path.compare(0, now.directory.size(), now.directory) != 0)
         return false;
     const bool isOver = now.left-- != 0;
     const bool failsAgain = !now.failed.empty() && now.lasts == FailingDisk::Lasts::FromThenOn && !isRenaming;
@@ -57,6 +59,14 @@ bool fails(const char* call, const std::string& path, bool isRenaming = false) {
         now.failed = call;
     errno = now.error;
     return true;
+}
+
+bool failsToOpen(const char* call, const std::string& path, int flags) {
+    const bool isMaking = (flags & O_CREAT) != 0;
+    if (!isMaking && ((flags & O_ACCMODE) != O_RDONLY || (flags & O_DIRECTORY) != 0))
+        return false;
+    const auto kind = isMaking ? FailingDisk::Calls::ThatWrite : FailingDisk::Calls::ThatOpenToRead;
+    return fails(call, path, false, kind);
 }
 
 bool isWritable(int descriptor) {
@@ -71,13 +81,14 @@ Function* next(Function*, const char* name) {
 
 } // namespace
 
-FailingDisk::FailingDisk(const std::string& directory, int failing, int error, Lasts lasts) {
+FailingDisk::FailingDisk(const std::string& directory, int failing, int error, Lasts lasts, Calls calls) {
     State& now = state();
     const std::lock_guard lock(now.mutex);
     now.directory = directory;
     now.left = failing;
     now.error = error;
     now.lasts = lasts;
+    now.calls = calls;
     now.failed.clear();
     isArmed = true;
 }
@@ -96,6 +107,7 @@ std::string FailingDisk::failed() const {
 // The names are those of the C library.
 // NOLINTBEGIN
 using orx::testing::fails;
+using orx::testing::failsToOpen;
 using orx::testing::isArmed;
 using orx::testing::isWritable;
 using orx::testing::next;
@@ -131,7 +143,16 @@ int open(const char* path, int flags, ...) {
     va_start(arguments, flags);
     const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
     va_end(arguments);
-    return isArmed && (flags & O_CREAT) != 0 && fails("open", path) ? -1 : real(path, flags, mode);
+    return isArmed && failsToOpen("open", path, flags) ? -1 : real(path, flags, mode);
+}
+
+int open64(const char* path, int flags, ...) {
+    static auto* const real = next(&::open64, "open64");
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+    va_end(arguments);
+    return isArmed && failsToOpen("open", path, flags) ? -1 : real(path, flags, mode);
 }
 
 int openat(int directory, const char* path, int flags, ...) {
@@ -140,7 +161,7 @@ int openat(int directory, const char* path, int flags, ...) {
     va_start(arguments, flags);
     const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
     va_end(arguments);
-    const bool isFailing = isArmed && (flags & O_CREAT) != 0 && fails("openat", pathAt(directory, path));
+    const bool isFailing = isArmed && failsToOpen("openat", pathAt(directory, path), flags);
     return isFailing ? -1 : real(directory, path, flags, mode);
 }
 

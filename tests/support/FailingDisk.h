@@ -5,17 +5,23 @@
 namespace orx::testing {
 
 //! While it lives, a call of this process that changes something below a directory fails: write, fsync, close
-//! of what was written, making files and directories, setting times, renaming. The source is compiled into
-//! the test program itself, whose functions then come before those of the C library. One at a time.
+//! of what was written, making files and directories, setting times, renaming; or one that opens a file. The
+//! source is compiled into the test program itself, whose functions then come before those of the C library.
+//! One at a time.
 class FailingDisk {
 public:
+    enum class Calls {
+        ThatWrite,
+        ThatOpenToRead //!< of files only
+    };
     enum class Lasts {
         Once,      //!< one call fails
         FromThenOn //!< and all that come after it, but renaming
     };
 
     //! The call number \a failing, counted from 0, fails with \a error (errno).
-    FailingDisk(const std::string& directory, int failing, int error, Lasts lasts);
+    FailingDisk(const std::string& directory, int failing, int error, Lasts lasts,
+                Calls calls = Calls::ThatWrite);
     ~FailingDisk();
     FailingDisk(const FailingDisk&) = delete;
     FailingDisk& operator=(const FailingDisk&) = delete;

@@ -149,7 +149,7 @@ UnpackIntoTask::UnpackIntoTask(const QString& path, const QString& directory, QO
 }
 
 UnpackIntoTask::~UnpackIntoTask() {
-    stopBody();
+    stopForGood();
 }
 
 Error UnpackIntoTask::work(const WorkWatch& watch) {
@@ -229,7 +229,7 @@ UpgradeInPlaceTask::UpgradeInPlaceTask(const QString& path, QObject* parent)
 }
 
 UpgradeInPlaceTask::~UpgradeInPlaceTask() {
-    stopBody();
+    stopForGood();
 }
 
 Error UpgradeInPlaceTask::work(const WorkWatch& watch) {

@@ -1,5 +1,6 @@
 #include "FileStamp.h"
 
+#include <limits>
 #include <sys/stat.h>
 
 namespace orx {
@@ -7,7 +8,11 @@ namespace orx {
 namespace {
 
 qint64 nanoseconds(const timespec& time) {
-    return qint64(time.tv_sec) * 1'000'000'000 + time.tv_nsec;
+    // Times from the year 2262 on, which some file systems keep, are all the same.
+    qint64 whole = 0;
+    const bool isTooLate = __builtin_mul_overflow(qint64(time.tv_sec), 1'000'000'000, &whole) ||
+                           __builtin_add_overflow(whole, qint64(time.tv_nsec), &whole);
+    return isTooLate ? std::numeric_limits<qint64>::max() : whole;
 }
 
 FileStamp::Type typeOf(mode_t mode) {

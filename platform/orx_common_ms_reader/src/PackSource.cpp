@@ -154,8 +154,12 @@ Error PackSource::checkUnchanged(const PackInput& input) const {
 }
 
 PackSource::Stamp PackSource::stampOf(const struct stat& info) {
-    return {quint64(info.st_dev), quint64(info.st_ino), S_ISDIR(info.st_mode) ? 0 : qint64(info.st_size),
-            PackedTime{qint64(info.st_mtim.tv_sec), int(info.st_mtim.tv_nsec)}};
+    const bool isDirectory = S_ISDIR(info.st_mode);
+    const auto timeOf = [](const timespec& time) {
+        return PackedTime{qint64(time.tv_sec), int(time.tv_nsec)};
+    };
+    return {quint64(info.st_dev), quint64(info.st_ino), isDirectory ? 0 : qint64(info.st_size),
+            timeOf(info.st_mtim), isDirectory ? PackedTime() : timeOf(info.st_ctim)};
 }
 
 Error PackSource::changed(qsizetype entry) const {

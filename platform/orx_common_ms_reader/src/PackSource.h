@@ -38,6 +38,8 @@ private:
         quint64 inode = 0;
         qint64 size = 0;
         PackedTime modified;
+        //! Of files: moves also when a time is set back.
+        PackedTime changed;
         friend bool operator==(const Stamp&, const Stamp&) = default;
     };
     struct Found {

@@ -10,7 +10,7 @@ UpgradeVonkTask::UpgradeVonkTask(const QString& sourcePath, const QString& targe
     , m_target(targetPath) {}
 
 UpgradeVonkTask::~UpgradeVonkTask() {
-    stopBody();
+    stopForGood();
 }
 
 Error UpgradeVonkTask::work(const WorkWatch& watch) {

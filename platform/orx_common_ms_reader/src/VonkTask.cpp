@@ -55,9 +55,15 @@ Error VonkTask::doExec() {
 }
 
 Error VonkTask::doFinish() {
-    if (hasError() && d->isMade.exchange(false))
+    if (d->isMade.exchange(false) && hasError())
         discard();
     return Task::doFinish();
+}
+
+void VonkTask::stopForGood() {
+    stopBody();
+    if (d->isMade.exchange(false))
+        discard();
 }
 
 void VonkTask::discard() {}
@@ -66,7 +72,7 @@ CheckVonkTask::CheckVonkTask(const QString& path, Vonk::Check check, QObject* pa
     : VonkTask(QStringLiteral("CheckVonk(%1)").arg(path), parent), m_path(path), m_check(check) {}
 
 CheckVonkTask::~CheckVonkTask() {
-    stopBody();
+    stopForGood();
 }
 
 Error CheckVonkTask::work(const WorkWatch& watch) {
@@ -79,7 +85,7 @@ UnpackVonkTask::UnpackVonkTask(const QString& path, const QString& target, QObje
     : VonkTask(QStringLiteral("UnpackVonk(%1)").arg(path), parent), m_path(path), m_target(target) {}
 
 UnpackVonkTask::~UnpackVonkTask() {
-    stopBody();
+    stopForGood();
 }
 
 Error UnpackVonkTask::work(const WorkWatch& watch) {

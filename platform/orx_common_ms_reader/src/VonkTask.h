@@ -12,7 +12,8 @@ namespace orx::vonk {
 
 //! Long work on a packed acquisition as a task that runs by its execution mode. Progress: whole percents of
 //! 100, each once and none after finished; 100 when it succeeded. Cancelled, it ends soon with nothing left
-//! of its target. Who derives from it calls stopBody() in the destructor.
+//! of its target; so does one that is destroyed before it is finished. Who derives from it calls
+//! stopForGood() in the destructor.
 class ORX_COMMON_MS_READER_EXPORT VonkTask : public Task {
     Q_OBJECT
 public:
@@ -22,8 +23,10 @@ public:
 protected:
     //! The body: on the worker in mode Worker.
     virtual Error work(const WorkWatch& watch) = 0;
-    //! Removes what work() made: it had succeeded when the task was cancelled. On the owner's thread.
+    //! Removes what work() made: it had succeeded when the task was cancelled or destroyed. On the owner's
+    //! thread.
     virtual void discard();
+    void stopForGood();
 
     Error initialize() override;
     Error doExec() final;

@@ -30,7 +30,8 @@ TEST_P(BothVersions, EveryChangedByteIsFoundOrChangesNothing) {
     const VonkMetadata right = original.metadata();
     int unnoticed = 0;
     for (qsizetype at = 0; at < whole.size(); ++at) {
-        for (const char flip : {'\x01', '\x10', '\xff'}) {
+        // Each bit by itself, and all of them.
+        for (const int flip : {0x01, 0x02, 0x04, 0x08, 0x10, 0x20, 0x40, 0x80, 0xff}) {
             QByteArray changed = whole;
             changed[at] = char(changed[at] ^ flip);
             put(changed);

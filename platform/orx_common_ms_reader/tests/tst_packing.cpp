@@ -288,6 +288,22 @@ TEST_F(Packing, AFileWrittenToAfterItWasReadIsAnError) {
                   first);
 }
 
+TEST_F(Packing, AFileWrittenToWhoseTimeIsSetBackIsAnError) {
+    const QString first = in(QStringLiteral("run/a"));
+    write(first, "right");
+    write(in(QStringLiteral("run/b")), text(20 << 20));
+    const auto changeTimeOf = [](const QString& path) {
+        struct stat info = {};
+        EXPECT_EQ(::stat(QFile::encodeName(path).constData(), &info), 0);
+        return std::pair(info.st_ctim.tv_sec, info.st_ctim.tv_nsec);
+    };
+    // The clock of a file system ticks slowly: the change must fall into another tick.
+    do
+        write(in(QStringLiteral("clock")), "x");
+    while (changeTimeOf(in(QStringLiteral("clock"))) == changeTimeOf(first));
+    expectChanged(packWhile(in(QStringLiteral("run")), [&] { write(first, "wrong"); }), first);
+}
+
 TEST_F(Packing, AFileThatIsReplacedMeanwhileIsAnError) {
     const QString last = in(QStringLiteral("run/z"));
     write(in(QStringLiteral("run/a")), text(20 << 20));

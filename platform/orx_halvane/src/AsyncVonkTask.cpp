@@ -15,7 +15,7 @@ AsyncVonkTask::AsyncVonkTask(const vonk::PackInput& input, const PathImpl<PathTy
 }
 
 AsyncVonkTask::~AsyncVonkTask() {
-    stopBody();
+    stopForGood();
 }
 
 Error AsyncVonkTask::work(const vonk::WorkWatch& watch) {

@@ -98,6 +98,8 @@ TEST_F(SampleDataUpload, ItsProgressIsThatOfTheInnerUpload) {
     const QStringList progress = events.linesWith(QStringLiteral("progress "));
     EXPECT_EQ(progress.value(0), QStringLiteral("progress 1/103")) << "packing reports none";
     EXPECT_EQ(progress.last(), QStringLiteral("progress 103/103"));
+    EXPECT_EQ(events.linesWith(QStringLiteral("progressInitiated")),
+              QStringList{QStringLiteral("progressInitiated 103")});
     EXPECT_EQ(task.currentProgress(), 103);
     EXPECT_EQ(task.maxProgress(), 103);
     EXPECT_EQ(server.service().files().first().extendedMetadata.size(), 1);

@@ -1,5 +1,7 @@
 // The upload of a packed acquisition: its checks, the upgrade of older formats, its trace, its cache entry.
+#include "FailingDisk.h"
 #include "LogProbe.h"
+#include "SmallWriter.h"
 #include "UploadFixture.h"
 
 #include <FileUtils.h>
@@ -14,6 +16,8 @@
 #include <QDirIterator>
 #include <QJsonArray>
 #include <QTimer>
+
+#include <cerrno>
 
 namespace orx::testing {
 namespace {
@@ -250,6 +254,56 @@ TEST_F(VonkFileUpload, ADamagedFileOfAnOlderFormatEndsTheTaskBeforeAnyRequest) {
         EXPECT_EQ(entriesBelow(temporary), QStringList()) << "nothing of it is left";
     }
     EXPECT_TRUE(QDir(temporary).isEmpty());
+}
+
+TEST_F(VonkFileUpload, AnUpgradedCopyThatCannotBeReadEndsTheTaskWithTheReadersError) {
+    const QString temporary = filePath(QStringLiteral("temporary"));
+    ASSERT_TRUE(QDir().mkpath(temporary));
+    setTempDir(temporary);
+    const QString path = packedFile(1);
+    const FailingDisk disk(temporary.toStdString(), 0, EIO, FailingDisk::Lasts::Once,
+                           FailingDisk::Calls::ThatOpenToRead);
+    HalvaneVonkFileUploadTask task(uploadOf(path), nullptr);
+    const Error error = run(task);
+    EXPECT_FALSE(disk.failed().empty());
+    EXPECT_TRUE(error.is(ErrorCode::FileNotReadable));
+    EXPECT_TRUE(error.errorMessage().startsWith(QStringLiteral("Could not read \"%1/").arg(temporary)))
+        << qPrintable(error.errorMessage());
+    EXPECT_TRUE(error.errorMessage().contains(QStringLiteral("/run1.vonk\"")))
+        << qPrintable(error.errorMessage());
+    EXPECT_TRUE(ErrorLog::mentions(QStringLiteral("HalvaneVonkFileUploadTask::initialize")));
+    EXPECT_TRUE(server.log().isEmpty());
+    EXPECT_EQ(task.parameters().localPath, path) << "it was not taken for the file to upload";
+}
+
+TEST_F(VonkFileUpload, AnUpgradedCopyThatCannotBeOpenedForTheUploadEndsTheTask) {
+    const QString temporary = filePath(QStringLiteral("temporary"));
+    ASSERT_TRUE(QDir().mkpath(temporary));
+    setTempDir(temporary);
+    // The first one to open it reads its metadata.
+    const FailingDisk disk(temporary.toStdString(), 1, EIO, FailingDisk::Lasts::Once,
+                           FailingDisk::Calls::ThatOpenToRead);
+    HalvaneVonkFileUploadTask task(uploadOf(packedFile(1)), nullptr);
+    const Error error = run(task);
+    EXPECT_FALSE(disk.failed().empty());
+    EXPECT_TRUE(error.hasError());
+    EXPECT_TRUE(error.errorMessage().contains(temporary)) << qPrintable(error.errorMessage());
+    EXPECT_TRUE(server.log().isEmpty());
+    EXPECT_FALSE(task.uploadedFile().has_value());
+}
+
+TEST_F(VonkFileUpload, AnotherMinorVersionGoesUpAsItIs) {
+    server.service().setChunkSize(1 << 20);
+    vonk::SmallWriter writer(2, 1);
+    writer.addFile(QStringLiteral("content/run1.raw"), "m/z");
+    writer.finish();
+    const QString path = makeFile(QStringLiteral("newer.vonk"), writer.bytes());
+    HalvaneVonkFileUploadTask task(uploadOf(path), nullptr);
+    EXPECT_FALSE(run(task).hasError()) << qPrintable(task.error().traceText());
+    EXPECT_EQ(task.parameters().localPath, path);
+    EXPECT_EQ(finalizeRequest().value(u"vonk_trace").toObject().value(u"format_version"),
+              QStringLiteral("2.1"));
+    EXPECT_EQ(server.service().files().first().versions.last().content, writer.bytes());
 }
 
 TEST_F(VonkFileUpload, CancelledWhileItUpgradesItEndsWithoutTheUpgrade) {
