@@ -5,6 +5,7 @@
 #include <QDateTime>
 #include <QFile>
 #include <QFileInfo>
+#include <QMetaMethod>
 #include <QPointer>
 
 using namespace orx;
@@ -44,6 +45,20 @@ const QString kRun = QStringLiteral("run1.mzML");
 const QString kPacked = QStringLiteral("run1.raw.vonk");
 
 } // namespace
+
+TEST_F(DownloadFileCacheTask, HasAMetaObjectWithOneSignalAndNoSlots) {
+    const QMetaObject& own = HalvaneDownloadFileCacheTask::staticMetaObject;
+    EXPECT_STREQ(own.className(), "orx::HalvaneDownloadFileCacheTask");
+    EXPECT_EQ(own.superClass(), &CustomComplexTask::staticMetaObject);
+    ASSERT_EQ(own.methodCount(), own.methodOffset() + 1);
+    const QMetaMethod question = own.method(own.methodOffset());
+    EXPECT_EQ(question.methodType(), QMetaMethod::Signal);
+    EXPECT_EQ(question.methodSignature(),
+              QByteArray("duplicateFileNameDetectedOnCopy(QStringList,QStringList*,QDir,"
+                         "HalvaneFileResourceReferenceSPtr)"));
+    EXPECT_EQ(question.parameterNames(),
+              (QByteArrayList{"duplicates", "fixedDuplicates", "targetDir", "fileReference"}));
+}
 
 TEST_F(DownloadFileCacheTask, FetchesIntoTheCacheAndCopies) {
     resources.fetched = {{kRun, "content"}};

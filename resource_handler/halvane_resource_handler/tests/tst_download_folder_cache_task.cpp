@@ -5,6 +5,7 @@
 #include <QDateTime>
 #include <QFile>
 #include <QFileInfo>
+#include <QMetaMethod>
 
 using namespace orx;
 using namespace orx::testing;
@@ -76,6 +77,20 @@ TEST_F(DownloadFolderCacheTask, EveryFileIsATaskOfItsOwnWithTheNameGiven) {
     EXPECT_EQ(task->parent(), nullptr);
     EXPECT_FALSE(run(*task).hasError());
     EXPECT_EQ(targetTree(), QStringList{QStringLiteral("run1 (file 12).mzML=content")});
+}
+
+TEST_F(DownloadFolderCacheTask, HasAMetaObjectWithOneSignalAndNoSlots) {
+    const QMetaObject& own = HalvaneDownloadFolderCacheTask::staticMetaObject;
+    EXPECT_STREQ(own.className(), "orx::HalvaneDownloadFolderCacheTask");
+    EXPECT_EQ(own.superClass(), &HalvaneDownloadFolderTaskBase::staticMetaObject);
+    ASSERT_EQ(own.methodCount(), own.methodOffset() + 1);
+    const QMetaMethod question = own.method(own.methodOffset());
+    EXPECT_EQ(question.methodType(), QMetaMethod::Signal);
+    EXPECT_EQ(question.methodSignature(),
+              QByteArray("duplicateFileNameDetectedInFolderOnCopy(QStringList,DuplicateDownloadFileInfo,"
+                         "HalvaneDownloadFileCacheTask*,QStringList*)"));
+    EXPECT_EQ(question.parameterNames(),
+              (QByteArrayList{"duplicates", "duplicateFileInfo", "task", "fixedDuplicates"}));
 }
 
 TEST_F(DownloadFolderCacheTask, HasTheDirectoryAndTheParentItIsGiven) {

@@ -107,6 +107,9 @@ protected:
 using HandlerCreation = ResourceHandlers;
 
 TEST_F(HandlerCreation, OfAFileReferenceIsAFileHandler) {
+    static_assert(std::is_base_of_v<HalvaneResourceHandler, HalvaneFileResourceHandler>);
+    static_assert(
+        !std::is_constructible_v<HalvaneFileResourceHandler, ResourceReferenceSPtr, ResourceCache*>);
     const auto reference = fileReference(12, QStringLiteral("run1.mzML"));
     const auto handler = HalvaneResourceHandler::create(reference, someCache());
     ASSERT_FALSE(handler.hasError());
@@ -116,6 +119,9 @@ TEST_F(HandlerCreation, OfAFileReferenceIsAFileHandler) {
 }
 
 TEST_F(HandlerCreation, OfAFolderReferenceIsAFolderHandler) {
+    static_assert(std::is_base_of_v<HalvaneResourceHandler, HalvaneFolderResourceHandler>);
+    static_assert(
+        !std::is_constructible_v<HalvaneFolderResourceHandler, ResourceReferenceSPtr, ResourceCache*>);
     const auto reference = folderReference(7, QStringLiteral("raw"));
     const auto handler = HalvaneResourceHandler::create(reference, someCache());
     ASSERT_FALSE(handler.hasError());
