@@ -1,6 +1,7 @@
 // A tree that is wide and deep comes down with few descriptors, and a small file with few flushes.
 #include "CacheDownloads.h"
 
+#include <FewDescriptors.h>
 #include <ResourceManager.h>
 
 #include <QDirIterator>
@@ -10,7 +11,6 @@
 #include <filesystem>
 #include <mutex>
 #include <set>
-#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <thread>
 #include <unistd.h>
@@ -100,22 +100,6 @@ int openDescriptors() {
                    .entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot)
                    .size());
 }
-
-//! The limit of open files of this process, for the life of the object.
-class FewDescriptors {
-public:
-    explicit FewDescriptors(rlim_t count) {
-        EXPECT_EQ(::getrlimit(RLIMIT_NOFILE, &m_before), 0);
-        const rlimit few{count, m_before.rlim_max};
-        EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &few), 0);
-    }
-    ~FewDescriptors() { EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &m_before), 0); }
-    FewDescriptors(const FewDescriptors&) = delete;
-    FewDescriptors& operator=(const FewDescriptors&) = delete;
-
-private:
-    rlimit m_before{};
-};
 
 class LargeTree : public CacheDownloads {};
 INSTANTIATE_TEST_SUITE_P(Real, LargeTree, ::testing::Values(Backend::Real), backendName);

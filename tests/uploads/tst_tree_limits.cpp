@@ -2,6 +2,7 @@
 // grows with the number of entries. A program of its own: it counts the system calls of its process.
 #include "TreeUploads.h"
 
+#include <FewDescriptors.h>
 #include <HalvaneConnection.h>
 #include <ResourceManager.h>
 
@@ -11,7 +12,6 @@
 #include <cstdarg>
 #include <cstring>
 #include <fcntl.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -67,22 +67,6 @@ extern "C" int statx(int directory, const char* path, int flags, unsigned int ma
 
 namespace orx::testing {
 namespace {
-
-//! The limit of open files of this process, for the life of the object.
-class FewDescriptors {
-public:
-    explicit FewDescriptors(rlim_t count) {
-        EXPECT_EQ(::getrlimit(RLIMIT_NOFILE, &m_before), 0);
-        const rlimit few{count, m_before.rlim_max};
-        EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &few), 0);
-    }
-    ~FewDescriptors() { EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &m_before), 0); }
-    FewDescriptors(const FewDescriptors&) = delete;
-    FewDescriptors& operator=(const FewDescriptors&) = delete;
-
-private:
-    rlimit m_before{};
-};
 
 class TreeLimits : public TreeUploads {
 protected:

@@ -54,12 +54,14 @@ void ProgressReport::setPaused(bool paused) {
 }
 
 // Empty while there is nothing to be told.
-QString ProgressReport::line() const {
+QString ProgressReport::line() {
     if (m_line)
         return m_line();
     const HalvaneTransferSnapshot now = HalvaneTransferMonitor::snapshot();
-    if (const auto tree = m_tree ? m_tree() : std::nullopt)
-        return treeProgressText(m_name, *tree, now.bytesPerSecond);
+    if (const auto tree = m_tree ? m_tree() : std::nullopt) {
+        m_done.sample(std::chrono::steady_clock::now(), tree->bytesDone);
+        return treeProgressText(m_name, *tree, now.bytesPerSecond, m_done.rate());
+    }
     // Nothing runs while the server makes the last chunk durable; the line stays up to date all the same.
     if (now.running == 0 && now.bytesTotal == 0)
         return {};

@@ -2,6 +2,8 @@
 
 #include "TextForms.h"
 
+#include <HalvaneRateEstimator.h>
+
 #include <QElapsedTimer>
 #include <QObject>
 #include <QTimer>
@@ -36,7 +38,7 @@ public:
 private:
     void show();
 
-    QString line() const;
+    QString line();
 
     QString m_name;
     std::function<std::optional<TreeState>()> m_tree;
@@ -46,6 +48,8 @@ private:
     bool m_paused = false;
     QTimer m_timer;
     QElapsedTimer m_elapsed;
+    //! Of the bytes of a tree that are done, moved or not.
+    orx::HalvaneRateEstimator m_done;
 };
 
 } // namespace halvane::cli

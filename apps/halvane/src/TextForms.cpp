@@ -3,6 +3,7 @@
 #include <QLocale>
 #include <QStringList>
 
+#include <algorithm>
 #include <array>
 
 namespace halvane::cli {
@@ -82,7 +83,7 @@ QString percentText(const QString& name, int percent, std::chrono::seconds remai
     return parts.join(QStringLiteral("  "));
 }
 
-QString treeProgressText(const QString& name, const TreeState& state, double rate) {
+QString treeProgressText(const QString& name, const TreeState& state, double rate, double doneRate) {
     const QString more = state.isWhole ? QString() : QStringLiteral("+");
     QStringList parts{name,
                       QStringLiteral("%1 of %2%3 files")
@@ -93,9 +94,10 @@ QString treeProgressText(const QString& name, const TreeState& state, double rat
         QStringLiteral("%1 of %2%3").arg(bytesText(state.bytesDone), bytesText(state.bytesTotal), more));
     if (rate > 0)
         parts.append(bytesText(qint64(rate)) + QStringLiteral("/s"));
-    if (rate > 0 && state.isWhole)
+    const double speed = std::max(rate, doneRate);
+    if (speed > 0 && state.isWhole)
         parts.append(
-            durationText(std::chrono::seconds(qint64(double(state.bytesTotal - state.bytesDone) / rate))) +
+            durationText(std::chrono::seconds(qint64(double(state.bytesTotal - state.bytesDone) / speed))) +
             QStringLiteral(" left"));
     if (!state.running.isEmpty())
         parts.append(state.running);

@@ -41,7 +41,8 @@ struct TreeState {
     QString running = {};
 };
 //! "2026  312 of 2000 files  45 %  1.2 GiB of 2.7 GiB  85.2 MiB/s  0:18 left  run1.raw and 7 more"; while the
-//! totals grow "2000+ files", and neither share nor remaining time.
-QString treeProgressText(const QString& name, const TreeState& state, double rate);
+//! totals grow "2000+ files", and neither share nor remaining time. \a rate: bytes per second that move; what
+//! is there already only makes \a doneRate higher, by which the rest is expected. 0 while unknown.
+QString treeProgressText(const QString& name, const TreeState& state, double rate, double doneRate = 0);
 
 } // namespace halvane::cli

@@ -41,6 +41,9 @@ TEST(TextForms, ProgressOfATreeTellsFilesAndBytes) {
               QStringLiteral("2026  312 of 2000 files  45 %  45.0 MiB of 100.0 MiB  5.0 MiB/s  0:11 left"));
     EXPECT_EQ(treeProgressText(name, {3, 20, 5 * mib, 10 * mib, false}, 5.0 * mib),
               QStringLiteral("2026  3 of 20+ files  5.0 MiB of 10.0 MiB+  5.0 MiB/s"));
+    EXPECT_EQ(treeProgressText(name, {312, 2000, 45 * mib, 100 * mib, true}, 0, 5.0 * mib),
+              QStringLiteral("2026  312 of 2000 files  45 %  45.0 MiB of 100.0 MiB  0:11 left"))
+        << "nothing moves, but what is there is read";
     EXPECT_EQ(treeProgressText(name, {0, 2, 0, 0, true}, 0),
               QStringLiteral("2026  0 of 2 files  0 B of 0 B"));
 }
