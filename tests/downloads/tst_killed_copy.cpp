@@ -55,6 +55,12 @@ protected:
             put(acquiredName(i), "old " + QByteArray::number(i));
         put(text("run.d/data/notes"), "mine");
     }
+    //! What is being made, or was left half-made.
+    int hidden() const {
+        return int(QDir(at(QString()))
+                       .entryList({text(".*")}, QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot)
+                       .size());
+    }
     //! What shows in the target, sorted.
     QStringList shown() const {
         QStringList entries = tree();
@@ -112,11 +118,13 @@ TEST_P(KilledCopy, LeavesOldOrWholeContentAndTheNextRunFetchesNothing) {
         EXPECT_EQ(killed.exitStatus(), QProcess::CrashExit);
         EXPECT_EQ(killed.exitCode(), SIGKILL);
         EXPECT_EQ(filesThatCame(), place.came);
+        EXPECT_LE(hidden(), 1);
         forgetCalls();
         QProcess next;
         runAnother(next, text("nowhere"));
         EXPECT_EQ(next.exitCode(), 0);
         EXPECT_EQ(filesThatCame(), fileCount);
+        EXPECT_EQ(hidden(), 0) << "the next run takes away what was left";
         EXPECT_EQ(contentCalls(), 0);
     }
 }
@@ -141,11 +149,13 @@ TEST_P(KilledCopy, LeavesTheOldAcquisitionOrTheWholeNewOneAndTheNextRunFetchesNo
         EXPECT_EQ(killed.exitStatus(), QProcess::CrashExit);
         EXPECT_EQ(killed.exitCode(), SIGKILL);
         EXPECT_EQ(shown(), place.came ? complete : old);
+        EXPECT_LE(hidden(), 1);
         forgetCalls();
         QProcess next;
         runAnother(next, text("nowhere"));
         EXPECT_EQ(next.exitCode(), 0);
         EXPECT_EQ(shown(), complete);
+        EXPECT_EQ(hidden(), 0);
         EXPECT_EQ(contentCalls(), 0);
     }
 }

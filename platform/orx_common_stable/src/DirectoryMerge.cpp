@@ -2,6 +2,7 @@
 
 #include "AtomicFile.h"
 #include "FilePlace.h"
+#include "TemporaryPlace.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -15,6 +16,7 @@
 #include <fcntl.h>
 #include <map>
 #include <memory>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -89,20 +91,26 @@ public:
         if (!S_ISDIR(info.st_mode))
             return refused(ErrorCode::AlreadyExists, "\"%1\" exists already and stays as it is.", m_target);
         m_device = info.st_dev;
-        const QByteArray successor = FilePlace::temporaryBeside(m_target);
-        Error error = make(QByteArray(), true, &info, successor);
+        ORX_RETURN_ON_ERROR(checkMayChange(m_target, info, true));
+        TemporaryPlace place;
+        if (const int reason = place.makeDirectory(m_target, 0700); reason != 0) {
+            errno = reason;
+            return failure("Could not make a directory beside \"%1\"", m_target);
+        }
+        Error error = fill(QByteArray(), true, &info, place.path());
         if (!error.hasError())
             error = checkAsSeen();
-        QByteArray old = successor;
+        // What it was is not abandoned while it is being removed.
+        const int old = ::open(m_target.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        if (old >= 0)
+            ::flock(old, LOCK_EX | LOCK_NB);
         if (!error.hasError())
-            error = exchange(old);
-        if (error.hasError()) {
-            removeTree(successor);
-            return error;
-        }
-        // What is removed before that could be all that is left after a power cut.
-        ORX_RETURN_ON_ERROR(AtomicFile::syncDirectory(QFileInfo(QFile::decodeName(m_target)).path()));
-        return removeOld(old, QByteArray()) ? Error() : notRemoved(old);
+            error = replace(place.path());
+        else
+            TemporaryPlace::removeTree(place.path());
+        if (old >= 0)
+            ::close(old);
+        return error;
     }
 
 private:
@@ -134,6 +142,10 @@ private:
             ORX_RETURN_ON_ERROR(checkMayChange(targetOf(relative), *old, isInSource));
         if (::mkdir(into.constData(), old ? 0700 : 0777) != 0)
             return failure("Could not make \"%1\"", into);
+        return fill(relative, isInSource, old, into);
+    }
+
+    Error fill(const QByteArray& relative, bool isInSource, const struct stat* old, const QByteArray& into) {
         Entries fromSource;
         Entries fromTarget;
         if (isInSource)
@@ -304,6 +316,17 @@ private:
         return true;
     }
 
+    Error replace(const QByteArray& successor) const {
+        QByteArray old = successor;
+        if (const Error error = exchange(old); error.hasError()) {
+            TemporaryPlace::removeTree(successor);
+            return error;
+        }
+        // What is removed before that could be all that is left after a power cut.
+        ORX_RETURN_ON_ERROR(AtomicFile::syncDirectory(QFileInfo(QFile::decodeName(m_target)).path()));
+        return removeOld(old, QByteArray()) ? Error() : notRemoved(old);
+    }
+
     //! \a successor becomes the name of the old one.
     Error exchange(QByteArray& successor) const {
         const int reason = FilePlace::exchange(successor, m_target);
@@ -346,29 +369,19 @@ private:
         return isAll && ::rmdir(directory.constData()) == 0;
     }
 
-    //! What is made here is removed whatever it is.
-    static void removeTree(const QByteArray& directory) {
-        if (const Result<Entries> entries = openedEntries(directory); !entries.hasError()) {
-            for (const auto& [name, info] : *entries) {
-                if (S_ISDIR(info.st_mode))
-                    removeTree(directory + '/' + name);
-                else
-                    ::unlink((directory + '/' + name).constData());
-            }
-        }
-        ::rmdir(directory.constData());
-    }
-
     static Result<Entries> openedEntries(const QByteArray& directory) {
         ::chmod(directory.constData(), 0700);
         return entriesOf(directory);
     }
 
+    //! It gets a name that shows, and under which nobody takes it for abandoned.
     Error notRemoved(const QByteArray& old) const {
+        const QByteArray aside = FilePlace::asideOf(m_target);
+        const QByteArray left = FilePlace::take(old, aside) == 0 ? aside : old;
         return Error(ErrorCode::FileChanged,
                      translated("\"%1\" was replaced, but what it was before could not be removed. Look "
                                 "whether \"%2\" holds something that is still needed, and remove it.")
-                         .arg(QFile::decodeName(m_target), QFile::decodeName(old)));
+                         .arg(QFile::decodeName(m_target), QFile::decodeName(left)));
     }
 
     const QByteArray m_source;

@@ -4,6 +4,7 @@
 #include "DirectoryFlushes.h"
 #include "FilePlace.h"
 #include "Result.h"
+#include "TemporaryPlace.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -85,14 +86,13 @@ FileCopy::Stamp stampFrom(const struct stat& info) {
 // One file, from what was opened to a new file; nothing is left of that after a failure.
 class ContentCopy {
 public:
-    ContentCopy(const QByteArray& source, const QByteArray& target)
-        : m_source(source), m_target(target), m_shown(target) {}
-    //! \a shown: what messages call the target, which has another name while it is made.
-    ContentCopy(const QByteArray& source, const QByteArray& target, const QByteArray& shown,
+    ContentCopy(const QByteArray& source, const QByteArray& target) : m_source(source), m_target(target) {}
+    //! The copy is made in \a place, beside \a target, which is what messages call it.
+    ContentCopy(const QByteArray& source, const QByteArray& target, TemporaryPlace& place,
                 FileCopy::IsCanceled isCanceled, const std::optional<FileCopy::Stamp>& expected)
         : m_source(source)
         , m_target(target)
-        , m_shown(shown)
+        , m_place(&place)
         , m_isCanceled(std::move(isCanceled))
         , m_expected(expected) {}
 
@@ -106,19 +106,26 @@ public:
             return notCopied(m_source);
         if (m_expected && *m_expected != stampFrom(m_before))
             return changed();
-        Descriptor target(::open(m_target.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC,
-                                 0666 | (m_before.st_mode & 0111)));
+        Descriptor target(openTarget(0666 | (m_before.st_mode & 0111)));
         if (!target.isOpen())
-            return writeFailure(errno, m_shown);
+            return writeFailure(errno, m_target);
         Error error = fill(*source, *target);
         if (!error.hasError() && !target.close())
-            error = writeFailure(errno, m_shown);
+            error = writeFailure(errno, m_target);
         if (error.hasError())
-            ::unlink(m_target.constData());
+            ::unlink((m_place ? m_place->path() : m_target).constData());
         return error;
     }
 
 private:
+    //! One of its own, since closing it tells of lost writes, and the place stays locked. -1: see errno.
+    int openTarget(mode_t mode) {
+        if (!m_place)
+            return ::open(m_target.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
+        errno = m_place->makeFile(m_target, mode);
+        return errno == 0 ? ::fcntl(m_place->descriptor(), F_DUPFD_CLOEXEC, 0) : -1;
+    }
+
     Error fill(int source, int target) {
         ORX_RETURN_ON_ERROR(checkGoesOn());
         if (::ioctl(target, FICLONE, source) != 0)
@@ -126,14 +133,14 @@ private:
         ORX_RETURN_ON_ERROR(checkUnchanged(source));
         const timespec times[] = {m_before.st_atim, m_before.st_mtim};
         if (::futimens(target, times) != 0 || ::fsync(target) != 0)
-            return writeFailure(errno, m_shown);
+            return writeFailure(errno, m_target);
         return {};
     }
 
     Error copyBytes(int source, int target) {
         if (m_before.st_size > 0 && ::fallocate(target, 0, 0, m_before.st_size) != 0 &&
             (errno == ENOSPC || errno == EDQUOT))
-            return writeFailure(errno, m_shown);
+            return writeFailure(errno, m_target);
         off_t done = 0;
         while (done < m_before.st_size) {
             ORX_RETURN_ON_ERROR(checkGoesOn());
@@ -157,7 +164,7 @@ private:
             if (copied >= 0)
                 return qint64(copied);
             if (errno == ENOSPC || errno == EDQUOT || errno == EIO)
-                return writeFailure(errno, m_shown);
+                return writeFailure(errno, m_target);
             m_byHand = errno != EINTR;
         }
         m_buffer.resize(1024 * 1024);
@@ -170,7 +177,7 @@ private:
                 return ::pwrite(target, m_buffer.data() + written, size_t(bytes - written), from + written);
             });
             if (more < 0)
-                return writeFailure(errno, m_shown);
+                return writeFailure(errno, m_target);
             written += more;
         }
         return qint64(bytes);
@@ -213,7 +220,7 @@ private:
 
     QByteArray m_source;
     QByteArray m_target;
-    QByteArray m_shown;
+    TemporaryPlace* m_place = nullptr;
     FileCopy::IsCanceled m_isCanceled;
     std::optional<FileCopy::Stamp> m_expected;
     struct stat m_before = {};
@@ -245,6 +252,23 @@ public:
             return notCopied(source);
         if (::mkdir(target.constData(), 0777) != 0)
             return writeFailure(errno, target);
+        return fill(source, info, target);
+    }
+
+    //! The directory itself is made in \a place, beside \a target.
+    Error copy(const QByteArray& source, const QByteArray& target, TemporaryPlace& place) {
+        struct stat info = {};
+        if (::lstat(source.constData(), &info) != 0)
+            return readFailure(errno, source);
+        if (!S_ISDIR(info.st_mode))
+            return notCopied(source);
+        if (const int failure = place.makeDirectory(target, 0777); failure != 0)
+            return writeFailure(failure, target);
+        return fill(source, info, place.path());
+    }
+
+private:
+    Error fill(const QByteArray& source, const struct stat& info, const QByteArray& target) {
         const std::unique_ptr<DIR, int (*)(DIR*)> listing(::opendir(source.constData()), &::closedir);
         if (!listing)
             return readFailure(errno, source);
@@ -255,7 +279,6 @@ public:
         return AtomicFile::syncDirectory(QFile::decodeName(target));
     }
 
-private:
     Error copyEntries(DIR* listing, const QByteArray& source, const QByteArray& target) {
         for (;;) {
             errno = 0;
@@ -301,11 +324,11 @@ Error FileCopy::file(const QString& source, const QString& target, IfExists ifEx
     if (ifExists == IfExists::Fail &&
         ::faccessat(AT_FDCWD, targetPath.constData(), F_OK, AT_SYMLINK_NOFOLLOW) == 0)
         return ORX_ECATCH(writeFailure(EEXIST, targetPath));
-    const QByteArray temporary = FilePlace::temporaryBeside(targetPath);
-    ORX_RETURN_ON_ERROR(ContentCopy(encoded(source), temporary, targetPath, isCanceled, expected).run());
-    Error error = renameInto(temporary, targetPath, ifExists);
+    TemporaryPlace place;
+    ORX_RETURN_ON_ERROR(ContentCopy(encoded(source), targetPath, place, isCanceled, expected).run());
+    Error error = renameInto(place.path(), targetPath, ifExists);
     if (error.hasError()) {
-        ::unlink(temporary.constData());
+        ::unlink(place.path().constData());
         return ORX_ECATCH(error);
     }
     return {};
@@ -315,12 +338,13 @@ Error FileCopy::directory(const QString& source, const QString& target, const Fi
     const QByteArray targetPath = encoded(target);
     if (::faccessat(AT_FDCWD, targetPath.constData(), F_OK, AT_SYMLINK_NOFOLLOW) == 0)
         return ORX_ECATCH(writeFailure(EEXIST, targetPath));
-    const QByteArray temporary = FilePlace::temporaryBeside(targetPath);
-    Error error = TreeCopy(filter).copy(encoded(source), temporary);
+    TemporaryPlace place;
+    Error error = TreeCopy(filter).copy(encoded(source), targetPath, place);
     if (!error.hasError())
-        error = renameInto(temporary, targetPath, IfExists::Fail);
+        error = renameInto(place.path(), targetPath, IfExists::Fail);
     if (error.hasError()) {
-        QDir(QFile::decodeName(temporary)).removeRecursively();
+        if (place.descriptor() >= 0)
+            TemporaryPlace::removeTree(place.path());
         return ORX_ECATCH(error);
     }
     return {};

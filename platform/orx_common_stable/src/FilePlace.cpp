@@ -20,21 +20,27 @@ bool isDirectory(int directory, const QByteArray& path) {
     return ::fstatat(directory, path.constData(), &info, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(info.st_mode);
 }
 
-QByteArray randomBeside(const QByteArray& target, const char* prefix, const char* suffix) {
+QByteArray beside(const QByteArray& target, const char* prefix, const QByteArray& suffix) {
     const qsizetype slash = target.lastIndexOf('/');
-    const QByteArray stem = target.mid(slash + 1).left(longestStem);
-    const QByteArray random = QByteArray::number(QRandomGenerator::global()->generate64(), 36);
-    return target.left(slash + 1) + prefix + stem + '.' + random + suffix;
+    return target.left(slash + 1) + prefix + target.mid(slash + 1).left(longestStem) + '.' + suffix;
+}
+
+QByteArray random() {
+    return QByteArray::number(QRandomGenerator::global()->generate64(), 36);
 }
 
 } // namespace
 
 QByteArray FilePlace::temporaryBeside(const QByteArray& target) {
-    return randomBeside(target, ".", ".part");
+    return beside(target, ".", random() + ".part");
+}
+
+QByteArray FilePlace::copyBeside(const QByteArray& target) {
+    return beside(target, ".", "orx-copy.part");
 }
 
 QByteArray FilePlace::asideOf(const QByteArray& target) {
-    return randomBeside(target, "", ".old");
+    return beside(target, "", random() + ".old");
 }
 
 int FilePlace::take(const QByteArray& temporary, const QByteArray& target) {

@@ -15,6 +15,8 @@ public:
     //! A name beside \a target that nobody uses; hidden, so that listings made meanwhile do not take it for
     //! data.
     static QByteArray temporaryBeside(const QByteArray& target);
+    //! The name that TemporaryPlace uses.
+    static QByteArray copyBeside(const QByteArray& target);
     //! Renames the file or directory \a temporary to \a target, where nothing must be, in one step. Zero, or
     //! what was wrong: EEXIST, ENOTEMPTY or another errno.
     static int take(const QByteArray& temporary, const QByteArray& target);

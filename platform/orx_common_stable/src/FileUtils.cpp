@@ -1,5 +1,6 @@
 #include "FileUtils.h"
 
+#include "AtomicFile.h"
 #include "DirectoryMerge.h"
 #include "FileCopy.h"
 #include "Result.h"
@@ -20,6 +21,21 @@ QString translated(const char* text) {
 
 bool isThere(const QFileInfo& info) {
     return info.exists() || info.isSymLink();
+}
+
+// With those above it, each durable. \a wanted: what it is all about.
+Error makeDirectory(const QString& path, const QString& wanted) {
+    const QFileInfo info(path);
+    if (info.isDir())
+        return {};
+    const QString parent = info.absolutePath();
+    if (parent != path)
+        ORX_RETURN_ON_ERROR(makeDirectory(parent, wanted));
+    // Somebody else may be faster.
+    if (!QDir().mkdir(path) && !QFileInfo(path).isDir())
+        return Error(ErrorCode::FileNotWritable,
+                     translated("Could not make the directory \"%1\".").arg(wanted));
+    return AtomicFile::syncDirectory(parent);
 }
 
 // One entry on its way: what it is called here and there.
@@ -54,9 +70,7 @@ public:
         ORX_RETURN_ON_ERROR(collect(customNames));
         if (policy() == Policy::Refuse)
             ORX_RETURN_ON_ERROR(checkAllFree());
-        if (!m_target.mkpath(QStringLiteral(".")))
-            return Error(ErrorCode::FileNotWritable,
-                         translated("Could not make the directory \"%1\".").arg(m_target.path()));
+        ORX_RETURN_ON_ERROR(makeDirectory(m_target.absolutePath(), m_target.path()));
         for (const Move& move : m_moves)
             ORX_RETURN_ON_ERROR(carryOut(move));
         return {};

@@ -12,6 +12,7 @@
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
+#include <utility>
 
 namespace orx {
 namespace {
@@ -226,6 +227,8 @@ Error PartialFile::publish(const Expected& expected) {
     // Some file systems have nothing to flush for a directory and say so.
     if (m_location.flush && ::fsync(m_directory) != 0 && errno != EINVAL && errno != ENOTSUP)
         return system("Could not flush the directory of the file \"%1\"");
+    // Here, since some file systems write everything when a file is closed.
+    ::close(std::exchange(m_file, -1));
     return Error();
 }
 

@@ -56,9 +56,10 @@ public:
     //! Writes \a data after what is there. A full disk is ENOSPC with a message that says what to do; what
     //! was written stays and counts.
     Error append(const QByteArray& data);
-    //! Verifies, flushes and renames to the target, and flushes the directory (where Location says so). Fails
-    //! with ErrorCode::ChecksumMismatch (the partial file is empty then), or ErrorCode::AlreadyExists when
-    //! something is at the target by now that may not be replaced (the partial file stays).
+    //! Verifies, flushes and renames to the target, flushes the directory (where Location says so), and
+    //! closes the file, which ends its use. Fails with ErrorCode::ChecksumMismatch (the partial file is empty
+    //! then), or ErrorCode::AlreadyExists when something is at the target by now that may not be replaced
+    //! (the partial file stays).
     Error publish(const Expected& expected);
 
 private:

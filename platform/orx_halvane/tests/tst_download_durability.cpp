@@ -213,6 +213,19 @@ TEST_F(DownloadDurability, ADirectoryWaitsUntilItIsFlushedAndOnceMoreWhenItIsNot
     EXPECT_EQ(flushes->count(), 0);
 }
 
+TEST_F(DownloadDurability, TheDirectoriesOfAMissingTargetAreFlushedToo) {
+    using Options = FileUtils::CopyFilesOptions;
+    ASSERT_TRUE(QDir(at("source/sub")).removeRecursively());
+    const QStringList done = callsOf([&] {
+        return FileUtils::tryCopyFiles(
+            at("source"), at("out/new/deep"),
+            Options(Options::RecursionPolicy::Recursive, Options::DuplicateFilesPolicy::Refuse), {}, {},
+            nullptr);
+    });
+    EXPECT_EQ(done, (QStringList{text("flush out"), text("flush new"), text("flush hidden"),
+                                 text("rename hidden to run"), text("flush deep")}));
+}
+
 TEST_F(DownloadDurability, ADirectoryGetsItsNameWhenEverythingInItIsOnTheDisk) {
     using Options = FileUtils::CopyFilesOptions;
     ASSERT_TRUE(QFile::remove(at("source/run")));

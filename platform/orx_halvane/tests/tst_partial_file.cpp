@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <csignal>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -49,6 +50,25 @@ protected:
 const QStringList onlyTarget{QStringLiteral("run")};
 const QStringList onlyPartial{QStringLiteral(".run.part")};
 const QStringList both{QStringLiteral(".run.part"), QStringLiteral("run")};
+
+// What closing it costs is not paid by who gives the object up.
+TEST_F(PartialFileTest, IsClosedWhenItIsPublished) {
+    const auto isOpen = [this] {
+        const QDir descriptors(QStringLiteral("/proc/self/fd"));
+        const QStringList names =
+            descriptors.entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot);
+        return std::any_of(names.begin(), names.end(), [&](const QString& name) {
+            return QFile::symLinkTarget(descriptors.filePath(name)) ==
+                   QDir(m_dir.path()).canonicalPath() + QStringLiteral("/run");
+        });
+    };
+    PartialFile file(location());
+    ASSERT_FALSE(file.open().hasError());
+    ASSERT_FALSE(file.append("measured values").hasError());
+    ASSERT_FALSE(file.publish(expected("measured values")).hasError());
+    EXPECT_FALSE(isOpen());
+    EXPECT_EQ(file.size(), 15);
+}
 
 TEST_F(PartialFileTest, BecomesTheTargetWhenItIsWholeAndRight) {
     PartialFile file(location());
