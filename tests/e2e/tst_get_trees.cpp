@@ -385,10 +385,19 @@ protected:
 };
 
 TEST_F(DangerousNames, NeverLeaveTheTargetAreNamedAndTheRestComesDown) {
-    const QStringList refused{
-        "..",     ".",         "/etc/x",         "../../escaped", "a/b", QString("nul") + QChar(0) + "nul",
-        "bell\a", "new\nline", QString(300, 'y')};
-    const QStringList harmless{"...", "trailing  ", "good", "-rf", "~"};
+    const QStringList refused{"..",
+                              ".",
+                              "/etc/x",
+                              "../../escaped",
+                              "a/b",
+                              QString("nul") + QChar(0) + "nul",
+                              "bell\a",
+                              "new\nline",
+                              QString(300, 'y'),
+                              "...",
+                              "trailing  ",
+                              "trailing."};
+    const QStringList harmless{"...and more", " leading", "good", "-rf", "~"};
     const int raw = service.addFolder("raw");
     for (const QString& name : refused) {
         service.addFile(name, "must not appear", raw);
@@ -408,8 +417,8 @@ TEST_F(DangerousNames, NeverLeaveTheTargetAreNamedAndTheRestComesDown) {
             told.append(object["message"].toString());
     }
     EXPECT_EQ(told.size(), 2 * refused.size());
-    for (const QString shown :
-         {"\"..\"", "\"/etc/x\"", "\"../../escaped\"", "\"a/b\"", "bell\\x07", "new\\x0aline"})
+    for (const QString shown : {"\"..\"", "\"/etc/x\"", "\"../../escaped\"", "\"a/b\"", "bell\\x07",
+                                "new\\x0aline", "\"...\"", "\"trailing  \"", "\"trailing.\""})
         EXPECT_EQ(told.filter(shown).size(), 2) << qPrintable(shown);
     EXPECT_EQ(told.filter(QString(300, 'y')).size(), 2);
     // Neither can a name drive the terminal.

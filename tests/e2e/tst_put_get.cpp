@@ -240,7 +240,6 @@ TEST_F(PutGet, OddNamesComeBackUnchanged) {
                             QStringLiteral("\u200Fabc\u202Edef.mzML"),
                             ".leading dot",
                             "..two dots",
-                            "trailing blanks   ",
                             "back\\slash.mzML",
                             "file:12",
                             "%41%00.mzML",
@@ -267,6 +266,21 @@ TEST_F(PutGet, OddNamesComeBackUnchanged) {
     EXPECT_EQ(listing().size(), names.size());
     client.mustRun({"mkdir", QStringLiteral("/raw/2026/dir \U0001F9EA ")});
     client.mustRun({"put", "plain.mzML", "--to", QStringLiteral("/raw/2026/dir \U0001F9EA ")});
+}
+
+TEST_F(PutGet, ANameThatEndsWithABlankComesUnderAnother) {
+    const QString name = "trailing blank ";
+    put({"--to", "/raw/2026", client.makeFile(name, "content")});
+    ASSERT_TRUE(QFile::remove(client.path(name)));
+    const QStringList get{"--json", "get", "/raw/2026/" + name, "--to", "."};
+    const Outcome refused = client.run(get);
+    EXPECT_EQ(refused.exitCode, 2);
+    EXPECT_THAT(refused.object()["message"].toString().toStdString(),
+                HasSubstr("\"trailing blank \" ends with a space or a dot"));
+    EXPECT_THAT(refused.object()["message"].toString().toStdString(), HasSubstr("--as"));
+    EXPECT_EQ(client.filesIn(), QStringList());
+    client.mustRun(get + QStringList{"--as", "blank"});
+    EXPECT_EQ(Client::contentOf(client.path("blank")), "content");
 }
 
 TEST_F(PutGet, FoldersAreMadeOnce) {

@@ -72,7 +72,12 @@ Error DownloadNames::checkListed(const QString& name) {
         return refused("The name \"%1\" holds characters that a file name here cannot hold. Rename it on the "
                        "server.",
                        name);
-    return check(name);
+    ORX_RETURN_ON_ERROR(check(name));
+    if (name.endsWith(u' ') || name.endsWith(u'.'))
+        return refused("The name \"%1\" ends with a space or a dot, which some file systems drop: it could "
+                       "meet another file. Rename it on the server.",
+                       name);
+    return Error();
 }
 
 QString DownloadNames::shortened(const QString& base, const QString& end) {

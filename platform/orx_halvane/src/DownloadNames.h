@@ -16,7 +16,8 @@ public:
     //! "..", without "/" and NUL, at most maxBytes long. Every other name is taken as it is.
     static Error check(const QString& name);
     //! The same for a name that came with a listing rather than from a person: refuses control characters
-    //! too, and characters that a file name here cannot hold.
+    //! too, characters that a file name here cannot hold, and what ends with spaces or dots (or is nothing
+    //! else), since on some file systems it would be another name.
     static Error checkListed(const QString& name);
     //! \a name with its control characters as \xNN.
     static QString printable(const QString& name);

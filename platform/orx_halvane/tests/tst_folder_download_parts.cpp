@@ -97,13 +97,14 @@ TEST(ListedNames, DangerousAndImpossibleOnesAreRefusedAndNamed) {
          {QString(), QStringLiteral("."), QStringLiteral(".."), QStringLiteral("/etc/passwd"),
           QStringLiteral("a/b"), QStringLiteral("a") + QChar(0), QStringLiteral("a\nb"),
           QStringLiteral("a\x1b[2J"), QStringLiteral("a") + QChar(0x7f), QStringLiteral("a") + QChar(0x85),
-          lonelySurrogate, QString(300, QChar(u'x')), QString(128, QChar(u'ä'))}) {
+          QStringLiteral("..."), QStringLiteral("trailing  "), QStringLiteral("trailing."),
+          QStringLiteral(" "), lonelySurrogate, QString(300, QChar(u'x')), QString(128, QChar(u'ä'))}) {
         const Error error = DownloadNames::checkListed(name);
         EXPECT_TRUE(error.is(ErrorCode::InvalidArgument)) << qPrintable(name);
         EXPECT_TRUE(error.errorMessage().contains(DownloadNames::printable(name).left(20)));
     }
     for (const QString& name :
-         {QStringLiteral("..."), QStringLiteral("trailing  "), QStringLiteral(".hidden"),
+         {QStringLiteral("...and more"), QStringLiteral(" leading"), QStringLiteral(".hidden"),
           QStringLiteral("back\\slash"), QStringLiteral("\U0001F9EA"), QString(255, QChar(u'x'))})
         EXPECT_FALSE(DownloadNames::checkListed(name).hasError()) << qPrintable(name);
     EXPECT_EQ(DownloadNames::printable(QStringLiteral("a\x1b[2J\n")), QStringLiteral("a\\x1b[2J\\x0a"));
