@@ -1,6 +1,7 @@
 // Somebody sits at a terminal and decides what becomes of files that are in the way.
 #include "Terminal.h"
 
+#include <FaultProxy.h>
 #include <VonkPacker.h>
 
 #include <gmock/gmock.h>
@@ -150,14 +151,50 @@ TEST_F(GetQuestions, ALinkThatLeadsNowhereIsAskedAboutToo) {
     EXPECT_FALSE(QFileInfo(client.path("out/2026/a.mzML")).isSymLink());
 }
 
-TEST_F(GetQuestions, WithoutTheCacheTheyComeBeforeTheContentIsFetched) {
-    server.clearRequests();
-    Terminal terminal(client, {"get", "--no-cache", "/raw/2026/a.mzML", "--to", "out/2026"});
+TEST_F(GetQuestions, TheyComeBeforeTheContentIsFetched) {
+    for (const QStringList& cache : {QStringList{}, QStringList{"--no-cache"}}) {
+        client.makeFile("out/2026/a.mzML", "local a");
+        server.clearRequests();
+        Terminal terminal(client, QStringList{"get", "/raw/2026/a.mzML", "--to", "out/2026"} + cache);
+        ASSERT_TRUE(terminal.waitFor(question)) << terminal.seen();
+        EXPECT_EQ(server.countRequests("GET", "/content"), 0);
+        terminal.type("o\n");
+        EXPECT_EQ(terminal.finish(), 0) << terminal.seen();
+        EXPECT_EQ(local("a.mzML"), "content of a.mzML");
+    }
+}
+
+// The first request for the content is never answered: only a client that goes on gives it up and asks again.
+TEST_F(GetQuestions, TheOtherFilesComeAndTimeOutsRunWhileSomebodyThinks) {
+    FaultProxy proxy("127.0.0.1", server.port());
+    ASSERT_TRUE(client.login(QUrl(QString::fromStdString(proxy.url()))));
+    client.setEnvironment("HALVANE_TIMEOUT", "1s");
+    const auto held = proxy.holdReply({"GET", ".*/content"});
+    Terminal terminal(client, {"get", "/raw/2026", "--to", "out"});
     ASSERT_TRUE(terminal.waitFor(question)) << terminal.seen();
-    EXPECT_EQ(server.countRequests("GET", "/content"), 0);
-    terminal.type("o\n");
+    EXPECT_TRUE(waitUntil([this] { return QFile::exists(client.path("out/2026/c.mzML")); }));
+    EXPECT_EQ(local("c.mzML"), "content of c.mzML");
+    EXPECT_EQ(local("a.mzML"), "local a");
+    terminal.type("O\n");
     EXPECT_EQ(terminal.finish(), 0) << terminal.seen();
     EXPECT_EQ(local("a.mzML"), "content of a.mzML");
+    EXPECT_EQ(local("b.mzML"), "content of b.mzML");
+    held->drop();
+}
+
+TEST_F(GetQuestions, WhatWasTypedAheadAnswersNoQuestion) {
+    FaultProxy proxy("127.0.0.1", server.port());
+    ASSERT_TRUE(client.login(QUrl(QString::fromStdString(proxy.url()))));
+    const auto held = proxy.holdReply({"GET", ".*/files/[0-9]+.*"});
+    Terminal terminal(client, {"get", "file:1", "--to", "out/2026/a.mzML"});
+    held->waitUntilAnswered();
+    terminal.type("o\n");
+    held->release();
+    ASSERT_TRUE(terminal.waitFor(question)) << terminal.seen();
+    EXPECT_EQ(local("a.mzML"), "local a");
+    terminal.type("s\n");
+    EXPECT_EQ(terminal.finish(), 0) << terminal.seen();
+    EXPECT_EQ(local("a.mzML"), "local a");
 }
 
 //! Packed acquisitions, whose contents are what is copied.

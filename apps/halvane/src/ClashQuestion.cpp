@@ -1,12 +1,9 @@
 #include "ClashQuestion.h"
 
-#include "Interruption.h"
 #include "Output.h"
 #include "ProgressReport.h"
 #include "QuestionText.h"
-
-#include <errno.h>
-#include <unistd.h>
+#include "TextForms.h"
 
 namespace halvane::cli {
 
@@ -17,24 +14,6 @@ using Choice = host::ClashAnswer::Choice;
 namespace {
 
 const char* choices = "[o]verwrite, [s]kip, [r]ename, [q]uit (O, S, R: also for all others)? ";
-
-// Empty at the end of the input and when a signal came.
-std::optional<QByteArray> readLine() {
-    QByteArray line;
-    for (;;) {
-        if (!Interruption::waitForInput(STDIN_FILENO))
-            return std::nullopt;
-        char byte = 0;
-        const ssize_t count = ::read(STDIN_FILENO, &byte, 1);
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count <= 0)
-            return std::nullopt;
-        if (byte == '\n')
-            return line;
-        line.append(byte);
-    }
-}
 
 std::optional<ClashAnswer> parseAnswer(const QByteArray& line) {
     const QByteArray word = line.trimmed();
@@ -86,23 +65,41 @@ QString described(const Clash& clash, const Output& output) {
 
 } // namespace
 
-host::ClashAnswerer::Question clashQuestion(const Output& output, ProgressReport& progress) {
-    if (!::isatty(STDIN_FILENO) || !::isatty(STDERR_FILENO))
-        return {};
-    return [&output, &progress](const Clash& clash) {
-        progress.hide();
-        QuestionText::print(described(clash, output));
-        for (;;) {
-            QuestionText::print(QString::fromLatin1(choices));
-            const auto line = readLine();
-            if (!line) {
-                QuestionText::print(QStringLiteral("\n"));
-                return ClashAnswer{Choice::Quit, false};
-            }
-            if (const auto answer = parseAnswer(*line))
-                return *answer;
-        }
-    };
+ClashQuestion::ClashQuestion(host::ClashAnswerer& answerer, const Output& output, ProgressReport& progress)
+    : m_answerer(answerer), m_output(output), m_progress(progress) {
+    connect(&m_answerer, &host::ClashAnswerer::asked, this, &ClashQuestion::ask);
+    connect(&m_answerer, &host::ClashAnswerer::withdrawn, this, [this] {
+        if (m_line.isReading())
+            QuestionText::print(QStringLiteral("\n"));
+        m_line.stop();
+        m_progress.setPaused(false);
+    });
+    connect(&m_line, &TerminalLine::read, this, &ClashQuestion::onLine);
+    connect(&m_line, &TerminalLine::ended, this, [this] {
+        QuestionText::print(QStringLiteral("\n"));
+        answer({Choice::Quit, false});
+    });
+}
+
+ClashQuestion::~ClashQuestion() = default;
+
+void ClashQuestion::ask(const Clash& clash) {
+    m_progress.setPaused(true);
+    m_line.start();
+    QuestionText::print(described(clash, m_output) + QString::fromLatin1(choices));
+}
+
+void ClashQuestion::onLine(const QByteArray& line) {
+    if (const auto given = parseAnswer(line))
+        answer(*given);
+    else
+        QuestionText::print(QString::fromLatin1(choices));
+}
+
+void ClashQuestion::answer(const ClashAnswer& answer) {
+    m_line.stop();
+    m_progress.setPaused(false);
+    m_answerer.answer(answer);
 }
 
 } // namespace halvane::cli

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "TerminalLine.h"
+
 #include <ClashAnswerer.h>
 
 namespace halvane::cli {
@@ -7,9 +9,24 @@ namespace halvane::cli {
 class Output;
 class ProgressReport;
 
-//! Puts clashes to the person at the terminal; an empty function when there is no terminal to ask at. The
-//! question blocks the thread; a signal that comes meanwhile is the answer to quit. All arguments outlive
-//! the function.
-host::ClashAnswerer::Question clashQuestion(const Output& output, ProgressReport& progress);
+//! Puts clashes to the person at the terminal, one question at a time, while the download goes on. The end of
+//! the input is the answer to quit. A question is taken back when the download was cancelled. All arguments
+//! outlive the object. Thread: the main one.
+class ClashQuestion : public QObject {
+    Q_OBJECT
+public:
+    ClashQuestion(host::ClashAnswerer& answerer, const Output& output, ProgressReport& progress);
+    ~ClashQuestion() override;
+
+private:
+    void ask(const host::Clash& clash);
+    void onLine(const QByteArray& line);
+    void answer(const host::ClashAnswer& answer);
+
+    host::ClashAnswerer& m_answerer;
+    const Output& m_output;
+    ProgressReport& m_progress;
+    TerminalLine m_line;
+};
 
 } // namespace halvane::cli

@@ -93,7 +93,8 @@ int Runner::operator()(const GetCommand& command) {
                              ? m_output.shown(request.sources.first())
                              : QStringLiteral("%1 things").arg(request.sources.size());
     ProgressReport progress(name, m_global.quiet);
-    DownloadJob job(request, clashQuestion(m_output, progress));
+    DownloadJob job(request, TerminalLine::isPossible());
+    const ClashQuestion question(job.answerer(), m_output, progress);
     progress.setTree([&job] { return treeOf(job); });
     QObject::connect(&job, &DownloadJob::fileDone, [&](const DownloadedFile& file, bool isSource) {
         progress.hide();

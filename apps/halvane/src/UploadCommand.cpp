@@ -228,7 +228,7 @@ int Runner::putTree(const PutCommand& command) {
                              : QStringLiteral("%1 paths").arg(command.tree.paths.size());
     ProgressReport progress(name, m_global.quiet);
     const KnownContents::ByPath known = knownOf(command.tree.paths);
-    const auto options = UploadPolicy::optionsOf(command.tree, UploadQuestion::isPossible(), known);
+    const auto options = UploadPolicy::optionsOf(command.tree, TerminalLine::isPossible(), known);
     if (command.dryRun)
         return printPlan(command.tree, options);
     TreeUploadJob job(command.tree, options);

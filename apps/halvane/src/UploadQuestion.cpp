@@ -7,10 +7,6 @@
 
 #include <QFileInfo>
 
-#include <errno.h>
-#include <termios.h>
-#include <unistd.h>
-
 namespace halvane::cli {
 
 using host::UploadPolicy;
@@ -41,43 +37,24 @@ UploadQuestion::UploadQuestion(host::UploadPolicy& policy, const Output& output,
     : m_policy(policy), m_output(output), m_progress(progress), m_quit(std::move(quit)) {
     connect(&m_policy, &UploadPolicy::asked, this, &UploadQuestion::ask);
     connect(&m_policy, &UploadPolicy::withdrawn, this, [this] {
-        if (m_input)
+        if (m_line.isReading())
             QuestionText::print(QStringLiteral("\n"));
         end();
+    });
+    connect(&m_line, &TerminalLine::read, this, [this](const QByteArray& line) { answer(line.trimmed()); });
+    connect(&m_line, &TerminalLine::ended, this, [this] {
+        QuestionText::print(QStringLiteral("\n"));
+        end();
+        m_quit();
     });
 }
 
 UploadQuestion::~UploadQuestion() = default;
 
-bool UploadQuestion::isPossible() {
-    return ::isatty(STDIN_FILENO) && ::isatty(STDERR_FILENO);
-}
-
 void UploadQuestion::ask(const QString& localPath, const host::RemoteItem& existing) {
     m_progress.setPaused(true);
-    // What was typed before answers no question that had not been seen.
-    ::tcflush(STDIN_FILENO, TCIFLUSH);
+    m_line.start();
     QuestionText::print(described(localPath, existing, m_output) + QString::fromLatin1(choices));
-    m_line.clear();
-    m_input = std::make_unique<QSocketNotifier>(STDIN_FILENO, QSocketNotifier::Read);
-    connect(m_input.get(), &QSocketNotifier::activated, this, &UploadQuestion::onReadable);
-}
-
-void UploadQuestion::onReadable() {
-    char byte = 0;
-    const ssize_t count = ::read(STDIN_FILENO, &byte, 1);
-    if (count < 0 && errno == EINTR)
-        return;
-    if (count <= 0) {
-        QuestionText::print(QStringLiteral("\n"));
-        end();
-        return m_quit();
-    }
-    if (byte != '\n') {
-        m_line.append(byte);
-        return;
-    }
-    answer(std::exchange(m_line, {}).trimmed());
 }
 
 void UploadQuestion::answer(const QByteArray& word) {
@@ -107,12 +84,8 @@ void UploadQuestion::answer(const QByteArray& word) {
     m_policy.answer(given, scope);
 }
 
-// The notifier is perhaps the one that is being served.
 void UploadQuestion::end() {
-    if (m_input) {
-        m_input->setEnabled(false);
-        m_input.release()->deleteLater();
-    }
+    m_line.stop();
     m_progress.setPaused(false);
 }
 

@@ -1,12 +1,10 @@
 #pragma once
 
+#include "TerminalLine.h"
+
 #include <UploadPolicy.h>
 
-#include <QObject>
-#include <QSocketNotifier>
-
 #include <functional>
-#include <memory>
 
 namespace halvane::cli {
 
@@ -24,12 +22,8 @@ public:
                    std::function<void()> quit);
     ~UploadQuestion() override;
 
-    //! Whether there is somebody to ask.
-    static bool isPossible();
-
 private:
     void ask(const QString& localPath, const host::RemoteItem& existing);
-    void onReadable();
     void answer(const QByteArray& line);
     void end();
 
@@ -37,9 +31,7 @@ private:
     const Output& m_output;
     ProgressReport& m_progress;
     const std::function<void()> m_quit;
-    //! While a question is open.
-    std::unique_ptr<QSocketNotifier> m_input;
-    QByteArray m_line;
+    TerminalLine m_line;
 };
 
 } // namespace halvane::cli

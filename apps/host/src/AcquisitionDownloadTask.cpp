@@ -13,6 +13,7 @@
 #include <PackedPaths.h>
 #include <RemoteResourceHandler.h>
 #include <ResourceHandler.h>
+#include <TemporaryPlace.h>
 
 #include <QDir>
 #include <QHash>
@@ -192,21 +193,25 @@ QStringList AcquisitionDownloadTask::makers() const {
 void AcquisitionDownloadTask::look(const Next& next) {
     m_seenMakers = makers();
     const auto parts = std::make_shared<QList<Part>>(m_parts);
-    execSubtask(workerStep(QStringLiteral("LookAtTarget"),
-                           [parts, directory = m_wanted.directory]() -> Error {
-                               for (Part& part : *parts) {
-                                   const QFileInfo target(directory + u'/' + part.as);
-                                   part.isThere = isThere(target);
-                                   part.isSame = false;
-                                   part.problem = part.isDirectory ? checkDirectoryPlace(target)
-                                                                   : checkFilePlace(target);
-                               }
-                               return {};
-                           }),
-                [this, parts, next](BaseTask*) {
-                    m_parts = *parts;
-                    compareParts(0, next);
-                });
+    execSubtask(
+        workerStep(QStringLiteral("LookAtTarget"),
+                   [parts, directory = m_wanted.directory]() -> Error {
+                       for (Part& part : *parts) {
+                           const QFileInfo target(directory + u'/' + part.as);
+                           // Of a run that was killed when it had replaced it.
+                           if (part.isDirectory)
+                               orx::TemporaryPlace::removeAbandoned(QFile::encodeName(target.filePath()));
+                           part.isThere = isThere(target);
+                           part.isSame = false;
+                           part.problem =
+                               part.isDirectory ? checkDirectoryPlace(target) : checkFilePlace(target);
+                       }
+                       return {};
+                   }),
+        [this, parts, next](BaseTask*) {
+            m_parts = *parts;
+            compareParts(0, next);
+        });
 }
 
 void AcquisitionDownloadTask::compareParts(qsizetype from, const Next& next) {
@@ -277,23 +282,28 @@ void AcquisitionDownloadTask::endUnchanged() {
     });
 }
 
-// To overwrite what this download made is decided about each of it.
-Result<IfExists> AcquisitionDownloadTask::decideAbout(const QList<const Part*>& clashes) {
-    Result<IfExists> decision(IfExists::Overwrite);
+void AcquisitionDownloadTask::onClashes(const QList<const Part*>& clashes) {
+    QList<Made> made;
     for (const Part* clash : clashes) {
         const QString path = targetPath(*clash);
-        const QString madeBy = m_answerer.whoMade(path);
-        if (clash != clashes.first() && madeBy.isEmpty())
-            break;
-        decision = decide(path, madeBy);
-        if (decision.hasError() || *decision != IfExists::Overwrite)
-            break;
+        made.append({path, m_answerer.whoMade(path)});
     }
-    return decision;
+    decideAbout(made);
 }
 
-void AcquisitionDownloadTask::onClashes(const QList<const Part*>& clashes) {
-    const Result<IfExists> decision = decideAbout(clashes);
+// To overwrite what this download made is decided about each of it.
+void AcquisitionDownloadTask::decideAbout(const QList<Made>& clashes) {
+    decide(clashes.first().path, clashes.first().by,
+           [this, clashes](const ClashAnswerer::Decision& decision) {
+               const QList<Made> others = clashes.mid(1);
+               const bool isLast = others.isEmpty() || others.first().by.isEmpty();
+               if (!isLast && !decision.hasError() && *decision == IfExists::Overwrite)
+                   return decideAbout(others);
+               onDecided(decision);
+           });
+}
+
+void AcquisitionDownloadTask::onDecided(const ClashAnswerer::Decision& decision) {
     if (decision.hasError())
         return finish(decision.error());
     if (*decision == IfExists::Skip)
@@ -326,9 +336,8 @@ Error AcquisitionDownloadTask::firstProblem() const {
     return {};
 }
 
-//! \a there: what an earlier run left for this one.
-Error AcquisitionDownloadTask::checkRoom(qint64 there) const {
-    qint64 missing = -there;
+Error AcquisitionDownloadTask::checkRoom() const {
+    qint64 missing = 0;
     for (const Part& part : m_parts) {
         if (part.isSame)
             continue;
@@ -356,7 +365,7 @@ void AcquisitionDownloadTask::fetch() {
         return finish(problem);
     if (!m_usesCache)
         return fetchDirectly();
-    if (const Error problem = checkRoom(0); problem.hasError())
+    if (const Error problem = checkRoom(); problem.hasError())
         return finish(problem);
     if (m_handler)
         return fetchThroughCache();
@@ -432,21 +441,28 @@ QString AcquisitionDownloadTask::unpackedPath() const {
 }
 
 void AcquisitionDownloadTask::unpackHere() {
-    const auto there = std::make_shared<qint64>(0);
+    using Names = orx::DownloadNames;
+    const int id = m_wanted.item.id;
+    const int version = m_wanted.item.version;
+    const QString packed = Names::packedName(m_wanted.name, id, version);
+    const QStringList arrived{m_stagingDir + u'/' + packed,
+                              m_stagingDir + u'/' + Names::partialName(packed, id, version)};
+    const QString unpacked = m_stagingDir + u'/' + Names::unpackedName(m_wanted.name, id, version);
     execSubtask(workerStep(QStringLiteral("MakeStaging"),
-                           [path = m_stagingDir, there]() -> Error {
-                               *there = bytesIn(path);
-                               if (QFileInfo(path).isDir() || QDir().mkdir(path))
-                                   return {};
-                               return Error(
-                                   ErrorCode::FileNotWritable,
-                                   QStringLiteral("The directory \"%1\" could not be made.").arg(path));
+                           [path = m_stagingDir, target = targetPath(m_parts.first()), arrived, unpacked,
+                            size = m_wanted.item.size, content = m_size]() -> Error {
+                               if (!QFileInfo(path).isDir() && !QDir().mkdir(path))
+                                   return Error(
+                                       ErrorCode::FileNotWritable,
+                                       QStringLiteral("The directory \"%1\" could not be made.").arg(path));
+                               qint64 rest = size;
+                               for (const QString& file : arrived)
+                                   rest -= QFileInfo(file).size();
+                               // What was unpacked by half goes before it is unpacked again.
+                               return host::checkRoom(QFileInfo(target),
+                                                      std::max(rest, rest + content - bytesIn(unpacked)));
                            }),
-                [this, there](BaseTask*) {
-                    if (const Error problem = checkRoom(*there); problem.hasError())
-                        return finish(problem);
-                    downloadHere();
-                });
+                [this](BaseTask*) { downloadHere(); });
 }
 
 void AcquisitionDownloadTask::downloadHere() {

@@ -47,6 +47,11 @@ private:
         bool isSame = false;
         orx::Error problem;
     };
+    //! What is at a path, and which file of this download made it; empty when none did.
+    struct Made {
+        QString path;
+        QString by;
+    };
     using Compared = std::function<void(bool isSame)>;
 
     static QList<Part> partsOf(const QList<orx::vonk::VonkEntry>& entries);
@@ -69,12 +74,14 @@ private:
     bool isAllSame() const;
     void onCompared();
     void endUnchanged();
-    //! One for all. Errors: those of ClashAnswerer::decide().
-    orx::Result<IfExists> decideAbout(const QList<const Part*>& clashes);
     void onClashes(const QList<const Part*>& clashes);
+    //! One decision for all.
+    void decideAbout(const QList<Made>& clashes);
+    void onDecided(const ClashAnswerer::Decision& decision);
     void findFreeNames(int number);
     orx::Error firstProblem() const;
-    orx::Error checkRoom(qint64 there) const;
+    //! For a copy out of the cache.
+    orx::Error checkRoom() const;
     void endAs(DownloadedFile::Outcome outcome);
 
     void fetch();
@@ -85,6 +92,8 @@ private:
     void fetchDirectly();
     //! In the staging directory.
     QString unpackedPath() const;
+    //! ErrorCode::StorageFull unless there is room for what is missing of the packed file and for what it
+    //! holds beside it.
     void unpackHere();
     void downloadHere();
     void place(const QString& contentDir);

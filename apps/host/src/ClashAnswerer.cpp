@@ -2,16 +2,20 @@
 
 #include <QDir>
 
+#include <algorithm>
+
 namespace halvane::host {
 
 using orx::Error;
 using orx::ErrorCode;
 using orx::Result;
 
-ClashAnswerer::ClashAnswerer(IfExists policy, Question question)
-    : m_policy(policy == IfExists::Ask && !question ? IfExists::Fail : policy)
-    , m_nobodyAsked(m_policy != policy)
-    , m_question(std::move(question)) {}
+ClashAnswerer::ClashAnswerer(IfExists policy, bool canBeAsked, QObject* parent)
+    : QObject(parent)
+    , m_policy(policy == IfExists::Ask && !canBeAsked ? IfExists::Fail : policy)
+    , m_nobodyAsked(m_policy != policy) {}
+
+ClashAnswerer::~ClashAnswerer() = default;
 
 void ClashAnswerer::remember(const QString& path, const RemoteItem& item) {
     const QFileInfo place(QDir::cleanPath(path));
@@ -77,32 +81,77 @@ Error ClashAnswerer::refusal(const Clash& clash) const {
             .arg(path, options));
 }
 
-Result<IfExists> ClashAnswerer::decide(const Clash& clash) {
+std::optional<ClashAnswerer::Decision> ClashAnswerer::decided(const Clash& clash) const {
     if (m_quit)
         return Error(ErrorCode::Canceled, QStringLiteral("The download was given up."));
-    if (m_policy != IfExists::Ask) {
-        if (m_policy == IfExists::Fail || (m_policy == IfExists::Overwrite && !clash.madeBy.isEmpty()))
-            return refusal(clash);
-        return m_policy;
+    if (m_policy == IfExists::Ask)
+        return std::nullopt;
+    if (m_policy == IfExists::Fail || (m_policy == IfExists::Overwrite && !clash.madeBy.isEmpty()))
+        return refusal(clash);
+    return m_policy;
+}
+
+int ClashAnswerer::ask(const Clash& clash, Decided then) {
+    m_waiting.push_back({++m_lastNumber, clash, std::move(then)});
+    QMetaObject::invokeMethod(this, &ClashAnswerer::askNext, Qt::QueuedConnection);
+    return m_lastNumber;
+}
+
+void ClashAnswerer::withdraw(int number) {
+    const auto found = std::find_if(m_waiting.begin(), m_waiting.end(),
+                                    [number](const Waiting& one) { return one.number == number; });
+    if (found == m_waiting.end())
+        return;
+    const bool wasOpen = m_isOpen && found == m_waiting.begin();
+    m_waiting.erase(found);
+    if (!wasOpen)
+        return;
+    m_isOpen = false;
+    Q_EMIT withdrawn();
+    QMetaObject::invokeMethod(this, &ClashAnswerer::askNext, Qt::QueuedConnection);
+}
+
+void ClashAnswerer::askNext() {
+    decideWaiting();
+    if (m_isOpen || m_waiting.empty())
+        return;
+    m_isOpen = true;
+    const Clash clash = m_waiting.front().clash;
+    Q_EMIT asked(clash);
+}
+
+// What is said of all later ones holds for those that wait, too.
+void ClashAnswerer::decideWaiting() {
+    while (!m_isOpen && !m_waiting.empty()) {
+        const auto decision = decided(m_waiting.front().clash);
+        if (!decision)
+            return;
+        const Waiting one = std::move(m_waiting.front());
+        m_waiting.pop_front();
+        one.then(*decision);
     }
-    const ClashAnswer answer = m_question(clash);
-    IfExists decision = IfExists::Skip;
-    switch (answer.choice) {
-    case ClashAnswer::Choice::Quit:
+}
+
+void ClashAnswerer::answer(const ClashAnswer& answer) {
+    if (!m_isOpen)
+        return;
+    m_isOpen = false;
+    QMetaObject::invokeMethod(this, &ClashAnswerer::askNext, Qt::QueuedConnection);
+    if (answer.choice == ClashAnswer::Choice::Quit) {
         m_quit = true;
-        return Error(ErrorCode::Canceled, QStringLiteral("The download was given up."));
-    case ClashAnswer::Choice::Overwrite:
-        decision = IfExists::Overwrite;
-        break;
-    case ClashAnswer::Choice::Rename:
-        decision = IfExists::Rename;
-        break;
-    case ClashAnswer::Choice::Skip:
-        break;
+        Q_EMIT gaveUp();
+        return; // the waiting ones hear of it, this one among them
     }
+    IfExists decision = IfExists::Skip;
+    if (answer.choice == ClashAnswer::Choice::Overwrite)
+        decision = IfExists::Overwrite;
+    else if (answer.choice == ClashAnswer::Choice::Rename)
+        decision = IfExists::Rename;
     if (answer.forAll)
         m_policy = decision;
-    return decision;
+    const Waiting one = std::move(m_waiting.front());
+    m_waiting.pop_front();
+    one.then(decision);
 }
 
 } // namespace halvane::host

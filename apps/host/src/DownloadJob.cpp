@@ -50,25 +50,16 @@ QString withoutTrailingSlashes(QString path) {
 
 } // namespace
 
-DownloadJob::DownloadJob(const DownloadRequest& request, ClashAnswerer::Question question, QObject* parent)
+DownloadJob::DownloadJob(const DownloadRequest& request, bool canBeAsked, QObject* parent)
     : ComplexTask(QStringLiteral("Download"), parent)
     , m_request(request)
-    , m_answerer(request.ifExists, endingWith(std::move(question)))
-    , m_unresolved(request.sources.begin(), request.sources.end()) {}
+    , m_answerer(*new ClashAnswerer(request.ifExists, canBeAsked, this))
+    , m_unresolved(request.sources.begin(), request.sources.end()) {
+    // Who quits ends the whole run; not at once, since a task is waiting for the answer.
+    connect(&m_answerer, &ClashAnswerer::gaveUp, this, &DownloadJob::cancel, Qt::QueuedConnection);
+}
 
 DownloadJob::~DownloadJob() = default;
-
-// Who quits ends the whole run; not at once, since a task is waiting for the answer.
-ClashAnswerer::Question DownloadJob::endingWith(ClashAnswerer::Question question) {
-    if (!question)
-        return {};
-    return [this, ask = std::move(question)](const Clash& clash) {
-        const ClashAnswer answer = ask(clash);
-        if (answer.choice == ClashAnswer::Choice::Quit)
-            QMetaObject::invokeMethod(this, &DownloadJob::cancel, Qt::QueuedConnection);
-        return answer;
-    };
-}
 
 bool DownloadJob::isSingleFile() const {
     return m_request.sources.size() == 1 && !m_metFolder;
@@ -156,12 +147,13 @@ Result<QString> DownloadJob::localNameOf(const RemoteItem& remote) const {
         return m_targetName;
     if (remote.isFolder() && remote.id == RemoteItem::root().id)
         return QString();
-    if (!orx::DownloadNames::checkListed(remote.name).hasError())
+    const Error problem = orx::DownloadNames::checkListed(remote.name);
+    if (!problem.hasError())
         return remote.name;
     return Error(ErrorCode::InvalidArgument,
-                 QStringLiteral("The name \"%1\" on the server cannot be the name of a local %2; give it "
-                                "another one with --as, in the directory of --to.")
-                     .arg(orx::DownloadNames::printable(remote.name),
+                 QStringLiteral("%1 The name on the server cannot be that of a local %2; give it another one "
+                                "with --as, in the directory of --to.")
+                     .arg(problem.errorMessage(),
                           remote.isFile() ? QStringLiteral("file") : QStringLiteral("directory")));
 }
 

@@ -22,9 +22,11 @@ class FolderDownloadTask;
 class HALVANE_HOST_EXPORT DownloadJob : public orx::ComplexTask {
     Q_OBJECT
 public:
-    explicit DownloadJob(const DownloadRequest& request, ClashAnswerer::Question question = {},
-                         QObject* parent = nullptr);
+    //! When somebody \a canBeAsked about clashes, answerer() asks.
+    explicit DownloadJob(const DownloadRequest& request, bool canBeAsked = false, QObject* parent = nullptr);
     ~DownloadJob() override;
+
+    ClashAnswerer& answerer() { return m_answerer; }
 
     //! Whether the only source is a file: as far as it is known, true before that.
     bool isSingleFile() const;
@@ -54,7 +56,6 @@ private:
         QString name;
     };
 
-    ClashAnswerer::Question endingWith(ClashAnswerer::Question question);
     orx::Error chooseTarget();
     void resolveNext();
     void onResolved(const QString& source, const RemoteItem& remote);
@@ -72,7 +73,8 @@ private:
     void giveUp(const orx::Error& error);
 
     DownloadRequest m_request;
-    ClashAnswerer m_answerer;
+    //! A child, so that it outlives the subtasks.
+    ClashAnswerer& m_answerer;
     QString m_targetDir;
     //! Of a single file whose path was given.
     QString m_targetName;

@@ -1,7 +1,9 @@
 #include "DownloadSteps.h"
 
 #include <QDirIterator>
-#include <QStorageInfo>
+#include <QFile>
+
+#include <sys/statvfs.h>
 
 namespace halvane::host {
 
@@ -56,12 +58,15 @@ Error checkDirectoryPlace(const QFileInfo& target) {
 }
 
 Error checkRoom(const QFileInfo& target, qint64 size) {
-    const QStorageInfo storage(target.absolutePath());
-    if (!storage.isValid() || storage.bytesTotal() <= 0 || storage.bytesAvailable() >= size)
+    struct statvfs disk {};
+    if (::statvfs(QFile::encodeName(target.absolutePath()).constData(), &disk) != 0 || disk.f_blocks == 0)
+        return {}; // unknown; a write will tell
+    const qint64 available = qint64(disk.f_bavail) * qint64(disk.f_frsize);
+    if (available >= size)
         return {};
     return Error(ErrorCode::StorageFull,
                  QStringLiteral("There is no room for \"%1\": %2 bytes are missing; free some space.")
-                     .arg(target.absoluteFilePath(), QString::number(size - storage.bytesAvailable())));
+                     .arg(target.absoluteFilePath(), QString::number(size - available)));
 }
 
 qint64 bytesIn(const QString& path) {

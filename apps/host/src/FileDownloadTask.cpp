@@ -14,6 +14,8 @@
 #include <QDir>
 #include <QFileInfo>
 
+#include <utility>
+
 namespace halvane::host {
 
 using orx::BaseTask;
@@ -29,9 +31,9 @@ using Outcome = DownloadedFile::Outcome;
 
 namespace {
 
-Error checkPlace(const QFileInfo& target, qint64 size) {
-    ORX_RETURN_ON_ERROR(checkFilePlace(target));
-    return checkRoom(target, size);
+//! Of \a size bytes beside \a target those are there that are in \a partial.
+Error checkRoomForRest(const QString& target, const QString& partial, qint64 size) {
+    return checkRoom(QFileInfo(target), size - QFileInfo(partial).size());
 }
 
 } // namespace
@@ -42,6 +44,8 @@ struct FileDownloadTask::Look {
     //! A link that leads nowhere, which nobody but this task notices.
     bool isDangling = false;
     Error problem;
+    //! For a copy out of the cache. What is fetched directly looks for room itself.
+    Error noRoom;
 };
 
 FileDownloadTask::FileDownloadTask(const Wanted& wanted, ClashAnswerer& answerer, MakeTask makeTask,
@@ -55,9 +59,8 @@ QString FileDownloadTask::targetPath() const {
 }
 
 QString FileDownloadTask::partialPath() const {
-    return m_usesCache ? QString()
-                       : m_wanted.directory + u'/' +
-                             orx::DownloadNames::partialName(m_name, m_wanted.item.id, m_wanted.item.version);
+    return m_wanted.directory + u'/' +
+           orx::DownloadNames::partialName(m_name, m_wanted.item.id, m_wanted.item.version);
 }
 
 Error FileDownloadTask::initialize() {
@@ -71,14 +74,15 @@ void FileDownloadTask::look() {
     m_seenMaker = m_answerer.whoMade(targetPath());
     const auto look = std::make_shared<Look>();
     execSubtask(workerStep(QStringLiteral("LookAtTarget"),
-                           [look, path = targetPath(), partial = partialPath(),
-                            size = m_wanted.item.size]() -> Error {
+                           [look, path = targetPath(), partial = partialPath(), size = m_wanted.item.size,
+                            isCopied = m_usesCache]() -> Error {
                                const QFileInfo target(path);
-                               const qint64 arrived = partial.isEmpty() ? 0 : QFileInfo(partial).size();
                                look->isThere = isThere(target);
                                look->isFile = target.isFile();
                                look->isDangling = target.isSymLink() && !target.exists();
-                               look->problem = checkPlace(target, size - arrived);
+                               look->problem = checkFilePlace(target);
+                               if (isCopied)
+                                   look->noRoom = checkRoomForRest(path, partial, size);
                                return {};
                            }),
                 [this, look](BaseTask*) { onLooked(*look); });
@@ -97,7 +101,7 @@ void FileDownloadTask::onLooked(const Look& look) {
     if (!look.isFile) {
         if (look.problem.hasError())
             return finish(look.problem);
-        return look.isThere ? onOtherContent(look) : fetch();
+        return look.isThere ? onOtherContent(look) : fetchInto(look);
     }
     compare(targetPath(), [this, look](bool isSame) {
         if (isSame)
@@ -107,13 +111,14 @@ void FileDownloadTask::onLooked(const Look& look) {
 }
 
 void FileDownloadTask::onOtherContent(const Look& look) {
-    if (m_answerer.policy() == IfExists::Skip)
-        return endAs(Outcome::Skipped);
-    // The plug-in's task asks when it has the file; but neither the direct download nor that of a dangling
-    // link does.
-    const bool isAskedLater = m_answerer.policy() == IfExists::Ask && m_usesCache && !look.isDangling;
-    const Result<IfExists> decision =
-        isAskedLater ? Result<IfExists>(IfExists::Ask) : decide(targetPath(), m_seenMaker);
+    // Nobody is asked about what cannot be done.
+    if (m_answerer.policy() == IfExists::Ask && look.problem.hasError())
+        return finish(look.problem);
+    decide(targetPath(), m_seenMaker,
+           [this, look](const ClashAnswerer::Decision& decision) { onDecided(look, decision); });
+}
+
+void FileDownloadTask::onDecided(const Look& look, const ClashAnswerer::Decision& decision) {
     if (decision.hasError())
         return finish(decision.error());
     if (*decision == IfExists::Skip)
@@ -123,7 +128,24 @@ void FileDownloadTask::onOtherContent(const Look& look) {
     if (*decision == IfExists::Rename)
         return findFreeName(2);
     m_mayOverwrite = *decision == IfExists::Overwrite;
+    fetchInto(look);
+}
+
+void FileDownloadTask::fetchInto(const Look& look) {
+    if (look.noRoom.hasError())
+        return finish(look.noRoom);
     fetch();
+}
+
+// What an interrupted run left is called after that name.
+void FileDownloadTask::fetchRenamed() {
+    if (!m_usesCache)
+        return fetch();
+    execSubtask(workerStep(QStringLiteral("LookForRoom"),
+                           [path = targetPath(), partial = partialPath(), size = m_wanted.item.size] {
+                               return checkRoomForRest(path, partial, size);
+                           }),
+                [this](BaseTask*) { fetch(); });
 }
 
 // The first name that is free, or under which an earlier run left this very content.
@@ -135,7 +157,7 @@ void FileDownloadTask::findFreeName(int number) {
     if (m_answerer.isOfFolder(targetPath()))
         return findFreeName(number + 1);
     if (!isThere(QFileInfo(targetPath())))
-        return fetch();
+        return fetchRenamed();
     compare(targetPath(), [this, number](bool isSame) {
         if (isSame)
             return endUnchanged();
@@ -214,7 +236,7 @@ void FileDownloadTask::fetchThroughCache() {
     retrieve([this] { place(); }, [this](const Error& error) { onNotCopied(error); });
 }
 
-// What came to the target meanwhile the plug-in's task asks about, unless it may overwrite.
+// What came to the target meanwhile the plug-in's task tells, unless it may overwrite.
 void FileDownloadTask::place() {
     takePlaces({targetPath()}, [this] {
         m_mayOverwrite = m_mayOverwrite && m_answerer.whoMade(targetPath()) == m_seenMaker;
@@ -245,7 +267,8 @@ void FileDownloadTask::copy() {
         [this](BaseTask* ended) { onNotCopied(ended->error()); });
 }
 
-// All names of one file get the decision that the first of them got.
+// What came to the target while the content was fetched. All names of one file get the decision that the
+// first of them got. Somebody who has to be asked is asked when the copy has been given up.
 void FileDownloadTask::onClash(const QStringList& names, const MadeBy& madeBy,
                                HalvaneDownloadFileCacheTask& task, QStringList& newNames) {
     const QDir directory(m_wanted.directory);
@@ -253,16 +276,19 @@ void FileDownloadTask::onClash(const QStringList& names, const MadeBy& madeBy,
     const auto reference = madeBy.value(first);
     const QString path = directory.filePath(first);
     const QString maker = reference ? reference->toText() : m_answerer.whoMade(path);
-    const Result<IfExists> decision = decide(path, maker);
+    const auto decision = m_answerer.decided(clashAt(path, maker));
     using Policy = orx::FileUtils::DuplicateFilesPolicy;
-    if (decision.hasError()) {
-        m_refusal = decision.error();
+    if (!decision) {
+        m_isToBeAsked = true;
+        task.setError(Error(ErrorCode::AlreadyExists, QStringLiteral("\"%1\" exists already.").arg(path)));
+    } else if (decision->hasError()) {
+        m_refusal = decision->error();
         task.setError(m_refusal);
-    } else if (*decision == IfExists::Overwrite) {
+    } else if (**decision == IfExists::Overwrite) {
         m_mayOverwrite = true;
         m_seenMaker = maker;
         task.setDuplicateFilesPolicy(Policy::Overwrite);
-    } else if (*decision == IfExists::Skip) {
+    } else if (**decision == IfExists::Skip) {
         m_skipped = true;
         task.setDuplicateFilesPolicy(Policy::Skip);
     } else {
@@ -304,6 +330,8 @@ void FileDownloadTask::onNotCopied(const Error& error) {
     leavePlaces();
     if (isCanceled())
         return finish(error);
+    if (std::exchange(m_isToBeAsked, false))
+        return lookAgain();
     if (m_refusal.hasError())
         return finish(m_refusal);
     if (!failedHere(error))
@@ -316,8 +344,11 @@ void FileDownloadTask::onNotCopied(const Error& error) {
 void FileDownloadTask::explain(const Error& error) {
     const auto problem = std::make_shared<Error>();
     execSubtask(workerStep(QStringLiteral("LookAgain"),
-                           [problem, path = targetPath(), size = m_wanted.item.size]() -> Error {
-                               *problem = checkPlace(QFileInfo(path), size);
+                           [problem, path = targetPath(), partial = partialPath(),
+                            size = m_wanted.item.size]() -> Error {
+                               *problem = checkFilePlace(QFileInfo(path));
+                               if (!problem->hasError())
+                                   *problem = checkRoomForRest(path, partial, size);
                                return {};
                            }),
                 [this, problem, error](BaseTask*) {

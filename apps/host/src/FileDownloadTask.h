@@ -39,13 +39,16 @@ private:
     using Compared = std::function<void(bool isSame)>;
 
     QString targetPath() const;
-    //! What an earlier download without the cache left is there; empty with the cache.
+    //! What an earlier download without the cache left is there.
     QString partialPath() const;
     void look();
     void lookAgain();
     void onLooked(const Look& look);
     void onOtherContent(const Look& look);
+    void onDecided(const Look& look, const ClashAnswerer::Decision& decision);
     void findFreeName(int number);
+    void fetchInto(const Look& look);
+    void fetchRenamed();
     void compare(const QString& path, const Compared& next);
     void compareMore(const std::shared_ptr<orx::ContentCheck>& check, const Compared& next);
     void endUnchanged();
@@ -70,6 +73,7 @@ private:
     //! Which file of this download is at the target, as of the last look: who may be overwritten.
     QString m_seenMaker;
     //! What was answered to the plug-in's question.
+    bool m_isToBeAsked = false;
     bool m_skipped = false;
     orx::Error m_refusal;
 };

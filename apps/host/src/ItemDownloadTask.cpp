@@ -1,6 +1,7 @@
 #include "ItemDownloadTask.h"
 
 #include "AcquisitionDownloadTask.h"
+#include "ClashStepTask.h"
 #include "DownloadSteps.h"
 #include "RemotePath.h"
 
@@ -25,7 +26,8 @@ constexpr std::chrono::milliseconds waitForAnother(20);
 ItemDownloadTask::ItemDownloadTask(const Wanted& wanted, ClashAnswerer& answerer, QObject* parent)
     : ComplexTask(QStringLiteral("Download(%1)").arg(wanted.item.reference()), parent)
     , m_wanted(wanted)
-    , m_answerer(answerer) {
+    , m_answerer(answerer)
+    , m_alive(&answerer) {
     m_result.item = wanted.item;
 }
 
@@ -86,7 +88,7 @@ void ItemDownloadTask::discardCopy(const orx::FileCopy::Stamp& seen, const Next&
         });
 }
 
-Result<IfExists> ItemDownloadTask::decide(const QString& path, const QString& madeBy) {
+Clash ItemDownloadTask::clashAt(const QString& path, const QString& madeBy) const {
     Clash clash;
     clash.existing = QFileInfo(path);
     clash.madeBy = madeBy;
@@ -97,7 +99,21 @@ Result<IfExists> ItemDownloadTask::decide(const QString& path, const QString& ma
         if (!version.hasError())
             clash.existingVersion = version.value();
     }
-    return m_answerer.decide(clash);
+    return clash;
+}
+
+void ItemDownloadTask::decide(const QString& path, const QString& madeBy,
+                              const ClashAnswerer::Decided& then) {
+    const Clash clash = clashAt(path, madeBy);
+    if (const auto decision = m_answerer.decided(clash))
+        return then(*decision);
+    auto step = std::make_unique<ClashStepTask>(m_answerer, clash);
+    execSubtask(
+        std::move(step), [then](ClashStepTask* done) { then(done->decision()); },
+        [this, then](BaseTask* ended) {
+            if (!isCanceled())
+                then(ended->error());
+        });
 }
 
 void ItemDownloadTask::takePlaces(const QStringList& paths, const Next& next) {
@@ -110,7 +126,9 @@ void ItemDownloadTask::takePlaces(const QStringList& paths, const Next& next) {
 }
 
 void ItemDownloadTask::leavePlaces() {
-    m_answerer.endWriting(std::exchange(m_places, {}));
+    const QStringList places = std::exchange(m_places, {});
+    if (m_alive && !places.isEmpty())
+        m_alive->endWriting(places);
 }
 
 void ItemDownloadTask::remember(const QStringList& paths) {

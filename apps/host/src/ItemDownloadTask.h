@@ -6,6 +6,8 @@
 #include <DuplicateDownload.h>
 #include <FileCopy.h>
 
+#include <QPointer>
+
 #include <functional>
 #include <memory>
 
@@ -67,8 +69,10 @@ protected:
     //! The copy in the cache, which had the stamp \a seen, is not what the server has: nobody takes it any
     //! more, also when it cannot be fetched anew.
     void discardCopy(const orx::FileCopy::Stamp& seen, const Next& next);
-    //! What is to become of the clash at \a path. Errors: those of ClashAnswerer::decide().
-    orx::Result<IfExists> decide(const QString& path, const QString& madeBy);
+    //! The clash at \a path, which \a madeBy made, when one of this download did.
+    Clash clashAt(const QString& path, const QString& madeBy) const;
+    //! Goes on to \a then with what is to become of it, once somebody who has to be asked has answered.
+    void decide(const QString& path, const QString& madeBy, const ClashAnswerer::Decided& then);
     //! Goes on to \a next once no other file of this download writes to one of \a paths, which it keeps from
     //! them until leavePlaces() or the end of the task.
     void takePlaces(const QStringList& paths, const Next& next);
@@ -83,6 +87,8 @@ protected:
 
     Wanted m_wanted;
     ClashAnswerer& m_answerer;
+    //! A task that has ended may be deleted later than the download.
+    const QPointer<ClashAnswerer> m_alive;
     DownloadedFile m_result;
     //! Of the file; null until the cache is used.
     QSharedPointer<orx::ResourceHandler> m_handler;
