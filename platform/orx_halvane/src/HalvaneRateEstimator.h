@@ -1,5 +1,7 @@
 #pragma once
 
+#include "orx_halvane_export.h"
+
 #include <QtGlobal>
 
 #include <chrono>
@@ -8,7 +10,7 @@
 namespace orx {
 
 //! The mean rate over the last seconds of a growing sum. Pure: the caller gives the times.
-class HalvaneRateEstimator {
+class ORX_HALVANE_EXPORT HalvaneRateEstimator {
 public:
     using Time = std::chrono::steady_clock::time_point;
     //! How far back the mean looks.
