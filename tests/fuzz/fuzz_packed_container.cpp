@@ -1,13 +1,18 @@
 // Packed files that lie. The first byte says what the rest is: a whole file; or the manifest of a small file
 // of either version; or changes of its chunk table and frames. The digests of what lies are right, so that
-// the rules behind them are reached. Whatever it is, it is refused with an error, or passes every check.
+// the rules behind them are reached. Whatever it is, it is refused with an error, by its ends as by the whole
+// file, and nothing is made of it; or it passes every check, comes out as it says, and can be upgraded.
 #include "FuzzCheck.h"
 #include "SmallWriter.h"
 
 #include <PackedPaths.h>
 #include <Vonk.h>
 
+#include <QDir>
+#include <QDirIterator>
+#include <QFile>
 #include <QJsonDocument>
+#include <QTemporaryDir>
 
 #include <sys/mman.h>
 #include <unistd.h>
@@ -67,16 +72,106 @@ void expectRefusal(const Error& error) {
     FUZZ_CHECK(!error.errorMessage().isEmpty());
 }
 
-void read(const QString& path) {
+//! What was made in it is gone with the next input.
+const QString& workPlace() {
+    static const QTemporaryDir directory(QStringLiteral("/dev/shm/fuzz-packed-XXXXXX"));
+    static const QString path = directory.path();
+    FUZZ_CHECK(directory.isValid());
+    return path;
+}
+
+void expectNothingMade() {
+    FUZZ_CHECK(
+        QDir(workPlace()).isEmpty(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot));
+}
+
+//! Of a file of that many bytes \a tail are at hand first, and what is asked for then.
+void expectSameByEnds(const QByteArray& bytes, const Error& whole, const VonkMetadata& metadata) {
+    VonkEnds ends{bytes.size(), bytes.left(VonkLook::headSize), bytes.right(72)};
+    for (int asked = 0;; ++asked) {
+        FUZZ_CHECK(asked < 10);
+        const auto look = Vonk::look(ends);
+        if (look.hasError()) {
+            expectRefusal(look.error());
+            FUZZ_CHECK(whole.hasError());
+            return;
+        }
+        if (look->metadata) {
+            FUZZ_CHECK(!whole.hasError() && *look->metadata == metadata);
+            return;
+        }
+        FUZZ_CHECK(look->missing >= 0 && look->missing < bytes.size());
+        const qint64 tail = bytes.size() - look->missing;
+        if (look->missing == 0)
+            ends.head = bytes.left(2 * ends.head.size());
+        else if (tail > ends.tail.size())
+            ends.tail = bytes.right(tail);
+        else
+            FUZZ_CHECK(!"asks for what it has");
+    }
+}
+
+void expectUnpacked(const Vonk& vonk) {
+    const QString target = workPlace() + QStringLiteral("/target");
+    FUZZ_CHECK(!vonk.unpack(target).hasError());
+    QStringList expected;
+    for (const VonkEntry& entry : vonk.metadata().entries) {
+        const QString path = target + QLatin1Char('/') + entry.path;
+        expected.append(path);
+        FUZZ_CHECK(QFileInfo(path).isFile() == entry.isFile() && !QFileInfo(path).isSymLink());
+        QFile file(path);
+        FUZZ_CHECK(!entry.isFile() ||
+                   (file.open(QIODevice::ReadOnly) && sha256Hex(file.readAll()) == entry.sha256));
+    }
+    QDirIterator items(target, QDir::Files | QDir::Hidden | QDir::System, QDirIterator::Subdirectories);
+    while (items.hasNext())
+        FUZZ_CHECK(expected.contains(items.next()));
+    FUZZ_CHECK(QDir(target).removeRecursively());
+    expectNothingMade();
+}
+
+void expectUpgraded(const Vonk& vonk) {
+    const QString target = workPlace() + QStringLiteral("/target");
+    const Error error = vonk.upgrade(target);
+    // The manifest of the new format may take more room than it may have.
+    if (error.hasError())
+        return expectRefusal(error);
+    Vonk upgraded(target);
+    FUZZ_CHECK(!upgraded.open().hasError() && !upgraded.validate(Vonk::Check::Full).hasError());
+    FUZZ_CHECK(upgraded.metadata().formatVersion == vonkVersion());
+    FUZZ_CHECK(upgraded.metadata().entries == vonk.metadata().entries);
+    FUZZ_CHECK(QFile::remove(target));
+}
+
+void expectNothingOf(const Vonk& vonk, ErrorCode code) {
+    const QString target = workPlace() + QStringLiteral("/target");
+    for (const Error& error : {vonk.unpack(target), vonk.upgrade(target)})
+        FUZZ_CHECK(error.is(code) || error.is(ErrorCode::StorageFull));
+    expectNothingMade();
+}
+
+void read(const QString& path, const QByteArray& bytes) {
     Vonk vonk(path);
-    if (const Error error = vonk.open(); error.hasError())
-        return expectRefusal(error);
-    if (const Error error = vonk.validate(Vonk::Check::Quick); error.hasError())
-        return expectRefusal(error);
+    Error error = vonk.open();
+    if (!error.hasError())
+        error = vonk.validate(Vonk::Check::Quick);
+    expectSameByEnds(bytes, error, vonk.metadata());
+    if (error.hasError()) {
+        expectRefusal(error);
+        if (vonk.isOpen())
+            expectNothingOf(vonk, error.errorCode());
+        return;
+    }
     FUZZ_CHECK(!checkEntryPaths(vonk.metadata().entries).hasError());
-    if (const Error error = vonk.validate(Vonk::Check::Full); error.hasError())
-        return expectRefusal(error);
+    error = vonk.validate(Vonk::Check::Full);
+    if (error.hasError()) {
+        expectRefusal(error);
+        return expectNothingOf(vonk, error.errorCode());
+    }
     FUZZ_CHECK(VonkMetadata::fromJson(vonk.metadata().toJson())->entries == vonk.metadata().entries);
+    expectUnpacked(vonk);
+    expectUpgraded(vonk);
+    expectNothingMade();
 }
 
 } // namespace
@@ -89,7 +184,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const int file = memfd_create("packed", MFD_CLOEXEC);
     FUZZ_CHECK(file >= 0);
     FUZZ_CHECK(write(file, bytes.constData(), size_t(bytes.size())) == bytes.size());
-    read(QStringLiteral("/proc/self/fd/%1").arg(file));
+    read(QStringLiteral("/proc/self/fd/%1").arg(file), bytes);
     close(file);
     return 0;
 }

@@ -1,8 +1,9 @@
 // Any JSON as the manifest of a packed acquisition: it is refused with an error, or is the same after its own
-// JSON.
+// JSON; so is the run summary in it.
 #include "FuzzCheck.h"
 
 #include <PackedPaths.h>
+#include <RunSummary.h>
 #include <VonkMetadata.h>
 
 #include <QJsonDocument>
@@ -11,6 +12,22 @@ using namespace orx;
 using namespace orx::vonk;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
+
+namespace {
+
+void checkSummary(const QJsonObject& json) {
+    const auto summary = RunSummary::fromJson(json);
+    if (summary.hasError()) {
+        FUZZ_CHECK(summary.error().is(ErrorCode::ParseError) && !summary.errorMessage().isEmpty());
+        return;
+    }
+    FUZZ_CHECK(summary->spectrumCount() >= 0);
+    FUZZ_CHECK(summary->trace.points.size() <= IonCurrentTrace::MAX_POINTS);
+    const auto again = RunSummary::fromJson(summary->toJson());
+    FUZZ_CHECK(!again.hasError() && *again == *summary);
+}
+
+} // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const QByteArray text(reinterpret_cast<const char*>(data), qsizetype(size));
@@ -22,6 +39,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     FUZZ_CHECK(!metadata->formatVersion.isNull());
     FUZZ_CHECK(metadata->totalSize() >= 0);
+    if (metadata->runSummary)
+        checkSummary(*metadata->runSummary);
     const auto again = VonkMetadata::fromJson(metadata->toJson());
     FUZZ_CHECK(!again.hasError());
     FUZZ_CHECK(again->toJson() == metadata->toJson());

@@ -157,6 +157,18 @@ TEST_F(VonkFileUpload, AFileThatCannotBeReadFailsWithTheReadersError) {
     EXPECT_TRUE(server.log().isEmpty());
 }
 
+TEST_F(VonkFileUpload, AFileThatReadsWellButIsNotValidFailsWithTheReadersError) {
+    vonk::SmallWriter writer(2);
+    writer.addFile(QStringLiteral("content/../run1.raw"), "m/z");
+    writer.finish();
+    const QString path = makeFile(QStringLiteral("outside.vonk"), writer.bytes());
+    HalvaneVonkFileUploadTask task(uploadOf(path), nullptr);
+    const Error error = run(task);
+    EXPECT_TRUE(error.is(ErrorCode::InvalidArgument));
+    EXPECT_TRUE(error.errorMessage().contains(path)) << qPrintable(error.errorMessage());
+    EXPECT_TRUE(server.log().isEmpty());
+}
+
 TEST_F(VonkFileUpload, OneOfTheCurrentFormatGoesUpAsItIsWithItsTrace) {
     server.service().setChunkSize(1 << 20);
     const QString path = packedFile(2);
