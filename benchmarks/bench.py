@@ -680,17 +680,33 @@ def bench_pack(table, root, build, work, mib, count):
     timed([program, "make", "mixed", spectra, str(4 * mib), source])
     packed.unlink()
     timed([program, "pack", source, packed])
-    quick = milliseconds(timed([program, "quick", packed])[2])
-    table.limit(f"opening and quick check of a packed file of {packed.stat().st_size / MIB:.0f} MiB", quick, "ms", 20,
-                "median of 11 in one process")
-    halvane = build / "bin" / "halvane"
-    runs = [[timed([halvane, *arguments])[0] * 1000 for arguments in (["inspect", packed], ["--version"])] for _ in range(11)]
-    whole, start = (statistics.median(column) for column in zip(*runs))
-    table.limit("halvane inspect of it, beside starting the program", statistics.median(inspect - version for inspect, version in runs), "ms", 20,
-                f"median of 11 pairs; the whole program {whole:.1f} ms, of which halvane --version takes {start:.1f} ms")
     shutil.rmtree(source)
-    for path in (packed, peer, digest):
+    bench_known_packed(table, build, work, packed, milliseconds)
+    old = work / "old.vonk"
+    timed([program, "make", "old", spectra, str(mib), old])
+    seconds, peak, _ = timed([build / "bin" / "halvane", "upgrade", old])
+    table.limit(f"memory of halvane upgrade, {mib} MiB of format 1", peak, "MiB", 64, f"high-water mark; it took {seconds:.1f} s")
+    for path in (packed, peer, digest, old):
         path.unlink(missing_ok=True)
+
+
+def bench_known_packed(table, build, work, packed, milliseconds):
+    """What a large packed file costs whoever looks at it, and who unpacks it."""
+    size = f"{packed.stat().st_size / MIB:.0f} MiB"
+    _, peak, output = timed([build / "bin" / "bench_pack", "quick", packed])
+    table.limit(f"opening and quick check of a packed file of {size}", milliseconds(output), "ms", 20, "median of 11 in one process")
+    table.limit("memory of the quick check of it", peak, "MiB", 64, "high-water mark")
+    halvane = build / "bin" / "halvane"
+    runs = [[timed([halvane, *arguments]) for arguments in (["inspect", packed], ["--version"])] for _ in range(11)]
+    beside = [(inspect[0] - version[0]) * 1000 for inspect, version in runs]
+    whole, start = (statistics.median(run[0] * 1000 for run in column) for column in zip(*runs))
+    table.limit("halvane inspect of it, beside starting the program", statistics.median(beside), "ms", 20,
+                f"median of 11 pairs; the whole program {whole:.1f} ms, of which halvane --version takes {start:.1f} ms")
+    table.limit("memory of halvane inspect of it", max(inspect[1] for inspect, _ in runs), "MiB", 64, "high-water mark")
+    target = work / "unpacked"
+    seconds, peak, _ = timed([halvane, "unpack", packed, "--to", target])
+    table.limit("memory of halvane unpack of it", peak, "MiB", 64, f"high-water mark; it took {seconds:.1f} s")
+    shutil.rmtree(target)
 
 
 def main():

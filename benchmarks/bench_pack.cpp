@@ -1,12 +1,15 @@
 // Packed acquisitions and raw data. usage:
 //   bench_pack make plain|zlib|mixed SPECTRA.mgf MIB TARGET   mzML with arrays as they are or compressed; or
 //                                                             a directory of both and of noise
+//   bench_pack make old SPECTRA.mgf MIB TARGET                a packed acquisition of format version 1
 //   bench_pack pack SOURCE TARGET
 //   bench_pack check|quick|unpack FILE [TARGET]
 //   bench_pack summarise FILE
 // The last ones print {"ms": milliseconds} of the call itself; of "quick" the median of eleven, since one is
 // shorter than what the machine does beside it. "make" perturbs the peaks of real spectra, so that no window,
 // however long, finds anything twice.
+#include "SmallWriter.h"
+
 #include <RunSummaries.h>
 #include <Vonk.h>
 #include <VonkPacker.h>
@@ -78,6 +81,21 @@ public:
         return {};
     }
 
+    Error old(const QString& target, qint64 bytes) {
+        const QString source = target + QStringLiteral(".mzML");
+        ORX_RETURN_ON_ERROR(mzml(source, bytes));
+        QFile content(source);
+        QFile packed(target);
+        if (!content.open(QIODevice::ReadOnly) || !packed.open(QIODevice::WriteOnly))
+            return Error(ErrorCode::FileNotWritable, packed.errorString());
+        SmallWriter writer(1);
+        writer.addFile(QStringLiteral("content/run1.mzML"), content.readAll());
+        writer.finish();
+        packed.write(writer.bytes());
+        content.remove();
+        return packed.flush() ? Error() : Error(ErrorCode::FileNotWritable, packed.errorString());
+    }
+
 private:
     Error noise(const QString& path, qint64 bytes) {
         QFile file(path);
@@ -134,6 +152,8 @@ Error make(const QStringList& arguments) {
                      QStringLiteral("There are too few peaks in %1.").arg(arguments[3]));
     Maker maker(std::move(peaks), arguments[2] == QLatin1String("zlib"));
     const qint64 bytes = arguments[4].toLongLong() * 1024 * 1024;
+    if (arguments[2] == QLatin1String("old"))
+        return maker.old(arguments[5], bytes);
     return arguments[2] == QLatin1String("mixed") ? maker.mixed(arguments[5], bytes)
                                                   : maker.mzml(arguments[5], bytes);
 }
