@@ -340,6 +340,77 @@ TEST_F(DownloadFolderCacheTask, FileTasksThatOutliveTheFolderTaskAskNobody) {
     EXPECT_EQ(targetTree(), QStringList{QStringLiteral("a=old")});
 }
 
+//! The whole walk: the folder "raw" of a scripted server, whose files lie in the cache already.
+class WalkedFolder : public FakeResourcesTest {
+protected:
+    WalkedFolder() {
+        server.connectClient();
+        resources.apart = true;
+    }
+    //! A file of the server, of which the cache has \a path with \a content.
+    int file(const QString& name, int parent, const QString& path, const QByteArray& content) {
+        const int id = server.service().addFile(name, content, parent);
+        resources.cache({{QString::number(id) + u'/' + path, content}});
+        return id;
+    }
+    std::unique_ptr<HalvaneDownloadFolderCacheTask> walk() {
+        const auto reference = HalvaneFolderResourceReference::create(raw, QStringLiteral("raw"));
+        return std::make_unique<HalvaneDownloadFolderCacheTask>(*reference, targetDir(), false, nullptr);
+    }
+
+    ClientEnvironment client{QUrl(QStringLiteral("http://scripted.invalid"))};
+    ScriptedHalvaneServer server;
+    int raw = server.service().addFolder(QStringLiteral("raw"));
+};
+
+TEST_F(WalkedFolder, FilesOfAllLevelsComeToTheirPlaces) {
+    const int sub = server.service().addFolder(QStringLiteral("May"), raw);
+    const QString name = QStringLiteral("run1.mzML");
+    file(name, raw, name, "above");
+    file(name, sub, name, "below");
+    const auto task = walk();
+    EXPECT_FALSE(run(*task).hasError());
+    EXPECT_EQ(targetTree(), (QStringList{QStringLiteral("raw/"), QStringLiteral("raw/May/"),
+                                         QStringLiteral("raw/May/run1.mzML=below"),
+                                         QStringLiteral("raw/run1.mzML=above")}));
+}
+
+TEST_F(WalkedFolder, PackedFilesOfOneNameAreNamedApartByWhatTheyHold) {
+    const QString packed = QStringLiteral("run1.raw.vonk");
+    const QString content = packed + QStringLiteral("/content/run1.raw");
+    file(packed, raw, content, "first");
+    const int twin = file(packed, raw, content, "second");
+    const auto task = walk();
+    EXPECT_FALSE(run(*task).hasError());
+    EXPECT_EQ(targetTree(),
+              (QStringList{QStringLiteral("raw/"), QStringLiteral("raw/run1 (file %1).raw=second").arg(twin),
+                           QStringLiteral("raw/run1.raw=first")}));
+}
+
+TEST_F(WalkedFolder, AsksAboutTheFilesOfItsFoldersOrDoesAsItsPolicySays) {
+    const QString name = QStringLiteral("run1.mzML");
+    const int id = file(name, raw, name, "new");
+    putTarget(QStringLiteral("raw/run1.mzML"), "old");
+    const auto asking = walk();
+    QStringList asked;
+    QObject::connect(asking.get(), &HalvaneDownloadFolderCacheTask::duplicateFileNameDetectedInFolderOnCopy,
+                     [&](const QStringList& duplicates, const DuplicateDownloadFileInfo& info,
+                         HalvaneDownloadFileCacheTask*, QStringList* fixedDuplicates) {
+                         for (const QString& duplicate : duplicates)
+                             asked << info.targetDir.filePath(duplicate);
+                         EXPECT_EQ(info.fileReference->id(), id);
+                         *fixedDuplicates = {QStringLiteral("run2.mzML")};
+                     });
+    EXPECT_FALSE(run(*asking).hasError());
+    EXPECT_EQ(asked, QStringList{targetPath(QStringLiteral("raw/run1.mzML"))});
+    EXPECT_EQ(targetTree(), (QStringList{QStringLiteral("raw/"), QStringLiteral("raw/run1.mzML=old"),
+                                         QStringLiteral("raw/run2.mzML=new")}));
+    const auto replacing = walk();
+    replacing->setDuplicatePolicy(DuplicateDownloadPolicy::Overwrite);
+    EXPECT_FALSE(run(*replacing).hasError());
+    EXPECT_TRUE(targetTree().contains(QStringLiteral("raw/run1.mzML=new")));
+}
+
 TEST(DuplicateDownload, NothingCanBeSkippedWithoutARunningTask) {
     EXPECT_EQ(duplicateDownloadSkipOption(nullptr), DuplicateDownloadSkipOption::Nothing);
     const Task notStarted(QStringLiteral("not started"));
