@@ -56,6 +56,20 @@ protected:
         return client.mustRun({"--json", "cache", "path", "/raw/run.mzML"}).object()["path"].toString();
     }
 
+    void loginThrough(const FaultProxy& proxy) {
+        ASSERT_TRUE(client.login(QUrl(QString::fromStdString(proxy.url()))));
+    }
+    //! Lets another server take the place of the one behind the proxy. What is put there, another file, has
+    //! the same number; its SHA-256.
+    QString setUpAnew(RealServer& second, FaultProxy& proxy) {
+        EXPECT_TRUE(second.start());
+        proxy.setTarget("127.0.0.1", second.port());
+        loginThrough(proxy);
+        client.mustRun({"mkdir", "/raw"});
+        file = client.makeLargeFile("run.mzML", 100'000, 2);
+        return put({"--no-cache"})["sha256"].toString();
+    }
+
     //! Changes the entry in a way of which its time does not tell.
     static void changeEntry(const QString& path, const std::function<void(QFile&)>& change) {
         const QByteArray name = QFile::encodeName(path);
@@ -148,18 +162,12 @@ TEST_F(Cache, WhatSomebodyPutBesideACopyIsNotGivenToUsers) {
 }
 
 TEST_F(Cache, WhatAnotherServerAtTheSameAddressHadIsNoCopy) {
-    FaultProxy proxy("127.0.0.1", std::uint16_t(server.url().port()));
-    ASSERT_TRUE(client.login(QUrl(QString::fromStdString(proxy.url()))));
+    FaultProxy proxy("127.0.0.1", server.port());
+    loginThrough(proxy);
     put();
     EXPECT_TRUE(QFileInfo::exists(cachePath()));
-    // Set up anew: what is put has the same number.
     RealServer second;
-    ASSERT_TRUE(second.start());
-    proxy.setTarget("127.0.0.1", std::uint16_t(second.url().port()));
-    ASSERT_TRUE(client.login(QUrl(QString::fromStdString(proxy.url()))));
-    client.mustRun({"mkdir", "/raw"});
-    file = client.makeLargeFile("run.mzML", 100'000, 2);
-    put({"--no-cache"});
+    setUpAnew(second, proxy);
     ASSERT_EQ(entries().size(), 1);
     for (const QString command : {"path", "pin"})
         EXPECT_EQ(client.run({"cache", command, "/raw/run.mzML"}).exitCode, 3);
@@ -167,6 +175,37 @@ TEST_F(Cache, WhatAnotherServerAtTheSameAddressHadIsNoCopy) {
     EXPECT_EQ(get()["from_cache"], false);
     ASSERT_EQ(entries().size(), 1);
     EXPECT_TRUE(Client::contentOf(cachePath()) == Client::contentOf(file));
+}
+
+TEST_F(Cache, WhatAnotherServerAtTheSameAddressHasLeavesAPinnedCopyAsItIsUntilItReplacesIt) {
+    FaultProxy proxy("127.0.0.1", server.port());
+    loginThrough(proxy);
+    const QString sha256 = put()["sha256"].toString();
+    client.mustRun({"cache", "pin", "/raw/run.mzML"});
+    RealServer second;
+    const QString secondSha256 = setUpAnew(second, proxy);
+    proxy.replaceReply({"GET", contentPath, 0, -1}, 404, "text/plain", "gone");
+    const Outcome failed = client.run({"get", "/raw/run.mzML", "--to", client.path("back")});
+    EXPECT_NE(failed.exitCode, 0);
+    EXPECT_THAT(failed.err.toStdString(), Not(HasSubstr("is not what the server has")));
+    ASSERT_EQ(entries().size(), 1);
+    EXPECT_EQ(entries()[0]["damaged"], false);
+    EXPECT_EQ(client.mustRun({"--json", "cache", "verify"}).object()["damaged"].toArray().size(), 0);
+
+    proxy.clearRules();
+    proxy.setTarget("127.0.0.1", server.port());
+    loginThrough(proxy);
+    EXPECT_EQ(sha256Of(Client::contentOf(cachePath())), sha256);
+    EXPECT_EQ(entries()[0]["pinned"], true);
+
+    proxy.setTarget("127.0.0.1", second.port());
+    loginThrough(proxy);
+    EXPECT_EQ(get()["from_cache"], false);
+    for (const QString& told : {sha256, secondSha256, QString("run.mzML")})
+        EXPECT_THAT(warnings.toStdString(), HasSubstr(told.toStdString()));
+    EXPECT_THAT(warnings.toStdString(), HasSubstr("pinned"));
+    EXPECT_EQ(get()["from_cache"], true);
+    EXPECT_EQ(warnings, "");
 }
 
 TEST_F(Cache, ATruncatedEntryIsFetchedAgain) {

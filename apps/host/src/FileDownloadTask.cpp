@@ -7,6 +7,8 @@
 #include <ContentCheck.h>
 #include <DownloadNames.h>
 #include <FileUtils.h>
+#include <HalvaneAcknowledgedContents.h>
+#include <HalvaneConnection.h>
 #include <HalvaneDownloadFileTask.h>
 #include <RemoteResourceHandler.h>
 #include <tasks/HalvaneDownloadFileCacheTask.h>
@@ -216,6 +218,9 @@ void FileDownloadTask::fetch() {
         return fetchWithoutCache(handler.error());
     m_handler = handler.value();
     m_handler->overrideRetrieveMode(ResourceHandler::RetrieveMode::CacheFirst);
+    // What another server at the same address had by this number is no copy, and not damaged either.
+    orx::HalvaneAcknowledgedContents::record(orx::HalvaneConnection::instance().serverKey(), m_wanted.item.id,
+                                             m_wanted.item.version, m_wanted.item.sha256.toLatin1());
     m_result.fromCache = m_handler->isAvailableLocally();
     const auto cached = m_handler->expectedPath();
     if (!m_result.fromCache || cached.hasError() || QFileInfo(cached->toString()).isDir() ||

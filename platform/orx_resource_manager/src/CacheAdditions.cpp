@@ -73,6 +73,8 @@ void CacheAdditions::ended(const QString& subPath, const Error& error) {
         qCWarning(cacheLog).noquote()
             << QCoreApplication::translate("orx::ResourceCache", "\"%1\" was not put into the cache: %2")
                    .arg(subPath, error.errorMessage());
+    for (const QString& warning : error.warnings())
+        qCWarning(cacheLog).noquote() << warning;
     const std::lock_guard lock(m_mutex);
     if (error.hasError() && !error.isCanceled())
         m_failures << error.errorMessage();

@@ -200,10 +200,12 @@ Error CacheFill::finish(const QByteArray& sha256, const QString& expected,
     auto use = m_store->waitUse(m_place);
     if (!use)
         return CacheStore::busy(m_place.text());
-    ORX_RETURN_ON_ERROR(m_store->seal(m_place, staging->get(), m_place.name(), *payload));
+    const Error sealed = m_store->seal(m_place, staging->get(), m_place.name(), *payload);
+    ORX_RETURN_ON_ERROR(sealed);
     hold(std::move(*use));
     // What was put there while the content was fetched, too.
-    const Error cleared = clearBeside();
+    Error cleared = clearBeside();
+    cleared.addWarnings(sealed.warnings());
     // The entry is there; what follows is housekeeping. The next fill of it would take what is left here for
     // the beginning of its own.
     const Error swept = removeTree((*root)->staging.get(), stagingName(), directory());

@@ -128,6 +128,21 @@ int swapNames(int from, const char* name, int to, const char* there) {
 
 } // namespace
 
+namespace {
+
+//! Who pinned a file is told that another one has taken its place; empty when none has.
+QString replacedPinned(const CacheSubPath& place, const CacheRecords::Record& before,
+                       const CachePayload& now) {
+    if (before.entry.policy != ResourceCleanupPolicy::Keep || before.payload.sha256.isEmpty() ||
+        now.sha256.isEmpty() || before.payload.sha256 == now.sha256)
+        return {};
+    return translated("\"%1\" in the cache is pinned, and another content has taken the place of what was "
+                      "pinned (SHA-256 %2 instead of %3).")
+        .arg(place.text(), QString::fromLatin1(now.sha256), QString::fromLatin1(before.payload.sha256));
+}
+
+} // namespace
+
 Error CacheStore::exchange(const CacheSubPath& place, int staging, const QByteArray& name,
                            const CachePayload& payload) {
     const QString shown = placePath(place);
@@ -154,6 +169,10 @@ Error CacheStore::exchange(const CacheSubPath& place, int staging, const QByteAr
                                isNew ? CacheRecords::Durability::Relaxed : CacheRecords::Durability::Flushed);
         if (error.hasError() && swapNames(parent->get(), there, staging, name.constData()) != 0)
             qCWarning(cacheLog).noquote() << systemError("Could not bring back \"%1\"", shown).errorMessage();
+        const QString replaced =
+            recorded && !error.hasError() ? replacedPinned(place, *recorded, payload) : QString();
+        if (!replaced.isEmpty())
+            error.addWarning(replaced);
         return error;
     }
 }

@@ -84,7 +84,7 @@ public:
 
     //! Brings \a name in the directory \a staging, which is \a payload and on the disk, to its place and
     //! records it. What was at the place is in \a staging then, or nothing. After a failure the place and the
-    //! record are as before.
+    //! record are as before. A success warns when another content has taken the place of a pinned file.
     Error seal(const CacheSubPath& place, int staging, const QByteArray& name, const CachePayload& payload);
     //! The directory above the place, made when missing.
     Result<CacheDescriptor> ensureParent(const CacheSubPath& place);

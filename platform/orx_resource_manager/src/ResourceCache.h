@@ -177,7 +177,8 @@ public:
     //! others wait for it. An entry is looked at, with all that is in it, on a worker before it is taken as
     //! it is; what the server said is compared as by contains(). What an interrupted fill left under other
     //! names than the last component is there for the next one of the same entry to resume. The task ends
-    //! when the entry is durable and visible, with progress of the fetch. Thread: the owner's.
+    //! when the entry is durable and visible, with progress of the fetch and a warning when another content
+    //! has taken the place of a pinned file. Thread: the owner's.
     std::unique_ptr<Task> fillTask(const ResourceReferenceSPtr& reference, const QString& subPath,
                                    std::function<std::unique_ptr<Task>(const DirPath&)> fetch, FillMode mode,
                                    Neighbours neighbours = Neighbours::Kept);

@@ -118,6 +118,36 @@ TEST_F(CacheFillTest, ContentThatTheServerDoesNotHaveIsNotKept) {
     EXPECT_EQ(orx::testing::readFile(placeOf(kEntry)), "the true one");
 }
 
+TEST_F(CacheFillTest, WhoReplacesWhatIsPinnedByAnotherContentSaysSo) {
+    ASSERT_FALSE(fill(kEntry, "pinned").hasError());
+    ASSERT_FALSE(cache.setCleanupPolicy(kEntry, ResourceCleanupPolicy::Keep).hasError());
+    const auto again = fillTask(kEntry, "pinned", true);
+    again->exec();
+    ASSERT_FALSE(again->waitForFinished().hasError());
+    EXPECT_TRUE(again->error().warnings().isEmpty());
+
+    const QString expected = orx::testing::sha256("of the server");
+    cache.setChecksumSource([&](const ResourceReference&) { return expected; });
+    const auto replacement = cache.fillTask(probes::sampleReference(), kEntry,
+                                            orx::testing::fetchOf(u"run1.mzML"_qs, "of the server"),
+                                            ResourceCache::FillMode::Missing);
+    replacement->exec();
+    ASSERT_FALSE(replacement->waitForFinished().hasError());
+    ASSERT_EQ(replacement->error().warnings().size(), 1);
+    const QString warning = replacement->error().warnings().first();
+    for (const QString& told : {kEntry, orx::testing::sha256("pinned"), expected})
+        EXPECT_TRUE(warning.contains(told)) << qPrintable(warning);
+    EXPECT_EQ(cache.cleanupPolicy(kEntry).valueOr(ResourceCleanupPolicy::Discard),
+              ResourceCleanupPolicy::Keep);
+
+    // What nobody pinned goes without a word.
+    ASSERT_FALSE(cache.setCleanupPolicy(kEntry, ResourceCleanupPolicy::Automatic).hasError());
+    const auto unpinned = fillTask(kEntry, "another one", true);
+    unpinned->exec();
+    ASSERT_FALSE(unpinned->waitForFinished().hasError());
+    EXPECT_TRUE(unpinned->error().warnings().isEmpty());
+}
+
 TEST_F(CacheFillTest, TheDigestThatTheFetchKnowsIsTaken) {
     const auto task = cache.fillTask(
         nullptr, kEntry,
