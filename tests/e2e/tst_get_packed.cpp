@@ -30,16 +30,19 @@ protected:
     void SetUp() override {
         ASSERT_TRUE(server.start());
         ASSERT_TRUE(client.login(server.url()));
+        putRun("parameters");
+        server.clearRequests();
+    }
+    void putRun(const QByteArray& parameters) {
         client.mustRun({"mkdir", "/packed"});
         ASSERT_TRUE(QDir().mkpath(client.path("source/run.d/data/empty")));
-        client.makeFile("source/run.d/acqu", "parameters");
+        client.makeFile("source/run.d/acqu", parameters);
         client.makeLargeFile("source/run.d/data/fid", 1'000'000);
         vonk::PackInput input;
         input.path = client.path("source/run.d");
         put(pack(input, "run.d.vonk"), "/packed");
         fid = Client::contentOf(client.path("source/run.d/data/fid"));
         forget("source");
-        server.clearRequests();
     }
     QString pack(const vonk::PackInput& input, const QString& name) const {
         const QString target = client.path(name);
@@ -135,6 +138,33 @@ TEST_F(GetPacked, WhatIsThereAlreadyIsUnchangedWithTheCacheAndWithout) {
     client.makeFile("out/run.d/notes.txt", "mine");
     EXPECT_EQ(getRun().object()["outcome"], "unchanged");
     EXPECT_EQ(local("out/run.d/notes.txt"), "mine");
+}
+
+TEST_F(GetPacked, ThatOfAnotherServerAtTheSameAddressIsNoCopy) {
+    FaultProxy proxy("127.0.0.1", server.port());
+    const QUrl address(QString::fromStdString(proxy.url()));
+    ASSERT_TRUE(client.login(address));
+    const QStringList pathOfCopy{"cache", "path", "/packed/run.d.vonk"};
+    makeOut();
+    ASSERT_EQ(getRun().exitCode, 0);
+    const QByteArray copy = client.mustRun(pathOfCopy).out;
+    // What is put there has the same number, names and sizes.
+    RealServer second;
+    ASSERT_TRUE(second.start());
+    proxy.setTarget("127.0.0.1", second.port());
+    ASSERT_TRUE(client.login(address));
+    putRun("PARAMETERS");
+    for (const QString command : {"path", "pin"})
+        EXPECT_EQ(client.run({"cache", command, "/packed/run.d.vonk"}).exitCode, 3);
+    const QJsonObject entry = client.mustRun({"--json", "cache", "ls"}).object();
+    EXPECT_EQ(entry["pinned"], false);
+    EXPECT_EQ(entry["damaged"], false);
+    const Outcome fetched = getRun({"--if-exists", "overwrite"});
+    EXPECT_EQ(fetched.exitCode, 0) << fetched.err.constData();
+    EXPECT_EQ(fetched.object()["from_cache"], false);
+    EXPECT_EQ(local("out/run.d/acqu"), "PARAMETERS");
+    EXPECT_EQ(client.mustRun(pathOfCopy).out, copy);
+    EXPECT_EQ(Client::contentOf(QString::fromUtf8(copy).trimmed() + "/content/run.d/acqu"), "PARAMETERS");
 }
 
 TEST_F(GetPacked, InAFolderItIsUnchangedToo) {

@@ -11,10 +11,14 @@
 #include <HalvaneError.h>
 #include <HalvaneFileResourceMetadata.h>
 #include <HalvaneFolderResourceMetadata.h>
+#include <HalvaneGetVonkMetadataTask.h>
 #include <HalvaneResourceHandler.h>
+#include <PackedPaths.h>
+#include <RemoteResourceHandler.h>
 #include <ResolveItemTask.h>
 #include <WorkerStepTask.h>
 
+#include <QFileInfo>
 #include <QJsonArray>
 
 #include <cstdlib>
@@ -378,6 +382,11 @@ int Runner::withCopy(const CacheCommand& command) {
     const auto path = unpin ? handler->expectedPath() : handler->retrieve();
     if (path.hasError())
         return told(path.error());
+    if (!unpin && !item.isFolder() && QFileInfo(path->toString()).isDir()) {
+        const auto isSame = isOfServer(item, *handler);
+        if (isSame.hasError() || !*isSame)
+            return told(isSame ? missing : isSame.error());
+    }
     if (command.action != CacheCommand::Action::Path) {
         const Error error =
             handler->setCleanupPolicy(unpin ? ResourceCleanupPolicy::Automatic : ResourceCleanupPolicy::Keep);
@@ -399,6 +408,24 @@ int Runner::withCopy(const CacheCommand& command) {
                      {QStringLiteral("pinned"), pinned}},
                     text);
     return int(ExitCode::Success);
+}
+
+// A packed acquisition lies in the cache unpacked. Of what is no acquisition there is no unpacked copy.
+Result<bool> Runner::isOfServer(const RemoteItem& item, const ResourceHandler& copy) {
+    orx::HalvaneGetVonkMetadataTask task({item.id, item.version, item.name});
+    const Error error = item.size > 0 ? run(task) : Error(ErrorCode::ParseError, QString());
+    if (error.is(ErrorCode::ParseError) || error.is(ErrorCode::ChecksumMismatch) ||
+        error.is(ErrorCode::InvalidArgument))
+        return false;
+    ORX_RETURN_ON_ERROR(error);
+    const auto& remote = dynamic_cast<const orx::RemoteResourceHandler&>(copy);
+    auto left = remote.recordedChecksums();
+    ORX_RETURN_ON_ERROR(left.error());
+    for (const orx::vonk::VonkEntry& entry : task.metadata().entries)
+        if (entry.isFile() && left->take(entry.path) != QString::fromLatin1(entry.sha256))
+            return false;
+    return std::none_of(left->keyBegin(), left->keyEnd(),
+                        [](const QString& path) { return path.startsWith(orx::vonk::contentPrefix()); });
 }
 
 int Runner::withEntry(const CacheCommand& command, ResourceCache& cache) {

@@ -95,6 +95,8 @@ private:
     orx::Result<bool> existsById(const orx::HalvaneReferenceText& reference, const QString& text);
     //! What has a copy in the cache, after a session was made.
     int withCopy(const CacheCommand& command);
+    //! Whether the unpacked copy of a packed acquisition was made of what the server has.
+    orx::Result<bool> isOfServer(const host::RemoteItem& item, const orx::ResourceHandler& copy);
     int withEntry(const CacheCommand& command, orx::ResourceCache& cache);
     int listCache(orx::ResourceCache& cache);
     int verifyCache(orx::ResourceCache& cache);

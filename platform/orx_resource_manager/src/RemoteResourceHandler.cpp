@@ -129,6 +129,11 @@ Result<Path> RemoteResourceHandler::localPath() const {
     return ORX_ECATCH(cache()->expectedPath(subCachePath()));
 }
 
+Result<QHash<QString, QString>> RemoteResourceHandler::recordedChecksums() const {
+    ORX_RETURN_ON_ERROR(checkCache());
+    return ORX_ECATCH(cache()->checksums(subCachePath()));
+}
+
 Error RemoteResourceHandler::addToCache(const Path& localPath) {
     ORX_RETURN_ON_ERROR(checkCache());
     ORX_RETURN_ON_ERROR(checkKind(localPath));

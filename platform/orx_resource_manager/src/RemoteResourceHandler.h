@@ -4,6 +4,8 @@
 
 #include <FileCopy.h>
 
+#include <QHash>
+
 #include <functional>
 
 namespace orx {
@@ -20,6 +22,9 @@ public:
     //! ErrorCode::NotFound when there is no entry.
     Error setCleanupPolicy(ResourceCleanupPolicy policy) override;
     bool isAvailableLocally() const override;
+
+    //! ResourceCache::checksums().
+    Result<QHash<QString, QString>> recordedChecksums() const;
 
     //! Makes a copy of the file or directory \a localPath the cached content. The source is opened before the
     //! call returns; a worker copies. A file may be removed afterwards; a directory may be renamed, but what

@@ -10,6 +10,7 @@
 #include <WorkerStepTask.h>
 
 #include <QCoreApplication>
+#include <QFile>
 #include <QMutex>
 #include <QMutexLocker>
 
@@ -226,6 +227,22 @@ Error ResourceCache::look(const QString& subPath) const {
     if (!use)
         return CacheStore::busy(subPath);
     return d->store->valid(*place, CachePayload::Depth::Everything).error();
+}
+
+Result<QHash<QString, QString>> ResourceCache::checksums(const QString& subPath) const {
+    const auto place = d->store->parse(subPath);
+    if (place.hasError())
+        return place.error();
+    if (const auto root = d->store->root(); root.hasError())
+        return root.error();
+    const auto record = d->store->records().find(subPath, CachePayload::Depth::Everything);
+    if (record.hasError())
+        return record.error();
+    QHash<QString, QString> checksums;
+    for (const CachePayload::Item& item : record->payload.items)
+        if (item.type == PathType::File)
+            checksums.insert(QFile::decodeName(item.path), QString::fromLatin1(item.sha256));
+    return checksums;
 }
 
 Error ResourceCache::markDamaged(const QString& subPath, const FileCopy::Stamp& seen) {

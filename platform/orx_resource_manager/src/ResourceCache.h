@@ -10,6 +10,7 @@
 #include <Task.h>
 
 #include <QDateTime>
+#include <QHash>
 #include <QList>
 
 #include <chrono>
@@ -163,6 +164,10 @@ public:
     //! Looks at all of an entry, which is known to be damaged after that when it differs from its record;
     //! ErrorCode::NotFound when there is none that is whole. Blocks on the disk.
     Error look(const QString& subPath) const;
+
+    //! SHA-256 (lower-case hexadecimal digits) of the files in a directory entry, by their paths in it, as
+    //! they were when they came. ErrorCode::NotFound. Blocks on the disk.
+    Result<QHash<QString, QString>> checksums(const QString& subPath) const;
 
     //! For who read a file at the entry's place, which had the stamp \a seen before, and found that it is not
     //! what it should be: the entry is not there any more, until a fill brings it anew. Nothing happens when
