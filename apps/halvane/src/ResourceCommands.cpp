@@ -437,10 +437,8 @@ int Runner::withEntry(const CacheCommand& command, ResourceCache& cache) {
         QStringLiteral("\"%1\" is not in the cache, or is damaged; \"halvane cache ls\" lists what is.")
             .arg(command.subPath));
     const bool unpin = command.action == CacheCommand::Action::Unpin;
-    if (!unpin && !cache.contains(command.subPath))
-        return m_output.error(missing);
-    // What is handed out is looked into.
-    if (command.action == CacheCommand::Action::Path)
+    // Waits for who replaces it just then. What is damaged may be unpinned too.
+    if (!unpin)
         if (const Error error = cache.look(command.subPath); error.hasError())
             return m_output.error(error.is(ErrorCode::NotFound) ? missing : error);
     if (command.action != CacheCommand::Action::Path) {

@@ -124,6 +124,10 @@ bool RemoteResourceHandler::isAvailableLocally() const {
     return cache() && cache()->contains(subCachePath(), reference());
 }
 
+bool RemoteResourceHandler::mayBeAvailableLocally() const {
+    return cache() && cache()->isRecorded(subCachePath());
+}
+
 Result<Path> RemoteResourceHandler::localPath() const {
     ORX_RETURN_ON_ERROR(checkCache());
     return ORX_ECATCH(cache()->expectedPath(subCachePath()));
@@ -216,10 +220,7 @@ std::optional<std::unique_ptr<Task>> RemoteResourceHandler::retrieveTask() {
     // From here on a worker looks at what is there.
     if (mode != RetrieveMode::CacheOnly)
         return fetchTask(lease ? askLater() : [] { return Error(); });
-    const Error refusal = ORX_ECATCH(missing());
-    if (!lease)
-        return std::make_unique<RefusedTask>(refusal);
-    return retrievalTask(takeEntryTask(subCachePath(), refusal), {});
+    return retrievalTask(takeEntryTask(subCachePath(), ORX_ECATCH(missing())), {});
 }
 
 } // namespace orx

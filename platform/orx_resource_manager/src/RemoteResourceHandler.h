@@ -44,6 +44,8 @@ public:
 protected:
     RemoteResourceHandler(const QSharedPointer<ResourceReference>& reference, ResourceCache* cache);
 
+    //! Whether something is recorded: a look at the top meets nothing while somebody replaces the entry.
+    bool mayBeAvailableLocally() const override;
     using ResourceHandler::retrieveTask;
     //! Fetches into the cache, unless the mode and the cache say that nothing needs to be fetched. A
     //! reference that does not name one content for ever is asked for by every retrieval that may ask at all,

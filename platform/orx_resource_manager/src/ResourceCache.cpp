@@ -173,6 +173,11 @@ std::optional<ResourceCacheLease> ResourceCache::leaseFilled(const QString& subP
     return lock ? std::optional(leaseOf(*place, std::move(*lock), true)) : std::nullopt;
 }
 
+bool ResourceCache::isRecorded(const QString& subPath) const {
+    const auto place = d->store->parse(subPath);
+    return place && d->store->root() && d->store->quickRecords().find(subPath);
+}
+
 bool ResourceCache::isAlone(const QString& subPath) const {
     const auto place = d->store->parse(subPath);
     return place && d->store->isAlone(*place);

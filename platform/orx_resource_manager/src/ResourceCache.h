@@ -222,6 +222,8 @@ private:
     friend class RemoteResourceHandler;
     //! A lease of an entry that a fill of this thread has just leased: it is not looked at again.
     std::optional<ResourceCacheLease> leaseFilled(const QString& subPath);
+    //! Whether there is a record, whatever lies at the place. Waits as contains().
+    bool isRecorded(const QString& subPath) const;
     //! Whether nothing else is in the directory that holds the place.
     bool isAlone(const QString& subPath) const;
     ResourceCacheLease leaseOf(const class CacheSubPath& place, class CacheLock lock, bool isWhole);

@@ -66,7 +66,7 @@ Result<std::unique_ptr<Task>> ResourceHandler::retrieveAsync(AsyncProcessingType
                                                              ResourcePromptingInterface* prompting) {
     if (auto path = expectedPath(); path.hasError())
         return ORX_ECATCH(path).error();
-    if (m_retrieveMode == RetrieveMode::CacheOnly && !isAvailableLocally())
+    if (m_retrieveMode == RetrieveMode::CacheOnly && !mayBeAvailableLocally())
         return ORX_ECATCH(
             Error(ErrorCode::NotFound,
                   translated("\"%1\" is not in the cache, and nothing else was to be asked for it.")

@@ -83,6 +83,9 @@ protected:
     //! Not owned; may be null.
     ResourceCache* cache() const { return m_cache; }
 
+    //! False when no look by a worker could find the resource in the cache either. As isAvailableLocally() it
+    //! waits for nobody.
+    virtual bool mayBeAvailableLocally() const { return isAvailableLocally(); }
     virtual std::unique_ptr<Task> existsTask() const = 0;
     //! What retrieveAsync() returns, by the retrieve mode; none when nothing needs to be fetched.
     virtual std::optional<std::unique_ptr<Task>> retrieveTask() = 0;

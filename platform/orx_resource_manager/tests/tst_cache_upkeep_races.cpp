@@ -1,5 +1,7 @@
 #include "CacheUpkeepFixture.h"
 
+#include "RemoteResourceHandler.h"
+
 #include <QThread>
 
 #include <poll.h>
@@ -124,6 +126,24 @@ private:
     int m_events;
 };
 
+//! Of the file "s/f", which must not be fetched.
+class FileHandler final : public RemoteResourceHandler {
+public:
+    explicit FileHandler(ResourceCache* cache) : RemoteResourceHandler(probes::sampleReference(), cache) {
+        overrideRetrieveMode(RetrieveMode::CacheOnly);
+    }
+
+protected:
+    using RemoteResourceHandler::retrieveTask;
+    std::unique_ptr<Task> existsTask() const override { return probes::taskWith(true); }
+    std::unique_ptr<Task> retrieveMetadataTask() const override { return probes::taskWith(QVariant()); }
+    std::unique_ptr<Task> retrieveTask(const DirPath&) override {
+        ADD_FAILURE() << "fetched";
+        return nullptr;
+    }
+    QString subCachePath() const override { return u"s/f"_qs; }
+};
+
 //! Readers of the directory "d" while another content takes its place.
 class CacheLookRacesTest : public CacheUpkeepRacesTest {
 protected:
@@ -204,6 +224,28 @@ TEST_F(CacheLookRacesTest, WhoTakesOnlyWhatIsThereGetsWhatComesBack) {
     EXPECT_TRUE(lookDuringReplacement([this] { return takeFromBeside(); }).hasError());
     EXPECT_EQ(content(), "old");
     EXPECT_TRUE(cache.contains(u"d"_qs));
+}
+
+TEST_F(CacheLookRacesTest, WhoTakesOnlyTheFileThatIsThereGetsWhatIsJustBrought) {
+    ASSERT_FALSE(fill(u"s/f"_qs, "old").hasError());
+    SQLite::Database writer(database().toStdString(), SQLite::OPEN_READWRITE, 10'000);
+    writer.exec("BEGIN IMMEDIATE");
+    const auto replacement = fillTask(u"s/f"_qs, "new content", true);
+    replacement->exec();
+    while (orx::testing::readFile(placeOf(u"s/f"_qs)) != "new content") {
+        QCoreApplication::processEvents();
+        QThread::msleep(1);
+    }
+    ResourceCache other(root());
+    const auto handler = QSharedPointer<FileHandler>::create(&other);
+    EXPECT_FALSE(handler->isAvailableLocally()) << "a look at the top does not wait";
+    const auto retrieval = handler->retrieveAsync(ResourceHandler::AsyncProcessingType::StartedHere, nullptr);
+    writer.exec("COMMIT");
+    EXPECT_FALSE(replacement->waitForFinished().hasError());
+    ASSERT_TRUE(retrieval && *retrieval) << qPrintable(retrieval.errorMessage());
+    const Error taken = (*retrieval)->waitForFinished();
+    EXPECT_FALSE(taken.hasError()) << qPrintable(taken.errorMessage());
+    EXPECT_TRUE(handler->isAvailableLocally());
 }
 
 namespace {
