@@ -56,21 +56,27 @@ bool isOfFetch(const QByteArray& name) {
     return name.startsWith("fill-");
 }
 
-//! What its removal gives back: files that have other names stay.
-qint64 bytesOf(int parent, const QByteArray& name) {
+//! Adds what its removal gives back, as far as it can be looked at, to \a bytes: files that have other names
+//! stay. The first error; what is gone meanwhile is none.
+Error addBytesOf(int parent, const QByteArray& name, const QString& shown, qint64& bytes) {
     struct stat status {};
     if (::fstatat(parent, name.constData(), &status, AT_SYMLINK_NOFOLLOW) != 0)
-        return 0;
-    if (!S_ISDIR(status.st_mode))
-        return status.st_nlink == 1 ? status.st_size : 0;
-    qint64 bytes = 0;
-    if (const auto directory = openDirectory(parent, name, QString())) {
-        const Error ignored = forEachName(directory->get(), QString(), [&](const QByteArray& child) {
-            bytes += bytesOf(directory->get(), child);
-            return Error();
-        });
+        return errno == ENOENT ? Error() : systemError("Could not look at \"%1\"", shown);
+    if (!S_ISDIR(status.st_mode)) {
+        bytes += status.st_nlink == 1 ? status.st_size : 0;
+        return Error();
     }
-    return bytes;
+    const auto directory = openDirectory(parent, name, shown);
+    if (directory.hasError())
+        return CacheStore::isMissing(directory.error()) ? Error() : directory.error();
+    Error first;
+    const Error listed = forEachName(directory->get(), shown, [&](const QByteArray& child) {
+        Error error = addBytesOf(directory->get(), child, shown + u'/' + QFile::decodeName(child), bytes);
+        if (error.hasError() && !first.hasError())
+            first = std::move(error);
+        return Error();
+    });
+    return first.hasError() ? first : listed;
 }
 
 Result<QByteArrayList> namesIn(int directory, const QString& shown) {
@@ -260,6 +266,10 @@ Error CacheSweeper::clearBeside(const CacheSubPath& place) {
     return error;
 }
 
+QString CacheSweeper::shownInStaging(const QByteArray& name) const {
+    return m_store.stagingDir() + u'/' + QFile::decodeName(name);
+}
+
 Result<qint64> CacheSweeper::unfinishedBytes() {
     const auto root = m_store.root();
     if (root.hasError())
@@ -269,7 +279,8 @@ Result<qint64> CacheSweeper::unfinishedBytes() {
         return names.error();
     qint64 bytes = 0;
     for (const QByteArray& name : *names)
-        bytes += isOfFetch(name) ? bytesOf((*root)->staging.get(), name) : 0;
+        if (isOfFetch(name))
+            ORX_RETURN_ON_ERROR(addBytesOf((*root)->staging.get(), name, shownInStaging(name), bytes));
     return bytes;
 }
 
@@ -287,13 +298,14 @@ void CacheSweeper::sweepStaging() {
         const auto lock =
             root.locks->tryExclusive(CacheLocks::offset(name.mid(name.indexOf('-') + 1), CacheLocks::kFill));
         const bool isUnfinished = isOfFetch(name) && (!lock || isFresh(root.staging.get(), name));
-        const qint64 bytes = bytesOf(root.staging.get(), name);
+        qint64 bytes = 0;
+        const Error counted = addBytesOf(root.staging.get(), name, shownInStaging(name), bytes);
         if (!lock || (isUnfinished && m_unfinished == ResourceCache::Unfinished::Kept)) {
             m_report.unfinishedBytes += isUnfinished ? bytes : 0;
+            note(counted);
             continue;
         }
-        const Error error =
-            removeTree(root.staging.get(), name, m_store.stagingDir() + u'/' + QFile::decodeName(name));
+        const Error error = removeTree(root.staging.get(), name, shownInStaging(name));
         note(error);
         m_report.leftoverBytes += error.hasError() ? 0 : bytes;
     }

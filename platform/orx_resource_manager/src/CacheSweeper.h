@@ -33,6 +33,7 @@ private:
     QByteArrayList take(const CacheRoot& root, const QByteArrayList& paths);
     QByteArrayList leftoversOf(const CacheRoot& root, const QByteArrayList& paths);
     Error takeBeside(const CacheRoot& root, const QByteArray& path, QByteArrayList& taken);
+    QString shownInStaging(const QByteArray& name) const;
     void note(const Error& error);
 
     CacheStore& m_store;

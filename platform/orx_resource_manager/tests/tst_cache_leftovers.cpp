@@ -11,6 +11,23 @@ using namespace orx;
 
 namespace {
 
+//! A hundred files may be open while it lives.
+class FewFiles {
+public:
+    FewFiles() {
+        ::getrlimit(RLIMIT_NOFILE, &m_before);
+        rlimit few = m_before;
+        few.rlim_cur = 100;
+        ::setrlimit(RLIMIT_NOFILE, &few);
+    }
+    ~FewFiles() { ::setrlimit(RLIMIT_NOFILE, &m_before); }
+    FewFiles(const FewFiles&) = delete;
+    FewFiles& operator=(const FewFiles&) = delete;
+
+private:
+    rlimit m_before{};
+};
+
 class CacheLeftoversTest : public orx::testing::CacheUpkeepFixture {
 protected:
     QString staging(const QString& name) const { return root() + u"/state/staging/"_qs + name; }
@@ -169,13 +186,10 @@ TEST_F(CacheLeftoversTest, WhatCouldNotBeRemovedIsToldThoughNothingElseCouldBeDo
     ASSERT_TRUE(QDir().mkpath(staging(u"add-1"_qs) + u"/d"_qs.repeated(100)));
     execute("PRAGMA user_version = 2");
     ResourceCache other(root());
-    rlimit before{};
-    ::getrlimit(RLIMIT_NOFILE, &before);
-    rlimit few = before;
-    few.rlim_cur = 100;
-    ::setrlimit(RLIMIT_NOFILE, &few);
-    const auto report = other.prune();
-    ::setrlimit(RLIMIT_NOFILE, &before);
+    const auto report = [&other] {
+        const FewFiles few;
+        return other.prune();
+    }();
     ASSERT_TRUE(report.hasError());
     EXPECT_TRUE(report.errorMessage().contains(u"newer release"_qs)) << qPrintable(report.errorMessage());
     ASSERT_EQ(report.error().warnings().size(), 1);
@@ -202,6 +216,17 @@ TEST_F(CacheLeftoversTest, WhatFetchesBroughtIsToldAndGoesOnlyWhenItIsToGo) {
     EXPECT_TRUE(removed->removed.isEmpty());
     EXPECT_EQ(staged(), QStringList{running});
     EXPECT_EQ(cache.unfinishedBytes().valueOr(-1), 5);
+}
+
+TEST_F(CacheLeftoversTest, WhatFetchesBroughtAndCannotBeCountedIsTold) {
+    const QString interrupted = u"fill-"_qs + orx::testing::sha256("interrupted");
+    ASSERT_TRUE(QDir().mkpath(staging(interrupted) + u"/d"_qs.repeated(100)));
+    const FewFiles few;
+    EXPECT_TRUE(cache.unfinishedBytes().errorMessage().contains(interrupted));
+    const auto report = cache.prune();
+    ASSERT_TRUE(report);
+    ASSERT_EQ(report->problems.size(), 1);
+    EXPECT_TRUE(report->problems.first().contains(interrupted));
 }
 
 TEST_F(CacheLeftoversTest, AFillHasClearedUpBeforeAnotherOneMayBegin) {
