@@ -38,9 +38,9 @@ bool CacheFill::isNewEnough(const CacheRecords::Record& record) const {
     return needsNothingNew() || (!isUpdate() && m_hasWaited && m_addedBefore != record.entry.addedAt);
 }
 
-Result<CacheFill::Begun> CacheFill::waitForOther() {
+Result<CacheFill::Begun> CacheFill::waitForOther(const QString& expected) {
     if (!m_hasWaited) {
-        const auto record = m_store->valid(m_place, CachePayload::Depth::Top);
+        const auto record = m_store->valid(m_place, CachePayload::Depth::Top, expected);
         if (record)
             m_addedBefore = record->entry.addedAt;
         qCInfo(waitingLog).noquote()
@@ -54,7 +54,7 @@ Result<CacheFill::Begun> CacheFill::waitForOther() {
 Result<std::optional<CacheRecords::Record>> CacheFill::look(const QString& expected) {
     // Before the look, so that nobody removes what was seen.
     auto use = m_store->tryUse(m_place);
-    auto record = m_store->valid(m_place, CachePayload::Depth::Everything, expected);
+    auto record = m_store->valid(m_place, CachePayload::Depth::Everything, expected, &m_isCanceled);
     // Somebody exchanges it all the time: that there is none would not be true.
     if (record.hasError() &&
         (record.error().is(ErrorCode::InvalidArgument) || record.error().is(ErrorCode::Busy)))
@@ -78,7 +78,7 @@ Result<CacheFill::Begun> CacheFill::begin(const QString& expected) {
             return m_lease ? Begun::Done : Begun::Fetch;
     }
     m_fill = (*root)->locks->tryExclusive(CacheLocks::offset(m_place.key(), CacheLocks::kFill));
-    return m_fill ? beginAlone(**root, expected) : waitForOther();
+    return m_fill ? beginAlone(**root, expected) : waitForOther(expected);
 }
 
 Result<CacheFill::Begun> CacheFill::beginAlone(const CacheRoot& root, const QString& expected) {

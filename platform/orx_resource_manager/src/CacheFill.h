@@ -38,7 +38,7 @@ public:
     void releaseFill() { m_fill.reset(); }
     //! Lets the entry go, which finish() or begin() leased.
     void releaseEntry() { m_lease.reset(); }
-    //! Thread: any. Makes finish() end early with ErrorCode::Canceled.
+    //! Thread: any. Makes begin() and finish() end early with an error.
     void cancel() { m_isCanceled = true; }
 
 private:
@@ -46,7 +46,7 @@ private:
     Result<std::optional<CacheRecords::Record>> look(const QString& expected);
     bool needsNothingNew() const;
     bool isNewEnough(const CacheRecords::Record& record) const;
-    Result<Begun> waitForOther();
+    Result<Begun> waitForOther(const QString& expected);
     Result<Begun> beginAlone(const CacheRoot& root, const QString& expected);
     void hold(CacheLock use);
     Error clearBeside();

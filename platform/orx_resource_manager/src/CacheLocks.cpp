@@ -16,10 +16,10 @@ constexpr unsigned long kPauseMs = 2;
 constexpr std::chrono::milliseconds kPatience{60'000};
 
 template <typename Try>
-std::optional<CacheLock> insist(Try attempt) {
+std::optional<CacheLock> insist(Try attempt, const CacheFiles::CancelFlag* cancel = nullptr) {
     const QDeadlineTimer deadline(kPatience);
     for (;;) {
-        if (auto lock = attempt(); lock || deadline.hasExpired())
+        if (auto lock = attempt(); lock || deadline.hasExpired() || (cancel && *cancel))
             return lock;
         QThread::msleep(kPauseMs);
     }
@@ -78,8 +78,8 @@ std::optional<CacheLock> CacheLocks::waitShared(qint64 offset) {
     return insist([&] { return tryShared(offset); });
 }
 
-std::optional<CacheLock> CacheLocks::waitExclusive(qint64 offset) {
-    return insist([&] { return tryExclusive(offset); });
+std::optional<CacheLock> CacheLocks::waitExclusive(qint64 offset, const CacheFiles::CancelFlag* cancel) {
+    return insist([&] { return tryExclusive(offset); }, cancel);
 }
 
 void CacheLocks::release(qint64 offset) {

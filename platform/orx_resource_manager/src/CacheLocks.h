@@ -54,9 +54,9 @@ public:
     std::optional<CacheLock> tryShared(qint64 offset);
     std::optional<CacheLock> tryExclusive(qint64 offset);
     //! For workers: waits up to a minute for a lock that others hold for a short time only. None when it was
-    //! in vain.
+    //! in vain, or \a cancel became true.
     std::optional<CacheLock> waitShared(qint64 offset);
-    std::optional<CacheLock> waitExclusive(qint64 offset);
+    std::optional<CacheLock> waitExclusive(qint64 offset, const CacheFiles::CancelFlag* cancel = nullptr);
 
 private:
     friend class CacheLock;

@@ -46,11 +46,12 @@ CacheStore::Identity CacheStore::identityAt(const CacheSubPath& place) {
 }
 
 Result<std::optional<CacheLock>> CacheStore::holdUnchanged(const CacheSubPath& place, const Identity& seen,
-                                                           const CacheRecords::Record& record) {
+                                                           const CacheRecords::Record& record,
+                                                           const CancelFlag* cancel) {
     const auto opened = root();
     if (opened.hasError())
         return opened.error();
-    auto lock = (*opened)->locks->waitExclusive(CacheLocks::offset(place.key(), CacheLocks::kPlace));
+    auto lock = (*opened)->locks->waitExclusive(CacheLocks::offset(place.key(), CacheLocks::kPlace), cancel);
     if (!lock)
         return busy(place.text());
     const auto now = m_work.find(place.text());

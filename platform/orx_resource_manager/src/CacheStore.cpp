@@ -305,7 +305,7 @@ Error CacheStore::Look::told(const CacheSubPath& place) const {
 }
 
 Result<CacheRecords::Record> CacheStore::valid(const CacheSubPath& place, CachePayload::Depth depth,
-                                               const QString& expected) {
+                                               const QString& expected, const CancelFlag* cancel) {
     if (const auto opened = root(); opened.hasError())
         return opened.error();
     for (int attempt = 1; attempt <= kLooks; ++attempt) {
@@ -318,7 +318,7 @@ Result<CacheRecords::Record> CacheStore::valid(const CacheSubPath& place, CacheP
             return std::move(look->record);
         if (depth == CachePayload::Depth::Top)
             return look->told(place);
-        const auto held = holdUnchanged(place, look->seen, look->record);
+        const auto held = holdUnchanged(place, look->seen, look->record, cancel);
         if (held.hasError())
             return held.error();
         if (!*held)

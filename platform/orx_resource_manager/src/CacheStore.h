@@ -53,8 +53,10 @@ public:
     //! while somebody exchanges what lies there it finds nothing. For a look at everything such an exchange
     //! is waited for (ErrorCode::Busy when it takes too long), and a directory that is not whole is recorded
     //! as damaged. A file whose digest is not \a expected (hexadecimal; empty: unknown) is not there either.
+    //! ErrorCode::Busy also when \a cancel became true while it waited.
     Result<CacheRecords::Record> valid(const CacheSubPath& place, CachePayload::Depth depth,
-                                       const QString& expected = QString());
+                                       const QString& expected = QString(),
+                                       const CacheFiles::CancelFlag* cancel = nullptr);
     //! Tells what lies at a place from what is brought there later, and from what is brought back.
     struct Identity {
         dev_t device = 0;
@@ -69,7 +71,8 @@ public:
     //! nobody does while it is held; none when one was, and another look tells. ErrorCode::NotFound when
     //! there is no record any more, ErrorCode::Busy.
     Result<std::optional<CacheLock>> holdUnchanged(const CacheSubPath& place, const Identity& seen,
-                                                   const CacheRecords::Record& record);
+                                                   const CacheRecords::Record& record,
+                                                   const CacheFiles::CancelFlag* cancel = nullptr);
     //! Whether nothing else is in the directory that holds the place. A few calls, whatever is there.
     bool isAlone(const CacheSubPath& place);
     //! Keeps what lies at the place from being removed; none while somebody removes it.

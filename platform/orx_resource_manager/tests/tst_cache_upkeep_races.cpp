@@ -226,6 +226,20 @@ TEST_F(CacheLookRacesTest, WhoTakesOnlyWhatIsThereGetsWhatComesBack) {
     EXPECT_TRUE(cache.contains(u"d"_qs));
 }
 
+TEST_F(CacheLookRacesTest, WhoIsCancelledDoesNotWaitForAnExchange) {
+    ASSERT_TRUE(orx::testing::writeFile(placeOf(u"d/sub/f"_qs), "another size"));
+    const orx::testing::HeldPlace held(root(), u"d"_qs);
+    const ReadingWatch watch(placeOf(u"d/sub"_qs));
+    const auto task =
+        cache.fillTask(nullptr, u"d"_qs, orx::testing::noFetch(), ResourceCache::FillMode::Missing);
+    task->exec();
+    watch.wait();
+    task->cancel();
+    // A fifth of what it would wait else; it takes milliseconds.
+    EXPECT_TRUE(task->waitForFinished(12'000).isCanceled());
+    EXPECT_TRUE(task->isFinished());
+}
+
 TEST_F(CacheLookRacesTest, WhoTakesOnlyTheFileThatIsThereGetsWhatIsJustBrought) {
     ASSERT_FALSE(fill(u"s/f"_qs, "old").hasError());
     SQLite::Database writer(database().toStdString(), SQLite::OPEN_READWRITE, 10'000);
