@@ -322,6 +322,23 @@ TEST_F(Cache, WhatInterruptedDownloadsTakeIsToldAndGoesWithEverything) {
     EXPECT_TRUE(entries().isEmpty());
 }
 
+TEST_F(Cache, WhatAnInterruptedGetBroughtIsAmongThat) {
+    FaultProxy proxy("127.0.0.1", server.port());
+    loginThrough(proxy);
+    put({"--no-cache"});
+    proxy.cutReplyBody({"GET", contentPath}, 40'000);
+    proxy.replaceReply({"GET", contentPath, 0, -1}, 404, "text/plain", "gone");
+    EXPECT_NE(client.run({"get", "/raw/run.mzML", "--to", client.path("back")}).exitCode, 0);
+    ASSERT_EQ(entries().size(), 1);
+    EXPECT_EQ(entries()[0]["type"], "cache_unfinished");
+    const qint64 size = entries()[0]["size"].toInteger();
+    EXPECT_GT(size, 0);
+    EXPECT_EQ(client.mustRun({"--json", "cache", "prune"}).object()["unfinished_size"].toInteger(), size);
+    const QJsonObject pruned = client.mustRun({"--json", "cache", "prune", "--max-size", "0"}).object();
+    EXPECT_EQ(pruned["leftover_size"].toInteger(), size);
+    EXPECT_TRUE(entries().isEmpty());
+}
+
 TEST_F(Cache, ADamagedCopyMayBeUnpinned) {
     put();
     const QString place = entries()[0]["sub_path"].toString();

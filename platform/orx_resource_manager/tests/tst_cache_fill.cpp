@@ -21,6 +21,23 @@ void noteWaiting(QtMsgType, const QMessageLogContext& context, const QString&) {
         isWaiting = true;
 }
 
+//! Lets isWaiting tell, while it lives.
+class WaitingNoted {
+public:
+    WaitingNoted() {
+        isWaiting = false;
+        QLoggingCategory::setFilterRules(u"orx.cache.waiting.info=true"_qs);
+        m_before = qInstallMessageHandler(noteWaiting);
+    }
+    ~WaitingNoted() {
+        qInstallMessageHandler(m_before);
+        QLoggingCategory::setFilterRules(QString());
+    }
+
+private:
+    QtMessageHandler m_before;
+};
+
 class CacheFillTest : public orx::testing::CacheFixture {
 protected:
     //! A fill whose fetch runs until the test finishes it; returns when it runs.
@@ -534,8 +551,7 @@ TEST_F(CacheFillTest, WhoWaitsTakesWhatComesWhileTheOtherOneGoesOn) {
     ASSERT_TRUE(orx::testing::writeFile(path(u"source"_qs), "content"));
     orx::testing::OtherLocks other(root());
     other.hold(orx::testing::OtherLocks::of(kEntry, orx::testing::OtherLocks::Fill));
-    QLoggingCategory::setFilterRules(u"orx.cache.waiting.info=true"_qs);
-    qInstallMessageHandler(noteWaiting);
+    const WaitingNoted noted;
     const auto task =
         cache.fillTask(nullptr, kEntry, orx::testing::noFetch(), ResourceCache::FillMode::Missing);
     task->exec();
@@ -543,7 +559,6 @@ TEST_F(CacheFillTest, WhoWaitsTakesWhatComesWhileTheOtherOneGoesOn) {
     ASSERT_FALSE(cache.add(nullptr, kEntry, Path(path(u"source"_qs))).hasError());
     EXPECT_TRUE(cache.waitForPending().isEmpty());
     EXPECT_FALSE(task->waitForFinished(120'000).hasError());
-    qInstallMessageHandler(nullptr);
     EXPECT_EQ(orx::testing::readFile(placeOf(kEntry)), "content");
 }
 
