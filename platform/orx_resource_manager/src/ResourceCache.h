@@ -132,7 +132,8 @@ public:
     //! What pruning does about what an interrupted fetch brought within a day, for the next one to resume.
     enum class Unfinished { Kept, Removed };
     //! What the server said the content of a resource is; hexadecimal SHA-256, empty when unknown. Called on
-    //! the thread that adds or fills; must not block.
+    //! any thread that adds or fills, or asks contains() or lease(), which may be an event loop and has
+    //! locked the entry: it must not block, nor call the cache.
     using ChecksumSource = std::function<QString(const ResourceReference&)>;
 
     //! Nothing is touched on the disk before the first use; the directories are made with access for the
