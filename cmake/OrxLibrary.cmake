@@ -41,7 +41,7 @@ function(orx_add_executable name)
   install(TARGETS ${name} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 endfunction()
 
-# orx_add_test(NAME SOURCES ... [LIBS ...] [TIMEOUT seconds] [LABELS ...] [WITHOUT_QT]): one GoogleTest program. Every case of it
+# orx_add_test(NAME SOURCES ... [LIBS ...] [TIMEOUT seconds] [LABELS ...] [FIXTURES ...] [WITHOUT_QT]): one GoogleTest program. Every case of it
 # is a test of its own for ctest, with a watchdog. Programs that use Qt get a main with a QCoreApplication.
 # The label "threads" is for tests of what has threads: ./run test runs them under the thread sanitizer too, and the target
 # orx_threads_tests builds them.
@@ -49,7 +49,7 @@ function(orx_add_test name)
   if(NOT ORX_BUILD_TESTS)
     return()
   endif()
-  cmake_parse_arguments(arg "WITHOUT_QT" "TIMEOUT" "SOURCES;LIBS;LABELS" ${ARGN})
+  cmake_parse_arguments(arg "WITHOUT_QT" "TIMEOUT" "SOURCES;LIBS;LABELS;FIXTURES" ${ARGN})
   if(NOT arg_TIMEOUT)
     set(arg_TIMEOUT 600) # for a hang, not for a slow machine
   endif()
@@ -70,12 +70,16 @@ function(orx_add_test name)
   # gtest_discover_tests takes lists of values apart and would keep the first label only: several labels are one of several
   # words, of which ctest -L finds each.
   list(JOIN arg_LABELS " " labels)
+  set(fixtures)
+  if(arg_FIXTURES)
+    set(fixtures FIXTURES_REQUIRED "${arg_FIXTURES}")
+  endif()
   gtest_discover_tests(${name}
     TEST_PREFIX ${name}/
     DISCOVERY_TIMEOUT 60
     DISCOVERY_MODE PRE_TEST
     NO_PRETTY_VALUES # they are bytes, addresses among them: names would differ from run to run
-    PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS "${labels}")
+    PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS "${labels}" ${fixtures})
 endfunction()
 
 # Writes the CMake package, so that another project finds the installed libraries with find_package(OrxHalvane).
