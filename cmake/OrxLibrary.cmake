@@ -79,7 +79,7 @@ function(orx_add_test name)
     DISCOVERY_TIMEOUT 60
     DISCOVERY_MODE PRE_TEST
     NO_PRETTY_VALUES # they are bytes, addresses among them: names would differ from run to run
-    PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS "${labels}" ${fixtures})
+    PROPERTIES TIMEOUT ${arg_TIMEOUT} ${fixtures} LABELS "${labels}") # which may be empty: last
 endfunction()
 
 # Writes the CMake package, so that another project finds the installed libraries with find_package(OrxHalvane).

@@ -1,14 +1,16 @@
 #!/usr/bin/env bash
-# usage: demo.sh ROOT [BIN]: takes real measurement files to a server of its own and back, and shows what a version conflict looks
-# like. ROOT is the repository, BIN holds the programs (default: those of build/release). Leaves nothing behind; fails when any step does.
+# usage: demo.sh ROOT [BIN [DATA]]: takes real measurement files to a server of its own and back, and shows what a version conflict
+# looks like. ROOT is the repository, BIN holds the programs (default: those of build/release), DATA keeps the files that are
+# downloaded (default: build/data). Leaves nothing else behind; fails when any step does.
 set -euo pipefail
 
 ROOT=$1
 BIN=${2:-$ROOT/build/release/bin}
-DATA=$ROOT/build/data
-PACKAGE=python-pymzml-doc
+DATA=${3:-$ROOT/build/data}
+PACKAGES=(openms-doc python-pymzml-doc r-cran-maldiquantforeign)
 work=
 server=
+more=
 
 fail() { printf 'demo: FAILED: %s\n' "$*" >&2; exit 1; }
 step() { printf '\n== %s\n' "$*"; }
@@ -32,21 +34,6 @@ trap 'exit 143' TERM
 
 # The value of one key of a JSON line on standard input.
 field() { python3 -c 'import json, sys; print(json.loads(sys.stdin.readline())[sys.argv[1]])' "$1"; }
-
-# Brings the larger files into build/data, once. Prints nothing but problems.
-fetch_larger_files() {
-  [ ! -e "$DATA/complete" ] || return 0
-  rm -rf -- "$DATA"
-  mkdir -p "$DATA/package"
-  (cd "$DATA/package" && apt-get download -q -o APT::Sandbox::User=root "$PACKAGE" >../download.log 2>&1) || return 1
-  dpkg-deb -x "$DATA"/package/"$PACKAGE"_*.deb "$DATA/package" || return 1
-  local from=$DATA/package/usr/share/doc/python3-pymzml/tests/data
-  gunzip -c "$from/BSA1.mzML.gz" >"$DATA/BSA1.mzML" || return 1
-  cp "$from/example_no_obo_version.mzML" "$DATA/example.mzML" || return 1
-  cp "$DATA/package/usr/share/doc/$PACKAGE/copyright" "$DATA/copyright" || return 1
-  rm -rf -- "$DATA/package"
-  touch "$DATA/complete"
-}
 
 start_server() {
   printf '%s\n' "$password" |
@@ -75,20 +62,23 @@ same() { cmp -- "$1" "$2" || fail "$2 differs from $1"; }
 
 sha256_of() { sha256sum -- "$1" | cut -d' ' -f1; }
 
+step "Real measurement files"
+origin="tests/data and Debian's ${PACKAGES[*]}"
+downloaded=yes
+"$ROOT/packaging/real-files.sh" "$DATA" "${PACKAGES[@]}" || downloaded=
 work=$(mktemp -d "${TMPDIR:-/tmp}/halvane-demo.XXXXXX")
 export HOME=$work/home
 mkdir -p "$HOME" "$work/up" "$work/down" "$work/colleague/files"
 unset HALVANE_PROFILE
 password=$(od -An -N12 -tx1 /dev/urandom | tr -d ' \n')
 
-step "Real measurement files"
-origin="tests/data and Debian's $PACKAGE"
-if fetch_larger_files; then
-  cp "$DATA"/*.mzML "$work/up/"
+if [ -n "$downloaded" ]; then
+  examples=$DATA/r-cran-maldiquantforeign/exampledata
+  cp -p "$DATA"/openms-doc/*.mzML "$DATA"/python-pymzml-doc/*.mzML "$work/up/"
+  cp -p "$examples/tiny1-compressed.mzML1.1.mzML" "$examples/tiny1-compressed.mzXML3.0.mzXML" "$work/up/"
 else
   origin="tests/data only"
-  echo "The package $PACKAGE could not be downloaded (offline?); going on with the small files of tests/data."
-  rm -rf -- "$DATA"
+  echo "Going on with the small files of tests/data."
 fi
 cp "$ROOT"/tests/data/*.mzML "$ROOT"/tests/data/*.mzXML "$work/up/"
 (cd "$work/up" && ls -l --time-style=+ | awk 'NF > 4 {printf "%12d bytes  %s\n", $5, $NF}')
@@ -138,6 +128,23 @@ for file in "$work"/up/*; do
   echo "$name: $(stat -c %s "$file") bytes packed into $(field size <<<"$line"), came back identical"
 done
 as anna show inspect /acquisitions/tiny.mzML.vonk
+
+if [ -n "$downloaded" ]; then
+  as anna show inspect /acquisitions/BSA1_F1.mzML.vonk
+  as anna show inspect /acquisitions/tiny1-compressed.mzXML3.0.mzXML.vonk
+  step "Images with their binary companions and a directory of a spectrometer, packed and back"
+  mkdir "$work/more" "$work/more-back"
+  cp -p "$examples"/tiny_*.imzML "$examples"/tiny_*.ibd "$work/more/"
+  cp -pr "$examples/brukerflex/0_A1/1/1SLin" "$work/more/"
+  for name in tiny_continuous.imzML tiny_processed.imzML 1SLin; do
+    as anna show put "$work/more/$name" --to /acquisitions
+    as anna show inspect "/acquisitions/$name.vonk"
+    as anna show get --no-cache "/acquisitions/$name.vonk" --to "$work/more-back"
+  done
+  diff -r -- "$work/more" "$work/more-back" || fail "what came back differs from what was put"
+  echo "$work/more-back is identical to $work/more"
+  more="Two images with their companions and a spectrometer's directory were packed, and came back identical."
+fi
 
 step "Get the whole folder on another machine, twice"
 mkdir "$work/whole"
@@ -233,7 +240,8 @@ echo "ended with exit code 0"
 cat <<SUMMARY
 
 == Summary
-  $count real files ($bytes bytes; $origin) went up and came back byte for byte, by cmp and by SHA-256.
+  $count real files ($bytes bytes; $origin) went up and came back byte for byte, by cmp and by SHA-256.${more:+
+  $more}
   Their folder came down on another machine, identical; a second run brought only the file that was missing.
   One of them got a second version; version 1 and version 2 can both be fetched.
   A tree of files, raw data and a packed acquisition went up, a damaged file in it by a retry, and came down identical.

@@ -8,7 +8,8 @@ for name in apt-get dpkg; do
   printf '#!/bin/sh\nexit 97\n' >"$place/stubs/$name"
   chmod +x "$place/stubs/$name"
 done
-HOME=$place/home TMPDIR=$place/tmp PATH=$place/stubs:$PATH "$1/packaging/demo.sh" "$1" "$2"
+HOME=$place/home XDG_CACHE_HOME=$place/home/cache TMPDIR=$place/tmp PATH=$place/stubs:$PATH \
+  "$1/packaging/demo.sh" "$1" "$2" "$place/data"
 left=$(find "$place/home" "$place/tmp" -mindepth 1)
 [ -z "$left" ] || { echo "left behind: $left"; exit 1; }
 for commandline in /proc/[0-9]*/cmdline; do
