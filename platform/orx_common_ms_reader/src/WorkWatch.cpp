@@ -5,7 +5,7 @@
 namespace orx::vonk {
 
 void WorkWatch::report(qint64 done, qint64 total) const {
-    if (progress)
+    if (progress && total > 0)
         progress(done, total);
 }
 

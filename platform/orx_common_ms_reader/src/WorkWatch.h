@@ -15,6 +15,7 @@ struct ORX_COMMON_MS_READER_EXPORT WorkWatch {
     //! True ends the work with ErrorCode::Canceled. Called often, on any thread.
     std::function<bool()> isCanceled;
 
+    //! Of nothing (\a total is 0) nothing is told.
     void report(qint64 done, qint64 total) const;
     Error check() const;
 };

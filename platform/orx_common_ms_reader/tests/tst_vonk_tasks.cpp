@@ -81,6 +81,25 @@ TEST_P(VonkTasks, UnpackingAndCheckingEndWithTheirResult) {
     EXPECT_TRUE(again.waitForFinished().is(ErrorCode::AlreadyExists));
 }
 
+// Of nothing there are no percents.
+TEST_P(VonkTasks, CheckingAnAcquisitionWithoutBytesTellsNothingButItsEnd) {
+    for (const int version : {1, 2}) {
+        SmallWriter writer(version);
+        writer.addFile(QStringLiteral("content/run1.raw"), {});
+        writer.addFile(QStringLiteral("content/run2.raw"), {});
+        writer.finish();
+        write(in(QStringLiteral("empty.vonk")), writer.bytes());
+        CheckVonkTask check(in(QStringLiteral("empty.vonk")), Vonk::Check::Full);
+        check.setExecutionMode(GetParam());
+        const Log log(check);
+        check.exec();
+        EXPECT_FALSE(check.waitForFinished().hasError());
+        EXPECT_EQ(log.events,
+                  (QStringList{QStringLiteral("of 100"), QStringLiteral("100"), QStringLiteral("finished")}))
+            << version;
+    }
+}
+
 TEST_P(VonkTasks, CancelledBeforeItsBodyRunsItLeavesNothing) {
     const auto task =
         VonkUpgradeHelper::createUpgradeVonkTask(old(), out(QStringLiteral("new.vonk")), GetParam());
