@@ -52,7 +52,9 @@ bool fails(const char* call, const std::string& path, bool isRenaming = false,
     if (kind != now.calls || path.compare(0, now.directory.size(), now.directory) != 0)
         return false;
     const bool isOver = now.left-- != 0;
-    const bool failsAgain = !now.failed.empty() && now.lasts == FailingDisk::Lasts::FromThenOn && !isRenaming;
+    const bool isLasting = now.lasts == FailingDisk::Lasts::ForGood ||
+                           (now.lasts == FailingDisk::Lasts::FromThenOn && !isRenaming);
+    const bool failsAgain = !now.failed.empty() && isLasting;
     if (isOver && !failsAgain)
         return false;
     if (now.failed.empty())
@@ -61,9 +63,16 @@ bool fails(const char* call, const std::string& path, bool isRenaming = false,
     return true;
 }
 
+std::string directory() {
+    const std::lock_guard lock(state().mutex);
+    return state().directory;
+}
+
 bool failsToOpen(const char* call, const std::string& path, int flags) {
+    if ((flags & O_DIRECTORY) != 0)
+        return path == directory() && fails(call, path, false, FailingDisk::Calls::ThatOpenADirectory);
     const bool isMaking = (flags & O_CREAT) != 0;
-    if (!isMaking && ((flags & O_ACCMODE) != O_RDONLY || (flags & O_DIRECTORY) != 0))
+    if (!isMaking && ((flags & O_ACCMODE) != O_RDONLY))
         return false;
     const auto kind = isMaking ? FailingDisk::Calls::ThatWrite : FailingDisk::Calls::ThatOpenToRead;
     return fails(call, path, false, kind);

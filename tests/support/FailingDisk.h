@@ -12,11 +12,13 @@ class FailingDisk {
 public:
     enum class Calls {
         ThatWrite,
-        ThatOpenToRead //!< of files only
+        ThatOpenToRead,    //!< of files only
+        ThatOpenADirectory //!< the directory itself
     };
     enum class Lasts {
-        Once,      //!< one call fails
-        FromThenOn //!< and all that come after it, but renaming
+        Once,       //!< one call fails
+        FromThenOn, //!< and all that come after it, but renaming
+        ForGood     //!< and all that come after it
     };
 
     //! The call number \a failing, counted from 0, fails with \a error (errno).

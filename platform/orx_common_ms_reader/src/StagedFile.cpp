@@ -22,6 +22,16 @@ namespace {
 //! What is written between two requests to begin writing back, so that the flush at the end has little to do.
 constexpr qint64 sliceSize = qint64(8) * 1024 * 1024;
 
+//! Makes the name durable under which \a target is; errno.
+int flushName(const QByteArray& target) {
+    const Error error = AtomicFile::syncDirectory(QFileInfo(QFile::decodeName(target)).path());
+    if (!error.hasError() || error.code() != EACCES)
+        return error.hasError() ? error.code() : 0;
+    // A directory that may be written and not read cannot be opened; its whole file system can be flushed.
+    const Descriptor made(::open(target.constData(), O_RDONLY | O_CLOEXEC));
+    return made.isOpen() && ::syncfs(*made) == 0 ? 0 : errno;
+}
+
 } // namespace
 
 QByteArray encodedPath(const QString& path) {
@@ -31,12 +41,17 @@ QByteArray encodedPath(const QString& path) {
 Error takeForGood(const QByteArray& temporary, const QByteArray& target, const QString& path) {
     if (const int taken = FilePlace::take(temporary, target); taken != 0)
         return ORX_ECATCH(writeFailure(taken == ENOTEMPTY ? EEXIST : taken, path));
-    const Error unflushed = AtomicFile::syncDirectory(QFileInfo(QFile::decodeName(target)).path());
-    if (!unflushed.hasError())
+    const int unflushed = flushName(target);
+    if (unflushed == 0)
         return {};
     // A name that a power cut might take away again is not handed out.
-    ::rename(target.constData(), temporary.constData());
-    return ORX_ECATCH(writeFailure(unflushed.code(), path));
+    if (::rename(target.constData(), temporary.constData()) == 0)
+        return ORX_ECATCH(writeFailure(unflushed, path));
+    return Error(
+        ErrorCode::FileNotWritable,
+        translated("\"%1\" is there and complete, but a power cut might take its name away: %2. Look "
+                   "after the disk.")
+            .arg(path, qt_error_string(unflushed)));
 }
 
 Result<StagedFile> StagedFile::create(const QString& path, qint64 bytes, const WorkWatch& watch) {

@@ -33,8 +33,9 @@ private:
     std::optional<DiskRoom> m_room;
 };
 
-//! Gives what was flushed as \a temporary the name \a target, of \a path, for good. After an error it has its
-//! old name: ErrorCode::AlreadyExists, StorageFull, FileNotWritable.
+//! Gives what was flushed as \a temporary the name \a target, of \a path, for good; also in a directory that
+//! may not be read. After an error it has its old name: ErrorCode::AlreadyExists, StorageFull,
+//! FileNotWritable. When it could not be taken back, the error (FileNotWritable) says that it is there.
 Error takeForGood(const QByteArray& temporary, const QByteArray& target, const QString& path);
 
 //! Absolute and clean, as bytes for the system.

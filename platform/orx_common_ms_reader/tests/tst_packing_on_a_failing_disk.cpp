@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <functional>
+#include <optional>
 #include <set>
 
 using namespace orx;
@@ -80,6 +81,70 @@ TEST_P(PackingOnAFailingDisk, UpgradingLeavesNothing) {
     EXPECT_FALSE(checked(target(), Vonk::Check::Full).hasError());
     EXPECT_EQ(read(in(QStringLiteral("old.vonk"))), old);
     EXPECT_EQ(names(out()), QStringList{QStringLiteral("target")});
+}
+
+class DiskThatFailsForGood : public PackingFixture {
+protected:
+    //! As in eachFails(), but renaming fails, too, and once the name was given it cannot be taken back.
+    void leavesAllOrNothing(const std::function<Error()>& work,
+                            const std::function<void()>& expectAll) const {
+        int complete = 0;
+        for (int failing = 0;; ++failing) {
+            std::optional<FailingDisk> disk(std::in_place, out().toStdString(), failing, EIO,
+                                            FailingDisk::Lasts::ForGood);
+            const Error error = work();
+            if (disk->failed().empty())
+                break;
+            disk.reset();
+            EXPECT_TRUE(error.is(ErrorCode::FileNotWritable)) << failing;
+            const bool isThere = !names(out()).isEmpty();
+            EXPECT_EQ(
+                error.errorMessage().contains(QStringLiteral("\"%1\" is there and complete").arg(target())),
+                isThere)
+                << failing << ": " << qPrintable(error.errorMessage());
+            if (!isThere)
+                continue;
+            ++complete;
+            EXPECT_EQ(names(out()), QStringList{QStringLiteral("target")}) << failing;
+            expectAll();
+            ASSERT_TRUE(QDir(out()).removeRecursively() && QDir().mkpath(out()));
+        }
+        EXPECT_EQ(complete, 1) << "the flush of the directory, which comes last";
+    }
+    QString target() const { return out(QStringLiteral("target")); }
+};
+
+TEST_F(DiskThatFailsForGood, APackedFileThatCannotBeTakenBackIsToldOf) {
+    const QString source = makeAcquisition();
+    leavesAllOrNothing([&] { return VonkPacker::pack(inputOf(source), target()).error(); },
+                       [&] { EXPECT_FALSE(checked(target(), Vonk::Check::Full).hasError()); });
+}
+
+TEST_F(DiskThatFailsForGood, AnUnpackedDirectoryThatCannotBeTakenBackIsToldOf) {
+    pack(makeAcquisition(), in(QStringLiteral("run1.vonk")));
+    Vonk vonk(in(QStringLiteral("run1.vonk")));
+    ASSERT_FALSE(vonk.open().hasError());
+    leavesAllOrNothing([&] { return vonk.unpack(target()); },
+                       [&] {
+                           EXPECT_EQ(tree(target() + QStringLiteral("/content/run1.d")),
+                                     tree(in(QStringLiteral("run1.d"))));
+                       });
+}
+
+// A drop box: one may put something there and not look at what is there.
+class DirectoryThatCannotBeRead : public PackingFixture {};
+
+TEST_F(DirectoryThatCannotBeRead, TakesWhatIsPackedAndUnpacked) {
+    const QString source = makeAcquisition();
+    const FailingDisk disk(out().toStdString(), 0, EACCES, FailingDisk::Lasts::FromThenOn,
+                           FailingDisk::Calls::ThatOpenADirectory);
+    EXPECT_FALSE(VonkPacker::pack(inputOf(source), out(QStringLiteral("run1.vonk"))).hasError());
+    EXPECT_FALSE(disk.failed().empty());
+    Vonk vonk(out(QStringLiteral("run1.vonk")));
+    ASSERT_FALSE(vonk.open().hasError());
+    EXPECT_FALSE(vonk.unpack(out(QStringLiteral("back"))).hasError());
+    EXPECT_EQ(names(out()), (QStringList{QStringLiteral("back"), QStringLiteral("run1.vonk")}));
+    EXPECT_EQ(tree(out(QStringLiteral("back/content/run1.d"))), tree(source));
 }
 
 constexpr const char* kNoRoom = "There is no room for \"";
