@@ -1,5 +1,6 @@
 // The catalogue, the blob store and the committer on a directory of their own.
 #include "blobs/blob_store.h"
+#include "store/listing_queries.h"
 #include "store/sqlite_catalog.h"
 #include "store/sqlite_connection.h"
 #include "support/temporary_directory.h"
@@ -186,6 +187,24 @@ TEST_F(CatalogTest, WhoKnowsAListingIsToldWhatIsNewOrChangedSinceWhileNothingHas
     m_catalog->createGroup("lab");
     m_catalog->grant(a, "lab", PrivilegeSet::all());
     EXPECT_EQ(list({removed, true}).second, "a;c;d;") << "other privileges are another listing";
+}
+
+TEST_F(CatalogTest, ChangesOfAListingCostWhatHasChanged) {
+    SqliteConnection connection(path());
+    const auto plan = [&connection](const char* query) {
+        std::string steps;
+        const std::string explain = std::string("EXPLAIN QUERY PLAN ") + query;
+        Query explained(connection, explain);
+        while (explained.next())
+            steps += explained.text(3) + '\n';
+        return steps;
+    };
+    EXPECT_NE(plan(changedFilesQuery).find("files_by_change (folder_id=? AND listed_change>?)"),
+              std::string::npos)
+        << plan(changedFilesQuery);
+    EXPECT_NE(plan(changedSubfoldersQuery).find("folders_by_change (parent_id=? AND listed_change>?)"),
+              std::string::npos)
+        << plan(changedSubfoldersQuery);
 }
 
 TEST_F(CatalogTest, ACatalogueOfTheFirstVersionIsBroughtUpToDate) {

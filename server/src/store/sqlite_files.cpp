@@ -1,22 +1,26 @@
 // The files and versions of the SQLite catalogue.
+#include "store/listing_queries.h"
 #include "store/listing_tag.h"
 #include "store/sqlite_access.h"
 #include "store/sqlite_catalog.h"
 
 namespace halvane::server {
 
-namespace {
-
-#define HALVANE_FILE_COLUMNS                                                                                 \
+#define HALVANE_FILE_COLUMNS_FROM(files)                                                                     \
     "SELECT f.id, f.folder_id, f.name, v.alias, f.last_version, v.size, v.sha256, v.data_type, "             \
     "f.created_at,"                                                                                          \
-    " v.created_at, v.source_modified_at, u.name FROM files f"                                               \
+    " v.created_at, v.source_modified_at, u.name FROM " files                                                \
     " JOIN versions v ON v.file_id = f.id AND v.version = f.last_version LEFT JOIN users u ON u.id = "       \
     "f.created_by"
+#define HALVANE_FILE_COLUMNS HALVANE_FILE_COLUMNS_FROM("files f")
+
+// Left to itself SQLite goes through all of them to be spared the sorting of a few.
+const char* const changedFilesQuery = HALVANE_FILE_COLUMNS_FROM(
+    "files f INDEXED BY files_by_change") " WHERE f.folder_id = ?1 AND f.listed_change > ?2 ORDER BY f.id";
+
+namespace {
 
 constexpr const char* allFiles = HALVANE_FILE_COLUMNS " WHERE f.folder_id = ?1 ORDER BY f.id";
-constexpr const char* changedFiles =
-    HALVANE_FILE_COLUMNS " WHERE f.folder_id = ?1 AND f.listed_change > ?2 ORDER BY f.id";
 
 FileRecord fileOf(const Query& row) {
     return {row.integer(0),
@@ -59,7 +63,7 @@ ListingState SqliteCatalog::files(const Caller& caller, Id id, const KnownListin
         const auto since = compare(known, tag, 0, state); // files go with their folder only
         if (state.notModified || hidden)
             return;
-        Query query(connection, since ? changedFiles : allFiles);
+        Query query(connection, since ? changedFilesQuery : allFiles);
         query.bindAt(1, id);
         if (since)
             query.bindAt(2, *since);

@@ -1,4 +1,5 @@
 // The folders of the SQLite catalogue.
+#include "store/listing_queries.h"
 #include "store/listing_tag.h"
 #include "store/sqlite_access.h"
 #include "store/sqlite_catalog.h"
@@ -67,14 +68,19 @@ SubfoldersTag subfoldersTag(SqliteConnection& connection, const Caller& caller, 
             query.integer(2)};
 }
 
+} // namespace
+
 #define HALVANE_SUBFOLDERS(index)                                                                            \
     "SELECT f.id, f.name, " HALVANE_HAS_READABLE_CHILD ", o.group_id, o.privileges FROM folders f " index    \
     " LEFT JOIN grants o ON o.folder_id = f.id WHERE f.parent_id = ?1"
 
-constexpr const char* allSubfolders = HALVANE_SUBFOLDERS("") " ORDER BY f.id, o.group_id";
 // Left to itself SQLite goes through all of them to be spared the sorting of a few.
-constexpr const char* changedSubfolders =
+const char* const changedSubfoldersQuery =
     HALVANE_SUBFOLDERS("INDEXED BY folders_by_change") " AND f.listed_change > ?5 ORDER BY f.id, o.group_id";
+
+namespace {
+
+constexpr const char* allSubfolders = HALVANE_SUBFOLDERS("") " ORDER BY f.id, o.group_id";
 
 void requireVisibleGroups(SqliteConnection& connection, const Caller& caller, const std::vector<Id>& groups) {
     for (const Id group : groups) {
@@ -138,7 +144,7 @@ ListingState SqliteCatalog::subfolders(const Caller& caller, Id id, const KnownL
         if (state.notModified)
             return;
         const Identity who = caller.identity();
-        Query query(connection, since ? changedSubfolders : allSubfolders);
+        Query query(connection, since ? changedSubfoldersQuery : allSubfolders);
         query.bind(id, caller.isAdmin, groupIdsJson(caller), true); // only what may be read is shown
         if (since)
             query.bindAt(5, *since);
