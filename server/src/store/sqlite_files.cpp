@@ -14,7 +14,7 @@ namespace halvane::server {
     "f.created_by"
 #define HALVANE_FILE_COLUMNS HALVANE_FILE_COLUMNS_FROM("files f")
 
-// Left to itself SQLite goes through all of them to be spared the sorting of a few.
+// The index is named so that it stays the one: the order of ids would be a reason to go through all of them.
 const char* const changedFilesQuery = HALVANE_FILE_COLUMNS_FROM(
     "files f INDEXED BY files_by_change") " WHERE f.folder_id = ?1 AND f.listed_change > ?2 ORDER BY f.id";
 
