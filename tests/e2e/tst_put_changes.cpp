@@ -6,9 +6,11 @@
 
 #include <gmock/gmock.h>
 
+#include <QCryptographicHash>
 #include <QDateTime>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QUrl>
 
 #include <csignal>
@@ -86,6 +88,64 @@ TEST_F(PutRetry, OfAnotherSpellingOfTheTargetSendsItToo) {
     EXPECT_EQ(put({"2026", "--to", "/raw", "--keep-going", "--if-exists", "fail"}).exitCode, 14);
     const Outcome outcome = put({"2026", "--to", "/raw/", "--retry"});
     EXPECT_EQ(outcomes(outcome, "2026").value("b.txt"), "uploaded") << outcome.err.constData();
+}
+
+//! /raw/2026/old is a file of the system, which nobody has touched for long. On the server it has another
+//! content by now, and the record of what went up says that it is the one of here.
+class PutRetryOfOldFiles : public PutChanges {
+protected:
+    void SetUp() override {
+        PutChanges::SetUp();
+        makeDirectory("2026");
+        ASSERT_TRUE(QFile::link("/usr/bin/env", client.path("2026/old")));
+        ASSERT_EQ(put({"2026", "--to", "/raw"}).exitCode, 0);
+        const QString other = write("other", "of the server");
+        ASSERT_EQ(put({"other", "--to", "/raw/2026/old"}).exitCode, 0);
+        const QFileInfoList records = QDir(client.configDir() + "/uploads").entryInfoList({"*.json"});
+        ASSERT_EQ(records.size(), 1);
+        record = records.first().filePath();
+        QByteArray text = contentOf(record);
+        const QByteArray known = sha256Of("/usr/bin/env");
+        ASSERT_TRUE(text.contains(known)) << text.constData();
+        QFile file(record);
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+        file.write(text.replace(known, sha256Of(other)));
+    }
+    static QByteArray contentOf(const QString& path) {
+        QFile file(path);
+        EXPECT_TRUE(file.open(QIODevice::ReadOnly)) << qPrintable(path);
+        return file.readAll();
+    }
+    static QByteArray sha256Of(const QString& path) {
+        return QCryptographicHash::hash(contentOf(path), QCryptographicHash::Sha256).toHex();
+    }
+    QString record;
+};
+
+TEST_F(PutRetryOfOldFiles, TakesTheWordOfTheRecordAndReadsNothing) {
+    EXPECT_EQ(outcomes(retry(), "2026"), (Outcomes{{"old", "unchanged"}}));
+    EXPECT_EQ(outcomes(retry(), "2026"), (Outcomes{{"old", "unchanged"}})) << "the record is kept";
+}
+
+TEST_F(PutRetryOfOldFiles, AnyOtherRunReads) {
+    EXPECT_EQ(outcomes(put({"2026", "--to", "/raw"}), "2026"), (Outcomes{{"old", "uploaded"}}));
+}
+
+TEST_F(PutRetryOfOldFiles, ReadsWhatWasTouched) {
+    ASSERT_TRUE(QFile::remove(client.path("2026/old")));
+    ASSERT_TRUE(QFile::copy("/usr/bin/env", client.path("2026/old")));
+    QFile copy(client.path("2026/old"));
+    ASSERT_TRUE(copy.open(QIODevice::ReadWrite));
+    ASSERT_TRUE(
+        copy.setFileTime(QFileInfo("/usr/bin/env").lastModified(), QFileDevice::FileModificationTime));
+    copy.close();
+    EXPECT_EQ(outcomes(retry(), "2026"), (Outcomes{{"old", "uploaded"}})) << "size and time are the same";
+}
+
+TEST_F(PutRetryOfOldFiles, ReadsWhatHasYetAnotherContentOnTheServer) {
+    write("other", "a third one");
+    ASSERT_EQ(put({"other", "--to", "/raw/2026/old"}).exitCode, 0);
+    EXPECT_EQ(outcomes(retry(), "2026"), (Outcomes{{"old", "uploaded"}}));
 }
 
 // ---- while it runs
@@ -190,6 +250,21 @@ TEST_F(PutChanges, ADirectoryThatIsNamedLikeAPackedAcquisitionIsAFolderAndThatIs
     EXPECT_THAT(plan.err.toStdString(), HasSubstr("goes up as a folder"));
 }
 
+TEST_F(PutChanges, RawDataThatIsAPlainDirectoryWhenItsTurnComesIsAFailureAndNothingOfItGoesUp) {
+    makeRawDirectory("run.d");
+    write("a.txt", "content of a");
+    const auto hold = proxy->holdReply({"GET", ".*/folders/2/files"});
+    const auto process = client.start(
+        {"--json", "put", "run.d", "a.txt", "--to", "/raw", "--if-exists", "fail", "--keep-going"});
+    hold->waitUntilAnswered();
+    ASSERT_TRUE(QFile::remove(client.path("run.d/analysis.tdf")));
+    hold->release();
+    const Outcome outcome = Client::finish(*process);
+    EXPECT_EQ(outcome.exitCode, 14) << outcome.err.constData();
+    EXPECT_EQ(failures(outcome, "."), (Outcomes{{"run.d", "FileChanged"}}));
+    EXPECT_EQ(onServer("/raw"), QStringList{"/raw/a.txt@1"});
+}
+
 // ---- one path, one account
 
 TEST_F(PutChanges, APathWithinAnotherOneStopsItBeforeAnythingIsAsked) {
@@ -205,25 +280,91 @@ TEST_F(PutChanges, APathWithinAnotherOneStopsItBeforeAnythingIsAsked) {
 
 // ---- acquisitions that are still being written
 
-TEST_F(PutChanges, AnAcquisitionThatIsStillBeingWrittenIsAFailure) {
-    QFile settings(client.configDir() + "/upload.ini");
-    ASSERT_TRUE(settings.open(QIODevice::WriteOnly | QIODevice::Truncate));
-    settings.write("[acquisitions]\nquiet_time=100000s\npatience=0s\n");
-    settings.close();
-    write("2026/a.txt", "content of a");
-    QFile run(makeRawFile("2026/run.mzML"));
-    ASSERT_TRUE(run.open(QIODevice::ReadWrite));
-    ASSERT_TRUE(run.setFileTime(QDateTime::currentDateTime(), QFileDevice::FileModificationTime));
-    run.close();
+//! Nothing that was changed in the last day has come to rest.
+class PutWhileWritten : public PutChanges {
+protected:
+    void SetUp() override {
+        PutChanges::SetUp();
+        setRules({});
+        write("2026/a.txt", "content of a");
+    }
+    void setRules(const QByteArray& filters) {
+        QFile settings(client.configDir() + "/upload.ini");
+        ASSERT_TRUE(settings.open(QIODevice::WriteOnly | QIODevice::Truncate));
+        settings.write("[acquisitions]\nquiet_time=100000s\npatience=0s\n" + filters);
+    }
+    void touch(const QString& path) {
+        QFile file(client.path(path));
+        ASSERT_TRUE(file.open(QIODevice::ReadWrite));
+        ASSERT_TRUE(file.setFileTime(QDateTime::currentDateTime(), QFileDevice::FileModificationTime));
+    }
+    void expectRefused(const Outcome& outcome) const {
+        EXPECT_EQ(outcome.exitCode, 1) << outcome.err.constData();
+        EXPECT_THAT(outcome.err.toStdString(), HasSubstr("is still being written"));
+        EXPECT_THAT(outcome.out.toStdString(), HasSubstr("\"Busy\""));
+        EXPECT_EQ(onServer("/raw"), QStringList());
+    }
+    void expectRefusedBesideAnother(const QString& path) const {
+        const Outcome paths = put({path, "2026/a.txt", "--to", "/raw", "--keep-going"});
+        EXPECT_EQ(paths.exitCode, 14) << paths.err.constData();
+        EXPECT_EQ(failures(paths, "2026"), (Outcomes{{path.mid(5), "Busy"}}));
+        EXPECT_THAT(paths.err.toStdString(), HasSubstr("is still being written"));
+    }
+};
+
+TEST_F(PutWhileWritten, AnAcquisitionIsAFailure) {
+    makeRawFile("2026/run.mzML");
+    touch("2026/run.mzML");
     const Outcome tree = put({"2026", "--to", "/raw"});
     EXPECT_EQ(tree.exitCode, 14) << tree.err.constData();
     EXPECT_EQ(failures(tree, "2026").keys(), QStringList{"run.mzML"});
     EXPECT_EQ(outcomes(tree, "2026"), (Outcomes{{"a.txt", "uploaded"}}));
     EXPECT_THAT(tree.err.toStdString(), HasSubstr("is still being written"));
-    const Outcome paths = put({"2026/run.mzML", "2026/a.txt", "--to", "/raw", "--keep-going"});
-    EXPECT_EQ(paths.exitCode, 14) << paths.err.constData();
-    EXPECT_EQ(failures(paths, "2026"), (Outcomes{{"run.mzML", "Busy"}}));
-    EXPECT_THAT(paths.err.toStdString(), HasSubstr("is still being written"));
+    expectRefusedBesideAnother("2026/run.mzML");
+}
+
+TEST_F(PutWhileWritten, ASingleAcquisitionIsRefusedInWhateverFormItIsToGo) {
+    makeRawFile("2026/run.mzML");
+    makeRawDirectory("2026/frames.d");
+    makePacked("2026/old.vonk");
+    for (const QString part : {"2026/run.mzML", "2026/frames.d/analysis.tdf", "2026/old.vonk"})
+        touch(part);
+    for (const QString path : {"2026/run.mzML", "2026/frames.d", "2026/old.vonk"})
+        expectRefused(put({path, "--to", "/raw"}));
+    expectRefused(put({"2026/run.mzML", "--to", "/raw", "--as-file"}));
+}
+
+TEST_F(PutWhileWritten, ASingleAcquisitionGoesUpOnceItIsAtRestAndAnyOtherFileAtOnce) {
+    makeRawFile("2026/run.mzML");
+    touch("2026/a.txt");
+    EXPECT_EQ(put({"2026/run.mzML", "--to", "/raw"}).exitCode, 0);
+    EXPECT_EQ(put({"2026/a.txt", "--to", "/raw"}).exitCode, 0);
+}
+
+TEST_F(PutWhileWritten, WhatIsNamedIsWaitedForWhateverTheRulesForNamesSay) {
+    makeRawFile("2026/.hidden.mzML");
+    makeRawDirectory("2026/frames.d");
+    makeRawFile("2026/run.mzML");
+    ASSERT_TRUE(QFile::link(client.path("2026/frames.d"), client.path("2026/link.d")));
+    for (const QString part : {"2026/.hidden.mzML", "2026/frames.d/analysis.tdf", "2026/run.mzML"})
+        touch(part);
+    for (const QByteArray rules :
+         {"", "[filters]\nallowed_extensions=txt\n", "[filters]\nexcluded_names=run*\n"}) {
+        ASSERT_NO_FATAL_FAILURE(setRules(rules));
+        for (const QString path : {"2026/.hidden.mzML", "2026/link.d", "2026/run.mzML"}) {
+            expectRefused(put({path, "--to", "/raw"}));
+            expectRefused(put({path, "2026/./" + path.mid(5), "--to", "/raw"}));
+        }
+    }
+}
+
+TEST_F(PutWhileWritten, WhatIsNamedAndAtRestGoesUpWhateverTheRulesForNamesSay) {
+    makeRawFile("2026/.hidden.mzML");
+    makeRawFile("2026/run.mzML");
+    ASSERT_NO_FATAL_FAILURE(setRules("[filters]\nallowed_extensions=vonk\n"));
+    const Outcome outcome = put({"2026/.hidden.mzML", "2026/run.mzML", "--to", "/raw"});
+    EXPECT_EQ(outcome.exitCode, 0) << outcome.err.constData();
+    EXPECT_EQ(outcomes(outcome, "2026"), (Outcomes{{".hidden.mzML", "uploaded"}, {"run.mzML", "uploaded"}}));
 }
 
 // ---- versions that somebody else made

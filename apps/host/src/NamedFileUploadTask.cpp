@@ -1,25 +1,20 @@
 #include "NamedFileUploadTask.h"
 
+#include "AwaitRestTask.h"
+
 #include <GetDuplicateUploadPolicyTask.h>
 #include <HalvaneConnectionUtils.h>
 #include <HalvaneItemTasks.h>
 #include <tasks/HalvaneFileUploadTask.h>
-#include <tasks/HalvaneValidateUploadInputFileTask.h>
-
-#include <QFileInfo>
 
 namespace halvane::host {
 
 using orx::Error;
-using orx::ErrorCode;
 using orx::GetDuplicateUploadPolicyTask;
 using orx::HalvaneGetFilesTask;
 using orx::HalvaneUploadTask;
-using orx::HalvaneValidateUploadInputFileTask;
 using orx::Result;
 using orx::UploadedFileData;
-using orx::UploadFileInputValidation;
-using orx::UploadRefusal;
 
 NamedFileUploadTask::NamedFileUploadTask(const LocalEntry& entry, const RemoteItem& folder,
                                          std::shared_ptr<orx::DuplicateUploadPolicyInterface> policy,
@@ -34,17 +29,11 @@ NamedFileUploadTask::NamedFileUploadTask(const LocalEntry& entry, const RemoteIt
 NamedFileUploadTask::~NamedFileUploadTask() = default;
 
 Error NamedFileUploadTask::initialize() {
-    execSubtask(std::make_unique<HalvaneValidateUploadInputFileTask>(
-                    HalvaneValidateUploadInputFileTask::Input{m_entry.path}),
-                [this](HalvaneValidateUploadInputFileTask*) { onValidated(); });
+    execSubtask(std::make_unique<AwaitRestTask>(m_entry.path), [this](AwaitRestTask*) { onAtRest(); });
     return {};
 }
 
-// The rules for names are for what nobody named.
-void NamedFileUploadTask::onValidated() {
-    const UploadRefusal refusal = UploadFileInputValidation::refusal(QFileInfo(m_entry.path));
-    if (refusal == UploadRefusal::StillWritten)
-        return finish(Error(ErrorCode::Busy, UploadFileInputValidation::explanation(refusal, m_entry.path)));
+void NamedFileUploadTask::onAtRest() {
     execSubtask(std::make_unique<HalvaneGetFilesTask>(m_folder.id), [this](HalvaneGetFilesTask* task) {
         onListed(orx::HalvaneConnectionUtils::findFileIdInFiles(m_entry.serverName(), task->files()));
     });
@@ -67,8 +56,12 @@ void NamedFileUploadTask::upload(const UploadedFileData& data) {
     if (created.hasError())
         return finish(created.error());
     std::unique_ptr<HalvaneUploadTask> task = std::move(*created);
-    if (auto* const file = qobject_cast<orx::HalvaneFileUploadTaskBase*>(task.get()))
-        Q_EMIT uploadStarted(file);
+    auto* const file = qobject_cast<orx::HalvaneFileUploadTaskBase*>(task.get());
+    if (!file) // its files would go up without the policy
+        return finish(
+            Error(orx::ErrorCode::FileChanged,
+                  QStringLiteral("\"%1\" was raw data and is a plain directory now.").arg(m_entry.path)));
+    Q_EMIT uploadStarted(file);
     execSubtask(std::unique_ptr<orx::BaseTask>(std::move(task)));
 }
 

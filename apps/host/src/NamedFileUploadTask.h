@@ -19,7 +19,8 @@ namespace halvane::host {
 
 //! Uploads one file, packed acquisition or raw data that was named by itself into a folder, with the same
 //! care for taken names as in a folder upload; raw data unpacked when it is to go \a asFile. Succeeds without
-//! an upload when the policy leaves it out. ErrorCode::Busy for an acquisition that does not come to rest.
+//! an upload when the policy leaves it out. ErrorCode::Busy for an acquisition that does not come to rest,
+//! ErrorCode::FileChanged for raw data that is a plain directory by now.
 //! Thread: that of the object.
 class HALVANE_HOST_EXPORT NamedFileUploadTask : public orx::ComplexTask {
     Q_OBJECT
@@ -37,7 +38,7 @@ protected:
     orx::Error initialize() override;
 
 private:
-    void onValidated();
+    void onAtRest();
     void onListed(int existingId);
     void upload(const orx::UploadedFileData& data);
     orx::Result<std::unique_ptr<orx::HalvaneUploadTask>> makeUpload(const orx::UploadedFileData& data) const;

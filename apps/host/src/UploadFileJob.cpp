@@ -1,7 +1,9 @@
 #include "UploadFileJob.h"
 
+#include "AwaitRestTask.h"
 #include "ErrorText.h"
 #include "ResolveItemTask.h"
+#include "UploadSettings.h"
 
 #include <FileTypes.h>
 #include <HalvaneAcknowledgedContents.h>
@@ -106,6 +108,9 @@ Error UploadFileJob::checkLocalFile(const UploadRequest& request) {
 Error UploadFileJob::initialize() {
     ORX_RETURN_ON_ERROR(ResolveItemTask::checkText(m_request.target));
     ORX_RETURN_ON_ERROR(checkLocalFile(m_request));
+    const auto filters = uploadFilters();
+    ORX_RETURN_ON_ERROR(filters.error());
+    orx::UploadFileInputValidation::setFilters(filters.value());
     m_isPacked = isRawData(m_request);
     auto resolve = std::make_unique<ResolveItemTask>(m_request.target, ResolveItemTask::Wanted::Any);
     ResolveItemTask* raw = resolve.get();
@@ -181,7 +186,7 @@ void UploadFileJob::settle() {
                 [this](HalvaneSettleUploadTask* task) {
                     const std::optional<HalvaneApiReference> committed = task->committedFile();
                     if (!committed)
-                        return upload();
+                        return awaitRest();
                     m_foundCommitted = true;
                     if (m_request.metadata)
                         putMetadata(*committed);
@@ -213,6 +218,10 @@ void UploadFileJob::setMade(const HalvaneApiReference& file) {
     m_item.version = file.version;
     m_item.name = nameOnServer();
     m_item.size = m_isPacked ? -1 : QFileInfo(m_request.localPath).size();
+}
+
+void UploadFileJob::awaitRest() {
+    execSubtask(std::make_unique<AwaitRestTask>(m_request.localPath), [this](AwaitRestTask*) { upload(); });
 }
 
 void UploadFileJob::upload() {

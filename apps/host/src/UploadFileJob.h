@@ -41,8 +41,9 @@ struct UploadRequest {
 //!
 //! Errors: a local file that is missing (ErrorCode::NotFound), a directory that is no raw data
 //! (ErrorCode::InvalidArgument) or
-//! unreadable (ErrorCode::FileNotReadable) is found before any call; then those of ResolveItemTask and of the
-//! upload. A version conflict says which version is here and which on the server.
+//! unreadable (ErrorCode::FileNotReadable) is found before any call, as are settings that cannot be used;
+//! then those of ResolveItemTask, ErrorCode::Busy for an acquisition that does not come to rest, and those of
+//! the upload. A version conflict says which version is here and which on the server.
 class HALVANE_HOST_EXPORT UploadFileJob : public orx::ComplexTask {
     Q_OBJECT
 public:
@@ -75,6 +76,7 @@ private:
     void putMetadata(const orx::HalvaneApiReference& file);
     void onMetadataFailed(const orx::HalvaneApiReference& file, const orx::Error& error);
     void setMade(const orx::HalvaneApiReference& file);
+    void awaitRest();
     void upload();
     orx::Result<std::unique_ptr<orx::HalvaneFileUploadTaskBase>> makeUpload() const;
     void onUploadFailed(const orx::HalvaneFileUploadTaskBase& task);

@@ -190,6 +190,19 @@ UploadFileInputValidation::co_validUploadPath(QFileInfo path) {
     co_return result;
 }
 
+QCoro::Task<bool> UploadFileInputValidation::co_comesToRest(QFileInfo path) {
+    const QString file = path.absoluteFilePath();
+    std::function<bool(const std::stop_token&)> look = [file](const std::stop_token&) {
+        return contentOf(file).isAcquisition;
+    };
+    const bool isAcquisition = co_await onWorker<bool>(std::move(look));
+    bool isAtRest = true;
+    if (isAcquisition)
+        isAtRest = co_await waitForQuiet(file, filters());
+    setStillWritten(file, !isAtRest);
+    co_return isAtRest;
+}
+
 QString UploadFileInputValidation::explanation(UploadRefusal refusal, const QString& path) {
     const auto say = [&path](const char* text) {
         return QCoreApplication::translate("orx::UploadFileInputValidation", text).arg(path);

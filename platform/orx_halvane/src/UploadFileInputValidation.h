@@ -63,7 +63,10 @@ public:
     //! The same, asked asynchronously, with a look into the content; an acquisition that is still being
     //! written is waited for first, and not valid when it does not come to rest.
     static QCoro::Task<ValidationResult> co_validUploadPath(QFileInfo path);
-    //! Why the path is not valid; StillWritten from when the coroutine said so until it says otherwise.
+    //! For what somebody asked for by its name: waits for an acquisition that is still being written,
+    //! whatever the rules say of it, and tells whether it came to rest. What is no acquisition does.
+    static QCoro::Task<bool> co_comesToRest(QFileInfo path);
+    //! Why the path is not valid; StillWritten from when a coroutine said so until it says otherwise.
     static UploadRefusal refusal(const QFileInfo& path);
     //! One sentence for people that names the path; empty for None.
     static QString explanation(UploadRefusal refusal, const QString& path);
