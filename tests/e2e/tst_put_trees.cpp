@@ -349,6 +349,24 @@ TEST_F(PutTrees, TwoOfADirectoryThatGetOneNameAreBothThereAndNotSentAgain) {
     EXPECT_EQ(changes(), QStringList());
 }
 
+TEST_F(PutTrees, ChangedOneOfTwoThatGetOneNameFailsAndIsNoVersionOfTheOther) {
+    QFile raw(makeRawFile("2026/run.mzML"));
+    makePacked("2026/run.mzML.vonk");
+    ASSERT_EQ(put({"2026", "--to", "/raw"}).exitCode, 0);
+    ASSERT_TRUE(raw.open(QIODevice::Append));
+    ASSERT_EQ(raw.write("\n"), 1);
+    raw.close();
+    server.clearRequests();
+    for (int run = 0; run < 2; ++run) {
+        const Outcome outcome = put({"2026", "--to", "/raw", "--keep-going"});
+        EXPECT_EQ(outcome.exitCode, 14) << outcome.err.constData();
+        EXPECT_EQ(failures(outcome, "2026"), (QMap<QString, QString>{{"run.mzML", "AlreadyExists"}}));
+        EXPECT_EQ(outcomes(outcome, "2026"), (QMap<QString, QString>{{"run.mzML.vonk", "unchanged"}}));
+    }
+    EXPECT_THAT(put({"2026", "--to", "/raw", "--dry-run"}).out.toStdString(), HasSubstr("\"fail\""));
+    EXPECT_EQ(changes(), QStringList());
+}
+
 TEST_F(PutTrees, TwoThatWouldBeOneAreNeverMerged) {
     write("one/2026/a.txt", "content of a");
     write("two/2026/b.txt", "content of b");

@@ -43,15 +43,18 @@ QList<int> filesOfFreeNames(const QString& name, const QList<orx::HalvaneFileIte
     return found;
 }
 
-// Whether something beside it goes up under the same name: raw data gets that of its packed acquisition.
-bool sharesItsName(const QString& path, bool isRawData) {
-    if (isRawData)
-        return QFileInfo(FileTypes::addMissingExtension(path, FileTypes::VONK)).isFile();
+// What beside it goes up under the same name: raw data gets that of its packed acquisition.
+QString rivalOf(const QString& path, bool isRawData) {
+    if (isRawData) {
+        const QString packed = FileTypes::addMissingExtension(path, FileTypes::VONK);
+        return QFileInfo(packed).isFile() ? packed : QString();
+    }
     if (!FileTypes::fileMatchesAnyType(path, {FileTypes::VONK}))
-        return false;
+        return {};
     const QString stem = path.left(path.lastIndexOf(u'.'));
-    return FileTypes::addMissingExtension(stem, FileTypes::VONK) == path &&
-           orx::MsDataFileUtils::isValidMsData(stem);
+    const bool isRival = FileTypes::addMissingExtension(stem, FileTypes::VONK) == path &&
+                         orx::MsDataFileUtils::isValidMsData(stem);
+    return isRival ? stem : QString();
 }
 
 } // namespace
@@ -173,11 +176,13 @@ void SameContentTask::compareMore(const RemoteItem& item, const std::shared_ptr<
 }
 
 void SameContentTask::onAnother() {
-    if (!std::exchange(m_hasListed, true) &&
-        (m_wanted.alsoFreeNames || sharesItsName(m_wanted.localPath, m_wanted.isRawData))) {
-        execSubtask(std::make_unique<HalvaneGetFilesTask>(m_wanted.folderId),
-                    [this](HalvaneGetFilesTask* task) { onListed(task->files()); });
-        return;
+    if (!std::exchange(m_hasListed, true)) {
+        m_rival = rivalOf(m_wanted.localPath, m_wanted.isRawData);
+        if (m_wanted.alsoFreeNames || !m_rival.isEmpty()) {
+            execSubtask(std::make_unique<HalvaneGetFilesTask>(m_wanted.folderId),
+                        [this](HalvaneGetFilesTask* task) { onListed(task->files()); });
+            return;
+        }
     }
     if (m_candidates.empty())
         return;
@@ -189,7 +194,7 @@ void SameContentTask::onAnother() {
 void SameContentTask::onListed(const QList<orx::HalvaneFileItemSPtr>& files) {
     const QString local = QFileInfo(m_wanted.localPath).fileName();
     const QString name = m_wanted.isRawData ? FileTypes::addMissingExtension(local, FileTypes::VONK) : local;
-    if (sharesItsName(m_wanted.localPath, m_wanted.isRawData)) {
+    if (!m_rival.isEmpty()) {
         for (const orx::HalvaneFileItemSPtr& file : files) {
             if (file->name() == name && file->id() != m_wanted.existingFileId)
                 m_candidates.push_back(file->id());

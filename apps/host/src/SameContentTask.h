@@ -45,6 +45,9 @@ public:
     const std::optional<RemoteItem>& same() const { return m_same; }
     //! The file that has the name.
     const RemoteItem& existing() const { return m_existing; }
+    //! What lies beside it and goes up under the same name, when nothing has the content: existing() may be
+    //! that one's. Empty for nothing.
+    const QString& rival() const { return m_rival; }
 
 protected:
     orx::Error initialize() override;
@@ -65,6 +68,7 @@ private:
     Wanted m_wanted;
     RemoteItem m_existing;
     std::optional<RemoteItem> m_same;
+    QString m_rival;
     bool m_hasListed = false;
     std::deque<int> m_candidates;
 };

@@ -185,7 +185,8 @@ bool UploadPlanTask::planFileIn(const LocalEntry& entry, int folderId) {
 }
 
 void UploadPlanTask::onCompared(const LocalEntry& entry, const SameContentTask& task) {
-    const Action action = actionOf(m_options);
+    const bool isDoubtful = m_options.ifTaken == IfTaken::NewVersion && !task.rival().isEmpty();
+    const Action action = isDoubtful ? Action::Fail : actionOf(m_options);
     if (task.same())
         plan(entry, Action::Unchanged, *task.same());
     else

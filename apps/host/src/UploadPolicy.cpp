@@ -17,6 +17,16 @@ namespace {
 // They read whole files, and a disk gives no more for being asked by many.
 constexpr int comparisonsAtATime = 3;
 
+// The file of that name may be what became of the other one, which would come back as a version of this one
+// with the next run, and so on.
+Error rivalry(const QString& path, const SameContentTask& task) {
+    return Error(ErrorCode::AlreadyExists,
+                 QStringLiteral("\"%1\" was not sent: \"%2\" goes up under the same name, and %3 may be that "
+                                "one's. Rename one of them, send it with --if-exists keep-both, or name the "
+                                "file that gets the new version: halvane put \"%1\" --to file:ID.")
+                     .arg(path, task.rival(), task.existing().reference()));
+}
+
 } // namespace
 
 UploadPolicy::Options UploadPolicy::optionsOf(const TreeUploadRequest& request, bool canAsk,
@@ -83,6 +93,8 @@ void UploadPolicy::onCompared(const DuplicateUploadPolicyRequestPtr& request, co
         return request->answer(DuplicateUploadAnswer::Cancel);
     if (task.hasError())
         return fail(request, task.error());
+    if (!task.same() && m_options.ifTaken == IfTaken::NewVersion && !task.rival().isEmpty())
+        return fail(request, rivalry(request->input().localPath, task));
     if (!task.same())
         return decideByOption(request, task.existing());
     Q_EMIT unchanged(request->input().localPath, *task.same());

@@ -177,6 +177,24 @@ TEST_F(Policy, OfTwoThatGoUpUnderOneNameNoneIsSentAgain) {
     EXPECT_EQ(found, same);
 }
 
+// The file that has the name may be what became of the other one.
+TEST_F(Policy, OfTwoThatGoUpUnderOneNameNoneBecomesAVersionOfTheOther) {
+    const QString packed = taken(QStringLiteral("run.mgf.vonk"));
+    ASSERT_TRUE(
+        QFile::copy(QStringLiteral(ORX_TEST_DATA_DIR "/small.mgf"), filePath(QStringLiteral("run.mgf"))));
+    make(IfTaken::NewVersion, true);
+    EXPECT_EQ(ask(packed), QStringLiteral("left out"));
+    ASSERT_EQ(told, list("failed run.mgf.vonk"));
+    EXPECT_TRUE(failures.first().is(ErrorCode::AlreadyExists));
+    for (const char* part : {"run.mgf.vonk\"", "run.mgf\"", "file:", "keep-both"})
+        EXPECT_TRUE(failures.first().errorMessage().contains(QLatin1String(part))) << part;
+    make(IfTaken::KeepBoth);
+    EXPECT_NE(ask(packed), QStringLiteral("left out"));
+    make(IfTaken::Skip);
+    EXPECT_EQ(ask(packed), QStringLiteral("left out"));
+    EXPECT_EQ(told, list("skipped run.mgf.vonk"));
+}
+
 TEST_F(Policy, WhatIsKnownIsNotReadUnlessItWasTouched) {
     const QString path = taken(QStringLiteral("run"));
     const QString sha256 = QString::fromLatin1(orx::testing::sha256Hex("of the server"));
