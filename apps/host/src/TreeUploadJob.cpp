@@ -103,32 +103,33 @@ void TreeUploadJob::begin(const PrepareUploadTask& prepared) {
     if (m_request.keepGoing)
         groupTask()->setChildFailurePolicy(GroupTask::ChildFailurePolicy::RunAll);
     for (const LocalTree& tree : std::as_const(m_trees)) {
-        if (!prepared.isRefused(tree.source))
-            addTree(tree);
+        if (prepared.isRefused(tree.source))
+            continue;
+        const Error error = addTree(tree);
+        if (!error.hasError())
+            continue;
+        fail(tree.source, error);
+        if (!m_request.keepGoing)
+            return finish(error);
     }
     execSubtasks();
 }
 
-void TreeUploadJob::addTree(const LocalTree& tree) {
+Error TreeUploadJob::addTree(const LocalTree& tree) {
     if (tree.root().kind == LocalEntry::Kind::Directory)
-        addFolder(tree);
-    else
-        addFile(tree.root());
+        return addFolder(tree);
+    addFile(tree.root());
+    return {};
 }
 
-void TreeUploadJob::addFolder(const LocalTree& tree) {
+Error TreeUploadJob::addFolder(const LocalTree& tree) {
     auto created = HalvaneUploadTask::create(tree.source, m_target.id, RemoteItem::ItemType::Folder,
                                              QString(), std::nullopt, {}, policyOptions(), std::nullopt);
-    auto* const folder =
-        created.hasError() ? nullptr : qobject_cast<HalvaneFolderUploadTask*>(created->get());
-    if (!folder) {
-        fail(tree.source,
-             created.hasError()
-                 ? created.error()
-                 : Error(orx::ErrorCode::FileChanged,
-                         QStringLiteral("\"%1\" is no plain directory any more.").arg(tree.source)));
-        return;
-    }
+    ORX_RETURN_ON_ERROR(created.error());
+    auto* const folder = qobject_cast<HalvaneFolderUploadTask*>(created->get());
+    if (!folder)
+        return Error(orx::ErrorCode::FileChanged,
+                     QStringLiteral("\"%1\" is no plain directory any more.").arg(tree.source));
     folder->setDuplicateUploadPolicy(m_policy);
     connect(folder, &HalvaneFolderUploadTask::uploadStarted, this, &TreeUploadJob::follow);
     connect(folder, &HalvaneFolderUploadTask::folderUploaded, this,
@@ -142,6 +143,7 @@ void TreeUploadJob::addFolder(const LocalTree& tree) {
             });
     const auto ended = [this, source = tree.source, folder](BaseTask*) { onFolderEnded(source, *folder); };
     appendSubtask(std::unique_ptr<BaseTask>(std::move(*created)), ended, ended);
+    return {};
 }
 
 void TreeUploadJob::addFile(const LocalEntry& entry) {

@@ -48,8 +48,8 @@ protected:
 
 private:
     void begin(const PrepareUploadTask& prepared);
-    void addTree(const LocalTree& tree);
-    void addFolder(const LocalTree& tree);
+    orx::Error addTree(const LocalTree& tree);
+    orx::Error addFolder(const LocalTree& tree);
     void addFile(const LocalEntry& entry);
     void onFolderEnded(const QString& source, const orx::HalvaneFolderUploadTask& task);
     void follow(orx::HalvaneFileUploadTaskBase* task);
