@@ -182,6 +182,95 @@ TEST_F(GetQuestions, TheOtherFilesComeAndTimeOutsRunWhileSomebodyThinks) {
     held->drop();
 }
 
+// Answered is about what was shown, however long the content takes.
+TEST_F(GetQuestions, WhatChangesAfterTheAnswerIsAskedAboutAgain) {
+    FaultProxy proxy("127.0.0.1", server.port());
+    ASSERT_TRUE(client.login(QUrl(QString::fromStdString(proxy.url()))));
+    for (const QStringList& cache : {QStringList{}, QStringList{"--no-cache"}}) {
+        for (const std::string answer : {"s", "r", "o"}) {
+            client.makeFile("out/2026/a.mzML", "local a");
+            Terminal terminal(client, QStringList{"get", "/raw/2026/a.mzML", "--to", "out/2026"} + cache);
+            ASSERT_TRUE(terminal.waitFor(question)) << terminal.seen();
+            EXPECT_THAT(terminal.seen(), HasSubstr(" 7 B "));
+            const auto held = proxy.holdReply({"GET", ".*/content"});
+            terminal.type("o\n");
+            held->waitUntilAnswered();
+            client.makeFile("out/2026/a.mzML", "of an instrument");
+            held->release();
+            ASSERT_TRUE(terminal.waitFor(question)) << terminal.seen();
+            EXPECT_THAT(terminal.seen(), HasSubstr(" 16 B "));
+            EXPECT_EQ(local("a.mzML"), "of an instrument");
+            terminal.type(answer + "\n");
+            EXPECT_EQ(terminal.finish(), 0) << terminal.seen();
+            EXPECT_EQ(local("a.mzML"), answer == "o" ? "content of a.mzML" : "of an instrument");
+            EXPECT_EQ(QFile::remove(client.path("out/2026/a (2).mzML")), answer == "r");
+            EXPECT_EQ(client.filesIn("out/2026"), (QStringList{"a.mzML", "b.mzML"}));
+            client.mustRun({"cache", "prune", "--max-size", "0"});
+        }
+    }
+}
+
+TEST_F(GetQuestions, WhatGoesAfterTheAnswerIsNotAskedAbout) {
+    FaultProxy proxy("127.0.0.1", server.port());
+    ASSERT_TRUE(client.login(QUrl(QString::fromStdString(proxy.url()))));
+    for (const QStringList& cache : {QStringList{}, QStringList{"--no-cache"}}) {
+        client.makeFile("out/2026/a.mzML", "local a");
+        Terminal terminal(client, QStringList{"get", "/raw/2026/a.mzML", "--to", "out/2026"} + cache);
+        ASSERT_TRUE(terminal.waitFor(question)) << terminal.seen();
+        const auto held = proxy.holdReply({"GET", ".*/content"});
+        terminal.type("o\n");
+        held->waitUntilAnswered();
+        ASSERT_TRUE(QFile::remove(client.path("out/2026/a.mzML")));
+        held->release();
+        EXPECT_EQ(terminal.finish(), 0) << terminal.seen();
+        EXPECT_EQ(local("a.mzML"), "content of a.mzML");
+        client.mustRun({"cache", "prune", "--max-size", "0"});
+    }
+}
+
+// Who said so for all said it of whatever is there.
+TEST_F(GetQuestions, AnAnswerForAllHoldsForWhatChangesLater) {
+    FaultProxy proxy("127.0.0.1", server.port());
+    ASSERT_TRUE(client.login(QUrl(QString::fromStdString(proxy.url()))));
+    for (const QStringList& cache : {QStringList{}, QStringList{"--no-cache"}}) {
+        client.makeFile("out/2026/a.mzML", "local a");
+        Terminal terminal(client, QStringList{"get", "/raw/2026/a.mzML", "--to", "out/2026"} + cache);
+        ASSERT_TRUE(terminal.waitFor(question)) << terminal.seen();
+        const auto held = proxy.holdReply({"GET", ".*/content"});
+        terminal.type("O\n");
+        held->waitUntilAnswered();
+        client.makeFile("out/2026/a.mzML", "changed");
+        held->release();
+        EXPECT_EQ(terminal.finish(), 0) << terminal.seen();
+        EXPECT_EQ(local("a.mzML"), "content of a.mzML");
+        client.mustRun({"cache", "prune", "--max-size", "0"});
+    }
+}
+
+// As many as are fetched at a time wait for their answers, and one more; all others come all the same.
+TEST_F(GetQuestions, MoreThanAreFetchedAtATimeAreAllAnsweredAndEverythingComes) {
+    client.mustRun({"mkdir", "/many"});
+    ASSERT_TRUE(QDir().mkpath(client.path("out/many")));
+    const auto nameOf = [](int number) { return QString("f%1.txt").arg(number, 2, 10, QChar('0')); };
+    for (int number = 0; number < 12; ++number) {
+        const QString source = client.makeFile("source", "content " + QByteArray::number(number));
+        client.mustRun({"put", "--no-cache", source, "--to", "/many", "--as", nameOf(number)});
+        if (number < 9)
+            client.makeFile("out/many/" + nameOf(number), "local");
+    }
+    Terminal terminal(client, {"get", "/many", "--to", "out"});
+    for (int asked = 0; asked < 9; ++asked) {
+        ASSERT_TRUE(terminal.waitFor("is there already")) << terminal.seen();
+        ASSERT_TRUE(terminal.waitFor(question)) << terminal.seen();
+        terminal.type("o\n");
+    }
+    EXPECT_EQ(terminal.finish(), 0) << terminal.seen();
+    EXPECT_THAT(terminal.seen(), HasSubstr("12 files, 12 downloaded"));
+    for (int number = 0; number < 12; ++number)
+        EXPECT_EQ(Client::contentOf(client.path("out/many/" + nameOf(number))),
+                  "content " + QByteArray::number(number));
+}
+
 TEST_F(GetQuestions, WhatWasTypedAheadAnswersNoQuestion) {
     FaultProxy proxy("127.0.0.1", server.port());
     ASSERT_TRUE(client.login(QUrl(QString::fromStdString(proxy.url()))));
@@ -222,6 +311,40 @@ protected:
         return target;
     }
 };
+
+TEST_F(GetUnfolded, WhatChangesAfterTheAnswerIsAskedAboutAgain) {
+    FaultProxy proxy("127.0.0.1", server.port());
+    ASSERT_TRUE(client.login(QUrl(QString::fromStdString(proxy.url()))));
+    ASSERT_TRUE(QDir().mkpath(client.path("source/run.d/data")));
+    client.makeFile("source/run.d/acqu", "parameters");
+    client.makeFile("source/run.d/data/fid", "signal");
+    vonk::PackInput input;
+    input.path = client.path("source/run.d");
+    ASSERT_TRUE(vonk::VonkPacker::pack(input, client.path("run.d.vonk")));
+    client.mustRun({"put", "--no-cache", client.path("run.d.vonk"), "--to", "/packed"});
+    ASSERT_TRUE(QDir().mkpath(client.path("out/run.d/data")));
+    const QString fid = "out/run.d/data/fid";
+    for (const QStringList& cache : {QStringList{}, QStringList{"--no-cache"}}) {
+        for (const std::string answer : {"s", "o"}) {
+            client.makeFile("out/run.d/acqu", "edited");
+            client.makeFile(fid, "local");
+            Terminal terminal(client, QStringList{"get", "/packed/run.d.vonk", "--to", "out"} + cache);
+            ASSERT_TRUE(terminal.waitFor(question)) << terminal.seen();
+            const auto held = proxy.holdReply({"GET", ".*/content"});
+            terminal.type("o\n");
+            held->waitUntilAnswered();
+            client.makeFile(fid, "of an instrument");
+            held->release();
+            ASSERT_TRUE(terminal.waitFor(question)) << terminal.seen();
+            EXPECT_EQ(Client::contentOf(client.path(fid)), "of an instrument");
+            terminal.type(answer + "\n");
+            EXPECT_EQ(terminal.finish(), 0) << terminal.seen();
+            EXPECT_EQ(Client::contentOf(client.path(fid)), answer == "s" ? "of an instrument" : "signal");
+            EXPECT_EQ(client.filesIn("out"), QStringList{"run.d"});
+            client.mustRun({"cache", "prune", "--max-size", "0"});
+        }
+    }
+}
 
 TEST_F(GetUnfolded, AnEntryThatAnotherFileOfTheFolderMadeIsToldByItsReference) {
     Terminal terminal(client, {"get", "/packed", "--to", "out"});

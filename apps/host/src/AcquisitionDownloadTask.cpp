@@ -195,12 +195,14 @@ void AcquisitionDownloadTask::look(const Next& next) {
     const auto parts = std::make_shared<QList<Part>>(m_parts);
     execSubtask(
         workerStep(QStringLiteral("LookAtTarget"),
-                   [parts, directory = m_wanted.directory]() -> Error {
+                   [parts, directory = m_wanted.directory,
+                    isAsked = m_answerer.policy() == IfExists::Ask]() -> Error {
                        for (Part& part : *parts) {
                            const QFileInfo target(directory + u'/' + part.as);
                            // Of a run that was killed when it had replaced it.
                            if (part.isDirectory)
                                orx::TemporaryPlace::removeAbandoned(QFile::encodeName(target.filePath()));
+                           part.stamp = isAsked ? stampOfPlace(target.filePath()) : QByteArray();
                            part.isThere = isThere(target);
                            part.isSame = false;
                            part.problem =
@@ -494,15 +496,23 @@ void AcquisitionDownloadTask::downloadHere() {
 // Another file of this download may come to the same place, or have come there meanwhile.
 void AcquisitionDownloadTask::place(const QString& contentDir) {
     QStringList paths;
+    QByteArrayList seen;
     for (const Part& part : m_parts) {
-        if (!part.isSame)
-            paths.append(targetPath(part));
+        if (part.isSame)
+            continue;
+        paths.append(targetPath(part));
+        seen.append(part.stamp);
     }
-    takePlaces(paths, [this, contentDir, paths] {
-        if (makers() == m_seenMakers)
+    const auto onSeen = [this, contentDir, paths](bool isAsSeen) {
+        if (isAsSeen)
             return copy(contentDir, paths);
         leavePlaces();
         look([this] { onCompared(); });
+    };
+    takePlaces(paths, [this, paths, seen, onSeen] {
+        if (makers() != m_seenMakers || !m_mayOverwrite)
+            return onSeen(makers() == m_seenMakers);
+        compareWithSeen(paths, seen, onSeen);
     });
 }
 

@@ -45,6 +45,8 @@ private:
         // What is at the target, as of the last look.
         bool isThere = false;
         bool isSame = false;
+        //! When somebody is asked: the answer holds for that only.
+        QByteArray stamp;
         orx::Error problem;
     };
     //! What is at a path, and which file of this download made it; empty when none did.

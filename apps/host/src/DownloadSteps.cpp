@@ -1,8 +1,12 @@
 #include "DownloadSteps.h"
 
+#include <QCryptographicHash>
 #include <QDirIterator>
 #include <QFile>
 
+#include <algorithm>
+
+#include <sys/stat.h>
 #include <sys/statvfs.h>
 
 namespace halvane::host {
@@ -20,6 +24,25 @@ Error checkDirectoryOf(const QFileInfo& target) {
     return Error(ErrorCode::FileNotWritable,
                  QStringLiteral("\"%1\" cannot be written: nothing can be made in the directory \"%2\".")
                      .arg(target.absoluteFilePath(), directory));
+}
+
+qint64 nanoseconds(const timespec& time) {
+    return qint64(time.tv_sec) * 1'000'000'000 + time.tv_nsec;
+}
+
+//! Times and size of a directory say nothing that its entries do not say.
+QByteArray stampOfEntry(const QString& path) {
+    struct stat found = {};
+    if (::lstat(QFile::encodeName(path).constData(), &found) != 0)
+        return QByteArrayLiteral("none");
+    QByteArray stamp = QByteArray::number(found.st_dev) + ' ' + QByteArray::number(found.st_ino) + ' ' +
+                       QByteArray::number(found.st_mode);
+    if (!S_ISDIR(found.st_mode)) {
+        for (const qint64 number :
+             {qint64(found.st_size), nanoseconds(found.st_mtim), nanoseconds(found.st_ctim)})
+            stamp += ' ' + QByteArray::number(number);
+    }
+    return stamp;
 }
 
 } // namespace
@@ -67,6 +90,24 @@ Error checkRoom(const QFileInfo& target, qint64 size) {
     return Error(ErrorCode::StorageFull,
                  QStringLiteral("There is no room for \"%1\": %2 bytes are missing; free some space.")
                      .arg(target.absoluteFilePath(), QString::number(size - available)));
+}
+
+QByteArray stampOfPlace(const QString& path) {
+    QByteArrayList stamps{stampOfEntry(path)};
+    if (const QFileInfo top(path); top.isDir() && !top.isSymLink()) {
+        QDirIterator below(path, QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
+                           QDirIterator::Subdirectories);
+        while (below.hasNext()) {
+            const QString entry = below.next();
+            stamps.append(stampOfEntry(entry) + ' ' + QFile::encodeName(entry));
+        }
+    }
+    // A directory gives its entries in any order.
+    std::sort(stamps.begin(), stamps.end());
+    QCryptographicHash hash(QCryptographicHash::Sha256);
+    for (const QByteArray& stamp : std::as_const(stamps))
+        hash.addData(stamp + '\0');
+    return hash.result();
 }
 
 qint64 bytesIn(const QString& path) {

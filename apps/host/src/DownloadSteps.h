@@ -24,6 +24,9 @@ orx::Error checkFilePlace(const QFileInfo& target);
 orx::Error checkDirectoryPlace(const QFileInfo& target);
 //! ErrorCode::StorageFull when there is no room for \a size bytes more beside \a target.
 orx::Error checkRoom(const QFileInfo& target, qint64 size);
+//! Tells what is at \a path, a directory with all that is in it, from whatever else is there later and from
+//! what became of it since. Of a link the link itself; nothing at all has a stamp too. Reads no content.
+QByteArray stampOfPlace(const QString& path);
 //! Of the files in the directory \a path, hidden ones and those further down included; 0 when there is none.
 qint64 bytesIn(const QString& path);
 

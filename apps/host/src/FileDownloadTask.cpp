@@ -14,6 +14,7 @@
 #include <tasks/HalvaneDownloadFileCacheTask.h>
 
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
 
 #include <utility>
@@ -45,6 +46,7 @@ struct FileDownloadTask::Look {
     bool isFile = false;
     //! A link that leads nowhere, which nobody but this task notices.
     bool isDangling = false;
+    QByteArray stamp;
     Error problem;
     //! For a copy out of the cache. What is fetched directly looks for room itself.
     Error noRoom;
@@ -83,6 +85,8 @@ void FileDownloadTask::look() {
                                look->isFile = target.isFile();
                                look->isDangling = target.isSymLink() && !target.exists();
                                look->problem = checkFilePlace(target);
+                               if (!look->problem.hasError())
+                                   look->stamp = stampOfPlace(path);
                                if (isCopied)
                                    look->noRoom = checkRoomForRest(path, partial, size);
                                return {};
@@ -100,6 +104,7 @@ void FileDownloadTask::lookAgain() {
 
 // What is complete already needs neither room nor permission.
 void FileDownloadTask::onLooked(const Look& look) {
+    m_seenStamp = look.stamp;
     if (!look.isFile) {
         if (look.problem.hasError())
             return finish(look.problem);
@@ -141,8 +146,12 @@ void FileDownloadTask::fetchInto(const Look& look) {
 
 // What an interrupted run left is called after that name.
 void FileDownloadTask::fetchRenamed() {
-    if (!m_usesCache)
+    if (!m_usesCache) {
+        // So is what this one fetched before something else came to the target.
+        if (const QString left = std::exchange(m_leftPartial, {}); !left.isEmpty())
+            QFile::rename(left, partialPath());
         return fetch();
+    }
     execSubtask(workerStep(QStringLiteral("LookForRoom"),
                            [path = targetPath(), partial = partialPath(), size = m_wanted.item.size] {
                                return checkRoomForRest(path, partial, size);
@@ -206,6 +215,12 @@ void FileDownloadTask::endAs(Outcome outcome) {
     m_result.warnings = error().warnings();
     if (outcome == Outcome::Unchanged)
         recordVersion({targetPath()});
+    // Nobody wants it any more. Where this fails it stays for a later run.
+    if (!m_leftPartial.isEmpty())
+        execSubtask(workerStep(QStringLiteral("RemovePartial"), [path = m_leftPartial]() -> Error {
+            QFile::remove(path);
+            return {};
+        }));
 }
 
 // ---- through the cache
@@ -245,8 +260,15 @@ void FileDownloadTask::fetchThroughCache() {
 void FileDownloadTask::place() {
     takePlaces({targetPath()}, [this] {
         m_mayOverwrite = m_mayOverwrite && m_answerer.whoMade(targetPath()) == m_seenMaker;
-        copy();
+        ifAsSeen([this] { copy(); });
     });
+}
+
+void FileDownloadTask::ifAsSeen(const Next& next) {
+    if (!m_mayOverwrite)
+        return next();
+    compareWithSeen({targetPath()}, {m_seenStamp},
+                    [this, next](bool isAsSeen) { isAsSeen ? next() : lookAgain(); });
 }
 
 void FileDownloadTask::copy() {
@@ -376,7 +398,7 @@ void FileDownloadTask::fetchDirectly() {
         const bool isSeen = m_mayOverwrite && m_answerer.whoMade(targetPath()) == m_seenMaker;
         if (!isSeen && isThere(QFileInfo(targetPath())))
             return lookAgain();
-        download();
+        ifAsSeen([this] { download(); });
     });
 }
 
@@ -391,6 +413,10 @@ void FileDownloadTask::download() {
     parameters.targetDir = QDir(m_wanted.directory);
     parameters.targetName = m_name;
     parameters.overwrite = m_mayOverwrite;
+    if (m_mayOverwrite && m_answerer.policy() != IfExists::Overwrite)
+        parameters.mayReplace = [path = targetPath(), seen = m_seenStamp] {
+            return stampOfPlace(path) == seen;
+        };
     auto task = std::make_unique<HalvaneDownloadFileTask>(parameters);
     connect(task.get(), &BaseTask::progressInitiated, this, &BaseTask::progressInitiated);
     connect(task.get(), &BaseTask::progress, this, &BaseTask::progress);
@@ -414,8 +440,11 @@ void FileDownloadTask::download() {
 void FileDownloadTask::onNotDownloaded(const Error& error) {
     leavePlaces();
     const bool isTaken = error.is(ErrorCode::AlreadyExists) && isThere(QFileInfo(targetPath()));
-    if (isTaken && !m_mayOverwrite && !isCanceled())
+    const bool isOther = error.is(ErrorCode::FileChanged);
+    if ((isOther || (isTaken && !m_mayOverwrite)) && !isCanceled()) {
+        m_leftPartial = partialPath();
         return lookAgain();
+    }
     finish(error);
 }
 

@@ -12,7 +12,8 @@ namespace halvane::host {
 //! Brings a file as the one file that it is: into the cache and out of it by the plug-in's task, or directly.
 //! A content that is in the cache already is compared with the server's SHA-256 first, and fetched anew when
 //! it differs. Where the cache fails, and neither the server nor the target, the file comes down directly,
-//! with a warning. What another file of the download has brought to the target meanwhile is a clash again.
+//! with a warning. What another file of the download has brought to the target meanwhile, and what somebody
+//! else brought there since a person answered, is a clash again.
 //!
 //! Errors: ErrorCode::FileNotWritable and ErrorCode::StorageFull for a target that cannot be, those of
 //! ClashAnswerer::decide(), those of the retrieval.
@@ -63,6 +64,8 @@ private:
     void fetchWithoutCache(const orx::Error& cause);
     void fetchDirectly();
     void download();
+    //! Goes on to \a next unless something else is at the target than what may be overwritten.
+    void ifAsSeen(const Next& next);
     void onNotDownloaded(const orx::Error& error);
 
     MakeTask m_makeTask;
@@ -72,6 +75,10 @@ private:
     bool m_mayOverwrite = false;
     //! Which file of this download is at the target, as of the last look: who may be overwritten.
     QString m_seenMaker;
+    //! What was at the target then: an answer holds for that only.
+    QByteArray m_seenStamp;
+    //! The partial file that was fetched directly before something else came to the target.
+    QString m_leftPartial;
     //! What was answered to the plug-in's question.
     bool m_isToBeAsked = false;
     bool m_skipped = false;

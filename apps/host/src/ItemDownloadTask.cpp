@@ -131,6 +131,20 @@ void ItemDownloadTask::leavePlaces() {
         m_alive->endWriting(places);
 }
 
+void ItemDownloadTask::compareWithSeen(const QStringList& paths, const QByteArrayList& seen,
+                                       const std::function<void(bool isAsSeen)>& next) {
+    if (m_answerer.policy() == IfExists::Overwrite)
+        return next(true);
+    const auto stamps = std::make_shared<QByteArrayList>();
+    execSubtask(workerStep(QStringLiteral("CompareWithSeen"),
+                           [stamps, paths]() -> Error {
+                               for (const QString& path : paths)
+                                   stamps->append(stampOfPlace(path));
+                               return {};
+                           }),
+                [stamps, seen, next](BaseTask*) { next(*stamps == seen); });
+}
+
 void ItemDownloadTask::remember(const QStringList& paths) {
     for (const QString& path : paths)
         m_answerer.remember(path, m_wanted.item);

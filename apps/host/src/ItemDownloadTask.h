@@ -77,6 +77,10 @@ protected:
     //! them until leavePlaces() or the end of the task.
     void takePlaces(const QStringList& paths, const Next& next);
     void leavePlaces();
+    //! Goes on to \a next with whether what is at \a paths is what had the stamps \a seen, of which an answer
+    //! was given. When everything is to be overwritten, whatever it is, it always is.
+    void compareWithSeen(const QStringList& paths, const QByteArrayList& seen,
+                         const std::function<void(bool isAsSeen)>& next);
     //! What is at \a paths is this file now.
     void remember(const QStringList& paths);
     //! The same, except of those that another file of this download made, with the same content.

@@ -390,7 +390,11 @@ void HalvaneDownloadFileTask::Private::publish() {
     runOnPartial(
         QStringLiteral("PublishFile"),
         [whole, warning, path = q->targetPath(), reference = parameters.reference,
+         mayReplace = parameters.mayReplace,
          isRecorded = !parameters.isIntermediate](PartialFile& file) -> Error {
+            if (mayReplace && !mayReplace())
+                return Error(ErrorCode::FileChanged,
+                             tr("\"%1\" changed while what is to replace it was fetched.").arg(path));
             ORX_RETURN_ON_ERROR(file.publish(whole));
             if (isRecorded)
                 *warning = HalvaneHistory()
