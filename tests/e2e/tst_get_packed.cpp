@@ -17,6 +17,7 @@
 #include <csignal>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace orx::testing {
 namespace {
@@ -98,6 +99,9 @@ protected:
         EXPECT_EQ(client.filesIn(path + "/data"), (QStringList{"empty", "fid"}));
         EXPECT_EQ(local(path + "/acqu"), "parameters");
         EXPECT_TRUE(local(path + "/data/fid") == fid);
+    }
+    int runId() const {
+        return client.mustRun({"--json", "info", "/packed/run.d.vonk"}).object()["id"].toInt();
     }
     //! Only what is read to learn what the packed file holds; the log may be behind the client.
     void expectNothingFetched() {
@@ -330,6 +334,63 @@ TEST_F(GetPacked, OnlyWhatIsMissingOfSeveralEntriesIsWritten) {
     EXPECT_EQ(outcome.object()["outcome"], "downloaded");
     EXPECT_EQ(client.filesIn("out"), (QStringList{"method.txt", "spectra.bin"}));
     EXPECT_EQ(local("out/spectra.bin"), "spectra.bin of one");
+}
+
+// A directory that comes to the place of the second of them has the same effect as a kill before it.
+TEST_F(GetPacked, WhatWasPlacedByHalfIsCompletedWithoutBeingFetchedAgain) {
+    FaultProxy proxy("127.0.0.1", server.port());
+    ASSERT_TRUE(client.login(QUrl(QString::fromStdString(proxy.url()))));
+    put(packFiles("pair.vonk", {"first.txt", "second.txt"}, "one"), "/packed");
+    makeOut();
+    client.makeFile("out/first.txt", "old");
+    const QStringList overwriting{"--json", "get",        "/packed/pair.vonk", "--to",
+                                  "out",    "--no-cache", "--if-exists",       "overwrite"};
+    // The first is asked for the end of the packed file.
+    const auto held = proxy.holdReply({"GET", ".*/content", 1});
+    const auto process = client.start(overwriting);
+    held->waitUntilAnswered();
+    ASSERT_TRUE(QDir().mkdir(client.path("out/second.txt")));
+    held->release();
+    EXPECT_EQ(Client::finish(*process).exitCode, 4);
+    EXPECT_EQ(local("out/first.txt"), "first.txt of one");
+    ASSERT_TRUE(QDir(client.path("out")).rmdir("second.txt"));
+
+    proxy.replaceReply({"GET", ".*/content", 1, -1}, 503, "text/plain", "nothing more");
+    const int before = proxy.traffic("GET", ".*/content").requests;
+    EXPECT_EQ(client.mustRun(overwriting).object()["outcome"], "downloaded");
+    EXPECT_EQ(proxy.traffic("GET", ".*/content").requests - before, 1) << "its end";
+    EXPECT_EQ(client.filesIn("out"), (QStringList{"first.txt", "second.txt"}));
+    EXPECT_EQ(local("out/first.txt"), "first.txt of one");
+    EXPECT_EQ(local("out/second.txt"), "second.txt of one");
+}
+
+// A run that overwrote leaves links of the target's files when it is killed before it removes what it
+// unpacked.
+TEST_F(GetPacked, WhatAKilledRunLeftUnpackedIsNotWrittenThoughTheTargetsFilesAreTheSame) {
+    makeOut();
+    ASSERT_EQ(getRun({"--no-cache"}).exitCode, 0);
+    const QString staging = QString("out/.run.d.vonk-unpacked.halvane-part-%1-1").arg(runId());
+    const auto leaveLinks = [&] {
+        const QString content = staging + "/run.d.vonk/content/run.d";
+        ASSERT_TRUE(QDir().mkpath(client.path(content + "/data/empty")));
+        for (const QString name : {"/acqu", "/data/fid"})
+            ASSERT_EQ(::link(QFile::encodeName(client.path("out/run.d" + name)).constData(),
+                             QFile::encodeName(client.path(content + name)).constData()),
+                      0);
+    };
+    leaveLinks();
+    EXPECT_EQ(getRun({"--no-cache"}).object()["outcome"], "unchanged");
+    EXPECT_EQ(client.filesIn("out"), QStringList{"run.d"});
+
+    leaveLinks();
+    QFile acqu(client.path("out/run.d/acqu"));
+    ASSERT_TRUE(acqu.open(QIODevice::ReadWrite) && acqu.write("PARAMETERS") == 10);
+    acqu.close();
+    ASSERT_TRUE(QFile::rename(client.path("out/run.d/acqu"), client.path("out/mine")));
+    EXPECT_EQ(getRun({"--no-cache", "--if-exists", "overwrite"}).object()["outcome"], "downloaded");
+    EXPECT_EQ(client.filesIn("out"), (QStringList{"mine", "run.d"}));
+    EXPECT_EQ(local("out/mine"), "PARAMETERS");
+    expectRunAt("out/run.d");
 }
 
 // Writers sort them, and readers do not ask for it; an upgrade keeps the order.

@@ -52,11 +52,16 @@ QString numbered(const QString& name, int number) {
 }
 
 Error removeStaging(const QString& path) {
-    if (QDir(path).removeRecursively())
+    if (!QFileInfo::exists(path) || QDir(path).removeRecursively())
         return {};
     return Error(
         ErrorCode::FileNotWritable,
         QStringLiteral("The directory \"%1\" could not be removed; it is needed no more.").arg(path));
+}
+
+//! A file that could not be unpacked stays: it need not be fetched again.
+Error removeOther(const QString& unpacked) {
+    return QFileInfo(unpacked).isDir() ? removeStaging(unpacked) : Error();
 }
 
 } // namespace
@@ -130,6 +135,10 @@ void AcquisitionDownloadTask::onParts(const QList<Part>& parts) {
                       .arg(m_wanted.item.name, m_wanted.item.reference(), path, m_answerer.whoMade(path))));
     }
     m_usesCache = mayUseCache(m_size);
+    // The name on the server may be none that a file here can have; the one of the target is.
+    m_stagingDir = m_wanted.directory + u'/' +
+                   orx::DownloadNames::partialName(m_wanted.name + QStringLiteral("-unpacked"),
+                                                   m_wanted.item.id, m_wanted.item.version);
     look([this] { onCompared(); });
 }
 
@@ -353,7 +362,8 @@ void AcquisitionDownloadTask::endAs(Outcome outcome) {
     m_result.outcome = outcome;
     m_result.path = targetPaths().first();
     m_result.warnings = error().warnings();
-    if (!m_stagingDir.isEmpty())
+    // Also of a run that was killed when everything was in its place.
+    if (outcome != Outcome::Skipped || m_usesStaging)
         execSubtask(workerStep(QStringLiteral("RemoveStaging"),
                                [path = m_stagingDir] { return removeStaging(path); }));
     if (outcome != Outcome::Skipped)
@@ -409,6 +419,21 @@ void AcquisitionDownloadTask::compareContent(const QString& contentDir, const Co
     compare(std::make_shared<UnpackedCheck>(contentDir, m_entries), next);
 }
 
+void AcquisitionDownloadTask::compareMissing(const QString& contentDir, qsizetype from,
+                                             const Compared& next) {
+    while (from < m_parts.size() && m_parts[from].isSame)
+        ++from;
+    if (from == m_parts.size())
+        return next(true);
+    const Part& part = m_parts[from];
+    compare(std::make_shared<UnpackedCheck>(contentDir + u'/' + part.name, part.entries),
+            [this, contentDir, from, next](bool isSame) {
+                if (!isSame)
+                    return next(false);
+                compareMissing(contentDir, from + 1, next);
+            });
+}
+
 void AcquisitionDownloadTask::onNotRetrieved(const Error& error) {
     if (isCanceled() || !failedHere(error))
         return finish(error);
@@ -426,12 +451,9 @@ void AcquisitionDownloadTask::fetchWithoutCache(const Error& cause) {
 // ---- without the cache
 
 void AcquisitionDownloadTask::fetchDirectly() {
-    // The name on the server may be none that a file here can have; the one of the target is.
-    m_stagingDir = m_wanted.directory + u'/' +
-                   orx::DownloadNames::partialName(m_wanted.name + QStringLiteral("-unpacked"),
-                                                   m_wanted.item.id, m_wanted.item.version);
+    m_usesStaging = true;
     const QString contentDir = contentOf(unpackedPath());
-    compareContent(contentDir, [this, contentDir](bool isSame) {
+    compareMissing(contentDir, 0, [this, contentDir](bool isSame) {
         if (isSame)
             return place(contentDir);
         unpackHere();
@@ -452,7 +474,10 @@ void AcquisitionDownloadTask::unpackHere() {
     const QString unpacked = m_stagingDir + u'/' + Names::unpackedName(m_wanted.name, id, version);
     execSubtask(workerStep(QStringLiteral("MakeStaging"),
                            [path = m_stagingDir, target = targetPath(m_parts.first()), arrived, unpacked,
-                            size = m_wanted.item.size, content = m_size]() -> Error {
+                            other = unpackedPath(), size = m_wanted.item.size, content = m_size]() -> Error {
+                               // A part of it may be in the target already, or be the same file as one there:
+                               // it is never written, and gives its room.
+                               ORX_RETURN_ON_ERROR(removeOther(other));
                                if (!QFileInfo(path).isDir() && !QDir().mkdir(path))
                                    return Error(
                                        ErrorCode::FileNotWritable,

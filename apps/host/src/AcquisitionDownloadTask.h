@@ -103,6 +103,8 @@ private:
     void onNotPlaced(const orx::Error& error);
     //! What lies in \a contentDir under its own names.
     void compareContent(const QString& contentDir, const Compared& next);
+    //! What is still to be placed of it; \a from is the first part that was not compared.
+    void compareMissing(const QString& contentDir, qsizetype from, const Compared& next);
 
     MakeTask m_makeTask;
     //! Of all files.
@@ -110,8 +112,9 @@ private:
     //! As they are in the acquisition, below "content".
     QList<orx::vonk::VonkEntry> m_entries;
     QList<Part> m_parts;
-    //! Beside the target; empty unless it is used.
+    //! Beside the target; what an earlier run left may be in it.
     QString m_stagingDir;
+    bool m_usesStaging = false;
     bool m_usesCache = true;
     bool m_mayOverwrite = false;
     //! The makers as of the last look: what may be overwritten.
