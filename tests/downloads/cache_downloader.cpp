@@ -1,8 +1,8 @@
 // Brings a folder through a cache into a directory, replacing what is there, and kills itself at a place of
 // the second copy out of the cache: copy (half of the content is written), flush (the content is written),
-// rename (it is flushed); before or after a directory is exchanged with its successor: exchange, exchanged;
-// at the second file of what it was that is removed: remove; or at the first flush of the directory:
-// directory. Anything else: never.
+// link (it is flushed and gets its first name, if it had none), rename (that becomes the file's own); before
+// or after a directory is exchanged with its successor: exchange, exchanged; at the second file of what it
+// was that is removed: remove; or at the first flush of the directory: directory. Anything else: never.
 //
 // usage: HALVANE_TOKEN=... cache_downloader URL USER FOLDER CACHE_DIRECTORY TARGET_DIRECTORY PLACE
 #include <HalvaneConnection.h>
@@ -81,6 +81,13 @@ extern "C" int fsync(int descriptor) {
     if (!path.empty() && path == targetDirectory && isTheTimeToDie("directory", 1))
         ::raise(SIGKILL);
     return int(::syscall(SYS_fsync, descriptor));
+}
+
+// What is to be replaced keeps a file from its own name, so that each of them asks for two.
+extern "C" int linkat(int from, const char* oldName, int to, const char* newName, int flags) noexcept {
+    if (isInTarget(newName) && isTheTimeToDie("link", 3))
+        ::raise(SIGKILL);
+    return int(::syscall(SYS_linkat, from, oldName, to, newName, flags));
 }
 
 extern "C" int rename(const char* from, const char* to) {

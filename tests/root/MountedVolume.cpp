@@ -55,6 +55,12 @@ std::unique_ptr<MountedVolume> MountedVolume::ext4(int megabytes) {
     return good ? std::move(volume) : nullptr;
 }
 
+std::unique_ptr<MountedVolume> MountedVolume::bind(const QString& source, const QString& place) {
+    std::unique_ptr<MountedVolume> volume(new MountedVolume);
+    volume->m_place = place;
+    return volume->mount({QStringLiteral("--bind"), source}) ? std::move(volume) : nullptr;
+}
+
 std::unique_ptr<MountedVolume> MountedVolume::afterPowerCut() const {
     std::unique_ptr<MountedVolume> volume(new MountedVolume);
     const bool good =

@@ -13,7 +13,6 @@
 #include <PackedPaths.h>
 #include <RemoteResourceHandler.h>
 #include <ResourceHandler.h>
-#include <TemporaryPlace.h>
 
 #include <QDir>
 #include <QHash>
@@ -208,9 +207,6 @@ void AcquisitionDownloadTask::look(const Next& next) {
                     isAsked = m_answerer.policy() == IfExists::Ask]() -> Error {
                        for (Part& part : *parts) {
                            const QFileInfo target(directory + u'/' + part.as);
-                           // Of a run that was killed when it had replaced it.
-                           if (part.isDirectory)
-                               orx::TemporaryPlace::removeAbandoned(QFile::encodeName(target.filePath()));
                            part.stamp = isAsked ? stampOfPlace(target.filePath()) : QByteArray();
                            part.isThere = isThere(target);
                            part.isSame = false;

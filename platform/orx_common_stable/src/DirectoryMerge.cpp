@@ -2,7 +2,6 @@
 
 #include "AtomicFile.h"
 #include "FilePlace.h"
-#include "TemporaryPlace.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -16,8 +15,8 @@
 #include <fcntl.h>
 #include <map>
 #include <memory>
-#include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
@@ -39,21 +38,33 @@ Error refused(ErrorCode code, const char* text, const QByteArray& path) {
     return Error(code, translated(text).arg(QFile::decodeName(path)));
 }
 
-Result<Entries> entriesOf(const QByteArray& directory) {
+Result<QList<QByteArray>> namesIn(const QByteArray& directory) {
     const std::unique_ptr<DIR, int (*)(DIR*)> listing(::opendir(directory.constData()), &::closedir);
     if (!listing)
         return failure("Could not read \"%1\"", directory);
-    Entries entries;
+    QList<QByteArray> names;
     for (errno = 0; const dirent* const entry = ::readdir(listing.get()); errno = 0) {
         const QByteArray name(entry->d_name);
-        if (name == "." || name == "..")
-            continue;
+        if (name != "." && name != "..")
+            names << name;
+    }
+    if (errno != 0)
+        return failure("Could not read \"%1\"", directory);
+    return names;
+}
+
+Result<Entries> entriesOf(const QByteArray& directory) {
+    const Result<QList<QByteArray>> names = namesIn(directory);
+    if (names.hasError())
+        return names.error();
+    Entries entries;
+    for (const QByteArray& name : *names) {
         struct stat info = {};
         if (::lstat((directory + '/' + name).constData(), &info) != 0)
             return failure("Could not look at \"%1\"", directory + '/' + name);
         entries.emplace(name, info);
     }
-    return errno == 0 ? Result<Entries>(std::move(entries)) : failure("Could not read \"%1\"", directory);
+    return entries;
 }
 
 bool isLater(const timespec& one, const timespec& other) {
@@ -90,26 +101,19 @@ public:
             return failure("Could not look at \"%1\"", m_target);
         if (!S_ISDIR(info.st_mode))
             return refused(ErrorCode::AlreadyExists, "\"%1\" exists already and stays as it is.", m_target);
-        m_device = info.st_dev;
+        ORX_RETURN_ON_ERROR(checkNoMounts());
         ORX_RETURN_ON_ERROR(checkMayChange(m_target, info, true));
-        TemporaryPlace place;
-        if (const int reason = place.makeDirectory(m_target, 0700); reason != 0) {
+        QByteArray successor;
+        if (const int reason = FilePlace::makeDirectoryBeside(m_target, successor, 0700); reason != 0) {
             errno = reason;
             return failure("Could not make a directory beside \"%1\"", m_target);
         }
-        Error error = fill(QByteArray(), true, &info, place.path());
+        Error error = fill(QByteArray(), true, &info, successor);
         if (!error.hasError())
             error = checkAsSeen();
-        // What it was is not abandoned while it is being removed.
-        const int old = ::open(m_target.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-        if (old >= 0)
-            ::flock(old, LOCK_EX | LOCK_NB);
         if (!error.hasError())
-            error = replace(place.path());
-        else
-            TemporaryPlace::removeTree(place.path());
-        if (old >= 0)
-            ::close(old);
+            return replace(successor);
+        FilePlace::removeTree(successor);
         return error;
     }
 
@@ -146,6 +150,8 @@ private:
     }
 
     Error fill(const QByteArray& relative, bool isInSource, const struct stat* old, const QByteArray& into) {
+        if (old)
+            ORX_RETURN_ON_ERROR(inherit(targetOf(relative), *old, into));
         Entries fromSource;
         Entries fromTarget;
         if (isInSource)
@@ -177,13 +183,39 @@ private:
         return {};
     }
 
+    // What is mounted in the target goes with the old one, and the originals would be removed through it.
+    Error checkNoMounts() {
+        const QByteArray parent = QFile::encodeName(QFileInfo(QFile::decodeName(m_target)).path());
+        struct stat info = {};
+        if (::lstat(parent.constData(), &info) != 0)
+            return failure("Could not look at \"%1\"", parent);
+        return checkNoMounts(m_target, info.st_dev);
+    }
+
+    static Error checkNoMounts(const QByteArray& path, dev_t device) {
+        struct statx info = {};
+        if (::statx(AT_FDCWD, path.constData(), AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT, STATX_TYPE, &info) !=
+            0)
+            return failure("Could not look at \"%1\"", path);
+        if ((info.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0 ||
+            makedev(info.stx_dev_major, info.stx_dev_minor) != device)
+            return refused(
+                ErrorCode::FileNotWritable,
+                "\"%1\" is a mount point or another volume, which cannot be replaced together with "
+                "the directory that it is in.",
+                path);
+        if (!S_ISDIR(info.stx_mode))
+            return {};
+        const Result<QList<QByteArray>> names = namesIn(path);
+        if (names.hasError())
+            return names.error();
+        for (const QByteArray& name : *names)
+            ORX_RETURN_ON_ERROR(checkNoMounts(path + '/' + name, device));
+        return {};
+    }
+
     // Nothing here asks for permission once more when the names are exchanged.
     Error checkMayChange(const QByteArray& directory, const struct stat& info, bool isMerged) const {
-        if (info.st_dev != m_device)
-            return refused(ErrorCode::FileNotWritable,
-                           "\"%1\" is another volume, which cannot be replaced together with the directory "
-                           "that it is in.",
-                           directory);
         const bool isOpen = ::faccessat(AT_FDCWD, directory.constData(), W_OK | X_OK, AT_EACCESS) == 0;
         if (isOpen || (!isMerged && info.st_uid == ::geteuid()))
             return {};
@@ -233,10 +265,8 @@ private:
         if (S_ISLNK(info.st_mode))
             return keepLink(old, into);
         ORX_RETURN_ON_ERROR(FileCopy::content(old, into));
-        if (::chmod(into.constData(), info.st_mode & 07777) != 0)
-            return failure("Could not set the access rights of \"%1\"", into);
         copyAttributes(old, into);
-        return {};
+        return setMode(into, info.st_mode & 07777);
     }
 
     static Error keepLink(const QByteArray& old, const QByteArray& into) {
@@ -261,16 +291,25 @@ private:
         return error;
     }
 
+    //! What is made in \a into gets group and access as in what it takes the place of; the owner may fill it.
+    static Error inherit(const QByteArray& from, const struct stat& old, const QByteArray& into) {
+        // Of another owner's directory at least the group can be kept, where this user belongs to it.
+        if (::chown(into.constData(), old.st_uid, old.st_gid) != 0)
+            (void)!::chown(into.constData(), uid_t(-1), old.st_gid);
+        copyAttributes(from, into);
+        return setMode(into, (old.st_mode & 07777) | 0700);
+    }
+
+    static Error setMode(const QByteArray& path, mode_t mode) {
+        return ::chmod(path.constData(), mode) == 0
+                   ? Error()
+                   : failure("Could not set the access rights of \"%1\"", path);
+    }
+
     Error setAttributes(const QByteArray& relative, bool isInSource, const struct stat* old,
                         const QByteArray& into) const {
-        if (old) {
-            // Of another owner's directory at least the group can be kept, where this user belongs to it.
-            if (::chown(into.constData(), old->st_uid, old->st_gid) != 0)
-                (void)!::chown(into.constData(), uid_t(-1), old->st_gid);
-            if (::chmod(into.constData(), old->st_mode & 07777) != 0)
-                return failure("Could not set the access rights of \"%1\"", into);
-            copyAttributes(targetOf(relative), into);
-        }
+        if (old)
+            ORX_RETURN_ON_ERROR(setMode(into, old->st_mode & 07777));
         const QByteArray model = old && !isInSource ? targetOf(relative) : sourceOf(relative);
         struct stat from = {};
         if (::lstat(model.constData(), &from) != 0)
@@ -300,26 +339,30 @@ private:
             return entries.error();
         for (const auto& [name, info] : *entries) {
             const QByteArray path = below(relative, name);
-            const auto seen = m_seen.find(path);
-            if (seen == m_seen.end() || seen->inode != info.st_ino)
+            if (!isKnown(path, info))
                 return false;
             ++count;
             if (S_ISDIR(info.st_mode)) {
                 Result<bool> inner = isAsSeen(path, count);
                 if (inner.hasError() || !*inner)
                     return inner;
-            } else if (!seen->isLinked &&
-                       (seen->size != info.st_size || !isSameTime(seen->modified, info.st_mtim))) {
-                return false;
             }
         }
         return true;
     }
 
+    //! The same entry, and whatever was written to it is in the successor, too.
+    bool isKnown(const QByteArray& relative, const struct stat& info) const {
+        const auto seen = m_seen.find(relative);
+        return seen != m_seen.end() && seen->inode == info.st_ino &&
+               (seen->isLinked || S_ISDIR(info.st_mode) ||
+                (seen->size == info.st_size && isSameTime(seen->modified, info.st_mtim)));
+    }
+
     Error replace(const QByteArray& successor) const {
         QByteArray old = successor;
         if (const Error error = exchange(old); error.hasError()) {
-            TemporaryPlace::removeTree(successor);
+            FilePlace::removeTree(successor);
             return error;
         }
         // What is removed before that could be all that is left after a power cut.
@@ -359,9 +402,7 @@ private:
         bool isAll = true;
         for (const auto& [name, info] : *entries) {
             const QByteArray path = below(relative, name);
-            const auto seen = m_seen.find(path);
-            const bool isSeen = seen != m_seen.end() && seen->inode == info.st_ino;
-            isAll = isSeen &&
+            isAll = isKnown(path, info) &&
                     (S_ISDIR(info.st_mode) ? removeOld(directory + '/' + name, path)
                                            : ::unlink((directory + '/' + name).constData()) == 0) &&
                     isAll;
@@ -374,7 +415,7 @@ private:
         return entriesOf(directory);
     }
 
-    //! It gets a name that shows, and under which nobody takes it for abandoned.
+    //! It gets a name that shows.
     Error notRemoved(const QByteArray& old) const {
         const QByteArray aside = FilePlace::asideOf(m_target);
         const QByteArray left = FilePlace::take(old, aside) == 0 ? aside : old;
@@ -387,7 +428,6 @@ private:
     const QByteArray m_source;
     const QByteArray m_target;
     const DirectoryMerge::Options& m_options;
-    dev_t m_device = 0;
     //! By path below the target.
     QHash<QByteArray, Seen> m_seen;
 };

@@ -3,8 +3,8 @@
 #include "AtomicFile.h"
 #include "DirectoryFlushes.h"
 #include "FilePlace.h"
+#include "NewFile.h"
 #include "Result.h"
-#include "TemporaryPlace.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -12,7 +12,6 @@
 #include <QFileInfo>
 
 #include <cerrno>
-#include <cstdio>
 #include <dirent.h>
 #include <fcntl.h>
 #include <linux/fs.h>
@@ -87,12 +86,13 @@ FileCopy::Stamp stampFrom(const struct stat& info) {
 class ContentCopy {
 public:
     ContentCopy(const QByteArray& source, const QByteArray& target) : m_source(source), m_target(target) {}
-    //! The copy is made in \a place, beside \a target, which is what messages call it.
-    ContentCopy(const QByteArray& source, const QByteArray& target, TemporaryPlace& place,
+    //! The copy is \a file, which is left open and has yet to take the place \a target.
+    ContentCopy(const QByteArray& source, const QByteArray& target, NewFile& file, NewFile::Kind kind,
                 FileCopy::IsCanceled isCanceled, const std::optional<FileCopy::Stamp>& expected)
         : m_source(source)
         , m_target(target)
-        , m_place(&place)
+        , m_file(&file)
+        , m_kind(kind)
         , m_isCanceled(std::move(isCanceled))
         , m_expected(expected) {}
 
@@ -106,24 +106,27 @@ public:
             return notCopied(m_source);
         if (m_expected && *m_expected != stampFrom(m_before))
             return changed();
-        Descriptor target(openTarget(0666 | (m_before.st_mode & 0111)));
-        if (!target.isOpen())
-            return writeFailure(errno, m_target);
-        Error error = fill(*source, *target);
-        if (!error.hasError() && !target.close())
-            error = writeFailure(errno, m_target);
-        if (error.hasError())
-            ::unlink((m_place ? m_place->path() : m_target).constData());
-        return error;
+        const mode_t mode = 0666 | (m_before.st_mode & 0111);
+        return m_file ? fillFile(*source, mode) : fillTarget(*source, mode);
     }
 
 private:
-    //! One of its own, since closing it tells of lost writes, and the place stays locked. -1: see errno.
-    int openTarget(mode_t mode) {
-        if (!m_place)
-            return ::open(m_target.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
-        errno = m_place->makeFile(m_target, mode);
-        return errno == 0 ? ::fcntl(m_place->descriptor(), F_DUPFD_CLOEXEC, 0) : -1;
+    Error fillFile(int source, mode_t mode) {
+        if (const int reason = m_file->make(m_kind, m_target, mode); reason != 0)
+            return writeFailure(reason, m_target);
+        return fill(source, m_file->descriptor());
+    }
+
+    Error fillTarget(int source, mode_t mode) {
+        Descriptor target(::open(m_target.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode));
+        if (!target.isOpen())
+            return writeFailure(errno, m_target);
+        Error error = fill(source, *target);
+        if (!error.hasError() && !target.close())
+            error = writeFailure(errno, m_target);
+        if (error.hasError())
+            ::unlink(m_target.constData());
+        return error;
     }
 
     Error fill(int source, int target) {
@@ -138,7 +141,9 @@ private:
     }
 
     Error copyBytes(int source, int target) {
-        if (m_before.st_size > 0 && ::fallocate(target, 0, 0, m_before.st_size) != 0 &&
+        // What is one slice is flushed right after it.
+        const bool isLarge = size_t(m_before.st_size) > sliceSize;
+        if (isLarge && ::fallocate(target, 0, 0, m_before.st_size) != 0 &&
             (errno == ENOSPC || errno == EDQUOT))
             return writeFailure(errno, m_target);
         off_t done = 0;
@@ -149,7 +154,8 @@ private:
                 return copied.error();
             if (*copied == 0)
                 return changed();
-            ::sync_file_range(target, done, *copied, SYNC_FILE_RANGE_WRITE);
+            if (isLarge)
+                ::sync_file_range(target, done, *copied, SYNC_FILE_RANGE_WRITE);
             done += *copied;
         }
         return {};
@@ -220,7 +226,8 @@ private:
 
     QByteArray m_source;
     QByteArray m_target;
-    TemporaryPlace* m_place = nullptr;
+    NewFile* m_file = nullptr;
+    NewFile::Kind m_kind = NewFile::Kind::Unnamed;
     FileCopy::IsCanceled m_isCanceled;
     std::optional<FileCopy::Stamp> m_expected;
     struct stat m_before = {};
@@ -228,14 +235,7 @@ private:
     bool m_byHand = false;
 };
 
-Error renameInto(const QByteArray& temporary, const QByteArray& target, FileCopy::IfExists ifExists) {
-    int failure = 0;
-    if (ifExists == FileCopy::IfExists::Fail)
-        failure = FilePlace::take(temporary, target);
-    else if (std::rename(temporary.constData(), target.constData()) != 0)
-        failure = errno;
-    if (failure != 0)
-        return writeFailure(failure, target);
+Error flushDirectoryOf(const QByteArray& target) {
     return DirectoryFlushes::flushOrNote(QFileInfo(QFile::decodeName(target)).path());
 }
 
@@ -255,16 +255,16 @@ public:
         return fill(source, info, target);
     }
 
-    //! The directory itself is made in \a place, beside \a target.
-    Error copy(const QByteArray& source, const QByteArray& target, TemporaryPlace& place) {
+    //! Into a hidden directory beside \a target; empty as long as there is none.
+    Error copyBeside(const QByteArray& source, const QByteArray& target, QByteArray& hidden) {
         struct stat info = {};
         if (::lstat(source.constData(), &info) != 0)
             return readFailure(errno, source);
         if (!S_ISDIR(info.st_mode))
             return notCopied(source);
-        if (const int failure = place.makeDirectory(target, 0777); failure != 0)
-            return writeFailure(failure, target);
-        return fill(source, info, place.path());
+        if (const int reason = FilePlace::makeDirectoryBeside(target, hidden, 0777); reason != 0)
+            return writeFailure(reason, target);
+        return fill(source, info, hidden);
     }
 
 private:
@@ -324,30 +324,32 @@ Error FileCopy::file(const QString& source, const QString& target, IfExists ifEx
     if (ifExists == IfExists::Fail &&
         ::faccessat(AT_FDCWD, targetPath.constData(), F_OK, AT_SYMLINK_NOFOLLOW) == 0)
         return ORX_ECATCH(writeFailure(EEXIST, targetPath));
-    TemporaryPlace place;
-    ORX_RETURN_ON_ERROR(ContentCopy(encoded(source), targetPath, place, isCanceled, expected).run());
-    Error error = renameInto(place.path(), targetPath, ifExists);
-    if (error.hasError()) {
-        ::unlink(place.path().constData());
-        return ORX_ECATCH(error);
+    for (NewFile::Kind kind = NewFile::Kind::Unnamed;; kind = NewFile::Kind::Hidden) {
+        NewFile file;
+        ORX_RETURN_ON_ERROR(ContentCopy(encoded(source), targetPath, file, kind, isCanceled, expected).run());
+        const int reason = file.take(ifExists == IfExists::Replace);
+        if (reason == 0)
+            return ORX_ECATCH(flushDirectoryOf(targetPath));
+        if (!file.needsName(reason))
+            return ORX_ECATCH(writeFailure(reason, targetPath));
     }
-    return {};
 }
 
 Error FileCopy::directory(const QString& source, const QString& target, const Filter& filter) {
     const QByteArray targetPath = encoded(target);
     if (::faccessat(AT_FDCWD, targetPath.constData(), F_OK, AT_SYMLINK_NOFOLLOW) == 0)
         return ORX_ECATCH(writeFailure(EEXIST, targetPath));
-    TemporaryPlace place;
-    Error error = TreeCopy(filter).copy(encoded(source), targetPath, place);
-    if (!error.hasError())
-        error = renameInto(place.path(), targetPath, IfExists::Fail);
-    if (error.hasError()) {
-        if (place.descriptor() >= 0)
-            TemporaryPlace::removeTree(place.path());
-        return ORX_ECATCH(error);
+    QByteArray hidden;
+    Error error = TreeCopy(filter).copyBeside(encoded(source), targetPath, hidden);
+    if (!error.hasError()) {
+        const int reason = FilePlace::take(hidden, targetPath);
+        if (reason == 0)
+            return ORX_ECATCH(flushDirectoryOf(targetPath));
+        error = writeFailure(reason, targetPath);
     }
-    return {};
+    if (!hidden.isEmpty())
+        FilePlace::removeTree(hidden);
+    return ORX_ECATCH(error);
 }
 
 Error FileCopy::content(const QByteArray& source, const QByteArray& target) {

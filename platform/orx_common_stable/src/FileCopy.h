@@ -13,9 +13,10 @@
 namespace orx {
 
 //! Copies files and directories so that the copy appears whole or not at all, and is durable when the call
-//! returns: made beside the target under a hidden name, flushed, renamed, and the directory flushed. By
-//! reflink where the file system has it. Contents and modification times are kept; access is what a new file
-//! gets, with the source's execute bits. Blocks on the disk; thread: any. See DirectoryFlushes, too.
+//! returns: made without a name (NewFile; directories under a hidden one beside the target), flushed, put in
+//! its place, and the directory flushed. By reflink where the file system has it. Contents and modification
+//! times are kept; access is what a new file gets, with the source's execute bits. Blocks on the disk;
+//! thread: any. See DirectoryFlushes, too.
 //!
 //! Errors name the path: ErrorCode::NotFound, FileNotReadable (also for what is neither a file nor a
 //! directory, symbolic links among them: they are never followed), FileNotWritable, FileChanged (the source

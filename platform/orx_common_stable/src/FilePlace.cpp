@@ -4,7 +4,9 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <dirent.h>
 #include <fcntl.h>
+#include <memory>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -14,6 +16,8 @@ namespace {
 
 // Leaves room for the dot, the random part and the suffix within 255 bytes.
 constexpr int longestStem = 200;
+//! So many random names may be taken.
+constexpr int attempts = 20;
 
 bool isDirectory(int directory, const QByteArray& path) {
     struct stat info = {};
@@ -35,8 +39,41 @@ QByteArray FilePlace::temporaryBeside(const QByteArray& target) {
     return beside(target, ".", random() + ".part");
 }
 
-QByteArray FilePlace::copyBeside(const QByteArray& target) {
-    return beside(target, ".", "orx-copy.part");
+int FilePlace::makeBeside(const QByteArray& target, QByteArray& path,
+                          const std::function<int(const QByteArray& path)>& make) {
+    int reason = EEXIST;
+    for (int attempt = 0; attempt < attempts && reason == EEXIST; ++attempt) {
+        const QByteArray name = temporaryBeside(target);
+        reason = make(name);
+        if (reason == 0)
+            path = name;
+    }
+    return reason;
+}
+
+int FilePlace::makeDirectoryBeside(const QByteArray& target, QByteArray& path, mode_t mode) {
+    return makeBeside(target, path, [mode](const QByteArray& name) {
+        return ::mkdir(name.constData(), mode) == 0 ? 0 : errno;
+    });
+}
+
+void FilePlace::removeTree(const QByteArray& directory) {
+    ::chmod(directory.constData(), 0700);
+    if (const std::unique_ptr<DIR, int (*)(DIR*)> listing(::opendir(directory.constData()), &::closedir);
+        listing) {
+        while (const dirent* const entry = ::readdir(listing.get())) {
+            const QByteArray name(entry->d_name);
+            const QByteArray path = directory + '/' + name;
+            struct stat info = {};
+            if (name == "." || name == ".." || ::lstat(path.constData(), &info) != 0)
+                continue;
+            if (S_ISDIR(info.st_mode))
+                removeTree(path);
+            else
+                ::unlink(path.constData());
+        }
+    }
+    ::rmdir(directory.constData());
 }
 
 QByteArray FilePlace::asideOf(const QByteArray& target) {

@@ -6,6 +6,9 @@
 
 #include <QByteArray>
 
+#include <functional>
+#include <sys/types.h>
+
 namespace orx {
 
 //! How something that was made beside its place takes it, so that it appears whole or not at all. Paths are
@@ -15,8 +18,15 @@ public:
     //! A name beside \a target that nobody uses; hidden, so that listings made meanwhile do not take it for
     //! data.
     static QByteArray temporaryBeside(const QByteArray& target);
-    //! The name that TemporaryPlace uses.
-    static QByteArray copyBeside(const QByteArray& target);
+    //! Has \a make make something of such a name, which \a path is then, unless it fails; it returns zero or
+    //! an errno, and must not take a name that is taken (EEXIST).
+    static int makeBeside(const QByteArray& target, QByteArray& path,
+                          const std::function<int(const QByteArray& path)>& make);
+    //! The same for an empty directory.
+    static int makeDirectoryBeside(const QByteArray& target, QByteArray& path, mode_t mode);
+    //! Removes a directory that this process made, with everything in it, also what is protected against its
+    //! owner; as far as possible.
+    static void removeTree(const QByteArray& directory);
     //! Renames the file or directory \a temporary to \a target, where nothing must be, in one step. Zero, or
     //! what was wrong: EEXIST, ENOTEMPTY or another errno.
     static int take(const QByteArray& temporary, const QByteArray& target);

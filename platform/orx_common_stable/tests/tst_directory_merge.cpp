@@ -1,6 +1,7 @@
 // A directory that is joined with another one is what it was, or all of the new one, wherever the process is
 // killed. A program of its own, since it ends itself in the middle of system calls and makes some fail.
 #include <DirectoryMerge.h>
+#include <FilePlace.h>
 
 #include <QDir>
 #include <QFile>
@@ -20,6 +21,7 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 using namespace orx;
@@ -121,6 +123,28 @@ protected:
         ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
         ASSERT_EQ(file.write(content), content.size());
     }
+    struct stat infoOf(const char* path) const {
+        struct stat info = {};
+        EXPECT_EQ(::lstat(bytes(path).constData(), &info), 0) << path;
+        return info;
+    }
+    //! The three entries of a mode, as the kernel wants them: a version, then tag, rights and no id for each.
+    void setDefaultAcl(const char* path, unsigned mode) const {
+        struct Entry {
+            quint16 tag;
+            quint16 rights;
+            quint32 id;
+        };
+        struct {
+            quint32 version = 2;
+            Entry entries[3];
+        } acl;
+        acl.entries[0] = {0x01, quint16(mode >> 6 & 7), ~0u};
+        acl.entries[1] = {0x04, quint16(mode >> 3 & 7), ~0u};
+        acl.entries[2] = {0x20, quint16(mode & 7), ~0u};
+        ASSERT_EQ(::setxattr(bytes(path).constData(), "system.posix_acl_default", &acl, sizeof acl, 0), 0)
+            << qt_error_string(errno).toStdString();
+    }
     ino_t inodeOf(const char* path) const {
         struct stat info = {};
         EXPECT_EQ(::lstat(bytes(path).constData(), &info), 0) << path;
@@ -173,6 +197,20 @@ protected:
         return WIFSIGNALED(status);
     }
 
+    //! What was left is hidden and stays; after the exchange it is what is left of the old one.
+    void takeAwayLeft(bool wasKilled, bool isOldThere) const {
+        const QStringList left =
+            QDir(dir.path()).entryList({QStringLiteral(".run.*.part")}, QDir::Dirs | QDir::Hidden);
+        EXPECT_EQ(names().size(), 2 + left.size());
+        EXPECT_LE(left.size(), wasKilled ? 1 : 0);
+        for (const QString& name : left) {
+            for (const auto& [path, content] : isOldThere ? Tree() : treeOf(name.toUtf8().constData()))
+                EXPECT_EQ(content, old.at(path));
+            FilePlace::removeTree(QFile::encodeName(dir.filePath(name)));
+        }
+        EXPECT_EQ(names(), onlySourceAndTarget());
+    }
+
     const Tree old{{"acqu", "old parameters"},
                    {"data/fid", "old"},
                    {"data/notes", "mine"},
@@ -213,7 +251,7 @@ TEST_F(DirectoryMergeTest, KilledAnywhereItIsOldOrNewAndTheNextOneCompletesIt) {
         const Error error = merge();
         ASSERT_FALSE(error.hasError()) << kills << ' ' << qPrintable(error.errorMessage());
         EXPECT_EQ(treeOf("run"), merged) << kills;
-        EXPECT_EQ(names(), onlySourceAndTarget()) << "what was left is removed; " << kills;
+        takeAwayLeft(wasKilled, found == old);
     }
     EXPECT_GT(sawOld, 15) << "copies, links, flushes";
     EXPECT_GT(sawNew, 8) << "what the old one consisted of is removed";
@@ -305,9 +343,52 @@ TEST_F(DirectoryMergeTest, WhatComesToTheTargetMeanwhileIsNotLost) {
     EXPECT_TRUE(error.is(ErrorCode::FileChanged));
     EXPECT_EQ(treeOf("run"), merged);
     ASSERT_EQ(names().size(), 3);
-    EXPECT_TRUE(names().last().endsWith(QStringLiteral(".old"))) << "where nobody takes it for abandoned";
+    EXPECT_TRUE(names().last().endsWith(QStringLiteral(".old"))) << "where it shows";
     EXPECT_TRUE(error.errorMessage().contains(names().last())) << "says where it is";
     EXPECT_EQ(treeOf(names().last().toUtf8().constData()), (Tree{{"data/later", "written meanwhile"}}));
+}
+
+TEST_F(DirectoryMergeTest, WhatIsWrittenIntoTheOldFileInTheLastMomentIsKept) {
+    // Nothing that stays is the same file, so that what is written to the old one is not in the new one.
+    cannotLink = true;
+    for (const char* const path : {"acqu", "data/notes"}) {
+        putOld();
+        onChange = [this, path](const char* call) {
+            if (std::string_view(call) == "exchange")
+                write((std::string("run/") + path).c_str(), "written in place");
+        };
+        const Error error = merge();
+        onChange = {};
+        EXPECT_TRUE(error.is(ErrorCode::FileChanged)) << path;
+        EXPECT_EQ(treeOf("run"), merged);
+        ASSERT_EQ(names().size(), 3);
+        EXPECT_EQ(treeOf(names().last().toUtf8().constData()), (Tree{{path, "written in place"}}));
+        FilePlace::removeTree(QFile::encodeName(dir.filePath(names().last())));
+    }
+}
+
+TEST_F(DirectoryMergeTest, WhatComesInheritsFromTheDirectoryThatItComesTo) {
+    putOld();
+    // A set-group-id directory hands its group and the bit down; a default ACL what it says.
+    ASSERT_EQ(::chmod(bytes("run/data").constData(), 02750), 0);
+    ASSERT_EQ(::setxattr(bytes("run").constData(), "user.of", "alice", 5, 0), 0);
+    setDefaultAcl("run/data", 0740);
+    ASSERT_FALSE(merge().hasError());
+    EXPECT_EQ(modeOf("run/data"), 02750u);
+    EXPECT_EQ(modeOf("run/data/more"), 02740u) << "a directory that came";
+    EXPECT_EQ(modeOf("run/data/more/peaks"), 0640u);
+    EXPECT_EQ(modeOf("run/data/fid"), 0640u) << "a file that was replaced";
+    char value[16];
+    EXPECT_EQ(::getxattr(bytes("run").constData(), "user.of", value, sizeof value), 5);
+    if (::geteuid() == 0) {
+        // Only root belongs to every group.
+        putOld();
+        ASSERT_EQ(::chown(bytes("run/data").constData(), uid_t(-1), 4242), 0);
+        ASSERT_EQ(::chmod(bytes("run/data").constData(), 02770), 0);
+        ASSERT_FALSE(merge().hasError());
+        for (const char* const path : {"run/data", "run/data/fid", "run/data/more", "run/data/more/peaks"})
+            EXPECT_EQ(infoOf(path).st_gid, 4242u) << path;
+    }
 }
 
 TEST_F(DirectoryMergeTest, AfterAFailureTheTargetIsWhatItWas) {

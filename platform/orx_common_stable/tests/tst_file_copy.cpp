@@ -1,0 +1,335 @@
+// A copied file is what was there, or the whole new one, and nothing is left beside it, wherever the process
+// is killed. A program of its own, since it ends itself in the middle of system calls and makes some fail.
+#include <FileCopy.h>
+#include <FilePlace.h>
+#include <NewFile.h>
+
+#include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <functional>
+#include <linux/fs.h>
+#include <string_view>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using namespace orx;
+
+namespace {
+
+//! What the process does before it changes something on the disk; it is told which call that is.
+std::function<void(const char* call)> onChange;
+//! The errno with which files without a name cannot be made, or get no name; 0: they can as far as they can.
+int makingUnnamed = 0;
+int namingUnnamed = 0;
+
+long changing(const char* call, const std::function<long()>& work) {
+    if (onChange)
+        onChange(call);
+    return work();
+}
+
+int opening(const char* path, int flags, mode_t mode) {
+    if ((flags & O_TMPFILE) == O_TMPFILE && makingUnnamed != 0) {
+        errno = makingUnnamed;
+        return -1;
+    }
+    const auto work = [=] { return ::syscall(SYS_openat, AT_FDCWD, path, flags, mode); };
+    return int((flags & O_ACCMODE) == O_WRONLY ? changing("make", work) : work());
+}
+
+} // namespace
+
+// The program's own definitions take the place of the C library's for the libraries too.
+extern "C" int open(const char* path, int flags, ...) {
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = va_arg(arguments, mode_t);
+    va_end(arguments);
+    return opening(path, flags, mode);
+}
+
+extern "C" int open64(const char* path, int flags, ...) {
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = va_arg(arguments, mode_t);
+    va_end(arguments);
+    return opening(path, flags, mode);
+}
+
+// No sharing of blocks, so that there is a half of a copy on every file system.
+extern "C" int ioctl(int descriptor, unsigned long request, ...) noexcept {
+    va_list arguments;
+    va_start(arguments, request);
+    void* const argument = va_arg(arguments, void*);
+    va_end(arguments);
+    if (request == FICLONE) {
+        errno = EOPNOTSUPP;
+        return -1;
+    }
+    return int(::syscall(SYS_ioctl, descriptor, request, argument));
+}
+
+extern "C" ssize_t copy_file_range(int from, off64_t* at, int to, off64_t* end, size_t length,
+                                   unsigned flags) {
+    return changing("copy", [=] {
+        return ::syscall(SYS_copy_file_range, from, at, to, end, std::min<size_t>(length, 3000), flags);
+    });
+}
+
+extern "C" int fsync(int descriptor) {
+    return int(changing("flush", [=] { return ::syscall(SYS_fsync, descriptor); }));
+}
+
+extern "C" int linkat(int from, const char* oldName, int to, const char* newName, int flags) noexcept {
+    if (namingUnnamed != 0 && std::strncmp(oldName, "/proc/", 6) == 0) {
+        errno = namingUnnamed;
+        return -1;
+    }
+    return int(changing("link", [=] { return ::syscall(SYS_linkat, from, oldName, to, newName, flags); }));
+}
+
+extern "C" int rename(const char* from, const char* to) noexcept {
+    return int(changing("rename", [=] { return ::syscall(SYS_renameat2, AT_FDCWD, from, AT_FDCWD, to, 0); }));
+}
+
+extern "C" int renameat2(int from, const char* oldName, int to, const char* newName,
+                         unsigned int flags) noexcept {
+    return int(
+        changing("rename", [=] { return ::syscall(SYS_renameat2, from, oldName, to, newName, flags); }));
+}
+
+namespace {
+
+class FileCopyTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        put(source(), content);
+        ASSERT_TRUE(QDir().mkdir(dir.filePath(QStringLiteral("to"))));
+    }
+    void TearDown() override {
+        onChange = {};
+        makingUnnamed = 0;
+        namingUnnamed = 0;
+    }
+    QString source() const { return dir.filePath(QStringLiteral("source")); }
+    QString target() const { return dir.filePath(QStringLiteral("to/run")); }
+    QByteArray bytes() const { return QFile::encodeName(target()); }
+    static void put(const QString& path, const QByteArray& content) {
+        QFile file(path);
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+        ASSERT_EQ(file.write(content), content.size());
+    }
+    static QByteArray get(const QString& path) {
+        QFile file(path);
+        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("(nothing)");
+    }
+    QStringList names() const {
+        return QDir(dir.filePath(QStringLiteral("to")))
+            .entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot, QDir::Name);
+    }
+    const QStringList only{QStringLiteral("run")};
+    Error copy(FileCopy::IfExists ifExists) const { return FileCopy::file(source(), target(), ifExists); }
+
+    //! Whether the file system knows files without a name.
+    bool knowsUnnamed() const {
+        const int file = ::open(QFile::encodeName(dir.path()).constData(), O_WRONLY | O_TMPFILE, 0600);
+        if (file >= 0)
+            ::close(file);
+        return file >= 0;
+    }
+    //! Kills a copy of its own process before its \a number-th change, and tells which that was; empty when
+    //! it had fewer.
+    QByteArray killAt(int number, FileCopy::IfExists ifExists) const {
+        int told[2];
+        EXPECT_EQ(::pipe(told), 0);
+        const pid_t child = ::fork();
+        if (child == 0) {
+            int met = 0;
+            onChange = [&](const char* call) {
+                if (++met != number)
+                    return;
+                (void)!::write(told[1], call, std::strlen(call));
+                ::raise(SIGKILL);
+            };
+            ::_exit(copy(ifExists).hasError() ? 1 : 0);
+        }
+        ::close(told[1]);
+        int status = 0;
+        EXPECT_EQ(::waitpid(child, &status, 0), child);
+        EXPECT_TRUE(WIFSIGNALED(status) || (WIFEXITED(status) && WEXITSTATUS(status) == 0)) << status;
+        QByteArray call(16, '\0');
+        call.resize(::read(told[0], call.data(), size_t(call.size())));
+        ::close(told[0]);
+        EXPECT_EQ(call.isEmpty(), !WIFSIGNALED(status));
+        return call;
+    }
+    //! Kills at every change in turn. \a mayLeave: before which calls something may be left beside the
+    //! target.
+    void killEverywhere(FileCopy::IfExists ifExists, const QByteArray& old, const QList<QByteArray>& mayLeave,
+                        int atLeast) const {
+        int number = 0;
+        for (QByteArray before = "start"; !before.isEmpty();) {
+            QFile::remove(target());
+            if (ifExists == FileCopy::IfExists::Replace)
+                put(target(), old);
+            before = killAt(++number, ifExists);
+            const QByteArray found = get(target());
+            EXPECT_TRUE(found == content || (!before.isEmpty() && found == old)) << before.constData();
+            QStringList left = names();
+            left.removeAll(QStringLiteral("run"));
+            EXPECT_LE(left.size(), mayLeave.contains(before) ? 1 : 0) << before.constData();
+            for (const QString& name : left) {
+                EXPECT_TRUE(name.startsWith(QStringLiteral(".run.")) &&
+                            name.endsWith(QStringLiteral(".part")));
+                EXPECT_TRUE(QFile::remove(QFileInfo(target()).path() + u'/' + name));
+            }
+        }
+        EXPECT_GT(number, atLeast);
+    }
+
+    const QByteArray content = QByteArray(10'000, 'n');
+    QTemporaryDir dir;
+};
+
+TEST_F(FileCopyTest, KilledAnywhereNothingIsLeftAndNoHalfOfIt) {
+    // Without files that have no name a hidden one is left until it has its own.
+    const QList<QByteArray> named{"copy", "flush", "rename"};
+    killEverywhere(FileCopy::IfExists::Fail, "(nothing)", knowsUnnamed() ? QList<QByteArray>{} : named, 7);
+    // What replaces a file has another name for a moment, since a link replaces nothing.
+    killEverywhere(FileCopy::IfExists::Replace, "old", knowsUnnamed() ? QList<QByteArray>{"rename"} : named,
+                   7);
+}
+
+TEST_F(FileCopyTest, WhereEveryFileHasANameThereIsOldOrWholeContent) {
+    for (const int reason : {EOPNOTSUPP, EISDIR, EINVAL}) {
+        makingUnnamed = reason;
+        killEverywhere(FileCopy::IfExists::Fail, "(nothing)", {"copy", "flush", "rename"}, 7);
+        killEverywhere(FileCopy::IfExists::Replace, "old", {"copy", "flush", "rename"}, 7);
+    }
+}
+
+TEST_F(FileCopyTest, AFileThatCanGetNoNameIsCopiedOnceMoreUnderOne) {
+    for (const int reason : {EPERM, EXDEV, EOPNOTSUPP}) {
+        namingUnnamed = reason;
+        for (const auto ifExists : {FileCopy::IfExists::Fail, FileCopy::IfExists::Replace}) {
+            const Error error = copy(ifExists);
+            EXPECT_FALSE(error.hasError()) << qPrintable(error.errorMessage());
+            EXPECT_EQ(get(target()), content);
+            EXPECT_EQ(names(), only);
+            put(source(), content);
+        }
+        ASSERT_TRUE(QFile::remove(target()));
+    }
+}
+
+TEST_F(FileCopyTest, NobodysFileBesideItIsTouched) {
+    const QStringList theirs{QStringLiteral(".run.orx-copy.part"), QStringLiteral(".run.part"),
+                             QStringLiteral(".run.1a2b3c.part"), QStringLiteral("run.1a2b3c.old")};
+    for (const int reason : {0, EOPNOTSUPP}) {
+        makingUnnamed = reason;
+        for (const QString& name : theirs)
+            put(QFileInfo(target()).path() + u'/' + name, "theirs");
+        ASSERT_FALSE(copy(FileCopy::IfExists::Fail).hasError());
+        ASSERT_FALSE(copy(FileCopy::IfExists::Replace).hasError());
+        EXPECT_EQ(names().size(), theirs.size() + 1);
+        for (const QString& name : theirs)
+            EXPECT_EQ(get(QFileInfo(target()).path() + u'/' + name), "theirs");
+        ASSERT_TRUE(QFile::remove(target()));
+    }
+}
+
+TEST_F(FileCopyTest, ANameThatIsTakenWhileItIsCopiedStaysWithItsOwner) {
+    for (const int reason : {0, EOPNOTSUPP}) {
+        makingUnnamed = reason;
+        onChange = [this](const char* call) {
+            if (std::string_view(call) == "flush")
+                put(target(), "theirs");
+        };
+        EXPECT_TRUE(copy(FileCopy::IfExists::Fail).is(ErrorCode::AlreadyExists));
+        onChange = {};
+        EXPECT_EQ(get(target()), "theirs");
+        EXPECT_EQ(names(), only);
+        ASSERT_TRUE(QFile::remove(target()));
+    }
+}
+
+TEST_F(FileCopyTest, ADirectoryIsNotReplacedByAFile) {
+    ASSERT_TRUE(QDir().mkdir(target()));
+    for (const int reason : {0, EOPNOTSUPP}) {
+        makingUnnamed = reason;
+        EXPECT_TRUE(copy(FileCopy::IfExists::Replace).is(ErrorCode::FileNotWritable));
+        EXPECT_TRUE(QFileInfo(target()).isDir());
+        EXPECT_EQ(names(), only);
+    }
+}
+
+TEST_F(FileCopyTest, AccessIsThatOfANewFileAndTheTimeIsKept) {
+    ASSERT_EQ(::chmod(QFile::encodeName(source()).constData(), 0755), 0);
+    const timespec times[] = {{0, UTIME_OMIT}, {1'000'000'000, 5}};
+    ASSERT_EQ(::utimensat(AT_FDCWD, QFile::encodeName(source()).constData(), times, 0), 0);
+    const mode_t before = ::umask(027);
+    for (const int reason : {0, EOPNOTSUPP}) {
+        makingUnnamed = reason;
+        EXPECT_FALSE(copy(FileCopy::IfExists::Fail).hasError());
+        struct stat info = {};
+        EXPECT_EQ(::stat(bytes().constData(), &info), 0);
+        EXPECT_EQ(info.st_mode & 07777, 0750u);
+        EXPECT_EQ(info.st_mtim.tv_sec, 1'000'000'000);
+        EXPECT_EQ(info.st_mtim.tv_nsec, 5);
+        EXPECT_EQ(info.st_nlink, 1u);
+        EXPECT_TRUE(QFile::remove(target()));
+    }
+    ::umask(before);
+}
+
+TEST_F(FileCopyTest, TheLongestNameIsCopied) {
+    const QString longest = dir.filePath(QStringLiteral("to/") + QString(255, u'x'));
+    for (const int reason : {0, EOPNOTSUPP}) {
+        makingUnnamed = reason;
+        for (const auto ifExists : {FileCopy::IfExists::Fail, FileCopy::IfExists::Replace}) {
+            const Error error = FileCopy::file(source(), longest, ifExists);
+            EXPECT_FALSE(error.hasError()) << qPrintable(error.errorMessage());
+        }
+        EXPECT_EQ(names().size(), 1);
+        ASSERT_TRUE(QFile::remove(longest));
+    }
+}
+
+TEST_F(FileCopyTest, AFileThatTakesNoPlaceIsGone) {
+    for (const auto kind : {NewFile::Kind::Unnamed, NewFile::Kind::Hidden}) {
+        {
+            NewFile file;
+            ASSERT_EQ(file.make(kind, bytes(), 0644), 0);
+            EXPECT_GE(file.descriptor(), 0);
+            EXPECT_EQ(names().size(), kind == NewFile::Kind::Unnamed && knowsUnnamed() ? 0 : 1);
+        }
+        EXPECT_EQ(names(), QStringList());
+        NewFile nowhere;
+        EXPECT_EQ(nowhere.make(kind, bytes() + "/none/run", 0644), ENOENT);
+    }
+}
+
+TEST_F(FileCopyTest, SmallFilesCostFewCalls) {
+    const char* const place = knowsUnnamed() ? "link" : "rename";
+    put(source(), "small");
+    QList<QByteArray> calls;
+    onChange = [&calls](const char* call) { calls << call; };
+    ASSERT_FALSE(copy(FileCopy::IfExists::Fail).hasError());
+    EXPECT_EQ(calls, (QList<QByteArray>{"make", "copy", "flush", place, "flush"})) << "file and directory";
+}
+
+} // namespace

@@ -1,0 +1,87 @@
+// A directory that is a mount point, or in which anything is mounted, is not replaced by a merged one: what
+// is mounted would go with the old one, and be emptied through it.
+#include "MountedVolume.h"
+
+#include <DirectoryMerge.h>
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+
+#include <sys/inotify.h>
+#include <unistd.h>
+
+namespace orx::testing {
+namespace {
+
+class MergeMounts : public ::testing::Test {
+protected:
+    void SetUp() override {
+        put("new/acqu", "new");
+        put("place/run/acqu", "old");
+        put("place/run/data/fid", "points");
+        put("elsewhere/original", "the original");
+    }
+    QString at(const char* path) const { return m_dir.filePath(QString::fromUtf8(path)); }
+    void put(const char* path, const QByteArray& content) const {
+        ASSERT_TRUE(QDir().mkpath(QFileInfo(at(path)).path()));
+        QFile file(at(path));
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+        ASSERT_EQ(file.write(content), content.size());
+    }
+    QByteArray get(const char* path) const {
+        QFile file(at(path));
+        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("(nothing)");
+    }
+    //! The merge is refused because of \a mounted, and nothing is made beside the target for it.
+    void expectRefused(const QString& mounted) const {
+        const int watch = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+        ASSERT_GE(watch, 0);
+        ASSERT_GE(::inotify_add_watch(watch, QFile::encodeName(at("place")).constData(), IN_CREATE), 0);
+        const Error error = DirectoryMerge::run(at("new"), at("place/run"), {});
+        EXPECT_TRUE(error.is(ErrorCode::FileNotWritable)) << qPrintable(error.errorMessage());
+        EXPECT_TRUE(error.errorMessage().contains(mounted)) << qPrintable(error.errorMessage());
+        char events[4096];
+        EXPECT_EQ(::read(watch, events, sizeof events), -1) << "something was made";
+        ::close(watch);
+        EXPECT_EQ(get("elsewhere/original"), "the original");
+    }
+
+private:
+    QTemporaryDir m_dir;
+};
+
+TEST_F(MergeMounts, ATargetThatIsAMountPointIsRefused) {
+    const auto volume = MountedVolume::bind(at("elsewhere"), at("place/run"));
+    ASSERT_TRUE(volume);
+    expectRefused(at("place/run"));
+}
+
+TEST_F(MergeMounts, ADirectoryMountedInItIsRefused) {
+    const auto volume = MountedVolume::bind(at("elsewhere"), at("place/run/data"));
+    ASSERT_TRUE(volume);
+    expectRefused(at("place/run/data"));
+    EXPECT_EQ(get("place/run/acqu"), "old");
+}
+
+TEST_F(MergeMounts, AFileMountedInItIsRefused) {
+    const auto volume = MountedVolume::bind(at("elsewhere/original"), at("place/run/data/fid"));
+    ASSERT_TRUE(volume);
+    expectRefused(at("place/run/data/fid"));
+    EXPECT_EQ(get("place/run/acqu"), "old");
+}
+
+TEST_F(MergeMounts, OutsideOfItAnythingMayBeMounted) {
+    const auto volume = MountedVolume::bind(at("place"), at("place"));
+    ASSERT_TRUE(volume);
+    const Error error = DirectoryMerge::run(at("new"), at("place/run"), {});
+    EXPECT_FALSE(error.hasError()) << qPrintable(error.errorMessage());
+    EXPECT_EQ(get("place/run/acqu"), "new");
+    EXPECT_EQ(get("place/run/data/fid"), "points");
+}
+
+} // namespace
+} // namespace orx::testing
