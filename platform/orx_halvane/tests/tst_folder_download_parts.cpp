@@ -307,6 +307,18 @@ TEST(FolderDownloadReport, GivesUpAfterSeveralFailuresInARowThatAreNoFilesOwn) {
         fail(1);
         EXPECT_TRUE(report.isHopeless());
     }
+    // A failure of a file's own says, too, that others can succeed.
+    FolderDownloadReport mixed;
+    const auto failMixed = [&mixed](int times) {
+        for (int i = 0; i < times; ++i)
+            mixed.addFailure(QStringLiteral("a"), networkError(NetworkErrorCode::ConnectionLost));
+    };
+    failMixed(FolderDownloadReport::hopelessInARow - 1);
+    mixed.addFailure(QStringLiteral("b"), halvaneError(HalvaneServerErrorCode::NotFound, QString()));
+    failMixed(FolderDownloadReport::hopelessInARow - 1);
+    EXPECT_FALSE(mixed.isHopeless());
+    failMixed(1);
+    EXPECT_TRUE(mixed.isHopeless());
     FolderDownloadReport own;
     for (int i = 0; i < 100; ++i)
         own.addFailure(QStringLiteral("a"), halvaneError(HalvaneServerErrorCode::NotFound, QString()));
