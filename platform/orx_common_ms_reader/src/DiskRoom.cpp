@@ -4,13 +4,15 @@
 #include "PackedText.h"
 #include "StagedFile.h"
 
+#include <QList>
+
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
-#include <condition_variable>
+#include <deque>
 #include <limits>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 
@@ -18,25 +20,35 @@ namespace orx::vonk {
 
 namespace {
 
-struct Holdings {
-    std::mutex mutex;
-    std::condition_variable released;
-    //! Bytes by file system.
-    std::map<dev_t, qint64> bytes;
+using GivenRoom = Result<std::shared_ptr<DiskRoom>>;
+
+//! What this process does on one file system.
+struct Disk {
+    //! Bytes that are still to be written.
+    qint64 planned = 0;
+    //! Bytes that were written and will be removed, and those that are still to be written before that.
+    qint64 temporary = 0;
+    qint64 plannedTemporary = 0;
+    std::deque<std::weak_ptr<RoomWish>> line;
 };
 
-Holdings& holdings() {
+struct Disks {
+    std::mutex mutex;
+    std::map<dev_t, Disk> all;
+};
+
+Disks& disks() {
     // Never destroyed: a thread may still write while the program ends.
-    static Holdings& all = *new Holdings;
-    return all;
+    static Disks& only = *new Disks;
+    return only;
 }
 
-struct Disk {
+struct Free {
     dev_t device = 0;
-    qint64 available = 0;
+    qint64 bytes = 0;
 };
 
-Result<Disk> diskOf(const QString& directory) {
+Result<Free> freeOn(const QString& directory) {
     const QByteArray path = encodedPath(directory);
     struct stat info = {};
     struct statvfs room = {};
@@ -44,7 +56,7 @@ Result<Disk> diskOf(const QString& directory) {
         return writeFailure(errno, directory);
     const double available = double(room.f_bavail) * double(room.f_frsize);
     constexpr double most = double(std::numeric_limits<qint64>::max() / 2);
-    return Disk{info.st_dev, qint64(std::min(available, most))};
+    return Free{info.st_dev, qint64(std::min(available, most))};
 }
 
 Error noRoom(const QString& directory, qint64 bytes, const QString& wanted, qint64 available) {
@@ -58,47 +70,157 @@ Error noRoom(const QString& directory, qint64 bytes, const QString& wanted, qint
 
 } // namespace
 
-struct DiskRoom::Held {
-    Held(dev_t on, qint64 count) : device(on), bytes(count) { holdings().bytes[device] += bytes; }
-    ~Held() {
-        giveBack(bytes);
-        holdings().released.notify_all();
-    }
-    Q_DISABLE_COPY_MOVE(Held)
+struct DiskRoom::Private {
+    dev_t device = 0;
+    Content content = Content::Stays;
+    qint64 planned = 0;
+    qint64 temporary = 0;
 
-    void giveBack(qint64 count) {
-        const std::lock_guard lock(holdings().mutex);
-        bytes -= count;
-        holdings().bytes[device] -= count;
+    void plan(qint64 bytes) {
+        planned += bytes;
+        Disk& disk = disks().all[device];
+        disk.planned += bytes;
+        disk.plannedTemporary += content == Content::Temporary ? bytes : 0;
+    }
+    void wrote(qint64 bytes) {
+        plan(-std::min(bytes, planned));
+        if (content == Content::Temporary)
+            keep(bytes);
+    }
+    void keep(qint64 bytes) {
+        temporary += bytes;
+        disks().all[device].temporary += bytes;
     }
 
-    dev_t device;
-    qint64 bytes;
+    static std::shared_ptr<DiskRoom> make(dev_t device, Content content, qint64 bytes) {
+        const std::shared_ptr<DiskRoom> room(new DiskRoom);
+        room->d->device = device;
+        room->d->content = content;
+        room->d->plan(bytes);
+        return room;
+    }
+    //! With the mutex held. None when it is worth waiting.
+    static std::optional<GivenRoom> answer(const RoomWish& wish) {
+        const auto free = freeOn(wish.directory);
+        if (free.hasError())
+            return free.error();
+        const Disk& disk = disks().all[free->device];
+        if (wish.bytes <= free->bytes - disk.planned)
+            return make(free->device, wish.content, wish.bytes);
+        // What is just being written may be counted as planned still, and as free no more.
+        const qint64 most = free->bytes + disk.temporary + disk.plannedTemporary;
+        const bool isAlone = disk.planned == 0 && disk.temporary == 0;
+        if (isAlone || wish.bytes > most)
+            return noRoom(wish.directory, wish.bytes, wish.wanted, most);
+        return std::nullopt;
+    }
+    static void serve(dev_t device);
+    static void serveAll();
 };
 
-DiskRoom::DiskRoom(std::unique_ptr<Held> held) : d(std::move(held)) {}
-DiskRoom::~DiskRoom() = default;
-DiskRoom::DiskRoom(DiskRoom&&) noexcept = default;
-DiskRoom& DiskRoom::operator=(DiskRoom&&) noexcept = default;
-
-Result<DiskRoom> DiskRoom::take(const QString& directory, qint64 bytes, const QString& wanted,
-                                const WorkWatch& watch) {
-    Holdings& all = holdings();
-    std::unique_lock lock(all.mutex);
+//! Answers those who come first, as long as there is an answer.
+void DiskRoom::Private::serve(dev_t device) {
     for (;;) {
-        const auto disk = diskOf(directory);
-        ORX_RETURN_ON_ERROR(disk.error());
-        if (bytes > disk->available)
-            return noRoom(directory, bytes, wanted, disk->available);
-        if (bytes <= disk->available - all.bytes[disk->device])
-            return DiskRoom(std::make_unique<Held>(disk->device, bytes));
-        ORX_RETURN_ON_ERROR(watch.check());
-        all.released.wait_for(lock, std::chrono::milliseconds(20));
+        std::shared_ptr<RoomWish> first;
+        std::optional<GivenRoom> given;
+        {
+            const std::lock_guard lock(disks().mutex);
+            auto& line = disks().all[device].line;
+            if (line.empty())
+                return;
+            first = line.front().lock();
+            if (first) {
+                given = answer(*first);
+                if (!given)
+                    return;
+            }
+            line.pop_front();
+        }
+        if (first)
+            first->given(*given);
     }
 }
 
+void DiskRoom::Private::serveAll() {
+    QList<dev_t> devices;
+    {
+        const std::lock_guard lock(disks().mutex);
+        for (const auto& [device, disk] : disks().all) {
+            if (!disk.line.empty())
+                devices.append(device);
+        }
+    }
+    for (const dev_t device : devices)
+        serve(device);
+}
+
+// Who stood behind it may be first now.
+RoomWish::~RoomWish() {
+    DiskRoom::Private::serveAll();
+}
+
+DiskRoom::DiskRoom() : d(std::make_unique<Private>()) {}
+
+DiskRoom::~DiskRoom() {
+    release();
+}
+
+Result<std::shared_ptr<DiskRoom>> DiskRoom::take(const QString& directory, qint64 bytes,
+                                                 const QString& wanted) {
+    const auto free = freeOn(directory);
+    ORX_RETURN_ON_ERROR(free.error());
+    const std::lock_guard lock(disks().mutex);
+    const qint64 available = free->bytes - disks().all[free->device].planned;
+    if (bytes > available)
+        return noRoom(directory, bytes, wanted, std::max<qint64>(0, available));
+    return Private::make(free->device, Content::Stays, bytes);
+}
+
+void DiskRoom::ask(const std::shared_ptr<RoomWish>& wish) {
+    const auto free = freeOn(wish->directory);
+    if (free.hasError()) {
+        wish->given(free.error());
+        return;
+    }
+    {
+        const std::lock_guard lock(disks().mutex);
+        disks().all[free->device].line.push_back(wish);
+    }
+    Private::serve(free->device);
+}
+
+Error DiskRoom::growTo(const QString& directory, qint64 bytes, const QString& wanted) {
+    const auto free = freeOn(directory);
+    ORX_RETURN_ON_ERROR(free.error());
+    const std::lock_guard lock(disks().mutex);
+    const qint64 more = bytes - d->planned;
+    const qint64 available = free->bytes - disks().all[d->device].planned;
+    if (more > 0 && more > available)
+        return noRoom(directory, bytes, wanted, std::max<qint64>(0, available));
+    d->plan(std::max<qint64>(0, more));
+    return {};
+}
+
 void DiskRoom::written(qint64 bytes) {
-    d->giveBack(std::min(bytes, d->bytes));
+    const std::lock_guard lock(disks().mutex);
+    d->wrote(bytes);
+}
+
+void DiskRoom::finish() {
+    {
+        const std::lock_guard lock(disks().mutex);
+        d->plan(-d->planned);
+    }
+    Private::serve(d->device);
+}
+
+void DiskRoom::release() {
+    {
+        const std::lock_guard lock(disks().mutex);
+        d->plan(-d->planned);
+        d->keep(-d->temporary);
+    }
+    Private::serve(d->device);
 }
 
 } // namespace orx::vonk

@@ -54,7 +54,8 @@ Error takeForGood(const QByteArray& temporary, const QByteArray& target, const Q
             .arg(path, qt_error_string(unflushed)));
 }
 
-Result<StagedFile> StagedFile::create(const QString& path, qint64 bytes, const WorkWatch& watch) {
+Result<StagedFile> StagedFile::create(const QString& path, qint64 bytes,
+                                      const std::shared_ptr<DiskRoom>& room) {
     // What QTemporaryDir gives when it could not be made.
     if (path.isEmpty())
         return Error(
@@ -67,9 +68,7 @@ Result<StagedFile> StagedFile::create(const QString& path, qint64 bytes, const W
     struct stat info = {};
     if (::lstat(file.m_target.constData(), &info) == 0)
         return ORX_ECATCH(writeFailure(EEXIST, path));
-    auto room = DiskRoom::take(QFileInfo(path).absolutePath(), bytes, path, watch);
-    ORX_RETURN_ON_ERROR(room.error());
-    file.m_room = std::move(*room);
+    ORX_RETURN_ON_ERROR(file.takeRoom(bytes, room));
     const QByteArray temporary = FilePlace::temporaryBeside(file.m_target);
     file.m_file = Descriptor(::open(temporary.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
     if (!file.m_file.isOpen())
@@ -79,8 +78,23 @@ Result<StagedFile> StagedFile::create(const QString& path, qint64 bytes, const W
 }
 
 StagedFile::~StagedFile() {
-    if (!m_temporary.isEmpty())
-        ::unlink(m_temporary.constData());
+    if (m_temporary.isEmpty())
+        return;
+    ::unlink(m_temporary.constData());
+    m_file.close();
+    m_room->release();
+}
+
+Error StagedFile::takeRoom(qint64 bytes, const std::shared_ptr<DiskRoom>& room) {
+    const QString directory = QFileInfo(m_path).absolutePath();
+    if (room) {
+        m_room = room;
+        return room->growTo(directory, bytes, m_path);
+    }
+    auto taken = DiskRoom::take(directory, bytes, m_path);
+    ORX_RETURN_ON_ERROR(taken.error());
+    m_room = std::move(*taken);
+    return {};
 }
 
 Error StagedFile::write(std::span<const char> bytes) {
@@ -100,6 +114,7 @@ Error StagedFile::commit() {
         return ORX_ECATCH(writeFailure(errno, m_path));
     ORX_RETURN_ON_ERROR(takeForGood(m_temporary, m_target, m_path));
     m_temporary.clear();
+    m_room->finish();
     return {};
 }
 

@@ -3,7 +3,7 @@
 #include "DiskRoom.h"
 #include "PackedFile.h"
 
-#include <optional>
+#include <memory>
 
 namespace orx::vonk {
 
@@ -12,8 +12,9 @@ namespace orx::vonk {
 class StagedFile {
 public:
     //! ErrorCode::AlreadyExists when something is at \a path, FileNotWritable, and what DiskRoom::take() says
-    //! of \a bytes there.
-    static Result<StagedFile> create(const QString& path, qint64 bytes, const WorkWatch& watch = {});
+    //! of \a bytes there. Uses \a room where it was asked for before.
+    static Result<StagedFile> create(const QString& path, qint64 bytes,
+                                     const std::shared_ptr<DiskRoom>& room = nullptr);
     ~StagedFile();
     StagedFile(StagedFile&& other) noexcept = default;
 
@@ -23,6 +24,7 @@ public:
 
 private:
     StagedFile() = default;
+    Error takeRoom(qint64 bytes, const std::shared_ptr<DiskRoom>& room);
 
     QString m_path;
     QByteArray m_target;
@@ -30,7 +32,7 @@ private:
     Descriptor m_file;
     qint64 m_written = 0;
     qint64 m_flushed = 0;
-    std::optional<DiskRoom> m_room;
+    std::shared_ptr<DiskRoom> m_room;
 };
 
 //! Gives what was flushed as \a temporary the name \a target, of \a path, for good; also in a directory that

@@ -47,15 +47,14 @@ qint64 roomFor(const QList<VonkEntry>& entries) {
 
 } // namespace
 
-Result<StagedTree> StagedTree::create(const QString& path, const QList<VonkEntry>& entries,
-                                      const WorkWatch& watch) {
+Result<StagedTree> StagedTree::create(const QString& path, const QList<VonkEntry>& entries) {
     StagedTree tree;
     tree.m_path = path;
     tree.m_target = encodedPath(path);
     struct stat info = {};
     if (::lstat(tree.m_target.constData(), &info) == 0)
         return ORX_ECATCH(writeFailure(EEXIST, path));
-    auto room = DiskRoom::take(QFileInfo(path).absolutePath(), roomFor(entries), path, watch);
+    auto room = DiskRoom::take(QFileInfo(path).absolutePath(), roomFor(entries), path);
     ORX_RETURN_ON_ERROR(room.error());
     tree.m_room = std::move(*room);
     const QByteArray staging = FilePlace::temporaryBeside(tree.m_target);

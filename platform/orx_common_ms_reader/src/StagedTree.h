@@ -6,7 +6,7 @@
 
 #include <QStringList>
 
-#include <optional>
+#include <memory>
 
 namespace orx::vonk {
 
@@ -17,8 +17,7 @@ class StagedTree {
 public:
     //! ErrorCode::AlreadyExists when something is at \a path, FileNotWritable, and what DiskRoom::take() says
     //! of the entries.
-    static Result<StagedTree> create(const QString& path, const QList<VonkEntry>& entries,
-                                     const WorkWatch& watch = {});
+    static Result<StagedTree> create(const QString& path, const QList<VonkEntry>& entries);
     ~StagedTree();
     StagedTree(StagedTree&& other) noexcept = default;
 
@@ -44,7 +43,7 @@ private:
     Descriptor m_file;
     //! All that were made, outer ones first.
     QStringList m_directories;
-    std::optional<DiskRoom> m_room;
+    std::shared_ptr<DiskRoom> m_room;
 };
 
 } // namespace orx::vonk

@@ -130,7 +130,7 @@ Result<QByteArray> Vonk::sha256(const WorkWatch& watch) const {
 
 Error Vonk::unpack(const QString& target, const WorkWatch& watch) const {
     ORX_RETURN_ON_ERROR(validate());
-    auto tree = StagedTree::create(target, d->opened->index.metadata.entries, watch);
+    auto tree = StagedTree::create(target, d->opened->index.metadata.entries);
     ORX_RETURN_ON_ERROR(tree.error());
     return ORX_ECATCH(withPath(unpackInto(*tree, *d->opened, watch)));
 }
@@ -140,7 +140,7 @@ Error Vonk::upgrade(const QString& target, const WorkWatch& watch) const {
     const PackedIndex& index = d->opened->index;
     // Manifest and table may take more room than they did; the payload takes the same.
     const qint64 rest = 2 * (d->opened->file.size() - index.payloadEnd) + 16 * qint64(index.chunks.size());
-    auto staged = StagedFile::create(target, index.payloadEnd + rest + 1024 * 1024, watch);
+    auto staged = StagedFile::create(target, index.payloadEnd + rest + 1024 * 1024);
     ORX_RETURN_ON_ERROR(staged.error());
     return ORX_ECATCH(withPath(upgradeInto(*staged, *d->opened, watch)));
 }

@@ -229,9 +229,7 @@ Error checkChunkCount(const QList<VonkEntry>& entries, const QString& path) {
                  translated("\"%1\" is too large for a packed acquisition.").arg(path));
 }
 
-} // namespace
-
-Result<VonkMetadata> VonkPacker::pack(const PackInput& input, const QString& target, const WorkWatch& watch) {
+Result<PackSource> listed(const PackInput& input, const QString& target) {
     if (!input.refusal.isEmpty())
         return Error(ErrorCode::InvalidArgument,
                      translated("\"%1\" cannot be packed: %2").arg(input.path, input.refusal));
@@ -239,7 +237,14 @@ Result<VonkMetadata> VonkPacker::pack(const PackInput& input, const QString& tar
     auto source = PackSource::list(input);
     ORX_RETURN_ON_ERROR(source.error());
     ORX_RETURN_ON_ERROR(checkChunkCount(source->entries(), input.path));
-    auto staged = StagedFile::create(target, largestPacked(source->entries()), watch);
+    return source;
+}
+
+Result<VonkMetadata> packInto(const PackInput& input, const QString& target, const WorkWatch& watch,
+                              const std::shared_ptr<DiskRoom>& room) {
+    auto source = listed(input, target);
+    ORX_RETURN_ON_ERROR(source.error());
+    auto staged = StagedFile::create(target, largestPacked(source->entries()), room);
     ORX_RETURN_ON_ERROR(staged.error());
     SummaryThread summary(input.summarise);
     Packing packing(input, std::move(*source), *staged, watch);
@@ -251,6 +256,22 @@ Result<VonkMetadata> VonkPacker::pack(const PackInput& input, const QString& tar
     ORX_RETURN_ON_ERROR(watch.check());
     ORX_RETURN_ON_ERROR(staged->commit());
     return metadata;
+}
+
+} // namespace
+
+Result<VonkMetadata> VonkPacker::pack(const PackInput& input, const QString& target, const WorkWatch& watch,
+                                      const std::shared_ptr<DiskRoom>& room) {
+    auto metadata = packInto(input, target, watch, room);
+    if (room && metadata.hasError())
+        room->release();
+    return metadata;
+}
+
+Result<qint64> VonkPacker::mostBytes(const PackInput& input, const QString& target) {
+    const auto source = listed(input, target);
+    ORX_RETURN_ON_ERROR(source.error());
+    return largestPacked(source->entries());
 }
 
 } // namespace orx::vonk

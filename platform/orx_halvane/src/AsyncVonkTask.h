@@ -6,10 +6,20 @@
 #include <PathImpl.h>
 #include <VonkTask.h>
 
+#include <memory>
+
 namespace orx {
+
+namespace vonk {
+class DiskRoom;
+struct RoomWish;
+} // namespace vonk
 
 //! Packs an acquisition into a packed acquisition file, on a worker unless its execution mode is changed. The
 //! file appears complete and durable or not at all; what exists is never replaced. Errors: see VonkPacker.
+//!
+//! Packings on workers that are too large together for the file system of their targets take turns, first
+//! come, first served; who waits keeps no worker. StorageFull is for what would not fit by itself either.
 class ORX_HALVANE_EXPORT AsyncVonkTask final : public vonk::VonkTask {
     Q_OBJECT
 public:
@@ -17,13 +27,29 @@ public:
                   QObject* parent = nullptr);
     ~AsyncVonkTask() override;
 
+    //! The file is removed soon after it was used, and room() kept until then; others wait for that. False at
+    //! first; has an effect only before exec().
+    void setTargetTemporary(bool isTemporary) { m_isTargetTemporary = isTemporary; }
+    //! What the file takes on the disk; null before the packing begins.
+    std::shared_ptr<vonk::DiskRoom> room() const { return m_room; }
+
 protected:
+    void start() override;
+    void doCancel() override;
+    Error doFinish() override;
     Error work(const vonk::WorkWatch& watch) override;
     void discard() override;
 
 private:
+    void askForRoom();
+    void begin(const Result<std::shared_ptr<vonk::DiskRoom>>& room);
+
     vonk::PackInput m_input;
     QString m_target;
+    bool m_isTargetTemporary = false;
+    //! While it waits for room.
+    std::shared_ptr<vonk::RoomWish> m_wish;
+    std::shared_ptr<vonk::DiskRoom> m_room;
 };
 
 } // namespace orx

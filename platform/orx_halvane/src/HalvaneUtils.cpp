@@ -41,11 +41,13 @@ void unpack(const vonk::Vonk& source, const QString& target, const std::shared_p
 
 } // namespace
 
-Error HalvaneUtils::unpackAsync(const QString& sourcePath, const PathImpl<PathType::Unknown>& targetPath) {
+Error HalvaneUtils::unpackAsync(const QString& sourcePath, const PathImpl<PathType::Unknown>& targetPath,
+                                const std::shared_ptr<const void>& held) {
     const auto source = std::make_shared<vonk::Vonk>(sourcePath);
     ORX_RETURN_ON_ERROR(source->open());
     ORX_RETURN_ON_ERROR(source->validate());
-    WorkerPool::instance().submit([source, target = targetPath.toString(),
+    // The source is closed before what is held is let go: captures are destroyed in the opposite order.
+    WorkerPool::instance().submit([held, source, target = targetPath.toString(),
                                    work = BackgroundWork::begin()] { unpack(*source, target, work); },
                                   nullptr, {});
     return {};

@@ -5,6 +5,8 @@
 #include <PathImpl.h>
 #include <Result.h>
 
+#include <memory>
+
 namespace orx {
 
 class ORX_HALVANE_EXPORT HalvaneUtils {
@@ -16,7 +18,10 @@ public:
     //! and the directory appears complete and durable or not at all; how it ended is told to the
     //! BackgroundWork::Scope that the call was made in (a cache entry's writer, for instance), and logged
     //! when it failed. Thread: any.
-    static Error unpackAsync(const QString& sourcePath, const PathImpl<PathType::Unknown>& targetPath);
+    //!
+    //! \a held is kept until the unpacking has ended: removed or not, the file takes its room until then.
+    static Error unpackAsync(const QString& sourcePath, const PathImpl<PathType::Unknown>& targetPath,
+                             const std::shared_ptr<const void>& held = nullptr);
 };
 
 } // namespace orx

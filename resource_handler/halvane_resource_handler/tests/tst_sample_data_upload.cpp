@@ -1,12 +1,18 @@
 // Raw sample data goes up as a packed acquisition, made in a temporary directory.
+#include "SmallDisk.h"
 #include "UploadFixture.h"
 
+#include <DiskRoom.h>
+#include <GroupTask.h>
 #include <HalvaneConnection.h>
 #include <Vonk.h>
+#include <VonkPacker.h>
+#include <WorkerPool.h>
 #include <tasks/HalvaneSampleDataUploadTask.h>
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QEventLoop>
 
 namespace orx::testing {
 namespace {
@@ -197,6 +203,79 @@ TEST_F(SampleDataUpload, TheInnerUploadHasThePolicyOptions) {
     ASSERT_TRUE(task.uploadedFile().has_value());
     EXPECT_EQ(task.uploadedFile()->reference().fileId, 7);
     EXPECT_EQ(task.uploadedFile()->reference().version, 2);
+}
+
+//! Several that go up side by side from a temporary directory that has room for one.
+class SampleDataUploads : public SampleDataUpload {
+protected:
+    SampleDataUploads() {
+        mostBytes = *vonk::VonkPacker::mostBytes(vonk::PackInput::fromMs(raw), raw + QStringLiteral(".vonk"));
+    }
+    std::unique_ptr<HalvaneSampleDataUploadTask> upload(const QString& name) const {
+        HalvaneFileUploadParameters parameters = uploadOf(raw);
+        parameters.targetFileName = name;
+        return std::make_unique<HalvaneSampleDataUploadTask>(parameters, nullptr);
+    }
+    //! In an event loop, in which what has ended is deleted.
+    static Error runInLoop(BaseTask& task) {
+        QEventLoop loop;
+        QObject::connect(&task, &BaseTask::finished, &loop, &QEventLoop::quit);
+        QMetaObject::invokeMethod(
+            &task, [&task] { task.exec(); }, Qt::QueuedConnection);
+        loop.exec();
+        return task.error();
+    }
+    SmallDisk diskOf(qint64 bytes) const {
+        return SmallDisk(filePath(QStringLiteral("temporary")).toStdString(), bytes);
+    }
+
+    qint64 mostBytes = 0;
+};
+
+TEST_F(SampleDataUploads, ThatDoNotFitTogetherArriveOneAfterTheOther) {
+    const SmallDisk disk = diskOf(mostBytes + 100);
+    GroupTask group;
+    for (const char* const name : {"run1", "run2", "run3"})
+        group.addTask(upload(QString::fromLatin1(name)));
+    EXPECT_FALSE(runInLoop(group).hasError()) << qPrintable(group.error().traceText());
+    EXPECT_EQ(server.service().files().size(), 3);
+}
+
+TEST_F(SampleDataUploads, ThatWaitForRoomKeepNoWorkerAndEndAtOnce) {
+    const SmallDisk disk = diskOf(mostBytes + 100);
+    const auto held = vonk::DiskRoom::take(filePath(QStringLiteral("temporary")), 200, raw);
+    ASSERT_FALSE(held.hasError());
+    std::vector<std::unique_ptr<HalvaneSampleDataUploadTask>> waiting;
+    for (int i = 0; i < 2 * WorkerPool::instance().threadCount(); ++i) {
+        waiting.push_back(upload(QStringLiteral("run%1").arg(i)));
+        waiting.back()->exec();
+    }
+    HalvaneFileUploadTask plain(uploadOf(makeFile(QStringLiteral("a.txt"))), nullptr);
+    EXPECT_FALSE(run(plain).hasError());
+    EXPECT_EQ(server.service().files().size(), 1);
+    waiting.front()->cancel();
+    EXPECT_TRUE(waiting.front()->isFinished());
+    EXPECT_TRUE(waiting.front()->error().isCanceled());
+    waiting.clear();
+    EXPECT_EQ(temporaryDirCount(), 0);
+    (*held)->release();
+    const auto last = upload(QStringLiteral("last"));
+    EXPECT_FALSE(run(*last).hasError()) << "nothing is left of those that waited";
+}
+
+TEST_F(SampleDataUploads, ThatWouldNotFitAloneFailAtOnce) {
+    const SmallDisk disk = diskOf(mostBytes - 1);
+    const auto task = upload(QStringLiteral("run1"));
+    EXPECT_TRUE(run(*task).is(ErrorCode::StorageFull));
+}
+
+// Outside of an event loop nothing that has ended is deleted before the wait is over.
+TEST_F(SampleDataUploads, ThatAreKeptAreNotWaitedFor) {
+    const SmallDisk disk = diskOf(mostBytes + 100);
+    const auto first = upload(QStringLiteral("run1"));
+    EXPECT_FALSE(run(*first).hasError());
+    const auto second = upload(QStringLiteral("run2"));
+    EXPECT_TRUE(run(*second).is(ErrorCode::StorageFull));
 }
 
 // The worker is anywhere: before its file is there, while it writes it, or when it is through.

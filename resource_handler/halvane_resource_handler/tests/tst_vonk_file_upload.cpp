@@ -298,8 +298,10 @@ TEST_F(VonkFileUpload, AnUpgradedCopyThatCannotBeOpenedForTheUploadEndsTheTask) 
     HalvaneVonkFileUploadTask task(uploadOf(packedFile(1)), nullptr);
     const Error error = run(task);
     EXPECT_FALSE(disk.failed().empty());
-    EXPECT_TRUE(error.hasError());
-    EXPECT_TRUE(error.errorMessage().contains(temporary)) << qPrintable(error.errorMessage());
+    EXPECT_EQ(error.code(), 4);
+    EXPECT_TRUE(task.parameters().localPath.startsWith(temporary));
+    EXPECT_EQ(error.errorMessage(),
+              QStringLiteral("Could not read file \"%1\".").arg(task.parameters().localPath));
     EXPECT_TRUE(server.log().isEmpty());
     EXPECT_FALSE(task.uploadedFile().has_value());
 }

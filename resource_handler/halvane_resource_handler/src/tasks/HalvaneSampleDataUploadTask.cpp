@@ -3,11 +3,13 @@
 #include "HalvaneVonkFileUploadTask.h"
 
 #include <AsyncVonkTask.h>
+#include <DiskRoom.h>
 #include <FileTypes.h>
 #include <HalvaneConnection.h>
 #include <PackInput.h>
 
 #include <QTemporaryDir>
+#include <QTimer>
 
 namespace orx {
 namespace {
@@ -31,8 +33,11 @@ public:
     void appendAsyncVonkTask(const QString& path, const QString& vonkPath);
     void onPacked(const QString& vonkPath);
     void appendVonkFileUploadTask(const HalvaneFileUploadParameters& upload);
+    void onIdle();
 
     const HalvaneFileUploadParameters parameters;
+    //! What the packed file takes there; goes after it.
+    std::shared_ptr<vonk::DiskRoom> room;
     const std::unique_ptr<QTemporaryDir> tempDir;
     const int maxProgress;
     int currentProgress = 0;
@@ -46,6 +51,7 @@ HalvaneSampleDataUploadTask::HalvaneSampleDataUploadTask(const HalvaneFileUpload
     , d(std::make_unique<Private>(parameters, this)) {
     QMetaObject::invokeMethod(
         this, [this] { Q_EMIT progressInitiated(d->maxProgress); }, Qt::QueuedConnection);
+    connect(this, &BaseTask::idle, this, [this] { d->onIdle(); });
     setCachedOnFinished(false);
 }
 
@@ -82,9 +88,12 @@ Error HalvaneSampleDataUploadTask::Private::createLocalVonk(const QString& path)
 }
 
 void HalvaneSampleDataUploadTask::Private::appendAsyncVonkTask(const QString& path, const QString& vonkPath) {
-    q->execSubtask(
-        std::make_unique<AsyncVonkTask>(vonk::PackInput::fromMs(path), FilePath(vonkPath), nullptr),
-        [this, vonkPath](AsyncVonkTask*) { onPacked(vonkPath); });
+    auto task = std::make_unique<AsyncVonkTask>(vonk::PackInput::fromMs(path), FilePath(vonkPath), nullptr);
+    task->setTargetTemporary(true);
+    q->execSubtask(std::move(task), [this, vonkPath](AsyncVonkTask* packing) {
+        room = packing->room();
+        onPacked(vonkPath);
+    });
 }
 
 void HalvaneSampleDataUploadTask::Private::onPacked(const QString& vonkPath) {
@@ -100,6 +109,7 @@ void HalvaneSampleDataUploadTask::Private::onPacked(const QString& vonkPath) {
 void HalvaneSampleDataUploadTask::Private::appendVonkFileUploadTask(
     const HalvaneFileUploadParameters& upload) {
     auto task = std::make_unique<HalvaneVonkFileUploadTask>(upload, nullptr);
+    task->setHeld(room);
     const double scale = double(maxProgress) / double(task->maxProgress());
     connect(task.get(), &BaseTask::progress, q, [this, scale, inner = task.get()] {
         currentProgress = int(inner->currentProgress() * scale);
@@ -107,6 +117,18 @@ void HalvaneSampleDataUploadTask::Private::appendVonkFileUploadTask(
     });
     q->execSubtask(std::move(task),
                    [this](HalvaneVonkFileUploadTask* inner) { q->setUploadedFile(inner->uploadedFile()); });
+}
+
+//! Whoever keeps the finished task keeps the packed file, and nobody is to wait for that. A group deletes it
+//! before a timer fires; in a wait outside of an event loop it is not deleted before the end of that.
+void HalvaneSampleDataUploadTask::Private::onIdle() {
+    auto* const timer = new QTimer(q);
+    timer->setSingleShot(true);
+    connect(timer, &QTimer::timeout, q, [this] {
+        if (room)
+            room->release();
+    });
+    timer->start(0);
 }
 
 } // namespace orx

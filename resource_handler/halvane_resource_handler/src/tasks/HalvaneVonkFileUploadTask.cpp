@@ -40,10 +40,11 @@ Result<QString> doPerformSilentUpgrade(const QString& path, const QTemporaryDir*
     return target;
 }
 
-Error unpackToExpectedPath(const ResourceHandler& handler, const QString& path) {
+Error unpackToExpectedPath(const ResourceHandler& handler, const QString& path,
+                           const std::shared_ptr<const void>& held) {
     const auto place = handler.expectedPath();
     ORX_RETURN_ON_ERROR(place.error());
-    ORX_RETURN_ON_ERROR(HalvaneUtils::unpackAsync(path, *place));
+    ORX_RETURN_ON_ERROR(HalvaneUtils::unpackAsync(path, *place, held));
     return Error();
 }
 
@@ -107,8 +108,8 @@ Error HalvaneVonkFileUploadTask::upgrade(HalvaneFileUploadParameters upload) {
 
 Error HalvaneVonkFileUploadTask::addToCache(const QSharedPointer<RemoteResourceHandler>& handler) {
     const QString path = parameters().localPath;
-    ORX_RETURN_ON_ERROR(
-        handler->addToCache([handler, path]() -> Error { return unpackToExpectedPath(*handler, path); }));
+    ORX_RETURN_ON_ERROR(handler->addToCache(
+        [handler, path, held = m_held]() -> Error { return unpackToExpectedPath(*handler, path, held); }));
     return Error();
 }
 

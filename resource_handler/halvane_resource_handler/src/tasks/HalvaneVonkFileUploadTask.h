@@ -28,6 +28,9 @@ public:
     static bool performSilentUpgradeDefault();
     static void setPerformSilentUpgradeDefault(bool perform);
 
+    //! Kept as long as the task, and until the cache entry has been made of the file.
+    void setHeld(const std::shared_ptr<const void>& held) { m_held = held; }
+
 protected:
     Error initialize() override;
     Error addToCache(const QSharedPointer<RemoteResourceHandler>& handler) override;
@@ -41,6 +44,7 @@ private:
     QJsonObject m_vonkMetadataJson;
     bool m_performSilentUpgrade = s_performSilentUpgradeDefault;
     std::unique_ptr<QTemporaryDir> m_tempDir;
+    std::shared_ptr<const void> m_held;
 };
 
 } // namespace orx
