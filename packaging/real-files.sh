@@ -2,13 +2,14 @@
 # usage: real-files.sh DIRECTORY PACKAGE...: brings real acquisition files that are not part of this repository from Debian's
 # packages into DIRECTORY/PACKAGE, each with its copyright. What is there and complete stays; what comes is checked against
 # real-files.sha256 and appears complete or not at all. The packages are not installed; their archives are kept in the user's
-# cache, so that a fresh clone needs no network.
+# cache, so that a fresh clone needs no network; who has no home directory keeps none.
 set -euo pipefail
 
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 to=$(realpath -m -- "$1")
 shift
-archives=${XDG_CACHE_HOME:-${HOME:-/nonexistent}/.cache}/halvane-real-files
+archives=${XDG_CACHE_HOME:-${HOME:+$HOME/.cache}}
+archives=${archives:+$archives/halvane-real-files}
 work=
 
 fail() { printf 'real-files: %s\n' "$*" >&2; exit 1; }
@@ -60,13 +61,13 @@ install_from() {
 bring() {
   local package=$1 kept
   for kept in "$archives/$package"_*.deb; do
-    [ ! -e "$kept" ] || ! install_from "$package" "$kept" >"$work/log" 2>&1 || return 0
+    [ -z "$archives" ] || [ ! -e "$kept" ] || ! install_from "$package" "$kept" >"$work/log" 2>&1 || return 0
   done
   download "$package" >"$work/log" 2>&1 ||
     { cat "$work/log" >&2; fail "Debian's package $package could not be downloaded. Is there a network, and does 'apt-get download $package' work?"; }
   install_from "$package" "$work/$package"_*.deb >"$work/log" 2>&1 ||
     { cat "$work/log" >&2; fail "The files of $(basename "$work/$package"_*.deb) are not those that the tests know the figures of (packaging/real-files.sha256)."; }
-  mkdir -p "$archives" && mv -f -- "$work/$package"_*.deb "$archives/" || echo "real-files: $package is not kept in $archives." >&2
+  [ -z "$archives" ] || { mkdir -p "$archives" && mv -f -- "$work/$package"_*.deb "$archives/"; } || echo "real-files: $package is not kept in $archives." >&2
 }
 
 exec 9<"$here/real-files.sh"
