@@ -74,6 +74,16 @@ TEST_F(MergeMounts, AFileMountedInItIsRefused) {
     EXPECT_EQ(get("place/run/acqu"), "old");
 }
 
+TEST_F(MergeMounts, ItMayLieBehindALinkToAnotherVolume) {
+    const auto volume = MountedVolume::tmpfs(8);
+    ASSERT_TRUE(volume);
+    ASSERT_TRUE(QFile::link(volume->path(), at("link")));
+    put("link/run/acqu", "old");
+    const Error error = DirectoryMerge::run(at("new"), at("link/run"), {});
+    EXPECT_FALSE(error.hasError()) << qPrintable(error.errorMessage());
+    EXPECT_EQ(get("link/run/acqu"), "new");
+}
+
 TEST_F(MergeMounts, OutsideOfItAnythingMayBeMounted) {
     const auto volume = MountedVolume::bind(at("place"), at("place"));
     ASSERT_TRUE(volume);

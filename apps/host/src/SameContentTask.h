@@ -45,8 +45,8 @@ public:
     const std::optional<RemoteItem>& same() const { return m_same; }
     //! The file that has the name.
     const RemoteItem& existing() const { return m_existing; }
-    //! What lies beside it and goes up under the same name, when nothing has the content: existing() may be
-    //! that one's. Empty for nothing.
+    //! What lies beside it and would go up under the same name, when nothing has the content: existing() may
+    //! be that one's. Empty for nothing.
     const QString& rival() const { return m_rival; }
 
 protected:

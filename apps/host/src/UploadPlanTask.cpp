@@ -185,7 +185,7 @@ bool UploadPlanTask::planFileIn(const LocalEntry& entry, int folderId) {
 }
 
 void UploadPlanTask::onCompared(const LocalEntry& entry, const SameContentTask& task) {
-    const bool isDoubtful = m_options.ifTaken == IfTaken::NewVersion && !task.rival().isEmpty();
+    const bool isDoubtful = m_options.ifTaken == IfTaken::NewVersion && m_options.goesUp(task.rival());
     const Action action = isDoubtful ? Action::Fail : actionOf(m_options);
     if (task.same())
         plan(entry, Action::Unchanged, *task.same());

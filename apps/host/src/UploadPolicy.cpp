@@ -1,7 +1,13 @@
 #include "UploadPolicy.h"
 
+#include "LocalTree.h"
+
+#include <UploadFileInputValidation.h>
+
+#include <QFileInfo>
 #include <QPointer>
 
+#include <algorithm>
 #include <utility>
 
 namespace halvane::host {
@@ -35,9 +41,19 @@ UploadPolicy::Options UploadPolicy::optionsOf(const TreeUploadRequest& request, 
     options.ifTaken = request.ifTaken;
     options.canAsk = canAsk;
     options.keepGoing = request.keepGoing;
+    for (const QString& path : request.paths)
+        options.sources.append(LocalTree::sourceOf(path));
     if (request.onlyMissing)
         options.known = known;
     return options;
+}
+
+bool UploadPolicy::Options::goesUp(const QString& localPath) const {
+    const bool isBelow = std::any_of(sources.cbegin(), sources.cend(), [&](const QString& source) {
+        return localPath.startsWith(source.endsWith(u'/') ? source : source + u'/');
+    });
+    return sources.contains(localPath) ||
+           (isBelow && orx::UploadFileInputValidation::validUploadPath(QFileInfo(localPath)));
 }
 
 std::optional<KnownContent> UploadPolicy::Options::knownOf(const QString& localPath) const {
@@ -93,7 +109,7 @@ void UploadPolicy::onCompared(const DuplicateUploadPolicyRequestPtr& request, co
         return request->answer(DuplicateUploadAnswer::Cancel);
     if (task.hasError())
         return fail(request, task.error());
-    if (!task.same() && m_options.ifTaken == IfTaken::NewVersion && !task.rival().isEmpty())
+    if (!task.same() && m_options.ifTaken == IfTaken::NewVersion && m_options.goesUp(task.rival()))
         return fail(request, rivalry(request->input().localPath, task));
     if (!task.same())
         return decideByOption(request, task.existing());

@@ -8,6 +8,7 @@
 #include <TasksQueue.h>
 
 #include <QHash>
+#include <QStringList>
 
 #include <memory>
 #include <optional>
@@ -28,7 +29,11 @@ public:
         bool keepGoing = false;
         //! What needs not be read again unless it was touched.
         KnownContents::ByPath known;
+        //! The paths that go up, absolute.
+        QStringList sources;
 
+        //! Whether the run takes what lies there, by its name and its place.
+        bool goesUp(const QString& localPath) const;
         std::optional<KnownContent> knownOf(const QString& localPath) const;
     };
 

@@ -52,7 +52,11 @@ protected:
                          });
     }
     void make(IfTaken ifTaken, bool keepGoing = false, bool canAsk = false) {
+        make(ifTaken, {QFileInfo(filePath(QStringLiteral("."))).absolutePath()}, keepGoing, canAsk);
+    }
+    void make(IfTaken ifTaken, const QStringList& sources, bool keepGoing = false, bool canAsk = false) {
         UploadPolicy::Options options;
+        options.sources = sources;
         options.ifTaken = ifTaken;
         options.keepGoing = keepGoing;
         options.canAsk = canAsk;
@@ -188,11 +192,30 @@ TEST_F(Policy, OfTwoThatGoUpUnderOneNameNoneBecomesAVersionOfTheOther) {
     EXPECT_TRUE(failures.first().is(ErrorCode::AlreadyExists));
     for (const char* part : {"run.mgf.vonk\"", "run.mgf\"", "file:", "keep-both"})
         EXPECT_TRUE(failures.first().errorMessage().contains(QLatin1String(part))) << part;
+    make(IfTaken::NewVersion, {packed});
+    EXPECT_EQ(ask(packed), QStringLiteral("new version")) << "the other one does not go up";
     make(IfTaken::KeepBoth);
     EXPECT_NE(ask(packed), QStringLiteral("left out"));
     make(IfTaken::Skip);
     EXPECT_EQ(ask(packed), QStringLiteral("left out"));
     EXPECT_EQ(told, list("skipped run.mgf.vonk"));
+}
+
+TEST_F(Policy, WhatGoesUpIsNamedOrLiesBelowAndIsTakenByTheRules) {
+    TreeUploadRequest request;
+    ASSERT_TRUE(QDir().mkpath(filePath(QStringLiteral("tree"))));
+    request.paths = {QFileInfo(makeFile(QStringLiteral("tree/run"), "a")).path() + u'/',
+                     makeFile(QStringLiteral(".named"), "b")};
+    const UploadPolicy::Options options = UploadPolicy::optionsOf(request, true, {});
+    const auto goesUp = [&](const char* name) { return options.goesUp(filePath(QString::fromLatin1(name))); };
+    EXPECT_TRUE(goesUp("tree/run"));
+    EXPECT_TRUE(goesUp(".named")) << "by its name, whatever the rules say";
+    (void)makeFile(QStringLiteral("tree/.hidden"), "c");
+    (void)makeFile(QStringLiteral("trees"), "d");
+    EXPECT_FALSE(goesUp("tree/.hidden"));
+    EXPECT_FALSE(goesUp("trees")) << "lies beside it";
+    EXPECT_FALSE(goesUp("tree/gone"));
+    EXPECT_FALSE(options.goesUp(QString()));
 }
 
 TEST_F(Policy, WhatIsKnownIsNotReadUnlessItWasTouched) {

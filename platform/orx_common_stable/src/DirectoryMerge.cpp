@@ -187,7 +187,8 @@ private:
     Error checkNoMounts() {
         const QByteArray parent = QFile::encodeName(QFileInfo(QFile::decodeName(m_target)).path());
         struct stat info = {};
-        if (::lstat(parent.constData(), &info) != 0)
+        // The parent may well be named by a link to another volume.
+        if (::stat(parent.constData(), &info) != 0)
             return failure("Could not look at \"%1\"", parent);
         return checkNoMounts(m_target, info.st_dev);
     }

@@ -324,12 +324,15 @@ TEST_F(FileCopyTest, AFileThatTakesNoPlaceIsGone) {
 }
 
 TEST_F(FileCopyTest, SmallFilesCostFewCalls) {
-    const char* const place = knowsUnnamed() ? "link" : "rename";
+    // Where all files have names one without is tried first.
+    QList<QByteArray> expected = {"make", "copy", "flush", "link", "flush"};
+    if (!knowsUnnamed())
+        expected = {"make", "make", "copy", "flush", "rename", "flush"};
     put(source(), "small");
     QList<QByteArray> calls;
     onChange = [&calls](const char* call) { calls << call; };
     ASSERT_FALSE(copy(FileCopy::IfExists::Fail).hasError());
-    EXPECT_EQ(calls, (QList<QByteArray>{"make", "copy", "flush", place, "flush"})) << "file and directory";
+    EXPECT_EQ(calls, expected) << "file and directory";
 }
 
 } // namespace
