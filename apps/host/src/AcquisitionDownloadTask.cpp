@@ -201,24 +201,23 @@ QStringList AcquisitionDownloadTask::makers() const {
 void AcquisitionDownloadTask::look(const Next& next) {
     m_seenMakers = makers();
     const auto parts = std::make_shared<QList<Part>>(m_parts);
-    execSubtask(
-        workerStep(QStringLiteral("LookAtTarget"),
-                   [parts, directory = m_wanted.directory,
-                    isAsked = m_answerer.policy() == IfExists::Ask]() -> Error {
-                       for (Part& part : *parts) {
-                           const QFileInfo target(directory + u'/' + part.as);
-                           part.stamp = isAsked ? stampOfPlace(target.filePath()) : QByteArray();
-                           part.isThere = isThere(target);
-                           part.isSame = false;
-                           part.problem =
-                               part.isDirectory ? checkDirectoryPlace(target) : checkFilePlace(target);
-                       }
-                       return {};
-                   }),
-        [this, parts, next](BaseTask*) {
-            m_parts = *parts;
-            compareParts(0, next);
-        });
+    execSubtask(workerStep(QStringLiteral("LookAtTarget"),
+                           [parts, directory = m_wanted.directory,
+                            isAsked = m_answerer.policy() == IfExists::Ask]() -> Error {
+                               for (Part& part : *parts) {
+                                   const QFileInfo target(directory + u'/' + part.as);
+                                   part.stamp = isAsked ? stampOfPlace(target.filePath()) : QByteArray();
+                                   part.isThere = isThere(target);
+                                   part.isSame = false;
+                                   part.problem = part.isDirectory ? checkDirectoryPlace(target)
+                                                                   : checkFilePlace(target);
+                               }
+                               return {};
+                           }),
+                [this, parts, next](BaseTask*) {
+                    m_parts = *parts;
+                    compareParts(0, next);
+                });
 }
 
 void AcquisitionDownloadTask::compareParts(qsizetype from, const Next& next) {
