@@ -269,7 +269,8 @@ TEST_F(PutFailing, ANameThatTheServerRefusesFailsAlone) {
     const Outcome outcome = put({"2026", "--to", "/raw", "--keep-going"});
     EXPECT_EQ(outcome.exitCode, 14) << outcome.err.constData();
     EXPECT_EQ(failures(outcome, "2026"), (Outcomes{{"b\x01.txt", "InvalidName"}, {"c\x01", "InvalidName"}}));
-    EXPECT_EQ(leftOut(outcome, "2026"), (Outcomes{{"c\x01/d.txt", "not_tried"}, {"c\x01/empty", "not_tried"}}));
+    EXPECT_EQ(leftOut(outcome, "2026"),
+              (Outcomes{{"c\x01/d.txt", "not_tried"}, {"c\x01/empty", "not_tried"}}));
     EXPECT_EQ(ofType(outcome, "folder").first()["uploaded"], 5);
     EXPECT_EQ(ofType(outcome, "folder").first()["unexplained"], 0);
 }

@@ -32,19 +32,28 @@ void note(const QString& call) {
     calls.append(call);
 }
 
-//! Names that were made up are told apart from those that stay by their dot alone.
+const QString hidden = QStringLiteral("hidden");
+
+//! Names that were made up are told apart from those that stay by their dot alone; a file that never had one
+//! is as hidden as they are.
 QString shown(const QString& path) {
     const QString name = QFileInfo(path).fileName();
-    return name.startsWith(u'.') ? QStringLiteral("hidden") : name;
+    return name.startsWith(u'.') || name.endsWith(QStringLiteral(" (deleted)")) ? hidden : name;
+}
+
+QString shownOf(int descriptor) {
+    return shown(QFileInfo(QStringLiteral("/proc/self/fd/%1").arg(descriptor)).symLinkTarget());
 }
 
 void noteFlush(int descriptor) {
-    note(QStringLiteral("flush ") +
-         shown(QFileInfo(QStringLiteral("/proc/self/fd/%1").arg(descriptor)).symLinkTarget()));
+    note(QStringLiteral("flush ") + shownOf(descriptor));
 }
 
-void noteRename(const char* from, const char* to) {
-    note(QStringLiteral("rename %1 to %2").arg(shown(QFile::decodeName(from)), shown(QFile::decodeName(to))));
+//! What goes from one hidden name to another is not seen by anybody, and neither is what failed.
+int noted(long result, const QString& from, const QString& to) {
+    if (result == 0 && to != hidden)
+        note(QStringLiteral("name %1 as %2").arg(from, to));
+    return int(result);
 }
 
 } // namespace
@@ -63,8 +72,21 @@ extern "C" int fdatasync(int descriptor) {
 }
 
 extern "C" int renameat2(int from, const char* oldName, int to, const char* newName, unsigned int flags) {
-    noteRename(oldName, newName);
-    return int(::syscall(SYS_renameat2, from, oldName, to, newName, flags));
+    return noted(::syscall(SYS_renameat2, from, oldName, to, newName, flags),
+                 shown(QFile::decodeName(oldName)), shown(QFile::decodeName(newName)));
+}
+
+extern "C" int linkat(int from, const char* oldName, int to, const char* newName, int flags) {
+    const QByteArray name(oldName);
+    constexpr QByteArrayView ownDescriptor("/proc/self/fd/");
+    return noted(::syscall(SYS_linkat, from, oldName, to, newName, flags),
+                 name.startsWith(ownDescriptor) ? shownOf(name.sliced(ownDescriptor.size()).toInt())
+                                                : shown(QFile::decodeName(oldName)),
+                 shown(QFile::decodeName(newName)));
+}
+
+extern "C" int link(const char* oldName, const char* newName) {
+    return linkat(AT_FDCWD, oldName, AT_FDCWD, newName, 0);
 }
 
 extern "C" int renameat(int from, const char* oldName, int to, const char* newName) {
@@ -104,7 +126,7 @@ protected:
         return calls;
     }
 
-    const QStringList oneFile{text("flush hidden"), text("rename hidden to run"), text("flush out")};
+    const QStringList oneFile{text("flush hidden"), text("name hidden as run"), text("flush out")};
     QTemporaryDir dir;
 };
 
@@ -135,8 +157,8 @@ TEST_F(DownloadDurability, ADirectoryThatIsNotedIsFlushedOnceForAllThatCameIntoI
     const auto copy = [this](const char* name) {
         return FileUtils::tryCopyFile(at("source/run"), at("out/") + text(name), Policy::Refuse);
     };
-    const QStringList noted{text("flush hidden"), text("rename hidden to a"), text("flush hidden"),
-                            text("rename hidden to b")};
+    const QStringList noted{text("flush hidden"), text("name hidden as a"), text("flush hidden"),
+                            text("name hidden as b")};
     EXPECT_EQ(callsOf([&]() -> Error {
                   const DirectoryFlushes::Scope scope(flushes);
                   ORX_RETURN_ON_ERROR(copy("a"));
@@ -223,7 +245,7 @@ TEST_F(DownloadDurability, TheDirectoriesOfAMissingTargetAreFlushedToo) {
             nullptr);
     });
     EXPECT_EQ(done, (QStringList{text("flush out"), text("flush new"), text("flush hidden"),
-                                 text("rename hidden to run"), text("flush deep")}));
+                                 text("name hidden as run"), text("flush deep")}));
 }
 
 TEST_F(DownloadDurability, ADirectoryGetsItsNameWhenEverythingInItIsOnTheDisk) {
@@ -235,7 +257,7 @@ TEST_F(DownloadDurability, ADirectoryGetsItsNameWhenEverythingInItIsOnTheDisk) {
             Options(Options::RecursionPolicy::Recursive, Options::DuplicateFilesPolicy::Refuse), {}, {},
             nullptr);
     });
-    EXPECT_EQ(done, (QStringList{text("flush inner"), text("flush hidden"), text("rename hidden to sub"),
+    EXPECT_EQ(done, (QStringList{text("flush inner"), text("flush hidden"), text("name hidden as sub"),
                                  text("flush out")}));
 }
 
