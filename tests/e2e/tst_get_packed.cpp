@@ -171,6 +171,44 @@ TEST_F(GetPacked, ThatOfAnotherServerAtTheSameAddressIsNoCopy) {
     EXPECT_EQ(Client::contentOf(QString::fromUtf8(copy).trimmed() + "/content/run.d/acqu"), "PARAMETERS");
 }
 
+TEST_F(GetPacked, ThatOfAnotherServerLeavesAPinnedCopyAsItIsUntilItReplacesIt) {
+    FaultProxy proxy("127.0.0.1", server.port());
+    const auto logInAt = [&](const RealServer& now) {
+        proxy.setTarget("127.0.0.1", now.port());
+        ASSERT_TRUE(client.login(QUrl(QString::fromStdString(proxy.url()))));
+    };
+    const QStringList pathOfCopy{"cache", "path", "/packed/run.d.vonk"};
+    const auto entry = [&] { return client.mustRun({"--json", "cache", "ls"}).object(); };
+    logInAt(server);
+    makeOut();
+    ASSERT_EQ(getRun().exitCode, 0);
+    client.mustRun({"cache", "pin", "/packed/run.d.vonk"});
+    RealServer second;
+    ASSERT_TRUE(second.start());
+    logInAt(second);
+    putRun("PARAMETERS");
+    // The first two tell what the packed file holds.
+    proxy.replaceReply({"GET", ".*/content", 2, -1}, 404, "text/plain", "gone");
+    EXPECT_NE(getRun({"--if-exists", "overwrite"}).exitCode, 0);
+    EXPECT_EQ(local("out/run.d/acqu"), "parameters");
+    proxy.clearRules();
+
+    logInAt(server);
+    const QString copy = QString::fromUtf8(client.mustRun(pathOfCopy).out).trimmed();
+    EXPECT_EQ(Client::contentOf(copy + "/content/run.d/acqu"), "parameters");
+    EXPECT_EQ(entry()["pinned"], true);
+    EXPECT_EQ(entry()["damaged"], false);
+
+    logInAt(second);
+    const Outcome replaced = getRun({"--if-exists", "overwrite"});
+    EXPECT_EQ(replaced.exitCode, 0) << replaced.err.constData();
+    EXPECT_THAT(replaced.err.toStdString(), HasSubstr("is pinned, and what this server has"));
+    EXPECT_EQ(local("out/run.d/acqu"), "PARAMETERS");
+    EXPECT_EQ(Client::contentOf(copy + "/content/run.d/acqu"), "PARAMETERS");
+    EXPECT_EQ(entry()["pinned"], true);
+    EXPECT_EQ(client.mustRun(pathOfCopy).exitCode, 0);
+}
+
 TEST_F(GetPacked, InAFolderItIsUnchangedToo) {
     ASSERT_EQ(get({"/packed", "--to", "out"}).exitCode, 0);
     expectRunAt("out/packed/run.d");

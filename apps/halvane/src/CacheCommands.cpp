@@ -8,8 +8,8 @@
 #include <HalvaneAcknowledgedContents.h>
 #include <HalvaneConnection.h>
 #include <HalvaneGetVonkMetadataTask.h>
-#include <PackedPaths.h>
 #include <RemoteResourceHandler.h>
+#include <UnpackedCheck.h>
 
 #include <QFileInfo>
 #include <QJsonArray>
@@ -73,13 +73,10 @@ int Runner::operator()(const CacheCommand& command) {
 }
 
 int Runner::withCopy(const CacheCommand& command) {
-    const auto resources = startResources();
-    if (resources.hasError())
-        return m_output.error(resources.error());
-    const auto named = resolveWithHandler(command.reference);
+    const auto named = open(command.reference);
     if (named.hasError())
         return m_output.error(named.error());
-    const auto& [item, handler] = named.value();
+    const auto& [resources, item, handler] = named.value();
     // What another server at the same address had by this number is no copy of it.
     orx::HalvaneAcknowledgedContents::record(orx::HalvaneConnection::instance().serverKey(), item.id,
                                              item.version, item.sha256.toLatin1());
@@ -136,13 +133,9 @@ Result<bool> Runner::isOfServer(const RemoteItem& item, const ResourceHandler& c
         return false;
     ORX_RETURN_ON_ERROR(error);
     const auto& remote = dynamic_cast<const orx::RemoteResourceHandler&>(copy);
-    auto left = remote.recordedChecksums();
-    ORX_RETURN_ON_ERROR(left.error());
-    for (const orx::vonk::VonkEntry& entry : task.metadata().entries)
-        if (entry.isFile() && left->take(entry.path) != QString::fromLatin1(entry.sha256))
-            return false;
-    return std::none_of(left->keyBegin(), left->keyEnd(),
-                        [](const QString& path) { return path.startsWith(orx::vonk::contentPrefix()); });
+    const auto recorded = remote.recordedChecksums();
+    ORX_RETURN_ON_ERROR(recorded.error());
+    return host::isRecordOf(*recorded, task.metadata().entries);
 }
 
 int Runner::withEntry(const CacheCommand& command, ResourceCache& cache) {

@@ -112,22 +112,21 @@ Result<RemoteItem> Runner::resolve(const QString& reference, Wanted wanted) {
     return task.item();
 }
 
-Result<Runner::Named> Runner::resolveWithHandler(const QString& reference, Wanted wanted) {
+Result<Runner::Named> Runner::open(const QString& reference, Wanted wanted) {
+    auto resources = startResources();
+    ORX_RETURN_ON_ERROR(resources.error());
     const auto item = resolve(reference, wanted);
     ORX_RETURN_ON_ERROR(item.error());
     const auto handler = host::handlerOf(item.value());
     ORX_RETURN_ON_ERROR(handler.error());
-    return Named{item.value(), handler.value()};
+    return Named{std::move(resources).value(), item.value(), handler.value()};
 }
 
 int Runner::operator()(const InfoCommand& command) {
-    const auto resources = startResources();
-    if (resources.hasError())
-        return m_output.error(resources.error());
-    const auto named = resolveWithHandler(command.reference);
+    const auto named = open(command.reference);
     if (named.hasError())
         return m_output.error(named.error());
-    const auto& [item, handler] = named.value();
+    const auto& [resources, item, handler] = named.value();
     const std::unique_ptr<orx::Task> task = handler->retrieveMetadataAsync();
     if (const Error error = run(*task); error.hasError())
         return m_output.error(error);
@@ -178,13 +177,10 @@ QList<QStringList> Runner::infoRows(const RemoteItem& item, const HalvaneResourc
 }
 
 int Runner::operator()(const SiblingsCommand& command) {
-    const auto resources = startResources();
-    if (resources.hasError())
-        return m_output.error(resources.error());
-    const auto named = resolveWithHandler(command.reference, Wanted::File);
+    const auto named = open(command.reference, Wanted::File);
     if (named.hasError())
         return m_output.error(named.error());
-    const auto& [item, handler] = named.value();
+    const auto& [resources, item, handler] = named.value();
     const auto task = handler->siblings();
     if (task.hasError())
         return m_output.error(task.error());

@@ -83,11 +83,14 @@ private:
     using Wanted = host::ResolveItemTask::Wanted;
     //! An item that a person named, and its handler.
     struct Named {
+        //! The first to come and the last to go.
+        std::unique_ptr<host::Resources> resources;
         host::RemoteItem item;
         QSharedPointer<orx::ResourceHandler> handler;
     };
     orx::Result<host::RemoteItem> resolve(const QString& reference, Wanted wanted = Wanted::Any);
-    orx::Result<Named> resolveWithHandler(const QString& reference, Wanted wanted = Wanted::Any);
+    //! Starts the resources, too.
+    orx::Result<Named> open(const QString& reference, Wanted wanted = Wanted::Any);
     QList<QStringList> infoRows(const host::RemoteItem& item,
                                 const orx::HalvaneResourceMetadata& metadata) const;
     void printSiblings(const QList<orx::ResourceReferenceSPtr>& siblings) const;

@@ -387,6 +387,8 @@ void AcquisitionDownloadTask::fetch() {
     const auto seen = orx::FileCopy::stampOf(cached->toString());
     if (seen.hasError())
         return fetchThroughCache();
+    if (const auto recorded = recordedChecksums(); recorded && !isRecordOf(*recorded, m_entries))
+        return replaceCopy();
     // Sizes and times of the entry may be right, and its bytes others.
     compareContent(contentOf(cached->toString()), [this, stamp = *seen](bool isSame) {
         if (isSame)
@@ -395,11 +397,29 @@ void AcquisitionDownloadTask::fetch() {
     });
 }
 
+Result<QHash<QString, QString>> AcquisitionDownloadTask::recordedChecksums() const {
+    const auto handler = m_handler.dynamicCast<orx::RemoteResourceHandler>();
+    return handler ? handler->recordedChecksums() : Error(ErrorCode::NotFound, QString());
+}
+
+// What another server at the same address had by this number is no copy, and not damaged either.
+void AcquisitionDownloadTask::replaceCopy() {
+    m_result.fromCache = false;
+    const auto policy = m_handler->cleanupPolicy();
+    m_replacesPinned = policy && *policy == orx::ResourceCleanupPolicy::Keep;
+    m_handler->overrideRetrieveMode(ResourceHandler::RetrieveMode::Refresh);
+    fetchThroughCache();
+}
+
 void AcquisitionDownloadTask::fetchThroughCache() {
     retrieve([this] { onRetrieved(); }, [this](const Error& error) { onNotRetrieved(error); });
 }
 
 void AcquisitionDownloadTask::onRetrieved() {
+    if (m_replacesPinned)
+        addWarning(QStringLiteral("\"%1\" in the cache is pinned, and what this server has by the number of "
+                                  "what was pinned has taken its place.")
+                       .arg(m_wanted.item.name));
     m_handler->overrideRetrieveMode(ResourceHandler::RetrieveMode::CacheFirst);
     const auto cached = m_handler->expectedPath();
     if (cached.hasError())

@@ -4,6 +4,8 @@
 
 #include <VonkMetadata.h>
 
+#include <QHash>
+
 namespace halvane::host {
 
 class UnpackedCheck;
@@ -87,6 +89,9 @@ private:
     void endAs(DownloadedFile::Outcome outcome);
 
     void fetch();
+    //! Of the unpacked copy in the cache, as they were when it came.
+    orx::Result<QHash<QString, QString>> recordedChecksums() const;
+    void replaceCopy();
     void fetchThroughCache();
     void onRetrieved();
     void onNotRetrieved(const orx::Error& error);
@@ -116,6 +121,8 @@ private:
     QString m_stagingDir;
     bool m_usesStaging = false;
     bool m_usesCache = true;
+    //! Another content that somebody pinned makes way.
+    bool m_replacesPinned = false;
     bool m_mayOverwrite = false;
     //! The makers as of the last look: what may be overwritten.
     QStringList m_seenMakers;

@@ -1,6 +1,7 @@
 #include "UnpackedCheck.h"
 
 #include <ContentCheck.h>
+#include <PackedPaths.h>
 
 #include <QFile>
 #include <QSet>
@@ -25,6 +26,14 @@ bool isFileOf(const QString& path, qint64 size) {
 }
 
 } // namespace
+
+bool isRecordOf(QHash<QString, QString> checksums, const QList<VonkEntry>& entries) {
+    for (const VonkEntry& entry : entries)
+        if (entry.isFile() && checksums.take(entry.path) != QString::fromLatin1(entry.sha256))
+            return false;
+    return std::none_of(checksums.keyBegin(), checksums.keyEnd(),
+                        [](const QString& path) { return path.startsWith(orx::vonk::contentPrefix()); });
+}
 
 UnpackedCheck::UnpackedCheck(const QString& path, const QList<VonkEntry>& entries)
     : m_path(path), m_entries(entries) {}

@@ -4,6 +4,8 @@
 
 #include <VonkMetadata.h>
 
+#include <QHash>
+
 #include <memory>
 #include <optional>
 
@@ -12,6 +14,11 @@ class ContentCheck;
 }
 
 namespace halvane::host {
+
+//! Whether the cache recorded \a checksums, by their paths in the unpacked copy of a packed acquisition, of a
+//! copy of the acquisition that holds \a entries: of these files and of no others.
+HALVANE_HOST_EXPORT bool isRecordOf(QHash<QString, QString> checksums,
+                                    const QList<orx::vonk::VonkEntry>& entries);
 
 //! Whether everything that one file or directory of a packed acquisition holds is at a path, with the same
 //! content. What else is in a directory there does not count, nor do times; links are not followed. Blocks on

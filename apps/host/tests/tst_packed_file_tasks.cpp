@@ -1,13 +1,7 @@
 #include "PackedFileTasks.h"
 
+#include "PackedRunFixture.h"
 #include "SmallWriter.h"
-
-#include <PackInput.h>
-#include <VonkPacker.h>
-
-#include <QDir>
-#include <QFile>
-#include <QTemporaryDir>
 
 #include <gtest/gtest.h>
 
@@ -18,36 +12,12 @@ using namespace halvane::host;
 using orx::BaseTask;
 using orx::ErrorCode;
 using orx::Task;
-using orx::vonk::PackInput;
-using orx::vonk::VonkPacker;
 
 namespace {
 
 // Directly, so that what happens meanwhile happens at the same step each time.
-class PackedFileTasks : public ::testing::Test {
+class PackedFileTasks : public PackedRunFixture {
 protected:
-    void SetUp() override {
-        ASSERT_TRUE(QDir(m_dir.path()).mkpath(QStringLiteral("in")));
-        ASSERT_TRUE(QDir(m_dir.path()).mkpath(QStringLiteral("out")));
-        write(QStringLiteral("in/run.main"), QByteArray(3 << 20, 'm'));
-        write(QStringLiteral("in/run.extra"), QByteArray(1 << 20, 'e'));
-        PackInput input;
-        input.path = path(QStringLiteral("in/run.main"));
-        input.companions = {path(QStringLiteral("in/run.extra"))};
-        ASSERT_TRUE(VonkPacker::pack(input, packed()));
-    }
-    QString path(const QString& name) const { return m_dir.filePath(name); }
-    QString packed() const { return path(QStringLiteral("run.vonk")); }
-    void write(const QString& name, const QByteArray& content) const {
-        QFile file(path(name));
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-        ASSERT_EQ(file.write(content), content.size());
-    }
-    QByteArray read(const QString& name) const {
-        QFile file(path(name));
-        EXPECT_TRUE(file.open(QIODevice::ReadOnly)) << name.toStdString();
-        return file.readAll();
-    }
     QStringList names(const QString& directory) const {
         return QDir(path(directory))
             .entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot, QDir::Name);
@@ -69,8 +39,6 @@ protected:
         task.exec();
         return task.waitForFinished();
     }
-
-    QTemporaryDir m_dir;
 };
 
 TEST_F(PackedFileTasks, AnUnpackingThatIsCancelledLeavesNothingAlsoWhenItWasThrough) {

@@ -3,14 +3,8 @@
 // succeeds afterwards.
 #include "FailingDisk.h"
 #include "PackedFileTasks.h"
+#include "PackedRunFixture.h"
 #include "SmallWriter.h"
-
-#include <PackInput.h>
-#include <VonkPacker.h>
-
-#include <QDir>
-#include <QFile>
-#include <QTemporaryDir>
 
 #include <gtest/gtest.h>
 
@@ -22,9 +16,7 @@ using orx::Error;
 using orx::ErrorCode;
 using orx::Task;
 using orx::testing::FailingDisk;
-using orx::vonk::PackInput;
 using orx::vonk::Vonk;
-using orx::vonk::VonkPacker;
 
 namespace {
 
@@ -34,30 +26,8 @@ struct Way {
     ErrorCode code;
 };
 
-class PackedTasksOnAFailingDisk : public ::testing::TestWithParam<Way> {
+class PackedTasksOnAFailingDisk : public PackedRunFixture, public ::testing::WithParamInterface<Way> {
 protected:
-    void SetUp() override {
-        ASSERT_TRUE(QDir(m_dir.path()).mkpath(QStringLiteral("in")));
-        ASSERT_TRUE(QDir(m_dir.path()).mkpath(QStringLiteral("out")));
-        write(QStringLiteral("in/run.main"), QByteArray(2 << 20, 'm'));
-        write(QStringLiteral("in/run.extra"), QByteArray(1 << 20, 'e'));
-        PackInput input;
-        input.path = path(QStringLiteral("in/run.main"));
-        input.companions = {path(QStringLiteral("in/run.extra"))};
-        ASSERT_TRUE(VonkPacker::pack(input, packed()));
-    }
-    QString path(const QString& name) const { return m_dir.filePath(name); }
-    QString packed() const { return path(QStringLiteral("run.vonk")); }
-    void write(const QString& name, const QByteArray& content) const {
-        QFile file(path(name));
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-        ASSERT_EQ(file.write(content), content.size());
-    }
-    QByteArray read(const QString& name) const {
-        QFile file(path(name));
-        EXPECT_TRUE(file.open(QIODevice::ReadOnly)) << name.toStdString();
-        return file.readAll();
-    }
     QStringList names() const {
         return QDir(path(QStringLiteral("out")))
             .entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot, QDir::Name);
@@ -92,7 +62,6 @@ protected:
         EXPECT_TRUE(error.is(GetParam().code)) << qPrintable(error.traceText());
     }
 
-    QTemporaryDir m_dir;
     //! Done before each time, while nothing fails.
     std::function<void()> m_prepare;
 };

@@ -118,5 +118,34 @@ TEST_F(UnpackedCheckTest, APipeInThePlaceOfAFileIsNotWaitedFor) {
     EXPECT_FALSE(isSame());
 }
 
+TEST(RecordOfAnAcquisition, NamesItsFilesWithTheirContentAndNoOthers) {
+    const auto file = [](const char* path, char digit) {
+        VonkEntry entry;
+        entry.path = QString::fromLatin1(path);
+        entry.sha256 = QByteArray(64, digit);
+        return entry;
+    };
+    VonkEntry directory;
+    directory.path = QStringLiteral("content/run.d");
+    directory.type = VonkEntry::Type::Directory;
+    const QList<VonkEntry> entries{directory, file("content/run.d/a", '1'), file("content/run.d/b", '2')};
+    const auto a = QStringLiteral("content/run.d/a"), b = QStringLiteral("content/run.d/b");
+    const auto digest = [](char digit) { return QString(64, QLatin1Char(digit)); };
+    const QHash<QString, QString> recorded{
+        {a, digest('1')}, {b, digest('2')}, {QStringLiteral("manifest.json"), digest('3')}};
+    EXPECT_TRUE(isRecordOf(recorded, entries));
+
+    QHash<QString, QString> other = recorded;
+    other[b] = digest('1');
+    EXPECT_FALSE(isRecordOf(other, entries));
+    other = recorded;
+    other.remove(a);
+    EXPECT_FALSE(isRecordOf(other, entries));
+    other = recorded;
+    other.insert(QStringLiteral("content/run.d/c"), digest('4'));
+    EXPECT_FALSE(isRecordOf(other, entries));
+    EXPECT_FALSE(isRecordOf({}, entries));
+}
+
 } // namespace
 } // namespace halvane::host
