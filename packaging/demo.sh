@@ -35,6 +35,14 @@ trap 'exit 143' TERM
 # The value of one key of a JSON line on standard input.
 field() { python3 -c 'import json, sys; print(json.loads(sys.stdin.readline())[sys.argv[1]])' "$1"; }
 
+# files_that OUTCOME FILE: how many files of a run had that outcome, by its JSON lines.
+files_that() {
+  python3 -c '
+import json, sys
+lines = [json.loads(line) for line in open(sys.argv[2])]
+print(sum(line.get("type") == "file" and line.get("outcome") == sys.argv[1] for line in lines))' "$1" "$2"
+}
+
 start_server() {
   printf '%s\n' "$password" |
     "$BIN/halvane-server" init --data "$work/data" --admin anna --password-stdin >"$work/init.log" 2>&1 ||
@@ -158,7 +166,8 @@ done
 echo "$work/whole/raw/2026 is identical to $work/up, times included"
 lost=$(basename "$(find "$work/up" -type f | sort | head -n 1)")
 rm -- "$work/whole/raw/2026/$lost"
-fetched=$(as colleague "$BIN/halvane" --json get /raw --to "$work/whole" | grep -c '"outcome":"downloaded".*"type":"file"')
+as colleague "$BIN/halvane" --json get /raw --to "$work/whole" >"$work/fetched.json"
+fetched=$(files_that downloaded "$work/fetched.json")
 [ "$fetched" -eq 1 ] || fail "$fetched files came by the second run, and only $lost was missing"
 same "$work/up/$lost" "$work/whole/raw/2026/$lost"
 echo "the second run brought $lost, which was missing, and nothing else"
@@ -215,7 +224,8 @@ as anna show put "$tree" --to /trees --keep-going || code=$?
 step "It is mended, and sent again alone"
 cp "$work/archived.vonk" "$tree/sub/archived.vonk"
 as anna show put "$tree" --to /trees --keep-going --retry
-sent=$(as anna "$BIN/halvane" --json put "$tree" --to /trees | grep -c '"outcome":"uploaded".*"type":"file"' || [ $? -eq 1 ])
+as anna "$BIN/halvane" --json put "$tree" --to /trees >"$work/sent.json"
+sent=$(files_that uploaded "$work/sent.json")
 [ "$sent" -eq 0 ] || fail "$sent files were sent once more"
 echo "a third run sent nothing"
 

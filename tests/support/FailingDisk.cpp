@@ -54,11 +54,11 @@ bool fails(const char* call, const std::string& path, bool isRenaming = false,
     const std::lock_guard lock(now.mutex);
     if (kind != now.calls || path.compare(0, now.directory.size(), now.directory) != 0)
         return false;
-    const bool isOver = now.left-- != 0;
+    const bool isTheOne = now.left-- == 0;
     const bool isLasting = now.lasts == FailingDisk::Lasts::ForGood ||
                            (now.lasts == FailingDisk::Lasts::FromThenOn && !isRenaming);
     const bool failsAgain = !now.failed.empty() && isLasting;
-    if (isOver && !failsAgain)
+    if (!isTheOne && !failsAgain)
         return false;
     if (now.failed.empty())
         now.failed = call;
@@ -71,10 +71,14 @@ std::string directory() {
     return state().directory;
 }
 
+bool makesFile(int flags) {
+    return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
+}
+
 bool failsToOpen(const char* call, const std::string& path, int flags) {
-    if ((flags & O_DIRECTORY) != 0)
+    const bool isMaking = makesFile(flags);
+    if (!isMaking && (flags & O_DIRECTORY) != 0)
         return path == directory() && fails(call, path, false, FailingDisk::Calls::ThatOpenADirectory);
-    const bool isMaking = (flags & O_CREAT) != 0;
     if (!isMaking && ((flags & O_ACCMODE) != O_RDONLY))
         return false;
     const auto kind = isMaking ? FailingDisk::Calls::ThatWrite : FailingDisk::Calls::ThatOpenToRead;
@@ -124,6 +128,7 @@ using orx::testing::failsToOpen;
 using orx::testing::hasBeen;
 using orx::testing::isArmed;
 using orx::testing::isWritable;
+using orx::testing::makesFile;
 using orx::testing::next;
 using orx::testing::pathAt;
 using orx::testing::pathOf;
@@ -155,7 +160,7 @@ int open(const char* path, int flags, ...) {
     static auto* const real = next(&::open, "open");
     va_list arguments;
     va_start(arguments, flags);
-    const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+    const mode_t mode = makesFile(flags) ? va_arg(arguments, mode_t) : 0;
     va_end(arguments);
     return isArmed && failsToOpen("open", path, flags) ? -1 : real(path, flags, mode);
 }
@@ -164,7 +169,7 @@ int open64(const char* path, int flags, ...) {
     static auto* const real = next(&::open64, "open64");
     va_list arguments;
     va_start(arguments, flags);
-    const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+    const mode_t mode = makesFile(flags) ? va_arg(arguments, mode_t) : 0;
     va_end(arguments);
     return isArmed && failsToOpen("open", path, flags) ? -1 : real(path, flags, mode);
 }
@@ -173,7 +178,7 @@ int openat(int directory, const char* path, int flags, ...) {
     static auto* const real = next(&::openat, "openat");
     va_list arguments;
     va_start(arguments, flags);
-    const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+    const mode_t mode = makesFile(flags) ? va_arg(arguments, mode_t) : 0;
     va_end(arguments);
     const bool isFailing = isArmed && failsToOpen("openat", pathAt(directory, path), flags);
     return isFailing ? -1 : real(directory, path, flags, mode);
@@ -195,6 +200,12 @@ int mkdirat(int directory, const char* path, mode_t mode) {
 int futimens(int descriptor, const timespec times[2]) noexcept {
     static auto* const real = next(&::futimens, "futimens");
     return isArmed && fails("futimens", pathOf(descriptor)) ? -1 : real(descriptor, times);
+}
+
+int linkat(int fromDirectory, const char* from, int toDirectory, const char* to, int flags) noexcept {
+    static auto* const real = next(&::linkat, "linkat");
+    const bool isFailing = isArmed && fails("linkat", pathAt(toDirectory, to), true);
+    return isFailing ? -1 : real(fromDirectory, from, toDirectory, to, flags);
 }
 
 int rename(const char* from, const char* to) noexcept {

@@ -5,9 +5,9 @@
 namespace orx::testing {
 
 //! While it lives, a call of this process that changes something below a directory fails: write, fsync, close
-//! of what was written, making files and directories, setting times, renaming; or one that opens a file. The
-//! source is compiled into the test program itself, whose functions then come before those of the C library.
-//! One at a time.
+//! of what was written, making files and directories, setting times, giving names; or one that opens a file.
+//! The source is compiled into the test program itself, whose functions then come before those of the C
+//! library. One at a time.
 class FailingDisk {
 public:
     enum class Calls {
@@ -17,7 +17,7 @@ public:
     };
     enum class Lasts {
         Once,       //!< one call fails
-        FromThenOn, //!< and all that come after it, but renaming
+        FromThenOn, //!< and all that come after it, but giving names
         ForGood     //!< and all that come after it
     };
 

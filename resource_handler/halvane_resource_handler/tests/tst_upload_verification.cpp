@@ -171,19 +171,20 @@ TEST_F(UploadVerification, WaitsForAPolicyThatAnswersLater) {
 
 TEST_F(UploadVerification, ALookupThatFailedIsLoggedWithTheNameInBothPlacesAndLeavesTheEntryOut) {
     const Result<int> lookup = Error(ErrorCode::General, QStringLiteral("the reason"));
-    EXPECT_FALSE(existingFileId(lookup, QStringLiteral("run.txt")).has_value());
+    EXPECT_FALSE(existingFileId(lookup, QStringLiteral("run.txt"), __FILE__, __func__).has_value());
     EXPECT_EQ(log.lines(),
               QStringList(QStringLiteral("warning|Cannot check if run.txt file already exists in the target "
                                          "folder.\nError: run.txt")));
     EXPECT_TRUE(log.file.endsWith(QStringLiteral("tst_upload_verification.cpp")));
     EXPECT_TRUE(log.function.contains(QStringLiteral("TestBody"))) << "who looked it up";
-    EXPECT_EQ(existingFileId(Result<int>(12), QStringLiteral("run.txt")), 12);
-    EXPECT_EQ(existingFileId(Result<int>(-1), QStringLiteral("run.txt")), -1);
+    EXPECT_EQ(existingFileId(Result<int>(12), QStringLiteral("run.txt"), __FILE__, __func__), 12);
+    EXPECT_EQ(existingFileId(Result<int>(-1), QStringLiteral("run.txt"), __FILE__, __func__), -1);
 }
 
 TEST_F(UploadVerification, TheLookupWarningIsTranslatedInTheContextOfTheTask) {
     const ContextTranslator translator;
-    (void)existingFileId(Result<int>(Error(ErrorCode::General, QStringLiteral("r"))), QStringLiteral("n"));
+    (void)existingFileId(Result<int>(Error(ErrorCode::General, QStringLiteral("r"))), QStringLiteral("n"),
+                         __FILE__, __func__);
     EXPECT_TRUE(log.lines().value(0).startsWith(
         QStringLiteral("warning|orx::HalvaneVerifyUploadedFileTask|Cannot check if n file")));
 }

@@ -5,8 +5,8 @@
 
 namespace orx {
 
-std::optional<int> existingFileId(const Result<int>& lookup, const QString& fileName,
-                                  const std::source_location& caller) {
+std::optional<int> existingFileId(const Result<int>& lookup, const QString& fileName, const char* callerFile,
+                                  const char* caller) {
     if (!lookup.hasError())
         return *lookup;
     // Both places of the text are filled with the name: what cannot be checked matters, not why.
@@ -15,11 +15,7 @@ std::optional<int> existingFileId(const Result<int>& lookup, const QString& file
                              .arg(fileName, lookup.errorMessage());
     const QLoggingCategory& category = halvaneResourceHandlerLog();
     if (category.isWarningEnabled())
-        QMessageLogger(caller.file_name(), int(caller.line()), caller.function_name(),
-                       category.categoryName())
-                .warning()
-                .noquote()
-            << text;
+        QMessageLogger(callerFile, 0, caller, category.categoryName()).warning().noquote() << text;
     return std::nullopt;
 }
 

@@ -5,13 +5,12 @@
 #include <QString>
 
 #include <optional>
-#include <source_location>
 
 namespace orx {
 
 //! The id of the file of that name in the target folder, -1 when there is none; nothing, and a warning in the
-//! log as one of \a caller, when \a lookup failed.
-std::optional<int> existingFileId(const Result<int>& lookup, const QString& fileName,
-                                  const std::source_location& caller = std::source_location::current());
+//! log that names the source file and the function \a caller, when \a lookup failed.
+std::optional<int> existingFileId(const Result<int>& lookup, const QString& fileName, const char* callerFile,
+                                  const char* caller);
 
 } // namespace orx

@@ -82,7 +82,7 @@ void HalvaneVerifyUploadedFileTask::Private::onFilesListed(const HalvaneGetFiles
 }
 
 void HalvaneVerifyUploadedFileTask::Private::decide(const Result<int>& existingId) {
-    const std::optional<int> id = existingFileId(existingId, localName());
+    const std::optional<int> id = existingFileId(existingId, localName(), __FILE__, __func__);
     if (!id)
         return;
     if (*id != -1)
