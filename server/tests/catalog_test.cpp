@@ -11,7 +11,10 @@
 #include <filesystem>
 #include <fstream>
 #include <future>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sstream>
+#include <vector>
 
 namespace halvane::server {
 
@@ -199,12 +202,25 @@ TEST_F(CatalogTest, ChangesOfAListingCostWhatHasChanged) {
             steps += explained.text(3) + '\n';
         return steps;
     };
+    const auto scans = [](const std::string& steps) {
+        std::istringstream lines(steps);
+        std::vector<std::string> found;
+        for (std::string line; std::getline(lines, line);) {
+            // The user's groups come as a list of the query's own.
+            if (line.starts_with("SCAN") && line.find("json_each") == std::string::npos)
+                found.push_back(line);
+        }
+        return found;
+    };
+    EXPECT_EQ(scans(plan("SELECT * FROM files")).size(), 1U) << "it would be seen";
     EXPECT_NE(plan(changedFilesQuery).find("files_by_change (folder_id=? AND listed_change>?)"),
               std::string::npos)
         << plan(changedFilesQuery);
     EXPECT_NE(plan(changedSubfoldersQuery).find("folders_by_change (parent_id=? AND listed_change>?)"),
               std::string::npos)
         << plan(changedSubfoldersQuery);
+    for (const char* query : {changedFilesQuery, changedSubfoldersQuery})
+        EXPECT_THAT(scans(plan(query)), ::testing::IsEmpty()) << plan(query);
 }
 
 TEST_F(CatalogTest, ACatalogueOfTheFirstVersionIsBroughtUpToDate) {
