@@ -9,17 +9,30 @@ const void* identityOf(const QList<HalvaneFileItemSPtr>& files) {
     return files.isEmpty() ? nullptr : static_cast<const void*>(files.constData());
 }
 
+template <typename Item>
+auto placeOf(QList<Item>& items, int id) {
+    return std::lower_bound(items.begin(), items.end(), id,
+                            [](const Item& item, int wanted) { return item->id() < wanted; });
+}
+
 //! New items have larger ids than all that were there before, so that they go to the end.
 template <typename Item>
 void merge(QList<Item>& items, const QList<Item>& changes) {
-    const auto isBefore = [](const Item& item, const Item& other) { return item->id() < other->id(); };
     for (const Item& change : changes) {
-        const auto place = std::lower_bound(items.begin(), items.end(), change, isBefore);
+        const auto place = placeOf(items, change->id());
         if (place != items.end() && (*place)->id() == change->id())
             *place = change;
         else
             items.insert(place, change);
     }
+}
+
+//! Whether a file of \a files has another name in \a changes.
+bool isAnyRenamed(QList<HalvaneFileItemSPtr>& files, const QList<HalvaneFileItemSPtr>& changes) {
+    return std::any_of(changes.begin(), changes.end(), [&files](const HalvaneFileItemSPtr& change) {
+        const auto place = placeOf(files, change->id());
+        return place != files.end() && (*place)->id() == change->id() && (*place)->name() != change->name();
+    });
 }
 
 } // namespace
@@ -29,20 +42,23 @@ std::shared_ptr<HalvaneListing> HalvaneListing::with(const HalvaneListing& chang
     merged->tag = changes.tag;
     merged->files = files;
     merged->folders = folders;
+    if (const NameIndex::Ptr names = knownNames(); names && !isAnyRenamed(merged->files, changes.files))
+        merged->m_names = names->with(changes.files);
     merge(merged->files, changes.files);
     merge(merged->folders, changes.folders);
     return merged;
 }
 
 int HalvaneListing::findFileId(const QString& name) const {
-    std::call_once(m_indexed, [this] {
-        m_index.reserve(files.size());
-        for (const HalvaneFileItemSPtr& file : files) {
-            int& id = m_index.insert(file->name(), m_index.value(file->name(), -1)).value();
-            id = std::max(id, file->id());
-        }
-    });
-    return m_index.value(name, -1);
+    const std::lock_guard lock(m_mutex);
+    if (!m_names)
+        m_names = NameIndex::of(files);
+    return m_names->find(name);
+}
+
+NameIndex::Ptr HalvaneListing::knownNames() const {
+    const std::lock_guard lock(m_mutex);
+    return m_names;
 }
 
 HalvaneListingStore& HalvaneListingStore::instance() {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "HalvaneItems.h"
+#include "NameIndex.h"
 
 #include <QHash>
 
@@ -21,14 +21,18 @@ struct ORX_HALVANE_EXPORT HalvaneListing {
 
     qsizetype size() const { return files.size() + folders.size(); }
     //! This listing with the items of \a changes, which are new or in the place of the ones with their ids.
-    //! Both are in the order of the ids, and so is the result; it has the tag of \a changes.
+    //! Both are in the order of the ids, and so is the result; it has the tag of \a changes. Unless a file of
+    //! this listing got another name, an index of its names goes along.
     std::shared_ptr<HalvaneListing> with(const HalvaneListing& changes) const;
     //! As HalvaneConnectionUtils::findFileIdInFiles(), by an index that is made at the first question.
     int findFileId(const QString& name) const;
 
 private:
-    mutable std::once_flag m_indexed;
-    mutable QHash<QString, int> m_index;
+    //! Null when nobody has asked.
+    NameIndex::Ptr knownNames() const;
+
+    mutable std::mutex m_mutex;
+    mutable NameIndex::Ptr m_names;
 };
 
 //! Listings of this process, so that a folder that has not changed is not sent and read again: whoever asks

@@ -464,6 +464,63 @@ TEST(ListingStore, MergesChangesByTheirIds) {
     EXPECT_EQ(merged->findFileId(QStringLiteral("new")), 5);
 }
 
+namespace {
+
+HalvaneFileItemSPtr fileItem(int id, const QString& name) {
+    auto item = HalvaneFileItemSPtr::create();
+    item->setId(id);
+    item->setName(name);
+    return item;
+}
+
+//! A listing with these in the place of the ones with their ids.
+ListingPtr with(const HalvaneListing& listing, const QList<HalvaneFileItemSPtr>& files) {
+    HalvaneListing changes;
+    changes.tag = "\"2\"";
+    changes.files = files;
+    return listing.with(changes);
+}
+
+} // namespace
+
+TEST(ListingStore, FindsNamesInWhatWasMergedAsInAListingOfItsOwn) {
+    const ListingPtr old = listingOf(3); // "0", "1" and "2"
+    EXPECT_EQ(old->findFileId(QStringLiteral("1")), 2);
+    const auto check = [](const HalvaneListing& listing) {
+        for (const auto& file : listing.files) {
+            int largest = -1;
+            for (const auto& other : listing.files)
+                largest = other->name() == file->name() ? std::max(largest, other->id()) : largest;
+            EXPECT_EQ(listing.findFileId(file->name()), largest);
+        }
+        EXPECT_EQ(listing.findFileId(QStringLiteral("none")), -1);
+    };
+    const auto added = with(*old, {fileItem(7, QStringLiteral("1")), fileItem(8, QStringLiteral("new"))});
+    check(*added);
+    EXPECT_EQ(added->findFileId(QStringLiteral("1")), 7);
+    check(*old);
+    EXPECT_EQ(old->findFileId(QStringLiteral("new")), -1);
+    const auto changed = with(*added, {fileItem(2, QStringLiteral("1"))});
+    check(*changed);
+    const auto renamed = with(*added, {fileItem(7, QStringLiteral("7"))});
+    check(*renamed);
+    EXPECT_EQ(renamed->findFileId(QStringLiteral("1")), 2);
+}
+
+TEST(ListingStore, TheIndexOfNamesGrowsWithoutBeingMadeAnew) {
+    constexpr int there = 5'000;
+    ListingPtr listing = listingOf(there);
+    EXPECT_EQ(listing->findFileId(QStringLiteral("10")), 11);
+    const quint64 before = NameIndex::namesWritten();
+    for (int id = there + 1; id <= there + 500; ++id) {
+        listing = with(*listing, {fileItem(id, QString::number(id % 300))});
+        EXPECT_EQ(listing->findFileId(QString::number(id % 300)), id);
+    }
+    EXPECT_EQ(listing->findFileId(QStringLiteral("4999")), 5'000);
+    EXPECT_EQ(listing->findFileId(QString::number((there + 1) % 300)), there + 301);
+    EXPECT_LT(NameIndex::namesWritten() - before, quint64(500 * 200)) << "not 500 times all that is there";
+}
+
 TEST(ListingStore, ForgetsWhatWasNotUsedForLongest) {
     HalvaneListingStore store(10, 3);
     store.keep("a", listingOf(1));
