@@ -265,6 +265,43 @@ TEST_F(PutChanges, RawDataThatIsAPlainDirectoryWhenItsTurnComesIsAFailureAndNoth
     EXPECT_EQ(onServer("/raw"), QStringList{"/raw/a.txt@1"});
 }
 
+// ---- what becomes raw data
+
+TEST_F(PutChanges, WhatBecomesRawDataWhileItWaitsForItsTurnDoesNotGoUpUnderAnotherName) {
+    makeRawFile("run.mzML");
+    ASSERT_EQ(put({"run.mzML", "--to", "/raw"}).exitCode, 0);
+    write("run.mzML", "");
+    write("a.txt", "content of a");
+    const auto hold = proxy->holdReply({"GET", ".*/folders/2/files"});
+    const auto process = client.start(
+        {"--json", "put", "run.mzML", "a.txt", "--to", "/raw", "--if-exists", "fail", "--keep-going"});
+    hold->waitUntilAnswered();
+    write("run.mzML", Client::contentOf(ORX_TEST_DATA_DIR "/chromatograms.mzML"));
+    hold->release();
+    const Outcome outcome = Client::finish(*process);
+    EXPECT_EQ(outcome.exitCode, 14) << outcome.err.constData();
+    EXPECT_EQ(failures(outcome, "."), (Outcomes{{"run.mzML", "FileChanged"}}));
+    EXPECT_EQ(onServer("/raw"), (QStringList{"/raw/a.txt@1", "/raw/run.mzML.vonk@1"}));
+}
+
+TEST_F(PutChanges, ASingleFileThatBecomesRawDataBeforeItIsAtRestIsPacked) {
+    const auto putWhenItIsRawData = [this](const QString& name, const QStringList& options) {
+        write(name, "");
+        const auto hold = proxy->holdReply({"GET", ".*/folders/1/folders"});
+        const auto process = client.start(QStringList{"--json", "put", name, "--to", "/raw"} + options);
+        hold->waitUntilAnswered();
+        ASSERT_TRUE(QFile::remove(client.path(name)));
+        makeRawFile(name);
+        hold->release();
+        const Outcome outcome = Client::finish(*process);
+        EXPECT_EQ(outcome.exitCode, 0) << outcome.err.constData();
+    };
+    putWhenItIsRawData("run.mzML", {});
+    EXPECT_EQ(onServer("/raw"), QStringList{"/raw/run.mzML.vonk@1"});
+    putWhenItIsRawData("other.mzML", {"--as", "run.mzML", "--new-version"});
+    EXPECT_EQ(onServer("/raw"), QStringList{"/raw/run.mzML.vonk@2"});
+}
+
 // ---- one path, one account
 
 TEST_F(PutChanges, APathWithinAnotherOneStopsItBeforeAnythingIsAsked) {
@@ -321,6 +358,24 @@ TEST_F(PutWhileWritten, AnAcquisitionIsAFailure) {
     EXPECT_EQ(outcomes(tree, "2026"), (Outcomes{{"a.txt", "uploaded"}}));
     EXPECT_THAT(tree.err.toStdString(), HasSubstr("is still being written"));
     expectRefusedBesideAnother("2026/run.mzML");
+}
+
+TEST_F(PutWhileWritten, AnAcquisitionWhoseCompanionStillGrowsIsAFailureInATreeBesideAnotherAndAlone) {
+    const QByteArray head =
+        R"(<?xml version="1.0"?><mzML version="1.1"><fileDescription><fileContent>)"
+        R"(<cvParam cvRef="IMS" accession="IMS:1000080" name="uuid" )"
+        R"(value="{12345678-1234-1234-1234-123456789abc}"/>)"
+        R"(</fileContent></fileDescription><run id="r"><spectrumList count="0"/></run></mzML>)";
+    write("2026/tissue.imzML", head);
+    write("2026/tissue.ibd", QByteArray::fromHex("12345678123412341234123456789abc"));
+    touch("2026/tissue.ibd");
+    expectRefused(put({"2026/tissue.imzML", "--to", "/raw"}));
+    expectRefusedBesideAnother("2026/tissue.imzML");
+    const Outcome tree = put({"2026", "--to", "/raw"});
+    EXPECT_EQ(tree.exitCode, 14) << tree.err.constData();
+    EXPECT_EQ(failures(tree, "2026").keys(), QStringList{"tissue.imzML"});
+    EXPECT_EQ(leftOut(tree, "2026"), (Outcomes{{"tissue.ibd", "companion"}}));
+    EXPECT_EQ(onServer("/raw/2026"), QStringList{"/raw/2026/a.txt@1"});
 }
 
 TEST_F(PutWhileWritten, ASingleAcquisitionIsRefusedInWhateverFormItIsToGo) {

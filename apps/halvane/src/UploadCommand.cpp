@@ -163,9 +163,6 @@ int Runner::putFile(const host::UploadRequest& request) {
     if (!request.keepInCache)
         orx::ResourceManager::setCache(nullptr);
     const QFileInfo file(request.localPath);
-    if (const QString remark = host::remarkOnDoubtfulData(request.localPath);
-        !request.asFile && !remark.isEmpty())
-        m_output.warnings({remark});
     UploadFileJob job(request);
     QString summary;
     Error error;

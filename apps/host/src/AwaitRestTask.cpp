@@ -16,8 +16,9 @@ AwaitRestTask::~AwaitRestTask() = default;
 
 QCoro::Task<Error> AwaitRestTask::co_doExec() {
     const QFileInfo info(m_path);
-    const bool isAtRest = co_await UploadFileInputValidation::co_comesToRest(info);
-    if (isAtRest)
+    const auto rest = co_await UploadFileInputValidation::co_comesToRest(info);
+    m_isRawData = rest.isValidMsData;
+    if (rest.isValidPath)
         co_return Error();
     co_return Error(orx::ErrorCode::Busy,
                     UploadFileInputValidation::explanation(orx::UploadRefusal::StillWritten, m_path));

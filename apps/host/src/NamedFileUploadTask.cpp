@@ -6,6 +6,9 @@
 #include <HalvaneConnectionUtils.h>
 #include <HalvaneItemTasks.h>
 #include <tasks/HalvaneFileUploadTask.h>
+#include <tasks/HalvaneSampleDataUploadTask.h>
+
+#include <QFileInfo>
 
 namespace halvane::host {
 
@@ -16,34 +19,44 @@ using orx::HalvaneUploadTask;
 using orx::Result;
 using orx::UploadedFileData;
 
-NamedFileUploadTask::NamedFileUploadTask(const LocalEntry& entry, const RemoteItem& folder,
+NamedFileUploadTask::NamedFileUploadTask(const Input& input,
                                          std::shared_ptr<orx::DuplicateUploadPolicyInterface> policy,
-                                         orx::HalvaneUploadPolicyOptions options, bool asFile)
-    : ComplexTask(QStringLiteral("PutNamed(%1)").arg(entry.path))
-    , m_entry(entry)
-    , m_folder(folder)
+                                         orx::HalvaneUploadPolicyOptions options)
+    : ComplexTask(QStringLiteral("PutNamed(%1)").arg(input.entry.path))
+    , m_input(input)
     , m_policy(std::move(policy))
-    , m_options(options)
-    , m_asFile(asFile) {}
+    , m_options(options) {}
 
 NamedFileUploadTask::~NamedFileUploadTask() = default;
 
 Error NamedFileUploadTask::initialize() {
-    execSubtask(std::make_unique<AwaitRestTask>(m_entry.path), [this](AwaitRestTask*) { onAtRest(); });
+    execSubtask(std::make_unique<AwaitRestTask>(m_input.entry.path),
+                [this](AwaitRestTask* task) { onAtRest(task->isRawData() && !m_input.asFile); });
     return {};
 }
 
-void NamedFileUploadTask::onAtRest() {
-    execSubtask(std::make_unique<HalvaneGetFilesTask>(m_folder.id), [this](HalvaneGetFilesTask* task) {
-        onListed(orx::HalvaneConnectionUtils::findFileIdInFiles(m_entry.serverName(), task->files()));
+// It may have been something else when all that was named was looked at.
+void NamedFileUploadTask::onAtRest(bool isRawData) {
+    LocalEntry& entry = m_input.entry;
+    const QString expectedName = entry.serverName();
+    if (isRawData)
+        entry.kind = LocalEntry::Kind::RawData;
+    else if (entry.kind == LocalEntry::Kind::RawData)
+        entry.kind = LocalEntry::Kind::File;
+    if (entry.serverName() != expectedName && m_input.serverNames.contains(entry.serverName()))
+        return finish(changed());
+    execSubtask(std::make_unique<HalvaneGetFilesTask>(m_input.folder.id), [this](HalvaneGetFilesTask* task) {
+        onListed(orx::HalvaneConnectionUtils::findFileIdInFiles(m_input.entry.serverName(), task->files()));
     });
 }
 
 void NamedFileUploadTask::onListed(int existingId) {
+    const LocalEntry& entry = m_input.entry;
+    const RemoteItem& folder = m_input.folder;
     if (existingId == -1)
-        return upload(UploadedFileData(m_folder.id, m_entry.path));
-    const orx::DuplicateUploadPolicyRequest::Input question{
-        m_entry.path, existingId, m_folder.id, m_folder.name, m_entry.kind == LocalEntry::Kind::RawData};
+        return upload(UploadedFileData(folder.id, entry.path));
+    const orx::DuplicateUploadPolicyRequest::Input question{entry.path, existingId, folder.id, folder.name,
+                                                            entry.kind == LocalEntry::Kind::RawData};
     execSubtask(std::make_unique<GetDuplicateUploadPolicyTask>(question, m_policy),
                 [this](GetDuplicateUploadPolicyTask* task) {
                     if (task->uploadedFileData().id() != -1)
@@ -57,17 +70,27 @@ void NamedFileUploadTask::upload(const UploadedFileData& data) {
         return finish(created.error());
     std::unique_ptr<HalvaneUploadTask> task = std::move(*created);
     auto* const file = qobject_cast<orx::HalvaneFileUploadTaskBase*>(task.get());
-    if (!file) // its files would go up without the policy
-        return finish(
-            Error(orx::ErrorCode::FileChanged,
-                  QStringLiteral("\"%1\" was raw data and is a plain directory now.").arg(m_entry.path)));
+    const bool isPacked = qobject_cast<orx::HalvaneSampleDataUploadTask*>(task.get());
+    // The files of a directory would go up without the policy, anything else under a name that nobody asked
+    // for.
+    if (!file || isPacked != (m_input.entry.kind == LocalEntry::Kind::RawData))
+        return finish(changed());
     Q_EMIT uploadStarted(file);
     execSubtask(std::unique_ptr<orx::BaseTask>(std::move(task)));
 }
 
+Error NamedFileUploadTask::changed() const {
+    const QString text =
+        QFileInfo(m_input.entry.path).isDir()
+            ? QStringLiteral("\"%1\" was raw data and is a plain directory now.")
+            : QStringLiteral("\"%1\" was not sent: while it waited for its turn it became another kind of "
+                             "file, raw data or no raw data any more. Put it once more.");
+    return Error(orx::ErrorCode::FileChanged, text.arg(m_input.entry.path));
+}
+
 Result<std::unique_ptr<HalvaneUploadTask>>
 NamedFileUploadTask::makeUpload(const UploadedFileData& data) const {
-    if (!m_asFile)
+    if (!m_input.asFile)
         return HalvaneUploadTask::create(data.localPath(), data.id(), data.itemType(), QString(),
                                          std::nullopt, {}, m_options, data.name());
     const auto parameters = orx::HalvaneFileUploadParameters::create(

@@ -54,11 +54,6 @@ TreeUploadJob::TreeUploadJob(const TreeUploadRequest& request, const UploadPolic
 
 TreeUploadJob::~TreeUploadJob() = default;
 
-bool TreeUploadJob::isSource(const QString& path) const {
-    return std::any_of(m_trees.begin(), m_trees.end(),
-                       [&path](const LocalTree& tree) { return tree.source == path; });
-}
-
 orx::HalvaneUploadPolicyOptions TreeUploadJob::policyOptions() const {
     orx::HalvaneUploadPolicyOptions options = HalvaneUploadTask::DEFAULT_UPLOAD_POLICY_OPTIONS;
     if (m_request.checkVersion)
@@ -88,6 +83,8 @@ void TreeUploadJob::begin(const PrepareUploadTask& prepared) {
     m_target = prepared.target();
     m_trees = prepared.trees();
     for (const LocalTree& tree : std::as_const(m_trees)) {
+        m_sources.insert(tree.source);
+        m_serverNames.append(tree.root().serverName());
         for (const LocalEntry& entry : tree.entries) {
             if (!entry.isUpload())
                 continue;
@@ -96,6 +93,7 @@ void TreeUploadJob::begin(const PrepareUploadTask& prepared) {
         }
     }
     m_hasBegun = true;
+    Q_EMIT scanned();
     for (const UploadFailure& refused : prepared.refused())
         fail(refused.path, refused.error);
     if (!prepared.refused().isEmpty() && !m_request.keepGoing)
@@ -147,8 +145,8 @@ Error TreeUploadJob::addFolder(const LocalTree& tree) {
 }
 
 void TreeUploadJob::addFile(const LocalEntry& entry) {
-    auto task =
-        std::make_unique<NamedFileUploadTask>(entry, m_target, m_policy, policyOptions(), m_request.asFile);
+    const NamedFileUploadTask::Input input{entry, m_target, m_request.asFile, m_serverNames};
+    auto task = std::make_unique<NamedFileUploadTask>(input, m_policy, policyOptions());
     connect(task.get(), &NamedFileUploadTask::uploadStarted, this, &TreeUploadJob::follow);
     appendSubtask(std::unique_ptr<BaseTask>(std::move(task)), {}, [this, path = entry.path](BaseTask* ended) {
         // An upload that failed has told so; what failed before it has not.
@@ -202,7 +200,7 @@ void TreeUploadJob::onDone(const UploadedFile& file) {
     else
         m_doneBytes += m_sizes.value(file.path);
     m_account.setDone(file.path, file.outcome, file.item.sha256);
-    Q_EMIT fileDone(file, isSource(file.path));
+    Q_EMIT fileDone(file, m_sources.contains(file.path));
 }
 
 void TreeUploadJob::fail(const QString& path, const Error& error) {

@@ -8,6 +8,8 @@
 #include <HalvaneUploadPolicyOption.h>
 
 #include <QHash>
+#include <QSet>
+#include <QStringList>
 
 #include <memory>
 
@@ -38,6 +40,8 @@ public:
     UploadReport report(const QList<LocalTree>& now) const;
 
 Q_SIGNALS:
+    //! What lies at the paths is known, of trees(), and nothing of it has been tried.
+    void scanned();
     //! A file did not fail; \a isSource: it was asked for itself, not found in a directory.
     void fileDone(const halvane::host::UploadedFile& file, bool isSource);
 
@@ -62,12 +66,14 @@ private:
     //! Ends what runs and what waits when \a error would be that of all.
     void giveUpAfter(const orx::Error& error);
     orx::HalvaneUploadPolicyOptions policyOptions() const;
-    bool isSource(const QString& path) const;
 
     const TreeUploadRequest m_request;
     const std::shared_ptr<UploadPolicy> m_policy;
     RemoteItem m_target;
     QList<LocalTree> m_trees;
+    QSet<QString> m_sources;
+    //! That the sources get.
+    QStringList m_serverNames;
     UploadAccount m_account;
     orx::Error m_givenUp;
     bool m_hasBegun = false;

@@ -2,6 +2,7 @@
 
 #include "AwaitRestTask.h"
 #include "ErrorText.h"
+#include "LocalTree.h"
 #include "ResolveItemTask.h"
 #include "UploadSettings.h"
 
@@ -142,10 +143,15 @@ void UploadFileJob::onTargetResolved(const RemoteItem& target, bool versionWasGi
             Error(ErrorCode::InvalidArgument,
                   QStringLiteral("A new version keeps the name of its file, \"%1\": leave out --as.")
                       .arg(target.name)));
+    m_target = target;
+    chooseTarget();
+}
+
+void UploadFileJob::chooseTarget() {
     const bool byName = m_request.versioning == UploadRequest::Versioning::NewVersionByName;
-    if (target.isFolder() && byName && !m_request.name.isEmpty())
-        return findFileByName(target);
-    prepare(target.id, target.type, target);
+    if (m_target.isFolder() && byName && !m_request.name.isEmpty())
+        return findFileByName(m_target);
+    prepare(m_target.id, m_target.type, m_target);
 }
 
 // The upload task looks for the local file's own name; under another name the file is found here.
@@ -221,7 +227,27 @@ void UploadFileJob::setMade(const HalvaneApiReference& file) {
 }
 
 void UploadFileJob::awaitRest() {
-    execSubtask(std::make_unique<AwaitRestTask>(m_request.localPath), [this](AwaitRestTask*) { upload(); });
+    execSubtask(std::make_unique<AwaitRestTask>(m_request.localPath),
+                [this](AwaitRestTask* task) { onAtRest(task->isRawData() && !m_request.asFile); });
+}
+
+// What became raw data, or is none any more, gets another name and may have another upload to go on with.
+void UploadFileJob::onAtRest(bool isRawData) {
+    if (isRawData == m_isPacked) {
+        if (!isRawData && !m_request.asFile)
+            warnOfDoubtfulData();
+        return upload();
+    }
+    const Error error = checkLocalFile(m_request);
+    if (error.hasError())
+        return finish(error);
+    m_isPacked = isRawData;
+    chooseTarget();
+}
+
+void UploadFileJob::warnOfDoubtfulData() {
+    if (const QString remark = remarkOnDoubtfulData(m_request.localPath); !remark.isEmpty())
+        addWarning(remark);
 }
 
 void UploadFileJob::upload() {

@@ -70,6 +70,7 @@ protected:
 private:
     void onTargetFailed(const orx::Error& error);
     void onTargetResolved(const RemoteItem& target, bool versionWasGiven);
+    void chooseTarget();
     void findFileByName(const RemoteItem& folder);
     void prepare(int targetId, RemoteItem::ItemType targetType, const RemoteItem& askedFor);
     void settle();
@@ -77,6 +78,8 @@ private:
     void onMetadataFailed(const orx::HalvaneApiReference& file, const orx::Error& error);
     void setMade(const orx::HalvaneApiReference& file);
     void awaitRest();
+    void onAtRest(bool isRawData);
+    void warnOfDoubtfulData();
     void upload();
     orx::Result<std::unique_ptr<orx::HalvaneFileUploadTaskBase>> makeUpload() const;
     void onUploadFailed(const orx::HalvaneFileUploadTaskBase& task);
@@ -91,7 +94,9 @@ private:
     QString nameOnServer() const;
 
     UploadRequest m_request;
+    //! As of the last look at the file.
     bool m_isPacked = false;
+    RemoteItem m_target;
     orx::HalvaneFileUploadParameters m_parameters;
     RemoteItem m_item;
     bool m_foundCommitted = false;

@@ -109,7 +109,8 @@ void UploadPolicy::onCompared(const DuplicateUploadPolicyRequestPtr& request, co
         return request->answer(DuplicateUploadAnswer::Cancel);
     if (task.hasError())
         return fail(request, task.error());
-    if (!task.same() && m_options.ifTaken == IfTaken::NewVersion && m_options.goesUp(task.rival()))
+    const bool hasRival = !task.rival().isEmpty() && m_options.goesUp(task.rival());
+    if (!task.same() && m_options.ifTaken == IfTaken::NewVersion && hasRival)
         return fail(request, rivalry(request->input().localPath, task));
     if (!task.same())
         return decideByOption(request, task.existing());

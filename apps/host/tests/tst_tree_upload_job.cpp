@@ -1,11 +1,14 @@
 // What a put of trees makes of failures, of skipped files and of its end in the middle.
+#include <HalvaneListingStore.h>
 #include <RunUntilIdle.h>
 #include <TreeUploadJob.h>
 
 #include <UploadFixture.h>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <QDateTime>
 #include <QDir>
 
 namespace halvane::host {
@@ -131,6 +134,31 @@ TEST_F(TreeJob, TheTotalIsThatOfWhatMayStillGoUp) {
     EXPECT_EQ(failed(), list("t/refused"));
 }
 
+// ---- many that are named
+
+TEST_F(TreeJob, ManyNamedFilesDoNotPayForAllThatIsInTheFolderEachTime) {
+    constexpr int there = 3'000;
+    for (int i = 0; i < there; ++i)
+        (void)server.service().addFile(QStringLiteral("there %1").arg(i), "there");
+    const auto namesWrittenFor = [this](int files) {
+        QStringList paths;
+        for (int i = 0; i < files; ++i) {
+            paths.append(QStringLiteral("%1 of %2").arg(i).arg(files));
+            (void)makeFile(paths.last(), "content");
+        }
+        orx::HalvaneListingStore::instance().clear();
+        request = {};
+        const quint64 before = orx::NameIndex::namesWritten();
+        EXPECT_FALSE(put(paths).hasError());
+        EXPECT_EQ(report.done, files);
+        return orx::NameIndex::namesWritten() - before;
+    };
+    // What is there is paid for once, and then its square root for each.
+    for (const int files : {20, 200})
+        EXPECT_LE(namesWrittenFor(files), quint64(2 * (there + 220) + files * 150)) << files;
+    EXPECT_EQ(server.service().files().size(), there + 220);
+}
+
 // ---- comparisons that fail
 
 struct Comparison {
@@ -220,6 +248,97 @@ TEST_F(TreeJob, ALoginThatHasExpiredEndsTheRunAlsoWhenItKeepsGoing) {
     EXPECT_EQ(report.trees.first().failed + report.trees.first().notTried, 60);
     EXPECT_EQ(report.unexplained, 0);
     EXPECT_LT(server.count(QStringLiteral("POST /uploads")), 60) << "no more was tried";
+}
+
+// ---- what changes after it was scanned
+
+class TreeJobChanging : public TreeJob, public ::testing::WithParamInterface<bool> {};
+INSTANTIATE_TEST_SUITE_P(KeepGoing, TreeJobChanging, ::testing::Bool(),
+                         [](const auto& one) { return one.param ? "Yes" : "No"; });
+
+TEST_P(TreeJobChanging, ADirectoryThatHasGoneStopsTheRunUnlessItKeepsGoing) {
+    for (const char* file : {"one/a", "two/b", "three/c"})
+        write(file);
+    request.keepGoing = GetParam();
+    make({QStringLiteral("one"), QStringLiteral("two"), QStringLiteral("three")});
+    QObject::connect(job.get(), &TreeUploadJob::scanned,
+                     [this] { EXPECT_TRUE(QDir(filePath(QStringLiteral("two"))).removeRecursively()); });
+    const orx::Error error = end(runUntilIdle(*job));
+    EXPECT_EQ(error.hasError(), !GetParam());
+    EXPECT_EQ(failed(), list("two"));
+    EXPECT_EQ(done, GetParam() ? list("uploaded one/a,uploaded three/c") : QStringList());
+    EXPECT_EQ(server.service().folders().size(), GetParam() ? 3 : 1);
+    if (!GetParam()) {
+        EXPECT_TRUE(error.is(ErrorCode::InvalidArgument));
+        EXPECT_EQ(leftOut(), list("one/a not_tried,two/b not_tried,three/c not_tried"));
+    }
+    EXPECT_EQ(report.unexplained, 0);
+}
+
+TEST_P(TreeJobChanging, ADirectoryThatIsAFileByThenStopsTheRunUnlessItKeepsGoing) {
+    write("one/a");
+    write("two/b");
+    request.keepGoing = GetParam();
+    make({QStringLiteral("two"), QStringLiteral("one")});
+    QObject::connect(job.get(), &TreeUploadJob::scanned, [this] {
+        EXPECT_TRUE(QDir(filePath(QStringLiteral("two"))).removeRecursively());
+        write("two");
+    });
+    const orx::Error error = end(runUntilIdle(*job));
+    EXPECT_EQ(error.is(ErrorCode::FileChanged), !GetParam());
+    EXPECT_EQ(failed(), list("two"));
+    EXPECT_EQ(report.failures.first().error.code(), int(ErrorCode::FileChanged));
+    EXPECT_EQ(done, GetParam() ? list("uploaded one/a") : QStringList());
+    EXPECT_EQ(server.service().folders().size(), GetParam() ? 2 : 1);
+}
+
+//! A peak list that is empty when it is scanned and whole when its turn comes.
+class TreeJobRaw : public TreeJob {
+protected:
+    void becomesRawDataWhenScanned(const char* path) {
+        write(path, "");
+        QObject::connect(job.get(), &TreeUploadJob::scanned, [this, path] {
+            write(path, "BEGIN IONS\nTITLE=1\nPEPMASS=500.5\nCHARGE=2+\n100.1 5\nEND IONS\n");
+            QFile file(filePath(QLatin1String(path)));
+            ASSERT_TRUE(file.open(QIODevice::ReadWrite));
+            ASSERT_TRUE(file.setFileTime(QDateTime::currentDateTime().addDays(-1),
+                                         QFileDevice::FileModificationTime));
+        });
+    }
+};
+
+TEST_F(TreeJobRaw, WhatHasBecomeRawDataGoesUpPackedUnderTheNameOfThat) {
+    write("run.mgf", "");
+    request.ifTaken = IfTaken::Fail;
+    make({QStringLiteral("run.mgf")});
+    becomesRawDataWhenScanned("run.mgf");
+    EXPECT_FALSE(end(runUntilIdle(*job)).hasError());
+    EXPECT_EQ(done, list("uploaded run.mgf (source)"));
+    ASSERT_EQ(server.service().files().size(), 1);
+    EXPECT_EQ(server.service().files().first().name, QStringLiteral("run.mgf.vonk"));
+}
+
+TEST_F(TreeJobRaw, WhatHasBecomeRawDataIsAskedAboutUnderTheNameOfThat) {
+    write("run.mgf", "");
+    (void)server.service().addFile(QStringLiteral("run.mgf.vonk"), "there");
+    request.ifTaken = IfTaken::Fail;
+    make({QStringLiteral("run.mgf")});
+    becomesRawDataWhenScanned("run.mgf");
+    EXPECT_TRUE(end(runUntilIdle(*job)).hasError());
+    ASSERT_EQ(failed(), list("run.mgf"));
+    EXPECT_EQ(report.failures.first().error.code(), int(ErrorCode::AlreadyExists));
+    EXPECT_EQ(server.service().files().size(), 1);
+}
+
+TEST_F(TreeJobRaw, WhatHasBecomeRawDataDoesNotTakeTheNameOfAnotherUpload) {
+    write("run.mgf", "");
+    write("run.mgf.vonk", "no packed acquisition");
+    request.keepGoing = true;
+    make({QStringLiteral("run.mgf"), QStringLiteral("run.mgf.vonk")});
+    becomesRawDataWhenScanned("run.mgf");
+    (void)end(runUntilIdle(*job));
+    EXPECT_THAT(failed(), ::testing::Contains(QStringLiteral("run.mgf")));
+    EXPECT_EQ(report.failures.first().error.code(), int(ErrorCode::FileChanged));
 }
 
 // ---- before it begins

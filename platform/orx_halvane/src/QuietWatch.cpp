@@ -18,10 +18,12 @@ void add(ContentStamp& stamp, const QFileInfo& info) {
 
 } // namespace
 
-ContentStamp ContentStamp::of(const QString& path) {
+ContentStamp ContentStamp::of(const QString& path, const QStringList& companions) {
     ContentStamp stamp;
     const QFileInfo top(path);
     add(stamp, top);
+    for (const QString& companion : companions)
+        add(stamp, QFileInfo(companion));
     if (top.isDir()) {
         QDirIterator walk(path, QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
                           QDirIterator::Subdirectories);

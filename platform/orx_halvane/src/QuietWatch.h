@@ -2,21 +2,21 @@
 
 #include "orx_halvane_export.h"
 
-#include <QString>
+#include <QStringList>
 
 #include <chrono>
 #include <optional>
 
 namespace orx {
 
-//! What tells whether a file, or anything in a directory, was changed.
+//! What tells whether a file, or anything in a directory, was changed, or what belongs to it beside it.
 struct ORX_HALVANE_EXPORT ContentStamp {
     qint64 changedMs = 0; //!< last modification of any part, since the epoch
     qint64 bytes = 0;
     qint64 entries = 0;
     bool operator==(const ContentStamp&) const = default;
-    //! Blocks; thread: any.
-    static ContentStamp of(const QString& path);
+    //! \a companions: paths of files that count like \a path. Blocks; thread: any.
+    static ContentStamp of(const QString& path, const QStringList& companions = {});
 };
 
 //! Decides from one look to the next whether something has come to rest. Clocks of file servers differ: what

@@ -100,35 +100,58 @@ bool isCompanion(const QFileInfo& path, const Rules& rules) {
     return !owner.isEmpty() && refusalByRules(QFileInfo(owner), rules) == UploadRefusal::None;
 }
 
-//! What a look at the content says. Blocks.
+//! What a look at the content says.
 struct Content {
+    //! Or looks like one that is not whole, perhaps since it is still being written.
     bool isAcquisition = false;
     bool isMsData = false;
     bool isCompanion = false;
+    //! Of an acquisition.
+    ContentStamp stamp;
 };
 
-Content contentOf(const QString& path) {
-    // A directory of that name is any directory, whatever it holds.
-    if (FileTypes::fileMatchesAnyType(path, {FileTypes::VONK}))
-        return {QFileInfo(path).isFile(), false};
-    const bool isMsData = MsDataFileUtils::isValidMsData(path);
-    return {isMsData, isMsData};
+//! \a rules: what tells which owners of companions are taken; none for what was asked for by its name.
+//! Blocks.
+Content contentOf(const QString& path, const std::shared_ptr<const Rules>& rules) {
+    Content content;
+    QStringList companions;
+    content.isCompanion = rules && isCompanion(QFileInfo(path), *rules);
+    if (FileTypes::fileMatchesAnyType(path, {FileTypes::VONK})) {
+        // A directory of that name is any directory, whatever it holds.
+        content.isAcquisition = QFileInfo(path).isFile();
+    } else {
+        const MsDataCheck check = MsDataFileUtils::checkMsData(path);
+        content.isAcquisition = check.kind != MsDataKind::None;
+        content.isMsData = check.isValid();
+        companions = check.companions;
+    }
+    if (content.isAcquisition && !content.isCompanion)
+        content.stamp = ContentStamp::of(path, companions);
+    return content;
 }
 
-//! Whether \a path came to rest.
-QCoro::Task<bool> waitForQuiet(QString path, UploadFilters filters) {
+struct Rest {
+    Content content;
+    bool isReached = false;
+};
+
+//! Looks at \a path until it has come to rest, or the patience ends. What is known of the content is older
+//! than its stamp, so that it is that of what rests.
+QCoro::Task<Rest> comeToRest(QString path, std::shared_ptr<const Rules> rules, UploadFilters filters) {
     QuietWatch watch(filters.quietTime, filters.patience);
     QElapsedTimer clock;
     clock.start();
     for (;;) {
-        std::function<ContentStamp(const std::stop_token&)> look = [path](const std::stop_token&) {
-            return ContentStamp::of(path);
+        std::function<Content(const std::stop_token&)> look = [path, rules](const std::stop_token&) {
+            return contentOf(path, rules);
         };
-        const ContentStamp stamp = co_await onWorker<ContentStamp>(std::move(look));
-        const auto [outcome, nextIn] = watch.look(stamp, QDateTime::currentMSecsSinceEpoch(),
+        const Content content = co_await onWorker<Content>(std::move(look));
+        if (!content.isAcquisition || content.isCompanion)
+            co_return Rest{content, true};
+        const auto [outcome, nextIn] = watch.look(content.stamp, QDateTime::currentMSecsSinceEpoch(),
                                                   std::chrono::milliseconds(clock.elapsed()));
         if (outcome != QuietWatch::State::Restless)
-            co_return outcome == QuietWatch::State::Quiet;
+            co_return Rest{content, outcome == QuietWatch::State::Quiet};
         co_await delay(nextIn);
     }
 }
@@ -171,36 +194,19 @@ QCoro::Task<UploadFileInputValidation::ValidationResult>
 UploadFileInputValidation::co_validUploadPath(QFileInfo path) {
     const std::shared_ptr<const Rules> applied = rules();
     const QString file = path.absoluteFilePath();
-    std::function<Content(const std::stop_token&)> look = [path, applied, file](const std::stop_token&) {
-        Content content = contentOf(file);
-        content.isCompanion = isCompanion(path, *applied);
-        return content;
-    };
-    ValidationResult result;
-    result.isValidPath = refusalByRules(path, *applied) == UploadRefusal::None;
-    if (!result.isValidPath)
-        co_return result;
-    const Content content = co_await onWorker<Content>(std::move(look));
-    result.isValidMsData = content.isMsData;
-    result.isValidPath = !content.isCompanion;
-    if (content.isAcquisition && result.isValidPath) {
-        result.isValidPath = co_await waitForQuiet(file, applied->filters);
-        setStillWritten(file, !result.isValidPath);
-    }
-    co_return result;
+    if (refusalByRules(path, *applied) != UploadRefusal::None)
+        co_return ValidationResult{};
+    const Rest rest = co_await comeToRest(file, applied, applied->filters);
+    setStillWritten(file, !rest.isReached);
+    co_return ValidationResult{rest.isReached && !rest.content.isCompanion, rest.content.isMsData};
 }
 
-QCoro::Task<bool> UploadFileInputValidation::co_comesToRest(QFileInfo path) {
+QCoro::Task<UploadFileInputValidation::ValidationResult>
+UploadFileInputValidation::co_comesToRest(QFileInfo path) {
     const QString file = path.absoluteFilePath();
-    std::function<bool(const std::stop_token&)> look = [file](const std::stop_token&) {
-        return contentOf(file).isAcquisition;
-    };
-    const bool isAcquisition = co_await onWorker<bool>(std::move(look));
-    bool isAtRest = true;
-    if (isAcquisition)
-        isAtRest = co_await waitForQuiet(file, filters());
-    setStillWritten(file, !isAtRest);
-    co_return isAtRest;
+    const Rest rest = co_await comeToRest(file, nullptr, filters());
+    setStillWritten(file, !rest.isReached);
+    co_return ValidationResult{rest.isReached, rest.content.isMsData};
 }
 
 QString UploadFileInputValidation::explanation(UploadRefusal refusal, const QString& path) {

@@ -61,11 +61,13 @@ public:
     //! link to a file is that file.
     static bool validUploadPath(const QFileInfo& path) { return refusal(path) == UploadRefusal::None; }
     //! The same, asked asynchronously, with a look into the content; an acquisition that is still being
-    //! written is waited for first, and not valid when it does not come to rest.
+    //! written, or its companion is, is waited for first, and not valid when it does not come to rest. So is
+    //! what looks like raw data but is not whole.
     static QCoro::Task<ValidationResult> co_validUploadPath(QFileInfo path);
     //! For what somebody asked for by its name: waits for an acquisition that is still being written,
-    //! whatever the rules say of it, and tells whether it came to rest. What is no acquisition does.
-    static QCoro::Task<bool> co_comesToRest(QFileInfo path);
+    //! whatever the rules say of it. The path is valid when it came to rest, or is no acquisition; whether it
+    //! is raw data is told as of the end of the wait.
+    static QCoro::Task<ValidationResult> co_comesToRest(QFileInfo path);
     //! Why the path is not valid; StillWritten from when a coroutine said so until it says otherwise.
     static UploadRefusal refusal(const QFileInfo& path);
     //! One sentence for people that names the path; empty for None.

@@ -2,6 +2,8 @@
 #include <Task.h>
 #include <UploadFileInputValidation.h>
 
+#include <FullPool.h>
+
 #include <gtest/gtest.h>
 
 #include <QDateTime>
@@ -65,6 +67,17 @@ Validation::ValidationResult UploadInput::check(const QString& path) {
     return task.result;
 }
 
+//! Imaging data, which is whole with the companion beside it.
+QByteArray imagingDocument() {
+    return R"(<?xml version="1.0"?><mzML version="1.1"><fileDescription><fileContent>)"
+           R"(<cvParam cvRef="IMS" accession="IMS:1000080" name="uuid" value="{12345678-1234-1234-1234-123456789abc}"/>)"
+           R"(</fileContent></fileDescription><run id="r"><spectrumList count="0"/></run></mzML>)";
+}
+
+QByteArray imagingCompanion() {
+    return QByteArray::fromHex("12345678123412341234123456789abc");
+}
+
 QByteArray spectra() {
     return "BEGIN IONS\nTITLE=1\nPEPMASS=500.5\nCHARGE=2+\n100.1 5\n200.2 7\nEND IONS\n";
 }
@@ -72,13 +85,9 @@ QByteArray spectra() {
 } // namespace
 
 TEST_F(UploadInput, ACompanionGoesUpWithTheRawDataBesideItAndAloneWithoutIt) {
-    const QByteArray document =
-        R"(<?xml version="1.0"?><mzML version="1.1"><fileDescription><fileContent>)"
-        R"(<cvParam cvRef="IMS" accession="IMS:1000080" name="uuid" value="{12345678-1234-1234-1234-123456789abc}"/>)"
-        R"(</fileContent></fileDescription><run id="r"><spectrumList count="0"/></run></mzML>)";
-    const QString binary = make(u"tissue.ibd"_qs, QByteArray::fromHex("12345678123412341234123456789abc"));
+    const QString binary = make(u"tissue.ibd"_qs, imagingCompanion());
     EXPECT_EQ(refusal(binary), UploadRefusal::None);
-    const QString imaging = make(u"tissue.imzML"_qs, document);
+    const QString imaging = make(u"tissue.imzML"_qs, imagingDocument());
     EXPECT_EQ(refusal(binary), UploadRefusal::Companion);
     EXPECT_FALSE(check(binary).isValidPath);
     EXPECT_EQ(refusal(imaging), UploadRefusal::None);
@@ -238,6 +247,50 @@ TEST_F(UploadInput, AnAcquisitionThatDoesNotComeToRestIsLeftOutAndSaysSo) {
     EXPECT_TRUE(check(make(QStringLiteral("notes.txt"), "text", QDateTime::currentDateTime())).isValidPath);
 }
 
+TEST_F(UploadInput, AnAcquisitionWhoseCompanionStillGrowsHasNotComeToRest) {
+    UploadFilters filters;
+    filters.quietTime = std::chrono::hours(1);
+    filters.patience = 0ms;
+    Validation::setFilters(filters);
+    const QString imaging = make(u"tissue.imzML"_qs, imagingDocument());
+    (void)make(u"tissue.ibd"_qs, imagingCompanion(), QDateTime::currentDateTime());
+    EXPECT_FALSE(check(imaging).isValidPath);
+    EXPECT_EQ(refusal(imaging), UploadRefusal::StillWritten);
+    (void)make(u"tissue.ibd"_qs, imagingCompanion());
+    EXPECT_TRUE(check(imaging).isValidPath);
+    EXPECT_EQ(refusal(imaging), UploadRefusal::None);
+}
+
+TEST_F(UploadInput, WhatLooksLikeRawDataAndIsNotWholeIsWaitedForToo) {
+    UploadFilters filters;
+    filters.quietTime = std::chrono::hours(1);
+    filters.patience = 0ms;
+    Validation::setFilters(filters);
+    const QString imaging = make(u"tissue.imzML"_qs, imagingDocument(), QDateTime::currentDateTime());
+    EXPECT_FALSE(check(imaging).isValidPath) << "its companion may be about to come";
+    (void)make(u"tissue.imzML"_qs, imagingDocument());
+    const auto incomplete = check(imaging);
+    EXPECT_TRUE(incomplete.isValidPath);
+    EXPECT_FALSE(incomplete.isValidMsData);
+}
+
+TEST_F(UploadInput, WhatItIsIsToldAsOfTheEndOfTheWait) {
+    UploadFilters filters;
+    filters.quietTime = 1ms;
+    filters.patience = std::chrono::hours(1);
+    Validation::setFilters(filters);
+    // By a clock that is ahead: it counts that it stays the same, and the first look never says so.
+    CheckTask task(make(u"tissue.imzML"_qs, imagingDocument(), QDateTime::currentDateTime().addDays(1)));
+    task.exec();
+    {
+        const probes::FullPool behindTheFirstLook;
+        (void)make(u"tissue.ibd"_qs, imagingCompanion());
+    }
+    EXPECT_FALSE(task.waitForFinished(60'000).hasError());
+    EXPECT_TRUE(task.result.isValidPath);
+    EXPECT_TRUE(task.result.isValidMsData);
+}
+
 TEST_F(UploadInput, AnAcquisitionThatComesToRestIsTaken) {
     UploadFilters filters;
     filters.quietTime = 1ms;
@@ -274,6 +327,21 @@ TEST_F(UploadInput, TheStampOfADirectoryTellsEveryChangeInIt) {
     EXPECT_EQ(first.entries, 3);
     (void)make(QStringLiteral("run.d/inner/data.bin"), "12345", old);
     EXPECT_NE(first, ContentStamp::of(directory));
+}
+
+TEST_F(UploadInput, TheStampOfAFileTellsEveryChangeOfItsCompanions) {
+    const QString path = make(QStringLiteral("run.wiff"), "1234");
+    const QStringList companions{make(QStringLiteral("run.wiff.scan"), "12")};
+    const ContentStamp first = ContentStamp::of(path, companions);
+    EXPECT_EQ(first, ContentStamp::of(path, companions));
+    EXPECT_EQ(first.bytes, 6);
+    EXPECT_EQ(first.entries, 2);
+    (void)make(QStringLiteral("run.wiff.scan"), "123");
+    const ContentStamp grown = ContentStamp::of(path, companions);
+    EXPECT_NE(first, grown);
+    const QDateTime later = QDateTime::currentDateTime().addDays(1);
+    (void)make(QStringLiteral("run.wiff.scan"), "123", later);
+    EXPECT_EQ(ContentStamp::of(path, companions).changedMs, later.toMSecsSinceEpoch());
 }
 
 TEST(QuietWatching, WhatIsOldIsQuietAtOnce) {
