@@ -1,15 +1,11 @@
 // Room is asked for beforehand, less what an interrupted run left, under whatever name that is and also when
 // the cache could not be used after all.
-#include "CacheDownloads.h"
+#include "ItemDownloads.h"
 
-#include <ContentHash.h>
 #include <DownloadNames.h>
 #include <HalvaneAcknowledgedContents.h>
 #include <HalvaneError.h>
-#include <ItemDownloadTask.h>
 #include <ResourceManager.h>
-#include <Vonk.h>
-#include <VonkPacker.h>
 
 #include <atomic>
 #include <cerrno>
@@ -51,9 +47,8 @@ using halvane::host::ClashAnswerer;
 using halvane::host::DownloadedFile;
 using halvane::host::IfExists;
 using halvane::host::ItemDownloadTask;
-using halvane::host::RemoteItem;
 
-class DownloadRoom : public CacheDownloads {
+class DownloadRoom : public ItemDownloads {
 protected:
     static constexpr qsizetype size = 2000;
 
@@ -63,21 +58,6 @@ protected:
         while (bytes.size() < size)
             bytes += QByteArray::number(bytes.size()) + ' ';
         return bytes.left(size);
-    }
-    ItemDownloadTask::Wanted wanted(const QString& name, const QByteArray& content, bool useCache) const {
-        ItemDownloadTask::Wanted file;
-        file.item.type = RemoteItem::ItemType::File;
-        file.item.id = makeFile(name, content);
-        file.item.version = 1;
-        file.item.name = name;
-        file.item.size = content.size();
-        ContentHash hash;
-        hash.add(content.constData(), content.size());
-        file.item.sha256 = QString::fromLatin1(hash.hexDigest());
-        file.directory = at(QString());
-        file.name = name;
-        file.useCache = useCache;
-        return file;
     }
     Error get(const ItemDownloadTask::Wanted& file, IfExists policy = IfExists::Fail) {
         ClashAnswerer answerer(policy);
@@ -89,30 +69,6 @@ protected:
     //! As an interrupted run leaves it: the first bytes.
     void leave(const QString& relative, const QByteArray& content, qsizetype bytes) const {
         put(relative, content.left(bytes));
-    }
-    //! A packed directory of one file that cannot be compressed.
-    QByteArray packedRun(qsizetype held) const {
-        const QTemporaryDir dir;
-        EXPECT_TRUE(QDir(dir.path()).mkpath(text("run.d")));
-        QFile fid(dir.filePath(text("run.d/fid")));
-        EXPECT_TRUE(fid.open(QIODevice::WriteOnly));
-        QByteArray bytes;
-        for (quint64 i = 0; bytes.size() < held; ++i)
-            bytes += QByteArray::fromHex(sha256(QByteArray::number(i)));
-        fid.write(bytes.left(held));
-        fid.close();
-        vonk::PackInput input;
-        input.path = dir.filePath(text("run.d"));
-        const auto packed = vonk::VonkPacker::pack(input, dir.filePath(text("run.d.vonk")));
-        EXPECT_TRUE(packed) << qPrintable(packed.errorMessage());
-        QFile file(dir.filePath(text("run.d.vonk")));
-        EXPECT_TRUE(file.open(QIODevice::ReadOnly));
-        return file.readAll();
-    }
-    static QByteArray sha256(const QByteArray& content) {
-        ContentHash hash;
-        hash.add(content.constData(), content.size());
-        return hash.hexDigest();
     }
     static bool isNoRoom(const Error& error) {
         return error.is(ErrorCode::StorageFull) || error.is(ErrorDomain::OperatingSystem, ENOSPC);

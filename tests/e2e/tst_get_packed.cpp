@@ -100,6 +100,7 @@ protected:
         EXPECT_EQ(local(path + "/acqu"), "parameters");
         EXPECT_TRUE(local(path + "/data/fid") == fid);
     }
+    QString stagingDir() const { return QString("out/.run.d.vonk-unpacked.halvane-part-%1-1").arg(runId()); }
     int runId() const {
         return client.mustRun({"--json", "info", "/packed/run.d.vonk"}).object()["id"].toInt();
     }
@@ -409,9 +410,8 @@ TEST_F(GetPacked, WhatWasPlacedByHalfIsCompletedWithoutBeingFetchedAgain) {
 TEST_F(GetPacked, WhatAKilledRunLeftUnpackedIsNotWrittenThoughTheTargetsFilesAreTheSame) {
     makeOut();
     ASSERT_EQ(getRun({"--no-cache"}).exitCode, 0);
-    const QString staging = QString("out/.run.d.vonk-unpacked.halvane-part-%1-1").arg(runId());
     const auto leaveLinks = [&] {
-        const QString content = staging + "/run.d.vonk/content/run.d";
+        const QString content = stagingDir() + "/run.d.vonk/content/run.d";
         ASSERT_TRUE(QDir().mkpath(client.path(content + "/data/empty")));
         for (const QString name : {"/acqu", "/data/fid"})
             ASSERT_EQ(::link(QFile::encodeName(client.path("out/run.d" + name)).constData(),
@@ -431,6 +431,56 @@ TEST_F(GetPacked, WhatAKilledRunLeftUnpackedIsNotWrittenThoughTheTargetsFilesAre
     EXPECT_EQ(client.filesIn("out"), (QStringList{"mine", "run.d"}));
     EXPECT_EQ(local("out/mine"), "PARAMETERS");
     expectRunAt("out/run.d");
+}
+
+// It is held when the reply with the content is: what it has unpacked lies there without any other lock, too.
+TEST_F(GetPacked, WhatARunWithoutTheCacheWorksInIsNotRemovedByAnotherRun) {
+    FaultProxy proxy("127.0.0.1", server.port());
+    ASSERT_TRUE(client.login(QUrl(QString::fromStdString(proxy.url()))));
+    makeOut();
+    // Behind what is read to learn what the packed file holds.
+    const auto held = proxy.holdReply({"GET", ".*/content", 2});
+    const auto process = client.start({"--json", "get", "/packed/run.d.vonk", "--to", "out", "--no-cache"});
+    held->waitUntilAnswered();
+    const QStringList arrived = client.filesIn(stagingDir());
+    EXPECT_GE(arrived.size(), 2) << "its lock, and what comes";
+
+    const Outcome busy = getRun({"--no-cache"});
+    EXPECT_NE(busy.exitCode, 0);
+    EXPECT_EQ(busy.object()["error"], "Busy");
+    EXPECT_THAT(busy.object()["message"].toString().toStdString(), HasSubstr("is being downloaded already"));
+    EXPECT_EQ(getRun().object()["outcome"], "downloaded");
+    for (const QStringList& cache : {QStringList{}, QStringList{"--no-cache"}}) {
+        EXPECT_EQ(getRun(cache).object()["outcome"], "unchanged");
+        EXPECT_EQ(client.filesIn(stagingDir()), arrived);
+    }
+    held->release();
+    const Outcome outcome = Client::finish(*process);
+    EXPECT_EQ(outcome.exitCode, 0) << outcome.err.constData();
+    EXPECT_EQ(outcome.object()["outcome"], "unchanged");
+    EXPECT_EQ(client.filesIn("out"), QStringList{"run.d"});
+    expectRunAt("out/run.d");
+}
+
+TEST_F(GetPacked, WhatAnEarlierRunLeftIsRemovedByRunsWithoutTheCacheOnly) {
+    makeOut();
+    ASSERT_EQ(getRun().exitCode, 0);
+    ASSERT_TRUE(QDir().mkpath(client.path(stagingDir() + "/run.d.vonk/content")));
+    EXPECT_EQ(getRun().object()["outcome"], "unchanged");
+    EXPECT_TRUE(QFileInfo(client.path(stagingDir())).isDir());
+    EXPECT_EQ(getRun({"--no-cache"}).object()["outcome"], "unchanged");
+    EXPECT_EQ(client.filesIn("out"), QStringList{"run.d"});
+}
+
+TEST_F(GetPacked, WhatCannotBeRemovedOfAnEarlierRunIsAWarning) {
+    makeOut();
+    ASSERT_EQ(getRun().exitCode, 0);
+    ASSERT_TRUE(QFile::link(client.path("elsewhere"), client.path(stagingDir())));
+    const Outcome outcome = getRun({"--no-cache"});
+    EXPECT_EQ(outcome.exitCode, 0);
+    EXPECT_EQ(outcome.object()["outcome"], "unchanged");
+    EXPECT_THAT(outcome.err.toStdString(), HasSubstr("could not be removed"));
+    EXPECT_THAT(outcome.err.toStdString(), HasSubstr(stagingDir().toStdString()));
 }
 
 // Writers sort them, and readers do not ask for it; an upgrade keeps the order.

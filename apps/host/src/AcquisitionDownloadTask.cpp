@@ -4,6 +4,7 @@
 #include "DownloadSteps.h"
 #include "ErrorText.h"
 #include "Resources.h"
+#include "StagingDirectory.h"
 #include "UnpackedCheck.h"
 
 #include <DownloadNames.h>
@@ -50,17 +51,13 @@ QString numbered(const QString& name, int number) {
     return orx::FileUtils::freeName(name, [&passed, number](const QString&) { return passed++ < number; });
 }
 
-Error removeStaging(const QString& path) {
-    if (!QFileInfo::exists(path) || QDir(path).removeRecursively())
+//! A file that could not be unpacked stays: it need not be fetched again.
+Error removeOther(const QString& unpacked) {
+    if (!QFileInfo(unpacked).isDir() || QDir(unpacked).removeRecursively())
         return {};
     return Error(
         ErrorCode::FileNotWritable,
-        QStringLiteral("The directory \"%1\" could not be removed; it is needed no more.").arg(path));
-}
-
-//! A file that could not be unpacked stays: it need not be fetched again.
-Error removeOther(const QString& unpacked) {
-    return QFileInfo(unpacked).isDir() ? removeStaging(unpacked) : Error();
+        QStringLiteral("The directory \"%1\" is in the way and could not be removed.").arg(unpacked));
 }
 
 } // namespace
@@ -135,9 +132,12 @@ void AcquisitionDownloadTask::onParts(const QList<Part>& parts) {
     }
     m_usesCache = mayUseCache(m_size);
     // The name on the server may be none that a file here can have; the one of the target is.
-    m_stagingDir = m_wanted.directory + u'/' +
-                   orx::DownloadNames::partialName(m_wanted.name + QStringLiteral("-unpacked"),
-                                                   m_wanted.item.id, m_wanted.item.version);
+    const auto nameOf = [this](const QString& stem) {
+        return orx::DownloadNames::partialName(stem, m_wanted.item.id, m_wanted.item.version);
+    };
+    m_staging = std::make_shared<StagingDirectory>(m_wanted.directory + u'/' +
+                                                       nameOf(m_wanted.name + QStringLiteral("-unpacked")),
+                                                   nameOf(m_wanted.name + QStringLiteral("-lock")));
     look([this] { onCompared(); });
 }
 
@@ -356,13 +356,33 @@ Error AcquisitionDownloadTask::checkRoom() const {
 void AcquisitionDownloadTask::endAs(Outcome outcome) {
     m_result.outcome = outcome;
     m_result.path = targetPaths().first();
-    m_result.warnings = error().warnings();
-    // Also of a run that was killed when everything was in its place.
-    if (outcome != Outcome::Skipped || m_usesStaging)
-        execSubtask(workerStep(QStringLiteral("RemoveStaging"),
-                               [path = m_stagingDir] { return removeStaging(path); }));
-    if (outcome != Outcome::Skipped)
-        recordVersion(targetPaths());
+    const auto onRemoved = [this] {
+        m_result.warnings = error().warnings();
+        if (m_result.outcome != Outcome::Skipped)
+            recordVersion(targetPaths());
+    };
+    // An earlier run without the cache may have been killed when everything was in its place.
+    if (m_staging->isHeld() || (!m_usesCache && outcome != Outcome::Skipped))
+        removeStaging(onRemoved);
+    else
+        onRemoved();
+}
+
+// What this run had no part in is no failure of it.
+void AcquisitionDownloadTask::removeStaging(const Next& next) {
+    if (m_staging->isHeld()) {
+        execSubtask(
+            workerStep(QStringLiteral("RemoveStaging"), [staging = m_staging] { return staging->remove(); }),
+            [next](BaseTask*) { next(); });
+        return;
+    }
+    execSubtask(
+        workerStep(QStringLiteral("RemoveStaging"), [staging = m_staging] { return staging->removeLeft(); }),
+        [next](BaseTask*) { next(); },
+        [this, next](BaseTask* step) {
+            addWarning(errorText(step->error()));
+            next();
+        });
 }
 
 // ---- the content
@@ -466,17 +486,19 @@ void AcquisitionDownloadTask::fetchWithoutCache(const Error& cause) {
 // ---- without the cache
 
 void AcquisitionDownloadTask::fetchDirectly() {
-    m_usesStaging = true;
-    const QString contentDir = contentOf(unpackedPath());
-    compareMissing(contentDir, 0, [this, contentDir](bool isSame) {
-        if (isSame)
-            return place(contentDir);
-        unpackHere();
-    });
+    execSubtask(workerStep(QStringLiteral("HoldStaging"), [staging = m_staging] { return staging->hold(); }),
+                [this](BaseTask*) {
+                    const QString contentDir = contentOf(unpackedPath());
+                    compareMissing(contentDir, 0, [this, contentDir](bool isSame) {
+                        if (isSame)
+                            return place(contentDir);
+                        unpackHere();
+                    });
+                });
 }
 
 QString AcquisitionDownloadTask::unpackedPath() const {
-    return m_stagingDir + u'/' + m_wanted.name;
+    return m_staging->path() + u'/' + m_wanted.name;
 }
 
 void AcquisitionDownloadTask::unpackHere() {
@@ -484,19 +506,16 @@ void AcquisitionDownloadTask::unpackHere() {
     const int id = m_wanted.item.id;
     const int version = m_wanted.item.version;
     const QString packed = Names::packedName(m_wanted.name, id, version);
-    const QStringList arrived{m_stagingDir + u'/' + packed,
-                              m_stagingDir + u'/' + Names::partialName(packed, id, version)};
-    const QString unpacked = m_stagingDir + u'/' + Names::unpackedName(m_wanted.name, id, version);
-    execSubtask(workerStep(QStringLiteral("MakeStaging"),
-                           [path = m_stagingDir, target = targetPath(m_parts.first()), arrived, unpacked,
-                            other = unpackedPath(), size = m_wanted.item.size, content = m_size]() -> Error {
+    const QDir staging(m_staging->path());
+    const QStringList arrived{staging.filePath(packed),
+                              staging.filePath(Names::partialName(packed, id, version))};
+    const QString unpacked = staging.filePath(Names::unpackedName(m_wanted.name, id, version));
+    execSubtask(workerStep(QStringLiteral("PrepareStaging"),
+                           [target = targetPath(m_parts.first()), arrived, unpacked, other = unpackedPath(),
+                            size = m_wanted.item.size, content = m_size]() -> Error {
                                // A part of it may be in the target already, or be the same file as one there:
                                // it is never written, and gives its room.
                                ORX_RETURN_ON_ERROR(removeOther(other));
-                               if (!QFileInfo(path).isDir() && !QDir().mkdir(path))
-                                   return Error(
-                                       ErrorCode::FileNotWritable,
-                                       QStringLiteral("The directory \"%1\" could not be made.").arg(path));
                                qint64 rest = size;
                                for (const QString& file : arrived)
                                    rest -= QFileInfo(file).size();
@@ -514,7 +533,7 @@ void AcquisitionDownloadTask::downloadHere() {
         return finish(reference.error());
     orx::HalvaneFileDownloadParameters parameters;
     parameters.reference = reference.value();
-    parameters.targetDir = QDir(m_stagingDir);
+    parameters.targetDir = QDir(m_staging->path());
     parameters.targetName = m_wanted.name;
     auto task = orx::HalvaneDownloadFileTaskCreator::create(parameters);
     connect(task.get(), &BaseTask::progressInitiated, this, &BaseTask::progressInitiated);
@@ -523,11 +542,8 @@ void AcquisitionDownloadTask::downloadHere() {
         if (QFileInfo(unpackedPath()).isDir())
             return place(contentOf(unpackedPath()));
         // Its end reads well, the rest does not.
-        execSubtask(workerStep(QStringLiteral("RemoveStaging"),
-                               [path = m_stagingDir] { return removeStaging(path); }),
-                    [this](BaseTask*) {
-                        fetchAsFile(Error(ErrorCode::ParseError, QStringLiteral("it is damaged.")));
-                    });
+        removeStaging(
+            [this] { fetchAsFile(Error(ErrorCode::ParseError, QStringLiteral("it is damaged."))); });
     });
 }
 
@@ -566,6 +582,10 @@ void AcquisitionDownloadTask::copy(const QString& contentDir, const QStringList&
         if (!part.isSame)
             placing.names.append({part.name, part.as});
     }
+    if (isAnswered())
+        placing.mayReplace = [stamps = seenStamps()](const QString& path) {
+            return stampOfPlace(path) == stamps.value(path);
+        };
     execSubtask(
         workerStep(QStringLiteral("PlaceContent"), [placing] { return placing.run(); }),
         [this, paths](BaseTask*) {
@@ -580,16 +600,41 @@ void AcquisitionDownloadTask::copy(const QString& contentDir, const QStringList&
         });
 }
 
+bool AcquisitionDownloadTask::isAnswered() const {
+    return m_mayOverwrite && m_answerer.policy() == IfExists::Ask;
+}
+
+QHash<QString, QByteArray> AcquisitionDownloadTask::seenStamps() const {
+    QHash<QString, QByteArray> stamps;
+    for (const Part& part : m_parts)
+        stamps.insert(QDir::cleanPath(targetPath(part)), part.stamp);
+    return stamps;
+}
+
 void AcquisitionDownloadTask::onNotPlaced(const Error& error) {
     if (isCanceled())
         return finish(error);
     if (error.is(ErrorCode::AlreadyExists) && !m_mayOverwrite)
         return look([this] { onCompared(); });
-    const bool isOfCache = error.is(ErrorCode::NotFound) || error.is(ErrorCode::FileNotReadable) ||
-                           error.is(ErrorCode::FileChanged);
-    if (m_usesCache && isOfCache)
+    if (error.is(ErrorCode::FileChanged) && isAnswered()) {
+        // It may tell where something was kept.
+        addWarning(errorText(error));
+        return look([this] { onCompared(); });
+    }
+    if (m_usesCache && error.is(ErrorCode::FileChanged))
+        return onChanged(error);
+    if (m_usesCache && (error.is(ErrorCode::NotFound) || error.is(ErrorCode::FileNotReadable)))
         return fetchWithoutCache(error);
     finish(error);
+}
+
+// Either what is in the cache or the target.
+void AcquisitionDownloadTask::onChanged(const Error& error) {
+    const auto cached = m_handler->expectedPath();
+    if (cached.hasError())
+        return fetchWithoutCache(error);
+    compareContent(contentOf(cached->toString()),
+                   [this, error](bool isSame) { isSame ? finish(error) : fetchWithoutCache(error); });
 }
 
 } // namespace halvane::host

@@ -8,6 +8,7 @@
 
 namespace halvane::host {
 
+class StagingDirectory;
 class UnpackedCheck;
 
 //! Brings a packed acquisition as the files and directories that it holds. What they are, with checksums, it
@@ -87,6 +88,8 @@ private:
     //! For a copy out of the cache.
     orx::Error checkRoom() const;
     void endAs(DownloadedFile::Outcome outcome);
+    //! Goes on to \a next.
+    void removeStaging(const Next& next);
 
     void fetch();
     //! Of the unpacked copy in the cache, as they were when it came.
@@ -105,7 +108,12 @@ private:
     void downloadHere();
     void place(const QString& contentDir);
     void copy(const QString& contentDir, const QStringList& paths);
+    //! Whether somebody said of what was shown that it may be overwritten, and of nothing else.
+    bool isAnswered() const;
+    //! By the path of each part.
+    QHash<QString, QByteArray> seenStamps() const;
     void onNotPlaced(const orx::Error& error);
+    void onChanged(const orx::Error& error);
     //! What lies in \a contentDir under its own names.
     void compareContent(const QString& contentDir, const Compared& next);
     //! What is still to be placed of it; \a from is the first part that was not compared.
@@ -117,9 +125,8 @@ private:
     //! As they are in the acquisition, below "content".
     QList<orx::vonk::VonkEntry> m_entries;
     QList<Part> m_parts;
-    //! Beside the target; what an earlier run left may be in it.
-    QString m_stagingDir;
-    bool m_usesStaging = false;
+    //! Beside the target; held as soon as this run uses it, and what an earlier run left may be in it.
+    std::shared_ptr<StagingDirectory> m_staging;
     bool m_usesCache = true;
     //! Another content that somebody pinned makes way.
     bool m_replacesPinned = false;

@@ -6,6 +6,7 @@
 #include <DirectoryMerge.h>
 #include <FilePlace.h>
 
+#include <QDir>
 #include <QFile>
 
 #include <cerrno>
@@ -21,6 +22,11 @@ namespace {
 
 Error taken(const QString& path) {
     return Error(ErrorCode::AlreadyExists, QStringLiteral("\"%1\" exists already.").arg(path));
+}
+
+Error changed(const QString& path) {
+    return Error(ErrorCode::FileChanged,
+                 QStringLiteral("\"%1\" changed while what is to replace it was fetched.").arg(path));
 }
 
 } // namespace
@@ -39,6 +45,7 @@ Error ContentPlacing::run() const {
     });
     const auto policy =
         overwrites ? FileUtils::DuplicateFilesPolicy::Overwrite : FileUtils::DuplicateFilesPolicy::Refuse;
+    const orx::ReplaceGuard::Scope guarded(mayReplace);
     return FileUtils::tryCopyFiles(
         contentDir, targetDir,
         FileUtils::CopyFilesOptions(FileUtils::CopyFilesOptions::RecursionPolicy::Recursive, policy),
@@ -65,6 +72,8 @@ Error ContentPlacing::moveOne(const QString& source, const QString& target) cons
             return taken(target);
         if (QFileInfo(source).isDir())
             return orx::DirectoryMerge::run(source, target, {.filter = {}, .mayLinkSource = true});
+        if (mayReplace && !mayReplace(QDir::cleanPath(target)))
+            return changed(target);
         failure = std::rename(from.constData(), to.constData()) == 0 ? 0 : errno;
     }
     if (failure == EISDIR)

@@ -3,6 +3,7 @@
 #include "halvane_host_export.h"
 
 #include <FileUtils.h>
+#include <ReplaceGuard.h>
 
 namespace halvane::host {
 
@@ -15,6 +16,9 @@ struct HALVANE_HOST_EXPORT ContentPlacing {
     //! Files are replaced, and directories joined, each in one step (see DirectoryMerge); else
     //! ErrorCode::AlreadyExists when one is there.
     bool overwrites = false;
+    //! With overwrites: asked of each file that is about to be replaced; false: ErrorCode::FileChanged. None:
+    //! it may. What changes of a directory while its successor is made keeps it from being replaced anyway.
+    orx::ReplaceGuard::MayReplace mayReplace = {};
     //! The content is on the file system of the target, flushed, and needed no more: it may be moved, which
     //! takes no room.
     bool mayMove = false;

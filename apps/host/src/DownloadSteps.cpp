@@ -1,13 +1,17 @@
 #include "DownloadSteps.h"
 
+#include <HeldFile.h>
+
 #include <QCryptographicHash>
 #include <QDirIterator>
 #include <QFile>
 
 #include <algorithm>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <unistd.h>
 
 namespace halvane::host {
 
@@ -118,6 +122,13 @@ qint64 bytesIn(const QString& path) {
         bytes += it.fileInfo().isSymLink() ? 0 : it.fileInfo().size();
     }
     return bytes;
+}
+
+void removePartial(const QString& path) {
+    orx::HeldFile file;
+    const QByteArray name = QFile::encodeName(path);
+    if (file.open(AT_FDCWD, name, orx::HeldFile::Missing::Fail) == 0 && file.isLocked())
+        ::unlink(name.constData());
 }
 
 std::unique_ptr<orx::BaseTask> workerStep(const QString& name, orx::WorkerStepTask::Job job) {

@@ -30,6 +30,10 @@ QByteArray stampOfPlace(const QString& path);
 //! Of the files in the directory \a path, hidden ones and those further down included; 0 when there is none.
 qint64 bytesIn(const QString& path);
 
+//! Removes the partial file \a path, which nobody wants any more; not one that another download has open.
+//! Where that fails it stays for a later run.
+void removePartial(const QString& path);
+
 std::unique_ptr<orx::BaseTask> workerStep(const QString& name, orx::WorkerStepTask::Job job);
 
 } // namespace halvane::host

@@ -11,6 +11,7 @@
 #include <HalvaneConnection.h>
 #include <HalvaneDownloadFileTask.h>
 #include <RemoteResourceHandler.h>
+#include <ReplaceGuard.h>
 #include <tasks/HalvaneDownloadFileCacheTask.h>
 
 #include <QDir>
@@ -218,7 +219,7 @@ void FileDownloadTask::endAs(Outcome outcome) {
     // Nobody wants it any more. Where this fails it stays for a later run.
     if (!m_leftPartial.isEmpty())
         execSubtask(workerStep(QStringLiteral("RemovePartial"), [path = m_leftPartial]() -> Error {
-            QFile::remove(path);
+            removePartial(path);
             return {};
         }));
 }
@@ -289,9 +290,19 @@ void FileDownloadTask::copy() {
                     onClash(names, {}, *task, *newNames);
                 });
     }
+    if (m_mayOverwrite && m_answerer.policy() != IfExists::Overwrite)
+        guard(*task);
     execSubtask(
         std::unique_ptr<BaseTask>(task), [this, task](BaseTask*) { onCopied(*task); },
         [this](BaseTask* ended) { onNotCopied(ended->error()); });
+}
+
+// An answer holds for what was shown, also when that changes while the copy is made.
+void FileDownloadTask::guard(HalvaneDownloadFileCacheTask& task) {
+    orx::ReplaceGuard::attach(task, [this, seen = m_seenStamp](const QString& path) {
+        m_isToBeAsked = stampOfPlace(path) != seen;
+        return !m_isToBeAsked;
+    });
 }
 
 // What came to the target while the content was fetched. All names of one file get the decision that the

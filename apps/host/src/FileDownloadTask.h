@@ -58,6 +58,7 @@ private:
     void fetchThroughCache();
     void place();
     void copy();
+    void guard(orx::HalvaneDownloadFileCacheTask& task);
     void onCopied(orx::HalvaneDownloadFileCacheTask& task);
     void onNotCopied(const orx::Error& error);
     void explain(const orx::Error& error);
@@ -79,7 +80,7 @@ private:
     QByteArray m_seenStamp;
     //! The partial file that was fetched directly before something else came to the target.
     QString m_leftPartial;
-    //! What was answered to the plug-in's question.
+    //! What was answered to the plug-in's questions.
     bool m_isToBeAsked = false;
     bool m_skipped = false;
     orx::Error m_refusal;

@@ -80,6 +80,21 @@ TEST_P(ContentPlacingTest, OverwritingReplacesFilesAndKeepsTheOthersOfADirectory
     EXPECT_EQ(read(QStringLiteral("out/run.d/sub/run.txt")), "inner");
 }
 
+TEST_P(ContentPlacingTest, AFileThatMayNotBeReplacedAfterAllStays) {
+    write(QStringLiteral("out/run.txt"), "old");
+    placing.overwrites = true;
+    QStringList asked;
+    placing.mayReplace = [&asked](const QString& path) {
+        asked.append(path);
+        return false;
+    };
+    EXPECT_TRUE(placing.run().is(ErrorCode::FileChanged));
+    EXPECT_EQ(asked, QStringList{at(QStringLiteral("out/run.txt"))});
+    EXPECT_EQ(read(QStringLiteral("out/run.txt")), "old");
+    EXPECT_EQ(read(QStringLiteral("out/run.d/a")), "a") << "nothing was there";
+    EXPECT_EQ(names(QStringLiteral("out")).size(), 2);
+}
+
 TEST_P(ContentPlacingTest, AMissingTargetIsAnErrorThatNamesIt) {
     placing.targetDir = at(QStringLiteral("out/run.txt/nowhere"));
     write(QStringLiteral("out/run.txt"), "a file");

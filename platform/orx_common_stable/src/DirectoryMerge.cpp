@@ -2,6 +2,7 @@
 
 #include "AtomicFile.h"
 #include "FilePlace.h"
+#include "MountPoints.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -19,6 +20,7 @@
 #include <sys/sysmacros.h>
 #include <sys/xattr.h>
 #include <unistd.h>
+#include <utility>
 
 namespace orx {
 
@@ -193,18 +195,18 @@ private:
         return checkNoMounts(m_target, info.st_dev);
     }
 
-    static Error checkNoMounts(const QByteArray& path, dev_t device) {
+    Error checkNoMounts(const QByteArray& path, dev_t device) {
         struct statx info = {};
         if (::statx(AT_FDCWD, path.constData(), AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT, STATX_TYPE, &info) !=
             0)
             return failure("Could not look at \"%1\"", path);
-        if ((info.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0 ||
-            makedev(info.stx_dev_major, info.stx_dev_minor) != device)
-            return refused(
-                ErrorCode::FileNotWritable,
-                "\"%1\" is a mount point or another volume, which cannot be replaced together with "
-                "the directory that it is in.",
-                path);
+        if ((info.stx_attributes_mask & STATX_ATTR_MOUNT_ROOT) == 0)
+            ORX_RETURN_ON_ERROR(checkMountPoints());
+        // A file need not have the number of its directory (overlayfs), but another file system has its own.
+        const bool isElsewhere =
+            S_ISDIR(info.stx_mode) && makedev(info.stx_dev_major, info.stx_dev_minor) != device;
+        if (isElsewhere || (info.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0)
+            return mounted(path);
         if (!S_ISDIR(info.stx_mode))
             return {};
         const Result<QList<QByteArray>> names = namesIn(path);
@@ -213,6 +215,29 @@ private:
         for (const QByteArray& name : *names)
             ORX_RETURN_ON_ERROR(checkNoMounts(path + '/' + name, device));
         return {};
+    }
+
+    //! For a kernel that does not tell it of each entry.
+    Error checkMountPoints() {
+        if (std::exchange(m_knowsMountPoints, true))
+            return {};
+        const QString list = QStringLiteral("/proc/self/mountinfo");
+        QFile file(list);
+        if (!file.open(QIODevice::ReadOnly))
+            return refused(ErrorCode::FileNotWritable,
+                           "\"%1\" cannot be replaced: nothing tells whether anything is mounted in it.",
+                           m_target);
+        const QByteArray target =
+            QFile::encodeName(QFileInfo(QFile::decodeName(m_target)).canonicalFilePath());
+        const QByteArray point = MountPoints(file.readAll()).within(target);
+        return point.isEmpty() ? Error() : mounted(point);
+    }
+
+    static Error mounted(const QByteArray& path) {
+        return refused(ErrorCode::FileNotWritable,
+                       "\"%1\" is a mount point or another volume, which cannot be replaced together with "
+                       "the directory that it is in.",
+                       path);
     }
 
     // Nothing here asks for permission once more when the names are exchanged.
@@ -431,6 +456,7 @@ private:
     const DirectoryMerge::Options& m_options;
     //! By path below the target.
     QHash<QByteArray, Seen> m_seen;
+    bool m_knowsMountPoints = false;
 };
 
 QByteArray encoded(const QString& path) {

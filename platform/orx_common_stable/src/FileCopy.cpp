@@ -4,6 +4,7 @@
 #include "DirectoryFlushes.h"
 #include "FilePlace.h"
 #include "NewFile.h"
+#include "ReplaceGuard.h"
 #include "Result.h"
 
 #include <QCoreApplication>
@@ -61,6 +62,9 @@ Error writeFailure(int error, const QByteArray& path) {
     const QString name = QFile::decodeName(path);
     if (error == ENOSPC || error == EDQUOT)
         return Error::fromErrno(error, translated("There is no room for \"%1\"; free some space").arg(name));
+    if (error == ECANCELED)
+        return Error(ErrorCode::FileChanged,
+                     translated("\"%1\" changed while what is to replace it was copied.").arg(name));
     if (error == EEXIST)
         return Error(ErrorCode::AlreadyExists, translated("\"%1\" exists already.").arg(name));
     return Error(ErrorCode::FileNotWritable,
@@ -324,10 +328,13 @@ Error FileCopy::file(const QString& source, const QString& target, IfExists ifEx
     if (ifExists == IfExists::Fail &&
         ::faccessat(AT_FDCWD, targetPath.constData(), F_OK, AT_SYMLINK_NOFOLLOW) == 0)
         return ORX_ECATCH(writeFailure(EEXIST, targetPath));
+    NewFile::MayReplace mayReplace;
+    if (ifExists == IfExists::Replace)
+        mayReplace = [path = QFile::decodeName(targetPath)] { return ReplaceGuard::mayReplace(path); };
     for (NewFile::Kind kind = NewFile::Kind::Unnamed;; kind = NewFile::Kind::Hidden) {
         NewFile file;
         ORX_RETURN_ON_ERROR(ContentCopy(encoded(source), targetPath, file, kind, isCanceled, expected).run());
-        const int reason = file.take(ifExists == IfExists::Replace);
+        const int reason = file.take(mayReplace);
         if (reason == 0)
             return ORX_ECATCH(flushDirectoryOf(targetPath));
         if (!file.needsName(reason))

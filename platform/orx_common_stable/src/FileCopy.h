@@ -16,12 +16,12 @@ namespace orx {
 //! returns: made without a name (NewFile; directories under a hidden one beside the target), flushed, put in
 //! its place, and the directory flushed. By reflink where the file system has it. Contents and modification
 //! times are kept; access is what a new file gets, with the source's execute bits. Blocks on the disk;
-//! thread: any. See DirectoryFlushes, too.
+//! thread: any. See DirectoryFlushes and ReplaceGuard, too.
 //!
 //! Errors name the path: ErrorCode::NotFound, FileNotReadable (also for what is neither a file nor a
 //! directory, symbolic links among them: they are never followed), FileNotWritable, FileChanged (the source
-//! changed while it was copied), AlreadyExists, else the system's (ENOSPC, EDQUOT). After an error the target
-//! is what it was and nothing is left beside it.
+//! changed while it was copied, or the target, as a ReplaceGuard says), AlreadyExists, else the system's
+//! (ENOSPC, EDQUOT). After an error the target is what it was and nothing is left beside it.
 class ORX_COMMON_STABLE_EXPORT FileCopy {
 public:
     enum class IfExists {

@@ -53,28 +53,32 @@ int NewFile::makeHidden(mode_t mode) {
     });
 }
 
-int NewFile::take(bool mayReplace) {
+int NewFile::take(const MayReplace& mayReplace) {
     if (m_path.isEmpty()) {
-        if (const int reason = takeUnnamed(mayReplace); reason != 0 || m_path.isEmpty())
+        if (const int reason = takeUnnamed(bool(mayReplace)); reason != 0 || m_path.isEmpty())
             return reason;
     }
     // Closing can be where a network file system tells of a lost write.
     if (::close(std::exchange(m_descriptor, -1)) != 0)
         return errno;
-    const int reason = !mayReplace ? FilePlace::take(m_path, m_target)
-                       : std::rename(m_path.constData(), m_target.constData()) == 0 ? 0
-                                                                                    : errno;
+    const int reason = mayReplace ? replace(mayReplace) : FilePlace::take(m_path, m_target);
     if (reason == 0)
         m_path.clear();
     return reason;
 }
 
 // A link replaces nothing: for that the file needs a name first.
-int NewFile::takeUnnamed(bool mayReplace) {
+int NewFile::takeUnnamed(bool isToReplace) {
     const int reason = linkTo(m_target);
-    if (reason != EEXIST || !mayReplace)
+    if (reason != EEXIST || !isToReplace)
         return reason;
     return FilePlace::makeBeside(m_target, m_path, [this](const QByteArray& path) { return linkTo(path); });
+}
+
+int NewFile::replace(const MayReplace& mayReplace) const {
+    if (!mayReplace())
+        return ECANCELED;
+    return std::rename(m_path.constData(), m_target.constData()) == 0 ? 0 : errno;
 }
 
 int NewFile::linkTo(const QByteArray& path) const {
@@ -83,8 +87,10 @@ int NewFile::linkTo(const QByteArray& path) const {
                                                                                                     : errno;
 }
 
+// Security modules may hide or refuse what is named by way of /proc only.
 bool NewFile::needsName(int reason) const {
-    return m_path.isEmpty() && (reason == EPERM || reason == EXDEV || FilePlace::isUnknown(reason));
+    return m_path.isEmpty() && (reason == EPERM || reason == EXDEV || reason == ENOENT || reason == EACCES ||
+                                FilePlace::isUnknown(reason));
 }
 
 } // namespace orx

@@ -4,6 +4,7 @@
 
 #include <QByteArray>
 
+#include <functional>
 #include <sys/types.h>
 
 namespace orx {
@@ -30,17 +31,21 @@ public:
     int make(Kind kind, const QByteArray& target, mode_t mode);
     //! Of the open file.
     int descriptor() const { return m_descriptor; }
-    //! Takes the place, in one step, and closes the file, which the caller has flushed: that of a file when
-    //! \a mayReplace, never that of a directory. Zero or an errno; EEXIST when the place is taken. Before it
-    //! replaces a file it has a hidden name for a moment.
-    int take(bool mayReplace);
+    //! Asked right before something is replaced.
+    using MayReplace = std::function<bool()>;
+    //! Takes the place, in one step, of the file, which the caller has flushed, and which is closed by the
+    //! time it replaces something: a file, as far as \a mayReplace (none: nothing) says so, never a
+    //! directory. Zero or an errno; EEXIST when the place is taken, ECANCELED when \a mayReplace refused.
+    //! Before it replaces a file it has a hidden name for a moment.
+    int take(const MayReplace& mayReplace);
     //! Whether take() failed with \a reason since a file without a name can have none here; one that is
     //! Hidden may do.
     bool needsName(int reason) const;
 
 private:
     int makeHidden(mode_t mode);
-    int takeUnnamed(bool mayReplace);
+    int takeUnnamed(bool isToReplace);
+    int replace(const MayReplace& mayReplace) const;
     int linkTo(const QByteArray& path) const;
 
     QByteArray m_target;

@@ -3,6 +3,7 @@
 #include <FileCopy.h>
 #include <FilePlace.h>
 #include <NewFile.h>
+#include <ReplaceGuard.h>
 
 #include <QDir>
 #include <QFile>
@@ -223,7 +224,7 @@ TEST_F(FileCopyTest, WhereEveryFileHasANameThereIsOldOrWholeContent) {
 }
 
 TEST_F(FileCopyTest, AFileThatCanGetNoNameIsCopiedOnceMoreUnderOne) {
-    for (const int reason : {EPERM, EXDEV, EOPNOTSUPP}) {
+    for (const int reason : {EPERM, EXDEV, EOPNOTSUPP, ENOENT, EACCES}) {
         namingUnnamed = reason;
         for (const auto ifExists : {FileCopy::IfExists::Fail, FileCopy::IfExists::Replace}) {
             const Error error = copy(ifExists);
@@ -265,6 +266,48 @@ TEST_F(FileCopyTest, ANameThatIsTakenWhileItIsCopiedStaysWithItsOwner) {
         EXPECT_EQ(names(), only);
         ASSERT_TRUE(QFile::remove(target()));
     }
+}
+
+// What the guard is asked about is what is there when the copy is whole and flushed.
+TEST_F(FileCopyTest, AGuardIsAskedWhenTheCopyIsAboutToReplaceTheFile) {
+    for (const int reason : {0, EOPNOTSUPP}) {
+        makingUnnamed = reason;
+        put(target(), "old");
+        onChange = [this](const char* call) {
+            if (std::string_view(call) == "flush")
+                put(target(), "theirs");
+        };
+        int asked = 0;
+        const ReplaceGuard::Scope guarded([&](const QString& path) {
+            EXPECT_EQ(path, target());
+            ++asked;
+            return get(path) == "old";
+        });
+        EXPECT_TRUE(copy(FileCopy::IfExists::Replace).is(ErrorCode::FileChanged));
+        EXPECT_EQ(asked, 1);
+        EXPECT_EQ(get(target()), "theirs");
+        EXPECT_EQ(names(), only);
+
+        onChange = {};
+        put(target(), "old");
+        EXPECT_FALSE(copy(FileCopy::IfExists::Replace).hasError());
+        EXPECT_EQ(get(target()), content);
+        ASSERT_TRUE(QFile::remove(target()));
+        EXPECT_FALSE(copy(FileCopy::IfExists::Fail).hasError());
+        EXPECT_EQ(asked, 2) << "nothing is replaced";
+        ASSERT_TRUE(QFile::remove(target()));
+    }
+}
+
+TEST_F(FileCopyTest, AnInnerGuardTakesThePlaceOfTheOuterOne) {
+    const auto never = [](const QString&) { return false; };
+    put(target(), "old");
+    const ReplaceGuard::Scope outer(never);
+    {
+        const ReplaceGuard::Scope inner(nullptr);
+        EXPECT_FALSE(copy(FileCopy::IfExists::Replace).hasError());
+    }
+    EXPECT_TRUE(copy(FileCopy::IfExists::Replace).is(ErrorCode::FileChanged));
 }
 
 TEST_F(FileCopyTest, ADirectoryIsNotReplacedByAFile) {

@@ -392,10 +392,7 @@ void HalvaneDownloadFileTask::Private::publish() {
         [whole, warning, path = q->targetPath(), reference = parameters.reference,
          mayReplace = parameters.mayReplace,
          isRecorded = !parameters.isIntermediate](PartialFile& file) -> Error {
-            if (mayReplace && !mayReplace())
-                return Error(ErrorCode::FileChanged,
-                             tr("\"%1\" changed while what is to replace it was fetched.").arg(path));
-            ORX_RETURN_ON_ERROR(file.publish(whole));
+            ORX_RETURN_ON_ERROR(file.publish(whole, mayReplace));
             if (isRecorded)
                 *warning = HalvaneHistory()
                                .setFileVersion(path, reference->id(), reference->version())

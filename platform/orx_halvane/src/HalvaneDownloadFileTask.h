@@ -25,8 +25,8 @@ struct ORX_HALVANE_EXPORT HalvaneFileDownloadParameters {
     //! Whether a file at the target that has the version's content stays, without its content being fetched.
     //! A file of another content is replaced then, whatever overwrite says.
     bool keepSame = false;
-    //! With overwrite: asked on a worker when the content is whole and about to take the place of what is at
-    //! the target; false: ErrorCode::FileChanged, and the partial file stays. None: it may.
+    //! With overwrite: asked on a worker when the content is whole, flushed and about to take the place of
+    //! what is at the target; false: ErrorCode::FileChanged, and the partial file stays. None: it may.
     std::function<bool()> mayReplace = {};
 };
 

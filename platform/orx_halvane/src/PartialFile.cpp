@@ -8,11 +8,9 @@
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
-#include <utility>
 
 namespace orx {
 namespace {
@@ -34,10 +32,9 @@ QByteArray encoded(const QString& name) {
 PartialFile::PartialFile(const Location& location) : m_location(location) {}
 
 PartialFile::~PartialFile() {
-    if (m_file >= 0 && m_size == 0 && !m_published)
+    if (m_file.isOpen() && m_size == 0 && !m_published)
         ::unlinkat(m_directory, encoded(m_location.partialName).constData(), 0);
-    if (m_file >= 0)
-        ::close(m_file);
+    m_file.close();
     if (m_directory >= 0)
         ::close(m_directory);
 }
@@ -62,7 +59,7 @@ Error PartialFile::open() {
     ORX_RETURN_ON_ERROR(checkTarget());
     ORX_RETURN_ON_ERROR(openPartial());
     struct stat status {};
-    if (::fstat(m_file, &status) != 0)
+    if (::fstat(m_file.descriptor(), &status) != 0)
         return system("Could not look at the partial file of \"%1\"");
     m_size = status.st_size;
     m_writtenBack = m_size;
@@ -105,41 +102,29 @@ Error PartialFile::checkTarget() const {
 }
 
 Error PartialFile::openPartial() {
+    const QByteArray name = encoded(m_location.partialName);
     while (true) {
-        m_file = ::openat(m_directory, encoded(m_location.partialName).constData(),
-                          O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0666);
-        if (m_file < 0)
-            return system("Could not create the partial file of \"%1\"");
         // A file system without locks still has the checksum to rely on.
-        const bool locked = ::flock(m_file, LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK;
-        if (locked && isStillThere()) {
-            if (!isAlsoElsewhere())
-                return Error();
-            if (::unlinkat(m_directory, encoded(m_location.partialName).constData(), 0) != 0)
-                return system("Could not remove an old partial file of \"%1\"");
-        }
-        ::close(m_file);
-        m_file = -1;
-        if (!locked)
+        const int reason = m_file.open(m_directory, name, HeldFile::Missing::Make);
+        if (reason == EWOULDBLOCK)
             return Error(
                 ErrorCode::Busy,
                 translated("The file \"%1\" is being downloaded already. Wait for that download, or stop it.")
                     .arg(targetPath()));
+        errno = reason;
+        if (reason != 0)
+            return system("Could not create the partial file of \"%1\"");
+        if (!isAlsoElsewhere())
+            return Error();
+        if (::unlinkat(m_directory, name.constData(), 0) != 0)
+            return system("Could not remove an old partial file of \"%1\"");
+        m_file.close();
     }
-}
-
-bool PartialFile::isStillThere() const {
-    struct stat opened {};
-    struct stat named {};
-    return ::fstat(m_file, &opened) == 0 &&
-           ::fstatat(m_directory, encoded(m_location.partialName).constData(), &named, AT_SYMLINK_NOFOLLOW) ==
-               0 &&
-           opened.st_ino == named.st_ino && opened.st_dev == named.st_dev;
 }
 
 bool PartialFile::isAlsoElsewhere() const {
     struct stat opened {};
-    return ::fstat(m_file, &opened) == 0 && opened.st_nlink > 1;
+    return ::fstat(m_file.descriptor(), &opened) == 0 && opened.st_nlink > 1;
 }
 
 Result<bool> PartialFile::hashMore(qint64 bytes) {
@@ -147,7 +132,7 @@ Result<bool> PartialFile::hashMore(qint64 bytes) {
     const qint64 end = qMin(m_size, m_hashed + bytes);
     while (m_hashed < end) {
         const ssize_t count =
-            ::pread(m_file, piece.data(), size_t(qMin(hashPiece, end - m_hashed)), m_hashed);
+            ::pread(m_file.descriptor(), piece.data(), size_t(qMin(hashPiece, end - m_hashed)), m_hashed);
         if (count < 0 && errno == EINTR)
             continue;
         if (count < 0)
@@ -172,7 +157,7 @@ Error PartialFile::checkRoom(qint64 totalSize) const {
 }
 
 Error PartialFile::startOver() {
-    if (::ftruncate(m_file, 0) != 0)
+    if (::ftruncate(m_file.descriptor(), 0) != 0)
         return system("Could not cut the partial file of \"%1\"");
     m_size = 0;
     m_hashed = 0;
@@ -184,7 +169,8 @@ Error PartialFile::startOver() {
 Error PartialFile::append(const QByteArray& data) {
     qint64 done = 0;
     while (done < data.size()) {
-        const ssize_t count = ::pwrite(m_file, data.constData() + done, size_t(data.size() - done), m_size);
+        const ssize_t count =
+            ::pwrite(m_file.descriptor(), data.constData() + done, size_t(data.size() - done), m_size);
         if (count < 0 && errno == EINTR)
             continue;
         if (count < 0 && (errno == ENOSPC || errno == EDQUOT))
@@ -197,13 +183,13 @@ Error PartialFile::append(const QByteArray& data) {
         done += count;
     }
     if (m_size - m_writtenBack >= writeBackStep) {
-        ::sync_file_range(m_file, m_writtenBack, m_size - m_writtenBack, SYNC_FILE_RANGE_WRITE);
+        ::sync_file_range(m_file.descriptor(), m_writtenBack, m_size - m_writtenBack, SYNC_FILE_RANGE_WRITE);
         m_writtenBack = m_size;
     }
     return Error();
 }
 
-Error PartialFile::publish(const Expected& expected) {
+Error PartialFile::publish(const Expected& expected, const std::function<bool()>& mayReplace) {
     if (m_size != expected.size || m_hash.hexDigest() != expected.sha256) {
         ORX_RETURN_ON_ERROR(startOver());
         return Error(
@@ -216,19 +202,23 @@ Error PartialFile::publish(const Expected& expected) {
         const qint64 ms = expected.modified.toMSecsSinceEpoch();
         const qint64 seconds = ms >= 0 ? ms / 1000 : -((999 - ms) / 1000);
         const timespec times[] = {{0, UTIME_OMIT}, {seconds, (ms - seconds * 1000) * 1'000'000}};
-        if (::futimens(m_file, times) != 0)
+        if (::futimens(m_file.descriptor(), times) != 0)
             return system("Could not set the modification time of \"%1\"");
     }
-    if (m_location.flush && ::fsync(m_file) != 0)
+    if (m_location.flush && ::fsync(m_file.descriptor()) != 0)
         return errno == ENOSPC || errno == EDQUOT ? noRoom(m_size)
                                                   : system("Could not flush the file \"%1\"");
+    // What is written to it while this one is flushed is not to be lost either.
+    if (mayReplace && !mayReplace())
+        return Error(ErrorCode::FileChanged,
+                     translated("\"%1\" changed while what is to replace it was fetched.").arg(targetPath()));
     ORX_RETURN_ON_ERROR(m_location.overwrite ? rename() : renameWithoutReplacing());
     m_published = true;
     // Some file systems have nothing to flush for a directory and say so.
     if (m_location.flush && ::fsync(m_directory) != 0 && errno != EINVAL && errno != ENOTSUP)
         return system("Could not flush the directory of the file \"%1\"");
     // Here, since some file systems write everything when a file is closed.
-    ::close(std::exchange(m_file, -1));
+    m_file.close();
     return Error();
 }
 

@@ -3,10 +3,12 @@
 #include "orx_halvane_export.h"
 
 #include <ContentHash.h>
-
+#include <HeldFile.h>
 #include <Result.h>
 
 #include <QDateTime>
+
+#include <functional>
 
 namespace orx {
 
@@ -59,15 +61,14 @@ public:
     //! Verifies, flushes and renames to the target, flushes the directory (where Location says so), and
     //! closes the file, which ends its use. Fails with ErrorCode::ChecksumMismatch (the partial file is empty
     //! then), or ErrorCode::AlreadyExists when something is at the target by now that may not be replaced
-    //! (the partial file stays).
-    Error publish(const Expected& expected);
+    //! (the partial file stays). \a mayReplace, when there is one, is asked right before the renaming:
+    //! ErrorCode::FileChanged when it says no (the partial file stays, too).
+    Error publish(const Expected& expected, const std::function<bool()>& mayReplace = {});
 
 private:
     Error openDirectory();
     Error checkTarget() const;
     Error openPartial();
-    //! False when the file was renamed or removed between opening and locking it.
-    bool isStillThere() const;
     //! Whether it is a second name of a file, as a publication that was killed may leave it: nothing is
     //! written into that.
     bool isAlsoElsewhere() const;
@@ -79,7 +80,7 @@ private:
 
     Location m_location;
     int m_directory = -1;
-    int m_file = -1;
+    HeldFile m_file;
     qint64 m_size = 0;
     qint64 m_hashed = 0;
     qint64 m_writtenBack = 0;

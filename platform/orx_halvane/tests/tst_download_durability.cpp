@@ -144,6 +144,23 @@ TEST_F(DownloadDurability, ADownloadGetsItsNameWhenItsContentIsOnTheDiskAndItsNa
     }
 }
 
+TEST_F(DownloadDurability, WhetherItMayReplaceWhatIsThereIsAskedBetweenTheFlushAndTheName) {
+    write("out/run", "old");
+    PartialFile file({at("out"), text("run"), text(".run.part"), true});
+    EXPECT_EQ(
+        callsOf([&]() -> Error {
+            ORX_RETURN_ON_ERROR(file.open());
+            ORX_RETURN_ON_ERROR(file.append("content"));
+            ContentHash hash;
+            hash.add("content", 7);
+            return file.publish({7, hash.hexDigest(), QDateTime()}, [] {
+                note(text("ask"));
+                return true;
+            });
+        }),
+        (QStringList{text("flush hidden"), text("ask"), text("name hidden as run"), text("flush out")}));
+}
+
 TEST_F(DownloadDurability, SoDoesACopyOfAFile) {
     using Policy = FileUtils::DuplicateFilesPolicy;
     for (const Policy policy : {Policy::Refuse, Policy::Overwrite})

@@ -130,6 +130,46 @@ TEST_F(DownloadFileTask, AFileOfAnotherContentIsReplacedWhenOnlyTheSameMayStay) 
     }
 }
 
+TEST_F(DownloadFileTask, WhatMayNotBeReplacedAfterAllStaysAndSoDoesWhatWasFetched) {
+    put(name, "of an instrument");
+    auto asking = download();
+    asking.overwrite = true;
+    int asked = 0;
+    asking.mayReplace = [&] {
+        EXPECT_EQ(get(partial), content) << "all of it is there";
+        return ++asked > 1;
+    };
+    HalvaneDownloadFileTask refused(asking);
+    const Error error = run(refused);
+    EXPECT_TRUE(error.is(ErrorCode::FileChanged)) << qPrintable(error.errorMessage());
+    EXPECT_TRUE(error.errorMessage().contains(out().filePath(name)));
+    EXPECT_EQ(get(name), "of an instrument");
+    EXPECT_EQ(entries(), (QStringList{partial, name}));
+    EXPECT_FALSE(HalvaneHistory().fileVersion(refused.targetPath(), 12).value().has_value());
+    const int calls = fake.count("/content");
+
+    HalvaneDownloadFileTask allowed(asking);
+    ASSERT_FALSE(run(allowed).hasError());
+    EXPECT_EQ(asked, 2);
+    EXPECT_EQ(get(name), content);
+    EXPECT_EQ(entries(), QStringList{name});
+    EXPECT_EQ(fake.count("/content"), calls);
+}
+
+TEST_F(DownloadFileTask, NobodyIsAskedAboutWhatDiffersFromItsChecksum) {
+    put(name, "of an instrument");
+    put(partial, QByteArray(content.size(), 'x'));
+    auto asking = download();
+    asking.overwrite = true;
+    asking.mayReplace = [&] {
+        EXPECT_EQ(get(partial), content);
+        return true;
+    };
+    HalvaneDownloadFileTask task(asking);
+    ASSERT_FALSE(run(task).hasError());
+    EXPECT_EQ(get(name), content);
+}
+
 TEST_F(DownloadFileTask, AnOlderVersionComesWhenItIsAskedFor) {
     HalvaneDownloadFileTask task(download(QStringLiteral("old"), 1));
     ASSERT_FALSE(run(task).hasError());

@@ -4,6 +4,7 @@
 #include "TreeSlots.h"
 
 #include <DirectoryFlushes.h>
+#include <ReplaceGuard.h>
 
 #include <QPointer>
 
@@ -100,8 +101,9 @@ void BaseTask::finish(const Error& error) {
     }
     const QPointer<BaseTask> guard(this);
     Error result = [this] {
-        // Without any it opens one too: who ends within the end of another task is not part of that.
-        const DirectoryFlushes::Scope scope(DirectoryFlushes::of(*this));
+        // Without any they are opened too: who ends within the end of another task is not part of that.
+        const DirectoryFlushes::Scope flushes(DirectoryFlushes::of(*this));
+        const ReplaceGuard::Scope guarded(ReplaceGuard::of(*this));
         return doFinish();
     }();
     if (!guard)
