@@ -704,6 +704,27 @@ def bench_pack(table, root, build, work, mib, count):
         path.unlink(missing_ok=True)
 
 
+def bench_acquisitions_up(table, ours, build, work, mib, number):
+    """Raw data in one directory: packed side by side, each beside the making of its summary, and sent."""
+    directory = work / "acquisitions"
+    directory.mkdir()
+    spectra = Path(__file__).parent.parent / "tests" / "data" / "small.mgf"
+    for run in range(number):
+        kind = ("plain", "zlib")[run % 2]
+        timed([build / "bin" / "bench_pack", "make", kind, spectra, str(mib), directory / f"run{run}.mzML"])
+    ours.client("mkdir", "/acquisitions")
+    command = [build / "bin" / "halvane", "--json", "put", directory, "--to", "/acquisitions"]
+    seconds, memory, output = timed(command, env=ours.environment, preexec_fn=few_descriptors)
+    uploaded = folder_of(output)["uploaded"]
+    packed = [name for name in ours.client("ls", "/acquisitions/acquisitions")[2].decode().split() if name.endswith(".mzML.vonk")]
+    if uploaded != number or len(packed) != number:
+        fail(f"{uploaded} of {number} acquisitions went up, {len(packed)} of them packed")
+    table.limit(f"halvane put of {number} acquisitions of {mib} MiB, memory", memory, "MiB", 300,
+                f"high-water mark; mzML, half of it with zlib arrays; {seconds:.1f} s; 256 descriptors at most")
+    ours.clear_cache()
+    shutil.rmtree(directory)
+
+
 def bench_known_packed(table, build, work, packed, milliseconds):
     """What a large packed file costs whoever looks at it, and who unpacks it."""
     size = f"{packed.stat().st_size / MIB:.0f} MiB"
@@ -731,9 +752,10 @@ def main():
     parser.add_argument("--only-tree", action="store_true", help="only the rows of trees of small files")
     parser.add_argument("--only-tree-up", action="store_true", help="of those only the rows of trees that go up")
     parser.add_argument("--only-pack", action="store_true", help="only the rows of packed acquisitions")
+    parser.add_argument("--only-acquisitions", action="store_true", help="only the row of many acquisitions that go up")
     parser.add_argument("--only-cache", action="store_true", help="only the rows of a cache with many entries")
     options = parser.parse_args()
-    only = {name for name in ("transfers", "tree", "tree_up", "pack", "cache") if getattr(options, f"only_{name}")}
+    only = {name for name in ("transfers", "tree", "tree_up", "pack", "acquisitions", "cache") if getattr(options, f"only_{name}")}
 
     def wanted(name):
         return not only or name in only
@@ -750,8 +772,12 @@ def main():
             bench_cache(table, build, work, 10_000 if options.quick else 100_000)
         if wanted("pack"):
             bench_pack(table, root, build, work, 64 if options.quick else 500, count)
-        if wanted("transfers") or wanted("tree") or wanted("tree_up"):
+        beside_peer = wanted("transfers") or wanted("tree") or wanted("tree_up")
+        if beside_peer or wanted("acquisitions"):
             servers.append(ours := Ours(build, work))
+        if wanted("acquisitions"):
+            bench_acquisitions_up(table, ours, build, work, 4 if options.quick else 40, 16)
+        if beside_peer:
             servers.append(nginx := Nginx(peer_program(root, "nginx", "/usr/sbin/nginx"), work))
         if wanted("transfers"):
             bench_large_file(table, ours, nginx, work, size, count)

@@ -118,6 +118,23 @@ protected:
     QByteArray fid;
 };
 
+// Whatever comes first in it.
+TEST_F(GetPacked, IsKnownByItsMainFileAndNotByACompanion) {
+    makeOut();
+    put(packFiles("tissue.imzML.vonk", {"tissue.imzML", "tissue.ibd"}, "it"), "/packed");
+    const QString main = QFileInfo(client.path("out")).canonicalFilePath() + "/tissue.imzML";
+    ASSERT_TRUE(QDir().mkpath(client.path("told")));
+    for (const char* const outcome : {"downloaded", "unchanged"}) {
+        const Outcome got = get({"/packed/tissue.imzML.vonk", "--to", "out"});
+        EXPECT_EQ(got.object()["path"].toString(), main) << got.err.constData();
+        EXPECT_EQ(got.object()["outcome"], outcome);
+        EXPECT_EQ(client.filesIn("out"), (QStringList{"tissue.ibd", "tissue.imzML"}));
+        const Outcome told = client.run({"get", "/packed/tissue.imzML.vonk", "--to", "told"});
+        EXPECT_THAT(told.out.toStdString(), HasSubstr("told/tissue.imzML"));
+        EXPECT_THAT(told.out.toStdString(), ::testing::Not(HasSubstr(".ibd")));
+    }
+}
+
 TEST_F(GetPacked, WhatIsThereAlreadyIsUnchangedWithTheCacheAndWithout) {
     makeOut();
     const Outcome first = getRun();

@@ -107,6 +107,7 @@ QList<AcquisitionDownloadTask::Part> AcquisitionDownloadTask::partsOf(const QLis
 
 void AcquisitionDownloadTask::onMetadata(const VonkMetadata& metadata) {
     m_entries = metadata.entries;
+    m_mainName = metadata.name;
     m_size = metadata.totalSize();
     const auto parts = std::make_shared<QList<Part>>();
     execSubtask(workerStep(QStringLiteral("SortEntries"),
@@ -182,6 +183,12 @@ void AcquisitionDownloadTask::fetchAsFile(const Error& reason) {
 
 QString AcquisitionDownloadTask::targetPath(const Part& part) const {
     return m_wanted.directory + u'/' + part.as;
+}
+
+const AcquisitionDownloadTask::Part& AcquisitionDownloadTask::mainPart() const {
+    const auto found = std::find_if(m_parts.begin(), m_parts.end(),
+                                    [this](const Part& part) { return part.name == m_mainName; });
+    return found == m_parts.end() ? m_parts.first() : *found;
 }
 
 QStringList AcquisitionDownloadTask::targetPaths() const {
@@ -355,7 +362,7 @@ Error AcquisitionDownloadTask::checkRoom() const {
 
 void AcquisitionDownloadTask::endAs(Outcome outcome) {
     m_result.outcome = outcome;
-    m_result.path = targetPaths().first();
+    m_result.path = targetPath(mainPart());
     const auto onRemoved = [this] {
         m_result.warnings = error().warnings();
         if (m_result.outcome != Outcome::Skipped)

@@ -67,6 +67,8 @@ private:
     const Part* partInFolder() const;
     void fetchAsFile(const orx::Error& reason);
 
+    //! What the acquisition is known by; the others are its companions.
+    const Part& mainPart() const;
     QString targetPath(const Part& part) const;
     QStringList targetPaths() const;
     //! Which files of this download made what is at the paths.
@@ -122,6 +124,8 @@ private:
     MakeTask m_makeTask;
     //! Of all files.
     qint64 m_size = 0;
+    //! Of the main file or directory, as the acquisition says.
+    QString m_mainName;
     //! As they are in the acquisition, below "content".
     QList<orx::vonk::VonkEntry> m_entries;
     QList<Part> m_parts;

@@ -30,7 +30,7 @@ constexpr double kMinutesFrom = 180;
 
 //! Nobody measured longer, and the library counts ticks where doubles still tell them apart.
 constexpr double kLongestTime = 1e12;
-//! Of the larger end; times closer to each other are drawn as one.
+//! Of the larger end, and of a second; times closer to each other are drawn as one.
 constexpr double kLeastSpan = 1e-9;
 
 //! Nothing below it is anything but zero.
@@ -82,7 +82,7 @@ std::string drawable(QString text) {
 //! A little room beside the values; some also where all are the same.
 void widen(Axis& axis) {
     const double span = axis.highest - axis.lowest;
-    const double least = kLeastSpan * std::max(std::abs(axis.lowest), std::abs(axis.highest));
+    const double least = kLeastSpan * std::max({1.0, std::abs(axis.lowest), std::abs(axis.highest)});
     const double room = span > least ? span * 0.02 : 1;
     axis.lowest -= room;
     axis.highest += room;

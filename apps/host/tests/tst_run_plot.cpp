@@ -113,7 +113,8 @@ TEST(RunPlot, ExtremesAreDrawn) {
           runOf({{0, 5e-324, 0}, {1, 0, 0}}), runOf({{-5, 3, 3}, {5, 1, 1}}), runOf({{1e12, 1, 1}}),
           runOf({{-1e12, 1, 1}, {1e12, 1, 1}}),
           // Times that hardly differ, or not in their order.
-          runOf({{5, 1, 1}, {std::nextafter(5, 6), 2, 1}}),
+          runOf({{5, 1, 1}, {std::nextafter(5, 6), 2, 1}}), runOf({{0, 1, 1}, {1e-310, 2, 1}}),
+          runOf({{-1e-310, 1, 1}, {1e-310, 2, 1}}), runOf({{0, 1, 1}, {1e-200, 2, 1}}),
           runOf({{std::nextafter(1e12, 0), 2, 1}, {1e12, 1, 1}}), runOf({{600, 1, 1}, {0, 2, 1}}),
           // Intensities that no instrument gives.
           runOf({{0, -1e308, -1e308}, {1, 1e308, 1e308}}), runOf({{0, -1e308, 0}, {1, -1, 0}}),

@@ -119,7 +119,21 @@ Error FrameCatalogue::checkIsTable(const char* name) {
     ORX_RETURN_ON_ERROR(found.error());
     // What is missing is told of by whoever asks it.
     const bool isTable = !*found || (*rows)->integer(0) == 1;
-    return isTable ? Error() : unreadable(msText("\"%1\" is no table").arg(QLatin1String(name)));
+    return isTable ? checkHasItsValues(name)
+                   : unreadable(msText("\"%1\" is no table").arg(QLatin1String(name)));
+}
+
+//! A column that is worked out whenever it is read may take any time for each row.
+Error FrameCatalogue::checkHasItsValues(const char* name) {
+    constexpr const char* virtualColumns = "SELECT count(*) FROM pragma_table_xinfo(?1) WHERE hidden = 2";
+    auto rows = query(virtualColumns);
+    ORX_RETURN_ON_ERROR(rows.error());
+    sqlite3_bind_text((*rows)->m_statement, 1, name, -1, SQLITE_TRANSIENT);
+    const auto counted = (*rows)->next();
+    ORX_RETURN_ON_ERROR(counted.error());
+    if ((*rows)->integer(0) == 0)
+        return {};
+    return unreadable(msText("columns of \"%1\" are worked out when they are read").arg(QLatin1String(name)));
 }
 
 Result<QString> FrameCatalogue::property(const QString& key) {

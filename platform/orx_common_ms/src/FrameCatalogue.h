@@ -45,8 +45,8 @@ public:
     Q_DISABLE_COPY_MOVE(FrameCatalogue)
 
     Result<std::unique_ptr<Rows>> query(const char* sql);
-    //! ErrorCode::ParseError when \a name is a view or something else that works out its rows: that may take
-    //! any amount of memory.
+    //! ErrorCode::ParseError when \a name is a view or something else that works out its rows, or has columns
+    //! that are worked out: that may take any amount of memory and time.
     Error checkIsTable(const char* name);
     //! The value of a key of the table GlobalMetadata; empty when it has none.
     Result<QString> property(const QString& key);
@@ -54,6 +54,7 @@ public:
 private:
     FrameCatalogue() = default;
     static int onProgress(void* self);
+    Error checkHasItsValues(const char* name);
     Error failure() const;
     static Error unreadable(const QString& why);
 

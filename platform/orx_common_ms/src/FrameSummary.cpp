@@ -41,7 +41,9 @@ Result<RunSummary> summariseFrames(const QString& path, const std::stop_token& s
     if (catalogue.hasError())
         return std::move(catalogue).error();
     ORX_RETURN_ON_ERROR((*catalogue)->checkIsTable("Frames"));
-    // As they lie there, which is by their key: sorting what has none would take memory for all of them.
+    // As they lie there, which is by a key of whole numbers: sorting what has none would take memory for all
+    // of them. The trace is put in order afterwards, and only of a longer one are points that lie together
+    // merged.
     auto rows = catalogue.value()->query(
         "SELECT Time, MsMsType, SummedIntensities, MaxIntensity FROM Frames NOT INDEXED");
     if (rows.hasError())

@@ -608,19 +608,77 @@ TEST(FrameSummary, takesNoRowsThatAreWorkedOut) {
     }
 }
 
-TEST(FrameSummary, endsWhenEveryRowTakesTooLong) {
+TEST(FrameSummary, takesNoColumnsThatAreWorkedOut) {
+    const char* const columns[] = {
+        "Time REAL AS (instr(hex(zeroblob(500000)), 'x'))",
+        // None that it asks for.
+        "Time REAL, Other AS (Time + 1) VIRTUAL",
+    };
+    for (const char* const column : columns) {
+        const MsDataMaker maker;
+        const QString made = maker.catalogue(QStringLiteral("a.d"));
+        MsDataMaker::execute(
+            made + QStringLiteral("/analysis.tdf"),
+            QByteArray("DROP TABLE Frames; CREATE TABLE Frames (Id INTEGER PRIMARY KEY, ") + column +
+                ", MsMsType, SummedIntensities, MaxIntensity); INSERT INTO Frames (Id) VALUES (1)");
+        const auto summary = summarise(made);
+        ASSERT_TRUE(summary.hasError()) << column;
+        EXPECT_TRUE(summary.errorMessage().contains(
+            QStringLiteral("columns of \"Frames\" are worked out when they are read")))
+            << qPrintable(summary.errorMessage());
+    }
+}
+
+TEST(FrameSummary, takesColumnsThatWereWorkedOutWhenTheyWereWritten) {
     const MsDataMaker maker;
     const QString made = maker.catalogue(QStringLiteral("a.d"));
-    QByteArray sum = "1";
-    for (int i = 0; i < 900; ++i)
-        sum += "+abs(Id)";
-    MsDataMaker::execute(made + QStringLiteral("/analysis.tdf"),
-                         "DROP TABLE Frames; CREATE TABLE Frames (Id INTEGER, Time REAL AS (" + sum +
-                             "), MsMsType, SummedIntensities, MaxIntensity);"
-                             "WITH RECURSIVE n(Id) AS (SELECT 1 UNION ALL SELECT Id + 1 FROM n WHERE Id < "
-                             "20000) INSERT INTO Frames (Id) SELECT Id FROM n");
+    MsDataMaker::execute(
+        made + QStringLiteral("/analysis.tdf"),
+        "DROP TABLE Frames; CREATE TABLE Frames (Id INTEGER PRIMARY KEY, Time REAL AS (Id / 2.0) STORED, "
+        "MsMsType, SummedIntensities, MaxIntensity); INSERT INTO Frames (Id) VALUES (1), (3)");
     const auto summary = summarise(made);
-    ASSERT_TRUE(summary.hasError());
+    ASSERT_FALSE(summary.hasError()) << qPrintable(summary.errorMessage());
+    EXPECT_EQ(summary->retentionTime, (ValueRange{0.5, 1.5}));
+}
+
+//! Lets every inner page of the tables but the last one refer to the next one only: a few pages that are any
+//! number of rows.
+void multiplyRows(const QString& database, qsizetype pageSize) {
+    QFile file(database);
+    ASSERT_TRUE(file.open(QIODevice::ReadWrite));
+    QByteArray bytes = file.readAll();
+    constexpr char innerPage = 5;
+    QList<qsizetype> pages;
+    for (qsizetype page = pageSize; page < bytes.size(); page += pageSize) {
+        if (bytes[page] == innerPage)
+            pages.append(page);
+    }
+    ASSERT_GE(pages.size(), 8);
+    // The root is the lowest one.
+    for (qsizetype i = 0; i + 1 < std::min<qsizetype>(pages.size(), 12); ++i) {
+        char* const page = bytes.data() + pages[i];
+        const auto next = quint32(pages[i + 1] / pageSize + 1);
+        qToBigEndian(next, page + 8);
+        const int cells = qFromBigEndian<quint16>(page + 3);
+        for (int cell = 0; cell < cells; ++cell)
+            qToBigEndian(next, page + qFromBigEndian<quint16>(page + 12 + 2 * cell));
+    }
+    file.seek(0);
+    ASSERT_EQ(file.write(bytes), bytes.size());
+}
+
+TEST(FrameSummary, endsWhenAFewPagesAreRowsWithoutEnd) {
+    const MsDataMaker maker;
+    const QString made = maker.catalogue(QStringLiteral("a.d"));
+    const QString database = made + QStringLiteral("/analysis.tdf");
+    MsDataMaker::execute(database,
+                         "PRAGMA page_size = 512; VACUUM; DROP TABLE Frames; "
+                         "CREATE TABLE Frames (Id INTEGER PRIMARY KEY, Time, MsMsType, SummedIntensities, "
+                         "MaxIntensity); WITH RECURSIVE n(Id) AS (SELECT 1 UNION ALL SELECT Id + 1 FROM n "
+                         "WHERE Id < 50000) INSERT INTO Frames SELECT Id, Id, 0, 1, 1 FROM n");
+    multiplyRows(database, 512);
+    const auto summary = summarise(made);
+    ASSERT_TRUE(summary.hasError()) << summary->spectrumCount();
     EXPECT_TRUE(summary.errorMessage().contains(QStringLiteral("interrupted")))
         << qPrintable(summary.errorMessage());
 }

@@ -1,37 +1,89 @@
 #include "ChunkPipeline.h"
 
+#include "HelperThreads.h"
 #include "SharedLimits.h"
 
-#include <algorithm>
 #include <condition_variable>
 #include <mutex>
+#include <optional>
+#include <utility>
 #include <vector>
 
 namespace orx::vonk {
 
 namespace {
 
+//! The extra chunks of the process that are on no way. Their memory is kept as long as anybody works.
+struct SpareChunks {
+    std::mutex mutex;
+    int left = extraChunkCount();
+    int users = 0;
+    std::vector<ChunkSlot> memory;
+};
+
+SpareChunks& spareChunks() {
+    static SpareChunks& only = *new SpareChunks;
+    return only;
+}
+
+//! What one run has of them.
+class ChunkShare {
+public:
+    ChunkShare() {
+        const std::lock_guard lock(spareChunks().mutex);
+        ++spareChunks().users;
+    }
+    ~ChunkShare() {
+        std::vector<ChunkSlot> unused;
+        const std::lock_guard lock(spareChunks().mutex);
+        spareChunks().left += m_taken;
+        if (--spareChunks().users == 0)
+            unused.swap(spareChunks().memory);
+    }
+    Q_DISABLE_COPY_MOVE(ChunkShare)
+
+    //! None when fewer would be left for others than this one has.
+    std::optional<ChunkSlot> take() {
+        const std::lock_guard lock(spareChunks().mutex);
+        if (spareChunks().left <= m_taken)
+            return std::nullopt;
+        --spareChunks().left;
+        ++m_taken;
+        std::optional<ChunkSlot> chunk(std::in_place);
+        if (!spareChunks().memory.empty()) {
+            chunk = std::move(spareChunks().memory.back());
+            spareChunks().memory.pop_back();
+        }
+        return chunk;
+    }
+    //! False when none is to be given back.
+    bool giveBack(ChunkSlot& chunk) {
+        if (m_taken == 0)
+            return false;
+        const std::lock_guard lock(spareChunks().mutex);
+        ++spareChunks().left;
+        --m_taken;
+        spareChunks().memory.push_back(std::move(chunk));
+        return true;
+    }
+
+private:
+    int m_taken = 0;
+};
+
 //! Whoever has nothing else to do takes the next step that is due, the caller too: no thread of its own waits
 //! for one kind of step, so that few processors are kept busy with few switches between threads.
-class Run {
+class Run final : HelpedWork {
 public:
     explicit Run(const ChunkPipeline& steps)
-        : m_steps(steps), m_slots(1 + size_t(extraChunkCount())), m_extraChunks(extraChunks()) {}
-
-    ~Run() {
-        {
-            const std::lock_guard lock(m_mutex);
-            m_isEnding = true;
-        }
-        m_due.notify_all();
-        m_helpers.join();
-    }
+        : m_steps(steps), m_slots(1 + size_t(extraChunkCount())), m_own(std::in_place), m_helpers(*this) {}
 
     Error run() {
         for (;; ++m_produced) {
-            while (!hasRoom())
+            // What is done waits no longer than for one chunk of the source.
+            while (isFirstDone() || !takeChunk())
                 ORX_RETURN_ON_ERROR(retire());
-            const Result<bool> more = m_steps.produce(nextSlot());
+            const Result<bool> more = m_steps.produce(slotOf(m_produced).chunk);
             ORX_RETURN_ON_ERROR(more.error());
             if (!*more)
                 break;
@@ -57,75 +109,70 @@ private:
 
     Slot& slotOf(size_t sequence) { return m_slots[sequence % m_slots.size()]; }
 
-    bool hasRoom() {
-        const size_t onTheWay = m_produced - m_retired;
-        if (onTheWay <= size_t(m_extraChunks.taken()))
-            return true;
-        // One who works alone would do nothing with more.
-        const size_t useful = m_helpers.count() == 0 ? 1 : 2 * m_helpers.count() + 4;
-        return onTheWay < std::min(useful, m_slots.size()) && m_extraChunks.take();
+    bool isFirstDone() {
+        const Lock lock(m_mutex);
+        return m_retired < m_produced && slotOf(m_retired).isDone();
     }
 
-    //! Takes the memory of a chunk that is through, if there is one: only as many have any as were ever on
-    //! their way at a time.
-    ChunkSlot& nextSlot() {
-        ChunkSlot& chunk = slotOf(m_produced).chunk;
-        if (!m_spare.empty()) {
-            chunk = std::move(m_spare.back());
-            m_spare.pop_back();
-        }
-        return chunk;
+    //! For the next slot: its own, or one of those that there are for all.
+    bool takeChunk() {
+        auto chunk = m_own ? std::exchange(m_own, std::nullopt) : m_share.take();
+        if (!chunk)
+            return false;
+        slotOf(m_produced).chunk = std::move(*chunk);
+        return true;
     }
 
     void publish() {
         {
-            const std::lock_guard lock(m_mutex);
+            const Lock lock(m_mutex);
             Slot& slot = slotOf(m_produced);
             slot.isWorked = slot.isOrdered = false;
             m_published = m_produced + 1;
         }
-        m_due.notify_all();
-        // Asked again with each chunk: others may have given back theirs.
-        if (m_helpers.count() + 1 < workThreadCount())
-            m_helpers.start([this] { serve(); });
+        m_helpers.call();
     }
 
     //! Uses the oldest chunk; helps until it is done.
     Error retire() {
         Slot& slot = slotOf(m_retired);
-        {
-            Lock lock(m_mutex);
-            while (!slot.isDone()) {
-                if (!takeStep(lock, m_ownWork))
-                    m_done.wait(lock);
-            }
-            // What its own step made due is for others now.
-            if (isOrderDue() || m_begun < m_published)
-                m_due.notify_one();
-        }
+        if (helpUntilDone(slot))
+            m_helpers.call();
         ++m_retired;
         ORX_RETURN_ON_ERROR(slot.workError);
         ORX_RETURN_ON_ERROR(slot.orderError);
         ORX_RETURN_ON_ERROR(m_steps.consume(slot.chunk));
-        m_spare.push_back(std::move(slot.chunk));
+        if (!m_share.giveBack(slot.chunk))
+            m_own = std::move(slot.chunk);
         return {};
     }
 
-    void serve() {
-        ChunkPipeline::Step work;
+    //! Whether a step is due then, which is for others.
+    bool helpUntilDone(const Slot& slot) {
         Lock lock(m_mutex);
-        while (!m_isEnding) {
-            if (!takeStep(lock, work))
-                m_due.wait(lock);
+        while (!slot.isDone()) {
+            if (!takeStep(lock))
+                m_done.wait(lock);
         }
+        return isOrderDue() || m_begun < m_published;
     }
 
-    //! False when none is due. The lock is not held meanwhile. \a work is made when it is needed.
-    bool takeStep(Lock& lock, ChunkPipeline::Step& work) {
+    // What comes after its step at once is taken with it: the caller may be waiting for that.
+    bool help() override {
+        Lock lock(m_mutex);
+        if (!takeStep(lock))
+            return false;
+        while (isOrderDue())
+            lookInOrder(lock);
+        return true;
+    }
+
+    //! False when none is due. The lock is not held meanwhile.
+    bool takeStep(Lock& lock) {
         if (isOrderDue())
             lookInOrder(lock);
         else if (m_begun < m_published)
-            workOn(lock, work);
+            workOn(lock);
         else
             return false;
         return true;
@@ -152,13 +199,19 @@ private:
             m_done.notify_one();
     }
 
-    void workOn(Lock& lock, ChunkPipeline::Step& work) {
+    void workOn(Lock& lock) {
         Slot& slot = slotOf(m_begun++);
+        ChunkPipeline::Step work;
+        if (!m_idleWorkers.empty()) {
+            work = std::move(m_idleWorkers.back());
+            m_idleWorkers.pop_back();
+        }
         lock.unlock();
         if (!work)
             work = m_steps.makeWorker();
         Error error = work(slot.chunk);
         lock.lock();
+        m_idleWorkers.push_back(std::move(work));
         slot.workError = std::move(error);
         slot.isWorked = true;
         if (slot.isDone())
@@ -168,22 +221,21 @@ private:
     const ChunkPipeline& m_steps;
     std::vector<Slot> m_slots;
     std::mutex m_mutex;
-    //! Threads wait on the first, the caller on the second.
-    std::condition_variable m_due;
+    //! The caller waits for it.
     std::condition_variable m_done;
     // Of the caller.
-    ChunkPipeline::Step m_ownWork;
-    HelperThreads m_helpers;
-    LimitShare m_extraChunks;
-    std::vector<ChunkSlot> m_spare;
+    std::optional<ChunkSlot> m_own;
+    ChunkShare m_share;
     size_t m_produced = 0;
     size_t m_retired = 0;
     // Guarded by the mutex, like the flags of the slots.
+    std::vector<ChunkPipeline::Step> m_idleWorkers;
     size_t m_published = 0;
     size_t m_begun = 0;
     size_t m_ordered = 0;
     bool m_isOrdering = false;
-    bool m_isEnding = false;
+    //! Gone before all that the helping threads use.
+    HelpLine m_helpers;
 };
 
 } // namespace

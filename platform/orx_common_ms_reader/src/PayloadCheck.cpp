@@ -1,6 +1,7 @@
 #include "PayloadCheck.h"
 
 #include "ChunkReading.h"
+#include "HelperThreads.h"
 #include "PayloadPart.h"
 #include "SharedLimits.h"
 
@@ -16,7 +17,7 @@ constexpr qint64 partWeight = qint64(4) * 1024 * 1024;
 
 //! Files are checked side by side, each thread reading parts by itself. A file so large that the other
 //! threads would have nothing left to do is shared between them chunk by chunk.
-class PayloadCheck {
+class PayloadCheck final : HelpedWork {
 public:
     PayloadCheck(const PackedFile& file, const PackedIndex& index, const WorkWatch& watch)
         : m_file(file)
@@ -29,43 +30,52 @@ public:
         const qint64 share = m_total / (2 * qint64(workThreadCount()));
         for (PayloadPart& part : payloadParts(m_index, partWeight, std::max(partWeight, share)))
             (part.isLarge ? m_large : m_parts).push_back(part);
-        ORX_RETURN_ON_ERROR(checkSideBySide());
-        for (const PayloadPart& part : m_large)
+        checkSideBySide();
+        const bool hasFailed = m_failed < m_parts.size();
+        for (const PayloadPart& part : m_large) {
+            // Of several errors the first in the file is told.
+            if (hasFailed && m_parts[m_failed].firstChunk < part.firstChunk)
+                break;
             ORX_RETURN_ON_ERROR(ChunkReading(m_file, m_index, part, m_quiet).run([this](ChunkSlot& slot) {
                 m_watch.report(countOf(slot), m_total);
                 return Error();
             }));
-        return {};
+        }
+        return hasFailed ? m_errors[m_failed] : Error();
     }
 
 private:
-    Error checkSideBySide() {
+    void checkSideBySide() {
         m_errors.resize(m_parts.size());
         m_failed = m_parts.size();
         const size_t most = std::min(size_t(workThreadCount()), m_parts.size());
-        HelperThreads helpers;
-        for (size_t helper = 1; helper < most; ++helper)
-            helpers.start([this] { takeParts({}); });
-        takeParts([this](qint64 done) { m_watch.report(done, m_total); });
-        helpers.join();
+        {
+            HelpLine helpers(*this);
+            for (size_t helper = 1; helper < most; ++helper)
+                helpers.call();
+            while (takePart([this](qint64 done) { m_watch.report(done, m_total); })) {
+            }
+        }
         m_watch.report(m_done, m_total);
-        return m_failed < m_parts.size() ? m_errors[m_failed] : Error();
     }
 
-    //! What lies behind a part that failed is left out, what lies before it is not: the error is that of the
-    //! first.
-    void takeParts(const std::function<void(qint64 done)>& report) {
-        for (size_t part = m_next++; part < m_failed; part = m_next++) {
-            m_errors[part] =
-                ChunkReading(m_file, m_index, m_parts[part], m_quiet).runAlone([&](ChunkSlot& slot) {
-                    const qint64 done = countOf(slot);
-                    if (report)
-                        report(done);
-                    return part < m_failed ? Error() : Error(ErrorCode::Canceled, {});
-                });
-            if (m_errors[part].hasError())
-                noteFailure(part);
-        }
+    bool help() override { return takePart({}); }
+
+    //! False when there is none. What lies behind a part that failed is left out, what lies before it is not:
+    //! the error is that of the first.
+    bool takePart(const std::function<void(qint64 done)>& report) {
+        const size_t part = m_next++;
+        if (part >= m_failed)
+            return false;
+        m_errors[part] = ChunkReading(m_file, m_index, m_parts[part], m_quiet).runAlone([&](ChunkSlot& slot) {
+            const qint64 done = countOf(slot);
+            if (report)
+                report(done);
+            return part < m_failed ? Error() : Error(ErrorCode::Canceled, {});
+        });
+        if (m_errors[part].hasError())
+            noteFailure(part);
+        return true;
     }
 
     void noteFailure(size_t part) {

@@ -3,10 +3,7 @@
 #include <QtGlobal>
 
 #include <atomic>
-#include <functional>
-#include <thread>
 #include <utility>
-#include <vector>
 
 namespace orx::vonk {
 
@@ -19,54 +16,34 @@ public:
     Q_DISABLE_COPY_MOVE(SharedLimit)
 
     bool tryTake();
-    void giveBack(int count) { m_left += count; }
+    void giveBack() { ++m_left; }
 
 private:
     std::atomic<int> m_left;
 };
 
-//! What one piece of work holds of a limit; given back with it.
+//! One of a limit, if there was one left; given back with this.
 class LimitShare {
 public:
-    explicit LimitShare(SharedLimit& limit) : m_limit(&limit) {}
-    ~LimitShare() { m_limit->giveBack(m_taken); }
-    LimitShare(LimitShare&& other) noexcept
-        : m_limit(other.m_limit), m_taken(std::exchange(other.m_taken, 0)) {}
+    explicit LimitShare(SharedLimit& limit) : m_limit(limit.tryTake() ? &limit : nullptr) {}
+    ~LimitShare() {
+        if (m_limit)
+            m_limit->giveBack();
+    }
+    LimitShare(LimitShare&& other) noexcept : m_limit(std::exchange(other.m_limit, nullptr)) {}
     LimitShare& operator=(LimitShare&&) = delete;
 
-    //! One more; false when there is none left.
-    bool take();
-    void giveBackOne();
-    int taken() const { return m_taken; }
+    bool isTaken() const { return m_limit; }
 
 private:
     SharedLimit* m_limit;
-    int m_taken = 0;
-};
-
-//! Threads beside the caller's that share its work; it gets on without any. One thread.
-class HelperThreads {
-public:
-    HelperThreads();
-    ~HelperThreads() { join(); }
-    Q_DISABLE_COPY_MOVE(HelperThreads)
-
-    //! False when the process has its number of them, or the system allows no more.
-    bool start(std::function<void()> body);
-    size_t count() const { return m_threads.size(); }
-    void join();
-
-private:
-    LimitShare m_share;
-    std::vector<std::thread> m_threads;
-    bool m_isRefused = false;
 };
 
 //! How many threads share the work when there is one packed acquisition, the caller among them.
 unsigned workThreadCount();
 
-//! Chunks on their way beside the one that each work may always have.
-SharedLimit& extraChunks();
+//! Chunks on their way beside the one that each work may always have. Each work leaves at least as many as it
+//! has.
 int extraChunkCount();
 //! Summaries that are made at a time.
 SharedLimit& summaries();

@@ -59,7 +59,7 @@ public:
 private:
     void startIfAllowed() {
         LimitShare share(summaries());
-        if (!m_isWanted || !share.take())
+        if (!m_isWanted || !share.isTaken())
             return;
         m_isWanted = false;
         m_isRunning = true;

@@ -1,9 +1,9 @@
 // Many acquisitions are packed, checked and unpacked side by side: what they use together stays bounded.
-#include "ChunkPipeline.h"
 #include "DiskRoom.h"
 #include "PackingFixture.h"
 #include "SharedLimits.h"
 #include "SmallDisk.h"
+#include "StagedTree.h"
 
 #include <QDir>
 #include <QFile>
@@ -158,58 +158,26 @@ TEST_F(ManyPackings, OneThatWaitsToMakeItsSummaryCanBeCancelled) {
         });
     busy.wait();
     PackInput input = inputOf(in(QStringLiteral("run.raw")));
+    // It is asked once for each step, and again and again only while it waits.
+    int asked = 0;
+    WorkWatch watch;
+    watch.isCanceled = [&] {
+        ++asked;
+        return false;
+    };
+    ASSERT_FALSE(VonkPacker::pack(input, out(QStringLiteral("without.vonk")), watch).hasError());
     bool isAsked = false;
     input.summarise = [&](std::stop_token) {
         isAsked = true;
         return PackInput::Summary();
     };
-    // When nothing is left to be packed it is cancelled.
-    bool isPacked = false;
-    WorkWatch watch;
-    watch.progress = [&](qint64 done, qint64 total) { isPacked = done == total; };
-    watch.isCanceled = [&] { return isPacked; };
+    watch.isCanceled = [&] { return asked-- <= 0; };
     EXPECT_TRUE(
         VonkPacker::pack(input, out(QStringLiteral("cancelled")), watch).error().is(ErrorCode::Canceled));
     EXPECT_FALSE(isAsked);
     end.count_down();
     others.clear();
     EXPECT_FALSE(names(out()).contains(QStringLiteral("cancelled")));
-}
-
-TEST(ManyPipelines, HaveABoundedNumberOfChunksOnTheirWay) {
-    Highest onTheWay;
-    std::atomic<int> now = 0;
-    std::barrier allAtWork(kMany);
-    sideBySide([&](int) {
-        int made = 0;
-        ChunkPipeline pipeline;
-        pipeline.produce = [&](ChunkSlot& slot) -> Result<bool> {
-            if (made == 200)
-                return false;
-            if (made++ == 0)
-                allAtWork.arrive_and_wait();
-            slot.content.resize(1);
-            slot.content.data()[0] = char(made);
-            onTheWay.see(++now);
-            return true;
-        };
-        pipeline.makeWorker = [] {
-            return [](ChunkSlot& slot) {
-                slot.frame.assign(slot.content.bytes());
-                return Error();
-            };
-        };
-        pipeline.inOrder = [](ChunkSlot&) { return Error(); };
-        int used = 0;
-        pipeline.consume = [&](ChunkSlot& slot) {
-            --now;
-            EXPECT_EQ(slot.frame.bytes()[0], char(++used));
-            return Error();
-        };
-        EXPECT_FALSE(pipeline.run().hasError());
-        EXPECT_EQ(used, 200);
-    });
-    EXPECT_LE(onTheWay.value(), kMany + extraChunkCount());
 }
 
 class SharedDisk : public PackingFixture {
@@ -317,6 +285,19 @@ TEST_F(SharedDisk, APackingTakesWhatItNeedsUntilItIsThroughLessWhatItHasWritten)
     };
     EXPECT_FALSE(VonkPacker::pack(input, out(QStringLiteral("a.vonk")), watch).hasError());
     EXPECT_FALSE(take(997 * kMiB).hasError());
+}
+
+TEST_F(SharedDisk, AnUnpackingTakesWhatItNeedsLessWhatItHasWritten) {
+    const VonkEntry entry{QStringLiteral("content/a"), VonkEntry::Type::File, 600 * kMiB, {}, {}};
+    auto tree = StagedTree::create(out(QStringLiteral("run1")), {entry});
+    ASSERT_FALSE(tree.hasError());
+    EXPECT_TRUE(take(401 * kMiB).hasError());
+    EXPECT_FALSE(take(398 * kMiB).hasError());
+    const QByteArray content = text(4 << 20);
+    ASSERT_FALSE(tree->begin(entry).hasError());
+    ASSERT_FALSE(tree->write({content.constData(), size_t(content.size())}).hasError());
+    EXPECT_TRUE(take(401 * kMiB).hasError());
+    EXPECT_FALSE(take(398 * kMiB).hasError());
 }
 
 TEST_F(SharedDisk, WhatIsRefusedSaysHowMuchIsFree) {

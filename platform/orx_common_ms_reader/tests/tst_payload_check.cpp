@@ -61,10 +61,14 @@ TEST_P(PayloadCheck, FindsEachFileThatIsNotWhatWasPacked) {
     }
 }
 
-TEST_P(PayloadCheck, OfSeveralDamagedFilesAlwaysNamesTheSame) {
-    for (int round = 0; round < 5; ++round) {
-        const Error error = checkedWithLies({3, 9, 7, 2});
-        EXPECT_TRUE(error.errorMessage().contains(pathOf(2))) << error.errorMessage().toStdString();
+TEST_P(PayloadCheck, OfSeveralDamagedFilesAlwaysNamesTheFirst) {
+    const QList<qsizetype> of[] = {{2, 3, 7, 9}, {3, 7, 9}, {3, 10}, {9, 10}};
+    for (const QList<qsizetype>& liars : of) {
+        for (int round = 0; round < 3; ++round) {
+            const Error error = checkedWithLies(liars);
+            EXPECT_TRUE(error.errorMessage().contains(pathOf(liars.first())))
+                << liars.first() << error.errorMessage().toStdString();
+        }
     }
 }
 

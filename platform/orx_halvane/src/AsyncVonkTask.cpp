@@ -2,12 +2,15 @@
 
 #include <DiskRoom.h>
 #include <OwnerInbox.h>
+#include <PackingTurn.h>
 #include <VonkPacker.h>
 #include <WorkerPool.h>
 
 #include <QFile>
 #include <QFileInfo>
 #include <QPointer>
+
+#include <utility>
 
 namespace orx {
 
@@ -25,23 +28,51 @@ AsyncVonkTask::~AsyncVonkTask() {
 
 void AsyncVonkTask::start() {
     if (executionMode() == ExecutionMode::Worker)
-        askForRoom();
+        askForTurn();
     else
         VonkTask::start();
 }
 
+void AsyncVonkTask::askForTurn() {
+    m_isWaiting = true;
+    m_isSlotLent = false;
+    m_turnWish = std::make_shared<vonk::TurnWish>();
+    const auto inbox = OwnerInbox::ofThisThread();
+    const QPointer<AsyncVonkTask> self(this);
+    const std::weak_ptr<vonk::TurnWish> waiting = m_turnWish;
+    m_turnWish->given = [inbox, self, waiting](const std::shared_ptr<vonk::PackingTurn>& turn) {
+        inbox->post([self, waiting, turn] {
+            if (self && self->m_turnWish && self->m_turnWish == waiting.lock())
+                self->onTurn(turn);
+        });
+    };
+    vonk::PackingTurn::ask(m_turnWish);
+    // Behind the turn, if it was given at once; and of a long line of them not all in one go.
+    inbox->post([self, waiting] {
+        if (self && self->m_turnWish && self->m_turnWish == waiting.lock())
+            self->lendSlotOnce();
+    });
+}
+
+void AsyncVonkTask::onTurn(const std::shared_ptr<vonk::PackingTurn>& turn) {
+    m_turnWish.reset();
+    m_turn = turn;
+    askForRoom();
+}
+
 void AsyncVonkTask::askForRoom() {
-    m_wish = std::make_shared<vonk::RoomWish>();
-    m_wish->directory = QFileInfo(m_target).absolutePath();
-    m_wish->wanted = m_target;
-    m_wish->content =
+    m_roomWish = std::make_shared<vonk::RoomWish>();
+    m_roomWish->directory = QFileInfo(m_target).absolutePath();
+    m_roomWish->wanted = m_target;
+    m_roomWish->content =
         m_isTargetTemporary ? vonk::DiskRoom::Content::Temporary : vonk::DiskRoom::Content::Stays;
-    const std::weak_ptr<vonk::RoomWish> waiting = m_wish;
-    m_wish->given = [inbox = OwnerInbox::ofThisThread(), self = QPointer<AsyncVonkTask>(this),
-                     waiting](const Result<std::shared_ptr<vonk::DiskRoom>>& room) {
+    const auto inbox = OwnerInbox::ofThisThread();
+    const QPointer<AsyncVonkTask> self(this);
+    const std::weak_ptr<vonk::RoomWish> waiting = m_roomWish;
+    m_roomWish->given = [inbox, self, waiting](const Result<std::shared_ptr<vonk::DiskRoom>>& room) {
         inbox->post([self, waiting, room] {
-            if (self && self->m_wish && self->m_wish == waiting.lock())
-                self->begin(room);
+            if (self && self->m_roomWish && self->m_roomWish == waiting.lock())
+                self->onRoom(room);
         });
     };
     // What is to be packed may be many files.
@@ -57,28 +88,50 @@ void AsyncVonkTask::askForRoom() {
             else
                 wish->given(bytes.error());
         },
-        nullptr, {});
+        this,
+        [this, waiting] {
+            // Behind the room, if it was given at once.
+            if (m_roomWish && m_roomWish == waiting.lock())
+                lendSlotOnce();
+        });
 }
 
-void AsyncVonkTask::begin(const Result<std::shared_ptr<vonk::DiskRoom>>& room) {
-    m_wish.reset();
+void AsyncVonkTask::onRoom(const Result<std::shared_ptr<vonk::DiskRoom>>& room) {
+    m_roomWish.reset();
     if (room.hasError()) {
         finish(room.error());
         return;
     }
     m_room = *room;
+    // It had its slot before all that are in line for one.
+    if (m_isSlotLent)
+        takeSlotBack([this] { begin(); }, SlotOrder::BeforeOthers);
+    else
+        begin();
+}
+
+void AsyncVonkTask::lendSlotOnce() {
+    if (!std::exchange(m_isSlotLent, true))
+        lendSlot();
+}
+
+void AsyncVonkTask::begin() {
+    m_isWaiting = false;
     VonkTask::start();
 }
 
 void AsyncVonkTask::doCancel() {
-    if (m_wish)
+    if (m_isWaiting)
         finish(Error());
     else
         VonkTask::doCancel();
 }
 
 Error AsyncVonkTask::doFinish() {
-    m_wish.reset();
+    m_isWaiting = false;
+    m_turnWish.reset();
+    m_roomWish.reset();
+    m_turn.reset();
     // Its body may never have begun.
     if (m_room && hasError())
         m_room->release();

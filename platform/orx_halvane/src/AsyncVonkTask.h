@@ -12,14 +12,17 @@ namespace orx {
 
 namespace vonk {
 class DiskRoom;
+class PackingTurn;
 struct RoomWish;
+struct TurnWish;
 } // namespace vonk
 
 //! Packs an acquisition into a packed acquisition file, on a worker unless its execution mode is changed. The
 //! file appears complete and durable or not at all; what exists is never replaced. Errors: see VonkPacker.
 //!
-//! Packings on workers that are too large together for the file system of their targets take turns, first
-//! come, first served; who waits keeps no worker. StorageFull is for what would not fit by itself either.
+//! Packings on workers take turns, first come, first served: PackingTurn::count() at a time, and fewer when
+//! they are too large together for the file system of their targets. Who waits keeps no worker, and lends the
+//! slot of its group. StorageFull is for what would not fit by itself either.
 class ORX_HALVANE_EXPORT AsyncVonkTask final : public vonk::VonkTask {
     Q_OBJECT
 public:
@@ -41,14 +44,23 @@ protected:
     void discard() override;
 
 private:
+    void askForTurn();
+    void onTurn(const std::shared_ptr<vonk::PackingTurn>& turn);
     void askForRoom();
-    void begin(const Result<std::shared_ptr<vonk::DiskRoom>>& room);
+    void onRoom(const Result<std::shared_ptr<vonk::DiskRoom>>& room);
+    void lendSlotOnce();
+    void begin();
 
     vonk::PackInput m_input;
     QString m_target;
     bool m_isTargetTemporary = false;
-    //! While it waits for room.
-    std::shared_ptr<vonk::RoomWish> m_wish;
+    //! From start() to begin().
+    bool m_isWaiting = false;
+    bool m_isSlotLent = false;
+    //! While it waits for its turn, and then for room.
+    std::shared_ptr<vonk::TurnWish> m_turnWish;
+    std::shared_ptr<vonk::RoomWish> m_roomWish;
+    std::shared_ptr<vonk::PackingTurn> m_turn;
     std::shared_ptr<vonk::DiskRoom> m_room;
 };
 

@@ -16,6 +16,10 @@ void Admission::enqueue(const std::shared_ptr<Guest>& guest, qsizetype times) {
         m_turns.push_back({guest, times});
 }
 
+void Admission::enqueueFirst(const std::shared_ptr<Guest>& guest) {
+    m_turns.push_front({guest, 1});
+}
+
 void Admission::pump() {
     const auto self = shared_from_this();
     // A guest may block in an event loop of its own, in which the others are admitted.

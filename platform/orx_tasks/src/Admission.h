@@ -23,6 +23,8 @@ public:
 
     //! \a guest is admitted so many times, when its turns come.
     void enqueue(const std::shared_ptr<Guest>& guest, qsizetype times);
+    //! The same, once, and before those who are in line.
+    void enqueueFirst(const std::shared_ptr<Guest>& guest);
     //! Gives slots back. Nothing is admitted before the next pump().
     void giveBack(int slots) { m_free += slots; }
     //! Admits whoever has waited longest while there are slots. Within an admission it leaves the rest to the

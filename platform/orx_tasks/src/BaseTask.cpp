@@ -164,8 +164,8 @@ void BaseTask::lendSlot() {
     TreeSlots::lend(this);
 }
 
-void BaseTask::takeSlotBack(std::function<void()> then) {
-    TreeSlots::takeBack(this, std::move(then));
+void BaseTask::takeSlotBack(std::function<void()> then, SlotOrder order) {
+    TreeSlots::takeBack(this, std::move(then), order);
 }
 
 void BaseTask::adoptWarnings(const Warnings& warnings) {

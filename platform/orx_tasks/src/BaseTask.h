@@ -80,6 +80,12 @@ Q_SIGNALS:
     void progress(int value, int maximum);
 
 protected:
+    //! When a slot that was lent comes back.
+    enum class SlotOrder {
+        InLine,      //!< behind those who are in line by then
+        BeforeOthers //!< the next one that is free: for waits that hold what others wait for
+    };
+
     //! The body: called once per run after started was emitted; ends with finish(), at once or later.
     virtual void run() = 0;
     //! What exec() calls instead of run() when the task was cancelled before it started. The base finishes.
@@ -99,13 +105,14 @@ protected:
     //! caller then starts what is to run; the run ends by another finish(). Not while a body of this task
     //! still runs on a worker (see isIdle()).
     void restart();
-    //! A wait for a person begins: the slot with which a group admitted this task, or the one it is a step of
-    //! (see GroupTask), serves others until takeSlotBack(). Nothing for tasks that no group admitted.
+    //! A wait for a person, or a long one for others, begins: the slot with which a group admitted this task,
+    //! or the one it is a step of (see GroupTask), serves others until takeSlotBack(). Nothing for tasks that
+    //! no group admitted.
     void lendSlot();
     //! The wait is over: \a then is called when the slot is there again, at once when none was lent or others
     //! below the same child of the group still wait; never when this task has ended or is gone by then.
     //! Once per lendSlot().
-    void takeSlotBack(std::function<void()> then);
+    void takeSlotBack(std::function<void()> then, SlotOrder order = SlotOrder::InLine);
     //! Re-evaluates isIdle() after something changed, and emits idle() when due.
     void checkIdle();
 

@@ -59,14 +59,18 @@ struct TreeSlots::Return : Admission::Guest {
     const std::function<void()> then;
 };
 
-void TreeSlots::takeBack(BaseTask* task, std::function<void()> then) {
+void TreeSlots::takeBack(BaseTask* task, std::function<void()> then, BaseTask::SlotOrder order) {
     Subtask* const holder = holderAbove(task);
     if (!holder || holder->slot != Subtask::Slot::Lent || --holder->waits > 0) {
         then();
         return;
     }
     const std::shared_ptr<Admission> slots = admissionOf(*holder);
-    slots->enqueue(std::make_shared<Return>(task, std::move(then)), 1);
+    const auto guest = std::make_shared<Return>(task, std::move(then));
+    if (order == BaseTask::SlotOrder::BeforeOthers)
+        slots->enqueueFirst(guest);
+    else
+        slots->enqueue(guest, 1);
     slots->pump();
 }
 

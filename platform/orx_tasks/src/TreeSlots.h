@@ -12,7 +12,7 @@ public:
     //! \a task, or a task below the holder, starts a group: the holder gives its slot back for good.
     static void giveBackAbove(BaseTask* task);
     static void lend(BaseTask* task);
-    static void takeBack(BaseTask* task, std::function<void()> then);
+    static void takeBack(BaseTask* task, std::function<void()> then, BaseTask::SlotOrder order);
 
 private:
     struct Return;

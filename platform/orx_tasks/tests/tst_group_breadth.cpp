@@ -38,12 +38,8 @@ public:
 class AskingTask : public Task {
 public:
     explicit AskingTask(EventLog& log) : Task(QStringLiteral("asking")), m_log(log) {}
-    void answer() {
-        takeSlotBack([this] {
-            m_log.add(name() + u" goes on"_qs);
-            finish(Error());
-        });
-    }
+    void answer() { goOn(SlotOrder::InLine); }
+    void answerBeforeOthers() { goOn(SlotOrder::BeforeOthers); }
 
 protected:
     void start() override {
@@ -53,6 +49,14 @@ protected:
     void doCancel() override { finish(Error()); }
 
 private:
+    void goOn(SlotOrder order) {
+        const auto then = [this] {
+            m_log.add(name() + u" goes on"_qs);
+            finish(Error());
+        };
+        takeSlotBack(then, order);
+    }
+
     EventLog& m_log;
 };
 
@@ -512,6 +516,26 @@ TEST(GroupWaitForAPerson, LendsTheSlotAndTakesItBackInTurn) {
     runners.endOne();
     EXPECT_EQ(log.str(), "asking asks, asking goes on");
     EXPECT_EQ(runners.order.join(u' ').toStdString(), "a b c");
+    runners.endOne();
+    EXPECT_TRUE(group.isSuccessful());
+}
+
+TEST(GroupWaitForOthers, MayTakeTheSlotThatIsFreeNext) {
+    EventLog log;
+    GroupTask group;
+    group.setBreadth(1);
+    auto owned = std::make_unique<AskingTask>(log);
+    AskingTask* const asking = owned.get();
+    Runners runners;
+    group.addTask(std::move(owned));
+    group.addTask(runners.make(u"a"_qs));
+    group.addTask(runners.make(u"b"_qs));
+    group.exec();
+    asking->answerBeforeOthers();
+    EXPECT_EQ(log.str(), "asking asks");
+    runners.endOne();
+    EXPECT_EQ(log.str(), "asking asks, asking goes on");
+    EXPECT_EQ(runners.order.join(u' ').toStdString(), "a b");
     runners.endOne();
     EXPECT_TRUE(group.isSuccessful());
 }

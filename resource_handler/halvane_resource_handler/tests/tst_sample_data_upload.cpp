@@ -2,6 +2,7 @@
 #include "SmallDisk.h"
 #include "UploadFixture.h"
 
+#include <AsyncVonkTask.h>
 #include <DiskRoom.h>
 #include <GroupTask.h>
 #include <HalvaneConnection.h>
@@ -13,6 +14,8 @@
 #include <QCoreApplication>
 #include <QDir>
 #include <QEventLoop>
+
+#include <latch>
 
 namespace orx::testing {
 namespace {
@@ -261,6 +264,55 @@ TEST_F(SampleDataUploads, ThatWaitForRoomKeepNoWorkerAndEndAtOnce) {
     (*held)->release();
     const auto last = upload(QStringLiteral("last"));
     EXPECT_FALSE(run(*last).hasError()) << "nothing is left of those that waited";
+}
+
+TEST_F(SampleDataUploads, ThatWaitForRoomLendTheirSlots) {
+    const SmallDisk disk = diskOf(mostBytes + 100);
+    const auto held = vonk::DiskRoom::take(filePath(QStringLiteral("temporary")), 200, raw);
+    ASSERT_FALSE(held.hasError());
+    GroupTask group;
+    group.setBreadth(2);
+    for (int i = 0; i < 8; ++i)
+        group.addTask(upload(QStringLiteral("run%1").arg(i)));
+    qsizetype arrived = 0;
+    group.addTask(
+        std::make_unique<HalvaneFileUploadTask>(uploadOf(makeFile(QStringLiteral("a.txt"))), nullptr),
+        [&](BaseTask*) {
+            arrived = server.service().files().size();
+            (*held)->release();
+        });
+    EXPECT_FALSE(runInLoop(group).hasError()) << qPrintable(group.error().traceText());
+    EXPECT_EQ(arrived, 1) << "the plain file, before all that waited";
+    EXPECT_EQ(server.service().files().size(), 9);
+}
+
+//! Packings that are at work until the summary may be made.
+TEST_F(SampleDataUploads, OfWhichAllPackLeaveHalfOfTheWorkers) {
+    std::latch end(1);
+    vonk::PackInput input = vonk::PackInput::fromMs(raw);
+    input.summarise = [&](std::stop_token) {
+        end.wait();
+        return vonk::PackInput::Summary{QJsonObject(), {}};
+    };
+    std::vector<std::unique_ptr<AsyncVonkTask>> packings;
+    QList<BaseTask*> all;
+    for (int i = 0; i < 2 * WorkerPool::instance().threadCount(); ++i) {
+        packings.push_back(
+            std::make_unique<AsyncVonkTask>(input, FilePath(filePath(QStringLiteral("run%1.vonk").arg(i)))));
+        packings.back()->exec();
+        all.append(packings.back().get());
+    }
+    HalvaneFileUploadTask plain(uploadOf(makeFile(QStringLiteral("a.txt"))), nullptr);
+    EXPECT_FALSE(run(plain).hasError());
+    EXPECT_EQ(server.service().files().size(), 1);
+    packings.back()->cancel();
+    EXPECT_TRUE(packings.back()->isFinished()) << "it waited for its turn";
+    EXPECT_TRUE(packings.back()->isCanceled());
+    end.count_down();
+    all.removeLast();
+    EXPECT_FALSE(BaseTask::waitForAllFinished(all).hasError());
+    for (const auto& packing : packings)
+        EXPECT_EQ(packing->isSuccessful(), packing != packings.back());
 }
 
 TEST_F(SampleDataUploads, ThatWouldNotFitAloneFailAtOnce) {
