@@ -37,7 +37,8 @@ struct ORX_HALVANE_EXPORT HalvaneFileDownloadParameters {
 //! modification time becomes the one that the server recorded for the source, when it did. Fails with
 //! ErrorCode::AlreadyExists when the target exists and may not be replaced, ErrorCode::InvalidArgument for a
 //! name that is no single path component here, ErrorCode::ChecksumMismatch (partial file removed),
-//! ErrorCode::Busy when another download of the same version to the same target runs.
+//! ErrorCode::Busy when another download of the same version to the same target runs, ErrorCode::FileChanged
+//! when mayReplace refused.
 class ORX_HALVANE_EXPORT HalvaneDownloadFileTask : public HalvaneComplexTask {
     Q_OBJECT
 public:

@@ -142,6 +142,12 @@ bool HalvaneDownloadFolderTaskBase::namesContent() const {
 
 void HalvaneDownloadFolderTaskBase::onFolderListed(int, const QString&) {}
 
+void HalvaneDownloadFolderTaskBase::setMostWaitingFiles(int files) {
+    FolderDownloadPlan::Limits limits;
+    limits.waitingFiles = files;
+    d->plan = FolderDownloadPlan(limits);
+}
+
 void HalvaneDownloadFolderTaskBase::removeWhatIsNotListed() {
     d->removesOthers = true;
 }

@@ -87,6 +87,9 @@ protected:
     //! fetched. Nothing by default.
     virtual void onFolderListed(int folderId, const QString& path);
 
+    //! Listing waits while so many listed files wait to be fetched; 50,000 unless set. Before the run.
+    void setMostWaitingFiles(int files);
+
     //! When everything came down, what else is in the directory of the folder is removed. Before the run.
     void removeWhatIsNotListed();
 
