@@ -2,6 +2,8 @@
 // and prints the longest gaps between two of its ticks, in milliseconds, as JSON. "floor" holds what a thread
 // that does nothing but sleep for 1 ms at a time saw meanwhile: the longest that the machine itself kept a
 // thread waiting. usage: bench_event_loop URL USER PASSWORD FILE TARGET CACHE
+#include "FloorProbe.h"
+
 #include <HalvaneConnection.h>
 #include <HalvaneDownloadFileTask.h>
 #include <HalvaneFileUploadTask.h>
@@ -16,10 +18,7 @@
 #include <QTimer>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
-#include <stop_token>
-#include <thread>
 
 using namespace orx;
 
@@ -48,30 +47,6 @@ private:
     QTimer m_timer;
     QElapsedTimer m_clock;
     qint64 m_longest = 0;
-};
-
-//! The longest that a thread of its own, which only sleeps for 1 ms at a time, was kept waiting.
-class FloorProbe {
-public:
-    FloorProbe() : m_thread([this](const std::stop_token& stop) { run(stop); }) {}
-    double longestGapMs() {
-        m_thread.request_stop();
-        m_thread.join();
-        return double(m_longest) / 1e6;
-    }
-
-private:
-    void run(const std::stop_token& stop) {
-        QElapsedTimer clock;
-        while (!stop.stop_requested()) {
-            clock.start();
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-            m_longest = std::max(m_longest, clock.nsecsElapsed());
-        }
-    }
-
-    qint64 m_longest = 0; //!< Read when the thread has ended.
-    std::jthread m_thread;
 };
 
 struct Gaps {

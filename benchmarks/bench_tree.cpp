@@ -1,9 +1,12 @@
-// Makes a deep tree of small files on a server, sends a directory as a host does, sums up the progress of
-// one, or brings a folder down through the cache, and prints what it took as JSON. usage: bench_tree make URL
-// USER PASSWORD FILES WORK_DIRECTORY
+// Makes a deep tree of small files on a server, sends a directory as a host does or as `halvane put` does,
+// sums up the progress of one, or brings a folder down through the cache, and prints what it took as JSON.
+// usage: bench_tree make URL USER PASSWORD FILES WORK_DIRECTORY
 //        bench_tree put URL USER PASSWORD DIRECTORY CACHE_DIRECTORY
+//        bench_tree put-command URL USER PASSWORD DIRECTORY TARGET
 //        bench_tree sum DIRECTORY
 //        bench_tree get URL USER PASSWORD FOLDER TARGET_DIRECTORY CACHE_DIRECTORY
+#include "FloorProbe.h"
+
 #include <HalvaneConnection.h>
 #include <HalvaneDownloadFolderCacheTask.h>
 #include <HalvaneFileUploadTask.h>
@@ -16,6 +19,7 @@
 #include <GroupTask.h>
 #include <ResourceCache.h>
 #include <ResourceManager.h>
+#include <TreeUploadJob.h>
 
 #include <QCoreApplication>
 #include <QDir>
@@ -231,6 +235,7 @@ void putTree(const QString& directory, const QString& cacheDir) {
     looks.start(10);
     QElapsedTimer clock;
     clock.start();
+    FloorProbe floor;
     LoopProbe loop;
     QObject::connect(&task, &HalvaneFolderUploadTask::uploadStarted, [&loop] { loop.makesLevel(); });
     run(task);
@@ -245,10 +250,44 @@ void putTree(const QString& directory, const QString& cacheDir) {
            {QStringLiteral("longest_gap_ms"), loop.longest().wall},
            {QStringLiteral("longest_gap_processor_ms"), loop.longest().processor},
            {QStringLiteral("longest_level_ms"), loop.longestLevel().wall},
+           {QStringLiteral("floor"), floor.longestGapMs()},
            {QStringLiteral("files"), task.successfulFileUploadsCount()},
            {QStringLiteral("maximum"), task.maxProgress()},
            {QStringLiteral("descriptors"), descriptors.most()},
            {QStringLiteral("memory_mib"), peakMiB()}});
+}
+
+//! The job of `halvane put`, asked how it stands as often as the command line does.
+void putByCommand(const QString& directory, const QString& target) {
+    using namespace halvane::host;
+    TreeUploadRequest request;
+    request.paths = {directory};
+    request.target = target;
+    request.keepInCache = false;
+    TreeUploadJob job(request, UploadPolicy::optionsOf(request, false, {}));
+    int uploaded = 0;
+    int unchanged = 0;
+    QObject::connect(&job, &TreeUploadJob::fileDone, [&](const UploadedFile& file) {
+        ++(file.outcome == UploadedFile::Outcome::Uploaded ? uploaded : unchanged);
+    });
+    QTimer shows;
+    QObject::connect(&shows, &QTimer::timeout, [&job] { (void)job.state(); });
+    shows.start(100);
+    QElapsedTimer clock;
+    clock.start();
+    FloorProbe floor;
+    LoopProbe loop;
+    QObject::connect(&job, &TreeUploadJob::scanned, [&loop] { loop.makesLevel(); });
+    run(job);
+    const double seconds = double(clock.nsecsElapsed()) / 1e9;
+    loop.end();
+    print({{QStringLiteral("seconds"), seconds},
+           {QStringLiteral("loop"), loop.longest().wall},
+           {QStringLiteral("loop_processor"), loop.longest().processor},
+           {QStringLiteral("floor"), floor.longestGapMs()},
+           {QStringLiteral("making_ms"), loop.longestLevel().wall},
+           {QStringLiteral("uploaded"), uploaded},
+           {QStringLiteral("unchanged"), unchanged}});
 }
 
 } // namespace
@@ -259,14 +298,16 @@ int main(int argc, char** argv) {
     const QString what = arguments.value(1);
     const bool makes = what == u"make" && arguments.size() == 7;
     const bool puts = what == u"put" && arguments.size() == 7;
+    const bool putsByCommand = what == u"put-command" && arguments.size() == 7;
     if (what == u"sum" && arguments.size() == 3) {
         sumUp(arguments.at(2));
         return 0;
     }
-    if (!makes && !puts && !(what == u"get" && arguments.size() == 8)) {
+    if (!makes && !puts && !putsByCommand && !(what == u"get" && arguments.size() == 8)) {
         std::fprintf(stderr,
                      "usage: bench_tree make URL USER PASSWORD FILES WORK_DIRECTORY\n"
                      "       bench_tree put URL USER PASSWORD DIRECTORY CACHE_DIRECTORY\n"
+                     "       bench_tree put-command URL USER PASSWORD DIRECTORY TARGET\n"
                      "       bench_tree sum DIRECTORY\n"
                      "       bench_tree get URL USER PASSWORD FOLDER TARGET_DIRECTORY CACHE_DIRECTORY\n");
         return 2;
@@ -281,6 +322,8 @@ int main(int argc, char** argv) {
         makeTree(arguments.at(5).toInt(), QDir(arguments.at(6)));
     else if (puts)
         putTree(arguments.at(5), arguments.at(6));
+    else if (putsByCommand)
+        putByCommand(arguments.at(5), arguments.at(6));
     else
         getTree(arguments.at(5).toInt(), arguments.at(6), arguments.at(7));
     return 0;

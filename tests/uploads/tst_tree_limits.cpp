@@ -5,6 +5,7 @@
 #include <FewDescriptors.h>
 #include <HalvaneConnection.h>
 #include <ResourceManager.h>
+#include <tasks/UploadSums.h>
 
 #include <QDateTime>
 
@@ -91,13 +92,15 @@ protected:
     struct Counts {
         int opens;
         int looks;
+        int listings;
         int maximum;
     };
     //! Of making the task, which sums up the maximum of the progress.
     Counts countsOfMaking() {
         opens = looks = 0;
+        const quint64 before = UploadSums::instance().listings();
         const auto task = upload();
-        return {opens, looks, task->maxProgress()};
+        return {opens, looks, int(UploadSums::instance().listings() - before), task->maxProgress()};
     }
 };
 
@@ -140,8 +143,21 @@ TEST_F(TreeLimits, TheMaximumCostsTheSameForEachEntryHoweverManyThereAre) {
     const Counts many = countsOfMaking();
     EXPECT_EQ(many.maximum, 1'600 * 102);
     EXPECT_EQ(many.opens, 0);
-    ASSERT_GT(few.looks, 400);
-    EXPECT_LE(many.looks, 4.2 * few.looks);
+    // A directory tells the kinds of its entries, or they are looked at once each.
+    EXPECT_LE(few.looks, 3 * 441);
+    EXPECT_LE(many.looks, 3 * 1'761);
+    EXPECT_EQ(few.listings, 41);
+    EXPECT_GE(many.listings, 120) << "or nothing was counted";
+    EXPECT_LE(many.listings, 161);
+}
+
+TEST_F(TreeLimits, FoldersDoNotSumUpAgainWhatTheOnesAboveThemHaveSummedUp) {
+    makeTree(400, 4);
+    const quint64 before = UploadSums::instance().listings();
+    const auto task = upload();
+    const Error error = run(*task);
+    ASSERT_FALSE(error.hasError()) << qPrintable(error.traceText());
+    EXPECT_EQ(UploadSums::instance().listings() - before, 41U) << "each directory once";
 }
 
 } // namespace

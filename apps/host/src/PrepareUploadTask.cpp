@@ -4,6 +4,7 @@
 #include "UploadSettings.h"
 
 #include <WorkerStepTask.h>
+#include <tasks/UploadSums.h>
 
 #include <QFileInfo>
 #include <QHash>
@@ -76,6 +77,12 @@ Error takeAsFile(LocalEntry& root) {
     return {};
 }
 
+// The uploads ask for the same on the thread of the event loop, where it is remembered by then.
+void sumUp(const LocalTree& tree) {
+    if (tree.root().kind == LocalEntry::Kind::Directory)
+        (void)orx::UploadSums::instance().uploadsIn(tree.source);
+}
+
 } // namespace
 
 PrepareUploadTask::PrepareUploadTask(const TreeUploadRequest& request)
@@ -113,8 +120,10 @@ void PrepareUploadTask::onResolved(const RemoteItem& target) {
                     QStringLiteral("ScanLocalTrees"),
                     [trees, paths = m_request.paths, stop = m_stop.get_token()]() -> Error {
                         *trees = LocalTree::scan(paths, stop);
-                        for (LocalTree& tree : *trees)
+                        for (LocalTree& tree : *trees) {
                             tree.takeStamps(stop);
+                            sumUp(tree);
+                        }
                         return {};
                     }),
                 [this, trees](orx::WorkerStepTask*) {

@@ -9,6 +9,16 @@ namespace orx {
 
 namespace {
 
+//! By the name of the companion; empty for any other name.
+QString wantedOwner(const QString& companion) {
+    constexpr QLatin1String scan(".scan"), binary(".ibd");
+    if (companion.endsWith(QLatin1String(".wiff") + scan, Qt::CaseInsensitive))
+        return companion.chopped(scan.size());
+    if (companion.endsWith(binary, Qt::CaseInsensitive))
+        return companion.chopped(binary.size()) + QStringLiteral(".imzML");
+    return {};
+}
+
 QString validOwner(const QString& wanted, const QString& companion) {
     std::vector<MsProbe::Witness> witnesses;
     const QString owner = findFile(wanted, witnesses).path;
@@ -29,13 +39,13 @@ MsDataCheck MsDataFileUtils::checkMsData(const QString& path) {
     return ProbeMemory::instance().check(path);
 }
 
+bool MsDataFileUtils::mayBeCompanion(const QString& path) {
+    return !wantedOwner(path).isEmpty();
+}
+
 QString MsDataFileUtils::ownerOfCompanion(const QString& path) {
-    constexpr QLatin1String scan(".scan"), binary(".ibd");
-    if (path.endsWith(QLatin1String(".wiff") + scan, Qt::CaseInsensitive))
-        return validOwner(path.chopped(scan.size()), path);
-    if (path.endsWith(binary, Qt::CaseInsensitive))
-        return validOwner(path.chopped(binary.size()) + QStringLiteral(".imzML"), path);
-    return {};
+    const QString wanted = wantedOwner(path);
+    return wanted.isEmpty() ? QString() : validOwner(wanted, path);
 }
 
 } // namespace orx

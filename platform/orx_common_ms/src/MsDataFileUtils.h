@@ -22,6 +22,8 @@ public:
     //! "run.wiff" of "run.wiff.scan"), as an absolute path; empty when there is none, and for all other names
     //! at once.
     static QString ownerOfCompanion(const QString& path);
+    //! Whether the name is one of a companion; looks at nothing.
+    static bool mayBeCompanion(const QString& path);
 };
 
 } // namespace orx

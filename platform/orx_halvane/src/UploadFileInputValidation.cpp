@@ -48,6 +48,7 @@ struct State {
     std::mutex mutex;
     std::shared_ptr<const Rules> rules = std::make_shared<const Rules>(UploadFilters());
     QSet<QString> stillWritten;
+    quint64 changes = 0;
 };
 
 State& state() {
@@ -67,6 +68,9 @@ bool isStillWritten(const QString& path) {
 
 void setStillWritten(const QString& path, bool isWritten) {
     const std::lock_guard lock(state().mutex);
+    if (state().stillWritten.contains(path) == isWritten)
+        return;
+    ++state().changes;
     if (isWritten)
         state().stillWritten.insert(path);
     else
@@ -174,6 +178,12 @@ void UploadFileInputValidation::setFilters(const UploadFilters& filters) {
     auto made = std::make_shared<const Rules>(filters);
     const std::lock_guard lock(state().mutex);
     state().rules.swap(made);
+    ++state().changes;
+}
+
+quint64 UploadFileInputValidation::changes() {
+    const std::lock_guard lock(state().mutex);
+    return state().changes;
 }
 
 bool UploadFileInputValidation::isAllowedExtension(const QFileInfo& path) {

@@ -51,6 +51,9 @@ public:
     };
 
     static UploadFilters filters();
+    //! Grows with every change of what is known besides the paths themselves: the filters, and which paths
+    //! are still being written.
+    static quint64 changes();
     //! For all checks from now on; the process's.
     static void setFilters(const UploadFilters& filters);
 

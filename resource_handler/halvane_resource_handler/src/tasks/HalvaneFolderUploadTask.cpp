@@ -1,6 +1,7 @@
 #include "HalvaneFolderUploadTask.h"
 
 #include "HalvaneVerifyUploadedContentTask.h"
+#include "UploadSums.h"
 
 #include <DuplicateUploadPolicy.h>
 #include <GroupTask.h>
@@ -60,7 +61,6 @@ public:
             HalvaneFolderUploadTask* task)
         : localPath(path), userGroups(groups), targetFolderId(folderId), policyOptions(options), q(task) {}
 
-    int computeMaxProgress() const;
     void onFoldersListed(const HalvaneGetFoldersTask& task);
     void appendCreateFolderTask(const QString& name);
     void onFolderReady(int folderId, const QString& folderName);
@@ -98,7 +98,8 @@ HalvaneFolderUploadTask::HalvaneFolderUploadTask(const QString& path, int target
     d->groupTask = group.get();
     d->duplicateUploadPolicy = std::make_shared<DefaultDuplicateUploadPolicy>();
     setGroupTask(std::move(group));
-    d->maxProgress = d->computeMaxProgress();
+    // Whichever upload the factory made of an entry, without a look at its content here.
+    d->maxProgress = UploadSums::instance().uploadsIn(path) * SingleUpload::maxProgress(false);
     QMetaObject::invokeMethod(
         this, [this] { Q_EMIT progressInitiated(d->maxProgress); }, Qt::QueuedConnection);
     connect(
@@ -172,26 +173,6 @@ Result<HalvaneFileUploadTaskBase*> HalvaneFolderUploadTask::retry(const QString&
     }
     return ORX_ECATCH(
         Error(ErrorCode::InvalidArgument, tr("The upload task is not on the failed tasks list.")));
-}
-
-int HalvaneFolderUploadTask::Private::computeMaxProgress() const {
-    const QDir directory(localPath);
-    int sum = 0;
-    const QStringList names = directory.entryList(uploadedEntries, QDir::NoSort);
-    for (const QString& name : names) {
-        const QString path = directory.filePath(name);
-        const QFileInfo info(path);
-        if (!UploadFileInputValidation::validUploadPath(info))
-            continue;
-        if (info.isFile()) { // whichever upload the factory made of it, without a look at its content here
-            sum += SingleUpload::maxProgress(false);
-            continue;
-        }
-        constexpr int anyId = 1;
-        if (const auto task = createUploadTask(UploadedFileData(anyId, path)); !task.hasError())
-            sum += (*task)->maxProgress();
-    }
-    return sum;
 }
 
 void HalvaneFolderUploadTask::Private::onFoldersListed(const HalvaneGetFoldersTask& task) {

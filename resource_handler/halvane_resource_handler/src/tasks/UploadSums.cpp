@@ -1,0 +1,94 @@
+#include "UploadSums.h"
+
+#include <FileTypes.h>
+#include <MsDataFileUtils.h>
+#include <UploadFileInputValidation.h>
+
+#include <QDir>
+#include <QFile>
+
+#include <chrono>
+
+namespace orx {
+
+namespace {
+
+constexpr qsizetype capacity = 65'536;
+// The kernel's times are coarse: what changed just now may change once more without another stamp.
+constexpr qint64 settledAfter = 100'000'000;
+
+qint64 realTime() {
+    using namespace std::chrono;
+    return duration_cast<nanoseconds>(system_clock::now().time_since_epoch()).count();
+}
+
+bool isOneUpload(const QString& directory) {
+    return !FileTypes::fileMatchesAnyType(directory, {FileTypes::VONK}) &&
+           MsDataFileUtils::isValidMsData(directory);
+}
+
+} // namespace
+
+UploadSums& UploadSums::instance() {
+    static UploadSums sums(&realTime);
+    return sums;
+}
+
+UploadSums::UploadSums(Clock clock) : m_clock(std::move(clock)) {}
+
+int UploadSums::uploadsIn(const QString& directory) {
+    const std::shared_ptr<const Level> level = levelOf(directory);
+    int sum = level->files;
+    const QDir above(directory);
+    for (const QString& name : level->directories) {
+        const QString path = above.filePath(name);
+        sum += isOneUpload(path) ? 1 : uploadsIn(path);
+    }
+    return sum;
+}
+
+std::shared_ptr<const UploadSums::Level> UploadSums::levelOf(const QString& directory) {
+    const QByteArray key = QFile::encodeName(QFileInfo(directory).absoluteFilePath());
+    const auto stamp = FileStamp::of(key);
+    const quint64 rules = UploadFileInputValidation::changes();
+    if (const auto known = stamp ? recall(key, *stamp, rules) : nullptr)
+        return known;
+    const qint64 before = m_clock();
+    const auto level = std::make_shared<Level>();
+    const QFileInfoList entries = QDir(directory).entryInfoList(
+        QDir::Dirs | QDir::Files | QDir::Drives | QDir::NoDotAndDotDot, QDir::NoSort);
+    for (const QFileInfo& entry : entries) {
+        // What a link leads to, and whether a companion has an owner, may change elsewhere.
+        if (entry.isSymLink() || MsDataFileUtils::mayBeCompanion(entry.filePath()))
+            level->isLasting = false;
+        if (!UploadFileInputValidation::validUploadPath(entry))
+            continue;
+        if (entry.isFile())
+            ++level->files;
+        else
+            level->directories.append(entry.fileName());
+    }
+    const std::lock_guard lock(m_mutex);
+    ++m_listings;
+    if (level->isLasting && stamp && stamp->newest() < before - settledAfter) {
+        if (m_levels.size() >= capacity)
+            m_levels.clear();
+        m_levels.insert(key, {*stamp, rules, level});
+    }
+    return level;
+}
+
+std::shared_ptr<const UploadSums::Level> UploadSums::recall(const QByteArray& path, const FileStamp& stamp,
+                                                            quint64 rules) const {
+    const std::lock_guard lock(m_mutex);
+    const auto found = m_levels.constFind(path);
+    const bool holds = found != m_levels.cend() && found->stamp == stamp && found->rules == rules;
+    return holds ? found->level : nullptr;
+}
+
+quint64 UploadSums::listings() const {
+    const std::lock_guard lock(m_mutex);
+    return m_listings;
+}
+
+} // namespace orx
