@@ -504,8 +504,8 @@ def bench_tree_up(table, ours, build, work, files):
                 fail(f"{runs[-1][what]} of {files} files are {what} by the job of halvane put")
         most = max(runs, key=lambda run: run["loop"])
         table.gaps(f"longest stall of the event loop, halvane put of that tree, {what}", [run["loop"] for run in runs], [run["floor"] for run in runs], 50,
-                   f"a timer of 1 ms in the same loop, against a thread that only sleeps; of the longest {most['loop_processor']:.0f} ms are the processor's; for itself "
-                   f"counts what sums up the maximum beforehand ({max(run['making_ms'] for run in runs):.0f} ms)")
+                   f"a timer of 1 ms in the same loop, against a thread that only sleeps; of the longest {most['loop_processor']:.0f} ms are the processor's; "
+                   f"{statistics.median(run['seconds'] for run in runs):.1f} s")
 
     spent, sums = {}, {}
     for number in (files // 2, files, files * 2):

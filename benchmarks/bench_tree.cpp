@@ -277,7 +277,6 @@ void putByCommand(const QString& directory, const QString& target) {
     clock.start();
     FloorProbe floor;
     LoopProbe loop;
-    QObject::connect(&job, &TreeUploadJob::scanned, [&loop] { loop.makesLevel(); });
     run(job);
     const double seconds = double(clock.nsecsElapsed()) / 1e9;
     loop.end();
@@ -285,7 +284,6 @@ void putByCommand(const QString& directory, const QString& target) {
            {QStringLiteral("loop"), loop.longest().wall},
            {QStringLiteral("loop_processor"), loop.longest().processor},
            {QStringLiteral("floor"), floor.longestGapMs()},
-           {QStringLiteral("making_ms"), loop.longestLevel().wall},
            {QStringLiteral("uploaded"), uploaded},
            {QStringLiteral("unchanged"), unchanged}});
 }
