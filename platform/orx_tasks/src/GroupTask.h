@@ -14,9 +14,10 @@ namespace orx {
 //!
 //! Breadth: a child starts when it gets one of the slots of the tree of nested groups, first come, first
 //! served over the whole tree, whose outermost group says how many there are. It gives the slot back when it
-//! ends, or for good when it, or a step of it, starts children in a group of its own; a wait for a person
-//! lends it to others (BaseTask::lendSlot()). So groups may be nested to any depth. A child that is cancelled
-//! while it is in line ends at once. A task that is executed by itself, or as a step, needs no slot.
+//! ends, or for good when it, or a step of it, starts children in a group of its own; a wait for a person, or
+//! a long one for others, lends it to others (BaseTask::lendSlot()). So groups may be nested to any depth. A
+//! child that is cancelled while it is in line ends at once. A task that is executed by itself, or as a step,
+//! needs no slot.
 //!
 //! Cancelled (also before it started), it cancels the children that run and those in line; each gets its
 //! failure continuation before the group finishes. Whatever is added after that ends in the same way.

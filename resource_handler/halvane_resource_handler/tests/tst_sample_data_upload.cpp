@@ -286,6 +286,32 @@ TEST_F(SampleDataUploads, ThatWaitForRoomLendTheirSlots) {
     EXPECT_EQ(server.service().files().size(), 9);
 }
 
+TEST_F(SampleDataUploads, ThatLentTheirSlotsEndWithTheirGroup) {
+    const SmallDisk disk = diskOf(mostBytes + 100);
+    const auto held = vonk::DiskRoom::take(filePath(QStringLiteral("temporary")), 200, raw);
+    ASSERT_FALSE(held.hasError());
+    int ended = 0;
+    {
+        GroupTask group;
+        group.setBreadth(2);
+        for (int i = 0; i < 8; ++i)
+            group.addTask(upload(QStringLiteral("run%1").arg(i)), {}, [&](BaseTask* task) {
+                EXPECT_TRUE(task->isCanceled());
+                ++ended;
+            });
+        group.addTask(
+            std::make_unique<HalvaneFileUploadTask>(uploadOf(makeFile(QStringLiteral("a.txt"))), nullptr),
+            [&](BaseTask*) { group.cancel(); });
+        EXPECT_TRUE(runInLoop(group).isCanceled());
+    }
+    EXPECT_EQ(ended, 8);
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    EXPECT_EQ(temporaryDirCount(), 0);
+    (*held)->release();
+    const auto last = upload(QStringLiteral("last"));
+    EXPECT_FALSE(run(*last).hasError()) << "turns and room are free again";
+}
+
 //! Packings that are at work until the summary may be made.
 TEST_F(SampleDataUploads, OfWhichAllPackLeaveHalfOfTheWorkers) {
     std::latch end(1);
