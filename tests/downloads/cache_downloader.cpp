@@ -5,6 +5,8 @@
 // was that is removed: remove; or at the first flush of the directory: directory. Anything else: never.
 //
 // usage: HALVANE_TOKEN=... cache_downloader URL USER FOLDER CACHE_DIRECTORY TARGET_DIRECTORY PLACE
+#include "NoBlockSharing.h"
+
 #include <HalvaneConnection.h>
 #include <HalvaneDownloadFolderCacheTask.h>
 #include <HalvaneResourceHandler.h>
@@ -16,12 +18,10 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
-#include <cstdarg>
 #include <cstdio>
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <string>
-#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -59,19 +59,6 @@ extern "C" ssize_t copy_file_range(int from, off64_t* at, int to, off64_t* end, 
     if (dies)
         ::raise(SIGKILL);
     return copied;
-}
-
-// No sharing of blocks, so that there is a half of a copy on every file system.
-extern "C" int ioctl(int descriptor, unsigned long request, ...) noexcept {
-    va_list arguments;
-    va_start(arguments, request);
-    void* const argument = va_arg(arguments, void*);
-    va_end(arguments);
-    if (request == FICLONE) {
-        errno = EOPNOTSUPP;
-        return -1;
-    }
-    return int(::syscall(SYS_ioctl, descriptor, request, argument));
 }
 
 extern "C" int fsync(int descriptor) {

@@ -46,7 +46,6 @@ struct FileDownloadTask::Look {
     bool isThere = false;
     bool isFile = false;
     //! A link that leads nowhere, which nobody but this task notices.
-    bool isDangling = false;
     QByteArray stamp;
     Error problem;
     //! For a copy out of the cache. What is fetched directly looks for room itself.
@@ -84,7 +83,6 @@ void FileDownloadTask::look() {
                                const QFileInfo target(path);
                                look->isThere = isThere(target);
                                look->isFile = target.isFile();
-                               look->isDangling = target.isSymLink() && !target.exists();
                                look->problem = checkFilePlace(target);
                                if (!look->problem.hasError())
                                    look->stamp = stampOfPlace(path);

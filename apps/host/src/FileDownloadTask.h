@@ -16,7 +16,7 @@ namespace halvane::host {
 //! else brought there since a person answered, is a clash again.
 //!
 //! Errors: ErrorCode::FileNotWritable and ErrorCode::StorageFull for a target that cannot be, those of
-//! ClashAnswerer::decide(), those of the retrieval.
+//! ClashAnswerer::decided() and ClashStepTask, those of the retrieval.
 class HALVANE_HOST_EXPORT FileDownloadTask : public ItemDownloadTask {
     Q_OBJECT
 public:

@@ -2,7 +2,6 @@
 
 #include "PackedText.h"
 
-#include <AtomicFile.h>
 #include <FilePlace.h>
 
 #include <QDir>
@@ -22,16 +21,6 @@ namespace {
 //! What is written between two requests to begin writing back, so that the flush at the end has little to do.
 constexpr qint64 sliceSize = qint64(8) * 1024 * 1024;
 
-//! Makes the name durable under which \a target is; errno.
-int flushName(const QByteArray& target) {
-    const Error error = AtomicFile::syncDirectory(QFileInfo(QFile::decodeName(target)).path());
-    if (!error.hasError() || error.code() != EACCES)
-        return error.hasError() ? error.code() : 0;
-    // A directory that may be written and not read cannot be opened; its whole file system can be flushed.
-    const Descriptor made(::open(target.constData(), O_RDONLY | O_CLOEXEC));
-    return made.isOpen() && ::syncfs(*made) == 0 ? 0 : errno;
-}
-
 } // namespace
 
 QByteArray encodedPath(const QString& path) {
@@ -41,7 +30,7 @@ QByteArray encodedPath(const QString& path) {
 Error takeForGood(const QByteArray& temporary, const QByteArray& target, const QString& path) {
     if (const int taken = FilePlace::take(temporary, target); taken != 0)
         return ORX_ECATCH(writeFailure(taken == ENOTEMPTY ? EEXIST : taken, path));
-    const int unflushed = flushName(target);
+    const int unflushed = FilePlace::flushName(target);
     if (unflushed == 0)
         return {};
     // A name that a power cut might take away again is not handed out.

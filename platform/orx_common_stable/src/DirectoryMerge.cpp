@@ -1,6 +1,5 @@
 #include "DirectoryMerge.h"
 
-#include "AtomicFile.h"
 #include "FilePlace.h"
 #include "MountPoints.h"
 
@@ -77,8 +76,8 @@ bool isSameTime(const timespec& one, const timespec& other) {
     return one.tv_sec == other.tv_sec && one.tv_nsec == other.tv_nsec;
 }
 
-//! As far as this user may: who made a directory owns it.
-void copyAttributes(const QByteArray& from, const QByteArray& to) {
+//! As far as this user may, but for those that say who has access.
+Error copyAttributes(const QByteArray& from, const QByteArray& to) {
     QByteArray names(64 * 1024, Qt::Uninitialized);
     const ssize_t length = ::listxattr(from.constData(), names.data(), size_t(names.size()));
     names.resize(qMax<qsizetype>(0, length));
@@ -87,9 +86,18 @@ void copyAttributes(const QByteArray& from, const QByteArray& to) {
         const ssize_t size = name.isEmpty() ? -1
                                             : ::getxattr(from.constData(), name.constData(), value.data(),
                                                          size_t(value.size()));
-        if (size >= 0)
-            ::setxattr(to.constData(), name.constData(), value.constData(), size_t(size), 0);
+        if (size >= 0 &&
+            ::setxattr(to.constData(), name.constData(), value.constData(), size_t(size), 0) != 0 &&
+            name.startsWith("system.posix_acl_"))
+            return failure("Could not set the access rights of a copy of \"%1\"", from);
     }
+    return {};
+}
+
+bool hasOwners(const QByteArray& path, const struct stat& model) {
+    struct stat info = {};
+    return ::lstat(path.constData(), &info) == 0 && info.st_uid == model.st_uid &&
+           info.st_gid == model.st_gid;
 }
 
 class Merging {
@@ -147,7 +155,7 @@ private:
         if (old)
             ORX_RETURN_ON_ERROR(checkMayChange(targetOf(relative), *old, isInSource));
         if (::mkdir(into.constData(), old ? 0700 : 0777) != 0)
-            return failure("Could not make \"%1\"", into);
+            return failure("Could not make \"%1\"", targetOf(relative));
         return fill(relative, isInSource, old, into);
     }
 
@@ -269,7 +277,7 @@ private:
         if (m_options.mayLinkSource && S_ISREG(info.st_mode) &&
             ::link(source.constData(), into.constData()) == 0)
             return {};
-        return FileCopy::content(source, into);
+        return FileCopy::content(source, into, targetOf(relative));
     }
 
     bool isNewer(const struct stat& info, const QByteArray& relative) const {
@@ -290,9 +298,16 @@ private:
             return {};
         if (S_ISLNK(info.st_mode))
             return keepLink(old, into);
-        ORX_RETURN_ON_ERROR(FileCopy::content(old, into));
-        copyAttributes(old, into);
-        return setMode(into, info.st_mode & 07777);
+        ORX_RETURN_ON_ERROR(FileCopy::content(old, into, old));
+        // Who could read the original, which goes, is to be able to read the copy, and nobody else.
+        if (!hasOwners(into, info) && ::chown(into.constData(), info.st_uid, info.st_gid) != 0)
+            return refused(
+                ErrorCode::FileNotWritable,
+                "\"%1\" belongs to somebody else and would not any more when the directory that it is "
+                "in is replaced; that stays as it is.",
+                old);
+        ORX_RETURN_ON_ERROR(copyAttributes(old, into));
+        return setMode(old, into, info.st_mode & 07777);
     }
 
     static Error keepLink(const QByteArray& old, const QByteArray& into) {
@@ -309,40 +324,46 @@ private:
         // Its access rights may be such that it cannot be opened afterwards.
         const int directory = ::open(into.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
         if (directory < 0)
-            return failure("Could not open \"%1\"", into);
+            return failure("Could not open a copy of \"%1\"", targetOf(relative));
         Error error = setAttributes(relative, isInSource, old, into);
         if (!error.hasError() && ::fsync(directory) != 0 && errno != EINVAL && errno != ENOTSUP)
-            error = failure("Could not flush \"%1\"", into);
+            error = failure("Could not flush a copy of \"%1\"", targetOf(relative));
         ::close(directory);
         return error;
     }
 
     //! What is made in \a into gets group and access as in what it takes the place of; the owner may fill it.
     static Error inherit(const QByteArray& from, const struct stat& old, const QByteArray& into) {
-        // Of another owner's directory at least the group can be kept, where this user belongs to it.
-        if (::chown(into.constData(), old.st_uid, old.st_gid) != 0)
-            (void)!::chown(into.constData(), uid_t(-1), old.st_gid);
-        copyAttributes(from, into);
-        return setMode(into, (old.st_mode & 07777) | 0700);
+        // Who replaces the directory of somebody else owns the new one; what is said of a group is to be said
+        // of the same one.
+        if (!hasOwners(into, old) && ::chown(into.constData(), old.st_uid, old.st_gid) != 0 &&
+            ::chown(into.constData(), uid_t(-1), old.st_gid) != 0)
+            return refused(
+                ErrorCode::FileNotWritable,
+                "\"%1\" belongs to a group that you do not belong to, and would not any more when it is "
+                "replaced; it stays as it is.",
+                from);
+        ORX_RETURN_ON_ERROR(copyAttributes(from, into));
+        return setMode(from, into, (old.st_mode & 07777) | 0700);
     }
 
-    static Error setMode(const QByteArray& path, mode_t mode) {
+    static Error setMode(const QByteArray& shown, const QByteArray& path, mode_t mode) {
         return ::chmod(path.constData(), mode) == 0
                    ? Error()
-                   : failure("Could not set the access rights of \"%1\"", path);
+                   : failure("Could not set the access rights of a copy of \"%1\"", shown);
     }
 
     Error setAttributes(const QByteArray& relative, bool isInSource, const struct stat* old,
                         const QByteArray& into) const {
         if (old)
-            ORX_RETURN_ON_ERROR(setMode(into, old->st_mode & 07777));
+            ORX_RETURN_ON_ERROR(setMode(targetOf(relative), into, old->st_mode & 07777));
         const QByteArray model = old && !isInSource ? targetOf(relative) : sourceOf(relative);
         struct stat from = {};
         if (::lstat(model.constData(), &from) != 0)
             return failure("Could not look at \"%1\"", model);
         const timespec times[] = {from.st_atim, from.st_mtim};
         if (::utimensat(AT_FDCWD, into.constData(), times, 0) != 0)
-            return failure("Could not set the time of \"%1\"", into);
+            return failure("Could not set the time of a copy of \"%1\"", model);
         return {};
     }
 
@@ -392,8 +413,19 @@ private:
             return error;
         }
         // What is removed before that could be all that is left after a power cut.
-        ORX_RETURN_ON_ERROR(AtomicFile::syncDirectory(QFileInfo(QFile::decodeName(m_target)).path()));
-        return removeOld(old, QByteArray()) ? Error() : notRemoved(old);
+        if (const int reason = FilePlace::flushName(m_target); reason != 0)
+            return Error(
+                ErrorCode::FileNotWritable,
+                translated("\"%1\" was replaced, but a power cut might undo that: %2. What it was before "
+                           "is \"%3\". Look after the disk.")
+                    .arg(QFile::decodeName(m_target), qt_error_string(reason), visible(old)));
+        Error success;
+        if (!removeOld(old, QByteArray()))
+            success.addWarning(
+                translated("\"%1\" was replaced, but what it was before could not be removed. Look "
+                           "whether \"%2\" holds something that is still needed, and remove it.")
+                    .arg(QFile::decodeName(m_target), visible(old)));
+        return success;
     }
 
     //! \a successor becomes the name of the old one.
@@ -441,14 +473,10 @@ private:
         return entriesOf(directory);
     }
 
-    //! It gets a name that shows.
-    Error notRemoved(const QByteArray& old) const {
+    //! Gives the old one a name that shows; the name that it has then.
+    QString visible(const QByteArray& old) const {
         const QByteArray aside = FilePlace::asideOf(m_target);
-        const QByteArray left = FilePlace::take(old, aside) == 0 ? aside : old;
-        return Error(ErrorCode::FileChanged,
-                     translated("\"%1\" was replaced, but what it was before could not be removed. Look "
-                                "whether \"%2\" holds something that is still needed, and remove it.")
-                         .arg(QFile::decodeName(m_target), QFile::decodeName(left)));
+        return QFile::decodeName(FilePlace::take(old, aside) == 0 ? aside : old);
     }
 
     const QByteArray m_source;

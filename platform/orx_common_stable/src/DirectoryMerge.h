@@ -12,11 +12,11 @@ namespace orx {
 //! Made beside the target and flushed is a directory of everything that the source holds and of what else the
 //! target holds, at every depth; the two are exchanged by one rename, and the old one is removed. What stays
 //! is no copy but the same file (a hard link; a copy where there can be none). The new directories have the
-//! access rights and attributes of those that they take the place of, from the beginning, so that what comes
-//! inherits them. What comes to the target while its successor is made is never lost: the merge is given up,
-//! or an error tells where it is. Killed, a hidden directory stays beside the target
-//! (FilePlace::temporaryBeside()): what was made, or what is left of the old one. Nothing removes it, since
-//! it may hold what came just then.
+//! group, access rights and attributes of those that they take the place of, from the beginning, so that what
+//! comes inherits them; who replaces the directories of somebody else owns the new ones. What comes to the
+//! target while its successor is made is never lost: the merge is given up, or an error tells where it is.
+//! Killed, a hidden directory stays beside the target (FilePlace::temporaryBeside()): what was made, or what
+//! is left of the old one. Nothing removes it, since it may hold what came just then.
 //!
 //! A file system that cannot exchange names gets two renames: for a moment the old directory is called
 //! `NAME.RANDOM.old`, and keeps that name when the process is killed just then; nothing is at the target
@@ -34,10 +34,12 @@ public:
     };
 
     //! Errors are those of FileCopy; ErrorCode::AlreadyExists, too, when a file would take the place of a
-    //! directory or the other way round, FileNotWritable for a protected directory and, before
-    //! anything is copied, for one that is a mount point or holds one, FileChanged when somebody else works
-    //! in the target meanwhile. After all of them the target is what it was, unless the message says that
-    //! only the old one could not be removed.
+    //! directory or the other way round; FileNotWritable for a protected directory, for one of a group that
+    //! this user is not in, for a file of somebody else that cannot be linked and, before anything is copied,
+    //! for a directory that is a mount point or holds one; FileChanged when somebody else works in the target
+    //! meanwhile. After all of them the target is what it was, unless the message says otherwise and where
+    //! the old one is (the names could not be flushed). A warning tells where the old one
+    //! is when it could not be removed.
     static Error run(const QString& source, const QString& target, const Options& options);
 };
 

@@ -89,12 +89,14 @@ FileCopy::Stamp stampFrom(const struct stat& info) {
 // One file, from what was opened to a new file; nothing is left of that after a failure.
 class ContentCopy {
 public:
-    ContentCopy(const QByteArray& source, const QByteArray& target) : m_source(source), m_target(target) {}
+    ContentCopy(const QByteArray& source, const QByteArray& target, const QByteArray& shown)
+        : m_source(source), m_target(target), m_shown(shown) {}
     //! The copy is \a file, which is left open and has yet to take the place \a target.
     ContentCopy(const QByteArray& source, const QByteArray& target, NewFile& file, NewFile::Kind kind,
                 FileCopy::IsCanceled isCanceled, const std::optional<FileCopy::Stamp>& expected)
         : m_source(source)
         , m_target(target)
+        , m_shown(target)
         , m_file(&file)
         , m_kind(kind)
         , m_isCanceled(std::move(isCanceled))
@@ -117,17 +119,17 @@ public:
 private:
     Error fillFile(int source, mode_t mode) {
         if (const int reason = m_file->make(m_kind, m_target, mode); reason != 0)
-            return writeFailure(reason, m_target);
+            return writeFailure(reason, m_shown);
         return fill(source, m_file->descriptor());
     }
 
     Error fillTarget(int source, mode_t mode) {
         Descriptor target(::open(m_target.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode));
         if (!target.isOpen())
-            return writeFailure(errno, m_target);
+            return writeFailure(errno, m_shown);
         Error error = fill(source, *target);
         if (!error.hasError() && !target.close())
-            error = writeFailure(errno, m_target);
+            error = writeFailure(errno, m_shown);
         if (error.hasError())
             ::unlink(m_target.constData());
         return error;
@@ -140,7 +142,7 @@ private:
         ORX_RETURN_ON_ERROR(checkUnchanged(source));
         const timespec times[] = {m_before.st_atim, m_before.st_mtim};
         if (::futimens(target, times) != 0 || ::fsync(target) != 0)
-            return writeFailure(errno, m_target);
+            return writeFailure(errno, m_shown);
         return {};
     }
 
@@ -149,7 +151,7 @@ private:
         const bool isLarge = size_t(m_before.st_size) > sliceSize;
         if (isLarge && ::fallocate(target, 0, 0, m_before.st_size) != 0 &&
             (errno == ENOSPC || errno == EDQUOT))
-            return writeFailure(errno, m_target);
+            return writeFailure(errno, m_shown);
         off_t done = 0;
         while (done < m_before.st_size) {
             ORX_RETURN_ON_ERROR(checkGoesOn());
@@ -174,7 +176,7 @@ private:
             if (copied >= 0)
                 return qint64(copied);
             if (errno == ENOSPC || errno == EDQUOT || errno == EIO)
-                return writeFailure(errno, m_target);
+                return writeFailure(errno, m_shown);
             m_byHand = errno != EINTR;
         }
         m_buffer.resize(1024 * 1024);
@@ -187,7 +189,7 @@ private:
                 return ::pwrite(target, m_buffer.data() + written, size_t(bytes - written), from + written);
             });
             if (more < 0)
-                return writeFailure(errno, m_target);
+                return writeFailure(errno, m_shown);
             written += more;
         }
         return qint64(bytes);
@@ -230,6 +232,7 @@ private:
 
     QByteArray m_source;
     QByteArray m_target;
+    QByteArray m_shown;
     NewFile* m_file = nullptr;
     NewFile::Kind m_kind = NewFile::Kind::Unnamed;
     FileCopy::IsCanceled m_isCanceled;
@@ -248,15 +251,15 @@ class TreeCopy {
 public:
     explicit TreeCopy(const FileCopy::Filter& filter) : m_filter(filter) {}
 
-    Error copy(const QByteArray& source, const QByteArray& target) {
+    Error copy(const QByteArray& source, const QByteArray& target, const QByteArray& shown) {
         struct stat info = {};
         if (::lstat(source.constData(), &info) != 0)
             return readFailure(errno, source);
         if (!S_ISDIR(info.st_mode))
             return notCopied(source);
         if (::mkdir(target.constData(), 0777) != 0)
-            return writeFailure(errno, target);
-        return fill(source, info, target);
+            return writeFailure(errno, shown);
+        return fill(source, info, target, shown);
     }
 
     //! Into a hidden directory beside \a target; empty as long as there is none.
@@ -268,22 +271,24 @@ public:
             return notCopied(source);
         if (const int reason = FilePlace::makeDirectoryBeside(target, hidden, 0777); reason != 0)
             return writeFailure(reason, target);
-        return fill(source, info, hidden);
+        return fill(source, info, hidden, target);
     }
 
 private:
-    Error fill(const QByteArray& source, const struct stat& info, const QByteArray& target) {
+    Error fill(const QByteArray& source, const struct stat& info, const QByteArray& target,
+               const QByteArray& shown) {
         const std::unique_ptr<DIR, int (*)(DIR*)> listing(::opendir(source.constData()), &::closedir);
         if (!listing)
             return readFailure(errno, source);
-        ORX_RETURN_ON_ERROR(copyEntries(listing.get(), source, target));
+        ORX_RETURN_ON_ERROR(copyEntries(listing.get(), source, target, shown));
         const timespec times[] = {info.st_atim, info.st_mtim};
         if (::utimensat(AT_FDCWD, target.constData(), times, 0) != 0)
-            return writeFailure(errno, target);
+            return writeFailure(errno, shown);
         return AtomicFile::syncDirectory(QFile::decodeName(target));
     }
 
-    Error copyEntries(DIR* listing, const QByteArray& source, const QByteArray& target) {
+    Error copyEntries(DIR* listing, const QByteArray& source, const QByteArray& target,
+                      const QByteArray& shown) {
         for (;;) {
             errno = 0;
             const dirent* const entry = ::readdir(listing);
@@ -294,15 +299,15 @@ private:
                 continue;
             const QByteArray path = source + '/' + name;
             if (!m_filter || m_filter(QFile::decodeName(path)))
-                ORX_RETURN_ON_ERROR(copyEntry(path, target + '/' + name));
+                ORX_RETURN_ON_ERROR(copyEntry(path, target + '/' + name, shown + '/' + name));
         }
     }
 
-    Error copyEntry(const QByteArray& source, const QByteArray& target) {
+    Error copyEntry(const QByteArray& source, const QByteArray& target, const QByteArray& shown) {
         struct stat info = {};
         if (::lstat(source.constData(), &info) != 0)
             return readFailure(errno, source);
-        return S_ISDIR(info.st_mode) ? copy(source, target) : ContentCopy(source, target).run();
+        return S_ISDIR(info.st_mode) ? copy(source, target, shown) : ContentCopy(source, target, shown).run();
     }
 
     const FileCopy::Filter& m_filter;
@@ -359,8 +364,8 @@ Error FileCopy::directory(const QString& source, const QString& target, const Fi
     return ORX_ECATCH(error);
 }
 
-Error FileCopy::content(const QByteArray& source, const QByteArray& target) {
-    return ORX_ECATCH(ContentCopy(source, target).run());
+Error FileCopy::content(const QByteArray& source, const QByteArray& target, const QByteArray& shown) {
+    return ORX_ECATCH(ContentCopy(source, target, shown).run());
 }
 
 } // namespace orx

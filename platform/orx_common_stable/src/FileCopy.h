@@ -21,7 +21,8 @@ namespace orx {
 //! Errors name the path: ErrorCode::NotFound, FileNotReadable (also for what is neither a file nor a
 //! directory, symbolic links among them: they are never followed), FileNotWritable, FileChanged (the source
 //! changed while it was copied, or the target, as a ReplaceGuard says), AlreadyExists, else the system's
-//! (ENOSPC, EDQUOT). After an error the target is what it was and nothing is left beside it.
+//! (ENOSPC, EDQUOT). After an error the target is what it was and nothing is left beside it,
+//! unless only the directory could not be flushed: then the copy is there, but may not survive a power cut.
 class ORX_COMMON_STABLE_EXPORT FileCopy {
 public:
     enum class IfExists {
@@ -53,8 +54,9 @@ public:
     //! A directory with everything in it that \a filter (none: all) accepts, to a path where nothing is.
     static Error directory(const QString& source, const QString& target, const Filter& filter = {});
     //! One regular file to a path where nothing is, for who makes a directory that gets its name later: the
-    //! content is written there at once and flushed, its name is not. Paths are bytes and absolute.
-    static Error content(const QByteArray& source, const QByteArray& target);
+    //! content is written there at once and flushed, its name is not. Errors name the target \a shown. Paths
+    //! are bytes and absolute.
+    static Error content(const QByteArray& source, const QByteArray& target, const QByteArray& shown);
 };
 
 } // namespace orx

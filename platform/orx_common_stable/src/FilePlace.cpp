@@ -1,5 +1,9 @@
 #include "FilePlace.h"
 
+#include "AtomicFile.h"
+
+#include <QFile>
+#include <QFileInfo>
 #include <QRandomGenerator>
 
 #include <cerrno>
@@ -111,6 +115,18 @@ int FilePlace::exchange(const QByteArray& one, const QByteArray& other) {
 
 bool FilePlace::isUnknown(int reason) {
     return reason == EINVAL || reason == ENOSYS || reason == ENOTSUP;
+}
+
+int FilePlace::flushName(const QByteArray& path) {
+    const Error error = AtomicFile::syncDirectory(QFileInfo(QFile::decodeName(path)).path());
+    if (!error.hasError() || error.code() != EACCES)
+        return error.hasError() ? error.code() : 0;
+    // A directory that may be written and not read cannot be opened; its whole file system can be flushed.
+    const int descriptor = ::open(path.constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    const int reason = descriptor >= 0 && ::syncfs(descriptor) == 0 ? 0 : errno;
+    if (descriptor >= 0)
+        ::close(descriptor);
+    return reason;
 }
 
 } // namespace orx

@@ -40,6 +40,8 @@ public:
     //! isUnknown() tells those of a file system that cannot do that.
     static int exchange(const QByteArray& one, const QByteArray& other);
     static bool isUnknown(int reason);
+    //! Makes the name durable under which \a path is, a file or directory. Zero or an errno.
+    static int flushName(const QByteArray& path);
     //! A name beside \a target that nobody uses, for what has to make room where nothing can be exchanged. It
     //! shows, since nobody looks for it: `NAME.RANDOM.old`.
     static QByteArray asideOf(const QByteArray& target);

@@ -1,12 +1,13 @@
 #include "FileUtils.h"
 
-#include "AtomicFile.h"
 #include "DirectoryMerge.h"
 #include "FileCopy.h"
+#include "FilePlace.h"
 #include "Result.h"
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QLoggingCategory>
 #include <QSet>
 
 namespace orx {
@@ -14,6 +15,8 @@ namespace orx {
 using Policy = FileUtils::DuplicateFilesPolicy;
 
 namespace {
+
+Q_LOGGING_CATEGORY(filesLog, "orx.files", QtWarningMsg)
 
 QString translated(const char* text) {
     return QCoreApplication::translate("orx::FileUtils", text);
@@ -35,7 +38,10 @@ Error makeDirectory(const QString& path, const QString& wanted) {
     if (!QDir().mkdir(path) && !QFileInfo(path).isDir())
         return Error(ErrorCode::FileNotWritable,
                      translated("Could not make the directory \"%1\".").arg(wanted));
-    return AtomicFile::syncDirectory(parent);
+    const int reason = FilePlace::flushName(QFile::encodeName(path));
+    return reason == 0
+               ? Error()
+               : Error::fromErrno(reason, translated("Could not flush the directory \"%1\"").arg(parent));
 }
 
 // One entry on its way: what it is called here and there.
@@ -73,7 +79,7 @@ public:
         ORX_RETURN_ON_ERROR(makeDirectory(m_target.absolutePath(), m_target.path()));
         for (const Move& move : m_moves)
             ORX_RETURN_ON_ERROR(carryOut(move));
-        return {};
+        return std::move(m_success);
     }
 
 private:
@@ -157,7 +163,9 @@ private:
         DirectoryMerge::Options options;
         options.filter = filter();
         options.onlyNewer = policy() == Policy::OverwriteOlder;
-        ORX_RETURN_ON_ERROR(DirectoryMerge::run(move.source.filePath(), target.filePath(), options));
+        const Error merged = DirectoryMerge::run(move.source.filePath(), target.filePath(), options);
+        ORX_RETURN_ON_ERROR(merged);
+        m_success.addWarnings(merged.warnings());
         noteCopied(move.targetName);
         return {};
     }
@@ -192,27 +200,36 @@ private:
     const FileUtils::CopyFilesValidator& m_validator;
     QList<QString>* m_copiedNames;
     QList<Move> m_moves;
+    //! With the warnings.
+    Error m_success;
 };
+
+//! The stamp of an error is its line in the log.
+bool isSuccess(const Error& outcome) {
+    for (const QString& warning : outcome.warnings())
+        qCWarning(filesLog).noquote() << warning;
+    return !outcome.hasError();
+}
 
 } // namespace
 
 bool FileUtils::copyFiles(const QString& sourceDir, const QString& targetDir, const CopyFilesOptions& options,
                           const CopyFilesValidator& validator, const QList<CustomName>& customNames,
                           QList<QString>* copiedNames) {
-    // The stamp of the error is its line in the log.
-    return !tryCopyFiles(sourceDir, targetDir, options, validator, customNames, copiedNames).hasError();
+    return isSuccess(tryCopyFiles(sourceDir, targetDir, options, validator, customNames, copiedNames));
 }
 
 bool FileUtils::copyFile(const QString& source, const QString& target, DuplicateFilesPolicy policy) {
-    return !tryCopyFile(source, target, policy).hasError();
+    return isSuccess(tryCopyFile(source, target, policy));
 }
 
 Error FileUtils::tryCopyFiles(const QString& sourceDir, const QString& targetDir,
                               const CopyFilesOptions& options, const CopyFilesValidator& validator,
                               const QList<CustomName>& customNames, QList<QString>* copiedNames) {
     DirectoryCopy copy(QDir(sourceDir), QDir(targetDir), options, validator, copiedNames);
-    ORX_RETURN_ON_ERROR(copy.run(customNames));
-    return {};
+    const Error outcome = copy.run(customNames);
+    ORX_RETURN_ON_ERROR(outcome);
+    return outcome;
 }
 
 Error FileUtils::tryCopyFile(const QString& source, const QString& target, DuplicateFilesPolicy policy) {

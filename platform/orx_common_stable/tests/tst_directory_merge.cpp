@@ -1,5 +1,7 @@
 // A directory that is joined with another one is what it was, or all of the new one, wherever the process is
 // killed. A program of its own, since it ends itself in the middle of system calls and makes some fail.
+#include "NoBlockSharing.h"
+
 #include <DirectoryMerge.h>
 #include <FilePlace.h>
 
@@ -33,6 +35,10 @@ std::function<void(const char* call)> onChange;
 //! As on a file system that knows neither hard links nor the exchange of names.
 bool cannotLink = false;
 bool cannotExchange = false;
+bool cannotChown = false;
+//! The directory whose names cannot be flushed.
+std::string unflushable;
+bool isDiskFull = false;
 //! As of a kernel that does not tell of an entry whether something is mounted there.
 bool tellsNoMounts = false;
 //! As on a file system of several layers, where files have other device numbers than directories.
@@ -61,10 +67,27 @@ extern "C" int link(const char* from, const char* to) {
 
 extern "C" ssize_t copy_file_range(int from, off64_t* at, int to, off64_t* end, size_t length,
                                    unsigned flags) {
+    if (isDiskFull) {
+        errno = ENOSPC;
+        return -1;
+    }
     return changing("copy", [=] { return ::syscall(SYS_copy_file_range, from, at, to, end, length, flags); });
 }
 
+extern "C" int chown(const char* path, uid_t user, gid_t group) {
+    if (cannotChown) {
+        errno = EPERM;
+        return -1;
+    }
+    return int(::syscall(SYS_fchownat, AT_FDCWD, path, user, group, 0));
+}
+
 extern "C" int fsync(int descriptor) {
+    const QByteArray link = "/proc/self/fd/" + QByteArray::number(descriptor);
+    if (!unflushable.empty() && QFile::symLinkTarget(QFile::decodeName(link)).toStdString() == unflushable) {
+        errno = EIO;
+        return -1;
+    }
     return int(changing("flush", [=] { return ::syscall(SYS_fsync, descriptor); }));
 }
 
@@ -109,6 +132,9 @@ protected:
         onChange = {};
         cannotLink = false;
         cannotExchange = false;
+        cannotChown = false;
+        unflushable.clear();
+        isDiskFull = false;
         tellsNoMounts = false;
         hasLayers = false;
         // So that what is protected can be removed with the rest.
@@ -373,11 +399,12 @@ TEST_F(DirectoryMergeTest, WhatComesToTheTargetMeanwhileIsNotLost) {
     };
     const Error error = merge();
     onChange = {};
-    EXPECT_TRUE(error.is(ErrorCode::FileChanged));
+    EXPECT_FALSE(error.hasError()) << qPrintable(error.errorMessage());
     EXPECT_EQ(treeOf("run"), merged);
     ASSERT_EQ(names().size(), 3);
     EXPECT_TRUE(names().last().endsWith(QStringLiteral(".old"))) << "where it shows";
-    EXPECT_TRUE(error.errorMessage().contains(names().last())) << "says where it is";
+    ASSERT_EQ(error.warnings().size(), 1);
+    EXPECT_TRUE(error.warnings().first().contains(names().last())) << "says where it is";
     EXPECT_EQ(treeOf(names().last().toUtf8().constData()), (Tree{{"data/later", "written meanwhile"}}));
 }
 
@@ -392,7 +419,8 @@ TEST_F(DirectoryMergeTest, WhatIsWrittenIntoTheOldFileInTheLastMomentIsKept) {
         };
         const Error error = merge();
         onChange = {};
-        EXPECT_TRUE(error.is(ErrorCode::FileChanged)) << path;
+        EXPECT_FALSE(error.hasError()) << path << qPrintable(error.errorMessage());
+        EXPECT_EQ(error.warnings().size(), 1) << path;
         EXPECT_EQ(treeOf("run"), merged);
         ASSERT_EQ(names().size(), 3);
         EXPECT_EQ(treeOf(names().last().toUtf8().constData()), (Tree{{path, "written in place"}}));
@@ -427,6 +455,69 @@ TEST_F(DirectoryMergeTest, WhatComesInheritsFromTheDirectoryThatItComesTo) {
         for (const char* const path : {"run/data", "run/data/fid", "run/data/more", "run/data/more/peaks"})
             EXPECT_EQ(infoOf(path).st_gid, 4242u) << path;
     }
+}
+
+TEST_F(DirectoryMergeTest, WhenTheNamesCannotBeFlushedTheOldOneStaysWhereItShows) {
+    putOld();
+    unflushable = QFileInfo(dir.path()).canonicalFilePath().toStdString();
+    const Error error = merge();
+    EXPECT_TRUE(error.is(ErrorCode::FileNotWritable)) << qPrintable(error.errorMessage());
+    EXPECT_EQ(treeOf("run"), merged);
+    ASSERT_EQ(names().size(), 3);
+    EXPECT_TRUE(names().last().endsWith(QStringLiteral(".old")));
+    EXPECT_TRUE(error.errorMessage().contains(names().last())) << qPrintable(error.errorMessage());
+    EXPECT_EQ(treeOf(names().last().toUtf8().constData()), old);
+    FilePlace::removeTree(QFile::encodeName(dir.filePath(names().last())));
+}
+
+//! Only root may give files away, so that only root can see what happens to those of others.
+TEST_F(DirectoryMergeTest, WhatBelongsToOthersStaysTheirsOrNothingIsReplaced) {
+    if (::geteuid() != 0)
+        return;
+    const auto giveAway = [this](const char* path, mode_t mode) {
+        putOld();
+        ASSERT_EQ(::chown(bytes(path).constData(), 4242, 4243), 0);
+        ASSERT_EQ(::chmod(bytes(path).constData(), mode), 0);
+    };
+    // Where nothing can be linked.
+    cannotLink = true;
+    giveAway("run/data/notes", 0640);
+    ASSERT_FALSE(merge().hasError());
+    EXPECT_EQ(infoOf("run/data/notes").st_uid, 4242u);
+    EXPECT_EQ(infoOf("run/data/notes").st_gid, 4243u);
+    EXPECT_EQ(modeOf("run/data/notes"), 0640u);
+
+    const auto expectRefused = [this](const char* path) {
+        const Error error = merge();
+        EXPECT_TRUE(error.is(ErrorCode::FileNotWritable)) << qPrintable(error.errorMessage());
+        EXPECT_TRUE(error.errorMessage().contains(at(path))) << qPrintable(error.errorMessage());
+        EXPECT_EQ(treeOf("run"), old);
+        EXPECT_EQ(infoOf(path).st_uid, 4242u);
+        EXPECT_EQ(names(), onlySourceAndTarget());
+    };
+    giveAway("run/data/notes", 0640);
+    cannotChown = true;
+    expectRefused("run/data/notes");
+    cannotLink = false;
+    ASSERT_FALSE(merge().hasError()) << "the file itself stays";
+    EXPECT_EQ(infoOf("run/data/notes").st_uid, 4242u);
+    cannotChown = false;
+    giveAway("run/data", 0770);
+    cannotChown = true;
+    expectRefused("run/data");
+}
+
+TEST_F(DirectoryMergeTest, ErrorsNameWhatPeopleKnow) {
+    putOld();
+    ASSERT_EQ(::symlink("acqu", bytes("new/data/more/zlink").constData()), 0);
+    EXPECT_TRUE(merge().errorMessage().contains(at("new/data/more/zlink")));
+    ASSERT_TRUE(QFile::remove(at("new/data/more/zlink")));
+    isDiskFull = true;
+    const Error error = merge();
+    EXPECT_TRUE(error.is(ErrorDomain::OperatingSystem, ENOSPC)) << qPrintable(error.errorMessage());
+    EXPECT_TRUE(error.errorMessage().contains(at("run/acqu"))) << qPrintable(error.errorMessage());
+    EXPECT_FALSE(error.errorMessage().contains(QStringLiteral(".part"))) << qPrintable(error.errorMessage());
+    EXPECT_EQ(treeOf("run"), old);
 }
 
 TEST_F(DirectoryMergeTest, AfterAFailureTheTargetIsWhatItWas) {

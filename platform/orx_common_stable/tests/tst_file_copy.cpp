@@ -1,5 +1,7 @@
 // A copied file is what was there, or the whole new one, and nothing is left beside it, wherever the process
 // is killed. A program of its own, since it ends itself in the middle of system calls and makes some fail.
+#include "NoBlockSharing.h"
+
 #include <FileCopy.h>
 #include <FilePlace.h>
 #include <NewFile.h>
@@ -19,9 +21,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <functional>
-#include <linux/fs.h>
 #include <string_view>
-#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -69,19 +69,6 @@ extern "C" int open64(const char* path, int flags, ...) {
     const mode_t mode = va_arg(arguments, mode_t);
     va_end(arguments);
     return opening(path, flags, mode);
-}
-
-// No sharing of blocks, so that there is a half of a copy on every file system.
-extern "C" int ioctl(int descriptor, unsigned long request, ...) noexcept {
-    va_list arguments;
-    va_start(arguments, request);
-    void* const argument = va_arg(arguments, void*);
-    va_end(arguments);
-    if (request == FICLONE) {
-        errno = EOPNOTSUPP;
-        return -1;
-    }
-    return int(::syscall(SYS_ioctl, descriptor, request, argument));
 }
 
 extern "C" ssize_t copy_file_range(int from, off64_t* at, int to, off64_t* end, size_t length,
