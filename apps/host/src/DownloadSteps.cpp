@@ -1,5 +1,6 @@
 #include "DownloadSteps.h"
 
+#include <FileTime.h>
 #include <HeldFile.h>
 
 #include <QCryptographicHash>
@@ -30,10 +31,6 @@ Error checkDirectoryOf(const QFileInfo& target) {
                      .arg(target.absoluteFilePath(), directory));
 }
 
-qint64 nanoseconds(const timespec& time) {
-    return qint64(time.tv_sec) * 1'000'000'000 + time.tv_nsec;
-}
-
 //! Times and size of a directory say nothing that its entries do not say.
 QByteArray stampOfEntry(const QString& path) {
     struct stat found = {};
@@ -43,7 +40,7 @@ QByteArray stampOfEntry(const QString& path) {
                        QByteArray::number(found.st_mode);
     if (!S_ISDIR(found.st_mode)) {
         for (const qint64 number :
-             {qint64(found.st_size), nanoseconds(found.st_mtim), nanoseconds(found.st_ctim)})
+             {qint64(found.st_size), orx::nanosecondsOf(found.st_mtim), orx::nanosecondsOf(found.st_ctim)})
             stamp += ' ' + QByteArray::number(number);
     }
     return stamp;

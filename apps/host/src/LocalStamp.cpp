@@ -1,5 +1,6 @@
 #include "LocalStamp.h"
 
+#include <FileTime.h>
 #include <PackInput.h>
 
 #include <QCryptographicHash>
@@ -21,10 +22,6 @@ namespace {
 // More than the tick of any file system's clock.
 constexpr std::chrono::seconds tick(10);
 
-qint64 nanoseconds(const timespec& time) {
-    return qint64(time.tv_sec) * 1'000'000'000 + time.tv_nsec;
-}
-
 class Stamping {
 public:
     //! \a name tells it from others of the same stamp.
@@ -33,8 +30,8 @@ public:
         if (::stat(QFile::encodeName(path).constData(), &found) != 0)
             m_hasFailed = true;
         const bool isFile = S_ISREG(found.st_mode);
-        const qint64 modified = isFile ? nanoseconds(found.st_mtim) : 0;
-        const qint64 changed = isFile ? nanoseconds(found.st_ctim) : 0;
+        const qint64 modified = isFile ? orx::nanosecondsOf(found.st_mtim) : 0;
+        const qint64 changed = isFile ? orx::nanosecondsOf(found.st_ctim) : 0;
         m_changed = std::max({m_changed, modified, changed});
         QByteArray line;
         for (const qint64 number : {qint64(isFile), isFile ? qint64(found.st_size) : 0, modified, changed,

@@ -4,6 +4,7 @@
 
 #include <AtomicFile.h>
 #include <FilePlace.h>
+#include <FileTime.h>
 
 #include <QDir>
 #include <QFile>
@@ -114,10 +115,8 @@ struct Identity {
         struct stat info = {};
         if (::stat(QFile::encodeName(path).constData(), &info) != 0)
             return {};
-        return {info.st_dev,  info.st_ino,
-                info.st_size, qint64(info.st_ctim.tv_sec) * 1'000'000'000 + info.st_ctim.tv_nsec,
-                info.st_mode, info.st_uid,
-                info.st_gid};
+        return {info.st_dev,  info.st_ino, info.st_size, orx::nanosecondsOf(info.st_ctim),
+                info.st_mode, info.st_uid, info.st_gid};
     }
     friend bool operator==(const Identity&, const Identity&) = default;
 };

@@ -52,8 +52,7 @@ bool UploadPolicy::Options::goesUp(const QString& localPath) const {
     const bool isBelow = std::any_of(sources.cbegin(), sources.cend(), [&](const QString& source) {
         return localPath.startsWith(source.endsWith(u'/') ? source : source + u'/');
     });
-    return sources.contains(localPath) ||
-           (isBelow && orx::UploadFileInputValidation::validUploadPath(QFileInfo(localPath)));
+    return isBelow && orx::UploadFileInputValidation::validUploadPath(QFileInfo(localPath));
 }
 
 std::optional<KnownContent> UploadPolicy::Options::knownOf(const QString& localPath) const {

@@ -32,7 +32,8 @@ public:
         //! The paths that go up, absolute.
         QStringList sources;
 
-        //! Whether the run takes what lies there, by its name and its place.
+        //! Whether the run takes what lies there in a directory, by its name and its place. What is named is
+        //! no matter: of two named paths of one name the later is refused.
         bool goesUp(const QString& localPath) const;
         std::optional<KnownContent> knownOf(const QString& localPath) const;
     };

@@ -201,15 +201,15 @@ TEST_F(Policy, OfTwoThatGoUpUnderOneNameNoneBecomesAVersionOfTheOther) {
     EXPECT_EQ(told, list("skipped run.mgf.vonk"));
 }
 
-TEST_F(Policy, WhatGoesUpIsNamedOrLiesBelowAndIsTakenByTheRules) {
+TEST_F(Policy, WhatGoesUpOfADirectoryLiesBelowAndIsTakenByTheRules) {
     TreeUploadRequest request;
     ASSERT_TRUE(QDir().mkpath(filePath(QStringLiteral("tree"))));
     request.paths = {QFileInfo(makeFile(QStringLiteral("tree/run"), "a")).path() + u'/',
-                     makeFile(QStringLiteral(".named"), "b")};
+                     makeFile(QStringLiteral("named"), "b")};
     const UploadPolicy::Options options = UploadPolicy::optionsOf(request, true, {});
     const auto goesUp = [&](const char* name) { return options.goesUp(filePath(QString::fromLatin1(name))); };
     EXPECT_TRUE(goesUp("tree/run"));
-    EXPECT_TRUE(goesUp(".named")) << "by its name, whatever the rules say";
+    EXPECT_FALSE(goesUp("named")) << "it is the only one of its name";
     (void)makeFile(QStringLiteral("tree/.hidden"), "c");
     (void)makeFile(QStringLiteral("trees"), "d");
     EXPECT_FALSE(goesUp("tree/.hidden"));

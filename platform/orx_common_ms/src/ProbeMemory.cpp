@@ -2,6 +2,8 @@
 
 #include "Texts.h"
 
+#include <FileTime.h>
+
 #include <QFile>
 #include <QFileInfo>
 
@@ -21,7 +23,7 @@ constexpr size_t kCapacity = 131072;
 qint64 realTime() {
     timespec now{};
     ::clock_gettime(CLOCK_REALTIME, &now);
-    return qint64(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
+    return nanosecondsOf(now);
 }
 
 bool isSettled(const std::optional<FileStamp>& stamp, qint64 now) {

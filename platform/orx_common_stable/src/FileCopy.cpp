@@ -3,6 +3,7 @@
 #include "AtomicFile.h"
 #include "DirectoryFlushes.h"
 #include "FilePlace.h"
+#include "FileTime.h"
 #include "NewFile.h"
 #include "ReplaceGuard.h"
 #include "Result.h"
@@ -77,13 +78,9 @@ Error notCopied(const QByteArray& path) {
                      .arg(QFile::decodeName(path)));
 }
 
-qint64 nanoseconds(const timespec& time) {
-    return qint64(time.tv_sec) * 1'000'000'000 + time.tv_nsec;
-}
-
 FileCopy::Stamp stampFrom(const struct stat& info) {
-    return {quint64(info.st_dev), quint64(info.st_ino), qint64(info.st_size), nanoseconds(info.st_mtim),
-            nanoseconds(info.st_ctim)};
+    return {quint64(info.st_dev), quint64(info.st_ino), qint64(info.st_size), nanosecondsOf(info.st_mtim),
+            nanosecondsOf(info.st_ctim)};
 }
 
 // One file, from what was opened to a new file; nothing is left of that after a failure.

@@ -1,5 +1,7 @@
 #include "ChunkReader.h"
 
+#include <FileTime.h>
+
 #include <QCoreApplication>
 
 #include <cerrno>
@@ -12,10 +14,6 @@ namespace {
 
 // Read and hashed while it is in the processor's cache.
 constexpr qint64 pieceSize = 256 * 1024;
-
-qint64 nanoseconds(const timespec& time) {
-    return qint64(time.tv_sec) * 1'000'000'000 + time.tv_nsec;
-}
 
 } // namespace
 
@@ -101,7 +99,7 @@ Result<ChunkReader::Stamp> ChunkReader::stamp() const {
         return Error::fromErrno(
             errno,
             QCoreApplication::translate("orx::ChunkReader", "Could not look at the file \"%1\"").arg(m_path));
-    return Stamp{status.st_size, nanoseconds(status.st_mtim), nanoseconds(status.st_ctim)};
+    return Stamp{status.st_size, nanosecondsOf(status.st_mtim), nanosecondsOf(status.st_ctim)};
 }
 
 Error ChunkReader::changed() const {

@@ -5,6 +5,8 @@
 #include "HalvaneProcessIdentity.h"
 #include "HalvaneTemporaryDirs.h"
 
+#include <FileTime.h>
+
 #include <QCoreApplication>
 #include <QFile>
 #include <QUuid>
@@ -165,12 +167,6 @@ Error unreadable(const QString& path, int errnoValue) {
                  translated("Could not read file \"%1\": %2").arg(path, qt_error_string(errnoValue)));
 }
 
-//! In nanoseconds since the epoch.
-qint64 modificationTime(const struct stat& status) {
-    constexpr qint64 kNanosecondsPerSecond = 1'000'000'000;
-    return status.st_mtim.tv_sec * kNanosecondsPerSecond + status.st_mtim.tv_nsec;
-}
-
 //! Size and modification time of a regular file that can be opened.
 Error describeContent(const QString& path, HalvaneUploadRecord& record) {
     // Without O_NONBLOCK a pipe in the place of the file would hold the caller up.
@@ -185,7 +181,7 @@ Error describeContent(const QString& path, HalvaneUploadRecord& record) {
     if (!S_ISREG(status.st_mode))
         return Error(ErrorCode::FileNotReadable, translated("\"%1\" is not a regular file.").arg(path));
     record.size = status.st_size;
-    record.modifiedNs = modificationTime(status);
+    record.modifiedNs = nanosecondsOf(status.st_mtim);
     return Error();
 }
 
@@ -251,7 +247,7 @@ bool HalvaneUploadJournal::isChanged(const HalvaneUploadRecord& record) {
     if (record.temporary || ::stat(QFile::encodeName(record.localPath).constData(), &status) != 0)
         return false;
     return !S_ISREG(status.st_mode) || status.st_size != record.size ||
-           modificationTime(status) != record.modifiedNs;
+           nanosecondsOf(status.st_mtim) != record.modifiedNs;
 }
 
 Result<HalvaneUploadRecord> HalvaneUploadJournal::describe(const HalvaneFileUploadParameters& parameters) {

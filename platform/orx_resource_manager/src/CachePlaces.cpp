@@ -1,6 +1,8 @@
 // How content comes to its place in a cache, and goes from it.
 #include "CacheStore.h"
 
+#include <FileTime.h>
+
 #include <QCoreApplication>
 #include <QUuid>
 
@@ -41,8 +43,7 @@ CacheStore::Identity CacheStore::identityAt(const CacheSubPath& place) {
     struct stat status {};
     if (!parent || ::fstatat(parent->get(), place.name().constData(), &status, AT_SYMLINK_NOFOLLOW) != 0)
         return {};
-    return {status.st_dev, status.st_ino,
-            qint64(status.st_ctim.tv_sec) * 1'000'000'000 + status.st_ctim.tv_nsec};
+    return {status.st_dev, status.st_ino, nanosecondsOf(status.st_ctim)};
 }
 
 Result<std::optional<CacheLock>> CacheStore::holdUnchanged(const CacheSubPath& place, const Identity& seen,
