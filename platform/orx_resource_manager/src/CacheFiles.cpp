@@ -90,11 +90,11 @@ namespace {
 using Step = Result<CacheDescriptor> (*)(int, const QByteArray&, const QString&);
 
 Result<CacheDescriptor> walk(int top, const QByteArrayList& components, const QString& shown, Step step) {
-    CacheDescriptor current(::fcntl(top, F_DUPFD_CLOEXEC, 0));
-    if (!current.isOpen())
+    CacheDescriptor current(components.isEmpty() ? ::fcntl(top, F_DUPFD_CLOEXEC, 0) : -1);
+    if (components.isEmpty() && !current.isOpen())
         return systemError("Could not open the directory \"%1\"", shown);
     for (const QByteArray& component : components) {
-        auto next = step(current.get(), component, shown);
+        auto next = step(current.isOpen() ? current.get() : top, component, shown);
         if (next.hasError())
             return next;
         current = std::move(*next);

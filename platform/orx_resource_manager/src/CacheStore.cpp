@@ -42,11 +42,13 @@ QString databasePath(const QString& rootDir) {
     return rootDir + QStringLiteral("/state/cache.sqlite");
 }
 
-bool isSameFile(const QString& path, int descriptor) {
-    struct stat named {
-    }, opened{};
-    return ::stat(QFile::encodeName(path).constData(), &named) == 0 && ::fstat(descriptor, &opened) == 0 &&
-           named.st_dev == opened.st_dev && named.st_ino == opened.st_ino;
+CacheRoot::Identity identityFrom(const struct stat& status) {
+    return {status.st_dev, status.st_ino};
+}
+
+bool isAt(const QString& path, const CacheRoot::Identity& identity) {
+    struct stat named {};
+    return ::stat(QFile::encodeName(path).constData(), &named) == 0 && identityFrom(named) == identity;
 }
 
 bool isFile(int directory, const char* name) {
@@ -131,7 +133,7 @@ Error CacheStore::busy(const QString& subPath) {
 }
 
 bool CacheStore::isStillThere(const CacheRoot& root) const {
-    return isSameFile(stagingDir(), root.staging.get()) && isSameFile(contentDir(), root.content.get());
+    return isAt(stagingDir(), root.stagingIdentity) && isAt(contentDir(), root.contentIdentity);
 }
 
 //! Whatever has no record is removed from a cache: nothing that somebody else put there may be taken for it.
@@ -181,6 +183,12 @@ Error CacheStore::openRoot(CacheRoot& root) const {
         return unmarked;
     ORX_RETURN_ON_ERROR(ensure(root.content, top.get(), "content", contentDir()));
     ORX_RETURN_ON_ERROR(ensure(root.staging, root.state.get(), "staging", stagingDir()));
+    struct stat content {
+    }, staging{};
+    if (::fstat(root.content.get(), &content) != 0 || ::fstat(root.staging.get(), &staging) != 0)
+        return systemError("Could not look at the directories of the cache \"%1\"", m_rootDir);
+    root.contentIdentity = identityFrom(content);
+    root.stagingIdentity = identityFrom(staging);
     CacheDescriptor locks(
         ::openat(root.state.get(), "locks", O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
     struct flock probe {};

@@ -19,9 +19,17 @@ const QLoggingCategory& cacheLog();
 
 //! The open directories of a cache and its locks.
 struct CacheRoot {
+    //! Which directory that is; as long as it is open nothing else is.
+    struct Identity {
+        dev_t device = 0;
+        ino_t inode = 0;
+        friend bool operator==(const Identity&, const Identity&) = default;
+    };
     CacheDescriptor content;
     CacheDescriptor state;
     CacheDescriptor staging;
+    Identity contentIdentity;
+    Identity stagingIdentity;
     std::shared_ptr<CacheLocks> locks;
 };
 
