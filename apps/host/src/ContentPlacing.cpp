@@ -58,9 +58,15 @@ Error ContentPlacing::move() const {
         if (!overwrites && isThere(QFileInfo(target)))
             return taken(target);
     }
-    for (const auto& [name, as] : names)
-        ORX_RETURN_ON_ERROR(moveOne(contentDir + u'/' + name, targetDir + u'/' + as));
-    return orx::AtomicFile::syncDirectory(targetDir);
+    Error success;
+    for (const auto& [name, as] : names) {
+        const Error moved = moveOne(contentDir + u'/' + name, targetDir + u'/' + as);
+        ORX_RETURN_ON_ERROR(moved);
+        // They tell where something was kept.
+        success.addWarnings(moved.warnings());
+    }
+    ORX_RETURN_ON_ERROR(orx::AtomicFile::syncDirectory(targetDir));
+    return success;
 }
 
 Error ContentPlacing::moveOne(const QString& source, const QString& target) const {
