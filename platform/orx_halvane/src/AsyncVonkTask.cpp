@@ -132,10 +132,12 @@ Error AsyncVonkTask::doFinish() {
     m_turnWish.reset();
     m_roomWish.reset();
     m_turn.reset();
-    // Its body may never have begun.
-    if (m_room && hasError())
-        m_room->release();
-    return VonkTask::doFinish();
+    // Its body may never have begun. What it made goes before others are told of the room that it took.
+    const std::shared_ptr<vonk::DiskRoom> room = hasError() ? m_room : nullptr;
+    const Error outcome = VonkTask::doFinish();
+    if (room)
+        room->release();
+    return outcome;
 }
 
 Error AsyncVonkTask::work(const vonk::WorkWatch& watch) {
