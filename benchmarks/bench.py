@@ -240,12 +240,16 @@ class Table:
         self.rows.append((name, f"{value:.1f} {unit}", "-", "-", f"<= {budget} {unit}", verdict, note))
 
     def gaps(self, name, loop, floor, budget, note):
-        """Milliseconds of each run: the longest stall of the loop, and of a thread that had nothing to do meanwhile."""
-        low, high = median_interval(loop)
-        verdict = "FAIL" if low > budget else "ok"
+        """Milliseconds of each run: the longest stall of the loop, and of a thread that had nothing to do meanwhile.
+
+        A run in which that thread, too, was kept from the processor for long says nothing of the loop; there must be others.
+        """
+        judged = [stall for stall, idle in zip(loop, floor) if idle <= budget / 2]
+        verdict = "ok" if judged and statistics.median(judged) <= budget else "FAIL"
         self.failed |= verdict == "FAIL"
-        self.rows.append((name, f"{statistics.median(loop):.1f} [{low:.1f}, {high:.1f}] ms", f"{statistics.median(floor):.1f} ms", "-",
-                          f"<= {budget} ms", verdict, f"{note}; worst of {len(loop)} runs {max(loop):.1f} ms"))
+        every = ", ".join(f"{stall:.0f} ({idle:.0f})" for stall, idle in zip(loop, floor))
+        self.rows.append((name, f"{statistics.median(judged or loop):.1f} ms", f"{statistics.median(floor):.1f} ms", "-", f"<= {budget} ms", verdict,
+                          f"{note}; {len(judged)} of {len(loop)} runs are judged: {every}"))
 
     def figure(self, name, text, note):
         self.rows.append((name, text, "-", "-", "-", "-", note))
@@ -498,7 +502,8 @@ def bench_tree_up(table, ours, build, work, files):
         for number in range(3):
             if what == "uploaded":
                 ours.client("mkdir", f"/by-job-{number}")
-            command = [program, "put-command", ours.url, "bench", PASSWORD.decode().strip(), root, f"/by-job-{number}"]
+            shutil.rmtree(work / "up-cache", ignore_errors=True)
+            command = [program, "put-command", ours.url, "bench", PASSWORD.decode().strip(), root, f"/by-job-{number}", work / "up-cache"]
             runs.append(json.loads(timed(command, env=ours.environment, preexec_fn=few_descriptors)[2].splitlines()[-1]))
             if runs[-1][what] != files:
                 fail(f"{runs[-1][what]} of {files} files are {what} by the job of halvane put")
@@ -511,7 +516,10 @@ def bench_tree_up(table, ours, build, work, files):
     for number in (files // 2, files, files * 2):
         root = work / f"tree-{number}"
         make_tree(root, number)
-        sums[number] = json.loads(timed([program, "sum", root])[2])["milliseconds"]
+        summed = json.loads(timed([program, "sum", root])[2])
+        if summed["listings"] < 12:
+            fail(f"the sum of {number} files listed {summed['listings']} directories")
+        sums[number] = summed["milliseconds"]
         up = put(root)
         if up["files"] != number:
             fail(f"{up['files']} of {number} files went up")
@@ -532,7 +540,7 @@ def bench_tree_up(table, ours, build, work, files):
             ours.clear_cache()
         shutil.rmtree(root)
     table.limit(f"sum of the maximum progress, {files * 2} files against {files // 2}", sums[files * 2] / sums[files // 2], "x", 5,
-                ", ".join(f"{number}: {taken:.1f} ms" for number, taken in sums.items()) + "; medians of 7; 12 levels deep")
+                ", ".join(f"{number}: {taken:.1f} ms" for number, taken in sums.items()) + "; medians of 7, in which nothing is remembered of the directories; 12 levels deep")
     each = ", ".join(f"{number}: {1e6 * seconds / number:.0f} us" for number, seconds in spent.items())
     table.figure("growth of a tree's upload with its files", each, "of the client's thread for each file; constant is the aim")
 

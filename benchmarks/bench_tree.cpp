@@ -2,7 +2,7 @@
 // sums up the progress of one, or brings a folder down through the cache, and prints what it took as JSON.
 // usage: bench_tree make URL USER PASSWORD FILES WORK_DIRECTORY
 //        bench_tree put URL USER PASSWORD DIRECTORY CACHE_DIRECTORY
-//        bench_tree put-command URL USER PASSWORD DIRECTORY TARGET
+//        bench_tree put-command URL USER PASSWORD DIRECTORY TARGET CACHE_DIRECTORY
 //        bench_tree sum DIRECTORY
 //        bench_tree get URL USER PASSWORD FOLDER TARGET_DIRECTORY CACHE_DIRECTORY
 #include "FloorProbe.h"
@@ -20,6 +20,8 @@
 #include <ResourceCache.h>
 #include <ResourceManager.h>
 #include <TreeUploadJob.h>
+#include <UploadFileInputValidation.h>
+#include <tasks/UploadSums.h>
 
 #include <QCoreApplication>
 #include <QDir>
@@ -202,12 +204,16 @@ private:
     bool m_makesLevel = false;
 };
 
-//! What making the task takes, which sums up the maximum of the progress of the whole tree.
+//! What making the task takes, which sums up the maximum of the progress of the whole tree. Each time nothing
+//! is known of the tree.
 void sumUp(const QString& directory) {
     constexpr int runs = 7;
     QList<double> taken;
     int maximum = 0;
+    quint64 listings = 0;
     for (int i = 0; i <= runs; ++i) { // the first one warms up
+        UploadFileInputValidation::setFilters(UploadFileInputValidation::filters());
+        const quint64 before = UploadSums::instance().listings();
         QElapsedTimer clock;
         clock.start();
         const HalvaneFolderUploadTask task(directory, 1, {}, HalvaneUploadTask::DEFAULT_UPLOAD_POLICY_OPTIONS,
@@ -215,9 +221,17 @@ void sumUp(const QString& directory) {
         if (i > 0)
             taken.append(double(clock.nsecsElapsed()) / 1e6);
         maximum = task.maxProgress();
+        const quint64 listed = UploadSums::instance().listings() - before;
+        if (i > 0 && listed != listings)
+            require(
+                Error(ErrorCode::General,
+                      QStringLiteral("%1 directories were listed, and %2 before").arg(listed).arg(listings)));
+        listings = listed;
     }
     std::sort(taken.begin(), taken.end());
-    print({{QStringLiteral("milliseconds"), taken[runs / 2]}, {QStringLiteral("maximum"), maximum}});
+    print({{QStringLiteral("milliseconds"), taken[runs / 2]},
+           {QStringLiteral("listings"), qint64(listings)},
+           {QStringLiteral("maximum"), maximum}});
 }
 
 //! Sends the directory; names that are taken are left alone, so that a second run sends nothing.
@@ -258,12 +272,14 @@ void putTree(const QString& directory, const QString& cacheDir) {
 }
 
 //! The job of `halvane put`, asked how it stands as often as the command line does.
-void putByCommand(const QString& directory, const QString& target) {
+void putByCommand(const QString& directory, const QString& target, const QString& cacheDir) {
     using namespace halvane::host;
+    HalvaneResourceHandler::registerType();
+    ResourceCache cache(cacheDir);
+    ResourceManager::setCache(&cache);
     TreeUploadRequest request;
     request.paths = {directory};
     request.target = target;
-    request.keepInCache = false;
     TreeUploadJob job(request, UploadPolicy::optionsOf(request, false, {}));
     int uploaded = 0;
     int unchanged = 0;
@@ -280,6 +296,8 @@ void putByCommand(const QString& directory, const QString& target) {
     run(job);
     const double seconds = double(clock.nsecsElapsed()) / 1e9;
     loop.end();
+    cache.waitForPending();
+    ResourceManager::setCache(nullptr);
     print({{QStringLiteral("seconds"), seconds},
            {QStringLiteral("loop"), loop.longest().wall},
            {QStringLiteral("loop_processor"), loop.longest().processor},
@@ -296,7 +314,7 @@ int main(int argc, char** argv) {
     const QString what = arguments.value(1);
     const bool makes = what == u"make" && arguments.size() == 7;
     const bool puts = what == u"put" && arguments.size() == 7;
-    const bool putsByCommand = what == u"put-command" && arguments.size() == 7;
+    const bool putsByCommand = what == u"put-command" && arguments.size() == 8;
     if (what == u"sum" && arguments.size() == 3) {
         sumUp(arguments.at(2));
         return 0;
@@ -305,7 +323,7 @@ int main(int argc, char** argv) {
         std::fprintf(stderr,
                      "usage: bench_tree make URL USER PASSWORD FILES WORK_DIRECTORY\n"
                      "       bench_tree put URL USER PASSWORD DIRECTORY CACHE_DIRECTORY\n"
-                     "       bench_tree put-command URL USER PASSWORD DIRECTORY TARGET\n"
+                     "       bench_tree put-command URL USER PASSWORD DIRECTORY TARGET CACHE_DIRECTORY\n"
                      "       bench_tree sum DIRECTORY\n"
                      "       bench_tree get URL USER PASSWORD FOLDER TARGET_DIRECTORY CACHE_DIRECTORY\n");
         return 2;
@@ -321,7 +339,7 @@ int main(int argc, char** argv) {
     else if (puts)
         putTree(arguments.at(5), arguments.at(6));
     else if (putsByCommand)
-        putByCommand(arguments.at(5), arguments.at(6));
+        putByCommand(arguments.at(5), arguments.at(6), arguments.at(7));
     else
         getTree(arguments.at(5).toInt(), arguments.at(6), arguments.at(7));
     return 0;

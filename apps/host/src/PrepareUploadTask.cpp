@@ -78,9 +78,9 @@ Error takeAsFile(LocalEntry& root) {
 }
 
 // The uploads ask for the same on the thread of the event loop, where it is remembered by then.
-void sumUp(const LocalTree& tree) {
-    if (tree.root().kind == LocalEntry::Kind::Directory)
-        (void)orx::UploadSums::instance().uploadsIn(tree.source);
+void sumUp(const LocalTree& tree, const std::stop_token& stop) {
+    if (tree.root().kind == LocalEntry::Kind::Directory && !stop.stop_requested())
+        (void)orx::UploadSums::instance().uploadsIn(tree.source, stop);
 }
 
 } // namespace
@@ -122,7 +122,7 @@ void PrepareUploadTask::onResolved(const RemoteItem& target) {
                         *trees = LocalTree::scan(paths, stop);
                         for (LocalTree& tree : *trees) {
                             tree.takeStamps(stop);
-                            sumUp(tree);
+                            sumUp(tree, stop);
                         }
                         return {};
                     }),

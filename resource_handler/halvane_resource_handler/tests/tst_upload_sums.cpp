@@ -1,6 +1,7 @@
 // How many uploads a directory makes, and when it is looked at again for that.
 #include "UploadFixture.h"
 
+#include <FileStamp.h>
 #include <UploadFileInputValidation.h>
 #include <tasks/UploadSums.h>
 
@@ -8,15 +9,8 @@
 
 #include <QDir>
 
-#include <chrono>
-
 namespace orx::testing {
 namespace {
-
-qint64 realTime() {
-    using namespace std::chrono;
-    return duration_cast<nanoseconds>(system_clock::now().time_since_epoch()).count();
-}
 
 class Sums : public ::testing::Test {
 protected:
@@ -35,12 +29,24 @@ protected:
         (void)count(name);
         return int(sums.listings() - before);
     }
-    //! What is as young as the clocks are coarse is not.
-    void untilRemembered() {
-        ASSERT_TRUE(waitUntil([this] { return listingsOf(QStringLiteral("t")) == 0; }));
+    qint64 newest(const QString& name) const {
+        const auto stamp = FileStamp::of(QFile::encodeName(path(name)));
+        return stamp ? stamp->newest() : 0;
+    }
+    qint64 writeProbe() const {
+        write(QStringLiteral("probe"));
+        return newest(QStringLiteral("probe"));
+    }
+    //! What is there is old enough to be remembered, and what changes from now on gets another time.
+    void settle() {
+        const qint64 written = writeProbe();
+        ASSERT_TRUE(waitUntil([this, written] { return writeProbe() > written; }));
+        now = writeProbe() + minute;
     }
 
-    UploadSums sums{&realTime};
+    static constexpr qint64 minute = 60'000'000'000;
+    qint64 now = 0;
+    UploadSums sums{[this] { return now; }};
 
 private:
     QTemporaryDir m_dir;
@@ -62,8 +68,9 @@ TEST_F(Sums, CountsWhatGoesUpAndRawDataOnce) {
 TEST_F(Sums, WhatHasNotChangedIsNotListedAgain) {
     for (const char* name : {"t/a", "t/sub/b", "t/sub/deep/c"})
         write(QLatin1String(name));
+    settle();
     EXPECT_EQ(listingsOf(QStringLiteral("t")), 3);
-    untilRemembered();
+    EXPECT_EQ(listingsOf(QStringLiteral("t")), 0);
     EXPECT_EQ(count(), 3);
     EXPECT_EQ(listingsOf(QStringLiteral("t/sub")), 0) << "its own part";
     write(QStringLiteral("t/sub/deep/d"));
@@ -75,18 +82,28 @@ TEST_F(Sums, WhatHasNotChangedIsNotListedAgain) {
 
 TEST_F(Sums, WhatIsYoungerThanTheClocksAreExactIsListedAgain) {
     write(QStringLiteral("t/a"));
-    const qint64 made = realTime();
-    UploadSums young([made] { return made; });
-    for (int i = 1; i <= 3; ++i) {
-        EXPECT_EQ(young.uploadsIn(path(QStringLiteral("t"))), 1);
-        EXPECT_EQ(young.listings(), quint64(i));
-    }
+    now = newest(QStringLiteral("t")) + 2'000'000'000;
+    for (int i = 1; i <= 3; ++i)
+        EXPECT_EQ(listingsOf(QStringLiteral("t")), 1) << i;
+    now += minute;
+    EXPECT_EQ(listingsOf(QStringLiteral("t")), 1);
+    EXPECT_EQ(listingsOf(QStringLiteral("t")), 0);
+}
+
+TEST_F(Sums, WhoNeedsTheSumNoMoreWaitsForNoMoreDirectories) {
+    for (const char* name : {"t/a", "t/sub/b", "t/sub/deep/c"})
+        write(QLatin1String(name));
+    std::stop_source stop;
+    stop.request_stop();
+    (void)sums.uploadsIn(path(QStringLiteral("t")), stop.get_token());
+    EXPECT_EQ(sums.listings(), 1u);
 }
 
 TEST_F(Sums, OtherRulesCountAtOnce) {
     write(QStringLiteral("t/a.raw"));
     write(QStringLiteral("t/b.txt"));
-    untilRemembered();
+    settle();
+    EXPECT_EQ(count(), 2);
     UploadFilters filters;
     filters.allowedExtensions = {QStringLiteral("raw")};
     UploadFileInputValidation::setFilters(filters);
@@ -97,8 +114,7 @@ TEST_F(Sums, WhatChangesElsewhereCountsAtOnce) {
     write(QStringLiteral("elsewhere"));
     write(QStringLiteral("t/a"));
     ASSERT_TRUE(QFile::link(path(QStringLiteral("elsewhere")), path(QStringLiteral("t/link"))));
-    const qint64 now = realTime();
-    ASSERT_TRUE(waitUntil([now] { return realTime() > now + 200'000'000; }));
+    settle();
     EXPECT_EQ(count(), 2);
     ASSERT_TRUE(QFile::remove(path(QStringLiteral("elsewhere"))));
     EXPECT_EQ(count(), 1);
@@ -111,8 +127,7 @@ TEST_F(Sums, ACompanionCountsAsSoonAsWhatItBelongsToIsNoRawDataAnyMore) {
                                 R"(</fileDescription><run id="r"><spectrumList count="0"/></run></mzML>)";
     write(QStringLiteral("t/run.imzML"), document);
     write(QStringLiteral("t/run.ibd"), QByteArray::fromHex("12345678123412341234123456789abc"));
-    const qint64 now = realTime();
-    ASSERT_TRUE(waitUntil([now] { return realTime() > now + 200'000'000; }));
+    settle();
     EXPECT_EQ(count(), 1);
     EXPECT_EQ(count(), 1);
     write(QStringLiteral("t/run.imzML"), "notes");

@@ -14,8 +14,9 @@ namespace orx {
 namespace {
 
 constexpr qsizetype capacity = 65'536;
-// The kernel's times are coarse: what changed just now may change once more without another stamp.
-constexpr qint64 settledAfter = 100'000'000;
+// The times of file systems are coarse, some count every other second only: what changed just now may change
+// once more without another stamp.
+constexpr qint64 settledAfter = 3'000'000'000;
 
 qint64 realTime() {
     using namespace std::chrono;
@@ -36,13 +37,15 @@ UploadSums& UploadSums::instance() {
 
 UploadSums::UploadSums(Clock clock) : m_clock(std::move(clock)) {}
 
-int UploadSums::uploadsIn(const QString& directory) {
+int UploadSums::uploadsIn(const QString& directory, const std::stop_token& stop) {
     const std::shared_ptr<const Level> level = levelOf(directory);
     int sum = level->files;
     const QDir above(directory);
     for (const QString& name : level->directories) {
+        if (stop.stop_requested())
+            break;
         const QString path = above.filePath(name);
-        sum += isOneUpload(path) ? 1 : uploadsIn(path);
+        sum += isOneUpload(path) ? 1 : uploadsIn(path, stop);
     }
     return sum;
 }

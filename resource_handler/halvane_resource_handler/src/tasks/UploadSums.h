@@ -11,6 +11,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <stop_token>
 
 namespace orx {
 
@@ -27,9 +28,9 @@ public:
     static UploadSums& instance();
     explicit UploadSums(Clock clock);
 
-    //! 0 for what is no directory. Blocks; reads no content but what tells raw data, and of that nothing that
-    //! is remembered.
-    int uploadsIn(const QString& directory);
+    //! 0 for what is no directory, any number once \a stop says so. Blocks; reads no content but what tells
+    //! raw data, and of that nothing that is remembered.
+    int uploadsIn(const QString& directory, const std::stop_token& stop = {});
     //! How many directories were listed so far: those that were not remembered.
     quint64 listings() const;
 
