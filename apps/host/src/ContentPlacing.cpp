@@ -58,15 +58,19 @@ Error ContentPlacing::move() const {
         if (!overwrites && isThere(QFileInfo(target)))
             return taken(target);
     }
-    Error success;
+    // They tell where something was kept.
+    orx::Warnings warnings;
+    Error outcome;
     for (const auto& [name, as] : names) {
-        const Error moved = moveOne(contentDir + u'/' + name, targetDir + u'/' + as);
-        ORX_RETURN_ON_ERROR(moved);
-        // They tell where something was kept.
-        success.addWarnings(moved.warnings());
+        outcome = moveOne(contentDir + u'/' + name, targetDir + u'/' + as);
+        if (outcome.hasError())
+            break;
+        warnings += outcome.warnings();
     }
-    ORX_RETURN_ON_ERROR(orx::AtomicFile::syncDirectory(targetDir));
-    return success;
+    if (!outcome.hasError())
+        outcome = orx::AtomicFile::syncDirectory(targetDir);
+    outcome.addWarnings(warnings);
+    return outcome;
 }
 
 Error ContentPlacing::moveOne(const QString& source, const QString& target) const {
@@ -76,10 +80,10 @@ Error ContentPlacing::moveOne(const QString& source, const QString& target) cons
     if (failure == EEXIST || failure == ENOTEMPTY) {
         if (!overwrites)
             return taken(target);
-        if (QFileInfo(source).isDir())
-            return orx::DirectoryMerge::run(source, target, {.filter = {}, .mayLinkSource = true});
         if (mayReplace && !mayReplace(QDir::cleanPath(target)))
             return changed(target);
+        if (QFileInfo(source).isDir())
+            return orx::DirectoryMerge::run(source, target, {.filter = {}, .mayLinkSource = true});
         failure = std::rename(from.constData(), to.constData()) == 0 ? 0 : errno;
     }
     if (failure == EISDIR)

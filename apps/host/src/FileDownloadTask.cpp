@@ -45,7 +45,6 @@ Error checkRoomForRest(const QString& target, const QString& partial, qint64 siz
 struct FileDownloadTask::Look {
     bool isThere = false;
     bool isFile = false;
-    //! A link that leads nowhere, which nobody but this task notices.
     QByteArray stamp;
     Error problem;
     //! For a copy out of the cache. What is fetched directly looks for room itself.

@@ -2,6 +2,7 @@
 
 #include "FilePlace.h"
 #include "MountPoints.h"
+#include "ReplaceGuard.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -76,8 +77,13 @@ bool isSameTime(const timespec& one, const timespec& other) {
     return one.tv_sec == other.tv_sec && one.tv_nsec == other.tv_nsec;
 }
 
-//! As far as this user may, but for those that say who has access.
+//! As far as this user may, but for those that say who has access: \a to has them as \a from has, and none
+//! that it inherited.
 Error copyAttributes(const QByteArray& from, const QByteArray& to) {
+    for (const char* const acl : {"system.posix_acl_access", "system.posix_acl_default"}) {
+        if (::removexattr(to.constData(), acl) != 0 && errno != ENODATA && errno != ENOTSUP)
+            return failure("Could not set the access rights of a copy of \"%1\"", from);
+    }
     QByteArray names(64 * 1024, Qt::Uninitialized);
     const ssize_t length = ::listxattr(from.constData(), names.data(), size_t(names.size()));
     names.resize(qMax<qsizetype>(0, length));
@@ -111,6 +117,8 @@ public:
             return failure("Could not look at \"%1\"", m_target);
         if (!S_ISDIR(info.st_mode))
             return refused(ErrorCode::AlreadyExists, "\"%1\" exists already and stays as it is.", m_target);
+        if (!ReplaceGuard::mayReplace(QFile::decodeName(m_target)))
+            return changed();
         ORX_RETURN_ON_ERROR(checkNoMounts());
         ORX_RETURN_ON_ERROR(checkMayChange(m_target, info, true));
         QByteArray successor;
@@ -292,13 +300,12 @@ private:
             return make(relative, false, &info, into);
         }
         const QByteArray old = targetOf(relative);
-        const bool isLinked = ::link(old.constData(), into.constData()) == 0;
-        note(relative, info, isLinked);
-        if (isLinked)
-            return {};
+        if (::link(old.constData(), into.constData()) == 0)
+            return noteLinked(relative);
+        note(relative, info, false);
         if (S_ISLNK(info.st_mode))
             return keepLink(old, into);
-        ORX_RETURN_ON_ERROR(FileCopy::content(old, into, old));
+        ORX_RETURN_ON_ERROR(FileCopy::content(old, into, old, FileCopy::Access::OwnerOnly));
         // Who could read the original, which goes, is to be able to read the copy, and nobody else.
         if (!hasOwners(into, info) && ::chown(into.constData(), info.st_uid, info.st_gid) != 0)
             return refused(
@@ -308,6 +315,15 @@ private:
                 old);
         ORX_RETURN_ON_ERROR(copyAttributes(old, into));
         return setMode(old, into, info.st_mode & 07777);
+    }
+
+    //! Where file systems lie on top of each other a link can give the original another number.
+    Error noteLinked(const QByteArray& relative) {
+        struct stat info = {};
+        if (::lstat(targetOf(relative).constData(), &info) != 0)
+            return failure("Could not look at \"%1\"", targetOf(relative));
+        note(relative, info, true);
+        return {};
     }
 
     static Error keepLink(const QByteArray& old, const QByteArray& into) {
@@ -374,6 +390,10 @@ private:
             return same.error();
         if (*same && count == m_seen.size())
             return {};
+        return changed();
+    }
+
+    Error changed() const {
         return refused(ErrorCode::FileChanged,
                        "\"%1\" changed while it was to be replaced and stays as it is; try again when nobody "
                        "else works in it.",

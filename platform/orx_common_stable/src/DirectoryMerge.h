@@ -14,7 +14,7 @@ namespace orx {
 //! is no copy but the same file (a hard link; a copy where there can be none). The new directories have the
 //! group, access rights and attributes of those that they take the place of, from the beginning, so that what
 //! comes inherits them; who replaces the directories of somebody else owns the new ones. What comes to the
-//! target while its successor is made is never lost: the merge is given up, or an error tells where it is.
+//! target while its successor is made is never lost: the merge is given up, or a warning tells where it is.
 //! Killed, a hidden directory stays beside the target (FilePlace::temporaryBeside()): what was made, or what
 //! is left of the old one. Nothing removes it, since it may hold what came just then.
 //!

@@ -21,7 +21,7 @@ enum class ErrorCode : int {
     Canceled = 3,          //!< the operation was cancelled
     FileNotReadable = 4,   //!< a local file exists but cannot be opened or read
     FileNotWritable = 5,   //!< a local file or directory cannot be created or written
-    FileChanged = 6,       //!< a local file changed while it was being read
+    FileChanged = 6,       //!< a local file changed while it was read or was to be replaced
     ParseError = 7,        //!< data does not have the form that it must have
     TimedOut = 8,          //!< a wait ended before what it waited for
     NotAuthenticated = 9,  //!< nobody is logged in at the server

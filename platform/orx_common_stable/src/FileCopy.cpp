@@ -86,8 +86,9 @@ FileCopy::Stamp stampFrom(const struct stat& info) {
 // One file, from what was opened to a new file; nothing is left of that after a failure.
 class ContentCopy {
 public:
-    ContentCopy(const QByteArray& source, const QByteArray& target, const QByteArray& shown)
-        : m_source(source), m_target(target), m_shown(shown) {}
+    ContentCopy(const QByteArray& source, const QByteArray& target, const QByteArray& shown,
+                FileCopy::Access access = FileCopy::Access::Default)
+        : m_source(source), m_target(target), m_shown(shown), m_access(access) {}
     //! The copy is \a file, which is left open and has yet to take the place \a target.
     ContentCopy(const QByteArray& source, const QByteArray& target, NewFile& file, NewFile::Kind kind,
                 FileCopy::IsCanceled isCanceled, const std::optional<FileCopy::Stamp>& expected)
@@ -109,7 +110,7 @@ public:
             return notCopied(m_source);
         if (m_expected && *m_expected != stampFrom(m_before))
             return changed();
-        const mode_t mode = 0666 | (m_before.st_mode & 0111);
+        const mode_t mode = m_access == FileCopy::Access::OwnerOnly ? 0600 : 0666 | (m_before.st_mode & 0111);
         return m_file ? fillFile(*source, mode) : fillTarget(*source, mode);
     }
 
@@ -230,6 +231,7 @@ private:
     QByteArray m_source;
     QByteArray m_target;
     QByteArray m_shown;
+    FileCopy::Access m_access = FileCopy::Access::Default;
     NewFile* m_file = nullptr;
     NewFile::Kind m_kind = NewFile::Kind::Unnamed;
     FileCopy::IsCanceled m_isCanceled;
@@ -361,8 +363,9 @@ Error FileCopy::directory(const QString& source, const QString& target, const Fi
     return ORX_ECATCH(error);
 }
 
-Error FileCopy::content(const QByteArray& source, const QByteArray& target, const QByteArray& shown) {
-    return ORX_ECATCH(ContentCopy(source, target, shown).run());
+Error FileCopy::content(const QByteArray& source, const QByteArray& target, const QByteArray& shown,
+                        Access access) {
+    return ORX_ECATCH(ContentCopy(source, target, shown, access).run());
 }
 
 } // namespace orx

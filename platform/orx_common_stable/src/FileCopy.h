@@ -56,7 +56,9 @@ public:
     //! One regular file to a path where nothing is, for who makes a directory that gets its name later: the
     //! content is written there at once and flushed, its name is not. Errors name the target \a shown. Paths
     //! are bytes and absolute.
-    static Error content(const QByteArray& source, const QByteArray& target, const QByteArray& shown);
+    enum class Access { Default, OwnerOnly };
+    static Error content(const QByteArray& source, const QByteArray& target, const QByteArray& shown,
+                         Access access = Access::Default);
 };
 
 } // namespace orx

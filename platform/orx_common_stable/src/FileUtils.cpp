@@ -77,9 +77,15 @@ public:
         if (policy() == Policy::Refuse)
             ORX_RETURN_ON_ERROR(checkAllFree());
         ORX_RETURN_ON_ERROR(makeDirectory(m_target.absolutePath(), m_target.path()));
-        for (const Move& move : m_moves)
-            ORX_RETURN_ON_ERROR(carryOut(move));
-        return std::move(m_success);
+        for (const Move& move : m_moves) {
+            Error error = carryOut(move);
+            error.addWarnings(m_warnings);
+            if (error.hasError())
+                return ORX_ECATCH(error);
+        }
+        Error success;
+        success.addWarnings(m_warnings);
+        return success;
     }
 
 private:
@@ -165,7 +171,7 @@ private:
         options.onlyNewer = policy() == Policy::OverwriteOlder;
         const Error merged = DirectoryMerge::run(move.source.filePath(), target.filePath(), options);
         ORX_RETURN_ON_ERROR(merged);
-        m_success.addWarnings(merged.warnings());
+        m_warnings += merged.warnings();
         noteCopied(move.targetName);
         return {};
     }
@@ -200,8 +206,7 @@ private:
     const FileUtils::CopyFilesValidator& m_validator;
     QList<QString>* m_copiedNames;
     QList<Move> m_moves;
-    //! With the warnings.
-    Error m_success;
+    Warnings m_warnings;
 };
 
 //! The stamp of an error is its line in the log.

@@ -11,8 +11,9 @@ class QObject;
 namespace orx {
 
 //! Has who copies ask once more whether a file may still be replaced, when its successor is whole, flushed
-//! and about to take its place. Where a Scope is open FileCopy asks, and with it FileUtils; false: the file
-//! stays, and the copy fails with ErrorCode::FileChanged. Thread: any.
+//! and about to take its place, or a directory, before its successor is begun (DirectoryMerge itself sees
+//! what changes from then on). Where a Scope is open FileCopy and DirectoryMerge ask, and with them
+//! FileUtils; false: what is there stays, and the copy fails with ErrorCode::FileChanged. Thread: any.
 class ORX_COMMON_STABLE_EXPORT ReplaceGuard {
 public:
     //! \a path is absolute. Called on the thread that copies, with nothing held.

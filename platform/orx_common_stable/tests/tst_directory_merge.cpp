@@ -4,6 +4,7 @@
 
 #include <DirectoryMerge.h>
 #include <FilePlace.h>
+#include <ReplaceGuard.h>
 
 #include <QDir>
 #include <QFile>
@@ -470,6 +471,36 @@ TEST_F(DirectoryMergeTest, WhenTheNamesCannotBeFlushedTheOldOneStaysWhereItShows
     FilePlace::removeTree(QFile::encodeName(dir.filePath(names().last())));
 }
 
+TEST_F(DirectoryMergeTest, WhoHadNoAccessGetsNoneByWhatTheDirectoryAboveHandsDown) {
+    struct Entry {
+        quint16 tag;
+        quint16 rights;
+        quint32 id;
+    };
+    // The owner, the user 4242, the group, the mask of both, others.
+    const struct {
+        quint32 version = 2;
+        Entry entries[5] = {{0x01, 7, ~0u}, {0x02, 7, 4242}, {0x04, 7, ~0u}, {0x10, 7, ~0u}, {0x20, 0, ~0u}};
+    } acl;
+    for (bool* const oddity : {&cannotLink, &tellsNoMounts}) {
+        putOld();
+        ASSERT_EQ(::chmod(bytes("run/data/notes").constData(), 0660), 0);
+        *oddity = true;
+        if (!isSet(".", "system.posix_acl_default", &acl, sizeof acl))
+            return;
+        ASSERT_FALSE(merge().hasError());
+        ASSERT_EQ(::removexattr(bytes(".").constData(), "system.posix_acl_default"), 0);
+        *oddity = false;
+        for (const char* const path : {"run", "run/data", "run/data/notes", "run/data/more", "run/acqu"}) {
+            char value[256];
+            for (const char* const name : {"system.posix_acl_access", "system.posix_acl_default"})
+                EXPECT_EQ(::getxattr(bytes(path).constData(), name, value, sizeof value), -1) << path << name;
+        }
+        EXPECT_EQ(modeOf("run/data"), 0750u);
+        EXPECT_EQ(modeOf("run/data/notes"), 0660u);
+    }
+}
+
 //! Only root may give files away, so that only root can see what happens to those of others.
 TEST_F(DirectoryMergeTest, WhatBelongsToOthersStaysTheirsOrNothingIsReplaced) {
     if (::geteuid() != 0)
@@ -505,6 +536,19 @@ TEST_F(DirectoryMergeTest, WhatBelongsToOthersStaysTheirsOrNothingIsReplaced) {
     giveAway("run/data", 0770);
     cannotChown = true;
     expectRefused("run/data");
+}
+
+TEST_F(DirectoryMergeTest, ADirectoryThatMayNotBeReplacedAnyMoreStays) {
+    putOld();
+    QStringList asked;
+    const ReplaceGuard::Scope guarded([&asked](const QString& path) {
+        asked.append(path);
+        return false;
+    });
+    EXPECT_TRUE(merge().is(ErrorCode::FileChanged));
+    EXPECT_EQ(asked, QStringList{at("run")});
+    EXPECT_EQ(treeOf("run"), old);
+    EXPECT_EQ(names(), onlySourceAndTarget());
 }
 
 TEST_F(DirectoryMergeTest, ErrorsNameWhatPeopleKnow) {
