@@ -24,6 +24,8 @@ public:
 
     Places::iterator add(HelpedWork& work) {
         const Lock lock(m_mutex);
+        // The threads stay for this work: who has just left as the last one waits for their end no more.
+        m_left.notify_all();
         return m_line.insert(m_line.end(), HelpLine::Place{&work});
     }
 
@@ -101,8 +103,9 @@ private:
     }
 
     std::mutex m_mutex;
-    //! For the idle threads, and for those who leave the line.
+    //! For the idle threads.
     std::condition_variable m_change;
+    //! For those who leave the line.
     std::condition_variable m_left;
     Places m_line;
     std::list<std::thread> m_running;

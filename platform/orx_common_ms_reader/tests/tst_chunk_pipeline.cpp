@@ -161,6 +161,29 @@ TEST(ChunkPipelines, ThatWaitForTheirSourceLeaveTheirHelpersToOthers) {
     end.count_down();
 }
 
+// Where the end of the one missed the beginning of the other, this would never end.
+TEST(ChunkPipelines, EndAlsoWhenAnotherOneBeginsJustThenAndWaitsForItsSource) {
+    for (int i = 0; i < 300; ++i) {
+        std::latch lastChunk(1);
+        std::latch hasEnded(1);
+        Chunks ends(6);
+        ends.looksAt = [&](int chunk) {
+            if (chunk == 5)
+                lastChunk.count_down();
+        };
+        Chunks begins(2);
+        begins.beforeChunk = [&](int) { hasEnded.wait(); };
+        std::jthread other([&] {
+            lastChunk.wait();
+            for (int turn = 0; turn < i % 20; ++turn)
+                std::this_thread::yield();
+            begins.run();
+        });
+        ends.run();
+        hasEnded.count_down();
+    }
+}
+
 TEST(ChunkPipelines, LeaveHalfOfTheChunksToOthers) {
     std::latch end(1);
     std::latch hasAll(1);
