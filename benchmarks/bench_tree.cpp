@@ -21,7 +21,7 @@
 #include <ResourceManager.h>
 #include <TreeUploadJob.h>
 #include <UploadFileInputValidation.h>
-#include <tasks/UploadSums.h>
+#include <UploadSums.h>
 
 #include <QCoreApplication>
 #include <QDir>

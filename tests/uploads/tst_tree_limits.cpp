@@ -5,7 +5,7 @@
 #include <FewDescriptors.h>
 #include <HalvaneConnection.h>
 #include <ResourceManager.h>
-#include <tasks/UploadSums.h>
+#include <UploadSums.h>
 
 #include <QDateTime>
 

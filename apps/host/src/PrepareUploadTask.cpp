@@ -3,8 +3,8 @@
 #include "ResolveItemTask.h"
 #include "UploadSettings.h"
 
+#include <UploadSums.h>
 #include <WorkerStepTask.h>
-#include <tasks/UploadSums.h>
 
 #include <QFileInfo>
 #include <QHash>

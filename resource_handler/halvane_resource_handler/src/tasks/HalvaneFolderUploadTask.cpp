@@ -1,12 +1,12 @@
 #include "HalvaneFolderUploadTask.h"
 
 #include "HalvaneVerifyUploadedContentTask.h"
-#include "UploadSums.h"
 
 #include <DuplicateUploadPolicy.h>
 #include <GroupTask.h>
 #include <HalvaneItemTasks.h>
 #include <UploadFileInputValidation.h>
+#include <UploadSums.h>
 
 #include <QDir>
 #include <QPointer>

@@ -1,13 +1,16 @@
 #include "UploadSums.h"
 
+#include <FileStamp.h>
 #include <FileTypes.h>
 #include <MsDataFileUtils.h>
 #include <UploadFileInputValidation.h>
 
 #include <QDir>
 #include <QFile>
+#include <QHash>
 
 #include <chrono>
+#include <mutex>
 
 namespace orx {
 
@@ -28,17 +31,43 @@ bool isOneUpload(const QString& directory) {
            MsDataFileUtils::isValidMsData(directory);
 }
 
+//! What one directory holds.
+struct Level {
+    int files = 0;
+    QStringList directories;
+    //! Whether nothing but a change of the directory or of the rules changes it.
+    bool isLasting = true;
+};
+
+struct Remembered {
+    FileStamp stamp;
+    quint64 rules;
+    std::shared_ptr<const Level> level;
+};
+
 } // namespace
+
+struct UploadSums::Private {
+    std::shared_ptr<const Level> levelOf(const QString& directory);
+    std::shared_ptr<const Level> recall(const QByteArray& path, const FileStamp& stamp, quint64 rules) const;
+
+    const Clock clock;
+    mutable std::mutex mutex = {};
+    QHash<QByteArray, Remembered> levels = {};
+    quint64 listings = 0;
+};
 
 UploadSums& UploadSums::instance() {
     static UploadSums sums(&realTime);
     return sums;
 }
 
-UploadSums::UploadSums(Clock clock) : m_clock(std::move(clock)) {}
+UploadSums::UploadSums(Clock clock) : d(new Private{std::move(clock)}) {}
+
+UploadSums::~UploadSums() = default;
 
 int UploadSums::uploadsIn(const QString& directory, const std::stop_token& stop) {
-    const std::shared_ptr<const Level> level = levelOf(directory);
+    const std::shared_ptr<const Level> level = d->levelOf(directory);
     int sum = level->files;
     const QDir above(directory);
     for (const QString& name : level->directories) {
@@ -50,13 +79,13 @@ int UploadSums::uploadsIn(const QString& directory, const std::stop_token& stop)
     return sum;
 }
 
-std::shared_ptr<const UploadSums::Level> UploadSums::levelOf(const QString& directory) {
+std::shared_ptr<const Level> UploadSums::Private::levelOf(const QString& directory) {
     const QByteArray key = QFile::encodeName(QFileInfo(directory).absoluteFilePath());
     const auto stamp = FileStamp::of(key);
     const quint64 rules = UploadFileInputValidation::changes();
     if (const auto known = stamp ? recall(key, *stamp, rules) : nullptr)
         return known;
-    const qint64 before = m_clock();
+    const qint64 before = clock();
     const auto level = std::make_shared<Level>();
     const QFileInfoList entries = QDir(directory).entryInfoList(
         QDir::Dirs | QDir::Files | QDir::Drives | QDir::NoDotAndDotDot, QDir::NoSort);
@@ -71,27 +100,27 @@ std::shared_ptr<const UploadSums::Level> UploadSums::levelOf(const QString& dire
         else
             level->directories.append(entry.fileName());
     }
-    const std::lock_guard lock(m_mutex);
-    ++m_listings;
+    const std::lock_guard lock(mutex);
+    ++listings;
     if (level->isLasting && stamp && stamp->newest() < before - settledAfter) {
-        if (m_levels.size() >= capacity)
-            m_levels.clear();
-        m_levels.insert(key, {*stamp, rules, level});
+        if (levels.size() >= capacity)
+            levels.clear();
+        levels.insert(key, {*stamp, rules, level});
     }
     return level;
 }
 
-std::shared_ptr<const UploadSums::Level> UploadSums::recall(const QByteArray& path, const FileStamp& stamp,
-                                                            quint64 rules) const {
-    const std::lock_guard lock(m_mutex);
-    const auto found = m_levels.constFind(path);
-    const bool holds = found != m_levels.cend() && found->stamp == stamp && found->rules == rules;
+std::shared_ptr<const Level> UploadSums::Private::recall(const QByteArray& path, const FileStamp& stamp,
+                                                         quint64 rules) const {
+    const std::lock_guard lock(mutex);
+    const auto found = levels.constFind(path);
+    const bool holds = found != levels.cend() && found->stamp == stamp && found->rules == rules;
     return holds ? found->level : nullptr;
 }
 
 quint64 UploadSums::listings() const {
-    const std::lock_guard lock(m_mutex);
-    return m_listings;
+    const std::lock_guard lock(d->mutex);
+    return d->listings;
 }
 
 } // namespace orx

@@ -1,13 +1,15 @@
 // How many uploads a directory makes, and when it is looked at again for that.
-#include "UploadFixture.h"
-
 #include <FileStamp.h>
 #include <UploadFileInputValidation.h>
-#include <tasks/UploadSums.h>
+#include <UploadSums.h>
+
+#include <RealServer.h>
 
 #include <gtest/gtest.h>
 
 #include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
 
 namespace orx::testing {
 namespace {
