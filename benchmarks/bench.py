@@ -242,10 +242,10 @@ class Table:
     def gaps(self, name, loop, floor, budget, note):
         """Milliseconds of each run: the longest stall of the loop, and of a thread that had nothing to do meanwhile.
 
-        A run in which that thread, too, was kept from the processor for long says nothing of the loop; there must be others.
+        A run in which that thread, too, was kept from the processor for long says nothing of the loop; without enough others nothing is said.
         """
         judged = [stall for stall, idle in zip(loop, floor) if idle <= budget / 2]
-        verdict = "ok" if judged and statistics.median(judged) <= budget else "FAIL"
+        verdict = "noisy" if 2 * len(judged) <= len(loop) else "ok" if statistics.median(judged) <= budget else "FAIL"
         self.failed |= verdict == "FAIL"
         every = ", ".join(f"{stall:.0f} ({idle:.0f})" for stall, idle in zip(loop, floor))
         self.rows.append((name, f"{statistics.median(judged or loop):.1f} ms", f"{statistics.median(floor):.1f} ms", "-", f"<= {budget} ms", verdict,

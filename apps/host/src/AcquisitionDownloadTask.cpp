@@ -19,6 +19,7 @@
 #include <QHash>
 
 #include <algorithm>
+#include <utility>
 
 namespace halvane::host {
 
@@ -443,7 +444,7 @@ void AcquisitionDownloadTask::fetchThroughCache() {
 }
 
 void AcquisitionDownloadTask::onRetrieved() {
-    if (m_replacesPinned)
+    if (std::exchange(m_replacesPinned, false))
         addWarning(QStringLiteral("\"%1\" in the cache is pinned, and what this server has by the number of "
                                   "what was pinned has taken its place.")
                        .arg(m_wanted.item.name));

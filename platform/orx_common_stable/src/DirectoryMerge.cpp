@@ -81,7 +81,8 @@ bool isSameTime(const timespec& one, const timespec& other) {
 //! that it inherited.
 Error copyAttributes(const QByteArray& from, const QByteArray& to) {
     for (const char* const acl : {"system.posix_acl_access", "system.posix_acl_default"}) {
-        if (::removexattr(to.constData(), acl) != 0 && errno != ENODATA && errno != ENOTSUP)
+        const bool isThere = ::getxattr(to.constData(), acl, nullptr, 0) >= 0;
+        if (isThere && ::removexattr(to.constData(), acl) != 0)
             return failure("Could not set the access rights of a copy of \"%1\"", from);
     }
     QByteArray names(64 * 1024, Qt::Uninitialized);

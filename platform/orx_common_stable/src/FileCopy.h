@@ -53,10 +53,11 @@ public:
                       const IsCanceled& isCanceled = {}, const std::optional<Stamp>& expected = {});
     //! A directory with everything in it that \a filter (none: all) accepts, to a path where nothing is.
     static Error directory(const QString& source, const QString& target, const Filter& filter = {});
+    //! Of a new file, until its maker says otherwise.
+    enum class Access { Default, OwnerOnly };
     //! One regular file to a path where nothing is, for who makes a directory that gets its name later: the
     //! content is written there at once and flushed, its name is not. Errors name the target \a shown. Paths
     //! are bytes and absolute.
-    enum class Access { Default, OwnerOnly };
     static Error content(const QByteArray& source, const QByteArray& target, const QByteArray& shown,
                          Access access = Access::Default);
 };

@@ -58,8 +58,9 @@ struct UploadSums::Private {
 };
 
 UploadSums& UploadSums::instance() {
-    static UploadSums sums(&realTime);
-    return sums;
+    // Never destroyed: a worker may sum up while the program ends.
+    static UploadSums& only = *new UploadSums(&realTime);
+    return only;
 }
 
 UploadSums::UploadSums(Clock clock) : d(new Private{std::move(clock)}) {}
