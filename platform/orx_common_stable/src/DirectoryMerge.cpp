@@ -1,6 +1,7 @@
 #include "DirectoryMerge.h"
 
 #include "FilePlace.h"
+#include "FileTime.h"
 #include "MountPoints.h"
 #include "ReplaceGuard.h"
 
@@ -67,10 +68,6 @@ Result<Entries> entriesOf(const QByteArray& directory) {
         entries.emplace(name, info);
     }
     return entries;
-}
-
-bool isLater(const timespec& one, const timespec& other) {
-    return one.tv_sec != other.tv_sec ? one.tv_sec > other.tv_sec : one.tv_nsec > other.tv_nsec;
 }
 
 bool isSameTime(const timespec& one, const timespec& other) {

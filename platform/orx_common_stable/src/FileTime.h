@@ -18,4 +18,8 @@ inline qint64 nanosecondsOf(const timespec& time) {
     return time.tv_sec < 0 ? std::numeric_limits<qint64>::min() : std::numeric_limits<qint64>::max();
 }
 
+inline bool isLater(const timespec& one, const timespec& other) {
+    return one.tv_sec != other.tv_sec ? one.tv_sec > other.tv_sec : one.tv_nsec > other.tv_nsec;
+}
+
 } // namespace orx

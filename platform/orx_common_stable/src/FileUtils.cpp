@@ -3,12 +3,15 @@
 #include "DirectoryMerge.h"
 #include "FileCopy.h"
 #include "FilePlace.h"
+#include "FileTime.h"
 #include "Result.h"
 
 #include <QCoreApplication>
 #include <QDir>
 #include <QLoggingCategory>
 #include <QSet>
+
+#include <sys/stat.h>
 
 namespace orx {
 
@@ -24,6 +27,16 @@ QString translated(const char* text) {
 
 bool isThere(const QFileInfo& info) {
     return info.exists() || info.isSymLink();
+}
+
+// As the file system keeps the times, to the nanosecond. What cannot be looked at is left to the copying,
+// which says why.
+bool isNewer(const QFileInfo& source, const QFileInfo& target) {
+    struct stat from = {};
+    struct stat to = {};
+    return ::stat(QFile::encodeName(source.filePath()).constData(), &from) != 0 ||
+           ::stat(QFile::encodeName(target.filePath()).constData(), &to) != 0 ||
+           isLater(from.st_mtim, to.st_mtim);
 }
 
 // With those above it, each durable. \a wanted: what it is all about.
@@ -191,8 +204,7 @@ public:
         const QFileInfo target(targetPath);
         if (!isThere(target) || policy == Policy::Refuse || policy == Policy::Rename)
             ORX_RETURN_ON_ERROR(FileCopy::file(source.filePath(), targetPath, FileCopy::IfExists::Fail));
-        else if (policy == Policy::Skip ||
-                 (policy == Policy::OverwriteOlder && source.lastModified() <= target.lastModified()))
+        else if (policy == Policy::Skip || (policy == Policy::OverwriteOlder && !isNewer(source, target)))
             return false;
         else
             ORX_RETURN_ON_ERROR(FileCopy::file(source.filePath(), targetPath, FileCopy::IfExists::Replace));

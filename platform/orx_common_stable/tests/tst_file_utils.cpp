@@ -215,6 +215,22 @@ TEST_F(FileUtilsTest, RefusingReportsTheTakenPath) {
     EXPECT_EQ(error.errorMessage(), QStringLiteral("\"%1\" exists already and stays as it is.").arg(to("a")));
 }
 
+TEST_F(FileUtilsTest, AFileIsNewerByAMicrosecondToo) {
+    write(from("a"), "A", kNew);
+    write(to("a"), "a", kNew);
+    const auto setTime = [](const QString& path, long microseconds) {
+        const timespec times[2] = {{0, UTIME_OMIT}, {kNew.toSecsSinceEpoch(), microseconds * 1000}};
+        return ::utimensat(AT_FDCWD, QFile::encodeName(path).constData(), times, 0);
+    };
+    ASSERT_EQ(setTime(from("a"), 1), 0);
+    ASSERT_EQ(setTime(to("a"), 2), 0);
+    EXPECT_TRUE(copyFiles(Policy::OverwriteOlder));
+    EXPECT_EQ(tree(), lines({"a=a"}));
+    ASSERT_EQ(setTime(from("a"), 3), 0);
+    EXPECT_TRUE(copyFiles(Policy::OverwriteOlder));
+    EXPECT_EQ(tree(), lines({"a=A"}));
+}
+
 TEST_F(FileUtilsTest, ADanglingLinkTakesItsName) {
     write(from("a"), "A");
     ASSERT_TRUE(QFile::link(QStringLiteral("nowhere"), to("a")));

@@ -1,8 +1,9 @@
 #include "QuietWatch.h"
 
-#include <QDateTime>
+#include <FileStamp.h>
+
 #include <QDirIterator>
-#include <QFileInfo>
+#include <QFile>
 
 #include <algorithm>
 
@@ -10,27 +11,29 @@ namespace orx {
 
 namespace {
 
-void add(ContentStamp& stamp, const QFileInfo& info) {
-    stamp.changedMs = std::max(stamp.changedMs, info.lastModified().toMSecsSinceEpoch());
-    stamp.bytes += info.isFile() ? info.size() : 0;
+// Adds what has that name, and tells whether it is a directory.
+bool add(ContentStamp& stamp, const QString& path) {
     ++stamp.entries;
+    const auto found = FileStamp::of(QFile::encodeName(path));
+    if (!found)
+        return false;
+    stamp.changedMs = std::max(stamp.changedMs, found->modified / 1'000'000);
+    stamp.bytes += found->isFile() ? found->size : 0;
+    return found->isDirectory();
 }
 
 } // namespace
 
 ContentStamp ContentStamp::of(const QString& path, const QStringList& companions) {
     ContentStamp stamp;
-    const QFileInfo top(path);
-    add(stamp, top);
+    const bool isDirectory = add(stamp, path);
     for (const QString& companion : companions)
-        add(stamp, QFileInfo(companion));
-    if (top.isDir()) {
+        add(stamp, companion);
+    if (isDirectory) {
         QDirIterator walk(path, QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
                           QDirIterator::Subdirectories);
-        while (walk.hasNext()) {
-            walk.next();
-            add(stamp, walk.fileInfo());
-        }
+        while (walk.hasNext())
+            add(stamp, walk.next());
     }
     return stamp;
 }
