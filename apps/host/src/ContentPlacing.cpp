@@ -2,7 +2,7 @@
 
 #include "DownloadSteps.h"
 
-#include <AtomicFile.h>
+#include <DirectoryFlushes.h>
 #include <DirectoryMerge.h>
 #include <FilePlace.h>
 
@@ -25,8 +25,11 @@ Error taken(const QString& path) {
 }
 
 Error changed(const QString& path) {
-    return Error(ErrorCode::FileChanged,
-                 QStringLiteral("\"%1\" changed while what is to replace it was fetched.").arg(path));
+    return Error(
+        ErrorCode::FileChanged,
+        QStringLiteral("\"%1\" changed while what is to replace it was fetched, and stays as it is; try "
+                       "again when nothing writes to it.")
+            .arg(path));
 }
 
 } // namespace
@@ -67,8 +70,9 @@ Error ContentPlacing::move() const {
             break;
         warnings += outcome.warnings();
     }
-    if (!outcome.hasError())
-        outcome = orx::AtomicFile::syncDirectory(targetDir);
+    if (!outcome.hasError() && !names.isEmpty())
+        outcome =
+            orx::DirectoryFlushes::flushOrNoteName(QFile::encodeName(targetDir + u'/' + names.last().second));
     outcome.addWarnings(warnings);
     return outcome;
 }

@@ -1,7 +1,9 @@
 #include "DirectoryFlushes.h"
 
-#include "AtomicFile.h"
+#include "FilePlace.h"
 
+#include <QCoreApplication>
+#include <QFile>
 #include <QFileInfo>
 #include <QObject>
 #include <QVariant>
@@ -16,6 +18,19 @@ constexpr auto propertyName = "_orx_directoryFlushes";
 
 thread_local DirectoryFlushes::Scope* innermost = nullptr;
 
+QString directoryOf(const QByteArray& path) {
+    return QFileInfo(QFile::decodeName(path)).path();
+}
+
+Error flushNameOf(const QByteArray& path) {
+    const int reason = FilePlace::flushName(path);
+    if (reason == 0)
+        return {};
+    return Error::fromErrno(
+        reason, QCoreApplication::translate("orx::DirectoryFlushes", "Could not flush the directory \"%1\"")
+                    .arg(directoryOf(path)));
+}
+
 } // namespace
 
 DirectoryFlushes::~DirectoryFlushes() {
@@ -27,31 +42,31 @@ qsizetype DirectoryFlushes::count() const {
     return m_directories.size();
 }
 
-void DirectoryFlushes::note(const QString& directory) {
+void DirectoryFlushes::note(const QByteArray& path) {
     const std::lock_guard lock(m_mutex);
-    m_directories.insert(directory, ++m_notes);
+    m_directories.insert(directoryOf(path), {path, ++m_notes});
 }
 
-void DirectoryFlushes::forget(const QString& directory, quint64 note) {
+void DirectoryFlushes::forget(const QString& directory, quint64 number) {
     const std::lock_guard lock(m_mutex);
     const auto found = m_directories.constFind(directory);
-    if (found != m_directories.constEnd() && *found == note)
+    if (found != m_directories.constEnd() && found->number == number)
         m_directories.erase(found);
 }
 
 QList<DirectoryFlushes::Failure> DirectoryFlushes::flush() {
-    QHash<QString, quint64> waiting;
+    QHash<QString, Note> waiting;
     {
         const std::lock_guard lock(m_mutex);
         waiting = m_directories;
     }
     QList<Failure> failures;
     for (auto entry = waiting.cbegin(); entry != waiting.cend(); ++entry) {
-        Error error = AtomicFile::syncDirectory(entry.key());
+        Error error = flushNameOf(entry->path);
         // The stamp of the error is its line in the log.
         if (error.hasError() && QFileInfo::exists(entry.key()))
             failures.append({entry.key(), ORX_ECATCH(error)});
-        forget(entry.key(), entry.value());
+        forget(entry.key(), entry->number);
     }
     return failures;
 }
@@ -63,10 +78,10 @@ DirectoryFlushes::Scope::~Scope() {
     innermost = m_outer;
 }
 
-Error DirectoryFlushes::flushOrNote(const QString& directory) {
+Error DirectoryFlushes::flushOrNoteName(const QByteArray& path) {
     if (!innermost || !innermost->m_flushes)
-        return AtomicFile::syncDirectory(directory);
-    innermost->m_flushes->note(directory);
+        return flushNameOf(path);
+    innermost->m_flushes->note(path);
     return {};
 }
 

@@ -4,6 +4,7 @@
 
 #include "Error.h"
 
+#include <QByteArray>
 #include <QHash>
 #include <QList>
 #include <QString>
@@ -52,8 +53,9 @@ public:
         std::shared_ptr<DirectoryFlushes> m_flushes;
         Scope* m_outer;
     };
-    //! Has the innermost scope of this thread note \a directory, or flushes it.
-    static Error flushOrNote(const QString& directory);
+    //! The file or directory \a path has got its name: has the innermost scope of this thread note the
+    //! directory that it is in, or flushes that.
+    static Error flushOrNoteName(const QByteArray& path);
 
     //! What the end of the task \a task (BaseTask::doFinish()) makes on the disk is noted there.
     static void attach(QObject& task, const std::shared_ptr<DirectoryFlushes>& flushes);
@@ -61,13 +63,18 @@ public:
     static std::shared_ptr<DirectoryFlushes> of(const QObject& task);
 
 private:
-    void note(const QString& directory);
+    struct Note {
+        //! What came into it last.
+        QByteArray path;
+        quint64 number;
+    };
+    void note(const QByteArray& path);
     //! Unless it was noted once more meanwhile.
-    void forget(const QString& directory, quint64 note);
+    void forget(const QString& directory, quint64 number);
 
     mutable std::mutex m_mutex;
-    //! With the number of the last note.
-    QHash<QString, quint64> m_directories;
+    //! The last note of each.
+    QHash<QString, Note> m_directories;
     quint64 m_notes = 0;
 };
 

@@ -64,8 +64,11 @@ Error writeFailure(int error, const QByteArray& path) {
     if (error == ENOSPC || error == EDQUOT)
         return Error::fromErrno(error, translated("There is no room for \"%1\"; free some space").arg(name));
     if (error == ECANCELED)
-        return Error(ErrorCode::FileChanged,
-                     translated("\"%1\" changed while what is to replace it was copied.").arg(name));
+        return Error(
+            ErrorCode::FileChanged,
+            translated("\"%1\" changed while what is to replace it was copied, and stays as it is; try "
+                       "again when nothing writes to it.")
+                .arg(name));
     if (error == EEXIST)
         return Error(ErrorCode::AlreadyExists, translated("\"%1\" exists already.").arg(name));
     return Error(ErrorCode::FileNotWritable,
@@ -241,10 +244,6 @@ private:
     bool m_byHand = false;
 };
 
-Error flushDirectoryOf(const QByteArray& target) {
-    return DirectoryFlushes::flushOrNote(QFileInfo(QFile::decodeName(target)).path());
-}
-
 // Entries of a directory, and a directory's own copy, as bytes: names need not be valid text here.
 class TreeCopy {
 public:
@@ -283,7 +282,8 @@ private:
         const timespec times[] = {info.st_atim, info.st_mtim};
         if (::utimensat(AT_FDCWD, target.constData(), times, 0) != 0)
             return writeFailure(errno, shown);
-        return AtomicFile::syncDirectory(QFile::decodeName(target));
+        const Error flushed = AtomicFile::syncDirectory(QFile::decodeName(target));
+        return flushed.hasError() ? writeFailure(flushed.code(), shown) : Error();
     }
 
     Error copyEntries(DIR* listing, const QByteArray& source, const QByteArray& target,
@@ -340,7 +340,7 @@ Error FileCopy::file(const QString& source, const QString& target, IfExists ifEx
         ORX_RETURN_ON_ERROR(ContentCopy(encoded(source), targetPath, file, kind, isCanceled, expected).run());
         const int reason = file.take(mayReplace);
         if (reason == 0)
-            return ORX_ECATCH(flushDirectoryOf(targetPath));
+            return ORX_ECATCH(DirectoryFlushes::flushOrNoteName(targetPath));
         if (!file.needsName(reason))
             return ORX_ECATCH(writeFailure(reason, targetPath));
     }
@@ -355,7 +355,7 @@ Error FileCopy::directory(const QString& source, const QString& target, const Fi
     if (!error.hasError()) {
         const int reason = FilePlace::take(hidden, targetPath);
         if (reason == 0)
-            return ORX_ECATCH(flushDirectoryOf(targetPath));
+            return ORX_ECATCH(DirectoryFlushes::flushOrNoteName(targetPath));
         error = writeFailure(reason, targetPath);
     }
     if (!hidden.isEmpty())

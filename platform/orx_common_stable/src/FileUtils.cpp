@@ -1,8 +1,8 @@
 #include "FileUtils.h"
 
+#include "DirectoryFlushes.h"
 #include "DirectoryMerge.h"
 #include "FileCopy.h"
-#include "FilePlace.h"
 #include "FileTime.h"
 #include "Result.h"
 
@@ -51,10 +51,7 @@ Error makeDirectory(const QString& path, const QString& wanted) {
     if (!QDir().mkdir(path) && !QFileInfo(path).isDir())
         return Error(ErrorCode::FileNotWritable,
                      translated("Could not make the directory \"%1\".").arg(wanted));
-    const int reason = FilePlace::flushName(QFile::encodeName(path));
-    return reason == 0
-               ? Error()
-               : Error::fromErrno(reason, translated("Could not flush the directory \"%1\"").arg(parent));
+    return DirectoryFlushes::flushOrNoteName(QFile::encodeName(path));
 }
 
 // One entry on its way: what it is called here and there.

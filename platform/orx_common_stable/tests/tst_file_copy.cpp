@@ -2,6 +2,7 @@
 // is killed. A program of its own, since it ends itself in the middle of system calls and makes some fail.
 #include "NoBlockSharing.h"
 
+#include <DirectoryFlushes.h>
 #include <FileCopy.h>
 #include <FilePlace.h>
 #include <NewFile.h>
@@ -36,6 +37,10 @@ std::function<void(const char* call)> onChange;
 //! The errno with which files without a name cannot be made, or get no name; 0: they can as far as they can.
 int makingUnnamed = 0;
 int namingUnnamed = 0;
+//! A directory that others may put something into, and nobody but its owner may read; empty: none.
+QByteArray dropBox;
+//! The errno with which a file system or a directory cannot be flushed; 0: it can.
+int flushFailure = 0;
 
 long changing(const char* call, const std::function<long()>& work) {
     if (onChange)
@@ -43,7 +48,16 @@ long changing(const char* call, const std::function<long()>& work) {
     return work();
 }
 
+bool isDirectory(int descriptor) {
+    struct stat info = {};
+    return ::fstat(descriptor, &info) == 0 && S_ISDIR(info.st_mode);
+}
+
 int opening(const char* path, int flags, mode_t mode) {
+    if (!dropBox.isEmpty() && dropBox == path && (flags & O_ACCMODE) == O_RDONLY) {
+        errno = EACCES;
+        return -1;
+    }
     if ((flags & O_TMPFILE) == O_TMPFILE && makingUnnamed != 0) {
         errno = makingUnnamed;
         return -1;
@@ -79,7 +93,19 @@ extern "C" ssize_t copy_file_range(int from, off64_t* at, int to, off64_t* end, 
 }
 
 extern "C" int fsync(int descriptor) {
+    if (flushFailure != 0 && isDirectory(descriptor)) {
+        errno = flushFailure;
+        return -1;
+    }
     return int(changing("flush", [=] { return ::syscall(SYS_fsync, descriptor); }));
+}
+
+extern "C" int syncfs(int descriptor) noexcept {
+    if (flushFailure != 0) {
+        errno = flushFailure;
+        return -1;
+    }
+    return int(changing("flush all", [=] { return ::syscall(SYS_syncfs, descriptor); }));
 }
 
 extern "C" int linkat(int from, const char* oldName, int to, const char* newName, int flags) noexcept {
@@ -112,6 +138,8 @@ protected:
         onChange = {};
         makingUnnamed = 0;
         namingUnnamed = 0;
+        dropBox.clear();
+        flushFailure = 0;
     }
     QString source() const { return dir.filePath(QStringLiteral("source")); }
     QString target() const { return dir.filePath(QStringLiteral("to/run")); }
@@ -270,7 +298,10 @@ TEST_F(FileCopyTest, AGuardIsAskedWhenTheCopyIsAboutToReplaceTheFile) {
             ++asked;
             return get(path) == "old";
         });
-        EXPECT_TRUE(copy(FileCopy::IfExists::Replace).is(ErrorCode::FileChanged));
+        const Error error = copy(FileCopy::IfExists::Replace);
+        EXPECT_TRUE(error.is(ErrorCode::FileChanged)) << qPrintable(error.errorMessage());
+        EXPECT_TRUE(error.errorMessage().contains(QStringLiteral("try again when")))
+            << qPrintable(error.errorMessage());
         EXPECT_EQ(asked, 1);
         EXPECT_EQ(get(target()), "theirs");
         EXPECT_EQ(names(), only);
@@ -351,6 +382,56 @@ TEST_F(FileCopyTest, AFileThatTakesNoPlaceIsGone) {
         NewFile nowhere;
         EXPECT_EQ(nowhere.make(kind, bytes() + "/none/run", 0644), ENOENT);
     }
+}
+
+// It is there, and durable as everything else on the file system is then.
+TEST_F(FileCopyTest, AFilePutIntoADirectoryThatCannotBeReadIsFlushedWithItsFileSystem) {
+    dropBox = QFile::encodeName(dir.filePath(QStringLiteral("to")));
+    QList<QByteArray> calls;
+    onChange = [&calls](const char* call) { calls << call; };
+    for (const auto ifExists : {FileCopy::IfExists::Fail, FileCopy::IfExists::Replace}) {
+        calls.clear();
+        const Error error = copy(ifExists);
+        EXPECT_FALSE(error.hasError()) << qPrintable(error.errorMessage());
+        EXPECT_EQ(get(target()), content);
+        ASSERT_FALSE(calls.isEmpty());
+        EXPECT_EQ(calls.last(), "flush all");
+    }
+    // Also where that is done once for all that came.
+    const auto flushes = std::make_shared<DirectoryFlushes>();
+    {
+        const DirectoryFlushes::Scope scope(flushes);
+        calls.clear();
+        EXPECT_FALSE(copy(FileCopy::IfExists::Replace).hasError());
+        EXPECT_FALSE(calls.contains("flush all"));
+    }
+    EXPECT_TRUE(flushes->flush().isEmpty());
+    EXPECT_EQ(calls.last(), "flush all");
+
+    // A disk that fails is told, and by the name of the directory.
+    flushFailure = EIO;
+    {
+        const DirectoryFlushes::Scope scope(flushes);
+        EXPECT_FALSE(copy(FileCopy::IfExists::Replace).hasError());
+    }
+    const auto failures = flushes->flush();
+    ASSERT_EQ(failures.size(), 1);
+    for (const Error& error : {copy(FileCopy::IfExists::Replace), failures.first().error}) {
+        EXPECT_TRUE(error.is(ErrorDomain::OperatingSystem, EIO)) << qPrintable(error.errorMessage());
+        EXPECT_TRUE(error.errorMessage().contains(dir.filePath(QStringLiteral("to\""))))
+            << qPrintable(error.errorMessage());
+    }
+}
+
+TEST_F(FileCopyTest, ADirectoryThatCannotBeFlushedIsToldByTheNameThatItWasToHave) {
+    const QString directory = dir.filePath(QStringLiteral("directory"));
+    ASSERT_TRUE(QDir().mkdir(directory));
+    put(directory + QStringLiteral("/file"), content);
+    flushFailure = EIO;
+    const Error error = FileCopy::directory(directory, target());
+    EXPECT_TRUE(error.is(ErrorCode::FileNotWritable)) << qPrintable(error.errorMessage());
+    EXPECT_TRUE(error.errorMessage().contains(target())) << qPrintable(error.errorMessage());
+    EXPECT_EQ(names(), QStringList());
 }
 
 TEST_F(FileCopyTest, SmallFilesCostFewCalls) {

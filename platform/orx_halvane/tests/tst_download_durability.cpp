@@ -112,6 +112,7 @@ protected:
         write("source/sub/inner", "content");
     }
     QString at(const char* path) const { return dir.filePath(text(path)); }
+    QByteArray encoded(const char* path) const { return QFile::encodeName(at(path)); }
     void write(const char* path, const QByteArray& content) const {
         QFile file(at(path));
         ASSERT_TRUE(file.open(QIODevice::WriteOnly));
@@ -221,8 +222,8 @@ TEST_F(DownloadDurability, ANotedDirectoryThatHasGoneIsForgottenAndOneThatCannot
     ASSERT_TRUE(QDir(dir.path()).mkdir(text("gone")));
     {
         const DirectoryFlushes::Scope scope(flushes);
-        ASSERT_FALSE(DirectoryFlushes::flushOrNote(at("gone")).hasError());
-        ASSERT_FALSE(DirectoryFlushes::flushOrNote(at("source/run")).hasError());
+        ASSERT_FALSE(DirectoryFlushes::flushOrNoteName(encoded("gone/run")).hasError());
+        ASSERT_FALSE(DirectoryFlushes::flushOrNoteName(encoded("source/run/none")).hasError());
     }
     ASSERT_TRUE(QDir(dir.path()).rmdir(text("gone")));
     const auto failures = flushes->flush();
@@ -236,7 +237,7 @@ TEST_F(DownloadDurability, ADirectoryWaitsUntilItIsFlushedAndOnceMoreWhenItIsNot
     const auto flushes = std::make_shared<DirectoryFlushes>();
     const auto noteOut = [&] {
         const DirectoryFlushes::Scope scope(flushes);
-        ASSERT_FALSE(DirectoryFlushes::flushOrNote(at("out")).hasError());
+        ASSERT_FALSE(DirectoryFlushes::flushOrNoteName(encoded("out/run")).hasError());
     };
     noteOut();
     qsizetype meanwhile = -1;
@@ -263,6 +264,26 @@ TEST_F(DownloadDurability, TheDirectoriesOfAMissingTargetAreFlushedToo) {
     });
     EXPECT_EQ(done, (QStringList{text("flush out"), text("flush new"), text("flush hidden"),
                                  text("name hidden as run"), text("flush deep")}));
+}
+
+TEST_F(DownloadDurability, TheyWaitWithTheOthersWhereThoseAreFlushedLater) {
+    using Options = FileUtils::CopyFilesOptions;
+    ASSERT_TRUE(QDir(at("source/sub")).removeRecursively());
+    const auto flushes = std::make_shared<DirectoryFlushes>();
+    const QStringList done = callsOf([&] {
+        const DirectoryFlushes::Scope scope(flushes);
+        return FileUtils::tryCopyFiles(
+            at("source"), at("out/new/deep"),
+            Options(Options::RecursionPolicy::Recursive, Options::DuplicateFilesPolicy::Refuse), {}, {},
+            nullptr);
+    });
+    EXPECT_EQ(done, (QStringList{text("flush hidden"), text("name hidden as run")}));
+    QStringList flushed = callsOf([&] {
+        EXPECT_TRUE(flushes->flush().isEmpty());
+        return Error();
+    });
+    flushed.sort();
+    EXPECT_EQ(flushed, (QStringList{text("flush deep"), text("flush new"), text("flush out")}));
 }
 
 TEST_F(DownloadDurability, ADirectoryGetsItsNameWhenEverythingInItIsOnTheDisk) {
