@@ -1,5 +1,6 @@
 #include "DirectoryMerge.h"
 
+#include "DirectoryExchange.h"
 #include "FilePlace.h"
 #include "FileTime.h"
 #include "MountPoints.h"
@@ -425,11 +426,8 @@ private:
     }
 
     Error replace(const QByteArray& successor) const {
-        QByteArray old = successor;
-        if (const Error error = exchange(old); error.hasError()) {
-            FilePlace::removeTree(successor);
-            return error;
-        }
+        QByteArray old;
+        ORX_RETURN_ON_ERROR(DirectoryExchange::run(successor, m_target, old));
         // What is removed before that could be all that is left after a power cut.
         if (const int reason = FilePlace::flushName(m_target); reason != 0)
             return Error(
@@ -444,30 +442,6 @@ private:
                            "whether \"%2\" holds something that is still needed, and remove it.")
                     .arg(QFile::decodeName(m_target), visible(old)));
         return success;
-    }
-
-    //! \a successor becomes the name of the old one.
-    Error exchange(QByteArray& successor) const {
-        const int reason = FilePlace::exchange(successor, m_target);
-        if (reason == 0)
-            return {};
-        errno = reason;
-        if (!FilePlace::isUnknown(reason))
-            return failure("Could not replace \"%1\"", m_target);
-        const QByteArray aside = FilePlace::asideOf(m_target);
-        if (const int moved = FilePlace::take(m_target, aside); moved != 0) {
-            errno = moved;
-            return failure("Could not replace \"%1\"", m_target);
-        }
-        if (const int placed = FilePlace::take(successor, m_target); placed != 0) {
-            const int back = FilePlace::take(aside, m_target);
-            errno = placed;
-            return back == 0
-                       ? failure("Could not replace \"%1\"", m_target)
-                       : failure("Could not replace a directory, which is called \"%1\" for that", aside);
-        }
-        successor = aside;
-        return {};
     }
 
     //! False when something is left: what came since the last look, or what may not be removed.
@@ -491,10 +465,8 @@ private:
         return entriesOf(directory);
     }
 
-    //! Gives the old one a name that shows; the name that it has then.
     QString visible(const QByteArray& old) const {
-        const QByteArray aside = FilePlace::asideOf(m_target);
-        return QFile::decodeName(FilePlace::take(old, aside) == 0 ? aside : old);
+        return QFile::decodeName(DirectoryExchange::show(old, m_target));
     }
 
     const QByteArray m_source;

@@ -38,8 +38,8 @@ public:
     //! this user is not in, for a file of somebody else that cannot be linked and, before anything is copied,
     //! for a directory that is a mount point or holds one; FileChanged when somebody else works in the target
     //! meanwhile. After all of them the target is what it was, unless the message says otherwise and where
-    //! the old one is (the names could not be flushed). A warning tells where the old one
-    //! is when it could not be removed.
+    //! the old one is (the names could not be flushed, or the second of two renames failed and could not be
+    //! undone). A warning tells where the old one is when it could not be removed.
     static Error run(const QString& source, const QString& target, const Options& options);
 };
 

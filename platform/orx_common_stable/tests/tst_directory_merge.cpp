@@ -4,6 +4,7 @@
 
 #include <DirectoryMerge.h>
 #include <FilePlace.h>
+#include <FileUtils.h>
 #include <ReplaceGuard.h>
 
 #include <QDir>
@@ -21,6 +22,7 @@
 #include <linux/fs.h>
 #include <map>
 #include <string>
+#include <string_view>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -36,7 +38,10 @@ std::function<void(const char* call)> onChange;
 //! As on a file system that knows neither hard links nor the exchange of names.
 bool cannotLink = false;
 bool cannotExchange = false;
-bool cannotChown = false;
+//! What becomes of a rename, given its kind ("exchange" or "rename") and its number among those of its kind:
+//! an errno instead of it, a negative one after it was done all the same, 0: it is done.
+std::function<int(std::string_view call, int number)> onRename;
+std::map<std::string_view, int> renameCounts;
 //! The directory whose names cannot be flushed.
 std::string unflushable;
 bool isDiskFull = false;
@@ -83,14 +88,6 @@ extern "C" ssize_t copy_file_range(int from, off64_t* at, int to, off64_t* end, 
     return changing("copy", [=] { return ::syscall(SYS_copy_file_range, from, at, to, end, length, flags); });
 }
 
-extern "C" int chown(const char* path, uid_t user, gid_t group) {
-    if (cannotChown) {
-        errno = EPERM;
-        return -1;
-    }
-    return int(::syscall(SYS_fchownat, AT_FDCWD, path, user, group, 0));
-}
-
 extern "C" int fsync(int descriptor) {
     const QByteArray link = "/proc/self/fd/" + QByteArray::number(descriptor);
     if (!unflushable.empty() && QFile::symLinkTarget(QFile::decodeName(link)).toStdString() == unflushable) {
@@ -105,8 +102,18 @@ extern "C" int renameat2(int from, const char* oldName, int to, const char* newN
         errno = EINVAL;
         return -1;
     }
-    return int(changing(flags == RENAME_EXCHANGE ? "exchange" : "rename",
-                        [=] { return ::syscall(SYS_renameat2, from, oldName, to, newName, flags); }));
+    const char* const call = flags == RENAME_EXCHANGE ? "exchange" : "rename";
+    const int failure = onRename ? onRename(call, ++renameCounts[call]) : 0;
+    if (failure > 0) {
+        errno = failure;
+        return -1;
+    }
+    const long result =
+        changing(call, [=] { return ::syscall(SYS_renameat2, from, oldName, to, newName, flags); });
+    if (failure == 0 || result != 0)
+        return int(result);
+    errno = -failure;
+    return -1;
 }
 
 extern "C" int statx(int directory, const char* path, int flags, unsigned mask, struct statx* info) noexcept {
@@ -141,7 +148,7 @@ protected:
         onChange = {};
         cannotLink = false;
         cannotExchange = false;
-        cannotChown = false;
+        onRename = {};
         unflushable.clear();
         isDiskFull = false;
         tellsNoMounts = false;
@@ -152,6 +159,10 @@ protected:
                 std::filesystem::permissions(entry.path(), std::filesystem::perms::owner_all,
                                              std::filesystem::perm_options::add);
         }
+    }
+    static void failRenames(const decltype(onRename)& how) {
+        onRename = how;
+        renameCounts.clear();
     }
     //! What is at the target before each merge.
     void putOld() const {
@@ -172,11 +183,6 @@ protected:
         QFile file(at(path));
         ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
         ASSERT_EQ(file.write(content), content.size());
-    }
-    struct stat infoOf(const char* path) const {
-        struct stat info = {};
-        EXPECT_EQ(::lstat(bytes(path).constData(), &info), 0) << path;
-        return info;
     }
     //! The three entries of a mode, as the kernel wants them: a version, then tag, rights and no id for each.
     //! Whether the file system knows any.
@@ -278,7 +284,7 @@ protected:
     QTemporaryDir dir;
 };
 
-// Mounts themselves need permission: tests/root.
+// Mounts themselves, and files of other people, need permission: tests/root.
 TEST_F(DirectoryMergeTest, NothingIsTakenForMountedWhereTheKernelSaysLittleOrDevicesDiffer) {
     for (bool* const oddity : {&tellsNoMounts, &hasLayers}) {
         *oddity = true;
@@ -417,6 +423,68 @@ TEST_F(DirectoryMergeTest, WhatComesToTheTargetMeanwhileIsNotLost) {
     EXPECT_EQ(treeOf(names().last().toUtf8().constData()), (Tree{{"data/later", "written meanwhile"}}));
 }
 
+//! What is copied by FileUtils: the directory that is at the target already, and after it one file.
+class CopyWithMerge : public DirectoryMergeTest {
+protected:
+    using Options = FileUtils::CopyFilesOptions;
+
+    void SetUp() override {
+        DirectoryMergeTest::SetUp();
+        putOld();
+        ASSERT_TRUE(QDir(from.path()).mkdir(QStringLiteral("run")));
+        for (const char* const name : {"run/acqu", "z.txt"}) {
+            QFile file(from.filePath(QString::fromLatin1(name)));
+            ASSERT_TRUE(file.open(QIODevice::WriteOnly) && file.write("new") == 3);
+        }
+        // So that the old directory cannot be removed, and what is in it is told.
+        onChange = [this](const char* call) {
+            if (std::string_view(call) == "exchange")
+                write("run/data/later", "written meanwhile");
+        };
+    }
+    const Options options{Options::RecursionPolicy::Recursive, FileUtils::DuplicateFilesPolicy::Overwrite};
+    const QTemporaryDir from;
+    QList<QString> copied;
+    QString kept() const {
+        return QDir(dir.path()).entryList({QStringLiteral("run.*.old")}, QDir::Dirs).value(0, {});
+    }
+    //! What \a work writes into the log.
+    static QString logOf(const std::function<void()>& work) {
+        static QString log;
+        log.clear();
+        const QtMessageHandler before = qInstallMessageHandler(
+            [](QtMsgType, const QMessageLogContext&, const QString& text) { log += text + u'\n'; });
+        work();
+        qInstallMessageHandler(before);
+        return log;
+    }
+};
+
+TEST_F(CopyWithMerge, ASuccessWithAWarningIsASuccessAndTheWarningIsInTheLog) {
+    const QString log = logOf(
+        [this] { EXPECT_TRUE(FileUtils::copyFiles(from.path(), dir.path(), options, {}, {}, &copied)); });
+    EXPECT_EQ(copied, (QList<QString>{QStringLiteral("run"), QStringLiteral("z.txt")}));
+    EXPECT_EQ(treeOf("run").at("acqu"), "new");
+    ASSERT_FALSE(kept().isEmpty());
+    EXPECT_EQ(log.count(kept()), 1) << qPrintable(log);
+}
+
+TEST_F(CopyWithMerge, AFailureAfterAWarningTellsTheWarningToo) {
+    ASSERT_TRUE(QDir(dir.path()).mkdir(QStringLiteral("z.txt")));
+    const Error error = FileUtils::tryCopyFiles(from.path(), dir.path(), options, {}, {}, &copied);
+    EXPECT_TRUE(error.is(ErrorCode::FileNotWritable)) << qPrintable(error.errorMessage());
+    EXPECT_EQ(copied, QList<QString>{QStringLiteral("run")}) << "it was written";
+    ASSERT_FALSE(kept().isEmpty());
+    ASSERT_EQ(error.warnings().size(), 1);
+    EXPECT_TRUE(error.warnings().first().contains(kept())) << qPrintable(error.warnings().first());
+
+    FilePlace::removeTree(QFile::encodeName(dir.filePath(kept())));
+    const QString log = logOf(
+        [this] { EXPECT_FALSE(FileUtils::copyFiles(from.path(), dir.path(), options, {}, {}, nullptr)); });
+    ASSERT_FALSE(kept().isEmpty());
+    EXPECT_TRUE(log.contains(kept())) << qPrintable(log);
+}
+
 TEST_F(DirectoryMergeTest, WhatIsWrittenIntoTheOldFileInTheLastMomentIsKept) {
     // Nothing that stays is the same file, so that what is written to the old one is not in the new one.
     cannotLink = true;
@@ -455,15 +523,82 @@ TEST_F(DirectoryMergeTest, WhatComesInheritsFromTheDirectoryThatItComesTo) {
         char value[16];
         EXPECT_EQ(::getxattr(bytes("run").constData(), "user.of", value, sizeof value), 5);
     }
-    if (::geteuid() == 0) {
-        // Only root belongs to every group.
+}
+
+TEST_F(DirectoryMergeTest, WhereNamesAreNotExchangedForAnyReasonTheTargetIsWhatItWas) {
+    for (const int reason : {EBUSY, EIO, EACCES, ENOSPC}) {
         putOld();
-        ASSERT_EQ(::chown(bytes("run/data").constData(), uid_t(-1), 4242), 0);
-        ASSERT_EQ(::chmod(bytes("run/data").constData(), 02770), 0);
-        ASSERT_FALSE(merge().hasError());
-        for (const char* const path : {"run/data", "run/data/fid", "run/data/more", "run/data/more/peaks"})
-            EXPECT_EQ(infoOf(path).st_gid, 4242u) << path;
+        failRenames([reason](std::string_view call, int) { return call == "exchange" ? reason : 0; });
+        const Error error = merge();
+        EXPECT_TRUE(error.is(ErrorDomain::OperatingSystem, reason)) << qPrintable(error.errorMessage());
+        EXPECT_TRUE(error.errorMessage().contains(at("run\""))) << qPrintable(error.errorMessage());
+        EXPECT_EQ(treeOf("run"), old);
+        EXPECT_EQ(names(), onlySourceAndTarget());
     }
+}
+
+TEST_F(DirectoryMergeTest, AStepThatIsToldToHaveFailedAndWasDoneCounts) {
+    putOld();
+    failRenames([](std::string_view call, int) { return call == "exchange" ? -EIO : 0; });
+    for (const bool inTwoSteps : {false, true}) {
+        cannotExchange = inTwoSteps;
+        const Error error = merge();
+        EXPECT_FALSE(error.hasError()) << qPrintable(error.errorMessage());
+        EXPECT_TRUE(error.warnings().isEmpty());
+        EXPECT_EQ(treeOf("run"), merged);
+        EXPECT_EQ(names(), onlySourceAndTarget());
+        putOld();
+        failRenames([](std::string_view call, int) { return call == "rename" ? -EIO : 0; });
+    }
+}
+
+TEST_F(DirectoryMergeTest, WhereTheFirstOfTwoRenamesFailsTheTargetIsWhatItWas) {
+    cannotExchange = true;
+    putOld();
+    failRenames([](std::string_view, int number) { return number == 1 ? EBUSY : 0; });
+    const Error error = merge();
+    EXPECT_TRUE(error.is(ErrorDomain::OperatingSystem, EBUSY)) << qPrintable(error.errorMessage());
+    EXPECT_EQ(treeOf("run"), old);
+    EXPECT_EQ(names(), onlySourceAndTarget());
+}
+
+TEST_F(DirectoryMergeTest, WhereTheSecondOfTwoRenamesFailsTheOldOneGetsItsNameBack) {
+    cannotExchange = true;
+    putOld();
+    failRenames([](std::string_view, int number) { return number == 2 ? EIO : 0; });
+    const Error error = merge();
+    EXPECT_TRUE(error.is(ErrorDomain::OperatingSystem, EIO)) << qPrintable(error.errorMessage());
+    EXPECT_TRUE(error.errorMessage().contains(at("run\""))) << qPrintable(error.errorMessage());
+    EXPECT_EQ(treeOf("run"), old);
+    EXPECT_EQ(names(), onlySourceAndTarget());
+}
+
+TEST_F(DirectoryMergeTest, WhereEvenThatFailsTheMessageTellsWhatTheOldOneIsCalled) {
+    cannotExchange = true;
+    putOld();
+    failRenames([](std::string_view, int number) { return number >= 2 ? EIO : 0; });
+    const Error error = merge();
+    EXPECT_TRUE(error.is(ErrorDomain::OperatingSystem, EIO)) << qPrintable(error.errorMessage());
+    ASSERT_EQ(names().size(), 2) << "nothing has the name of the target, and the successor is gone";
+    const QString kept = names().last();
+    EXPECT_TRUE(kept.startsWith(QStringLiteral("run.")) && kept.endsWith(QStringLiteral(".old")));
+    EXPECT_EQ(treeOf(kept.toUtf8().constData()), old);
+    for (const QString& told : {at("run\""), dir.filePath(kept)})
+        EXPECT_TRUE(error.errorMessage().contains(told)) << qPrintable(error.errorMessage());
+}
+
+TEST_F(DirectoryMergeTest, WhereTheOldOneGetsNoNameThatShowsTheMessageTellsTheHiddenOne) {
+    putOld();
+    unflushable = QFileInfo(dir.path()).canonicalFilePath().toStdString();
+    failRenames([](std::string_view call, int) { return call == "rename" ? EBUSY : 0; });
+    const Error error = merge();
+    EXPECT_TRUE(error.is(ErrorCode::FileNotWritable)) << qPrintable(error.errorMessage());
+    EXPECT_EQ(treeOf("run"), merged);
+    ASSERT_EQ(names().size(), 3);
+    const QString kept = names().first();
+    EXPECT_TRUE(error.errorMessage().contains(dir.filePath(kept))) << qPrintable(error.errorMessage());
+    EXPECT_EQ(treeOf(kept.toUtf8().constData()), old);
+    FilePlace::removeTree(QFile::encodeName(dir.filePath(kept)));
 }
 
 TEST_F(DirectoryMergeTest, WhenTheNamesCannotBeFlushedTheOldOneStaysWhereItShows) {
@@ -507,43 +642,6 @@ TEST_F(DirectoryMergeTest, WhoHadNoAccessGetsNoneByWhatTheDirectoryAboveHandsDow
         EXPECT_EQ(modeOf("run/data"), 0750u);
         EXPECT_EQ(modeOf("run/data/notes"), 0660u);
     }
-}
-
-//! Only root may give files away, so that only root can see what happens to those of others.
-TEST_F(DirectoryMergeTest, WhatBelongsToOthersStaysTheirsOrNothingIsReplaced) {
-    if (::geteuid() != 0)
-        return;
-    const auto giveAway = [this](const char* path, mode_t mode) {
-        putOld();
-        ASSERT_EQ(::chown(bytes(path).constData(), 4242, 4243), 0);
-        ASSERT_EQ(::chmod(bytes(path).constData(), mode), 0);
-    };
-    // Where nothing can be linked.
-    cannotLink = true;
-    giveAway("run/data/notes", 0640);
-    ASSERT_FALSE(merge().hasError());
-    EXPECT_EQ(infoOf("run/data/notes").st_uid, 4242u);
-    EXPECT_EQ(infoOf("run/data/notes").st_gid, 4243u);
-    EXPECT_EQ(modeOf("run/data/notes"), 0640u);
-
-    const auto expectRefused = [this](const char* path) {
-        const Error error = merge();
-        EXPECT_TRUE(error.is(ErrorCode::FileNotWritable)) << qPrintable(error.errorMessage());
-        EXPECT_TRUE(error.errorMessage().contains(at(path))) << qPrintable(error.errorMessage());
-        EXPECT_EQ(treeOf("run"), old);
-        EXPECT_EQ(infoOf(path).st_uid, 4242u);
-        EXPECT_EQ(names(), onlySourceAndTarget());
-    };
-    giveAway("run/data/notes", 0640);
-    cannotChown = true;
-    expectRefused("run/data/notes");
-    cannotLink = false;
-    ASSERT_FALSE(merge().hasError()) << "the file itself stays";
-    EXPECT_EQ(infoOf("run/data/notes").st_uid, 4242u);
-    cannotChown = false;
-    giveAway("run/data", 0770);
-    cannotChown = true;
-    expectRefused("run/data");
 }
 
 TEST_F(DirectoryMergeTest, ADirectoryThatMayNotBeReplacedAnyMoreStays) {
