@@ -1,7 +1,12 @@
 // An answer holds for what was shown, until the moment in which that is replaced. A program of its own, since
-// it changes the target in the middle of its own flushes.
+// it changes the target in the middle of its own flushes and renames.
 #include "ItemDownloads.h"
 
+#include <DownloadNames.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <fcntl.h>
 #include <functional>
 #include <mutex>
 #include <sys/syscall.h>
@@ -13,23 +18,49 @@ namespace {
 std::mutex hookMutex;
 //! What happens just before the next flush of a file in the directory.
 std::function<void()> onFlush;
+//! And just before two names in it are exchanged.
+std::function<void()> onExchange;
 QString watchedDirectory;
+//! A directory that cannot be removed.
+QString unremovable;
 
-std::function<void()> takeHook(int descriptor) {
-    const QString path = QFileInfo(QStringLiteral("/proc/self/fd/%1").arg(descriptor)).symLinkTarget();
+std::function<void()> takeHook(std::function<void()>& hook, const QString& path) {
     const std::lock_guard lock(hookMutex);
-    if (!onFlush || !path.startsWith(watchedDirectory + u'/'))
+    if (!hook || !path.startsWith(watchedDirectory + u'/'))
         return {};
-    return std::exchange(onFlush, {});
+    return std::exchange(hook, {});
 }
 
 } // namespace
 
-// The program's own definition takes the place of the C library's for the libraries too.
+// The program's own definitions take the place of the C library's for the libraries too.
 extern "C" int fsync(int descriptor) {
-    if (const auto hook = takeHook(descriptor))
+    const QString path = QFileInfo(QStringLiteral("/proc/self/fd/%1").arg(descriptor)).symLinkTarget();
+    if (const auto hook = takeHook(onFlush, path))
         hook();
     return int(::syscall(SYS_fsync, descriptor));
+}
+
+extern "C" int rmdir(const char* path) noexcept {
+    {
+        const QFileInfo directory(QFile::decodeName(path));
+        const std::lock_guard lock(hookMutex);
+        if (!unremovable.isEmpty() && directory.canonicalFilePath() == unremovable) {
+            errno = EBUSY;
+            return -1;
+        }
+    }
+    return int(::syscall(SYS_unlinkat, AT_FDCWD, path, AT_REMOVEDIR));
+}
+
+extern "C" int renameat2(int from, const char* oldName, int to, const char* newName,
+                         unsigned int flags) noexcept {
+    if (flags == RENAME_EXCHANGE) {
+        const QFileInfo target(QFile::decodeName(newName));
+        if (const auto hook = takeHook(onExchange, target.canonicalFilePath()))
+            hook();
+    }
+    return int(::syscall(SYS_renameat2, from, oldName, to, newName, flags));
 }
 
 namespace orx::testing {
@@ -90,6 +121,23 @@ TEST_P(DownloadAnswers, WhatChangesWhileItsSuccessorIsFlushedIsAskedAboutAgain) 
     }
 }
 
+// What was fetched goes on under the free name that is asked for then, and nothing is left of another.
+TEST_P(DownloadAnswers, WhatWasFetchedBeforeThatIsNotFetchedAgainForAFreeName) {
+    for (const QByteArray& left : {QByteArray(), QByteArray("con")}) {
+        const Wanted file = wanted(text("run"), "content", false);
+        if (!left.isEmpty())
+            put(DownloadNames::partialName(text("run (2)"), file.item.id, 1), left);
+        forgetCalls();
+        changeWhileFlushed(text("run"));
+        EXPECT_EQ(get(file, {{Choice::Overwrite}, {Choice::Rename}}).outcome,
+                  DownloadedFile::Outcome::Downloaded);
+        expectChanged();
+        EXPECT_EQ(tree(), (QStringList{text("run (2)=content"), text("run=of an instrument")}));
+        EXPECT_EQ(contentCalls(), left.isEmpty() ? 1 : 2);
+        ASSERT_TRUE(QFile::remove(at(text("run (2)"))));
+    }
+}
+
 TEST_P(DownloadAnswers, AnAnswerForAllHoldsForThatToo) {
     for (const bool useCache : {true, false}) {
         const Wanted file = wanted(text("run"), "content", useCache);
@@ -134,6 +182,55 @@ TEST_P(DownloadAnswers, SoDoesADirectoryWhichIsNotFetchedAgainForThat) {
     EXPECT_TRUE(tree().contains(text("run.d/fid=old")) &&
                 tree().contains(text("run.d/more=of an instrument")));
     EXPECT_EQ(contentCalls(), 1) << "only what it holds was asked for";
+}
+
+// Everything is there, so that it is no failure.
+TEST_P(DownloadAnswers, WhatAnAcquisitionWasUnpackedInIsToldWhenItCannotBeRemoved) {
+    const Wanted file = wanted(text("run.d.vonk"), packedRun(1000), false);
+    {
+        const std::lock_guard lock(hookMutex);
+        watchedDirectory = QFileInfo(at(QString())).canonicalFilePath();
+        unremovable = watchedDirectory + u'/' +
+                      DownloadNames::partialName(text("run.d.vonk-unpacked"), file.item.id, 1);
+    }
+    const DownloadedFile done = get(file, {});
+    EXPECT_EQ(done.outcome, DownloadedFile::Outcome::Downloaded);
+    EXPECT_TRUE(QFileInfo::exists(at(text("run.d/fid"))));
+    {
+        const std::lock_guard lock(hookMutex);
+        EXPECT_TRUE(QFileInfo(unremovable).isDir());
+        EXPECT_EQ(done.warnings.filter(QFileInfo(unremovable).fileName()).size(), 1)
+            << qPrintable(done.warnings.join(u'\n'));
+        unremovable.clear();
+    }
+    // The next run finds everything there, and that it can be removed now.
+    const DownloadedFile again = get(file, {});
+    EXPECT_EQ(again.outcome, DownloadedFile::Outcome::Unchanged);
+    EXPECT_TRUE(again.warnings.isEmpty()) << qPrintable(again.warnings.join(u'\n'));
+    EXPECT_EQ(QDir(at(QString())).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
+              QStringList{text("run.d")});
+}
+
+// Too late to keep it from being replaced: it is kept beside it, and the result tells where.
+TEST_P(DownloadAnswers, WhatComesToADirectoryInTheMomentOfItsReplacementIsKeptAndTold) {
+    for (const bool useCache : {true, false}) {
+        const Wanted file = wanted(text("run.d.vonk"), packedRun(1000), useCache);
+        put(text("run.d/fid"), "old");
+        {
+            const std::lock_guard lock(hookMutex);
+            watchedDirectory = QFileInfo(at(QString())).canonicalFilePath();
+            onExchange = [this] { put(text("run.d/notes"), "of an instrument"); };
+        }
+        const DownloadedFile done = get(file, {{Choice::Overwrite}});
+        EXPECT_EQ(done.outcome, DownloadedFile::Outcome::Downloaded);
+        const QDir target(at(QString()));
+        const QString kept = target.entryList({text("run.d.*.old")}, QDir::Dirs).value(0);
+        ASSERT_FALSE(kept.isEmpty());
+        EXPECT_TRUE(tree().contains(kept + text("/notes=of an instrument")));
+        EXPECT_FALSE(tree().contains(text("run.d/notes=of an instrument")));
+        EXPECT_EQ(done.warnings.filter(kept).size(), 1) << qPrintable(done.warnings.join(u'\n'));
+        ASSERT_TRUE(QDir(target.filePath(kept)).removeRecursively());
+    }
 }
 
 } // namespace

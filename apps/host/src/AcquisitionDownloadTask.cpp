@@ -376,18 +376,16 @@ void AcquisitionDownloadTask::endAs(Outcome outcome) {
         onRemoved();
 }
 
-// What this run had no part in is no failure of it.
+// Everything that was wanted is there without it, or comes otherwise.
 void AcquisitionDownloadTask::removeStaging(const Next& next) {
-    if (m_staging->isHeld()) {
-        execSubtask(
-            workerStep(QStringLiteral("RemoveStaging"), [staging = m_staging] { return staging->remove(); }),
-            [next](BaseTask*) { next(); });
-        return;
-    }
+    const auto remove = [staging = m_staging, isHeld = m_staging->isHeld()] {
+        return isHeld ? staging->remove() : staging->removeLeft();
+    };
     execSubtask(
-        workerStep(QStringLiteral("RemoveStaging"), [staging = m_staging] { return staging->removeLeft(); }),
-        [next](BaseTask*) { next(); },
+        workerStep(QStringLiteral("RemoveStaging"), remove), [next](BaseTask*) { next(); },
         [this, next](BaseTask* step) {
+            if (isCanceled())
+                return;
             addWarning(errorText(step->error()));
             next();
         });

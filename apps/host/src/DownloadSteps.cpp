@@ -1,5 +1,6 @@
 #include "DownloadSteps.h"
 
+#include <FilePlace.h>
 #include <FileTime.h>
 #include <HeldFile.h>
 
@@ -8,6 +9,7 @@
 #include <QFile>
 
 #include <algorithm>
+#include <cerrno>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -126,6 +128,21 @@ void removePartial(const QString& path) {
     const QByteArray name = QFile::encodeName(path);
     if (file.open(AT_FDCWD, name, orx::HeldFile::Missing::Fail) == 0 && file.isLocked())
         ::unlink(name.constData());
+}
+
+Error renamePartial(const QString& path, const QString& to) {
+    orx::HeldFile file;
+    const QByteArray name = QFile::encodeName(path);
+    int reason = file.open(AT_FDCWD, name, orx::HeldFile::Missing::Fail);
+    if (reason == 0)
+        reason = orx::FilePlace::take(name, QFile::encodeName(to));
+    if (reason == EEXIST && file.isLocked())
+        ::unlink(name.constData());
+    if (reason == 0 || reason == ENOENT || reason == EWOULDBLOCK || reason == EEXIST)
+        return {};
+    return Error(ErrorCode::FileNotWritable,
+                 QStringLiteral("What was fetched is in \"%1\", which could not be called \"%2\": %3")
+                     .arg(path, to, qt_error_string(reason)));
 }
 
 std::unique_ptr<orx::BaseTask> workerStep(const QString& name, orx::WorkerStepTask::Job job) {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "halvane_host_export.h"
+
 #include <WorkerStepTask.h>
 
 #include <QFileInfo>
@@ -32,7 +34,10 @@ qint64 bytesIn(const QString& path);
 
 //! Removes the partial file \a path, which nobody wants any more; not one that another download has open.
 //! Where that fails it stays for a later run.
-void removePartial(const QString& path);
+HALVANE_HOST_EXPORT void removePartial(const QString& path);
+//! Gives the partial file \a path the name \a to, so that what is in it need not be fetched again. One of
+//! that name stays, and the other is removed then; one that another download has open keeps its name.
+HALVANE_HOST_EXPORT orx::Error renamePartial(const QString& path, const QString& to);
 
 std::unique_ptr<orx::BaseTask> workerStep(const QString& name, orx::WorkerStepTask::Job job);
 

@@ -15,7 +15,6 @@
 #include <tasks/HalvaneDownloadFileCacheTask.h>
 
 #include <QDir>
-#include <QFile>
 #include <QFileInfo>
 
 #include <utility>
@@ -144,17 +143,14 @@ void FileDownloadTask::fetchInto(const Look& look) {
 
 // What an interrupted run left is called after that name.
 void FileDownloadTask::fetchRenamed() {
-    if (!m_usesCache) {
+    const auto prepare = [usesCache = m_usesCache, left = std::exchange(m_leftPartial, {}),
+                          path = targetPath(), partial = partialPath(), size = m_wanted.item.size] {
+        if (usesCache)
+            return checkRoomForRest(path, partial, size);
         // So is what this one fetched before something else came to the target.
-        if (const QString left = std::exchange(m_leftPartial, {}); !left.isEmpty())
-            QFile::rename(left, partialPath());
-        return fetch();
-    }
-    execSubtask(workerStep(QStringLiteral("LookForRoom"),
-                           [path = targetPath(), partial = partialPath(), size = m_wanted.item.size] {
-                               return checkRoomForRest(path, partial, size);
-                           }),
-                [this](BaseTask*) { fetch(); });
+        return left.isEmpty() ? Error() : renamePartial(left, partial);
+    };
+    execSubtask(workerStep(QStringLiteral("PrepareFreeName"), prepare), [this](BaseTask*) { fetch(); });
 }
 
 // The first name that is free, or under which an earlier run left this very content.

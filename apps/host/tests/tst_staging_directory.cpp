@@ -1,3 +1,5 @@
+#include "NoLocks.h"
+
 #include <StagingDirectory.h>
 
 #include <QDir>
@@ -74,6 +76,18 @@ TEST_F(StagingDirectoryTest, GoesWithEverythingInIt) {
         EXPECT_FALSE(QFileInfo::exists(at()));
         EXPECT_FALSE(staging.isHeld());
     }
+}
+
+TEST_F(StagingDirectoryTest, WhereThereAreNoLocksWhatIsLeftMayBeOfARunAndStays) {
+    const NoLocks none;
+    put(arrived);
+    EXPECT_FALSE(StagingDirectory(at(), lock).removeLeft().hasError());
+    EXPECT_TRUE(QFileInfo::exists(at(arrived)));
+    // One's own goes.
+    StagingDirectory staging(at(), lock);
+    ASSERT_FALSE(staging.hold().hasError());
+    EXPECT_FALSE(staging.remove().hasError());
+    EXPECT_FALSE(QFileInfo::exists(at()));
 }
 
 TEST_F(StagingDirectoryTest, NothingIsMadeToBeRemoved) {
