@@ -37,8 +37,6 @@ QString remedy(const Error& error) {
     if (error.is(ErrorDomain::Network, int(orx::NetworkErrorCode::TlsFailed)))
         return QStringLiteral("For a server whose certificate this system does not know, log in with: "
                               "halvane login URL --user NAME --ca-file FILE");
-    if (error.is(ErrorCode::FileChanged) && !error.errorMessage().contains(u"again"))
-        return QStringLiteral("Try again when nothing changes it any more.");
     return {};
 }
 

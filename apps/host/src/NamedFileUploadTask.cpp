@@ -82,7 +82,7 @@ void NamedFileUploadTask::upload(const UploadedFileData& data) {
 Error NamedFileUploadTask::changed() const {
     const QString text =
         QFileInfo(m_input.entry.path).isDir()
-            ? QStringLiteral("\"%1\" was raw data and is a plain directory now.")
+            ? QStringLiteral("\"%1\" was raw data and is a plain directory now. Put it once more.")
             : QStringLiteral("\"%1\" was not sent: while it waited for its turn it became another kind of "
                              "file, raw data or no raw data any more. Put it once more.");
     return Error(orx::ErrorCode::FileChanged, text.arg(m_input.entry.path));

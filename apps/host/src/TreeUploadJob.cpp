@@ -126,8 +126,9 @@ Error TreeUploadJob::addFolder(const LocalTree& tree) {
     ORX_RETURN_ON_ERROR(created.error());
     auto* const folder = qobject_cast<HalvaneFolderUploadTask*>(created->get());
     if (!folder)
-        return Error(orx::ErrorCode::FileChanged,
-                     QStringLiteral("\"%1\" is no plain directory any more.").arg(tree.source));
+        return Error(
+            orx::ErrorCode::FileChanged,
+            QStringLiteral("\"%1\" is no plain directory any more. Put it once more.").arg(tree.source));
     folder->setDuplicateUploadPolicy(m_policy);
     connect(folder, &HalvaneFolderUploadTask::uploadStarted, this, &TreeUploadJob::follow);
     connect(folder, &HalvaneFolderUploadTask::folderUploaded, this,

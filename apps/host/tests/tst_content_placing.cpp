@@ -88,7 +88,10 @@ TEST_P(ContentPlacingTest, AFileThatMayNotBeReplacedAfterAllStays) {
         asked.append(path);
         return false;
     };
-    EXPECT_TRUE(placing.run().is(ErrorCode::FileChanged));
+    const orx::Error error = placing.run();
+    EXPECT_TRUE(error.is(ErrorCode::FileChanged)) << qPrintable(error.errorMessage());
+    EXPECT_TRUE(error.errorMessage().contains(QStringLiteral("try again when")))
+        << qPrintable(error.errorMessage());
     EXPECT_EQ(asked, QStringList{at(QStringLiteral("out/run.txt"))});
     EXPECT_EQ(read(QStringLiteral("out/run.txt")), "old");
     EXPECT_EQ(read(QStringLiteral("out/run.d/a")), "a") << "nothing was there";

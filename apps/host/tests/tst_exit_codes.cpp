@@ -71,6 +71,18 @@ TEST(ErrorText, RemediesFollowTheMessage) {
               QStringLiteral("The token has expired. Log in with: halvane login URL --user NAME"));
 }
 
+// The words of a message decide nothing: who raised an error says what helps where it is not always the same.
+TEST(ErrorText, WhatIsAddedToAMessageDependsOnItsCodeAlone) {
+    const QString text = QStringLiteral("What happened.");
+    const QString again = QStringLiteral("What happened; try again.");
+    const QString login = QStringLiteral(" Log in with: halvane login URL --user NAME");
+    for (int code = 1; code <= int(ErrorCode::Busy); ++code) {
+        const QString added = ErrorCode(code) == ErrorCode::NotAuthenticated ? login : QString();
+        EXPECT_EQ(errorText(Error(ErrorCode(code), text)), text + added) << code;
+        EXPECT_EQ(errorText(Error(ErrorCode(code), again)), again + added) << code;
+    }
+}
+
 TEST(ErrorText, AnotherMessageKeepsDomainCodeAndWarnings) {
     Error conflict = orx::halvaneError(HalvaneServerErrorCode::VersionConflict, QString());
     conflict.addWarning(QStringLiteral("beware"));

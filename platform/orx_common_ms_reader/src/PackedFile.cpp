@@ -107,8 +107,10 @@ Error PackedFile::read(qint64 offset, std::span<char> buffer) const {
     if (bytes < 0)
         return readFailure(errno, m_path);
     if (size_t(bytes) < buffer.size())
-        return Error(ErrorCode::FileChanged,
-                     translated("\"%1\" became shorter while it was read.").arg(m_path));
+        return Error(
+            ErrorCode::FileChanged,
+            translated("\"%1\" became shorter while it was read; try again when nothing writes to it.")
+                .arg(m_path));
     return {};
 }
 

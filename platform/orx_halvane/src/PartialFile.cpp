@@ -211,7 +211,9 @@ Error PartialFile::publish(const Expected& expected, const std::function<bool()>
     // What is written to it while this one is flushed is not to be lost either.
     if (mayReplace && !mayReplace())
         return Error(ErrorCode::FileChanged,
-                     translated("\"%1\" changed while what is to replace it was fetched.").arg(targetPath()));
+                     translated("\"%1\" changed while what is to replace it was fetched, and stays as it is; "
+                                "try again when nothing writes to it.")
+                         .arg(targetPath()));
     ORX_RETURN_ON_ERROR(m_location.overwrite ? rename() : renameWithoutReplacing());
     m_published = true;
     // Some file systems have nothing to flush for a directory and say so.

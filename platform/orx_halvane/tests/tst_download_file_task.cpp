@@ -142,6 +142,8 @@ TEST_F(DownloadFileTask, WhatMayNotBeReplacedAfterAllStaysAndSoDoesWhatWasFetche
     HalvaneDownloadFileTask refused(asking);
     const Error error = run(refused);
     EXPECT_TRUE(error.is(ErrorCode::FileChanged)) << qPrintable(error.errorMessage());
+    EXPECT_TRUE(error.errorMessage().contains(QStringLiteral("try again when")))
+        << qPrintable(error.errorMessage());
     EXPECT_TRUE(error.errorMessage().contains(out().filePath(name)));
     EXPECT_EQ(get(name), "of an instrument");
     EXPECT_EQ(entries(), (QStringList{partial, name}));

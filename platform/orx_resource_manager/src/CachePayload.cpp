@@ -22,7 +22,9 @@ QString translated(const char* text) {
 }
 
 Error changed(const QString& shown) {
-    return Error(ErrorCode::FileChanged, translated("\"%1\" changed while it was read.").arg(shown));
+    return Error(ErrorCode::FileChanged,
+                 translated("\"%1\" changed while it was read; try again when nothing changes it any more.")
+                     .arg(shown));
 }
 
 Error canceled() {

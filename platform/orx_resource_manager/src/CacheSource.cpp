@@ -32,8 +32,12 @@ QString translated(const char* text) {
 }
 
 Error changedSource(const QString& shown) {
-    return Error(ErrorCode::FileChanged,
-                 translated("\"%1\" changed or was removed before it was copied into the cache.").arg(shown));
+    return Error(
+        ErrorCode::FileChanged,
+        translated(
+            "\"%1\" changed or was removed before it was copied into the cache; try again when nothing "
+            "changes it any more.")
+            .arg(shown));
 }
 
 } // namespace
