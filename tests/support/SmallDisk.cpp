@@ -1,9 +1,11 @@
 #include "SmallDisk.h"
 
 #include <algorithm>
+#include <condition_variable>
 #include <dlfcn.h>
 #include <filesystem>
 #include <mutex>
+#include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <system_error>
 #include <vector>
@@ -54,7 +56,68 @@ void limit(const char* path, Room& room) {
     }
 }
 
+struct Hung {
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::string directory; //!< empty for none
+    bool isHanging = false;
+    int askers = 0;
+
+    bool has(const char* path) const {
+        return !directory.empty() && std::string(path).compare(0, directory.size(), directory) == 0;
+    }
+};
+
+Hung& hung() {
+    static Hung& only = *new Hung;
+    return only;
+}
+
+void awaitAnswer(const char* path) {
+    std::unique_lock lock(hung().mutex);
+    if (!hung().has(path))
+        return;
+    ++hung().askers;
+    hung().changed.notify_all();
+    hung().changed.wait(lock, [] { return !hung().isHanging; });
+    --hung().askers;
+}
+
+void moveToOwnDisk(const char* path, dev_t& device) {
+    constexpr dev_t own = ~dev_t(0) - 1;
+    const std::lock_guard lock(hung().mutex);
+    if (hung().has(path))
+        device = own;
+}
+
 } // namespace
+
+HungDisk::HungDisk(const std::string& directory) {
+    const std::lock_guard lock(hung().mutex);
+    hung().directory = directory;
+}
+
+HungDisk::~HungDisk() {
+    answer();
+    const std::lock_guard lock(hung().mutex);
+    hung().directory.clear();
+}
+
+void HungDisk::hang() {
+    const std::lock_guard lock(hung().mutex);
+    hung().isHanging = true;
+}
+
+void HungDisk::awaitAsker() {
+    std::unique_lock lock(hung().mutex);
+    hung().changed.wait(lock, [] { return hung().askers > 0; });
+}
+
+void HungDisk::answer() {
+    const std::lock_guard lock(hung().mutex);
+    hung().isHanging = false;
+    hung().changed.notify_all();
+}
 
 SmallDisk::SmallDisk(const std::string& directory, std::int64_t bytes) {
     const std::lock_guard lock(state().mutex);
@@ -72,12 +135,31 @@ SmallDisk::~SmallDisk() {
 // NOLINTBEGIN
 extern "C" {
 
+int stat(const char* path, struct stat* info) noexcept {
+    using Function = int (*)(const char*, struct stat*);
+    static const auto real = reinterpret_cast<Function>(::dlsym(RTLD_NEXT, "stat"));
+    const int result = real(path, info);
+    if (result == 0)
+        orx::testing::moveToOwnDisk(path, info->st_dev);
+    return result;
+}
+
+int stat64(const char* path, struct stat64* info) noexcept {
+    using Function = int (*)(const char*, struct stat64*);
+    static const auto real = reinterpret_cast<Function>(::dlsym(RTLD_NEXT, "stat64"));
+    const int result = real(path, info);
+    if (result == 0)
+        orx::testing::moveToOwnDisk(path, info->st_dev);
+    return result;
+}
+
 int statvfs(const char* path, struct statvfs* room) noexcept {
     using Function = int (*)(const char*, struct statvfs*);
     static const auto real = reinterpret_cast<Function>(::dlsym(RTLD_NEXT, "statvfs"));
     const int result = real(path, room);
     if (result == 0)
         orx::testing::limit(path, *room);
+    orx::testing::awaitAnswer(path);
     return result;
 }
 
@@ -87,6 +169,7 @@ int statvfs64(const char* path, struct statvfs64* room) noexcept {
     const int result = real(path, room);
     if (result == 0)
         orx::testing::limit(path, *room);
+    orx::testing::awaitAnswer(path);
     return result;
 }
 }

@@ -4,7 +4,9 @@
 #include "PackedText.h"
 #include "StagedFile.h"
 
-#include <QList>
+#include <WorkerPool.h>
+
+#include <QAbstractEventDispatcher>
 
 #include <algorithm>
 #include <cerrno>
@@ -15,6 +17,7 @@
 #include <optional>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <utility>
 
 namespace orx::vonk {
 
@@ -29,9 +32,15 @@ struct Disk {
     //! Bytes that were written and will be removed, and those that are still to be written before that.
     qint64 temporary = 0;
     qint64 plannedTemporary = 0;
+    //! All bytes that were ever written, and how often some were given back.
+    qint64 written = 0;
+    quint64 returns = 0;
     std::deque<std::weak_ptr<RoomWish>> line;
+    //! Some thread answers those in line, and only that one.
+    bool isServed = false;
 };
 
+//! Nobody looks at a disk with the mutex held: one that does not answer must not stop what is on others.
 struct Disks {
     std::mutex mutex;
     std::map<dev_t, Disk> all;
@@ -43,20 +52,51 @@ Disks& disks() {
     return only;
 }
 
-struct Free {
-    dev_t device = 0;
-    qint64 bytes = 0;
-};
-
-Result<Free> freeOn(const QString& directory) {
-    const QByteArray path = encodedPath(directory);
+Result<dev_t> deviceOf(const QString& directory) {
     struct stat info = {};
+    if (::stat(encodedPath(directory).constData(), &info) != 0)
+        return writeFailure(errno, directory);
+    return info.st_dev;
+}
+
+Result<qint64> freeIn(const QString& directory) {
     struct statvfs room = {};
-    if (::stat(path.constData(), &info) != 0 || ::statvfs(path.constData(), &room) != 0)
+    if (::statvfs(encodedPath(directory).constData(), &room) != 0)
         return writeFailure(errno, directory);
     const double available = double(room.f_bavail) * double(room.f_frsize);
     constexpr double most = double(std::numeric_limits<qint64>::max() / 2);
-    return Free{info.st_dev, qint64(std::min(available, most))};
+    return qint64(std::min(available, most));
+}
+
+//! What was free, and how far everything was before that was asked.
+struct Look {
+    qint64 free = 0;
+    qint64 written = 0;
+    quint64 returns = 0;
+};
+
+Result<Look> lookAt(const QString& directory, dev_t device) {
+    Look look;
+    {
+        const std::lock_guard lock(disks().mutex);
+        const Disk& disk = disks().all[device];
+        look.written = disk.written;
+        look.returns = disk.returns;
+    }
+    const auto free = freeIn(directory);
+    ORX_RETURN_ON_ERROR(free.error());
+    look.free = *free;
+    return look;
+}
+
+enum class Fit { Yes, No, LookAgain };
+
+//! With the mutex held. What was written since the look is planned no more, and may have been free then.
+Fit fitOf(const Disk& disk, const Look& look, qint64 bytes) {
+    const qint64 most = look.free - disk.planned;
+    if (bytes <= most - (disk.written - look.written))
+        return Fit::Yes;
+    return bytes <= most || disk.returns != look.returns ? Fit::LookAgain : Fit::No;
 }
 
 Error noRoom(const QString& directory, qint64 bytes, const QString& wanted, qint64 available) {
@@ -76,6 +116,7 @@ struct DiskRoom::Private {
     qint64 planned = 0;
     qint64 temporary = 0;
 
+    // With the mutex held:
     void plan(qint64 bytes) {
         planned += bytes;
         Disk& disk = disks().all[device];
@@ -84,6 +125,7 @@ struct DiskRoom::Private {
     }
     void wrote(qint64 bytes) {
         plan(-std::min(bytes, planned));
+        disks().all[device].written += bytes;
         if (content == Content::Temporary)
             keep(bytes);
     }
@@ -91,73 +133,145 @@ struct DiskRoom::Private {
         temporary += bytes;
         disks().all[device].temporary += bytes;
     }
+    void giveBackRest() {
+        plan(-planned);
+        ++disks().all[device].returns;
+    }
 
-    static std::shared_ptr<DiskRoom> make(dev_t device, Content content, qint64 bytes) {
-        const std::shared_ptr<DiskRoom> room(new DiskRoom);
-        room->d->device = device;
-        room->d->content = content;
-        room->d->plan(bytes);
-        return room;
-    }
-    //! With the mutex held. None when it is worth waiting.
-    static std::optional<GivenRoom> answer(const RoomWish& wish) {
-        const auto free = freeOn(wish.directory);
-        if (free.hasError())
-            return free.error();
-        const Disk& disk = disks().all[free->device];
-        if (wish.bytes <= free->bytes - disk.planned)
-            return make(free->device, wish.content, wish.bytes);
-        // What is just being written may be counted as planned still, and as free no more.
-        const qint64 most = free->bytes + disk.temporary + disk.plannedTemporary;
-        const bool isAlone = disk.planned == 0 && disk.temporary == 0;
-        if (isAlone || wish.bytes > most)
-            return noRoom(wish.directory, wish.bytes, wish.wanted, most);
-        return std::nullopt;
-    }
+    //! Plans \a more bytes, \a bytes in all, if they are free.
+    Error planMore(const QString& directory, qint64 more, qint64 bytes, const QString& wanted);
+
+    static std::shared_ptr<DiskRoom> make(dev_t device, Content content);
     static void serve(dev_t device);
-    static void serveAll();
+    static bool beginToServe(dev_t device);
+    static void serveLine(dev_t device);
+    static std::shared_ptr<RoomWish> firstInLine(dev_t device);
+    static std::optional<GivenRoom> answer(const RoomWish& wish, dev_t device, const Look& look, Fit fit);
 };
 
-//! Answers those who come first, as long as there is an answer.
-void DiskRoom::Private::serve(dev_t device) {
+std::shared_ptr<DiskRoom> DiskRoom::Private::make(dev_t device, Content content) {
+    const std::shared_ptr<DiskRoom> room(new DiskRoom);
+    room->d->device = device;
+    room->d->content = content;
+    return room;
+}
+
+Error DiskRoom::Private::planMore(const QString& directory, qint64 more, qint64 bytes,
+                                  const QString& wanted) {
     for (;;) {
-        std::shared_ptr<RoomWish> first;
+        const auto look = lookAt(directory, device);
+        ORX_RETURN_ON_ERROR(look.error());
+        const std::lock_guard lock(disks().mutex);
+        const Disk& disk = disks().all[device];
+        const Fit fit = fitOf(disk, *look, more);
+        if (fit == Fit::No)
+            return noRoom(directory, bytes, wanted, std::max<qint64>(0, look->free - disk.planned));
+        if (fit == Fit::Yes) {
+            plan(more);
+            return {};
+        }
+    }
+}
+
+// ---- those in line
+
+//! A thread with an event loop waits for no disk.
+void DiskRoom::Private::serve(dev_t device) {
+    if (!beginToServe(device))
+        return;
+    if (QAbstractEventDispatcher::instance())
+        WorkerPool::instance().submit([device] { serveLine(device); }, nullptr, {});
+    else
+        serveLine(device);
+}
+
+//! False when there is nobody in line, or who serves them already.
+bool DiskRoom::Private::beginToServe(dev_t device) {
+    const std::lock_guard lock(disks().mutex);
+    Disk& disk = disks().all[device];
+    return !disk.line.empty() && !std::exchange(disk.isServed, true);
+}
+
+//! Answers those who come first, as long as there is an answer. Who gives room back meanwhile leaves the line
+//! to this: nobody is sent to wait by a look that is older than that.
+void DiskRoom::Private::serveLine(dev_t device) {
+    while (auto first = firstInLine(device)) {
+        const QString directory = first->directory;
+        first.reset(); // its owner may give up before the disk answers
+        const auto look = lookAt(directory, device);
         std::optional<GivenRoom> given;
         {
             const std::lock_guard lock(disks().mutex);
-            auto& line = disks().all[device].line;
-            if (line.empty())
-                return;
-            first = line.front().lock();
+            Disk& disk = disks().all[device];
+            first = disk.line.front().lock();
             if (first) {
-                given = answer(*first);
-                if (!given)
+                const Fit fit = look ? fitOf(disk, *look, first->bytes) : Fit::No;
+                if (fit == Fit::LookAgain)
+                    continue;
+                given = look ? answer(*first, device, *look, fit) : GivenRoom(look.error());
+                if (!given) {
+                    disk.isServed = false;
                     return;
+                }
             }
-            line.pop_front();
+            disk.line.pop_front();
         }
-        if (first)
+        if (given)
             first->given(*given);
     }
 }
 
-void DiskRoom::Private::serveAll() {
-    QList<dev_t> devices;
+//! Who gave up is no more in line.
+std::shared_ptr<RoomWish> DiskRoom::Private::firstInLine(dev_t device) {
+    const std::lock_guard lock(disks().mutex);
+    Disk& disk = disks().all[device];
+    for (; !disk.line.empty(); disk.line.pop_front()) {
+        if (auto first = disk.line.front().lock())
+            return first;
+    }
+    disk.isServed = false;
+    return nullptr;
+}
+
+//! With the mutex held. None when it is worth waiting.
+std::optional<GivenRoom> DiskRoom::Private::answer(const RoomWish& wish, dev_t device, const Look& look,
+                                                   Fit fit) {
+    if (fit == Fit::Yes) {
+        const auto room = make(device, wish.content);
+        room->d->plan(wish.bytes);
+        return room;
+    }
+    const Disk& disk = disks().all[device];
+    // What is just being written may be counted as planned still, and as free no more.
+    const qint64 most = look.free + disk.temporary + disk.plannedTemporary;
+    const bool isAlone = disk.planned == 0 && disk.temporary == 0;
+    if (isAlone || wish.bytes > most)
+        return noRoom(wish.directory, wish.bytes, wish.wanted, most);
+    return std::nullopt;
+}
+
+void DiskRoom::ask(const std::shared_ptr<RoomWish>& wish) {
+    const auto device = deviceOf(wish->directory);
+    if (device.hasError()) {
+        wish->given(device.error());
+        return;
+    }
     {
         const std::lock_guard lock(disks().mutex);
-        for (const auto& [device, disk] : disks().all) {
-            if (!disk.line.empty())
-                devices.append(device);
-        }
+        wish->m_device = *device;
+        disks().all[*device].line.push_back(wish);
     }
-    for (const dev_t device : devices)
-        serve(device);
+    if (Private::beginToServe(*device))
+        Private::serveLine(*device);
 }
 
 // Who stood behind it may be first now.
 RoomWish::~RoomWish() {
-    DiskRoom::Private::serveAll();
+    if (m_device)
+        DiskRoom::Private::serve(*m_device);
 }
+
+// ---- who has room
 
 DiskRoom::DiskRoom() : d(std::make_unique<Private>()) {}
 
@@ -167,38 +281,20 @@ DiskRoom::~DiskRoom() {
 
 Result<std::shared_ptr<DiskRoom>> DiskRoom::take(const QString& directory, qint64 bytes,
                                                  const QString& wanted) {
-    const auto free = freeOn(directory);
-    ORX_RETURN_ON_ERROR(free.error());
-    const std::lock_guard lock(disks().mutex);
-    const qint64 available = free->bytes - disks().all[free->device].planned;
-    if (bytes > available)
-        return noRoom(directory, bytes, wanted, std::max<qint64>(0, available));
-    return Private::make(free->device, Content::Stays, bytes);
-}
-
-void DiskRoom::ask(const std::shared_ptr<RoomWish>& wish) {
-    const auto free = freeOn(wish->directory);
-    if (free.hasError()) {
-        wish->given(free.error());
-        return;
-    }
-    {
-        const std::lock_guard lock(disks().mutex);
-        disks().all[free->device].line.push_back(wish);
-    }
-    Private::serve(free->device);
+    const auto device = deviceOf(directory);
+    ORX_RETURN_ON_ERROR(device.error());
+    const auto room = Private::make(*device, Content::Stays);
+    ORX_RETURN_ON_ERROR(room->d->planMore(directory, bytes, bytes, wanted));
+    return room;
 }
 
 Error DiskRoom::growTo(const QString& directory, qint64 bytes, const QString& wanted) {
-    const auto free = freeOn(directory);
-    ORX_RETURN_ON_ERROR(free.error());
-    const std::lock_guard lock(disks().mutex);
-    const qint64 more = bytes - d->planned;
-    const qint64 available = free->bytes - disks().all[d->device].planned;
-    if (more > 0 && more > available)
-        return noRoom(directory, bytes, wanted, std::max<qint64>(0, available));
-    d->plan(std::max<qint64>(0, more));
-    return {};
+    qint64 more = 0;
+    {
+        const std::lock_guard lock(disks().mutex);
+        more = bytes - d->planned;
+    }
+    return more > 0 ? d->planMore(directory, more, bytes, wanted) : Error();
 }
 
 void DiskRoom::written(qint64 bytes) {
@@ -209,7 +305,7 @@ void DiskRoom::written(qint64 bytes) {
 void DiskRoom::finish() {
     {
         const std::lock_guard lock(disks().mutex);
-        d->plan(-d->planned);
+        d->giveBackRest();
     }
     Private::serve(d->device);
 }
@@ -217,7 +313,7 @@ void DiskRoom::finish() {
 void DiskRoom::release() {
     {
         const std::lock_guard lock(disks().mutex);
-        d->plan(-d->planned);
+        d->giveBackRest();
         d->keep(-d->temporary);
     }
     Private::serve(d->device);

@@ -8,6 +8,8 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
+#include <sys/types.h>
 
 namespace orx::vonk {
 
@@ -15,7 +17,8 @@ struct RoomWish;
 
 //! Room on a disk that something being written will take, so that what is written side by side is not begun
 //! with the same free bytes. Held until it is destroyed; what was written is not free anyway and counts no
-//! more. Thread: any.
+//! more. A disk that does not answer keeps those who take() or ask() there, and nobody else: room is given
+//! back without looking at a disk, on a thread with an event loop at least. Thread: any.
 class ORX_COMMON_MS_READER_EXPORT DiskRoom {
 public:
     //! What becomes of what is written: Temporary is removed before the room is destroyed, so that it is
@@ -29,7 +32,8 @@ public:
     static Result<std::shared_ptr<DiskRoom>> take(const QString& directory, qint64 bytes,
                                                   const QString& wanted);
     //! The same, but what others hold or will remove is waited for, first come, first served on each file
-    //! system, and without a thread. StorageFull when it were too little also then.
+    //! system, and without a thread. StorageFull when it were too little also then. Looks at the disk on this
+    //! thread, for others in line too.
     static void ask(const std::shared_ptr<RoomWish>& wish);
 
     ~DiskRoom();
@@ -61,8 +65,13 @@ struct ORX_COMMON_MS_READER_EXPORT RoomWish {
     qint64 bytes = 0;
     QString wanted;
     DiskRoom::Content content = DiskRoom::Content::Stays;
-    //! Called once, on any thread: mostly that of who gives room back.
+    //! Called once, on any thread.
     std::function<void(const Result<std::shared_ptr<DiskRoom>>&)> given;
+
+private:
+    friend class DiskRoom;
+    //! Where it is in line.
+    std::optional<dev_t> m_device;
 };
 
 } // namespace orx::vonk

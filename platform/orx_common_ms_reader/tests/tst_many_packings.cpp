@@ -1,9 +1,6 @@
 // Many acquisitions are packed, checked and unpacked side by side: what they use together stays bounded.
-#include "DiskRoom.h"
 #include "PackingFixture.h"
 #include "SharedLimits.h"
-#include "SmallDisk.h"
-#include "StagedTree.h"
 
 #include <QDir>
 #include <QFile>
@@ -12,7 +9,6 @@
 #include <atomic>
 #include <barrier>
 #include <latch>
-#include <optional>
 #include <thread>
 
 using namespace orx;
@@ -29,7 +25,7 @@ void sideBySide(const std::function<void(int)>& work) {
         threads.emplace_back(work, i);
 }
 
-//! Those that have been joined are seen for a moment more.
+//! With some slack: a thread that has ended is seen for a moment more.
 int mostThreads() {
     return kMany + int(workThreadCount()) - 1 + kMany / 2;
 }
@@ -178,135 +174,6 @@ TEST_F(ManyPackings, OneThatWaitsToMakeItsSummaryCanBeCancelled) {
     end.count_down();
     others.clear();
     EXPECT_FALSE(names(out()).contains(QStringLiteral("cancelled")));
-}
-
-class SharedDisk : public PackingFixture {
-protected:
-    using Given = Result<std::shared_ptr<DiskRoom>>;
-    using Content = DiskRoom::Content;
-
-    //! Of what is free at first, which is a thousand MiB.
-    static constexpr qint64 kMiB = qint64(1) << 20;
-
-    Given take(qint64 bytes) const { return DiskRoom::take(out(), bytes, out(QStringLiteral("run1.vonk"))); }
-    //! Somebody who asks; what was given is kept.
-    struct Asker {
-        std::shared_ptr<RoomWish> wish;
-        std::shared_ptr<std::optional<Given>> given = std::make_shared<std::optional<Given>>();
-        bool isAnswered() const { return given->has_value(); }
-        bool hasRoom() const { return isAnswered() && !(*given)->hasError(); }
-        void giveBack() const { given->reset(); }
-    };
-    Asker ask(qint64 bytes, Content content = Content::Stays) const {
-        Asker asker;
-        asker.wish = std::make_shared<RoomWish>();
-        asker.wish->directory = out();
-        asker.wish->bytes = bytes;
-        asker.wish->wanted = out(QStringLiteral("run1.vonk"));
-        asker.wish->content = content;
-        asker.wish->given = [given = asker.given](const Given& room) { given->emplace(room); };
-        DiskRoom::ask(asker.wish);
-        return asker;
-    }
-
-    const orx::testing::SmallDisk m_disk{out().toStdString(), 1000 * kMiB};
-};
-
-TEST_F(SharedDisk, WhoFitsOnlyWithoutOthersWaitsAndNobodyOvertakes) {
-    const Asker first = ask(700 * kMiB);
-    ASSERT_TRUE(first.hasRoom());
-    const Asker second = ask(600 * kMiB);
-    const Asker third = ask(200 * kMiB);
-    EXPECT_FALSE(second.isAnswered());
-    EXPECT_FALSE(third.isAnswered()) << "it would fit, but came later";
-    first.giveBack();
-    EXPECT_TRUE(second.hasRoom());
-    EXPECT_TRUE(third.hasRoom());
-}
-
-TEST_F(SharedDisk, WhoStoodBehindOneThatGaveUpIsNext) {
-    const Asker first = ask(700 * kMiB);
-    Asker second = ask(600 * kMiB);
-    const Asker third = ask(200 * kMiB);
-    second.wish.reset();
-    EXPECT_TRUE(third.hasRoom());
-    EXPECT_FALSE(second.isAnswered());
-}
-
-TEST_F(SharedDisk, WhoDoesNotWaitGetsNothingThatIsHeld) {
-    const Asker first = ask(700 * kMiB);
-    EXPECT_TRUE(take(600 * kMiB).error().is(ErrorCode::StorageFull));
-    EXPECT_FALSE(take(200 * kMiB).hasError());
-}
-
-TEST_F(SharedDisk, WhatWasWrittenIsHeldNoLonger) {
-    const auto first = take(700 * kMiB);
-    ASSERT_FALSE(first.hasError());
-    (*first)->written(600 * kMiB);
-    EXPECT_FALSE(take(900 * kMiB).hasError());
-    EXPECT_TRUE(take(901 * kMiB).error().is(ErrorCode::StorageFull));
-    // More than was held is nobody else's.
-    (*first)->written(600 * kMiB);
-    EXPECT_FALSE(take(1000 * kMiB).hasError());
-    const auto second = take(900 * kMiB);
-    EXPECT_TRUE(take(101 * kMiB).error().is(ErrorCode::StorageFull));
-}
-
-TEST_F(SharedDisk, WhatWillBeRemovedIsWaitedForAndWhatStaysIsNot) {
-    const Asker temporary = ask(700 * kMiB, Content::Temporary);
-    ASSERT_TRUE(temporary.hasRoom());
-    (**temporary.given->value()).written(600 * kMiB);
-    (**temporary.given->value()).finish();
-    const orx::testing::SmallDisk fuller(out().toStdString(), 400 * kMiB);
-    const Asker waiting = ask(900 * kMiB);
-    EXPECT_FALSE(waiting.isAnswered());
-    const Asker tooLarge = ask(1001 * kMiB);
-    const orx::testing::SmallDisk empty(out().toStdString(), 1000 * kMiB);
-    temporary.giveBack();
-    EXPECT_TRUE(waiting.hasRoom());
-    ASSERT_TRUE(tooLarge.isAnswered());
-    EXPECT_TRUE((*tooLarge.given)->error().is(ErrorCode::StorageFull));
-}
-
-TEST_F(SharedDisk, APackingTakesWhatItNeedsUntilItIsThroughLessWhatItHasWritten) {
-    // Becomes half as large.
-    write(in(QStringLiteral("run.raw")), text(4 << 20));
-    const auto others = take(997 * kMiB);
-    ASSERT_FALSE(others.hasError());
-    const PackInput input = inputOf(in(QStringLiteral("run.raw")));
-    EXPECT_TRUE(VonkPacker::pack(input, out(QStringLiteral("a.vonk"))).error().is(ErrorCode::StorageFull));
-    (*others)->release();
-    WorkWatch watch;
-    watch.progress = [&](qint64 done, qint64 total) {
-        EXPECT_TRUE(take(997 * kMiB).hasError()) << done;
-        if (done == total) {
-            EXPECT_FALSE(take(995 * kMiB).hasError());
-        }
-    };
-    EXPECT_FALSE(VonkPacker::pack(input, out(QStringLiteral("a.vonk")), watch).hasError());
-    EXPECT_FALSE(take(997 * kMiB).hasError());
-}
-
-TEST_F(SharedDisk, AnUnpackingTakesWhatItNeedsLessWhatItHasWritten) {
-    const VonkEntry entry{QStringLiteral("content/a"), VonkEntry::Type::File, 600 * kMiB, {}, {}};
-    auto tree = StagedTree::create(out(QStringLiteral("run1")), {entry});
-    ASSERT_FALSE(tree.hasError());
-    EXPECT_TRUE(take(401 * kMiB).hasError());
-    EXPECT_FALSE(take(398 * kMiB).hasError());
-    const QByteArray content = text(4 << 20);
-    ASSERT_FALSE(tree->begin(entry).hasError());
-    ASSERT_FALSE(tree->write({content.constData(), size_t(content.size())}).hasError());
-    EXPECT_TRUE(take(401 * kMiB).hasError());
-    EXPECT_FALSE(take(398 * kMiB).hasError());
-}
-
-TEST_F(SharedDisk, WhatIsRefusedSaysHowMuchIsFree) {
-    const Error error = take(std::numeric_limits<qint64>::max() / 4).error();
-    EXPECT_TRUE(error.is(ErrorCode::StorageFull));
-    EXPECT_TRUE(error.errorMessage().contains(out(QStringLiteral("run1.vonk"))))
-        << qPrintable(error.errorMessage());
-    EXPECT_TRUE(error.errorMessage().contains(QStringLiteral("MiB are free")))
-        << qPrintable(error.errorMessage());
 }
 
 } // namespace
