@@ -17,7 +17,20 @@ void Admission::enqueue(const std::shared_ptr<Guest>& guest, qsizetype times) {
 }
 
 void Admission::enqueueFirst(const std::shared_ptr<Guest>& guest) {
-    m_turns.push_front({guest, 1});
+    m_returning.push_back(guest);
+}
+
+std::shared_ptr<Admission::Guest> Admission::takeFirst() {
+    std::shared_ptr<Guest> guest;
+    if (!m_returning.empty()) {
+        guest = std::move(m_returning.front());
+        m_returning.pop_front();
+        return guest;
+    }
+    guest = m_turns.front().guest;
+    if (--m_turns.front().count == 0)
+        m_turns.pop_front();
+    return guest;
 }
 
 void Admission::pump() {
@@ -27,13 +40,10 @@ void Admission::pump() {
     if (m_pumpLevel >= level)
         return;
     const int outerLevel = std::exchange(m_pumpLevel, level);
-    while (m_free > 0 && !m_turns.empty()) {
-        Turns& turns = m_turns.front();
-        const std::shared_ptr<Guest> guest = turns.guest;
-        if (--turns.count == 0)
-            m_turns.pop_front();
+    while (m_free > 0 && isAnybodyInLine()) {
+        const std::shared_ptr<Guest> guest = takeFirst();
         --m_free;
-        if (m_free > 0 && !m_turns.empty())
+        if (m_free > 0 && isAnybodyInLine())
             pumpLater(); // the guest may block
         if (!guest->admitted())
             ++m_free;

@@ -23,7 +23,7 @@ public:
 
     //! \a guest is admitted so many times, when its turns come.
     void enqueue(const std::shared_ptr<Guest>& guest, qsizetype times);
-    //! The same, once, and before those who are in line.
+    //! The same, once: behind those who come back like this, too, and before the rest.
     void enqueueFirst(const std::shared_ptr<Guest>& guest);
     //! Gives slots back. Nothing is admitted before the next pump().
     void giveBack(int slots) { m_free += slots; }
@@ -39,6 +39,10 @@ private:
         qsizetype count;
     };
 
+    bool isAnybodyInLine() const { return !m_returning.empty() || !m_turns.empty(); }
+    std::shared_ptr<Guest> takeFirst();
+
+    std::deque<std::shared_ptr<Guest>> m_returning; //!< before the rest
     std::deque<Turns> m_turns;
     int m_free;
     bool m_pumpsLater = false;

@@ -164,6 +164,10 @@ void BaseTask::lendSlot() {
     TreeSlots::lend(this);
 }
 
+bool BaseTask::isSlotLent() const {
+    return TreeSlots::isLent(this);
+}
+
 void BaseTask::takeSlotBack(std::function<void()> then, SlotOrder order) {
     TreeSlots::takeBack(this, std::move(then), order);
 }

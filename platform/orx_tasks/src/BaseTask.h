@@ -45,6 +45,9 @@ public:
     bool isSuccessful() const { return isFinished() && !hasError(); }
     //! Finished (or never started), and no descendant is running.
     virtual bool isIdle() const;
+    //! The task, or the child of a group that it is a step of, waits for a person or for others meanwhile:
+    //! its slot is lent (see lendSlot()).
+    bool isSlotLent() const;
     //! What the task produced besides its error; invalid until it says otherwise.
     QVariant variantResult() const;
 
@@ -83,7 +86,7 @@ protected:
     //! When a slot that was lent comes back.
     enum class SlotOrder {
         InLine,      //!< behind those who are in line by then
-        BeforeOthers //!< the next one that is free: for waits that hold what others wait for
+        BeforeOthers //!< before them, and behind those who do too: for who holds what others wait for
     };
 
     //! The body: called once per run after started was emitted; ends with finish(), at once or later.

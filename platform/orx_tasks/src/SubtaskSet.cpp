@@ -62,7 +62,7 @@ SubtaskSet::~SubtaskSet() {
     awaitBodies();
 }
 
-Subtask* SubtaskSet::recordOf(BaseTask* task) {
+Subtask* SubtaskSet::recordOf(const BaseTask* task) {
     return static_cast<Subtask*>(task->d->subtask);
 }
 

@@ -71,7 +71,7 @@ public:
     qsizetype size() const { return qsizetype(m_subtasks.size()); }
 
     //! The record of a task that belongs to a set or list of subtasks; null when it belongs to none.
-    static Subtask* recordOf(BaseTask* task);
+    static Subtask* recordOf(const BaseTask* task);
     //! Puts \a task at the end of \a list, which belongs to \a owner.
     static std::list<Subtask>::iterator enlist(std::list<Subtask>& list, const void* owner,
                                                std::unique_ptr<BaseTask> task,

@@ -10,7 +10,7 @@ namespace orx {
 
 //! The nearest from \a task upwards that was admitted and has not given its slot back for good; null when
 //! there is none.
-Subtask* TreeSlots::holderAbove(BaseTask* task) {
+Subtask* TreeSlots::holderAbove(const BaseTask* task) {
     for (; task; task = task->d->owner) {
         Subtask* const record = SubtaskSet::recordOf(task);
         if (record && record->slot != Subtask::Slot::None)
@@ -40,6 +40,11 @@ void TreeSlots::lend(BaseTask* task) {
     const std::shared_ptr<Admission> slots = admissionOf(*holder);
     slots->giveBack(1);
     slots->pump();
+}
+
+bool TreeSlots::isLent(const BaseTask* task) {
+    const Subtask* const holder = holderAbove(task);
+    return holder && holder->slot == Subtask::Slot::Lent;
 }
 
 //! Stands in line for the slot that was lent.

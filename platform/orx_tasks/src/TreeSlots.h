@@ -12,11 +12,12 @@ public:
     //! \a task, or a task below the holder, starts a group: the holder gives its slot back for good.
     static void giveBackAbove(BaseTask* task);
     static void lend(BaseTask* task);
+    static bool isLent(const BaseTask* task);
     static void takeBack(BaseTask* task, std::function<void()> then, BaseTask::SlotOrder order);
 
 private:
     struct Return;
-    static Subtask* holderAbove(BaseTask* task);
+    static Subtask* holderAbove(const BaseTask* task);
     static std::shared_ptr<Admission> admissionOf(const Subtask& holder);
 };
 

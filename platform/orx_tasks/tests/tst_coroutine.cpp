@@ -330,7 +330,8 @@ TEST(CoroutineWaits, ForAJobThatRunsEndAtOnceWhenCancelledAndTheJobIsTold) {
         co_return Error();
     });
     task.exec();
-    ASSERT_TRUE(wait([] { return phase > 0; }) || phase > 0);
+    while (phase < 1)
+        std::this_thread::yield();
     task.cancel();
     EXPECT_TRUE(task.isIdle());
     while (phase < 2)

@@ -506,10 +506,14 @@ TEST(GroupWaitForAPerson, LendsTheSlotAndTakesItBackInTurn) {
     group.addTask(std::move(owned));
     group.addTask(runners.make(u"a"_qs));
     group.addTask(runners.make(u"b"_qs));
+    EXPECT_FALSE(asking->isSlotLent());
     group.exec();
     EXPECT_EQ(runners.order.join(u' ').toStdString(), "a");
+    EXPECT_TRUE(asking->isSlotLent());
+    EXPECT_FALSE(runners.running.front()->isSlotLent());
     asking->answer();
     EXPECT_EQ(log.str(), "asking asks"); // b was in line before
+    EXPECT_TRUE(asking->isSlotLent());
     runners.endOne();
     EXPECT_EQ(log.str(), "asking asks");
     group.addTask(runners.make(u"c"_qs));
@@ -535,6 +539,33 @@ TEST(GroupWaitForOthers, MayTakeTheSlotThatIsFreeNext) {
     EXPECT_EQ(log.str(), "asking asks");
     runners.endOne();
     EXPECT_EQ(log.str(), "asking asks, asking goes on");
+    EXPECT_EQ(runners.order.join(u' ').toStdString(), "a b");
+    runners.endOne();
+    EXPECT_TRUE(group.isSuccessful());
+}
+
+TEST(GroupWaitForOthers, OfSeveralThatComeBackTheFirstIsFirst) {
+    EventLog log;
+    GroupTask group;
+    group.setBreadth(1);
+    std::vector<AskingTask*> asking;
+    for (int i = 0; i < 3; ++i) {
+        auto owned = std::make_unique<AskingTask>(log);
+        asking.push_back(owned.get());
+        QObject::connect(asking.back(), &BaseTask::finished, [&log, i] { log.add(QString::number(i)); });
+        group.addTask(std::move(owned));
+    }
+    Runners runners;
+    group.addTask(runners.make(u"a"_qs));
+    group.addTask(runners.make(u"b"_qs));
+    group.exec();
+    ASSERT_EQ(runners.order.join(u' ').toStdString(), "a");
+    log.clear();
+    for (const int i : {1, 0, 2})
+        asking.at(size_t(i))->answerBeforeOthers();
+    EXPECT_EQ(log.str(), "");
+    runners.endOne();
+    EXPECT_EQ(log.str(), "asking goes on, 1, asking goes on, 0, asking goes on, 2");
     EXPECT_EQ(runners.order.join(u' ').toStdString(), "a b");
     runners.endOne();
     EXPECT_TRUE(group.isSuccessful());
