@@ -7,6 +7,10 @@
 #include <QCoreApplication>
 #include <QLoggingCategory>
 
+#include <algorithm>
+#include <deque>
+#include <mutex>
+
 namespace orx {
 
 namespace {
@@ -39,6 +43,50 @@ void unpack(const vonk::Vonk& source, const QString& target, const std::shared_p
         work->finished(error);
 }
 
+//! Unpackings of the process, a few at a time, so that others get workers too. They have no turn to pack: a
+//! packing that has one may be waiting for the room that an unpacking will leave.
+class UnpackLine {
+public:
+    using Job = std::function<void()>;
+
+    static UnpackLine& instance() {
+        // Never destroyed: workers may be at it while the program ends.
+        static UnpackLine& only = *new UnpackLine;
+        return only;
+    }
+    void add(Job job) {
+        {
+            const std::lock_guard lock(m_mutex);
+            m_jobs.push_back(std::move(job));
+            if (m_workers >= std::max(1, WorkerPool::instance().threadCount() / 4))
+                return;
+            ++m_workers;
+        }
+        WorkerPool::instance().submit([this] { serve(); }, nullptr, {});
+    }
+
+private:
+    void serve() {
+        while (const Job job = take())
+            job();
+    }
+    //! Null when nothing is left for this worker.
+    Job take() {
+        const std::lock_guard lock(m_mutex);
+        if (m_jobs.empty()) {
+            --m_workers;
+            return {};
+        }
+        Job job = std::move(m_jobs.front());
+        m_jobs.pop_front();
+        return job;
+    }
+
+    std::mutex m_mutex;
+    std::deque<Job> m_jobs;
+    int m_workers = 0;
+};
+
 } // namespace
 
 Error HalvaneUtils::unpackAsync(const QString& sourcePath, const PathImpl<PathType::Unknown>& targetPath,
@@ -47,9 +95,8 @@ Error HalvaneUtils::unpackAsync(const QString& sourcePath, const PathImpl<PathTy
     ORX_RETURN_ON_ERROR(source->open());
     ORX_RETURN_ON_ERROR(source->validate());
     // The source is closed before what is held is let go: captures are destroyed in the opposite order.
-    WorkerPool::instance().submit([held, source, target = targetPath.toString(),
-                                   work = BackgroundWork::begin()] { unpack(*source, target, work); },
-                                  nullptr, {});
+    UnpackLine::instance().add([held, source, target = targetPath.toString(),
+                                work = BackgroundWork::begin()] { unpack(*source, target, work); });
     return {};
 }
 

@@ -1,8 +1,13 @@
 #include "AsyncVonkTask.h"
+#include "FullPool.h"
 #include "HalvaneUtils.h"
+#include "SmallDisk.h"
 
 #include <BackgroundWork.h>
+#include <DiskRoom.h>
+#include <OwnerInbox.h>
 #include <Vonk.h>
+#include <WorkerPool.h>
 
 #include <QDir>
 #include <QFile>
@@ -12,7 +17,9 @@
 #include <gtest/gtest.h>
 
 #include <future>
+#include <latch>
 #include <mutex>
+#include <thread>
 
 using namespace orx;
 using orx::vonk::PackInput;
@@ -119,6 +126,52 @@ TEST_F(PackedTasks, PackingThatIsCancelledLeavesNothing) {
     }
 }
 
+//! Somebody is in line for the room that a packing has; how that ends when its body has.
+class PackedTasksInLine : public PackedTasks, public ::testing::WithParamInterface<bool> {};
+INSTANTIATE_TEST_SUITE_P(Destroyed, PackedTasksInLine, ::testing::Bool(),
+                         [](const auto& one) { return one.param ? "Yes" : "No"; });
+
+// Without an event loop room is given as soon as it is given back.
+TEST_P(PackedTasksInLine, WhatIsCancelledOrDestroyedAfterItsBodyLeavesItsRoomAndNoFile) {
+    constexpr qint64 allButLittle = (qint64(1) << 30) - 100;
+    const orx::testing::SmallDisk disk(path(QStringLiteral("out")).toStdString(), qint64(1) << 30);
+    bool isAnswered = false;
+    Error answer;
+    QStringList left;
+    const auto next = std::make_shared<vonk::RoomWish>();
+    next->directory = path(QStringLiteral("out"));
+    next->bytes = allButLittle;
+    next->given = [&](const Result<std::shared_ptr<vonk::DiskRoom>>& room) {
+        isAnswered = true;
+        answer = room.error();
+        left = made();
+    };
+    const auto packAndStop = [&] {
+        auto task =
+            std::make_unique<AsyncVonkTask>(PackInput::fromMs(path(QStringLiteral("run1.mgf"))), packed());
+        task->setTargetTemporary(true);
+        QObject::connect(task.get(), &BaseTask::progress, [&](int value) {
+            if (value < 100)
+                return;
+            EXPECT_EQ(made(), QStringList{QStringLiteral("run1.mgf.vonk")});
+            vonk::DiskRoom::ask(next);
+            EXPECT_FALSE(isAnswered) << "it is in line";
+            if (GetParam())
+                task.reset();
+            else
+                task->cancel();
+        });
+        task->exec();
+        OwnerInbox::ofThisThread()->waitUntil([&] { return !task || task->isIdle(); }, std::nullopt);
+        EXPECT_EQ(!task, GetParam());
+        EXPECT_TRUE(!task || task->isCanceled());
+        EXPECT_TRUE(isAnswered);
+        EXPECT_FALSE(answer.hasError()) << answer.errorMessage().toStdString();
+        EXPECT_EQ(left, QStringList());
+    };
+    std::thread(packAndStop).join();
+}
+
 TEST_F(PackedTasks, UnpackingGoesOnWhenThePackedFileIsRemoved) {
     pack();
     Ending ending;
@@ -134,6 +187,45 @@ TEST_F(PackedTasks, UnpackingGoesOnWhenThePackedFileIsRemoved) {
     QFile unpacked(path(QStringLiteral("out/entry/content/run1.mgf")));
     ASSERT_TRUE(unpacked.open(QIODevice::ReadOnly));
     EXPECT_EQ(unpacked.readAll(), m_content);
+}
+
+//! At work until it may go on.
+class HeldWork final : public BackgroundWork {
+public:
+    HeldWork(std::latch& mayGoOn, std::latch& ended) : m_mayGoOn(mayGoOn), m_ended(ended) {}
+    void finished(const Error& error) override {
+        EXPECT_FALSE(error.hasError()) << error.errorMessage().toStdString();
+        m_ended.count_down();
+    }
+    bool isCanceled() const override {
+        m_mayGoOn.wait();
+        return false;
+    }
+
+private:
+    std::latch& m_mayGoOn;
+    std::latch& m_ended;
+};
+
+TEST_F(PackedTasks, ManyThatAreUnpackedLeaveMostWorkersToOthersAndAllEnd) {
+    pack();
+    const int workers = WorkerPool::instance().threadCount();
+    std::latch mayGoOn(1);
+    std::latch ended(2 * workers);
+    for (int i = 0; i < 2 * workers; ++i) {
+        const BackgroundWork::Scope scope(
+            [&]() -> std::shared_ptr<BackgroundWork> { return std::make_shared<HeldWork>(mayGoOn, ended); });
+        ASSERT_FALSE(
+            HalvaneUtils::unpackAsync(packed().toString(), Path(path(QStringLiteral("out/entry%1").arg(i))))
+                .hasError());
+    }
+    {
+        // Made when so many are at work.
+        const orx::probes::FullPool others(workers - workers / 4);
+    }
+    mayGoOn.count_down();
+    ended.wait();
+    EXPECT_EQ(made().size(), 2 * workers + 1);
 }
 
 TEST_F(PackedTasks, WhatCannotBeUnpackedIsAnErrorAtOnce) {
