@@ -208,6 +208,18 @@ TEST_F(SampleDataUpload, TheInnerUploadHasThePolicyOptions) {
     EXPECT_EQ(task.uploadedFile()->reference().version, 2);
 }
 
+TEST_F(SampleDataUpload, TheInnerUploadChecksTheVersionUnlessItIsToReplace) {
+    const int file = server.service().addFile(QStringLiteral("small.mgf.vonk"), "old");
+    breakHistory(); // which only who checks asks
+    HalvaneSampleDataUploadTask checking(uploadOf(raw, file, ItemType::File, CheckVersion), nullptr);
+    EXPECT_TRUE(run(checking).errorMessage().contains(client.configDir()))
+        << qPrintable(checking.error().errorMessage());
+    EXPECT_EQ(server.service().files().value(file).versions.size(), 1);
+    HalvaneSampleDataUploadTask replacing(uploadOf(raw, file, ItemType::File, Replace), nullptr);
+    EXPECT_FALSE(run(replacing).hasError()) << qPrintable(replacing.error().traceText());
+    EXPECT_EQ(server.service().files().value(file).versions.size(), 2);
+}
+
 //! Several that go up side by side from a temporary directory that has room for one.
 class SampleDataUploads : public SampleDataUpload {
 protected:
