@@ -375,6 +375,7 @@ TEST_F(PutWhileWritten, AnAcquisitionWhoseCompanionStillGrowsIsAFailureInATreeBe
     EXPECT_EQ(tree.exitCode, 14) << tree.err.constData();
     EXPECT_EQ(failures(tree, "2026").keys(), QStringList{"tissue.imzML"});
     EXPECT_EQ(leftOut(tree, "2026"), (Outcomes{{"tissue.ibd", "companion"}}));
+    EXPECT_THAT(tree.out.toStdString(), HasSubstr("goes up together with that")) << "and has not now";
     EXPECT_EQ(onServer("/raw/2026"), QStringList{"/raw/2026/a.txt@1"});
 }
 

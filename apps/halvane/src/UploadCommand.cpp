@@ -99,6 +99,10 @@ TreeState treeOf(const TreeUploadJob& job, const Output& output) {
         tree.running = output.shown(QFileInfo(state.running.first()).fileName());
     if (state.running.size() > 1)
         tree.running += QStringLiteral(" and %1 more").arg(state.running.size() - 1);
+    if (state.waiting > 0)
+        tree.running +=
+            (tree.running.isEmpty() ? QStringLiteral("%1 waiting") : QStringLiteral(", %1 waiting"))
+                .arg(state.waiting);
     return tree;
 }
 

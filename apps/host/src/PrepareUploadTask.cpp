@@ -85,8 +85,8 @@ void sumUp(const LocalTree& tree, const std::stop_token& stop) {
 
 } // namespace
 
-PrepareUploadTask::PrepareUploadTask(const TreeUploadRequest& request)
-    : ComplexTask(QStringLiteral("PrepareUpload")), m_request(request) {}
+PrepareUploadTask::PrepareUploadTask(const TreeUploadRequest& request, For what)
+    : ComplexTask(QStringLiteral("PrepareUpload")), m_request(request), m_for(what) {}
 
 PrepareUploadTask::~PrepareUploadTask() = default;
 
@@ -118,11 +118,12 @@ void PrepareUploadTask::onResolved(const RemoteItem& target) {
     const auto trees = std::make_shared<QList<LocalTree>>();
     execSubtask(std::make_unique<orx::WorkerStepTask>(
                     QStringLiteral("ScanLocalTrees"),
-                    [trees, paths = m_request.paths, stop = m_stop.get_token()]() -> Error {
+                    [trees, paths = m_request.paths, what = m_for, stop = m_stop.get_token()]() -> Error {
                         *trees = LocalTree::scan(paths, stop);
                         for (LocalTree& tree : *trees) {
                             tree.takeStamps(stop);
-                            sumUp(tree, stop);
+                            if (what == For::Upload)
+                                sumUp(tree, stop);
                         }
                         return {};
                     }),

@@ -18,7 +18,10 @@ namespace halvane::host {
 class HALVANE_HOST_EXPORT PrepareUploadTask : public orx::ComplexTask {
     Q_OBJECT
 public:
-    explicit PrepareUploadTask(const TreeUploadRequest& request);
+    //! Uploads ask how much a directory holds, which is found out on a worker before that; a plan does not.
+    enum class For { Upload, Plan };
+
+    PrepareUploadTask(const TreeUploadRequest& request, For what);
     ~PrepareUploadTask() override;
 
     //! After success.
@@ -37,7 +40,8 @@ private:
     void onResolved(const RemoteItem& target);
     void refuseWhatCannotGo();
 
-    TreeUploadRequest m_request;
+    const TreeUploadRequest m_request;
+    const For m_for;
     RemoteItem m_target;
     QList<LocalTree> m_trees;
     QList<UploadFailure> m_refused;

@@ -176,14 +176,33 @@ void SameContentTask::compareMore(const RemoteItem& item, const std::shared_ptr<
 }
 
 void SameContentTask::onAnother() {
-    if (!std::exchange(m_hasListed, true)) {
-        m_rival = rivalOf(m_wanted.localPath, m_wanted.isRawData);
-        if (m_wanted.alsoFreeNames || !m_rival.isEmpty()) {
-            execSubtask(std::make_unique<HalvaneGetFilesTask>(m_wanted.folderId),
-                        [this](HalvaneGetFilesTask* task) { onListed(task->files()); });
-            return;
-        }
-    }
+    if (!std::exchange(m_hasListed, true))
+        findRival();
+    else
+        askNext();
+}
+
+// Which looks into what lies beside it.
+void SameContentTask::findRival() {
+    const auto rival = std::make_shared<QString>();
+    execSubtask(std::make_unique<WorkerStepTask>(
+                    QStringLiteral("FindRival"),
+                    [rival, path = m_wanted.localPath, isRawData = m_wanted.isRawData]() -> Error {
+                        *rival = rivalOf(path, isRawData);
+                        return {};
+                    }),
+                [this, rival](WorkerStepTask*) { onRivalKnown(*rival); });
+}
+
+void SameContentTask::onRivalKnown(const QString& rival) {
+    m_rival = rival;
+    if (!m_wanted.alsoFreeNames && m_rival.isEmpty())
+        return askNext();
+    execSubtask(std::make_unique<HalvaneGetFilesTask>(m_wanted.folderId),
+                [this](HalvaneGetFilesTask* task) { onListed(task->files()); });
+}
+
+void SameContentTask::askNext() {
     if (m_candidates.empty())
         return;
     const int next = m_candidates.front();
@@ -204,7 +223,7 @@ void SameContentTask::onListed(const QList<orx::HalvaneFileItemSPtr>& files) {
         const QList<int> others = filesOfFreeNames(name, files);
         m_candidates.insert(m_candidates.end(), others.begin(), others.end());
     }
-    onAnother();
+    askNext();
 }
 
 // A later put compares with it; only when an earlier run was killed it is not there yet.

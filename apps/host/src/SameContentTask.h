@@ -62,6 +62,9 @@ private:
     void begin(const RemoteItem& item, std::shared_ptr<SameContent> content);
     void compareMore(const RemoteItem& item, const std::shared_ptr<SameContent>& content);
     void onAnother();
+    void findRival();
+    void onRivalKnown(const QString& rival);
+    void askNext();
     void onListed(const QList<orx::HalvaneFileItemSPtr>& files);
     void onSame(const RemoteItem& item);
 

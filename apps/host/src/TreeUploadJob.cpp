@@ -63,7 +63,7 @@ orx::HalvaneUploadPolicyOptions TreeUploadJob::policyOptions() const {
 }
 
 Error TreeUploadJob::initialize() {
-    execSubtask(std::make_unique<PrepareUploadTask>(m_request),
+    execSubtask(std::make_unique<PrepareUploadTask>(m_request, PrepareUploadTask::For::Upload),
                 [this](PrepareUploadTask* task) { begin(*task); });
     return {};
 }
@@ -177,10 +177,10 @@ void TreeUploadJob::follow(HalvaneFileUploadTaskBase* task) {
     // Raw data is cached by the upload of its packed file.
     if (!m_request.keepInCache)
         task->setCachedOnFinished(false);
-    connect(task, &BaseTask::started, this, [this, path] { m_running.insert(path, 0); });
+    connect(task, &BaseTask::started, this, [this, path, task] { m_running.insert(path, {task}); });
     connect(task, &BaseTask::progress, this, [this, path](int value, int maximum) {
         if (const auto running = m_running.find(path); running != m_running.end() && maximum > 0)
-            *running = qint64(double(m_sizes.value(path)) * value / maximum);
+            running->bytesDone = qint64(double(m_sizes.value(path)) * value / maximum);
     });
     connect(task, &BaseTask::finished, this, [this, path, task] { onUploadEnded(path, *task); });
 }
@@ -242,8 +242,11 @@ UploadState TreeUploadJob::state() const {
     state.filesTotal = int(m_sizes.size());
     state.bytesDone = m_doneBytes;
     for (auto running = m_running.begin(); running != m_running.end(); ++running) {
-        state.bytesDone += running.value();
-        state.running.append(running.key());
+        state.bytesDone += running->bytesDone;
+        if (running->task && running->task->isSlotLent())
+            ++state.waiting;
+        else
+            state.running.append(running.key());
     }
     state.bytesTotal = m_totalBytes;
     state.areTotalsKnown = m_hasBegun;

@@ -8,6 +8,7 @@
 #include <HalvaneUploadPolicyOption.h>
 
 #include <QHash>
+#include <QPointer>
 #include <QSet>
 #include <QStringList>
 
@@ -82,8 +83,12 @@ private:
     //! Of those that may still go up, and those that did.
     qint64 m_totalBytes = 0;
     qint64 m_doneBytes = 0;
-    //! Bytes done of those that run.
-    QHash<QString, qint64> m_running;
+    struct Running {
+        QPointer<orx::BaseTask> task;
+        qint64 bytesDone = 0;
+    };
+    //! By local path.
+    QHash<QString, Running> m_running;
 };
 
 } // namespace halvane::host

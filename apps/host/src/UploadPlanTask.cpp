@@ -21,8 +21,8 @@ using Kind = LocalEntry::Kind;
 
 namespace {
 
-Action actionOf(const UploadPolicy::Options& options) {
-    switch (options.ifTaken) {
+Action actionOf(IfTaken ifTaken) {
+    switch (ifTaken) {
     case IfTaken::NewVersion:
         return Action::NewVersion;
     case IfTaken::KeepBoth:
@@ -30,7 +30,7 @@ Action actionOf(const UploadPolicy::Options& options) {
     case IfTaken::Skip:
         return Action::Skip;
     case IfTaken::Ask:
-        return options.canAsk ? Action::Ask : Action::Fail;
+        return Action::Ask;
     case IfTaken::Fail:
         break;
     }
@@ -94,7 +94,7 @@ UploadPlanTask::UploadPlanTask(const TreeUploadRequest& request, const UploadPol
 UploadPlanTask::~UploadPlanTask() = default;
 
 Error UploadPlanTask::initialize() {
-    execSubtask(std::make_unique<PrepareUploadTask>(m_request),
+    execSubtask(std::make_unique<PrepareUploadTask>(m_request, PrepareUploadTask::For::Plan),
                 [this](PrepareUploadTask* task) { begin(*task); });
     return {};
 }
@@ -185,13 +185,17 @@ bool UploadPlanTask::planFileIn(const LocalEntry& entry, int folderId) {
 }
 
 void UploadPlanTask::onCompared(const LocalEntry& entry, const SameContentTask& task) {
-    const bool isDoubtful = m_options.ifTaken == IfTaken::NewVersion && m_options.goesUp(task.rival());
-    const Action action = isDoubtful ? Action::Fail : actionOf(m_options);
-    if (task.same())
+    const Error refusal = m_options.refusalOf(task);
+    const Action action = actionOf(m_options.ifTaken);
+    if (task.same()) {
         plan(entry, Action::Unchanged, *task.same());
-    else
+    } else if (refusal.hasError()) {
+        plan(entry, Action::Fail, task.existing());
+        m_report.failures.append({tree().source, entry.path, refusal});
+    } else {
         plan(entry, action, task.existing(),
              action == Action::KeepBoth ? freeName(entry, task.wanted().folderId) : QString());
+    }
     next();
 }
 

@@ -50,7 +50,7 @@ public:
     //! In the order of the local trees.
     const QList<PlannedUpload>& planned() const { return m_planned; }
     const QList<LocalTree>& trees() const { return m_trees; }
-    //! What would be left out or fail whatever the server has.
+    //! What would be left out or fail, and why.
     const UploadReport& report() const { return m_report; }
 
 protected:

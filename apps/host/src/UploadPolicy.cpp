@@ -33,6 +33,18 @@ Error rivalry(const QString& path, const SameContentTask& task) {
                      .arg(path, task.rival(), task.existing().reference()));
 }
 
+Error nameTaken(const QString& path, const RemoteItem& existing, IfTaken ifTaken) {
+    const QString options =
+        QStringLiteral("--if-exists new-version, --if-exists keep-both or --if-exists skip");
+    const QString reason = ifTaken == IfTaken::Ask
+                               ? QStringLiteral("There is no terminal to ask what to do: say it with %1.")
+                               : QStringLiteral("Say what is to happen with %1.");
+    return Error(
+        ErrorCode::AlreadyExists,
+        QStringLiteral("\"%1\" was not sent: the folder has %2 of that name with another content. %3")
+            .arg(path, existing.reference(), reason.arg(options)));
+}
+
 } // namespace
 
 UploadPolicy::Options UploadPolicy::optionsOf(const TreeUploadRequest& request, bool canAsk,
@@ -58,6 +70,15 @@ bool UploadPolicy::Options::goesUp(const QString& localPath) const {
 std::optional<KnownContent> UploadPolicy::Options::knownOf(const QString& localPath) const {
     const auto found = known.constFind(localPath);
     return found == known.constEnd() ? std::nullopt : std::optional(*found);
+}
+
+Error UploadPolicy::Options::refusalOf(const SameContentTask& compared) const {
+    const QString& path = compared.wanted().localPath;
+    if (ifTaken == IfTaken::NewVersion && !compared.rival().isEmpty() && goesUp(compared.rival()))
+        return rivalry(path, compared);
+    if (ifTaken == IfTaken::Fail || (ifTaken == IfTaken::Ask && !canAsk))
+        return nameTaken(path, compared.existing(), ifTaken);
+    return {};
 }
 
 UploadPolicy::UploadPolicy(const Options& options)
@@ -108,13 +129,14 @@ void UploadPolicy::onCompared(const DuplicateUploadPolicyRequestPtr& request, co
         return request->answer(DuplicateUploadAnswer::Cancel);
     if (task.hasError())
         return fail(request, task.error());
-    const bool hasRival = !task.rival().isEmpty() && m_options.goesUp(task.rival());
-    if (!task.same() && m_options.ifTaken == IfTaken::NewVersion && hasRival)
-        return fail(request, rivalry(request->input().localPath, task));
-    if (!task.same())
-        return decideByOption(request, task.existing());
-    Q_EMIT unchanged(request->input().localPath, *task.same());
-    request->answer(DuplicateUploadAnswer::Skip);
+    if (task.same()) {
+        Q_EMIT unchanged(request->input().localPath, *task.same());
+        return request->answer(DuplicateUploadAnswer::Skip);
+    }
+    const Error refusal = m_options.refusalOf(task);
+    if (refusal.hasError())
+        return fail(request, refusal);
+    decideByOption(request, task.existing());
 }
 
 void UploadPolicy::decideByOption(const DuplicateUploadPolicyRequestPtr& request,
@@ -129,13 +151,10 @@ void UploadPolicy::decideByOption(const DuplicateUploadPolicyRequestPtr& request
         Q_EMIT skipped(path, existing);
         return request->answer(DuplicateUploadAnswer::Skip);
     case IfTaken::Ask:
-        if (m_options.canAsk)
-            return ask(request, existing);
-        break;
+        return ask(request, existing);
     case IfTaken::Fail:
-        break;
+        return fail(request, nameTaken(path, existing, m_options.ifTaken));
     }
-    fail(request, refusal(path, existing));
 }
 
 void UploadPolicy::ask(const DuplicateUploadPolicyRequestPtr& request, const RemoteItem& existing) {
@@ -167,18 +186,6 @@ void UploadPolicy::answer(DuplicateUploadAnswer answer, Scope scope) {
 void UploadPolicy::fail(const DuplicateUploadPolicyRequestPtr& request, const Error& error) {
     Q_EMIT failed(request->input().localPath, error);
     request->answer(m_options.keepGoing ? DuplicateUploadAnswer::Skip : DuplicateUploadAnswer::Fail);
-}
-
-Error UploadPolicy::refusal(const QString& localPath, const RemoteItem& existing) const {
-    const QString options =
-        QStringLiteral("--if-exists new-version, --if-exists keep-both or --if-exists skip");
-    const QString reason = m_options.ifTaken == IfTaken::Ask
-                               ? QStringLiteral("There is no terminal to ask what to do: say it with %1.")
-                               : QStringLiteral("Say what is to happen with %1.");
-    return Error(
-        ErrorCode::AlreadyExists,
-        QStringLiteral("\"%1\" was not sent: the folder has %2 of that name with another content. %3")
-            .arg(localPath, existing.reference(), reason.arg(options)));
 }
 
 } // namespace halvane::host

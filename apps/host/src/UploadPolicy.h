@@ -36,6 +36,9 @@ public:
         //! no matter: of two named paths of one name the later is refused.
         bool goesUp(const QString& localPath) const;
         std::optional<KnownContent> knownOf(const QString& localPath) const;
+        //! Why the options do not let a file go up whose content nothing has, as \a compared; no error when
+        //! it goes up, is left out without a failure, or a person is asked.
+        orx::Error refusalOf(const SameContentTask& compared) const;
     };
 
     //! \a known: from earlier runs; only a retry relies on it.
@@ -70,7 +73,6 @@ private:
     void decideByOption(const orx::DuplicateUploadPolicyRequestPtr& request, const RemoteItem& existing);
     void ask(const orx::DuplicateUploadPolicyRequestPtr& request, const RemoteItem& existing);
     void fail(const orx::DuplicateUploadPolicyRequestPtr& request, const orx::Error& error);
-    orx::Error refusal(const QString& localPath, const RemoteItem& existing) const;
 
     Options m_options;
     struct Question {

@@ -116,6 +116,8 @@ struct UploadState {
     bool areTotalsKnown = false;
     //! Local paths of uploads that run.
     QStringList running;
+    //! Those that have begun and wait for others: for a turn to be packed, for room.
+    int waiting = 0;
 };
 
 } // namespace halvane::host

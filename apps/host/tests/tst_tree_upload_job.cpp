@@ -1,5 +1,6 @@
 // What a put of trees makes of failures, of skipped files and of its end in the middle.
 #include <HalvaneListingStore.h>
+#include <PackingTurn.h>
 #include <RunUntilIdle.h>
 #include <TreeUploadJob.h>
 
@@ -292,18 +293,21 @@ TEST_P(TreeJobChanging, ADirectoryThatIsAFileByThenStopsTheRunUnlessItKeepsGoing
     EXPECT_EQ(server.service().folders().size(), GetParam() ? 2 : 1);
 }
 
-//! A peak list that is empty when it is scanned and whole when its turn comes.
 class TreeJobRaw : public TreeJob {
 protected:
+    //! Of which nobody has to ask whether it is still being written.
+    void writePeaks(const QString& path) const {
+        write(qPrintable(path), "BEGIN IONS\nTITLE=1\nPEPMASS=500.5\nCHARGE=2+\n100.1 5\nEND IONS\n");
+        QFile file(filePath(path));
+        ASSERT_TRUE(file.open(QIODevice::ReadWrite));
+        ASSERT_TRUE(
+            file.setFileTime(QDateTime::currentDateTime().addDays(-1), QFileDevice::FileModificationTime));
+    }
+    //! A peak list that is empty when it is scanned and whole when its turn comes.
     void becomesRawDataWhenScanned(const char* path) {
         write(path, "");
-        QObject::connect(job.get(), &TreeUploadJob::scanned, [this, path] {
-            write(path, "BEGIN IONS\nTITLE=1\nPEPMASS=500.5\nCHARGE=2+\n100.1 5\nEND IONS\n");
-            QFile file(filePath(QLatin1String(path)));
-            ASSERT_TRUE(file.open(QIODevice::ReadWrite));
-            ASSERT_TRUE(file.setFileTime(QDateTime::currentDateTime().addDays(-1),
-                                         QFileDevice::FileModificationTime));
-        });
+        QObject::connect(job.get(), &TreeUploadJob::scanned,
+                         [this, path] { writePeaks(QLatin1String(path)); });
     }
 };
 
@@ -339,6 +343,56 @@ TEST_F(TreeJobRaw, WhatHasBecomeRawDataDoesNotTakeTheNameOfAnotherUpload) {
     (void)end(runUntilIdle(*job));
     EXPECT_THAT(failed(), ::testing::Contains(QStringLiteral("run.mgf")));
     EXPECT_EQ(report.failures.first().error.code(), int(ErrorCode::FileChanged));
+}
+
+// ---- many acquisitions
+
+//! Takes all turns to pack until it is gone.
+class NobodyPacks {
+public:
+    NobodyPacks() {
+        for (int i = 0; i < orx::vonk::PackingTurn::count(); ++i) {
+            const auto wish = std::make_shared<orx::vonk::TurnWish>();
+            wish->given = [this](const auto& turn) { m_turns.append(turn); };
+            orx::vonk::PackingTurn::ask(wish);
+        }
+        EXPECT_EQ(m_turns.size(), orx::vonk::PackingTurn::count());
+    }
+
+private:
+    QList<std::shared_ptr<orx::vonk::PackingTurn>> m_turns;
+};
+
+TEST_F(TreeJobRaw, ManyAcquisitionsWaitWithoutRunningAndGoUpAFewAtATime) {
+    constexpr int runs = 250;
+    for (int i = 0; i < runs; ++i)
+        writePeaks(QStringLiteral("t/run%1.mgf").arg(i));
+    write("t/a.txt");
+    auto nobodyPacks = std::make_optional<NobodyPacks>();
+    qsizetype sent = 0;
+    qsizetype mostSent = 0;
+    qsizetype mostRunning = 0;
+    server.onRequest = [&](const orx::testing::ScriptedRequest& call) {
+        sent += call.line() == u"POST /uploads" ? 1 : 0;
+        sent -= call.line() == u"POST /uploads/finalize" ? 1 : 0;
+        mostSent = std::max(mostSent, sent);
+        mostRunning = std::max(mostRunning, job->state().running.size());
+    };
+    request.keepInCache = false;
+    make();
+    job->exec();
+    ASSERT_TRUE(waitUntil([&] { return job->state().waiting == runs && done.size() == 1; }));
+    EXPECT_EQ(job->state().running, QStringList());
+    EXPECT_EQ(done, list("uploaded t/a.txt"));
+    nobodyPacks.reset();
+    ASSERT_TRUE(waitUntil([&] { return job->isIdle(); }));
+    EXPECT_FALSE(end(job->error()).hasError()) << qPrintable(job->error().traceText());
+    EXPECT_EQ(report.done, runs + 1);
+    EXPECT_EQ(server.service().files().size(), runs + 1);
+    EXPECT_EQ(job->state().waiting, 0);
+    constexpr qsizetype breadth = 16;
+    EXPECT_LE(mostSent, breadth);
+    EXPECT_LE(mostRunning, breadth);
 }
 
 // ---- before it begins

@@ -241,7 +241,7 @@ QString UploadFileInputValidation::explanation(UploadRefusal refusal, const QStr
     case UploadRefusal::Name:
         return say(QT_TR_NOOP("The name of \"%1\" is excluded by the upload filters."));
     case UploadRefusal::Companion:
-        return say(QT_TR_NOOP("\"%1\" is packed together with the raw data beside it."));
+        return say(QT_TR_NOOP("\"%1\" belongs to the raw data beside it and goes up together with that."));
     case UploadRefusal::StillWritten:
         return say(QT_TR_NOOP("\"%1\" is still being written. Upload it when the acquisition has ended."));
     }

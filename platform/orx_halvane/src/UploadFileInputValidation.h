@@ -37,7 +37,7 @@ enum class UploadRefusal {
     Special,       //!< neither a file nor a directory: a socket, a pipe, a device
     Extension,
     Name,      //!< excluded by the filters
-    Companion, //!< belongs to raw data beside it, which is packed together with it
+    Companion, //!< belongs to raw data beside it, and is packed together with that when that goes up
     StillWritten
 };
 
