@@ -1,7 +1,6 @@
 #include "TaskProbes.h"
 
 #include <Coroutines.h>
-#include <OwnerInbox.h>
 
 #include <gtest/gtest.h>
 
@@ -71,10 +70,6 @@ QCoro::Task<Error> waitAtTheGate(CoTask* task, EventLog* log) {
     co_await gate;
     log->add(task->isWhole() ? u"goes on"_qs : u"touches a task that is gone"_qs);
     co_return Error();
-}
-
-bool wait(const std::function<bool()>& done) {
-    return OwnerInbox::ofThisThread()->waitUntil(done, std::chrono::milliseconds(60'000));
 }
 
 } // namespace
