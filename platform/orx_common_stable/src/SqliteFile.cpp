@@ -16,6 +16,10 @@
 #include <SQLiteCpp/Statement.h>
 
 #include <cerrno>
+#include <exception>
+#include <optional>
+#include <unordered_map>
+#include <vector>
 
 #include <fcntl.h>
 #include <sqlite3.h>
@@ -27,6 +31,18 @@ namespace orx {
 namespace {
 
 constexpr int kBusyTimeoutMs = 10'000;
+//! Of the writes that are done together: who came first should not wait for many.
+constexpr size_t kMostTogether = 64;
+
+struct Connection : SQLite::Database {
+    using SQLite::Database::Database;
+    std::unordered_map<std::string, std::unique_ptr<SQLite::Statement>> statements;
+    std::optional<SqliteFile::Access> durability; //!< for which `synchronous` is set
+};
+
+void execute(Connection& connection, const char* sql) {
+    SqliteFile::prepared(connection, sql)->exec();
+}
 
 QString translated(const char* text) {
     return QCoreApplication::translate("orx::SqliteFile", text);
@@ -60,11 +76,11 @@ int schemaVersion(SQLite::Database& database) {
     return database.execAndGet("PRAGMA user_version").getInt();
 }
 
-void inTransaction(SQLite::Database& database, const SqliteFile::Work& work) {
-    database.exec("BEGIN IMMEDIATE");
+void inTransaction(Connection& database, const SqliteFile::Work& work) {
+    execute(database, "BEGIN IMMEDIATE");
     try {
         work(database);
-        database.exec("COMMIT");
+        execute(database, "COMMIT");
     } catch (...) {
         if (sqlite3_get_autocommit(database.getHandle()) == 0)
             database.tryExec("ROLLBACK");
@@ -72,7 +88,7 @@ void inTransaction(SQLite::Database& database, const SqliteFile::Work& work) {
     }
 }
 
-void createSchema(SQLite::Database& database, const SqliteFile::Format& format) {
+void createSchema(Connection& database, const SqliteFile::Format& format) {
     inTransaction(database, [&format](SQLite::Database& db) {
         // Another process may have been first.
         if (schemaVersion(db) != 0)
@@ -84,12 +100,12 @@ void createSchema(SQLite::Database& database, const SqliteFile::Format& format) 
 
 //! Switching to WAL and opening during another process's recovery may answer "busy" without asking the busy
 //! handler, so that the whole step is repeated until its time is up.
-std::unique_ptr<SQLite::Database> openDatabase(const QString& path, const SqliteFile::Format& format) {
+std::unique_ptr<Connection> openDatabase(const QString& path, const SqliteFile::Format& format) {
     const QDeadlineTimer deadline(kBusyTimeoutMs);
     for (;;) {
         try {
-            auto database = std::make_unique<SQLite::Database>(QFile::encodeName(path).toStdString(),
-                                                               SQLite::OPEN_READWRITE, kBusyTimeoutMs);
+            auto database = std::make_unique<Connection>(QFile::encodeName(path).toStdString(),
+                                                         SQLite::OPEN_READWRITE, kBusyTimeoutMs);
             if (schemaVersion(*database) > format.version)
                 return database;
             database->execAndGet("PRAGMA journal_mode = WAL");
@@ -107,14 +123,30 @@ std::unique_ptr<SQLite::Database> openDatabase(const QString& path, const Sqlite
 } // namespace
 
 struct SqliteFile::Private {
+    //! A write whose caller waits. What comes of it is written and read by who holds `mutex`.
+    struct Waiting {
+        Access access;
+        const Work& work;
+        Error result = {};
+        std::exception_ptr thrown = {};
+        bool isDone = false;
+    };
+
     QString path;
     Format format;
-    QMutex mutex;
+    QMutex mutex; //!< of the connection
     std::pair<dev_t, ino_t> identity;
-    std::unique_ptr<SQLite::Database> database;
+    std::unique_ptr<Connection> database;
+    QMutex lineMutex;
+    std::vector<Waiting*> line; //!< writes that nobody has begun
 
     Error ensureOpen();
-    void execute(Access access, const Work& work);
+    void carryOut(Access access, const Work& work);
+    Error alone(Access access, const Work& work);
+    void alone(Waiting& waiting);
+    bool together(Access access, const std::vector<Waiting*>& batch);
+    std::vector<Waiting*> takeWith(Waiting& first);
+    void serve(Waiting& first);
     Error failure(const SQLite::Exception& exception) const;
 };
 
@@ -136,12 +168,15 @@ Error SqliteFile::Private::ensureOpen() {
     return Error();
 }
 
-void SqliteFile::Private::execute(Access access, const Work& work) {
+void SqliteFile::Private::carryOut(Access access, const Work& work) {
     if (access == Access::Read) {
         work(*database);
         return;
     }
-    database->exec(access == Access::Write ? "PRAGMA synchronous = FULL" : "PRAGMA synchronous = NORMAL");
+    if (database->durability != access) {
+        database->exec(access == Access::Write ? "PRAGMA synchronous = FULL" : "PRAGMA synchronous = NORMAL");
+        database->durability = access;
+    }
     inTransaction(*database, work);
 }
 
@@ -190,23 +225,104 @@ QString SqliteFile::path() const {
     return d->path;
 }
 
-Error SqliteFile::run(Access access, const Work& work) {
-    const QMutexLocker lock(&d->mutex);
+KeptStatement::~KeptStatement() {
+    if (!m_statement)
+        return;
+    m_statement->tryReset();
+    m_statement->clearBindings();
+}
+
+KeptStatement SqliteFile::prepared(SQLite::Database& database, const std::string& sql) {
+    auto& kept = static_cast<Connection&>(database).statements[sql];
+    if (!kept)
+        kept = std::make_unique<SQLite::Statement>(database, sql);
+    return KeptStatement(*kept);
+}
+
+Error SqliteFile::Private::alone(Access access, const Work& work) {
     for (bool isAgain = false;; isAgain = true) {
         try {
-            ORX_RETURN_ON_ERROR(d->ensureOpen());
-            d->execute(access, work);
+            ORX_RETURN_ON_ERROR(ensureOpen());
+            carryOut(access, work);
             return Error();
         } catch (const SQLite::Exception& exception) {
             // A connection that met damage may hold a stale view of a file that is repaired meanwhile.
             if (exception.getErrorCode() != SQLITE_BUSY)
-                d->database.reset();
-            const bool isSetAside = !isAgain && isDamage(exception) && d->format.onDamage &&
-                                    d->format.onDamage(d->path, QString::fromUtf8(exception.what()));
+                database.reset();
+            const bool isSetAside = !isAgain && isDamage(exception) && format.onDamage &&
+                                    format.onDamage(path, QString::fromUtf8(exception.what()));
             if (!isSetAside)
-                return ORX_ECATCH(d->failure(exception));
+                return ORX_ECATCH(failure(exception));
         }
     }
+}
+
+void SqliteFile::Private::alone(Waiting& waiting) {
+    try {
+        waiting.result = alone(waiting.access, waiting.work);
+    } catch (...) {
+        waiting.thrown = std::current_exception(); // its caller's affair, and not this thread's
+    }
+}
+
+//! False: nothing of it is kept, for a reason that one of them gets when it is done alone.
+bool SqliteFile::Private::together(Access access, const std::vector<Waiting*>& batch) {
+    try {
+        if (ensureOpen().hasError())
+            return false;
+        carryOut(access, [&batch](SQLite::Database& connection) {
+            for (const Waiting* waiting : batch)
+                waiting->work(connection);
+        });
+        return true;
+    } catch (...) {
+        return false;
+    }
+}
+
+//! \a first, and others of its kind after it.
+std::vector<SqliteFile::Private::Waiting*> SqliteFile::Private::takeWith(Waiting& first) {
+    std::vector<Waiting*> batch{&first};
+    const QMutexLocker lock(&lineMutex);
+    std::erase_if(line, [&batch, &first](Waiting* waiting) {
+        if (waiting == &first)
+            return true;
+        if (waiting->access != first.access || batch.size() == kMostTogether)
+            return false;
+        batch.push_back(waiting);
+        return true;
+    });
+    return batch;
+}
+
+void SqliteFile::Private::serve(Waiting& first) {
+    const std::vector<Waiting*> batch = takeWith(first);
+    const bool isDone = batch.size() > 1 && together(first.access, batch);
+    for (Waiting* waiting : batch) {
+        if (!isDone)
+            alone(*waiting);
+        waiting->isDone = true;
+    }
+}
+
+Error SqliteFile::run(Access access, const Work& work) {
+    if (access == Access::Read) {
+        const QMutexLocker lock(&d->mutex);
+        return d->alone(access, work);
+    }
+    Private::Waiting waiting{access, work};
+    {
+        const QMutexLocker lock(&d->lineMutex);
+        d->line.push_back(&waiting);
+    }
+    {
+        const QMutexLocker lock(&d->mutex);
+        if (!waiting.isDone)
+            d->serve(waiting);
+    }
+    if (waiting.thrown)
+        std::rethrow_exception(waiting.thrown);
+    return waiting.result;
 }
 
 } // namespace orx

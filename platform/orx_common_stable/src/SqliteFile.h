@@ -6,16 +6,38 @@
 
 #include <functional>
 #include <memory>
+#include <string>
+#include <utility>
 
 namespace SQLite {
 class Database;
-}
+class Statement;
+} // namespace SQLite
 
 namespace orx {
+
+//! A statement that the connection keeps prepared for the next who needs it, lent to one work. When it goes,
+//! it is reset and nothing is bound to it.
+class ORX_COMMON_STABLE_EXPORT KeptStatement {
+public:
+    ~KeptStatement();
+    KeptStatement(KeptStatement&& other) noexcept : m_statement(std::exchange(other.m_statement, nullptr)) {}
+    KeptStatement& operator=(KeptStatement&&) = delete;
+    SQLite::Statement& operator*() const { return *m_statement; }
+    SQLite::Statement* operator->() const { return m_statement; }
+
+private:
+    friend class SqliteFile;
+    explicit KeptStatement(SQLite::Statement& statement) : m_statement(&statement) {}
+    SQLite::Statement* m_statement;
+};
 
 //! One connection to a database file that several processes share: WAL, made for the owner only, opened on
 //! first use and again when the file behind the name is another one. Thread: any, one work at a time; blocks
 //! on the disk.
+//!
+//! Writes that wait for their turn are done together by the next of them: one transaction and one flush for
+//! all. When one of them fails, nothing of this is kept and each is done alone.
 class ORX_COMMON_STABLE_EXPORT SqliteFile {
 public:
     enum class Access {
@@ -43,8 +65,11 @@ public:
     ~SqliteFile();
     //! Runs \a work, which may throw what SQLiteCpp throws: that becomes an error that names the file and the
     //! remedy (ParseError when it is damaged or of a newer format, Busy, StorageFull, FileNotWritable or
-    //! FileNotReadable), and nothing of a write is kept. \a work may be called twice.
+    //! FileNotReadable), and nothing of a write is kept. \a work may be called twice, and a write by another
+    //! thread that waits here, too, so that it must not wait for anything that its caller holds.
     Error run(Access access, const Work& work);
+    //! The statement of the text \a sql. \a database: what a work is given; one at a time of each text.
+    static KeptStatement prepared(SQLite::Database& database, const std::string& sql);
     QString path() const;
 
 private:

@@ -13,9 +13,9 @@ namespace orx {
 
 namespace {
 
-void bindFile(SQLite::Statement& statement, const QString& localPath, int fileId) {
+void bindFile(SQLite::Statement& statement, const QString& canonicalPath, int fileId) {
     statement.bind(":server", HalvaneConnection::instance().serverKey().toStdString());
-    statement.bind(":path", canonicalLocalPath(localPath).toStdString());
+    statement.bind(":path", canonicalPath.toStdString());
     statement.bind(":file", fileId);
 }
 
@@ -23,13 +23,14 @@ void bindFile(SQLite::Statement& statement, const QString& localPath, int fileId
 
 Result<std::optional<int>> HalvaneHistory::fileVersion(const QString& localPath, int fileId) const {
     std::optional<int> version;
+    const QString path = canonicalLocalPath(localPath);
     ORX_RETURN_ON_ERROR(HalvaneDatabase::run(HalvaneDatabase::Access::Read, [&](SQLite::Database& database) {
-        SQLite::Statement query(
+        const auto query = SqliteFile::prepared(
             database,
             "SELECT version FROM history WHERE server = :server AND path = :path AND file_id = :file");
-        bindFile(query, localPath, fileId);
-        if (query.executeStep())
-            version = query.getColumn(0).getInt();
+        bindFile(*query, path, fileId);
+        if (query->executeStep())
+            version = query->getColumn(0).getInt();
     }));
     return version;
 }
@@ -43,13 +44,14 @@ Error record(const char* sql, const QString& localPath, int fileId, int version)
             QCoreApplication::translate(
                 "orx::HalvaneHistory", "Version %3 of the file with the id %2 cannot be recorded for \"%1\".")
                 .arg(localPath, QString::number(fileId), QString::number(version))));
-    if (HalvaneTemporaryDirs::contains(canonicalLocalPath(localPath)))
+    const QString path = canonicalLocalPath(localPath);
+    if (HalvaneTemporaryDirs::contains(path))
         return Error();
     return ORX_ECATCH(HalvaneDatabase::run(HalvaneDatabase::Access::Write, [&](SQLite::Database& database) {
-        SQLite::Statement statement(database, sql);
-        bindFile(statement, localPath, fileId);
-        statement.bind(":version", version);
-        statement.exec();
+        const auto statement = SqliteFile::prepared(database, sql);
+        bindFile(*statement, path, fileId);
+        statement->bind(":version", version);
+        statement->exec();
     }));
 }
 

@@ -81,7 +81,8 @@ QList<HalvaneUploadRecord> freeRecords(SQLite::Database& database, const Halvane
                                      : "AND original_target_type = :type AND original_target_id = :target ";
     if (!wanted.temporary)
         sql += "AND path = :path AND modified_ns = :modified ";
-    SQLite::Statement query(database, sql + "ORDER BY row_id DESC");
+    const auto kept = SqliteFile::prepared(database, sql + "ORDER BY row_id DESC");
+    SQLite::Statement& query = *kept;
     query.bind(":size", int64_t(wanted.size));
     query.bind(":name", text(wanted.targetFileName));
     query.bind(":server", text(wanted.serverKey));
@@ -109,27 +110,37 @@ void bindOwner(SQLite::Statement& statement) {
 }
 
 void takeOver(SQLite::Database& database, qint64 rowId) {
-    SQLite::Statement update(database, "UPDATE uploads SET owner_pid = :pid, owner_start = :start, "
+    const auto update =
+        SqliteFile::prepared(database, "UPDATE uploads SET owner_pid = :pid, owner_start = :start, "
                                        "owner_boot = :boot WHERE row_id = :row");
-    bindOwner(update);
-    update.bind(":row", int64_t(rowId));
-    update.exec();
+    bindOwner(*update);
+    update->bind(":row", int64_t(rowId));
+    update->exec();
 }
 
 void removeRecord(SQLite::Database& database, qint64 rowId) {
-    SQLite::Statement statement(database, "DELETE FROM uploads WHERE row_id = :row");
-    statement.bind(":row", int64_t(rowId));
-    statement.exec();
+    const auto statement = SqliteFile::prepared(database, "DELETE FROM uploads WHERE row_id = :row");
+    statement->bind(":row", int64_t(rowId));
+    statement->exec();
+}
+
+void releaseRecord(SQLite::Database& database, qint64 rowId) {
+    const auto update = SqliteFile::prepared(
+        database, "UPDATE uploads SET owner_pid = NULL, owner_start = NULL, owner_boot = NULL "
+                  "WHERE row_id = :row AND owner_pid = :pid AND owner_start = :start AND owner_boot = :boot");
+    bindOwner(*update);
+    update->bind(":row", int64_t(rowId));
+    update->exec();
 }
 
 //! Twice as long as a server remembers the result of an upload: of no use to anybody by then.
 void forgetOldRecords(SQLite::Database& database) {
     QList<qint64> old;
-    SQLite::Statement query(database,
-                            "SELECT * FROM uploads WHERE begun_at < strftime('%Y-%m-%d', 'now', '-60 days')");
-    while (query.executeStep())
-        if (!hasLivingOwner(query))
-            old.append(query.getColumn("row_id").getInt64());
+    const auto query = SqliteFile::prepared(
+        database, "SELECT * FROM uploads WHERE begun_at < strftime('%Y-%m-%d', 'now', '-60 days')");
+    while (query->executeStep())
+        if (!hasLivingOwner(*query))
+            old.append(query->getColumn("row_id").getInt64());
     for (const qint64 rowId : old)
         removeRecord(database, rowId);
 }
@@ -138,12 +149,13 @@ HalvaneUploadRecord insertNew(SQLite::Database& database, HalvaneUploadRecord re
     forgetOldRecords(database);
     record.idempotencyKey = QUuid::createUuid().toByteArray(QUuid::WithoutBraces);
     record.uploadId = -1;
-    SQLite::Statement insert(
+    const auto kept = SqliteFile::prepared(
         database,
         "INSERT INTO uploads (server, user, idempotency_key, upload_id, path, size, modified_ns, "
         "target_type, target_id, original_target_type, original_target_id, target_name, temporary, "
         "owner_pid, owner_start, owner_boot) VALUES (:server, :user, :key, -1, :path, :size, :modified, "
         ":type, :target, :original_type, :original_target, :name, :temporary, :pid, :start, :boot)");
+    SQLite::Statement& insert = *kept;
     insert.bind(":server", text(record.serverKey));
     insert.bind(":user", text(record.userName));
     insert.bind(":key", record.idempotencyKey.toStdString());
@@ -204,10 +216,11 @@ Result<HalvaneUploadRecord> HalvaneUploadJournal::acquire(const HalvaneUploadRec
 Error HalvaneUploadJournal::setUploadId(qint64 rowId, int uploadId) {
     int changed = 0;
     ORX_RETURN_ON_ERROR(HalvaneDatabase::run(Access::Write, [&](SQLite::Database& database) {
-        SQLite::Statement update(database, "UPDATE uploads SET upload_id = :upload WHERE row_id = :row");
-        update.bind(":upload", uploadId);
-        update.bind(":row", int64_t(rowId));
-        changed = update.exec();
+        const auto update =
+            SqliteFile::prepared(database, "UPDATE uploads SET upload_id = :upload WHERE row_id = :row");
+        update->bind(":upload", uploadId);
+        update->bind(":row", int64_t(rowId));
+        changed = update->exec();
     }));
     if (changed == 0)
         return ORX_ECATCH(
@@ -218,20 +231,18 @@ Error HalvaneUploadJournal::setUploadId(qint64 rowId, int uploadId) {
 }
 
 Error HalvaneUploadJournal::release(qint64 rowId) {
-    return ORX_ECATCH(HalvaneDatabase::run(Access::Write, [&](SQLite::Database& database) {
-        SQLite::Statement update(database,
-                                 "UPDATE uploads SET owner_pid = NULL, owner_start = NULL, owner_boot = NULL "
-                                 "WHERE row_id = :row AND owner_pid = :pid AND owner_start = :start "
-                                 "AND owner_boot = :boot");
-        bindOwner(update);
-        update.bind(":row", int64_t(rowId));
-        update.exec();
-    }));
+    return ORX_ECATCH(end({{End::Release, rowId}}));
 }
 
 Error HalvaneUploadJournal::remove(qint64 rowId) {
-    return ORX_ECATCH(HalvaneDatabase::run(
-        Access::Write, [&](SQLite::Database& database) { removeRecord(database, rowId); }));
+    return ORX_ECATCH(end({{End::Remove, rowId}}));
+}
+
+Error HalvaneUploadJournal::end(const std::vector<std::pair<End, qint64>>& records) {
+    return ORX_ECATCH(HalvaneDatabase::run(Access::Write, [&records](SQLite::Database& database) {
+        for (const auto& [how, rowId] : records)
+            how == End::Remove ? removeRecord(database, rowId) : releaseRecord(database, rowId);
+    }));
 }
 
 Result<QList<HalvaneUploadRecord>> HalvaneUploadJournal::unsettled(const HalvaneUploadRecord& wanted) {

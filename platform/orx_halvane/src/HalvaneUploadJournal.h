@@ -4,6 +4,9 @@
 
 #include <QDateTime>
 
+#include <utility>
+#include <vector>
+
 namespace orx {
 
 //! One upload that was begun and whose result is not yet recorded.
@@ -46,6 +49,9 @@ public:
     static Error release(qint64 rowId);
     //! The result is recorded (or the upload is gone): removes the record.
     static Error remove(qint64 rowId);
+    enum class End { Release, Remove };
+    //! The same for several, with one flush.
+    static Error end(const std::vector<std::pair<End, qint64>>& records);
     //! Records of an unchanged local file and its original target that no living process holds, newest first.
     //! \a targetFileName must match.
     static Result<QList<HalvaneUploadRecord>> unsettled(const HalvaneUploadRecord& wanted);

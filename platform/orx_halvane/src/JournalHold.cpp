@@ -10,14 +10,21 @@
 namespace orx {
 namespace {
 
-using Change = Error (*)(qint64 rowId);
+using End = HalvaneUploadJournal::End;
+using Changes = std::vector<std::pair<End, qint64>>;
 
 struct Pending {
     std::mutex running; //!< held while changes are carried out, so that a second caller waits for them
     std::mutex mutex;
-    std::vector<std::pair<Change, qint64>> changes;
+    Changes changes;
 
-    std::vector<std::pair<Change, qint64>> takeAll() {
+    //! Whether nothing else waits, so that nobody was told to carry changes out.
+    bool add(End how, qint64 rowId) {
+        const std::lock_guard lock(mutex);
+        changes.emplace_back(how, rowId);
+        return changes.size() == 1;
+    }
+    Changes takeAll() {
         const std::lock_guard lock(mutex);
         return std::exchange(changes, {});
     }
@@ -29,14 +36,9 @@ Pending& pending() {
     return *instance;
 }
 
-void submit(Change change, qint64 rowId) {
-    if (rowId < 0)
-        return;
-    {
-        const std::lock_guard lock(pending().mutex);
-        pending().changes.emplace_back(change, rowId);
-    }
-    WorkerPool::instance().submit([] { JournalHold::awaitReleases(); }, nullptr, {});
+void submit(End how, qint64 rowId) {
+    if (rowId >= 0 && pending().add(how, rowId))
+        WorkerPool::instance().submit([] { JournalHold::awaitReleases(); }, nullptr, {});
 }
 
 } // namespace
@@ -50,21 +52,22 @@ JournalHold& JournalHold::operator=(JournalHold&& other) noexcept {
 }
 
 void JournalHold::release() {
-    submit(&HalvaneUploadJournal::release, dismiss());
+    submit(End::Release, dismiss());
 }
 
 void JournalHold::remove() {
-    submit(&HalvaneUploadJournal::remove, dismiss());
+    submit(End::Remove, dismiss());
 }
 
 void JournalHold::awaitReleases() {
     const std::lock_guard running(pending().running);
-    for (const auto& [change, rowId] : pending().takeAll()) {
-        // The record is free again at the latest when this process ends, and a finished upload is settled by
-        // it: the failure is worth a line only.
-        if (const Error error = change(rowId); error.hasError())
-            qCWarning(errorLog).noquote() << error.errorMessage();
-    }
+    const Changes changes = pending().takeAll();
+    if (changes.empty())
+        return;
+    // The records are free again at the latest when this process ends, and a finished upload is settled by
+    // them: the failure is worth a line only.
+    if (const Error error = HalvaneUploadJournal::end(changes); error.hasError())
+        qCWarning(errorLog).noquote() << error.errorMessage();
 }
 
 } // namespace orx
