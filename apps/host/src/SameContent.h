@@ -24,9 +24,7 @@ public:
     //! Whether a file is a packed acquisition that is upgraded when it is sent. Reads what it says of itself.
     static bool isOldPacked(const QString& path);
 
-    //! Reads nothing of the content: whether names and sizes are the same.
-    bool haveSizes();
-    //! Reads up to \a bytes more; nothing while there is more to read. Calls haveSizes() first.
+    //! Reads up to \a bytes more; nothing while there is more to read. Compares names and sizes first.
     std::optional<bool> isSame(qint64 bytes);
 
 private:
@@ -35,6 +33,8 @@ private:
         qint64 size = 0;
         QByteArray sha256;
     };
+    //! Reads nothing of the content.
+    bool haveSizes();
     void listRawData();
     void compareManifests();
 

@@ -106,7 +106,7 @@ void SameContentTask::compareContent(const RemoteItem& item) {
     const std::shared_ptr<SameContent> content =
         SameContent::ofFile(m_wanted.localPath, item.size, item.sha256.toLatin1());
     if (!FileTypes::fileMatchesAnyType(m_wanted.localPath, {FileTypes::VONK}))
-        return begin(item, content);
+        return compareMore(item, content);
     const auto isOld = std::make_shared<bool>(false);
     execSubtask(std::make_unique<WorkerStepTask>(QStringLiteral("LookAtFormat"),
                                                  [path = m_wanted.localPath, isOld]() -> Error {
@@ -117,7 +117,7 @@ void SameContentTask::compareContent(const RemoteItem& item) {
                     if (*isOld)
                         askTrace(item);
                     else
-                        begin(item, content);
+                        compareMore(item, content);
                 });
 }
 
@@ -139,23 +139,8 @@ void SameContentTask::askTrace(const RemoteItem& item) {
 void SameContentTask::onTrace(const RemoteItem& item, const QJsonObject& trace) {
     if (trace.isEmpty())
         return onAnother();
-    begin(item, m_wanted.isRawData ? SameContent::ofRawData(m_wanted.localPath, trace)
-                                   : SameContent::ofOldPacked(m_wanted.localPath, trace));
-}
-
-void SameContentTask::begin(const RemoteItem& item, std::shared_ptr<SameContent> content) {
-    const auto isLikely = std::make_shared<bool>(false);
-    execSubtask(std::make_unique<WorkerStepTask>(QStringLiteral("CompareSizes"),
-                                                 [content, isLikely]() -> Error {
-                                                     *isLikely = content->haveSizes();
-                                                     return {};
-                                                 }),
-                [this, item, content, isLikely](WorkerStepTask*) {
-                    if (!*isLikely)
-                        onAnother();
-                    else
-                        compareMore(item, content);
-                });
+    compareMore(item, m_wanted.isRawData ? SameContent::ofRawData(m_wanted.localPath, trace)
+                                         : SameContent::ofOldPacked(m_wanted.localPath, trace));
 }
 
 void SameContentTask::compareMore(const RemoteItem& item, const std::shared_ptr<SameContent>& content) {

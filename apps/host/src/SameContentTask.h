@@ -59,7 +59,6 @@ private:
     void compareContent(const RemoteItem& item);
     void askTrace(const RemoteItem& item);
     void onTrace(const RemoteItem& item, const QJsonObject& trace);
-    void begin(const RemoteItem& item, std::shared_ptr<SameContent> content);
     void compareMore(const RemoteItem& item, const std::shared_ptr<SameContent>& content);
     void onAnother();
     void findRival();

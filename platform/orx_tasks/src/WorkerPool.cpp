@@ -89,13 +89,19 @@ void WorkerPool::submit(Job job, QObject* context, std::function<void()> complet
             completion();
     };
     Order order{std::move(job), std::move(guarded), OwnerInbox::ofThisThread()};
-    const std::lock_guard lock(d->mutex);
-    if (d->ending)
-        return;
-    d->orders.push_back(std::move(order));
-    if (d->orders.size() > size_t(d->idleThreads) && d->threads.size() < size_t(d->bound))
-        d->threads.emplace_back([this] { d->serve(); });
-    d->changed.notify_one();
+    bool isAnyIdle = false;
+    {
+        const std::lock_guard lock(d->mutex);
+        if (d->ending)
+            return;
+        d->orders.push_back(std::move(order));
+        isAnyIdle = d->idleThreads > 0;
+        if (d->orders.size() > size_t(d->idleThreads) && d->threads.size() < size_t(d->bound))
+            d->threads.emplace_back([this] { d->serve(); });
+    }
+    // Who wakes up needs the mutex at once; who works looks for orders without being told.
+    if (isAnyIdle)
+        d->changed.notify_one();
 }
 
 int WorkerPool::threadCount() const {
