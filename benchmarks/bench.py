@@ -719,7 +719,7 @@ def bench_pack(table, root, build, work, mib, count):
             bench_summary(table, program, source, mib, label, count)
         shutil.rmtree(source) if source.is_dir() else source.unlink()
     source = work / "acquisition-large"
-    timed([program, "make", "mixed", spectra, str(4 * mib), source])
+    timed([program, "make", "mixed", spectra, str(5 * mib), source])
     packed.unlink()
     timed([program, "pack", source, packed])
     shutil.rmtree(source)
