@@ -56,8 +56,7 @@ protected:
         request.uploadId = upload.id;
         request.dataType = "Regular";
         request.trace = "{}";
-        request.sha256 = Sha256::of(content);
-        request.inlineContent = content;
+
         return request;
     }
     static ErrorCode codeOf(const std::function<void()>& call) {
@@ -88,6 +87,88 @@ TEST_F(CatalogTest, ABatchIsOneTransactionInWhichAFailingMemberHarmsNoOther) {
     EXPECT_EQ(std::get<FinalizedFile>(outcomes[2]).name, "c");
     EXPECT_EQ(m_catalog->content(m_admin, std::get<FinalizedFile>(outcomes[2]).fileId, 1).inlineContent,
               "three");
+}
+
+namespace {
+
+class SmallCallsTest : public CatalogTest {
+protected:
+    void SetUp() override {
+        CatalogTest::SetUp();
+        m_catalog->addToken(m_token, m_admin.userId, currentTime() + 1'000'000);
+    }
+
+    template <typename Result, typename Call>
+    SmallOutcome<Result> outcomeOf(const Call& submit) {
+        std::promise<SmallOutcome<Result>> made;
+        submit([&](SmallOutcome<Result> outcome) { made.set_value(std::move(outcome)); });
+        m_catalog->beginSmallCalls();
+        return made.get_future().get();
+    }
+    SmallOutcome<UploadRecord> open(std::int64_t size, const Sha256Digest& token) {
+        return outcomeOf<UploadRecord>(
+            [&](const auto& done) { m_catalog->openUpload(token, newUpload("a", size), {}, done); });
+    }
+    SmallOutcome<ReceivedChunk> record(Id upload, const std::string& content) {
+        return outcomeOf<ReceivedChunk>([&](const auto& done) {
+            m_catalog->recordSmallChunk(m_token, upload, {0, Xxh3::of(content)}, content, m_sha256, done);
+        });
+    }
+    SmallOutcome<FinalizedFile> finalize(Id upload, const CallKey& key = {}) {
+        Finalisation request;
+        request.uploadId = upload;
+        request.key = key;
+        request.dataType = "Regular";
+        request.trace = "{}";
+        return outcomeOf<FinalizedFile>(
+            [&](const auto& done) { m_catalog->finalizeSmall(m_token, std::move(request), done); });
+    }
+
+    const Sha256Digest m_token = Sha256::of("token");
+    const Sha256Digest m_sha256 = Sha256::of("content");
+};
+
+} // namespace
+
+TEST_F(SmallCallsTest, MakeAVersionOnceForAKey) {
+    const Id id = std::get<UploadRecord>(open(7, m_token).result).id;
+    EXPECT_EQ(std::get<ReceivedChunk>(record(id, "content").result).index, 0);
+    const CallKey key{"k", Sha256::of("this")};
+    const auto first = finalize(id, key);
+    EXPECT_EQ(first.user, "root");
+    const auto& file = std::get<FinalizedFile>(first.result);
+    EXPECT_TRUE(file.isNew);
+    EXPECT_EQ(m_catalog->content(m_admin, file.fileId, 1).inlineContent, "content");
+    const auto again = std::get<FinalizedFile>(finalize(id, key).result);
+    EXPECT_FALSE(again.isNew);
+    EXPECT_EQ(again.fileId, file.fileId);
+    EXPECT_EQ(std::get<ApiError>(finalize(id, {"k", Sha256::of("that")}).result).code(),
+              ErrorCode::IdempotencyMismatch);
+}
+
+TEST_F(SmallCallsTest, AreDeclinedForATokenThatIsNotValidAndLeaveNothing) {
+    EXPECT_TRUE(open(7, Sha256::of("unknown")).isDeclined());
+    m_catalog->revokeToken(m_token);
+    EXPECT_TRUE(open(7, m_token).isDeclined());
+    EXPECT_TRUE(m_catalog->uploads(m_admin).empty());
+}
+
+TEST_F(SmallCallsTest, AreDeclinedForAStagedUploadAndForAChunkThatDoesNotFit) {
+    const Id staged = m_catalog->openUpload(m_admin, newUpload("a", inlineContentLimit), {}).id;
+    EXPECT_TRUE(record(staged, std::string(inlineContentLimit, 'x')).isDeclined());
+    EXPECT_TRUE(finalize(staged).isDeclined());
+    const Id small = m_catalog->openUpload(m_admin, newUpload("b", 7), {}).id;
+    EXPECT_TRUE(record(small, "longer content").isDeclined());
+    EXPECT_TRUE(m_catalog->upload(m_admin, small).chunks.empty());
+}
+
+TEST_F(SmallCallsTest, AContentThatDiffersFromItsSha256IsNoVersionAndLosesIt) {
+    const Id id = m_catalog->openUpload(m_admin, newUpload("a", 7), {}).id;
+    EXPECT_FALSE(record(id, "CONTENT").isDeclined());
+    EXPECT_EQ(std::get<ApiError>(finalize(id).result).code(), ErrorCode::ChecksumMismatch);
+    EXPECT_FALSE(m_catalog->upload(m_admin, id).contentSha256);
+    EXPECT_FALSE(record(id, "content").isDeclined());
+    EXPECT_TRUE(std::get<FinalizedFile>(finalize(id).result).isNew);
 }
 
 TEST_F(CatalogTest, AKeyIsRememberedOverARestartAndRefusesAnotherRequest) {

@@ -38,8 +38,12 @@ std::string uploadJson(const UploadRecord& upload) {
 }
 
 // An upload whose staged bytes may be lost is checked before its chunks are told to anyone.
+bool mustBeChecked(const UploadRecord& upload) {
+    return upload.suspect && !isInline(upload) && !upload.chunks.empty();
+}
+
 UploadRecord checkedUpload(const Caller& caller, UploadRecord upload, Services& services) {
-    if (!upload.suspect || isInline(upload) || upload.chunks.empty())
+    if (!mustBeChecked(upload))
         return upload;
     (void)services.sessions.session(caller, upload.id);
     return services.catalog.upload(caller, upload.id);
@@ -215,10 +219,10 @@ Response abandonUpload(const Caller& caller, Id id, Services& services) {
     return success("{}");
 }
 
-Finalisation finalisationOf(const Request& request, Caller caller) {
+// Without its caller.
+Finalisation finalisationOf(const Request& request) {
     const JsonInput input(request.body, "vonk_trace");
     Finalisation result;
-    result.caller = std::move(caller);
     result.uploadId = input.wholeNumber("upload_id", 1, maximumId);
     result.alias = input.textOr("file_alias", "");
     result.dataType = input.textOr("force_data_type", "Regular");
@@ -236,9 +240,16 @@ Finalisation finalisationOf(const Request& request, Caller caller) {
     return result;
 }
 
+Response finalized(const FinalizedFile& file) {
+    std::string data;
+    JsonObject(data).rawField("file", finalizedJson(file));
+    return success(data);
+}
+
 void finalizeUpload(Request& request, Services& services, const Respond& respond) {
     Caller caller = authenticated(request, services);
-    Finalisation finalisation = finalisationOf(request, std::move(caller));
+    Finalisation finalisation = finalisationOf(request);
+    finalisation.caller = std::move(caller);
     request.body = {};
     services.finalizer.finalize(
         std::move(finalisation), [respond, &services, id = request.id](const FinalisationOutcome& outcome) {
@@ -246,34 +257,116 @@ void finalizeUpload(Request& request, Services& services, const Respond& respond
                 respond(errorReply(std::make_exception_ptr(*error), services.log, id));
                 return;
             }
-            std::string data;
-            JsonObject(data).rawField("file", finalizedJson(std::get<FinalizedFile>(outcome)));
-            respond(success(data));
+            respond(finalized(std::get<FinalizedFile>(outcome)));
         });
+}
+
+// The calls of a small upload: parsed on the I/O thread, done in the catalogue's next transaction and
+// answered from there. Whatever is wrong with one, and whatever takes longer, is for the ordinary handler.
+
+constexpr std::size_t quickJson = 16 * 1024;
+
+using Answer = std::function<void(QuickReply)>;
+
+// Answers with what `reply` makes of a result; it may decline as well.
+template <typename Result, typename Reply>
+SmallDone<Result> answering(const Answer& answer, Services& services, const Request& request, Reply reply) {
+    return [answer, &services, id = request.id, reply](SmallOutcome<Result> outcome) {
+        QuickReply made{{}, outcome.user};
+        if (const auto* error = std::get_if<ApiError>(&outcome.result))
+            made.response = errorReply(std::make_exception_ptr(*error), services.log, id);
+        else if (!outcome.isDeclined())
+            made.response = reply(outcome);
+        answer(std::move(made));
+    };
+}
+
+// A handler of a call with a token; what `call` throws before it has begun declines.
+QuickHandler
+smallCall(std::function<void(const Request&, const PathValues&, const Sha256Digest&, const Answer&)> call) {
+    return [call = std::move(call)](const Request& request, const PathValues& values, const Answer& answer) {
+        try {
+            if (const auto token = Accounts::tokenHash(request.header("Authorization")))
+                return call(request, values, *token, answer);
+        } catch (
+            const std::exception&) { // the ordinary handler says it, after the token was found to be valid
+        }
+        answer({});
+    };
+}
+
+void openSmall(const Request& request, const Sha256Digest& token, const Answer& answer, Services& services) {
+    if (request.body.size() > quickJson)
+        return answer({});
+    NewUpload upload = newUpload(JsonInput(request.body), services);
+    CallKey key = callKey(request, identityOf(upload));
+    const auto reply = [](const SmallOutcome<UploadRecord>& outcome) -> std::optional<Response> {
+        const auto& record = std::get<UploadRecord>(outcome.result);
+        if (mustBeChecked(record))
+            return std::nullopt; // opened earlier with this key, so asking again finds it
+        return success(uploadJson(record));
+    };
+    services.catalog.openUpload(token, std::move(upload), std::move(key),
+                                answering<UploadRecord>(answer, services, request, reply));
+}
+
+void recordSmall(const Request& request, const PathValues& values, const Sha256Digest& token,
+                 const Answer& answer, Services& services) {
+    const Id upload = pathId(values[0], "upload");
+    const ReceivedChunk chunk{pathNumber(values[1]).value_or(-1), requiredXxh3(request)};
+    const auto contentSha256 = declaredSha256(request);
+    // A later chunk is the end of a staged upload nearly always.
+    if (chunk.index != 0 || Xxh3::of(request.body) != chunk.xxh3)
+        return answer({});
+    const auto reply = [](const SmallOutcome<ReceivedChunk>& outcome) -> std::optional<Response> {
+        return chunkReceived(std::get<ReceivedChunk>(outcome.result).index);
+    };
+    services.catalog.recordSmallChunk(token, upload, chunk, request.body, contentSha256,
+                                      answering<ReceivedChunk>(answer, services, request, reply));
+}
+
+void finalizeSmall(const Request& request, const Sha256Digest& token, const Answer& answer,
+                   Services& services) {
+    if (request.body.size() > quickJson)
+        return answer({});
+    const auto reply = [&services](const SmallOutcome<FinalizedFile>& outcome) -> std::optional<Response> {
+        const auto& file = std::get<FinalizedFile>(outcome.result);
+        if (file.isNew)
+            services.metrics.countSmallVersion(outcome.transaction);
+        return finalized(file);
+    };
+    services.catalog.finalizeSmall(token, finalisationOf(request),
+                                   answering<FinalizedFile>(answer, services, request, reply));
 }
 
 } // namespace
 
 void addUploadCalls(Router& router, Services& services) {
+    router.setQuickWork([&services] { services.catalog.beginSmallCalls(); });
     const auto onUpload = [&services](Response (*call)(const Caller&, Id, Services&)) {
         return authenticatedCall(services,
                                  [&services, call](Request&, const PathValues& values, const Caller& caller) {
                                      return call(caller, pathId(values[0], "upload"), services);
                                  });
     };
-    router.add(
-        "POST", "/uploads", jsonBody,
-        authenticatedCall(services, [&services](Request& request, const PathValues&, const Caller& caller) {
-            return openUpload(request, caller, services);
-        }));
+    router.add("POST", "/uploads", jsonBody,
+               authenticatedCall(services,
+                                 [&services](Request& request, const PathValues&, const Caller& caller) {
+                                     return openUpload(request, caller, services);
+                                 }),
+               smallCall([&services](const Request& request, const PathValues&, const Sha256Digest& token,
+                                     const Answer& answer) { openSmall(request, token, answer, services); }));
     router.add("GET", "/uploads", noBody,
                authenticatedCall(services, [&services](Request&, const PathValues&, const Caller& caller) {
                    return listUploads(caller, services);
                }));
-    router.add("POST", "/uploads/finalize", finalizeBody,
-               [&services](Request& request, const PathValues&, const Respond& respond) {
-                   finalizeUpload(request, services, respond);
-               });
+    router.add(
+        "POST", "/uploads/finalize", finalizeBody,
+        [&services](Request& request, const PathValues&, const Respond& respond) {
+            finalizeUpload(request, services, respond);
+        },
+        smallCall([&services](const Request& request, const PathValues&, const Sha256Digest& token,
+                              const Answer& answer) { finalizeSmall(request, token, answer, services); }));
     router.add(
         "GET", "/uploads/by-key/{}", noBody,
         authenticatedCall(services, [&services](Request&, const PathValues& values, const Caller& caller) {
@@ -289,10 +382,14 @@ void addUploadCalls(Router& router, Services& services) {
                        return setContentSha256(request, caller, pathId(values[0], "upload"), services);
                    }));
     // An upload keeps the chunk size that it was opened with, so its own bound is checked by the handler.
-    router.addStream("PUT", "/uploads/{}/chunks/{}", maximumChunkSize,
-                     [&services](Request& request, const PathValues& values) {
-                         return beginChunk(request, values, services);
-                     });
+    router.addStream(
+        "PUT", "/uploads/{}/chunks/{}", maximumChunkSize,
+        [&services](Request& request, const PathValues& values) {
+            return beginChunk(request, values, services);
+        },
+        smallCall(
+            [&services](const Request& request, const PathValues& values, const Sha256Digest& token,
+                        const Answer& answer) { recordSmall(request, values, token, answer, services); }));
 }
 
 } // namespace halvane::server

@@ -48,6 +48,14 @@ LoginResult Accounts::login(const std::string& name, const std::string& password
     return result;
 }
 
+std::optional<Sha256Digest> Accounts::tokenHash(std::string_view authorizationHeader) {
+    try {
+        return Sha256::of(tokenOf(authorizationHeader));
+    } catch (const ApiError&) {
+        return std::nullopt;
+    }
+}
+
 Caller Accounts::authenticate(std::string_view authorizationHeader) {
     auto caller = m_catalog.callerOfToken(Sha256::of(tokenOf(authorizationHeader)), currentTime());
     if (!caller)

@@ -26,6 +26,8 @@ public:
     // TooManyRequests.
     LoginResult login(const std::string& name, const std::string& password);
     // Throws NotAuthenticated.
+    // What the catalogue knows the header's token by; nothing when it holds none.
+    static std::optional<Sha256Digest> tokenHash(std::string_view authorizationHeader);
     Caller authenticate(std::string_view authorizationHeader);
     void logout(std::string_view authorizationHeader);
 

@@ -4,7 +4,9 @@
 #include "core/random.h"
 #include "core/times.h"
 
+#include <array>
 #include <cerrno>
+#include <cstdio>
 #include <fcntl.h>
 #include <filesystem>
 #include <sys/stat.h>
@@ -21,6 +23,15 @@ std::string stagingDirectory(const std::string& data) {
 
 std::string blobsDirectory(const std::string& data) {
     return data + "/blobs";
+}
+
+// Eight digits that grow with the time: names that are made one after another are neighbours in the
+// catalogue's index.
+std::string hexTimeOfDay(TimeMs time) {
+    constexpr TimeMs day = 24LL * 60 * 60 * 1000;
+    std::array<char, 9> text{};
+    std::snprintf(text.data(), text.size(), "%08x", static_cast<unsigned>(time % day));
+    return text.data();
 }
 
 void makeDirectory(const std::string& path) {
@@ -46,8 +57,9 @@ void BlobStore::create(const std::string& dataDirectory) {
 }
 
 std::string BlobStore::newName() {
-    const std::string date = isoText(currentTime());
-    return date.substr(0, 4) + date.substr(5, 2) + date.substr(8, 2) + '-' + randomHex(12);
+    const TimeMs now = currentTime();
+    const std::string date = isoText(now);
+    return date.substr(0, 4) + date.substr(5, 2) + date.substr(8, 2) + '-' + hexTimeOfDay(now) + randomHex(8);
 }
 
 std::string BlobStore::stagedPath(const std::string& name) const {

@@ -23,6 +23,14 @@ struct Metrics {
     std::atomic<std::uint64_t> loginFailures{0};
     std::atomic<std::uint64_t> blobsSwept{0};
 
+    // A version was made; `transaction` is the same for those that were committed together.
+    void countSmallVersion(std::uint64_t transaction) {
+        ++versionsCommitted;
+        if (lastSmallCommit.exchange(transaction) != transaction)
+            ++commitBatches;
+    }
+    std::atomic<std::uint64_t> lastSmallCommit{0};
+
     std::string prometheusText() const;
 };
 

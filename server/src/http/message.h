@@ -79,6 +79,16 @@ using Handler = std::function<void(Request&, const PathValues&, Respond)>;
 // Begins a body that is not collected first.
 using StreamHandler = std::function<std::unique_ptr<BodySink>(Request&, const PathValues&)>;
 
+// A reply with the user's name for the log; without a response the ordinary handler has to answer the
+// request, which must be as it was then.
+struct QuickReply {
+    std::optional<Response> response;
+    std::string user;
+};
+// Answers a request with a small body at the I/O thread's own expense: must not block there, and answers
+// once, at once or later on any thread. It must not throw.
+using QuickHandler = std::function<void(const Request&, const PathValues&, std::function<void(QuickReply)>)>;
+
 const char* reasonPhrase(int status);
 
 } // namespace halvane::server

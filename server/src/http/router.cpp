@@ -34,13 +34,13 @@ bool fits(const std::vector<std::string>& pattern, const std::vector<std::string
 } // namespace
 
 void Router::add(const std::string& method, const std::string& pattern, std::uint64_t maximumBody,
-                 Handler handler) {
-    m_routes.push_back({method, segmentsOf(pattern), maximumBody, std::move(handler), {}});
+                 Handler handler, QuickHandler quick) {
+    m_routes.push_back({method, segmentsOf(pattern), maximumBody, std::move(handler), {}, std::move(quick)});
 }
 
 void Router::addStream(const std::string& method, const std::string& pattern, std::uint64_t maximumBody,
-                       StreamHandler handler) {
-    m_routes.push_back({method, segmentsOf(pattern), maximumBody, {}, std::move(handler)});
+                       StreamHandler handler, QuickHandler quick) {
+    m_routes.push_back({method, segmentsOf(pattern), maximumBody, {}, std::move(handler), std::move(quick)});
 }
 
 Match Router::match(std::string_view method, std::string_view path) const {

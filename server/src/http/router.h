@@ -11,6 +11,7 @@ struct Route {
     std::uint64_t maximumBody = 0;
     Handler handler; // or
     StreamHandler stream;
+    QuickHandler quick; // where there is one: asked before the others when the body is small
 };
 
 struct Match {
@@ -22,15 +23,21 @@ class Router {
 public:
     // `pattern` such as "/folders/{}/files", below the base path.
     void add(const std::string& method, const std::string& pattern, std::uint64_t maximumBody,
-             Handler handler);
+             Handler handler, QuickHandler quick = {});
     void addStream(const std::string& method, const std::string& pattern, std::uint64_t maximumBody,
-                   StreamHandler handler);
+                   StreamHandler handler, QuickHandler quick = {});
+
+    // What the I/O thread calls when it has asked the quick handlers of all requests that were there: they
+    // may leave their work until then, and share it.
+    void setQuickWork(std::function<void()> begin) { m_beginQuickWork = std::move(begin); }
+    void beginQuickWork() const { m_beginQuickWork(); }
 
     // Throws NotFound for an unknown path, BadRequest with status 405 for a known path with another method.
     Match match(std::string_view method, std::string_view path) const;
 
 private:
     std::vector<Route> m_routes;
+    std::function<void()> m_beginQuickWork = [] {};
 };
 
 inline constexpr std::string_view basePath = "/api/v1";

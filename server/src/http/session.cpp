@@ -219,10 +219,54 @@ asio::awaitable<void> Session::answer(Exchange& exchange) {
     }
     if (match.route == nullptr)
         co_return;
+    if (match.route->quick && exchange.request.contentLength <= alwaysCollectable &&
+        co_await answerQuickly(exchange, match))
+        co_return;
     if (match.route->stream)
         co_await answerStreamed(exchange, match);
     else
         co_await answerCollected(exchange, match);
+}
+
+void SessionContext::beginQuickWorkSoon() {
+    if (std::exchange(quickWorkWaits, true))
+        return;
+    asio::post(io, [this] {
+        quickWorkWaits = false;
+        router.beginQuickWork();
+    });
+}
+
+// False when the ordinary handler has to answer; nothing of the body is consumed then.
+asio::awaitable<bool> Session::answerQuickly(Exchange& exchange, const Match& match) {
+    if (!co_await collectBody(exchange)) {
+        exchange.aborted = true;
+        co_return true;
+    }
+    allowForever();
+    QuickReply reply;
+    const auto initiate = [this, &exchange, &match, &reply](auto resume) {
+        const auto shared = std::make_shared<decltype(resume)>(std::move(resume));
+        const auto answered = [&reply, shared, &io = m_context.io](QuickReply made) {
+            asio::post(io, [&reply, shared, made = std::move(made)]() mutable {
+                reply = std::move(made);
+                (*shared)();
+            });
+        };
+        match.route->quick(exchange.request, match.values, answered);
+        m_context.beginQuickWorkSoon();
+    };
+    co_await asio::async_initiate<const asio::use_awaitable_t<>, void()>(initiate, asio::use_awaitable);
+    exchange.request.user = std::move(reply.user);
+    if (reply.response) {
+        exchange.response = std::move(*reply.response);
+        exchange.request.body = {};
+        co_return true;
+    }
+    m_input.insert(0, exchange.request.body);
+    exchange.bodyLeft = std::exchange(exchange.bytesReceived, 0);
+    exchange.request.body = {};
+    co_return false;
 }
 
 asio::awaitable<void> Session::answerCollected(Exchange& exchange, const Match& match) {

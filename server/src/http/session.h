@@ -19,6 +19,10 @@ struct SessionContext {
     Metrics& metrics;
     std::uint64_t collectedBytes = 0; // of bodies in memory; I/O thread only
     bool stopping = false;
+    bool quickWorkWaits = false; // I/O thread only
+
+    // After the requests that have arrived by now.
+    void beginQuickWorkSoon();
 };
 
 class Session : public std::enable_shared_from_this<Session> {
@@ -40,6 +44,7 @@ private:
     asio::awaitable<bool> readHead(RequestHead& head);
     asio::awaitable<bool> serveOne(RequestHead head);
     asio::awaitable<void> answer(Exchange& exchange);
+    asio::awaitable<bool> answerQuickly(Exchange& exchange, const Match& match);
     asio::awaitable<void> answerCollected(Exchange& exchange, const Match& match);
     asio::awaitable<void> answerStreamed(Exchange& exchange, const Match& match);
     asio::awaitable<bool> collectBody(Exchange& exchange);

@@ -31,6 +31,21 @@ struct ListingState {
 
 using FinalisationOutcome = std::variant<FinalizedFile, ApiError>;
 
+// How a small call ended. A refused one left nothing.
+template <typename Result>
+struct SmallOutcome {
+    std::string user;              // empty when the token is not valid
+    std::uint64_t transaction = 0; // the same for what was committed together
+    std::variant<std::monostate, Result, ApiError> result;
+
+    // Nothing was done, since it is no small call, or not to be judged by one: the others tell.
+    bool isDeclined() const { return result.index() == 0; }
+};
+// Called once, on the catalogue's thread, when the call is committed or refused; must be quick and must not
+// throw.
+template <typename Result>
+using SmallDone = std::function<void(SmallOutcome<Result>)>;
+
 class CatalogStore {
 public:
     virtual ~CatalogStore() = default;
@@ -94,8 +109,6 @@ public:
     virtual void forgetChunks(Id upload, const std::vector<std::int64_t>& indexes) = 0;
     virtual void setContentSha256(Id upload, const std::optional<Sha256Digest>& sha256) = 0;
     virtual void clearSuspicion(Id upload) = 0;
-    // The chunks of an inline upload, one after another.
-    virtual std::string inlineChunks(Id upload) = 0;
     // Returns the name of its staging file.
     virtual std::string abandonUpload(const Caller& caller, Id id) = 0;
 
@@ -107,8 +120,24 @@ public:
     virtual std::optional<FinalizedFile> finalizedOfKey(const Caller& caller, const std::string& key) = 0;
     virtual FinalizedFile finalizedFile(Id file, std::int64_t version) = 0;
     // Makes the versions of a batch in one transaction, one outcome for each; a member that fails leaves
-    // nothing and does not touch the others.
+    // nothing and does not touch the others. The content of an inline upload is verified here; one that
+    // differs from its SHA-256 loses that.
     virtual std::vector<FinalisationOutcome> commit(std::span<const Finalisation> batch) = 0;
+
+    // --- the calls of a small upload: each returns at once and is one transaction with its caller's token,
+    // shared with whatever else waits. Declined for every token that is not valid ---
+    // Begins with what was submitted; nothing of it need begin earlier.
+    virtual void beginSmallCalls() = 0;
+    virtual void openUpload(const Sha256Digest& token, NewUpload upload, CallKey key,
+                            SmallDone<UploadRecord> done) = 0;
+    // The verified content of a chunk; declined unless it is one of an open inline upload and fits.
+    virtual void recordSmallChunk(const Sha256Digest& token, Id upload, const ReceivedChunk& chunk,
+                                  std::string content, const std::optional<Sha256Digest>& contentSha256,
+                                  SmallDone<ReceivedChunk> done) = 0;
+    // `request` without its caller and its sha256; declined unless it is done already or its upload is an
+    // open inline one.
+    virtual void finalizeSmall(const Sha256Digest& token, Finalisation request,
+                               SmallDone<FinalizedFile> done) = 0;
 
     // --- housekeeping ---
     // Tells that a process begins to serve. Uploads are suspect from here on unless the last one said

@@ -167,18 +167,18 @@ struct FinalizedFile {
     std::string name;
     std::int64_t size = 0;
     Sha256Digest sha256{};
+    bool isNew = false; // made by this very call
 };
 
-// One finalisation, its content verified and durable.
+// One finalisation. A content of inlineContentLimit bytes or more has been verified and is durable.
 struct Finalisation {
     Caller caller;
     Id uploadId = 0;
     CallKey key;
     std::string alias;
     std::string dataType;
-    std::string trace;         // JSON object
-    Sha256Digest sha256{};     // verified
-    std::string inlineContent; // of contents below inlineContentLimit
+    std::string trace;     // JSON object
+    Sha256Digest sha256{}; // verified; not of inline uploads, whose own one counts
 };
 
 } // namespace halvane::server

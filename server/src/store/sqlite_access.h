@@ -32,6 +32,9 @@ FolderAccess requireReadableFile(SqliteConnection& connection, const Caller& cal
 
 std::string groupIdsJson(const Caller& caller);
 
+// Nothing for an unknown or revoked token and for one that has expired at `now`.
+std::optional<Caller> findCaller(SqliteConnection& connection, const Sha256Digest& tokenHash, TimeMs now);
+
 struct CallResult {
     Id id = 0;
     std::int64_t version = 0;

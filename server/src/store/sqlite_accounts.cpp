@@ -45,6 +45,16 @@ std::vector<Group> groupsOf(SqliteConnection& connection, Id user) {
 
 } // namespace
 
+std::optional<Caller> findCaller(SqliteConnection& connection, const Sha256Digest& tokenHash, TimeMs now) {
+    Query query(connection,
+                "SELECT u.id, u.name, u.is_admin, t.expires_at FROM tokens t JOIN users u ON u.id = t.user_id"
+                " WHERE t.hash = ?1 AND t.expires_at > ?2");
+    if (!query.bind(std::span<const unsigned char>(tokenHash), now).next())
+        return std::nullopt;
+    return Caller{query.integer(0), query.text(1), query.integer(2) != 0,
+                  groupsOf(connection, query.integer(0)), query.integer(3)};
+}
+
 SqliteCatalog::SqliteCatalog(const std::string& path) : m_path(path), m_writer(path) {
     read([&](SqliteConnection& connection) { requireSchema(connection, path); });
 }
@@ -80,9 +90,9 @@ void SqliteCatalog::read(const std::function<void(SqliteConnection&)>& work) {
     if (!connection)
         connection = std::make_unique<SqliteConnection>(m_path);
     try {
-        connection->execute("BEGIN");
+        Query(*connection, "BEGIN").run();
         work(*connection);
-        connection->execute("COMMIT");
+        Query(*connection, "COMMIT").run();
     } catch (const SQLite::Exception& error) {
         throw connection->translated(error); // the connection is closed rather than used again
     } catch (const ApiError&) {
@@ -172,16 +182,7 @@ void SqliteCatalog::revokeToken(const Sha256Digest& hash) {
 
 std::optional<Caller> SqliteCatalog::callerOfToken(const Sha256Digest& hash, TimeMs now) {
     std::optional<Caller> result;
-    read([&](SqliteConnection& connection) {
-        Query query(
-            connection,
-            "SELECT u.id, u.name, u.is_admin, t.expires_at FROM tokens t JOIN users u ON u.id = t.user_id"
-            " WHERE t.hash = ?1 AND t.expires_at > ?2");
-        if (!query.bind(std::span<const unsigned char>(hash), now).next())
-            return;
-        result = Caller{query.integer(0), query.text(1), query.integer(2) != 0,
-                        groupsOf(connection, query.integer(0)), query.integer(3)};
-    });
+    read([&](SqliteConnection& connection) { result = findCaller(connection, hash, now); });
     return result;
 }
 

@@ -59,13 +59,21 @@ public:
     void forgetChunks(Id upload, const std::vector<std::int64_t>& indexes) override;
     void setContentSha256(Id upload, const std::optional<Sha256Digest>& sha256) override;
     void clearSuspicion(Id upload) override;
-    std::string inlineChunks(Id upload) override;
     std::string abandonUpload(const Caller& caller, Id id) override;
 
     std::optional<FinalizedFile> finalizedOfKey(const Caller& caller, const CallKey& key) override;
     std::optional<FinalizedFile> finalizedOfKey(const Caller& caller, const std::string& key) override;
     FinalizedFile finalizedFile(Id file, std::int64_t version) override;
     std::vector<FinalisationOutcome> commit(std::span<const Finalisation> batch) override;
+
+    void beginSmallCalls() override { m_writer.begin(); }
+    void openUpload(const Sha256Digest& token, NewUpload upload, CallKey key,
+                    SmallDone<UploadRecord> done) override;
+    void recordSmallChunk(const Sha256Digest& token, Id upload, const ReceivedChunk& chunk,
+                          std::string content, const std::optional<Sha256Digest>& contentSha256,
+                          SmallDone<ReceivedChunk> done) override;
+    void finalizeSmall(const Sha256Digest& token, Finalisation request,
+                       SmallDone<FinalizedFile> done) override;
 
     void beginServing() override;
     void endServing() override;

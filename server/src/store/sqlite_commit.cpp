@@ -1,6 +1,5 @@
 // The finalisations of the SQLite catalogue: the commit point of every version.
-#include "store/sqlite_access.h"
-#include "store/sqlite_catalog.h"
+#include "store/sqlite_small_call.h"
 
 namespace halvane::server {
 
@@ -15,6 +14,7 @@ struct OpenUpload {
     std::optional<std::int64_t> expectedVersion;
     std::optional<TimeMs> sourceModifiedAt;
     std::string blobName;
+    std::optional<Sha256Digest> contentSha256;
 };
 
 std::optional<FinalizedFile> findFinalized(SqliteConnection& connection, Id file, std::int64_t version) {
@@ -26,11 +26,18 @@ std::optional<FinalizedFile> findFinalized(SqliteConnection& connection, Id file
                          query.text(3),    query.integer(4), query.digest<Sha256Digest>(5)};
 }
 
+template <typename Key>
+std::optional<FinalizedFile> findFinalizedOfKey(SqliteConnection& connection, Id user, const Key& key) {
+    if (const auto earlier = findCallResult(connection, user, finalizeCall, key))
+        return findFinalized(connection, earlier->id, earlier->version);
+    return std::nullopt;
+}
+
 OpenUpload requireCompleteUpload(SqliteConnection& connection, const Finalisation& request) {
     Query query(connection,
                 "SELECT name, size, target_id, target_type, expected_version, source_modified_at, blob_name,"
-                " chunk_size, final_file, (SELECT count(*) FROM upload_chunks WHERE upload_id = ?1)"
-                " FROM uploads WHERE id = ?1 AND user_id = ?2");
+                " chunk_size, final_file, (SELECT count(*) FROM upload_chunks WHERE upload_id = ?1),"
+                " content_sha256 FROM uploads WHERE id = ?1 AND user_id = ?2");
     const std::string id = std::to_string(request.uploadId);
     if (!query.bind(request.uploadId, request.caller.userId).next())
         throw ApiError(ErrorCode::NotFound, "There is no upload with the id " + id + ".");
@@ -39,9 +46,46 @@ OpenUpload requireCompleteUpload(SqliteConnection& connection, const Finalisatio
     const std::int64_t chunkSize = query.integer(7);
     if (query.integer(9) != (query.integer(1) + chunkSize - 1) / chunkSize)
         throw ApiError(ErrorCode::UploadIncomplete, "The upload " + id + " lacks chunks.");
-    return {query.text(0),         query.integer(1),         query.integer(2),
-            query.integer(3) == 0, query.optionalInteger(4), query.optionalInteger(5),
-            query.text(6)};
+    return {query.text(0),
+            query.integer(1),
+            query.integer(2),
+            query.integer(3) == 0,
+            query.optionalInteger(4),
+            query.optionalInteger(5),
+            query.text(6),
+            query.isNull(10) ? std::nullopt : std::optional(query.digest<Sha256Digest>(10))};
+}
+
+std::string inlineContentOf(SqliteConnection& connection, Id upload) {
+    std::string content;
+    Query query(connection, "SELECT content FROM upload_chunks WHERE upload_id = ?1 ORDER BY position");
+    query.bind(upload);
+    while (query.next())
+        content += query.text(0);
+    return content;
+}
+
+// The content that becomes the version and its SHA-256.
+struct Content {
+    Sha256Digest sha256{};
+    std::optional<std::string> inlined;
+};
+
+// Nothing when the content of an inline upload differs from its SHA-256.
+std::optional<Content> verifiedContent(SqliteConnection& connection, const Finalisation& request,
+                                       const OpenUpload& upload) {
+    if (upload.size >= inlineContentLimit)
+        return Content{request.sha256, {}};
+    const std::string id = std::to_string(request.uploadId);
+    std::string content = inlineContentOf(connection, request.uploadId);
+    if (static_cast<std::int64_t>(content.size()) != upload.size)
+        throw ApiError(ErrorCode::UploadIncomplete, "The upload " + id + " lacks chunks.");
+    if (!upload.contentSha256)
+        throw ApiError(ErrorCode::UploadIncomplete,
+                       "The upload " + id + " lacks the SHA-256 of its content.");
+    if (Sha256::of(content) != *upload.contentSha256)
+        return std::nullopt;
+    return Content{*upload.contentSha256, std::move(content)};
 }
 
 struct Target {
@@ -87,13 +131,13 @@ Target newFileIn(SqliteConnection& connection, const Finalisation& request, cons
 }
 
 void insertVersion(SqliteConnection& connection, const Finalisation& request, const OpenUpload& upload,
-                   const Target& target, TimeMs now) {
+                   const Content& content, const Target& target, TimeMs now) {
     std::optional<Id> smallContent;
     std::optional<std::string> blobName;
-    if (upload.size < inlineContentLimit) {
-        const auto* data = reinterpret_cast<const unsigned char*>(request.inlineContent.data());
+    if (content.inlined) {
+        const auto* data = reinterpret_cast<const unsigned char*>(content.inlined->data());
         Query(connection, "INSERT INTO small_contents (content) VALUES (?1)")
-            .bind(std::span(data, request.inlineContent.size()))
+            .bind(std::span(data, content.inlined->size()))
             .run();
         smallContent = connection.database().getLastInsertRowid();
     } else {
@@ -103,7 +147,7 @@ void insertVersion(SqliteConnection& connection, const Finalisation& request, co
           "INSERT INTO versions (file_id, version, size, sha256, alias, data_type, source_modified_at,"
           " created_at, created_by, blob_name, small_content_id)"
           " VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11)")
-        .bind(target.fileId, target.version, upload.size, std::span<const unsigned char>(request.sha256),
+        .bind(target.fileId, target.version, upload.size, std::span<const unsigned char>(content.sha256),
               request.alias, request.dataType, upload.sourceModifiedAt, now, request.caller.userId, blobName,
               smallContent)
         .run();
@@ -120,25 +164,59 @@ void closeUpload(SqliteConnection& connection, Id upload, const Target& target, 
         .run();
 }
 
-FinalizedFile commitOne(SqliteConnection& connection, const Finalisation& request) {
+FinalisationOutcome commitOne(SqliteConnection& connection, const Finalisation& request) {
     const Id user = request.caller.userId;
-    if (const auto earlier = findCallResult(connection, user, finalizeCall, request.key))
-        if (auto file = findFinalized(connection, earlier->id, earlier->version))
-            return std::move(*file);
+    if (auto file = findFinalizedOfKey(connection, user, request.key))
+        return std::move(*file);
     const TimeMs now = currentTime();
     const OpenUpload upload = requireCompleteUpload(connection, request);
+    const std::optional<Content> content = verifiedContent(connection, request, upload);
+    if (!content) {
+        // Returned rather than thrown: that the SHA-256 is gone is to be committed.
+        Query(connection, "UPDATE uploads SET content_sha256 = NULL WHERE id = ?1")
+            .bind(request.uploadId)
+            .run();
+        return ApiError(ErrorCode::ChecksumMismatch,
+                        "The content of the upload " + std::to_string(request.uploadId) +
+                            " differs from its SHA-256; the file changed while it was sent.");
+    }
     const Target target = upload.isNewVersion ? newVersionOf(connection, request, upload)
                                               : newFileIn(connection, request, upload, now);
-    insertVersion(connection, request, upload, target, now);
+    insertVersion(connection, request, upload, *content, target, now);
     closeUpload(connection, request.uploadId, target, now);
     rememberCallResult(connection, user, finalizeCall, request.key, {target.fileId, target.version});
-    return findFinalized(connection, target.fileId, target.version).value();
+    FinalizedFile made = findFinalized(connection, target.fileId, target.version).value();
+    made.isNew = true;
+    return made;
+}
+
+// Whether a finalisation of a small upload is all that there is to do.
+bool isOpenInline(SqliteConnection& connection, Id user, Id upload) {
+    Query query(connection, "SELECT size FROM uploads WHERE id = ?1 AND user_id = ?2 AND final_file IS NULL"
+                            " AND expires_at > ?3");
+    return query.bind(upload, user, currentTime()).next() && query.integer(0) < inlineContentLimit;
 }
 
 } // namespace
 
+void SqliteCatalog::finalizeSmall(const Sha256Digest& token, Finalisation request,
+                                  SmallDone<FinalizedFile> done) {
+    const auto finalize = [request = std::make_shared<Finalisation>(std::move(request))](
+                              SqliteConnection& connection,
+                              const Caller& caller) -> SmallResult<FinalizedFile> {
+        request->caller = caller;
+        if (auto file = findFinalizedOfKey(connection, caller.userId, request->key))
+            return std::move(*file);
+        if (!isOpenInline(connection, caller.userId, request->uploadId))
+            return {};
+        return std::visit([](auto&& outcome) -> SmallResult<FinalizedFile> { return std::move(outcome); },
+                          commitOne(connection, *request));
+    };
+    submitSmall<FinalizedFile>(m_writer, Durability::Flushed, token, finalize, std::move(done));
+}
+
 std::vector<FinalisationOutcome> SqliteCatalog::commit(std::span<const Finalisation> batch) {
-    std::vector<FinalizedFile> files(batch.size());
+    std::vector<FinalisationOutcome> files(batch.size());
     std::vector<SqliteWriter::Work> works;
     works.reserve(batch.size());
     for (std::size_t i = 0; i < batch.size(); ++i)
@@ -150,7 +228,7 @@ std::vector<FinalisationOutcome> SqliteCatalog::commit(std::span<const Finalisat
     for (std::size_t i = 0; i < batch.size(); ++i) {
         try {
             done[i].get();
-            outcomes.emplace_back(std::move(files[i]));
+            outcomes.push_back(std::move(files[i]));
         } catch (const ApiError& error) {
             outcomes.emplace_back(error);
         } catch (const std::exception& error) {
@@ -162,19 +240,13 @@ std::vector<FinalisationOutcome> SqliteCatalog::commit(std::span<const Finalisat
 
 std::optional<FinalizedFile> SqliteCatalog::finalizedOfKey(const Caller& caller, const CallKey& key) {
     std::optional<FinalizedFile> result;
-    read([&](SqliteConnection& connection) {
-        if (const auto earlier = findCallResult(connection, caller.userId, finalizeCall, key))
-            result = findFinalized(connection, earlier->id, earlier->version);
-    });
+    read([&](SqliteConnection& connection) { result = findFinalizedOfKey(connection, caller.userId, key); });
     return result;
 }
 
 std::optional<FinalizedFile> SqliteCatalog::finalizedOfKey(const Caller& caller, const std::string& key) {
     std::optional<FinalizedFile> result;
-    read([&](SqliteConnection& connection) {
-        if (const auto earlier = findCallResult(connection, caller.userId, finalizeCall, key))
-            result = findFinalized(connection, earlier->id, earlier->version);
-    });
+    read([&](SqliteConnection& connection) { result = findFinalizedOfKey(connection, caller.userId, key); });
     return result;
 }
 

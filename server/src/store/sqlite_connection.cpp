@@ -54,14 +54,17 @@ ApiError SqliteConnection::translated(const SQLite::Exception& error) {
 }
 
 std::unique_ptr<SQLite::Statement> SqliteConnection::take(std::string_view sql) {
-    const auto found = m_idle.find(std::string(sql));
+    const auto found = m_idle.find(sql);
     if (found == m_idle.end() || !found->second)
         return std::make_unique<SQLite::Statement>(m_database, std::string(sql));
     return std::move(found->second);
 }
 
 void SqliteConnection::giveBack(std::string_view sql, std::unique_ptr<SQLite::Statement> statement) {
-    m_idle[std::string(sql)] = std::move(statement);
+    if (const auto found = m_idle.find(sql); found != m_idle.end())
+        found->second = std::move(statement);
+    else
+        m_idle.emplace(sql, std::move(statement));
 }
 
 Query::Query(SqliteConnection& connection, std::string_view sql)

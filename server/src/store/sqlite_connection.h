@@ -5,6 +5,7 @@
 
 #include <SQLiteCpp/SQLiteCpp.h>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <span>
@@ -30,11 +31,16 @@ public:
 
 private:
     friend class Query;
+    // Finds a statement by its text without a copy of it.
+    struct HashOfText {
+        using is_transparent = void;
+        std::size_t operator()(std::string_view text) const { return std::hash<std::string_view>()(text); }
+    };
     std::unique_ptr<SQLite::Statement> take(std::string_view sql);
     void giveBack(std::string_view sql, std::unique_ptr<SQLite::Statement> statement);
 
     SQLite::Database m_database;
-    std::unordered_map<std::string, std::unique_ptr<SQLite::Statement>> m_idle;
+    std::unordered_map<std::string, std::unique_ptr<SQLite::Statement>, HashOfText, std::equal_to<>> m_idle;
 };
 
 // One use of a prepared statement, which is reset and kept when this goes. Failures are SQLite::Exception.

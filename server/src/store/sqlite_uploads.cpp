@@ -1,6 +1,5 @@
 // The open uploads of the SQLite catalogue.
-#include "store/sqlite_access.h"
-#include "store/sqlite_catalog.h"
+#include "store/sqlite_small_call.h"
 
 #include <chrono>
 
@@ -105,22 +104,69 @@ void deleteUpload(SqliteConnection& connection, Id id) {
     Query(connection, "DELETE FROM uploads WHERE id = ?1").bind(id).run();
 }
 
+UploadRecord openOne(SqliteConnection& connection, const Caller& caller, const NewUpload& upload,
+                     const CallKey& key) {
+    if (const auto earlier = findCallResult(connection, caller.userId, openUploadCall, key)) {
+        UploadRecord known = requireOpenUpload(connection, caller, earlier->id);
+        readChunks(connection, known);
+        return known;
+    }
+    requireTarget(connection, caller, upload);
+    const Id id = insertUpload(connection, caller, upload);
+    rememberCallResult(connection, caller.userId, openUploadCall, key, {id, 0});
+    return requireOpenUpload(connection, caller, id);
+}
+
+void storeChunk(SqliteConnection& connection, Id upload, const ReceivedChunk& chunk,
+                const std::string& content, const std::optional<Sha256Digest>& contentSha256) {
+    const auto bytes = std::span(reinterpret_cast<const unsigned char*>(content.data()), content.size());
+    Query(connection, "INSERT INTO upload_chunks (upload_id, position, xxh3, content) VALUES (?1, ?2, ?3, ?4)"
+                      " ON CONFLICT (upload_id, position) DO UPDATE SET xxh3 = excluded.xxh3, content = "
+                      "excluded.content")
+        .bind(upload, chunk.index, std::span<const unsigned char>(chunk.xxh3),
+              content.empty() ? std::optional<std::span<const unsigned char>>() : bytes)
+        .run();
+    const TimeMs expires = currentTime() + uploadLifetime;
+    Query(connection, "UPDATE uploads SET expires_at = ?2, content_sha256 = COALESCE(?3, content_sha256)"
+                      " WHERE id = ?1 AND (?3 IS NOT NULL OR expires_at < ?4)")
+        .bind(upload, expires,
+              contentSha256 ? std::optional<std::span<const unsigned char>>(*contentSha256) : std::nullopt,
+              expires - expiryStep)
+        .run();
+}
+
 } // namespace
 
 UploadRecord SqliteCatalog::openUpload(const Caller& caller, const NewUpload& upload, const CallKey& key) {
     UploadRecord result;
-    m_writer.run(Durability::Relaxed, [&](SqliteConnection& connection) {
-        if (const auto earlier = findCallResult(connection, caller.userId, openUploadCall, key)) {
-            result = requireOpenUpload(connection, caller, earlier->id);
-            readChunks(connection, result);
-            return;
-        }
-        requireTarget(connection, caller, upload);
-        const Id id = insertUpload(connection, caller, upload);
-        rememberCallResult(connection, caller.userId, openUploadCall, key, {id, 0});
-        result = requireOpenUpload(connection, caller, id);
-    });
+    m_writer.run(Durability::Relaxed,
+                 [&](SqliteConnection& connection) { result = openOne(connection, caller, upload, key); });
     return result;
+}
+
+void SqliteCatalog::openUpload(const Sha256Digest& token, NewUpload upload, CallKey key,
+                               SmallDone<UploadRecord> done) {
+    const auto open = [upload = std::move(upload), key = std::move(key)](
+                          SqliteConnection& connection, const Caller& caller) -> SmallResult<UploadRecord> {
+        return openOne(connection, caller, upload, key);
+    };
+    submitSmall<UploadRecord>(m_writer, Durability::Relaxed, token, open, std::move(done));
+}
+
+void SqliteCatalog::recordSmallChunk(const Sha256Digest& token, Id id, const ReceivedChunk& chunk,
+                                     std::string content, const std::optional<Sha256Digest>& contentSha256,
+                                     SmallDone<ReceivedChunk> done) {
+    const auto record = [=,
+                         content = std::move(content)](SqliteConnection& connection,
+                                                       const Caller& caller) -> SmallResult<ReceivedChunk> {
+        const UploadRecord upload = requireOpenUpload(connection, caller, id);
+        if (!isInline(upload) || chunk.index >= upload.chunkCount() ||
+            upload.chunkLength(chunk.index) != static_cast<std::int64_t>(content.size()))
+            return {};
+        storeChunk(connection, id, chunk, content, contentSha256);
+        return chunk;
+    };
+    submitSmall<ReceivedChunk>(m_writer, Durability::Relaxed, token, record, std::move(done));
 }
 
 UploadRecord SqliteCatalog::upload(const Caller& caller, Id id) {
@@ -175,23 +221,7 @@ void SqliteCatalog::recordChunk(Id upload, const ReceivedChunk& chunk, const std
             if (!known.bind(upload).next())
                 throw uploadGone(upload, "is gone");
         }
-        Query insert(connection,
-                     "INSERT INTO upload_chunks (upload_id, position, xxh3, content) VALUES (?1, ?2, ?3, ?4)"
-                     " ON CONFLICT (upload_id, position) DO UPDATE SET xxh3 = excluded.xxh3, content = "
-                     "excluded.content");
-        const auto bytes = std::span(reinterpret_cast<const unsigned char*>(content.data()), content.size());
-        insert
-            .bind(upload, chunk.index, std::span<const unsigned char>(chunk.xxh3),
-                  content.empty() ? std::optional<std::span<const unsigned char>>() : bytes)
-            .run();
-        const TimeMs expires = currentTime() + uploadLifetime;
-        Query(connection, "UPDATE uploads SET expires_at = ?2, content_sha256 = COALESCE(?3, content_sha256)"
-                          " WHERE id = ?1 AND (?3 IS NOT NULL OR expires_at < ?4)")
-            .bind(upload, expires,
-                  contentSha256 ? std::optional<std::span<const unsigned char>>(*contentSha256)
-                                : std::nullopt,
-                  expires - expiryStep)
-            .run();
+        storeChunk(connection, upload, chunk, content, contentSha256);
     });
 }
 
@@ -219,17 +249,6 @@ void SqliteCatalog::clearSuspicion(Id upload) {
     m_writer.run(Durability::Relaxed, [&](SqliteConnection& connection) {
         Query(connection, "UPDATE uploads SET suspect = 0 WHERE id = ?1").bind(upload).run();
     });
-}
-
-std::string SqliteCatalog::inlineChunks(Id upload) {
-    std::string content;
-    read([&](SqliteConnection& connection) {
-        Query query(connection, "SELECT content FROM upload_chunks WHERE upload_id = ?1 ORDER BY position");
-        query.bind(upload);
-        while (query.next())
-            content += query.text(0);
-    });
-    return content;
 }
 
 std::string SqliteCatalog::abandonUpload(const Caller& caller, Id id) {

@@ -10,8 +10,11 @@ namespace {
 
 // Pages of 4 KiB: from the first on the log is copied into the database beside the writes; at the second the
 // writer waits for that.
-constexpr int backgroundCheckpointPages = 1000;
+constexpr int backgroundCheckpointPages = 4000;
 constexpr int forcedCheckpointPages = 16'384;
+
+// What it has written stays valid: nobody else writes but the commands of an administrator.
+constexpr const char* cacheSize = "PRAGMA cache_size=-8000";
 
 int rememberWalPages(void* pages, sqlite3*, const char*, int count) {
     *static_cast<int*>(pages) = count;
@@ -21,6 +24,7 @@ int rememberWalPages(void* pages, sqlite3*, const char*, int count) {
 } // namespace
 
 SqliteWriter::SqliteWriter(const std::string& path) : m_path(path), m_connection(path) {
+    m_connection.execute(cacheSize);
     sqlite3_wal_hook(m_connection.database().getHandle(), rememberWalPages, &m_walPages);
     m_checkpointThread = std::thread([this] { checkpointMain(); });
     m_thread = std::thread([this] { threadMain(); });
@@ -48,13 +52,21 @@ void SqliteWriter::Pending::get() {
         std::rethrow_exception(failure);
 }
 
+void SqliteWriter::submit(Durability durability, Work work, Done done) {
+    const std::lock_guard lock(m_mutex);
+    m_queue.push_back({durability, std::move(work), std::move(done)});
+}
+
 std::vector<SqliteWriter::Pending> SqliteWriter::submit(Durability durability, std::vector<Work> works) {
     std::vector<Pending> results;
     {
         const std::lock_guard lock(m_mutex);
         for (Work& work : works) {
-            m_queue.push_back({durability, std::move(work), {}});
-            results.emplace_back(m_queue.back().done.get_future());
+            auto promise = std::make_shared<std::promise<std::exception_ptr>>();
+            results.emplace_back(promise->get_future());
+            m_queue.push_back({durability, std::move(work), [promise](std::exception_ptr failure) {
+                                   promise->set_value(std::move(failure));
+                               }});
         }
     }
     m_wake.notify_one();
@@ -85,7 +97,7 @@ void SqliteWriter::process(std::vector<Job>& batch) {
         runAlone(job);
 }
 
-// False when the whole transaction failed and nothing of it happened; the promises are untouched then.
+// False when the whole transaction failed and nothing of it happened; nobody has been told anything then.
 bool SqliteWriter::runTogether(std::vector<Job>& batch) {
     std::vector<std::exception_ptr> failures(batch.size());
     const bool flushed = std::any_of(batch.begin(), batch.end(),
@@ -93,7 +105,7 @@ bool SqliteWriter::runTogether(std::vector<Job>& batch) {
     try {
         prepareTransaction(flushed ? Durability::Flushed : Durability::Relaxed);
         for (std::size_t i = 0; i < batch.size(); ++i) {
-            m_connection.execute("SAVEPOINT member");
+            Query(m_connection, "SAVEPOINT member").run();
             try {
                 batch[i].work(m_connection);
             } catch (...) {
@@ -102,20 +114,20 @@ bool SqliteWriter::runTogether(std::vector<Job>& batch) {
                     return false;
                 m_connection.execute("ROLLBACK TO member");
             }
-            m_connection.execute("RELEASE member");
+            Query(m_connection, "RELEASE member").run();
         }
-        m_connection.execute("COMMIT");
+        Query(m_connection, "COMMIT").run();
     } catch (const SQLite::Exception&) {
         rollBack();
         return false;
     }
     for (std::size_t i = 0; i < batch.size(); ++i)
-        batch[i].done.set_value(std::move(failures[i]));
+        batch[i].done(std::move(failures[i]));
     return true;
 }
 
 void SqliteWriter::runAlone(Job& job) {
-    job.done.set_value(failureOf(job));
+    job.done(failureOf(job));
 }
 
 // Null when it is committed.
@@ -123,7 +135,7 @@ std::exception_ptr SqliteWriter::failureOf(const Job& job) {
     try {
         prepareTransaction(job.durability);
         job.work(m_connection);
-        m_connection.execute("COMMIT");
+        Query(m_connection, "COMMIT").run();
     } catch (...) {
         std::exception_ptr failure = translatedCurrent();
         rollBack();
@@ -138,7 +150,8 @@ void SqliteWriter::prepareTransaction(Durability durability) {
                                                                : "PRAGMA synchronous=NORMAL");
         m_synchronous = durability;
     }
-    m_connection.execute("BEGIN IMMEDIATE");
+    Query(m_connection, "BEGIN IMMEDIATE").run();
+    ++m_transaction;
 }
 
 void SqliteWriter::rollBack() {

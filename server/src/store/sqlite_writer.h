@@ -5,6 +5,7 @@
 #include "store/sqlite_connection.h"
 
 #include <condition_variable>
+#include <cstdint>
 #include <deque>
 #include <exception>
 #include <functional>
@@ -30,6 +31,9 @@ public:
     // must only touch the connection and its own outputs. What it throws rolls its own changes back and goes
     // to the submitter.
     using Work = std::function<void(SqliteConnection&)>;
+    // Called once on the writer's thread: with null when the work is committed (and flushed, where that was
+    // asked for), else with what it threw. Must be quick and must not throw.
+    using Done = std::function<void(std::exception_ptr)>;
 
     // The end of one work, which its submitter waits for. Once the submitter has the failure it alone holds
     // it.
@@ -50,15 +54,21 @@ public:
 
     // Blocks until the work is committed. Throws ApiError.
     void run(Durability durability, Work work);
+    // Queues the work and returns at once. It need not begin before begin() is called: who submits several
+    // has them in one transaction.
+    void submit(Durability durability, Work work, Done done);
     // Queues all of them next to each other, so that they come into one transaction as far as a batch holds
     // them.
     std::vector<Pending> submit(Durability durability, std::vector<Work> works);
+    void begin() { m_wake.notify_one(); }
+    // The number of the transaction that is being made or has just been committed; for works and their ends.
+    std::uint64_t transaction() const { return m_transaction; }
 
 private:
     struct Job {
         Durability durability;
         Work work;
-        std::promise<std::exception_ptr> done;
+        Done done;
     };
 
     static constexpr std::size_t maximumBatch = 256;
@@ -79,6 +89,7 @@ private:
     SqliteConnection m_connection;
     Durability m_synchronous = Durability::Flushed;
     int m_walPages = 0;
+    std::uint64_t m_transaction = 0; // of the writer's thread alone
 
     std::mutex m_mutex;
     std::condition_variable m_wake;

@@ -70,23 +70,15 @@ void Finalizer::run(Finalisation request) {
     }
     const UploadRecord upload = m_catalog.uploadWithoutChunks(request.caller, request.uploadId);
     if (isInline(upload))
-        runInline(std::move(request), upload);
+        runInline(std::move(request));
     else
         runStaged(std::move(request), upload);
 }
 
-void Finalizer::runInline(Finalisation request, const UploadRecord& upload) {
-    request.inlineContent = m_catalog.inlineChunks(upload.id);
-    if (static_cast<std::int64_t>(request.inlineContent.size()) != upload.size)
-        throw ApiError(ErrorCode::UploadIncomplete,
-                       "The upload " + std::to_string(upload.id) + " lacks chunks.");
-    request.sha256 = Sha256::of(request.inlineContent);
-    if (request.sha256 != requireDigest(upload)) {
-        m_catalog.setContentSha256(upload.id, std::nullopt);
-        throw mismatch(upload.id, 0);
-    }
+void Finalizer::runInline(Finalisation request) {
+    const Id id = request.uploadId;
     m_committer.submit(std::move(request), {},
-                       [this, id = upload.id](const FinalisationOutcome& outcome) { conclude(id, outcome); });
+                       [this, id](const FinalisationOutcome& outcome) { conclude(id, outcome); });
 }
 
 void Finalizer::runStaged(Finalisation request, const UploadRecord& upload) {

@@ -14,7 +14,7 @@ public:
 
     Finalizer(CatalogStore& catalog, UploadSessions& sessions, Committer& committer, WorkerPool& hashing);
 
-    // `request` without sha256 and inlineContent. `done` is called once, on any thread, when the version is
+    // `request` without sha256. `done` is called once, on any thread, when the version is
     // durable or the finalisation failed.
     void finalize(Finalisation request, Done done);
 
@@ -26,7 +26,7 @@ private:
 
     bool attach(const Finalisation& request, Done& done);
     void run(Finalisation request);
-    void runInline(Finalisation request, const UploadRecord& upload);
+    void runInline(Finalisation request);
     void runStaged(Finalisation request, const UploadRecord& upload);
     void verifyStaged(UploadSession& session, const UploadRecord& upload);
     void conclude(Id upload, const FinalisationOutcome& outcome);
