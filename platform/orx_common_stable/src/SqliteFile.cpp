@@ -30,7 +30,6 @@ namespace orx {
 
 namespace {
 
-constexpr int kBusyTimeoutMs = 10'000;
 //! Of the writes that are done together: who came first should not wait for many.
 constexpr size_t kMostTogether = 64;
 
@@ -101,11 +100,12 @@ void createSchema(Connection& database, const SqliteFile::Format& format) {
 //! Switching to WAL and opening during another process's recovery may answer "busy" without asking the busy
 //! handler, so that the whole step is repeated until its time is up.
 std::unique_ptr<Connection> openDatabase(const QString& path, const SqliteFile::Format& format) {
-    const QDeadlineTimer deadline(kBusyTimeoutMs);
+    const QDeadlineTimer deadline(format.busyTimeout);
     for (;;) {
         try {
-            auto database = std::make_unique<Connection>(QFile::encodeName(path).toStdString(),
-                                                         SQLite::OPEN_READWRITE, kBusyTimeoutMs);
+            auto database =
+                std::make_unique<Connection>(QFile::encodeName(path).toStdString(), SQLite::OPEN_READWRITE,
+                                             int(format.busyTimeout.count()));
             if (schemaVersion(*database) > format.version)
                 return database;
             database->execAndGet("PRAGMA journal_mode = WAL");
@@ -225,6 +225,11 @@ QString SqliteFile::path() const {
     return d->path;
 }
 
+qsizetype SqliteFile::waitingWrites() const {
+    const QMutexLocker lock(&d->lineMutex);
+    return qsizetype(d->line.size());
+}
+
 KeptStatement::~KeptStatement() {
     if (!m_statement)
         return;
@@ -267,13 +272,22 @@ void SqliteFile::Private::alone(Waiting& waiting) {
 
 //! False: nothing of it is kept, for a reason that one of them gets when it is done alone.
 bool SqliteFile::Private::together(Access access, const std::vector<Waiting*>& batch) {
+    bool isBegun = false;
     try {
         if (ensureOpen().hasError())
             return false;
-        carryOut(access, [&batch](SQLite::Database& connection) {
+        carryOut(access, [&batch, &isBegun](SQLite::Database& connection) {
+            isBegun = true;
             for (const Waiting* waiting : batch)
                 waiting->work(connection);
         });
+        return true;
+    } catch (const SQLite::Exception& exception) {
+        if (isBegun || exception.getErrorCode() != SQLITE_BUSY)
+            return false;
+        // They have waited for the other process together, and not each once more.
+        for (Waiting* waiting : batch)
+            waiting->result = ORX_ECATCH(failure(exception));
         return true;
     } catch (...) {
         return false;

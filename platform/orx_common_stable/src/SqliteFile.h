@@ -4,6 +4,7 @@
 
 #include <QString>
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -58,6 +59,8 @@ public:
         //! Called when the file is damaged; when it returns true, the file was set aside and the work is
         //! tried once more. May be empty.
         std::function<bool(const QString& path, const QString& reason)> onDamage;
+        //! How long a write waits for another process.
+        std::chrono::milliseconds busyTimeout{10'000};
     };
     using Work = std::function<void(SQLite::Database&)>;
 
@@ -71,6 +74,8 @@ public:
     //! The statement of the text \a sql. \a database: what a work is given; one at a time of each text.
     static KeptStatement prepared(SQLite::Database& database, const std::string& sql);
     QString path() const;
+    //! How many writes of this process wait for one that runs.
+    qsizetype waitingWrites() const;
 
 private:
     struct Private;

@@ -84,17 +84,25 @@ protected:
             });
     }
 
-    //! Repeats \a round, in which writes wait for each other only by chance, until it is true.
-    static bool happens(const std::function<bool()>& round) {
-        for (int index = 0; index < 5'000; ++index)
-            if (round())
-                return true;
-        return false;
+    //! Calls \a work with 0, 1, ... on threads of their own while another write runs, which ends when they
+    //! wait.
+    void whileOneRuns(int threads, const std::function<void(int)>& work) {
+        std::latch running(1);
+        std::jthread holder([this, threads, &running] {
+            const auto hold = [this, threads, &running, isTold = false](SQLite::Database&) mutable {
+                if (!std::exchange(isTold, true))
+                    running.count_down();
+                while (m_file.waitingWrites() < threads)
+                    std::this_thread::yield();
+            };
+            EXPECT_FALSE(m_file.run(Access::WriteRelaxed, hold).hasError());
+        });
+        running.wait();
+        sideBySide(threads, work);
     }
 
     QTemporaryDir m_dir;
     SqliteFile m_file{m_dir.filePath(QStringLiteral("numbers.sqlite")), format()};
-    int m_next = 0;
 };
 
 } // namespace
@@ -112,70 +120,92 @@ TEST_F(SqliteFileTest, WhatManyWriteAtOnceIsThereOnce) {
 
 TEST_F(SqliteFileTest, WritesThatWaitAreFlushedTogether) {
     ASSERT_FALSE(add(-1).hasError());
-    EXPECT_TRUE(happens([this] {
-        const int before = flushes;
-        const int first = m_next;
-        m_next += 4;
-        sideBySide(4, [this, first](int index) { EXPECT_FALSE(add(first + index).hasError()); });
-        return flushes - before < 4;
-    }));
-    EXPECT_EQ(count(), m_next + 1);
+    const int before = flushes;
+    whileOneRuns(4, [this](int index) { EXPECT_FALSE(add(index).hasError()); });
+    EXPECT_EQ(flushes - before, 1);
+    EXPECT_EQ(count(), 5);
+}
+
+TEST_F(SqliteFileTest, OfMoreThanAreDoneTogetherEachIsDone) {
+    ASSERT_FALSE(add(-1).hasError());
+    const int before = flushes;
+    whileOneRuns(70, [this](int index) { EXPECT_FALSE(add(index).hasError()); });
+    EXPECT_EQ(flushes - before, 2);
+    EXPECT_EQ(count(), 71);
+}
+
+TEST_F(SqliteFileTest, RelaxedWritesAreNotFlushedForOthers) {
+    ASSERT_FALSE(add(-1).hasError());
+    const int before = flushes;
+    whileOneRuns(4, [this](int index) {
+        EXPECT_FALSE(add(index, index < 2 ? Access::Write : Access::WriteRelaxed).hasError());
+    });
+    EXPECT_EQ(flushes - before, 1);
+    EXPECT_EQ(count(), 5);
 }
 
 TEST_F(SqliteFileTest, EachWriteThatIsAloneIsFlushedAndARelaxedOneIsNot) {
     ASSERT_FALSE(add(-1).hasError());
     for (int index = 0; index < 3; ++index) {
         int before = flushes;
-        ASSERT_FALSE(add(m_next++).hasError());
+        ASSERT_FALSE(add(2 * index).hasError());
         EXPECT_EQ(flushes - before, 1);
         before = flushes;
-        ASSERT_FALSE(add(m_next++, Access::WriteRelaxed).hasError());
+        ASSERT_FALSE(add(2 * index + 1, Access::WriteRelaxed).hasError());
         EXPECT_EQ(flushes - before, 0);
     }
 }
 
 TEST_F(SqliteFileTest, OneThatFailsAmongOthersFailsAlone) {
     ASSERT_FALSE(add(-1).hasError());
-    EXPECT_TRUE(happens([this] {
-        std::atomic<int> calls = 0;
-        const int first = m_next;
-        m_next += 3;
-        sideBySide(4, [&](int index) {
-            if (index < 3) {
-                EXPECT_FALSE(add(first + index).hasError());
-                return;
-            }
-            const Error error = m_file.run(Access::Write, [&calls](SQLite::Database& database) {
+    std::atomic<int> calls = 0;
+    whileOneRuns(4, [this, &calls](int index) {
+        const Error error = m_file.run(Access::Write, [index, &calls](SQLite::Database& database) {
+            insert(database, index);
+            if (index == 3) {
                 ++calls;
-                insert(database, -2); // is not kept
                 insert(database, -1); // is there already
-            });
-            EXPECT_TRUE(error.hasError());
+            }
         });
-        return calls == 2; // with others first, and then alone
-    }));
-    EXPECT_EQ(count(), m_next + 1);
+        EXPECT_EQ(error.hasError(), index == 3) << index;
+    });
+    EXPECT_EQ(calls, 2) << "with the others, and then alone";
+    EXPECT_EQ(count(), 4);
 }
 
 TEST_F(SqliteFileTest, WhatAWorkThrowsReachesItsOwnCaller) {
-    EXPECT_TRUE(happens([this] {
-        std::atomic<int> calls = 0;
-        const int first = m_next;
-        m_next += 3;
-        sideBySide(4, [&](int index) {
-            if (index < 3) {
-                EXPECT_FALSE(add(first + index).hasError());
-                return;
-            }
-            const auto work = [&calls](SQLite::Database&) {
-                ++calls;
-                throw std::runtime_error("of the fourth");
-            };
-            EXPECT_THROW((void)m_file.run(Access::Write, work), std::runtime_error);
-        });
-        return calls == 2;
-    }));
-    EXPECT_EQ(count(), m_next);
+    std::atomic<int> calls = 0;
+    whileOneRuns(4, [this, &calls](int index) {
+        if (index < 3) {
+            EXPECT_FALSE(add(index).hasError());
+            return;
+        }
+        const auto work = [&calls](SQLite::Database&) {
+            ++calls;
+            throw std::runtime_error("of the fourth");
+        };
+        EXPECT_THROW((void)m_file.run(Access::Write, work), std::runtime_error);
+    });
+    EXPECT_EQ(calls, 2);
+    EXPECT_EQ(count(), 3);
+}
+
+TEST_F(SqliteFileTest, ThoseWhoWaitInVainForAnotherProcessAllHearOfIt) {
+    SqliteFile::Format impatient = format();
+    impatient.busyTimeout = std::chrono::milliseconds(50);
+    SqliteFile file(m_dir.filePath(QStringLiteral("other.sqlite")), impatient);
+    ASSERT_FALSE(file.run(Access::Write, [](SQLite::Database& database) { insert(database, 1); }).hasError());
+    SQLite::Database other(file.path().toStdString(), SQLite::OPEN_READWRITE);
+    other.exec("BEGIN IMMEDIATE");
+    std::atomic<int> calls = 0;
+    std::atomic<int> busy = 0;
+    sideBySide(4, [&file, &calls, &busy](int) {
+        busy += file.run(Access::Write, [&calls](SQLite::Database&) { ++calls; }).is(ErrorCode::Busy);
+    });
+    EXPECT_EQ(busy, 4);
+    EXPECT_EQ(calls, 0);
+    other.exec("ROLLBACK");
+    EXPECT_FALSE(file.run(Access::Write, [](SQLite::Database& database) { insert(database, 2); }).hasError());
 }
 
 TEST_F(SqliteFileTest, AKeptStatementHasNothingOfItsLastUse) {

@@ -62,12 +62,13 @@ void JournalHold::remove() {
 void JournalHold::awaitReleases() {
     const std::lock_guard running(pending().running);
     const Changes changes = pending().takeAll();
-    if (changes.empty())
+    if (changes.empty() || !HalvaneUploadJournal::end(changes).hasError())
         return;
-    // The records are free again at the latest when this process ends, and a finished upload is settled by
-    // them: the failure is worth a line only.
-    if (const Error error = HalvaneUploadJournal::end(changes); error.hasError())
-        qCWarning(errorLog).noquote() << error.errorMessage();
+    // What kept one from being recorded may be over for the next. A record is free again at the latest when
+    // this process ends, and a finished upload is settled by it: the failure is worth a line only.
+    for (const auto& change : changes)
+        if (const Error error = HalvaneUploadJournal::end({change}); error.hasError())
+            qCWarning(errorLog).noquote() << error.errorMessage();
 }
 
 } // namespace orx

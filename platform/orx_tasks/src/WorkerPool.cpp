@@ -65,9 +65,9 @@ WorkerPool& WorkerPool::instance() {
 
 WorkerPool::WorkerPool() : d(new Private) {}
 
+// What is shared stays: another thread may be about to wake a worker.
 WorkerPool::~WorkerPool() {
     end();
-    delete d;
 }
 
 void WorkerPool::end() {
