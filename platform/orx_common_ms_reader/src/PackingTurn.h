@@ -12,8 +12,8 @@ namespace orx::vonk {
 struct TurnWish;
 
 //! Leave to pack on a worker of the pool: as many packings as half of the pool has workers, so that packings
-//! leave the other half to everything else, and no more than summaries are made at a time, so that none waits for that.
-//! Given back when it is destroyed. Thread: any.
+//! leave the other half to everything else, and no more than summaries are made at a time, so that none waits
+//! for that. Given back when it is destroyed. Thread: any.
 class ORX_COMMON_MS_READER_EXPORT PackingTurn {
 public:
     static int count();
