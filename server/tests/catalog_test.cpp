@@ -8,6 +8,7 @@
 #include "uploads/sweeper.h"
 #include "uploads/upload_sessions.h"
 
+#include <array>
 #include <filesystem>
 #include <fstream>
 #include <future>
@@ -162,13 +163,45 @@ TEST_F(SmallCallsTest, AreDeclinedForAStagedUploadAndForAChunkThatDoesNotFit) {
     EXPECT_TRUE(m_catalog->upload(m_admin, small).chunks.empty());
 }
 
-TEST_F(SmallCallsTest, AContentThatDiffersFromItsSha256IsNoVersionAndLosesIt) {
+TEST_F(SmallCallsTest, AContentThatDiffersFromItsSha256IsDeclinedAndChangesNothing) {
     const Id id = m_catalog->openUpload(m_admin, newUpload("a", 7), {}).id;
     EXPECT_FALSE(record(id, "CONTENT").isDeclined());
-    EXPECT_EQ(std::get<ApiError>(finalize(id).result).code(), ErrorCode::ChecksumMismatch);
-    EXPECT_FALSE(m_catalog->upload(m_admin, id).contentSha256);
+    EXPECT_TRUE(finalize(id).isDeclined());
+    EXPECT_TRUE(m_catalog->upload(m_admin, id).contentSha256);
     EXPECT_FALSE(record(id, "content").isDeclined());
     EXPECT_TRUE(std::get<FinalizedFile>(finalize(id).result).isNew);
+}
+
+TEST_F(SmallCallsTest, OfOneBatchAreDoneOneAfterTheOtherAndHarmNoOther) {
+    const Id first = std::get<UploadRecord>(open(7, m_token).result).id;
+    const Id wrong = std::get<UploadRecord>(open(7, m_token).result).id;
+    ASSERT_FALSE(record(first, "content").isDeclined());
+    ASSERT_FALSE(record(wrong, "CONTENT").isDeclined());
+    std::array<std::promise<SmallOutcome<FinalizedFile>>, 4> made;
+    const auto submit = [&](std::size_t index, Id upload, const std::string& key) {
+        Finalisation request;
+        request.uploadId = upload;
+        request.key = {key, Sha256::of(std::to_string(upload))};
+        request.dataType = "Regular";
+        request.trace = "{}";
+        m_catalog->finalizeSmall(m_token, std::move(request),
+                                 [&made, index](SmallOutcome<FinalizedFile> outcome) {
+                                     made[index].set_value(std::move(outcome));
+                                 });
+    };
+    submit(0, first, "one");
+    submit(1, wrong, "two");
+    submit(2, first, "one");
+    submit(3, first, "three");
+    m_catalog->beginSmallCalls();
+    const auto file = std::get<FinalizedFile>(made[0].get_future().get().result);
+    EXPECT_TRUE(file.isNew);
+    EXPECT_TRUE(made[1].get_future().get().isDeclined());
+    const auto again = std::get<FinalizedFile>(made[2].get_future().get().result);
+    EXPECT_FALSE(again.isNew);
+    EXPECT_EQ(again.fileId, file.fileId);
+    EXPECT_TRUE(made[3].get_future().get().isDeclined());
+    EXPECT_EQ(m_catalog->versions(m_admin, file.fileId).size(), 1U);
 }
 
 TEST_F(CatalogTest, AKeyIsRememberedOverARestartAndRefusesAnotherRequest) {

@@ -196,8 +196,13 @@ TEST_F(UploadCalls, FinalisingTwiceWithOneKeyIsOneVersion) {
     EXPECT_EQ(listed(), "a;a;");
 }
 
-TEST_F(UploadCalls, ConcurrentFinalisationsWithOneKeyGetOneResult) {
-    const std::string content = sampleBytes(2'000'000);
+class UploadCallsOfSize : public UploadCalls, public ::testing::WithParamInterface<std::size_t> {};
+
+INSTANTIATE_TEST_SUITE_P(SmallAndLarge, UploadCallsOfSize, ::testing::Values(20U, 2'000'000U),
+                         ::testing::PrintToStringParamName());
+
+TEST_P(UploadCallsOfSize, ConcurrentFinalisationsWithOneKeyGetOneResult) {
+    const std::string content = sampleBytes(GetParam());
     const json upload = openUpload("a", content.size());
     putAll(upload, content);
     std::vector<std::future<std::string>> replies;

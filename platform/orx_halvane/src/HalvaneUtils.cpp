@@ -50,8 +50,9 @@ public:
     using Job = std::function<void()>;
 
     static UnpackLine& instance() {
-        // Never destroyed: workers may be at it while the program ends.
+        // Never destroyed: workers may be at it while the program ends. What waits then is let go.
         static UnpackLine& only = *new UnpackLine;
+        static const ClearedAtExit cleared{only};
         return only;
     }
     void add(Job job) {
@@ -62,13 +63,30 @@ public:
                 return;
             ++m_workers;
         }
-        WorkerPool::instance().submit([this] { serve(); }, nullptr, {});
+        submit();
     }
 
 private:
+    struct ClearedAtExit {
+        UnpackLine& line;
+        ~ClearedAtExit() { line.clear(); }
+    };
+
+    void submit() {
+        WorkerPool::instance().submit([this] { serve(); }, nullptr, {});
+    }
+    //! One job for each order of the pool, which takes none any more when the program ends.
     void serve() {
-        while (const Job job = take())
-            job();
+        const Job job = take();
+        if (!job)
+            return;
+        job();
+        submit();
+    }
+    void clear() {
+        std::deque<Job> dropped;
+        const std::lock_guard lock(m_mutex);
+        dropped.swap(m_jobs);
     }
     //! Null when nothing is left for this worker.
     Job take() {

@@ -16,9 +16,11 @@
 
 #include <gtest/gtest.h>
 
+#include <condition_variable>
 #include <future>
 #include <latch>
 #include <mutex>
+#include <optional>
 #include <thread>
 
 using namespace orx;
@@ -131,20 +133,38 @@ class PackedTasksInLine : public PackedTasks, public ::testing::WithParamInterfa
 INSTANTIATE_TEST_SUITE_P(Destroyed, PackedTasksInLine, ::testing::Bool(),
                          [](const auto& one) { return one.param ? "Yes" : "No"; });
 
-// Without an event loop room is given as soon as it is given back.
+//! What somebody in line was told, on whatever thread, and what was in the directory then.
+struct RoomAnswer {
+    std::mutex mutex;
+    std::condition_variable given;
+    std::optional<Error> error;
+    QStringList left;
+
+    bool isGiven() {
+        const std::lock_guard lock(mutex);
+        return error.has_value();
+    }
+    void give(const Error& outcome, const QStringList& made) {
+        const std::lock_guard lock(mutex);
+        error = outcome;
+        left = made;
+        given.notify_all();
+    }
+    void await() {
+        std::unique_lock lock(mutex);
+        given.wait(lock, [this] { return error.has_value(); });
+    }
+};
+
 TEST_P(PackedTasksInLine, WhatIsCancelledOrDestroyedAfterItsBodyLeavesItsRoomAndNoFile) {
     constexpr qint64 allButLittle = (qint64(1) << 30) - 100;
     const orx::testing::SmallDisk disk(path(QStringLiteral("out")).toStdString(), qint64(1) << 30);
-    bool isAnswered = false;
-    Error answer;
-    QStringList left;
+    const auto answer = std::make_shared<RoomAnswer>();
     const auto next = std::make_shared<vonk::RoomWish>();
     next->directory = path(QStringLiteral("out"));
     next->bytes = allButLittle;
-    next->given = [&](const Result<std::shared_ptr<vonk::DiskRoom>>& room) {
-        isAnswered = true;
-        answer = room.error();
-        left = made();
+    next->given = [this, answer](const Result<std::shared_ptr<vonk::DiskRoom>>& room) {
+        answer->give(room.error(), made());
     };
     const auto packAndStop = [&] {
         auto task =
@@ -155,7 +175,7 @@ TEST_P(PackedTasksInLine, WhatIsCancelledOrDestroyedAfterItsBodyLeavesItsRoomAnd
                 return;
             EXPECT_EQ(made(), QStringList{QStringLiteral("run1.mgf.vonk")});
             vonk::DiskRoom::ask(next);
-            EXPECT_FALSE(isAnswered) << "it is in line";
+            EXPECT_FALSE(answer->isGiven()) << "it is in line";
             if (GetParam())
                 task.reset();
             else
@@ -165,9 +185,9 @@ TEST_P(PackedTasksInLine, WhatIsCancelledOrDestroyedAfterItsBodyLeavesItsRoomAnd
         OwnerInbox::ofThisThread()->waitUntil([&] { return !task || task->isIdle(); }, std::nullopt);
         EXPECT_EQ(!task, GetParam());
         EXPECT_TRUE(!task || task->isCanceled());
-        EXPECT_TRUE(isAnswered);
-        EXPECT_FALSE(answer.hasError()) << answer.errorMessage().toStdString();
-        EXPECT_EQ(left, QStringList());
+        answer->await();
+        EXPECT_FALSE(answer->error->hasError()) << answer->error->errorMessage().toStdString();
+        EXPECT_EQ(answer->left, QStringList());
     };
     std::thread(packAndStop).join();
 }

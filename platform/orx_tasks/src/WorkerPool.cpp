@@ -65,9 +65,12 @@ WorkerPool& WorkerPool::instance() {
 
 WorkerPool::WorkerPool() : d(new Private) {}
 
-// What is shared stays: another thread may be about to wake a worker.
+// What is shared stays, since another thread may be about to wake a worker; what nobody has begun is let go.
 WorkerPool::~WorkerPool() {
     end();
+    std::deque<Order> dropped;
+    const std::lock_guard lock(d->mutex);
+    dropped.swap(d->orders);
 }
 
 void WorkerPool::end() {

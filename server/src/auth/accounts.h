@@ -25,9 +25,9 @@ public:
     // Throws NotAuthenticated, alike and after the same work for a wrong name and a wrong password;
     // TooManyRequests.
     LoginResult login(const std::string& name, const std::string& password);
-    // Throws NotAuthenticated.
     // What the catalogue knows the header's token by; nothing when it holds none.
     static std::optional<Sha256Digest> tokenHash(std::string_view authorizationHeader);
+    // Throws NotAuthenticated.
     Caller authenticate(std::string_view authorizationHeader);
     void logout(std::string_view authorizationHeader);
 

@@ -35,12 +35,20 @@ bool fits(const std::vector<std::string>& pattern, const std::vector<std::string
 
 void Router::add(const std::string& method, const std::string& pattern, std::uint64_t maximumBody,
                  Handler handler, QuickHandler quick) {
-    m_routes.push_back({method, segmentsOf(pattern), maximumBody, std::move(handler), {}, std::move(quick)});
+    m_routes.push_back(
+        {method, segmentsOf(pattern), maximumBody, std::move(handler), {}, std::move(quick), {}});
 }
 
 void Router::addStream(const std::string& method, const std::string& pattern, std::uint64_t maximumBody,
-                       StreamHandler handler, QuickHandler quick) {
-    m_routes.push_back({method, segmentsOf(pattern), maximumBody, {}, std::move(handler), std::move(quick)});
+                       StreamHandler handler, QuickHandler quick,
+                       std::function<bool(const PathValues&)> mayBeQuick) {
+    m_routes.push_back({method,
+                        segmentsOf(pattern),
+                        maximumBody,
+                        {},
+                        std::move(handler),
+                        std::move(quick),
+                        std::move(mayBeQuick)});
 }
 
 Match Router::match(std::string_view method, std::string_view path) const {

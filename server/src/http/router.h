@@ -12,6 +12,8 @@ struct Route {
     Handler handler; // or
     StreamHandler stream;
     QuickHandler quick; // where there is one: asked before the others when the body is small
+    std::function<bool(const PathValues&)> mayBeQuick; // nothing: always
+    bool isQuick(const PathValues& values) const { return quick && (!mayBeQuick || mayBeQuick(values)); }
 };
 
 struct Match {
@@ -25,7 +27,8 @@ public:
     void add(const std::string& method, const std::string& pattern, std::uint64_t maximumBody,
              Handler handler, QuickHandler quick = {});
     void addStream(const std::string& method, const std::string& pattern, std::uint64_t maximumBody,
-                   StreamHandler handler, QuickHandler quick = {});
+                   StreamHandler handler, QuickHandler quick = {},
+                   std::function<bool(const PathValues&)> mayBeQuick = {});
 
     // What the I/O thread calls when it has asked the quick handlers of all requests that were there: they
     // may leave their work until then, and share it.

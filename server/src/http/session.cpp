@@ -219,7 +219,7 @@ asio::awaitable<void> Session::answer(Exchange& exchange) {
     }
     if (match.route == nullptr)
         co_return;
-    if (match.route->quick && exchange.request.contentLength <= alwaysCollectable &&
+    if (match.route->isQuick(match.values) && exchange.request.contentLength <= alwaysCollectable &&
         co_await answerQuickly(exchange, match))
         co_return;
     if (match.route->stream)

@@ -135,7 +135,7 @@ public:
                                   std::string content, const std::optional<Sha256Digest>& contentSha256,
                                   SmallDone<ReceivedChunk> done) = 0;
     // `request` without its caller and its sha256; declined unless it is done already or its upload is an
-    // open inline one.
+    // open inline one whose content is what it should be.
     virtual void finalizeSmall(const Sha256Digest& token, Finalisation request,
                                SmallDone<FinalizedFile> done) = 0;
 

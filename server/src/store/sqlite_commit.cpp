@@ -164,22 +164,16 @@ void closeUpload(SqliteConnection& connection, Id upload, const Target& target, 
         .run();
 }
 
-FinalisationOutcome commitOne(SqliteConnection& connection, const Finalisation& request) {
+// Nothing, and nothing done, when the content differs from its SHA-256.
+std::optional<FinalizedFile> commitVerified(SqliteConnection& connection, const Finalisation& request) {
     const Id user = request.caller.userId;
     if (auto file = findFinalizedOfKey(connection, user, request.key))
-        return std::move(*file);
+        return file;
     const TimeMs now = currentTime();
     const OpenUpload upload = requireCompleteUpload(connection, request);
     const std::optional<Content> content = verifiedContent(connection, request, upload);
-    if (!content) {
-        // Returned rather than thrown: that the SHA-256 is gone is to be committed.
-        Query(connection, "UPDATE uploads SET content_sha256 = NULL WHERE id = ?1")
-            .bind(request.uploadId)
-            .run();
-        return ApiError(ErrorCode::ChecksumMismatch,
-                        "The content of the upload " + std::to_string(request.uploadId) +
-                            " differs from its SHA-256; the file changed while it was sent.");
-    }
+    if (!content)
+        return std::nullopt;
     const Target target = upload.isNewVersion ? newVersionOf(connection, request, upload)
                                               : newFileIn(connection, request, upload, now);
     insertVersion(connection, request, upload, *content, target, now);
@@ -188,6 +182,16 @@ FinalisationOutcome commitOne(SqliteConnection& connection, const Finalisation& 
     FinalizedFile made = findFinalized(connection, target.fileId, target.version).value();
     made.isNew = true;
     return made;
+}
+
+FinalisationOutcome commitOne(SqliteConnection& connection, const Finalisation& request) {
+    if (auto file = commitVerified(connection, request))
+        return std::move(*file);
+    // Returned rather than thrown: that the SHA-256 is gone is to be committed.
+    Query(connection, "UPDATE uploads SET content_sha256 = NULL WHERE id = ?1").bind(request.uploadId).run();
+    return ApiError(ErrorCode::ChecksumMismatch,
+                    "The content of the upload " + std::to_string(request.uploadId) +
+                        " differs from its SHA-256; the file changed while it was sent.");
 }
 
 // Whether a finalisation of a small upload is all that there is to do.
@@ -209,8 +213,9 @@ void SqliteCatalog::finalizeSmall(const Sha256Digest& token, Finalisation reques
             return std::move(*file);
         if (!isOpenInline(connection, caller.userId, request->uploadId))
             return {};
-        return std::visit([](auto&& outcome) -> SmallResult<FinalizedFile> { return std::move(outcome); },
-                          commitOne(connection, *request));
+        // Who asks the same meanwhile is to hear the same, which the ordinary way sees to.
+        auto file = commitVerified(connection, *request);
+        return file ? SmallResult<FinalizedFile>(std::move(*file)) : SmallResult<FinalizedFile>();
     };
     submitSmall<FinalizedFile>(m_writer, Durability::Flushed, token, finalize, std::move(done));
 }

@@ -102,8 +102,14 @@ bool SqliteWriter::runTogether(std::vector<Job>& batch) {
     std::vector<std::exception_ptr> failures(batch.size());
     const bool flushed = std::any_of(batch.begin(), batch.end(),
                                      [](const Job& job) { return job.durability == Durability::Flushed; });
+    if (const std::exception_ptr failure =
+            refusalOfTransaction(flushed ? Durability::Flushed : Durability::Relaxed)) {
+        // They have waited for another process together, and not each once more.
+        for (Job& job : batch)
+            job.done(failure);
+        return true;
+    }
     try {
-        prepareTransaction(flushed ? Durability::Flushed : Durability::Relaxed);
         for (std::size_t i = 0; i < batch.size(); ++i) {
             Query(m_connection, "SAVEPOINT member").run();
             try {
@@ -136,6 +142,18 @@ std::exception_ptr SqliteWriter::failureOf(const Job& job) {
         prepareTransaction(job.durability);
         job.work(m_connection);
         Query(m_connection, "COMMIT").run();
+    } catch (...) {
+        std::exception_ptr failure = translatedCurrent();
+        rollBack();
+        return failure;
+    }
+    return nullptr;
+}
+
+// Null when the transaction has begun.
+std::exception_ptr SqliteWriter::refusalOfTransaction(Durability durability) {
+    try {
+        prepareTransaction(durability);
     } catch (...) {
         std::exception_ptr failure = translatedCurrent();
         rollBack();

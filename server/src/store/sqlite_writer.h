@@ -80,6 +80,7 @@ private:
     bool runTogether(std::vector<Job>& batch);
     void runAlone(Job& job);
     std::exception_ptr failureOf(const Job& job);
+    std::exception_ptr refusalOfTransaction(Durability durability);
     void prepareTransaction(Durability durability);
     void rollBack();
     void afterCommit();
