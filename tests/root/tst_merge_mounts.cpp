@@ -1,6 +1,7 @@
 // A directory that is a mount point, or in which anything is mounted, is not replaced by a merged one: what
 // is mounted would go with the old one, and be emptied through it. Also where the kernel does not tell of an
 // entry whether it is one, so that it is a program of its own.
+#include "MergeFiles.h"
 #include "MountedVolume.h"
 
 #include <DirectoryMerge.h>
@@ -8,7 +9,6 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QTemporaryDir>
 
 #include <gtest/gtest.h>
 
@@ -34,7 +34,7 @@ extern "C" int statx(int directory, const char* path, int flags, unsigned mask, 
 namespace orx::testing {
 namespace {
 
-class MergeMounts : public ::testing::TestWithParam<bool> {
+class MergeMounts : public ::testing::TestWithParam<bool>, protected MergeFiles {
 protected:
     void SetUp() override {
         tellsNoMounts = !GetParam();
@@ -44,19 +44,6 @@ protected:
         put("elsewhere/original", "the original");
     }
     void TearDown() override { tellsNoMounts = false; }
-    QString at(const char* path) const {
-        return QFileInfo(m_dir.path()).canonicalFilePath() + u'/' + QString::fromUtf8(path);
-    }
-    void put(const char* path, const QByteArray& content) const {
-        ASSERT_TRUE(QDir().mkpath(QFileInfo(at(path)).path()));
-        QFile file(at(path));
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-        ASSERT_EQ(file.write(content), content.size());
-    }
-    QByteArray get(const char* path) const {
-        QFile file(at(path));
-        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("(nothing)");
-    }
     //! The merge is refused because of \a mounted, and nothing is made beside the target for it.
     void expectRefused(const QString& mounted) const {
         const int watch = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
@@ -72,7 +59,6 @@ protected:
     }
 
 private:
-    QTemporaryDir m_dir;
 };
 
 INSTANTIATE_TEST_SUITE_P(KernelTells, MergeMounts, ::testing::Bool());

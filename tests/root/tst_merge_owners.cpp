@@ -1,11 +1,12 @@
 // A directory that is replaced, and what is in it, stay with the people they belong to, or nothing is
 // replaced. Only root may give files away and belongs to every group. A program of its own, since it makes
 // system calls fail.
+#include "MergeFiles.h"
+
 #include <DirectoryMerge.h>
 
 #include <QDir>
 #include <QFile>
-#include <QTemporaryDir>
 
 #include <gtest/gtest.h>
 
@@ -47,7 +48,7 @@ namespace {
 constexpr uid_t alice = 4242;
 constexpr gid_t lab = 4243;
 
-class MergeOwners : public ::testing::Test {
+class MergeOwners : public ::testing::Test, protected MergeFiles {
 protected:
     void SetUp() override {
         put("new/acqu", "new parameters");
@@ -64,18 +65,7 @@ protected:
         ASSERT_EQ(::chown(bytes(path).constData(), alice, lab), 0);
         ASSERT_EQ(::chmod(bytes(path).constData(), mode), 0);
     }
-    QString at(const char* path) const { return m_dir.filePath(QString::fromUtf8(path)); }
     QByteArray bytes(const char* path) const { return QFile::encodeName(at(path)); }
-    void put(const char* path, const QByteArray& content) const {
-        ASSERT_TRUE(QDir().mkpath(QFileInfo(at(path)).path()));
-        QFile file(at(path));
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-        ASSERT_EQ(file.write(content), content.size());
-    }
-    QByteArray get(const char* path) const {
-        QFile file(at(path));
-        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("(nothing)");
-    }
     struct stat infoOf(const char* path) const {
         struct stat info = {};
         EXPECT_EQ(::lstat(bytes(path).constData(), &info), 0) << path;
@@ -102,7 +92,6 @@ protected:
     }
 
 private:
-    QTemporaryDir m_dir;
 };
 
 TEST_F(MergeOwners, AFileOfSomebodyElseStaysTheirs) {

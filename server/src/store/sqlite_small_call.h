@@ -14,7 +14,7 @@ template <typename Result, typename Work>
 void submitSmall(SqliteWriter& writer, Durability durability, const Sha256Digest& token, Work work,
                  SmallDone<Result> done) {
     const auto outcome = std::make_shared<SmallOutcome<Result>>();
-    const auto run = [outcome, token, work = std::move(work)](SqliteConnection& connection) {
+    auto run = [outcome, token, work = std::move(work)](SqliteConnection& connection) {
         *outcome = {};
         const auto caller = findCaller(connection, token, currentTime());
         if (!caller)
@@ -22,7 +22,7 @@ void submitSmall(SqliteWriter& writer, Durability durability, const Sha256Digest
         outcome->user = caller->name;
         outcome->result = work(connection, *caller);
     };
-    const auto end = [outcome, &writer, done = std::move(done)](const std::exception_ptr& failure) {
+    auto end = [outcome, &writer, done = std::move(done)](const std::exception_ptr& failure) {
         outcome->transaction = writer.transaction();
         try {
             if (failure)
@@ -34,7 +34,7 @@ void submitSmall(SqliteWriter& writer, Durability durability, const Sha256Digest
         }
         done(std::move(*outcome));
     };
-    writer.submit(durability, run, end);
+    writer.submit(durability, std::move(run), std::move(end));
 }
 
 } // namespace halvane::server

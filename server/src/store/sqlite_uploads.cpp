@@ -156,9 +156,8 @@ void SqliteCatalog::openUpload(const Sha256Digest& token, NewUpload upload, Call
 void SqliteCatalog::recordSmallChunk(const Sha256Digest& token, Id id, const ReceivedChunk& chunk,
                                      std::string content, const std::optional<Sha256Digest>& contentSha256,
                                      SmallDone<ReceivedChunk> done) {
-    const auto record = [=,
-                         content = std::move(content)](SqliteConnection& connection,
-                                                       const Caller& caller) -> SmallResult<ReceivedChunk> {
+    auto record = [=, content = std::move(content)](SqliteConnection& connection,
+                                                    const Caller& caller) -> SmallResult<ReceivedChunk> {
         const UploadRecord upload = requireOpenUpload(connection, caller, id);
         if (!isInline(upload) || chunk.index >= upload.chunkCount() ||
             upload.chunkLength(chunk.index) != static_cast<std::int64_t>(content.size()))
@@ -166,7 +165,7 @@ void SqliteCatalog::recordSmallChunk(const Sha256Digest& token, Id id, const Rec
         storeChunk(connection, id, chunk, content, contentSha256);
         return chunk;
     };
-    submitSmall<ReceivedChunk>(m_writer, Durability::Relaxed, token, record, std::move(done));
+    submitSmall<ReceivedChunk>(m_writer, Durability::Relaxed, token, std::move(record), std::move(done));
 }
 
 UploadRecord SqliteCatalog::upload(const Caller& caller, Id id) {
